@@ -1,0 +1,43 @@
+# One test program for everything that can share a process; tests/process_*.cpp each
+# become a program of their own, for state that lives as long as the process.
+file(GLOB zyn_test_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/test_*.cpp
+     ${PROJECT_SOURCE_DIR}/tests/support/*.cpp)
+file(GLOB zyn_process_tests CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/process_*.cpp)
+
+if(WIN32)
+  # Debian ships GoogleTest's sources; the cross build makes its own.
+  set(gtest_force_shared_crt ON)
+  set(INSTALL_GTEST OFF)
+  set(BUILD_GMOCK OFF)
+  add_subdirectory(/usr/src/googletest ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+  add_library(zyn_gtest INTERFACE)
+  target_link_libraries(zyn_gtest INTERFACE gtest gtest_main)
+else()
+  find_package(GTest REQUIRED)
+  add_library(zyn_gtest INTERFACE)
+  target_link_libraries(zyn_gtest INTERFACE GTest::gtest GTest::gtest_main)
+endif()
+
+function(zyn_add_test_program name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE zyncore_static zyn_gtest)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
+  target_compile_options(${name} PRIVATE -Wall -Wextra -mavx2 -mfma -ffp-contract=off)
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 900)
+endfunction()
+
+zyn_add_test_program(zyncore_tests ${zyn_test_sources})
+foreach(source IN LISTS zyn_process_tests)
+  get_filename_component(name ${source} NAME_WE)
+  zyn_add_test_program(${name} ${source})
+endforeach()
+
+# The built library exports what exports.txt names, which is what the header
+# declares, and needs nothing but system libraries.
+add_test(NAME exports COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_exports.sh
+         $<TARGET_FILE:zyncore> ${zyn_exports} ${PROJECT_SOURCE_DIR}/include/zyncore.h)
+# The header is C99 and C++ by itself.
+add_library(zyn_header_c OBJECT ${PROJECT_SOURCE_DIR}/tests/header_c99.c)
+target_include_directories(zyn_header_c PRIVATE ${PROJECT_SOURCE_DIR}/include)
+target_compile_options(zyn_header_c PRIVATE -std=c99 -pedantic -Wall -Wextra -Werror)

@@ -1,0 +1,441 @@
+/* zyncore: small convolutional networks on one CPU core, and what a face
+ * application needs around them.
+ *
+ * This is the whole public interface: plain C99 records and functions. It also
+ * compiles as C++. Everything the library allocates is counted
+ * (zyn_get_current_memory_size_occupation) and is released by the function that
+ * the description names.
+ *
+ * Conventions that hold everywhere:
+ *  - Functions that can fail return a zyn_ret code (0 is success) or, where they
+ *    create something, a pointer (null is failure). A failing call also prints a
+ *    report to standard output; where a description says "silent" it does not.
+ *  - Release functions take the address of your pointer and set it to null.
+ *  - Nothing here is locked. One graph, tracker or image belongs to one thread at
+ *    a time; the memory counter, the random generator and the clock's cached
+ *    frequency are plain globals.
+ *  - File names are UTF-8 on every system.
+ *  - Axes: dims[0] is the contiguous extent of a tensor (the row length), dims[1]
+ *    the number of rows, dims[2] the number of channels. Operator parameters come
+ *    in pairs named _h and _w: the first of a pair (_h) belongs to dims[0], the
+ *    second (_w) to dims[1].
+ */
+#ifndef ZYNCORE_H
+#define ZYNCORE_H
+
+#include <stdint.h>
+
+#if defined(ZYN_STATIC)
+#define ZYN_API
+#elif defined(_WIN32)
+#if defined(ZYN_BUILDING)
+#define ZYN_API __declspec(dllexport)
+#else
+#define ZYN_API __declspec(dllimport)
+#endif
+#else
+#define ZYN_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------ */
+/* Return codes and messages                                                 */
+/* ------------------------------------------------------------------------ */
+
+/* What a call answers. The values are fixed: the first nine failures are single
+ * bits, then they count on by one. A call returns exactly one of them. */
+typedef enum zyn_ret {
+  ZYN_RET_OK = 0,                 /* success */
+  ZYN_RET_ERR_PARA = 1,           /* bad arguments */
+  ZYN_RET_ERR_MEMORY = 2,         /* an allocation failed */
+  ZYN_RET_ERR_NOT_SUPPORT = 4,    /* valid, but not supported */
+  ZYN_RET_ERR_OPEN_FILE = 8,      /* a file could not be opened */
+  ZYN_RET_ERR_UNINITIALIZED = 16, /* data not initialised */
+  ZYN_RET_ERR_UNKNOWN = 32,       /* no other code fits, for example a cycle */
+  ZYN_RET_ERR_END_OF_FILE = 64,   /* end of the file */
+  ZYN_RET_ERR_WAITING = 128,      /* a queue is full */
+  ZYN_RET_ERR_DATA_LENGTH = 256,  /* a buffer is too short */
+  ZYN_RET_ERR_ALREADY_EXISTS = 257,
+  ZYN_RET_ERR_NOT_FOUND = 258,
+  ZYN_RET_ERR_LOCK = 259 /* no call returns it */
+} zyn_ret;
+
+/* The message of every code, in the order of zyn_ret: [0] belongs to code 0, [1]
+ * to 1, [2] to 2, [3] to 4, ... [9] to 256, [10] to 257, [11] to 258, [12] to
+ * ZYN_RET_ERR_LOCK. NUL-terminated, never null, read-only. */
+ZYN_API extern const char* const zyn_error_string[13];
+
+/* ------------------------------------------------------------------------ */
+/* Memory                                                                     */
+/* ------------------------------------------------------------------------ */
+
+/* Allocates size bytes, aligned to 32 bytes, content uninitialised, and counts
+ * them. Null when size < 1 or the system has no memory. Silent. */
+ZYN_API void* zyn_malloc(int64_t size);
+
+/* Frees a block of zyn_malloc, or one that a function here hands over and says to
+ * free with zyn_free. Null does nothing. */
+ZYN_API void zyn_free(void* block);
+
+/* Bytes that the library has handed out and not taken back: the sum of the sizes
+ * asked for, without alignment and headers. */
+ZYN_API uint64_t zyn_get_current_memory_size_occupation(void);
+
+/* ------------------------------------------------------------------------ */
+/* Growable array                                                             */
+/* ------------------------------------------------------------------------ */
+
+/* Writes a copy of *source into slot; index is the slot's position. */
+typedef void (*zyn_darray_copy_fn)(void* slot, const void* source, int64_t index);
+/* Frees what the element in slot owns. */
+typedef void (*zyn_darray_free_fn)(void* slot);
+
+/* How an array treats its elements. */
+typedef struct zyn_darray_type {
+  int64_t element_size;    /* bytes of one element; the low 32 bits count */
+  int64_t reserved;        /* 0 */
+  zyn_darray_copy_fn copy; /* null: elements are copied byte by byte */
+  zyn_darray_free_fn free; /* null: elements own nothing */
+} zyn_darray_type;
+
+/* A growable array of equal elements; element i lies at
+ * (char*)data + i * type.element_size. */
+typedef struct zyn_darray {
+  int64_t count;        /* elements in use */
+  int64_t capacity;     /* elements that fit in data */
+  zyn_darray_type type; /* copy of the descriptor given at creation */
+  void* data;           /* a zyn_malloc block, null until the first element */
+} zyn_darray;
+
+/* Elements that are NUL-terminated strings (char*) owned by the array:
+ * {sizeof(char*), 0, zyn_darray_element_str_cpy, zyn_darray_element_str_free}. */
+ZYN_API extern const zyn_darray_type zyn_darray_str_type;
+
+/* Creates an empty array; *type is copied. Null for a null type or without memory
+ * (silent). To let it go: type.free on every element (where set), then zyn_free
+ * on data and on the record. */
+ZYN_API zyn_darray* zyn_create_darray(const zyn_darray_type* type);
+
+/* The callbacks of zyn_darray_str_type. Copying stores a strdup of the string that
+ * *(char* const*)source points at (null stays null); freeing calls free() on the
+ * string in the slot. Such strings are not counted as library memory. */
+ZYN_API void zyn_darray_element_str_cpy(void* slot, const void* source, int64_t index);
+ZYN_API void zyn_darray_element_str_free(void* slot);
+
+/* ------------------------------------------------------------------------ */
+/* System utilities                                                           */
+/* ------------------------------------------------------------------------ */
+
+/* Milliseconds of a monotonic high-resolution clock whose zero is arbitrary; -1.0
+ * when it cannot be read. */
+ZYN_API double zyn_get_current_system_time(void);
+
+/* Appends "directory/name" to list (an array of zyn_darray_str_type) for every
+ * entry of directory that matches pattern and is not a directory, in name order.
+ * The pattern takes * and ?, ignores case, must begin with '*' or have '.' as its
+ * second character, and must be at least 3 characters long ("*.bmp", "a.txt").
+ * The working directory is the caller's again afterwards.
+ * 0: also when only directories matched; 1: null argument or refused pattern
+ * (silent), the directory cannot be entered (prints "chdir %s error\n"), nothing
+ * matches (prints "no %s file format in the %s!\n"). */
+ZYN_API int32_t zyn_get_specfic_files_for_given_dir(zyn_darray* list, const char* directory,
+                                                    const char* pattern);
+
+/* ------------------------------------------------------------------------ */
+/* Tensors                                                                    */
+/* ------------------------------------------------------------------------ */
+
+/* First field of every container record. */
+enum {
+  ZYN_KIND_MATRIX = 4,
+  ZYN_KIND_ROW_VECTOR = 5,
+  ZYN_KIND_COLUMN_VECTOR = 6,
+  ZYN_KIND_SCALAR = 7,
+  ZYN_KIND_IMAGE = 8,
+  ZYN_KIND_TENSOR = 16
+};
+
+/* Element type codes. The size of one value is {1, 1, 2, 2, 4, 4, 4, 8}[code & 7];
+ * codes 8 to 31 repeat it (in matrices they count channels, see zyn_matrix). */
+enum {
+  ZYN_TYPE_FPI16 = 3, /* signed 16-bit fixed point: value = v / 2^q */
+  ZYN_TYPE_F32 = 6,   /* 32-bit float */
+  ZYN_TYPE_F64 = 7    /* 64-bit float */
+};
+
+/* Order of the channels in a tensor's block, for dims {W, H, C}. */
+enum {
+  ZYN_LAYOUT_PLANAR = 0,      /* channel after channel, each H rows of W elements */
+  ZYN_LAYOUT_INTERLEAVED = 2, /* pixel after pixel, each with its C channels */
+  ZYN_LAYOUT_BLOCKED = 3      /* blocks of 8 channels, then one of 4 if 4 remain, then
+                               single channels; a block of g channels is H * W pixels of
+                               g values */
+};
+
+/* A block of up to five dimensions. Dimension 0 varies fastest: element
+ * (i0, i1, ...) lies at i0 * element_size + i1 * strides[0] + i2 * strides[1] + ... */
+typedef struct zyn_tensor {
+  uint32_t kind;         /* ZYN_KIND_TENSOR */
+  uint32_t type;         /* element type code, 0 to 31 */
+  void* data;            /* the elements, or null */
+  int32_t dims[5];       /* extents; 0 beyond dim_count */
+  uint32_t strides[4];   /* bytes: strides[i] = element_size * dims[0] * ... * dims[i] for
+                            i < dim_count - 1, else 0 */
+  int32_t dim_count;     /* 1 to 5 */
+  uint32_t owns_data;    /* non-zero: releasing the tensor frees data */
+  uint32_t element_size; /* bytes of one element */
+  int64_t byte_size;     /* count * element_size */
+  int64_t count;         /* product of all extents */
+  uint32_t layout;       /* channel order, ZYN_LAYOUT_*; 0 at creation */
+  void* reserved;        /* null at creation, not used */
+} zyn_tensor;
+
+/* Creates a tensor without data: dims points at dim_count extents, fastest first.
+ * It claims to own a block that it does not have yet; releasing it is safe all the
+ * same. Null when dim_count is outside 1 to 5, dims is null, type > 31, an extent
+ * is below 1, the block would exceed 2^31 - 1 elements or bytes, or memory is
+ * short. */
+ZYN_API zyn_tensor* zyn_create_tensor_header(int32_t dim_count, const int32_t* dims, uint32_t type);
+
+/* As zyn_create_tensor_header, with an owned block whose content is uninitialised.
+ * Release with zyn_release_tensor. */
+ZYN_API zyn_tensor* zyn_create_tensor(int32_t dim_count, const int32_t* dims, uint32_t type);
+
+/* Writes the header fields into your own record; data becomes null, not owned,
+ * layout 0. A block that the record owned is not freed. Only ZYN_TYPE_F32 and
+ * ZYN_TYPE_F64. 1: bad argument; the record is then unchanged. */
+ZYN_API int32_t zyn_set_tensor_header(zyn_tensor* tensor, int32_t dim_count, const int32_t* dims,
+                                      uint32_t type);
+
+/* Points the tensor at length bytes of yours, which stay yours; a block that the
+ * tensor owned is freed. 1: null argument; 256: length is below the tensor's
+ * byte_size. On failure nothing changes. */
+ZYN_API int32_t zyn_set_tensor_data(zyn_tensor* tensor, void* data, int64_t length);
+
+/* Sets owns_data. Set it to non-zero only for blocks of zyn_malloc. 1: null tensor
+ * (silent). */
+ZYN_API int32_t zyn_set_tensor_reference_value(zyn_tensor* tensor, uint32_t value);
+
+/* Sets the layout code; the data stay as they are. 1: null tensor (silent). */
+ZYN_API int32_t zyn_set_tensor_channel_layout(zyn_tensor* tensor, uint32_t layout);
+
+/* Frees an owned block and the record, and sets *tensor to null. 1: tensor or
+ * *tensor is null. */
+ZYN_API int32_t zyn_release_tensor(zyn_tensor** tensor);
+
+/* ------------------------------------------------------------------------ */
+/* Matrices                                                                   */
+/* ------------------------------------------------------------------------ */
+
+/* Rows x columns x pages of one element type, row by row, page after page; also
+ * the record of images (zyn_image). A type code is depth + 8 * (channels - 1):
+ * depth (type & 7) tells the value's size as in tensors, channels is 1 to 4. */
+typedef struct zyn_matrix {
+  uint32_t kind;         /* ZYN_KIND_*: scalar 1 x 1 x 1, row vector (one row, one page),
+                            column vector (one column, one page), image, or matrix */
+  uint32_t type;         /* type code, 0 to 31 */
+  void* data;            /* the block (images: plane 0), or null */
+  void* plane1;          /* images: second plane, or null */
+  void* plane2;          /* images: third plane, or null */
+  int32_t rows;          /* images: height */
+  int32_t cols;          /* images: width */
+  int32_t pages;         /* images: 1 */
+  int64_t row_bytes;     /* bytes from one row to the next */
+  int64_t plane1_bytes;  /* images: bytes from one row of plane1 to the next */
+  int64_t plane2_bytes;  /* images: the same for plane2 */
+  uint32_t owns_data;    /* non-zero: releasing the record frees data */
+  uint32_t flag;         /* 1 */
+  uint32_t element_size; /* bytes of one channel value */
+  int32_t channels;      /* channels of one element, 1 to 4; -1 in images of format 6 */
+  uint32_t format;       /* images: pixel format, ZYN_IMAGE_*; 15 in plain matrices */
+} zyn_matrix;
+
+/* Creates a matrix with an owned block of pages * rows * row_bytes bytes, content
+ * uninitialised. Null when an extent is below 1, type is outside 0 to 31, the size
+ * overflows or memory is short. Release with zyn_release_matrix. */
+ZYN_API zyn_matrix* zyn_create_matrix(int32_t rows, int32_t cols, int32_t pages, int32_t type);
+
+/* Writes the header fields into your own record; data becomes null, not owned (a
+ * block that the record owned is not freed). The type is not checked: pass 0 to
+ * 31. 1: null matrix or an extent below 1; the record is then unchanged. */
+ZYN_API int32_t zyn_set_matrix_header(zyn_matrix* matrix, int32_t rows, int32_t cols, int32_t pages,
+                                      int32_t type);
+
+/* Points the matrix at length bytes of yours, which stay yours; a block that it
+ * owned is freed. 1: null argument; 256: length < rows * pages * row_bytes. On
+ * failure nothing changes. */
+ZYN_API int32_t zyn_set_matrix_data(zyn_matrix* matrix, void* data, int64_t length);
+
+/* Frees an owned block and the record and sets *matrix to null; also for images.
+ * 1: matrix or *matrix is null. */
+ZYN_API int32_t zyn_release_matrix(zyn_matrix** matrix);
+
+/* ------------------------------------------------------------------------ */
+/* Computation graphs                                                         */
+/* ------------------------------------------------------------------------ */
+
+/* A network: numbered nodes, directed edges, one operator per node. Build it in
+ * this order: create, all edges, sort, one binding per node, prepare; then run it
+ * as often as needed and read node outputs. */
+typedef struct zyn_cg_handle zyn_cg_handle;
+
+/* Settings of a new graph. */
+typedef struct zyn_cg_create_param {
+  int32_t max_nodes;     /* node ids are 0 to max_nodes - 1 */
+  uint32_t thread_count; /* sizes the scratch of the convolution kernels */
+  uint32_t reserved[2];  /* not read */
+  uint32_t fixed_point;  /* 1: 16-bit fixed point; anything else: float */
+} zyn_cg_create_param;
+
+/* Creates an empty graph and prints "zyn go to cpu backend!" (or "zyn go to fixed
+ * point cpu backend!"). Null parameters mean 256 nodes, 1 thread, float. Null when
+ * max_nodes < 1 or memory is short. */
+ZYN_API zyn_cg_handle* zyn_create_computation_graph_handle(const zyn_cg_create_param* param);
+
+/* Frees the graph with its operators, their output tensors and workspaces, and the
+ * Q list; tensors of data nodes stay yours. 2 (silent): graph or *graph is null. */
+ZYN_API int32_t zyn_release_computation_graph_handle(zyn_cg_handle** graph);
+
+/* Chooses how convolution nodes that are bound afterwards compute: 0 planar direct,
+ * 1 blocked direct, 2 planned (the default). 1 (silent): null graph or another
+ * value; the method then stays as it was. */
+ZYN_API int32_t zyn_cg_set_conv_method(zyn_cg_handle* graph, uint32_t method);
+
+/* The graph's device type: always 0 in this library, also for a null graph. */
+ZYN_API uint32_t zyn_cg_get_dev_type(const zyn_cg_handle* graph);
+
+/* The graph's device context: always null in this library. */
+ZYN_API void* zyn_get_dev_context_from_cg_handle(const zyn_cg_handle* graph);
+
+/* Gives the graph its fixed-point Q list: max_nodes words, one per node id, the
+ * fraction bits of that node's output. The list must come from zyn_malloc and is
+ * the graph's from then on; a second list replaces the first without freeing it.
+ * 1 (silent): null argument. */
+ZYN_API int32_t zyn_cg_set_ptr_q_list(zyn_cg_handle* graph, uint32_t* q_list);
+
+/* The Q value of a node; 0xFFFFFFFF for a null graph, an id outside 0 to
+ * max_nodes - 1, or without a list. */
+ZYN_API uint32_t zyn_cg_get_q_from_list(const zyn_cg_handle* graph, int32_t node);
+
+/* Lets the output of node from feed node to. The order of a node's incoming edges
+ * is the order of its inputs; an edge added twice counts twice. Add every edge
+ * before the first binding. 1: null graph or negative id (reported), an id at or
+ * above max_nodes (silent; the ids count as nodes all the same, so a later sort
+ * fails). */
+ZYN_API int32_t zyn_add_one_edge_into_computation_graph(zyn_cg_handle* graph, int32_t from,
+                                                        int32_t to);
+
+/* Computes the order of execution. Node ids must be exactly 0 to n - 1. 1: null
+ * graph; 2: no memory; 32: the graph has a cycle or its ids have gaps. */
+ZYN_API int32_t zyn_computation_graph_topo_sort(zyn_cg_handle* graph);
+
+/* Node types of zyn_cg_node_desc; docs/operators.md holds shapes and formulas. */
+enum {
+  ZYN_OP_INPUT = 0,          /* data node: a tensor of the caller, read at every run */
+  ZYN_OP_DATA = 1,           /* data node that no operator of this library reads */
+  ZYN_OP_CONSTANT = 2,       /* data node: weights */
+  ZYN_OP_CONV = 3,           /* convolution, zyn_conv_param */
+  ZYN_OP_CONV_DEPTHWISE = 4, /* depthwise convolution, zyn_conv_param */
+  ZYN_OP_CONV_POINTWISE = 5, /* 1 x 1 convolution, zyn_conv_param */
+  ZYN_OP_CONV_ACT = 12,      /* convolution and activation, zyn_conv_param */
+  ZYN_OP_CONV_BN = 13,       /* convolution, folded normalisation, activation */
+  ZYN_OP_ADD = 27            /* element-wise sum of two inputs, no parameters */
+};
+
+/* What a node is. Only type is read for operators (types 3 and above). */
+typedef struct zyn_cg_node_desc {
+  int32_t type;    /* ZYN_OP_* */
+  void* data;      /* data nodes: the zyn_tensor they stand for; it stays yours and
+                      must live as long as the graph uses it */
+  uint32_t word_a; /* data nodes: kept with the node, free for your use */
+  void* extra;     /* not read */
+  uint32_t word_b; /* data nodes: kept with the node, free for your use */
+} zyn_cg_node_desc;
+
+/* Binds a node: data nodes keep a copy of the descriptor, operators read param, the
+ * record of their type (copied; your buffer is free afterwards). Sort first. 1: null
+ * graph or descriptor, unknown node or type, node bound before (all reported), null
+ * param where the type needs one (silent); 2: no memory; 4: not supported. The
+ * node counts as bound even if its operator refuses. */
+ZYN_API int32_t zyn_bind_operator_onto_computation_graph(zyn_cg_handle* graph, int32_t node,
+                                                         const zyn_cg_node_desc* desc,
+                                                         const void* param);
+
+/* Lets every operator find its inputs, make its output tensor and pack its weights,
+ * in order of execution. Weights are read here: change them and prepare again.
+ * 0; 1: null graph or unbound node; else the code of the first operator that
+ * fails, after printing "failed to prepare inference node:%d!!!" (2: output or
+ * workspace could not be made; 4: not supported). */
+ZYN_API int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph);
+
+/* Runs every node once, in order; the network's inputs are read from the tensors of
+ * its data nodes. 0; 1: null graph; else the code of the first node that fails,
+ * after printing "failed to inference: %d!!!". */
+ZYN_API int32_t zyn_computation_graph_inference(zyn_cg_handle* graph);
+
+/* The output tensor of a node: the graph's, valid until it is released or prepared
+ * again, rewritten by every run. Its layout field tells the channel order. Null for
+ * a null graph, an id without an operator, data nodes, and before preparation. */
+ZYN_API zyn_tensor* zyn_get_computation_node_inference_data(zyn_cg_handle* graph, int32_t node);
+
+/* ------------------------------------------------------------------------ */
+/* Operator parameter records                                                 */
+/* ------------------------------------------------------------------------ */
+
+/* Activation codes of types 12 and 13, applied after the convolution. Any other
+ * code, 3 included, leaves the plain convolution without bias. */
+enum {
+  ZYN_ACT_BIAS = 0,        /* bias only */
+  ZYN_ACT_RELU = 1,        /* bias, then max(y, 0) */
+  ZYN_ACT_HARD_SWISH = 2,  /* bias, then y * min(max(y + 3, 0), 6) / 6 */
+  ZYN_ACT_HARD_SIGMOID = 4 /* bias, then min(max(y + 3, 0), 6) / 6: type 13 with
+                              method 2 only, elsewhere as any other code */
+};
+
+/* Convolutions (types 3, 4, 5, 12, 13). The node has one data input {H, W,
+ * in_channels} (dims[0], dims[1], dims[2]) and one constant (type 2).
+ *
+ * Output of types 3, 4, 5, 12: {oh, ow, out_channels} with
+ *   oh = (H - 1 + 2 * pad_h - (kernel_h - 1) * dilation_h) / stride_h + 1
+ *   ow = (W - 1 + 2 * pad_w - (kernel_w - 1) * dilation_w) / stride_w + 1
+ * Output of type 13: oh = (H - kernel_h + 2 * pad_h) / stride_h + 1 and
+ *   ow = (W - kernel_w + 2 * pad_h) / stride_w + 1 (pad_h in both, on purpose).
+ *
+ * The constant is a float tensor holding, in this order:
+ *  1. weights [out][in][row][column], columns running along dims[0], so that the
+ *     weight of row r and column c lies at r * kernel_h + c; depthwise
+ *     (in_channels = out_channels = groups): [channel][row][column];
+ *  2. out_channels biases, only when bias is 1;
+ *  3. type 13: scale, shift, mean and variance, out_channels values each; nothing
+ *     may follow.
+ * It may lie anywhere 4-byte aligned. Weights are read by preparation, biases at
+ * every run; type 13 reads everything by preparation.
+ *
+ * Codes: prepare 1 (no input or constant, constant too short), 2 (output below one
+ * pixel, memory, or a shape that method 2 refuses: unequal pairs, dilation, groups
+ * other than 1 and in_channels); run 1 (channel counts of record and tensors
+ * differ), 4 (method 1 with a shape it has no kernel for). */
+typedef struct zyn_conv_param {
+  int32_t in_channels, out_channels;
+  int32_t kernel_h, kernel_w;
+  int32_t stride_h, stride_w; /* at least 1 */
+  int32_t pad_h, pad_w;       /* zeros on both sides */
+  int32_t reserved[2];        /* not read */
+  int32_t dilation_h, dilation_w;
+  int32_t groups; /* 1, or in_channels = out_channels = groups for depthwise */
+  int32_t bias;   /* 1: the constant holds biases; anything else: it does not */
+  union {
+    int32_t activation; /* type 12: activation code */
+    float epsilon;      /* type 13: added to the variance; 0 means 1e-5 */
+  } word14;
+  int32_t activation; /* type 13: activation code */
+} zyn_conv_param;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,72 @@
+// The counted allocator. Every block is aligned to 32 bytes and preceded by two
+// 64-bit words: [-1] the size asked for, [-2] the address the system gave.
+#include "base/zyn_memory.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+namespace {
+
+constexpr uint64_t kOverhead = 48;  // two header words and the way to the next multiple of 32
+constexpr uint64_t kLargest = UINT64_MAX - kOverhead;
+
+void* system_allocate(size_t bytes) { return malloc(bytes); }
+void system_release(void* block) { free(block); }
+
+constexpr zyn_system_allocator kSystem = {system_allocate, system_release};
+zyn_system_allocator allocator = kSystem;
+
+uint64_t bytes_in_use = 0;  // On purpose not atomic: one thread allocates at a time.
+
+uint64_t* header_of(void* block) { return static_cast<uint64_t*>(block); }
+
+}  // namespace
+
+zyn_system_allocator zyn_set_system_allocator(const zyn_system_allocator* replacement) {
+  const zyn_system_allocator before = allocator;
+  allocator = replacement ? *replacement : kSystem;
+  return before;
+}
+
+void* zyn_malloc(int64_t size) {
+  if (size < 1) return nullptr;
+  const uint64_t wanted = static_cast<uint64_t>(size);
+  void* system_block = allocator.allocate((wanted < kLargest ? wanted : kLargest) + kOverhead);
+  if (!system_block) return nullptr;
+  const uintptr_t address =
+      (reinterpret_cast<uintptr_t>(system_block) + kOverhead - 1) & ~uintptr_t{31};
+  uint64_t* block = reinterpret_cast<uint64_t*>(address);
+  block[-1] = wanted;
+  block[-2] = reinterpret_cast<uintptr_t>(system_block);
+  bytes_in_use += wanted;
+  return block;
+}
+
+void zyn_free(void* block) {
+  if (!block) return;
+  const uint64_t* header = header_of(block);
+  bytes_in_use -= header[-1];
+  void* system_block = reinterpret_cast<void*>(static_cast<uintptr_t>(header[-2]));
+  if (system_block) allocator.release(system_block);
+}
+
+uint64_t zyn_get_current_memory_size_occupation(void) { return bytes_in_use; }
+
+void* zyn_calloc(int64_t count, int64_t size) {
+  int64_t bytes = 0;
+  if (!zyn_multiply(count, size, &bytes)) return nullptr;
+  void* block = zyn_malloc(bytes);
+  if (block) memset(block, 0, static_cast<size_t>(bytes));
+  return block;
+}
+
+void* zyn_grow(void* block, int64_t bytes) {
+  if (!block) return zyn_malloc(bytes);
+  const uint64_t held = header_of(block)[-1];
+  if (bytes < 1 || held >= static_cast<uint64_t>(bytes)) return block;
+  void* grown = zyn_malloc(bytes);
+  if (!grown) return nullptr;
+  memcpy(grown, block, held);
+  zyn_free(block);
+  return grown;
+}

@@ -1,0 +1,97 @@
+// The library's allocator beyond its exported part: zeroing and growing
+// allocations, the seam to the system allocator, guards for memory that lives
+// within one function, and the checked size arithmetic that goes before them.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "zyncore.h"
+
+// Where blocks come from and go to. Tests replace it to make allocations fail.
+struct zyn_system_allocator {
+  void* (*allocate)(size_t bytes);
+  void (*release)(void* block);
+};
+// Installs an allocator, null the system's own; returns the one used before.
+zyn_system_allocator zyn_set_system_allocator(const zyn_system_allocator* allocator);
+
+// count * size bytes, all zero; null when the product is below 1, overflows or
+// memory is short.
+void* zyn_calloc(int64_t count, int64_t size);
+
+// Makes block (null: a fresh one) hold at least bytes, keeping its content. Never
+// shrinks: a block that is large enough comes back as it is. Null on failure, with
+// the old block still valid.
+void* zyn_grow(void* block, int64_t bytes);
+
+// *product = a * b; false when either is negative or the product does not fit.
+inline bool zyn_multiply(int64_t a, int64_t b, int64_t* product) {
+  return a >= 0 && b >= 0 && !__builtin_mul_overflow(a, b, product);
+}
+
+// *sum = a + b; false when either is negative or the sum does not fit.
+inline bool zyn_sum(int64_t a, int64_t b, int64_t* sum) {
+  return a >= 0 && b >= 0 && !__builtin_add_overflow(a, b, sum);
+}
+
+// Memory for count elements of T that is freed at the end of the scope; test it
+// before use. take() hands the block out instead.
+template <typename T>
+class zyn_scratch {
+ public:
+  explicit zyn_scratch(int64_t count) {
+    int64_t bytes = 0;
+    if (zyn_multiply(count, static_cast<int64_t>(sizeof(T)), &bytes))
+      block_ = static_cast<T*>(zyn_malloc(bytes));
+  }
+  // Zeroed memory.
+  static zyn_scratch zeroed(int64_t count) {
+    return zyn_scratch(static_cast<T*>(zyn_calloc(count, static_cast<int64_t>(sizeof(T)))));
+  }
+  zyn_scratch(zyn_scratch&& other) : block_(other.take()) {}
+  zyn_scratch(const zyn_scratch&) = delete;
+  zyn_scratch& operator=(const zyn_scratch&) = delete;
+  ~zyn_scratch() { zyn_free(block_); }
+
+  explicit operator bool() const { return block_ != nullptr; }
+  T* get() const { return block_; }
+  T* operator->() const { return block_; }
+  T& operator[](int64_t i) const { return block_[i]; }
+  T* take() {
+    T* block = block_;
+    block_ = nullptr;
+    return block;
+  }
+
+ private:
+  explicit zyn_scratch(T* block) : block_(block) {}
+  T* block_ = nullptr;
+};
+
+// A record with a release function of its own (tensors, matrices, handles), let go
+// at the end of the scope unless taken.
+template <typename T, int32_t (*Release)(T**)>
+class zyn_guard {
+ public:
+  explicit zyn_guard(T* record) : record_(record) {}
+  zyn_guard(const zyn_guard&) = delete;
+  zyn_guard& operator=(const zyn_guard&) = delete;
+  ~zyn_guard() {
+    if (record_) Release(&record_);
+  }
+  explicit operator bool() const { return record_ != nullptr; }
+  T* get() const { return record_; }
+  T* operator->() const { return record_; }
+  T* take() {
+    T* record = record_;
+    record_ = nullptr;
+    return record;
+  }
+
+ private:
+  T* record_;
+};
+
+using zyn_tensor_guard = zyn_guard<zyn_tensor, zyn_release_tensor>;
+using zyn_matrix_guard = zyn_guard<zyn_matrix, zyn_release_matrix>;

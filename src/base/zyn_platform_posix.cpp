@@ -1,0 +1,143 @@
+// System calls on POSIX systems, behaving as the Windows ones do: name order,
+// patterns without case, "*.*" matching every name.
+#if !defined(_WIN32)
+
+#include <dirent.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "base/zyn_memory.h"
+#include "base/zyn_platform.h"
+
+namespace {
+
+// Microseconds: ticks * 1000 lasts 292 years.
+constexpr int64_t kTicksPerSecond = 1000000;
+
+char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+// Wildcard match with one backtracking point: the last star decides.
+bool matches(const char* pattern, const char* name) {
+  const char* star = nullptr;
+  const char* resume = nullptr;
+  while (*name) {
+    if (*pattern == '*') {
+      star = pattern++;
+      resume = name;
+    } else if (*pattern == '?' || lower(*pattern) == lower(*name)) {
+      pattern++;
+      name++;
+    } else if (star) {
+      pattern = star + 1;
+      name = ++resume;
+    } else {
+      return false;
+    }
+  }
+  while (*pattern == '*') pattern++;
+  return !*pattern;
+}
+
+bool entry_matches(const char* pattern, const char* name) {
+  return strcmp(pattern, "*.*") == 0 || matches(pattern, name);
+}
+
+int compare_names(const void* a, const void* b) {
+  const char* first = *static_cast<char* const*>(a);
+  const char* second = *static_cast<char* const*>(b);
+  const int without_case = strcasecmp(first, second);
+  return without_case ? without_case : strcmp(first, second);
+}
+
+}  // namespace
+
+// The matching names, sorted; each a block of its own.
+struct zyn_platform_search {
+  char** names;
+  int64_t count;
+  int64_t position;
+};
+
+namespace {
+
+bool add_name(zyn_platform_search* search, const char* name) {
+  void* names = zyn_grow(search->names, (search->count + 1) * static_cast<int64_t>(sizeof(char*)));
+  if (!names) return false;
+  search->names = static_cast<char**>(names);
+  const size_t length = strlen(name) + 1;
+  char* copy = static_cast<char*>(zyn_malloc(static_cast<int64_t>(length)));
+  if (!copy) return false;
+  memcpy(copy, name, length);
+  search->names[search->count++] = copy;
+  return true;
+}
+
+}  // namespace
+
+bool zyn_platform_ticks(int64_t* ticks) {
+  timespec now;
+  if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) return false;
+  *ticks = static_cast<int64_t>(now.tv_sec) * kTicksPerSecond + now.tv_nsec / 1000;
+  return true;
+}
+
+bool zyn_platform_tick_frequency(int64_t* ticks_per_second) {
+  *ticks_per_second = kTicksPerSecond;
+  return true;
+}
+
+FILE* zyn_platform_open(const char* path, const char* mode) {
+  struct stat status;
+  if (stat(path, &status) == 0 && S_ISDIR(status.st_mode)) return nullptr;
+  return fopen(path, mode);
+}
+
+bool zyn_platform_get_directory(char* buffer, int32_t size) {
+  return getcwd(buffer, static_cast<size_t>(size)) != nullptr;
+}
+
+bool zyn_platform_set_directory(const char* path) { return chdir(path) == 0; }
+
+zyn_platform_search* zyn_platform_search_open(const char* pattern, zyn_platform_entry* entry) {
+  DIR* directory = opendir(".");
+  if (!directory) return nullptr;
+  zyn_scratch<zyn_platform_search> search = zyn_scratch<zyn_platform_search>::zeroed(1);
+  bool complete = static_cast<bool>(search);
+  while (complete) {
+    const dirent* found = readdir(directory);
+    if (!found) break;
+    if (entry_matches(pattern, found->d_name)) complete = add_name(search.get(), found->d_name);
+  }
+  closedir(directory);
+  if (!search) return nullptr;
+  zyn_platform_search* result = search.take();
+  if (complete && result->count > 0) {
+    qsort(result->names, static_cast<size_t>(result->count), sizeof(char*), compare_names);
+    if (zyn_platform_search_next(result, entry)) return result;
+  }
+  zyn_platform_search_close(result);
+  return nullptr;
+}
+
+bool zyn_platform_search_next(zyn_platform_search* search, zyn_platform_entry* entry) {
+  if (search->position >= search->count) return false;
+  const char* name = search->names[search->position++];
+  snprintf(entry->name, sizeof(entry->name), "%s", name);
+  struct stat status;
+  const bool directory = stat(name, &status) == 0 && S_ISDIR(status.st_mode);
+  entry->attributes = directory ? kZynDirectoryAttribute : 0;
+  return true;
+}
+
+void zyn_platform_search_close(zyn_platform_search* search) {
+  if (!search) return;
+  for (int64_t i = 0; i < search->count; i++) zyn_free(search->names[i]);
+  zyn_free(search->names);
+  zyn_free(search);
+}
+
+#endif

@@ -1,0 +1,91 @@
+// The computation graph's inside: the handle, the operator table, and what every
+// operator family shares.
+#pragma once
+
+#include <stdint.h>
+
+#include "base/zyn_darray.h"
+#include "zyncore.h"
+
+inline constexpr int32_t kZynOperatorTypes = 41;
+inline constexpr int32_t kZynOperatorSlots = 5;
+
+// The routines of one operator type; null where the type has nothing to do. A node
+// record always begins with its u32 type id; zyn_cg_node is that first field.
+struct zyn_cg_node {
+  uint32_t type;
+};
+using zyn_cg_bind_fn = int32_t (*)(zyn_cg_handle* graph, int32_t node, const void* param);
+using zyn_cg_prepare_fn = int32_t (*)(zyn_cg_handle* graph, int32_t node);
+using zyn_cg_release_fn = int32_t (*)(void** record);
+using zyn_cg_output_fn = zyn_tensor* (*)(zyn_cg_handle* graph, int32_t node);
+using zyn_cg_run_fn = int32_t (*)(void* record);
+
+// One row of the operator table, five pointers in slot order.
+struct zyn_cg_operator {
+  zyn_cg_bind_fn bind;             // creates the record, installs the run function
+  zyn_cg_prepare_fn prepare;       // finds the inputs, makes the output
+  zyn_cg_release_fn release;       // frees the record; non-zero stops the handle's release
+  zyn_cg_output_fn output;         // the output, or null for a record of another type
+  zyn_cg_output_fn second_output;  // types 25 and 27: the same routine as output
+};
+static_assert(sizeof(zyn_cg_operator) == kZynOperatorSlots * sizeof(void*), "five pointers a row");
+
+struct zyn_cg_handle {
+  int32_t max_nodes;
+  zyn_darray* nodes;           // i32: every id of an edge, in order of appearance
+  void** records;              // by id, record_count + 1 entries: made at binding
+  int32_t record_count;        // number of nodes at the first binding; later ones have no room
+  int32_t* order;              // sorted_count ids in order of execution
+  int32_t* bound;              // by id, sorted_count + 1 entries: 1 once bound
+  int32_t sorted_count;        // number of nodes at the last sort
+  zyn_darray** successors;     // by id, max_nodes arrays of i32
+  zyn_darray** predecessors;   // the same, an operator's inputs in order
+  zyn_cg_run_fn* run;          // by id
+  void** extras;               // by id: one word for the operators' use
+  zyn_cg_operator* operators;  // kZynOperatorTypes rows
+  uint32_t thread_count;
+  uint32_t conv_method;  // 0, 1 or 2
+  uint32_t prepared;     // 1 after preparation
+  uint32_t device_type;  // always 0
+  void* device_context;  // always null
+  uint32_t fixed_point;  // 1: fixed point; anything else: float
+  uint32_t* q_list;      // by id, max_nodes entries, or null
+};
+
+// A stored data node (types 0, 1, 2): a copy of its descriptor with extra cleared.
+using zyn_cg_data_record = zyn_cg_node_desc;
+
+// Number of nodes.
+inline int32_t zyn_cg_node_count(const zyn_cg_handle* graph) {
+  return static_cast<int32_t>(graph->nodes->count);
+}
+
+// Whether an operator of this graph works in fixed point.
+inline bool zyn_cg_is_fixed_point(const zyn_cg_handle* graph) { return graph->fixed_point == 1; }
+
+// Fills the rows of a zeroed operator table; 0.
+int32_t zyn_cg_register_operators(zyn_cg_operator* operators);
+
+// The record of a node, null when it has none or the id is out of range.
+void* zyn_cg_record(const zyn_cg_handle* graph, int32_t node);
+
+// Type of a bound node's record, -1 without one.
+int32_t zyn_cg_node_type(const zyn_cg_handle* graph, int32_t node);
+
+// What a consumer reads from a producer: a data node's tensor (types 0 and 2), else
+// the producer's output tensor. Null when there is none yet.
+zyn_tensor* zyn_cg_producer_tensor(zyn_cg_handle* graph, int32_t producer);
+
+// The predecessors of a node; null when the id is out of range.
+inline const zyn_darray* zyn_cg_inputs(const zyn_cg_handle* graph, int32_t node) {
+  return node >= 0 && node < graph->max_nodes ? graph->predecessors[node] : nullptr;
+}
+
+// Stores a fresh record and its run function for a node being bound.
+void zyn_cg_install(zyn_cg_handle* graph, int32_t node, void* record, zyn_cg_run_fn run);
+
+// Creates an operator's output: dim_count extents of the given type, with data
+// (device types 1 to 3: a header only). Null when it cannot be made.
+zyn_tensor* zyn_cg_create_output(const zyn_cg_handle* graph, int32_t dim_count, const int32_t* dims,
+                                 uint32_t type);

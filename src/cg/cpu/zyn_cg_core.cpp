@@ -1,0 +1,297 @@
+// The graph handle: creation and release, settings, edges, binding, and the loops
+// that prepare and run the nodes in order. Everything an operator does goes through
+// the operator table; nothing here knows an operator's inside.
+#include <string.h>
+
+#include "base/zyn_memory.h"
+#include "base/zyn_report.h"
+#include "cg/cpu/zyn_cg.h"
+
+namespace {
+
+constexpr const char* kPath = "src/cg/cpu/zyn_cg_core.cpp";
+constexpr const char* kParamsLine = "Params Error!\n";
+constexpr zyn_site kSuccessorsMemory{kPath, 224, ZYN_MSG_MEMORY};
+constexpr zyn_site kPredecessorsMemory{kPath, 225, ZYN_MSG_MEMORY};
+constexpr zyn_site kNodesMemory{kPath, 227, ZYN_MSG_MEMORY};
+constexpr zyn_site kSuccessorMemory{kPath, 231, ZYN_MSG_MEMORY};
+constexpr zyn_site kPredecessorMemory{kPath, 232, ZYN_MSG_MEMORY};
+constexpr zyn_site kOperatorsMemory{kPath, 236, ZYN_MSG_MEMORY};
+constexpr zyn_site kEdgeArgs{kPath, 535, ZYN_MSG_PARA};
+constexpr zyn_site kBindArgs{kPath, 675, kParamsLine};
+constexpr zyn_site kBindNode{kPath, 680, kParamsLine};
+constexpr zyn_site kBindTwice{kPath, 684, "Params Error!"};
+constexpr zyn_site kPrepareArgs{kPath, 701, kParamsLine};
+constexpr zyn_site kInferenceArgs{kPath, 741, kParamsLine};
+constexpr zyn_site kOutputGraph{kPath, 797, kParamsLine};
+constexpr zyn_site kOutputNode{kPath, 804, kParamsLine};
+constexpr zyn_site kOutputRecord{kPath, 810, kParamsLine};
+
+constexpr zyn_cg_create_param kDefaults = {256, 1, {0, 0}, 0};
+constexpr zyn_darray_type kIdType = {sizeof(int32_t), 0, nullptr, nullptr};
+constexpr uint32_t kLastMethod = 2;
+constexpr uint32_t kNoQ = 0xFFFFFFFFu;
+
+bool is_data_type(uint32_t type) { return type <= ZYN_OP_CONSTANT; }
+
+template <typename T>
+T* make_array(int64_t count) {
+  return static_cast<T*>(zyn_calloc(count, sizeof(T)));
+}
+
+bool report_missing(const void* block, const zyn_site& site) {
+  if (!block) zyn_report(site);
+  return !block;
+}
+
+// Makes the arrays of a new handle. False, after the report, on the first failure.
+bool make_handle_arrays(zyn_cg_handle* graph) {
+  graph->successors = make_array<zyn_darray*>(graph->max_nodes);
+  if (report_missing(graph->successors, kSuccessorsMemory)) return false;
+  graph->predecessors = make_array<zyn_darray*>(graph->max_nodes);
+  if (report_missing(graph->predecessors, kPredecessorsMemory)) return false;
+  graph->nodes = zyn_create_darray(&kIdType);
+  if (report_missing(graph->nodes, kNodesMemory)) return false;
+  for (int32_t id = 0; id < graph->max_nodes; id++) {
+    graph->successors[id] = zyn_create_darray(&kIdType);
+    if (report_missing(graph->successors[id], kSuccessorMemory)) return false;
+    graph->predecessors[id] = zyn_create_darray(&kIdType);
+    if (report_missing(graph->predecessors[id], kPredecessorMemory)) return false;
+  }
+  graph->operators = make_array<zyn_cg_operator>(kZynOperatorTypes);
+  if (report_missing(graph->operators, kOperatorsMemory)) return false;
+  zyn_cg_register_operators(graph->operators);
+  return true;
+}
+
+void release_edge_lists(zyn_cg_handle* graph, zyn_darray** lists) {
+  if (!lists) return;
+  for (int32_t id = 0; id < graph->max_nodes; id++)
+    if (lists[id]) zyn_release_darray(&lists[id]);
+  zyn_free(lists);
+}
+
+void release_records(zyn_cg_handle* graph) {
+  if (!graph->records) return;
+  for (int32_t id = 0; id < graph->record_count; id++) {
+    void* record = graph->records[id];
+    if (!record) continue;
+    graph->records[id] = nullptr;
+    const uint32_t type = static_cast<zyn_cg_node*>(record)->type;
+    if (is_data_type(type)) {
+      zyn_free(record);
+      continue;
+    }
+    const zyn_cg_release_fn release = graph->operators[type].release;
+    if (release && release(&record) != ZYN_RET_OK) break;  // On purpose: the rest is left.
+  }
+  zyn_free(graph->records);
+}
+
+bool has_node(const zyn_darray* nodes, int32_t node) {
+  const int32_t* ids = zyn_darray_ids(nodes);
+  for (int64_t i = 0; i < nodes->count; i++)
+    if (ids[i] == node) return true;
+  return false;
+}
+
+void add_node(zyn_darray* nodes, int32_t node) {
+  if (!has_node(nodes, node)) zyn_darray_push(nodes, &node);
+}
+
+// The arrays that the first binding makes, with one spare record.
+bool make_binding_arrays(zyn_cg_handle* graph) {
+  if (graph->records) return true;
+  const int32_t count = zyn_cg_node_count(graph);
+  if (!graph->run) graph->run = make_array<zyn_cg_run_fn>(count + 1);
+  if (!graph->extras) graph->extras = make_array<void*>(count + 1);
+  if (!graph->run || !graph->extras) return false;
+  graph->records = make_array<void*>(count + 1);
+  graph->record_count = count;
+  return graph->records != nullptr;
+}
+
+int32_t store_data_node(zyn_cg_handle* graph, int32_t node, const zyn_cg_node_desc* desc) {
+  auto* record = static_cast<zyn_cg_data_record*>(zyn_malloc(sizeof(zyn_cg_data_record)));
+  if (!record) return ZYN_RET_ERR_MEMORY;
+  *record = *desc;
+  record->extra = nullptr;
+  graph->records[node] = record;
+  return ZYN_RET_OK;
+}
+
+}  // namespace
+
+zyn_cg_handle* zyn_create_computation_graph_handle(const zyn_cg_create_param* param) {
+  const zyn_cg_create_param& settings = param ? *param : kDefaults;
+  auto* graph = make_array<zyn_cg_handle>(1);
+  if (!graph) return nullptr;
+  graph->max_nodes = settings.max_nodes;
+  graph->thread_count = settings.thread_count;
+  graph->fixed_point = settings.fixed_point;
+  graph->conv_method = kLastMethod;
+  if (!make_handle_arrays(graph)) {
+    zyn_release_computation_graph_handle(&graph);
+    return nullptr;
+  }
+  zyn_print(zyn_cg_is_fixed_point(graph) ? "zyn go to fixed point cpu backend!"
+                                         : "zyn go to cpu backend!");
+  return graph;
+}
+
+int32_t zyn_release_computation_graph_handle(zyn_cg_handle** handle) {
+  if (!handle || !*handle) return ZYN_RET_ERR_MEMORY;  // On purpose not 1.
+  zyn_cg_handle* graph = *handle;
+  *handle = nullptr;
+  release_edge_lists(graph, graph->successors);
+  release_edge_lists(graph, graph->predecessors);
+  zyn_free(graph->run);
+  zyn_free(graph->extras);
+  release_records(graph);
+  if (graph->nodes) zyn_release_darray(&graph->nodes);
+  zyn_free(graph->order);
+  zyn_free(graph->bound);
+  zyn_free(graph->operators);
+  zyn_free(graph->q_list);
+  zyn_free(graph);
+  return ZYN_RET_OK;
+}
+
+int32_t zyn_cg_set_conv_method(zyn_cg_handle* graph, uint32_t method) {
+  if (!graph || method > kLastMethod) return ZYN_RET_ERR_PARA;
+  graph->conv_method = method;
+  return ZYN_RET_OK;
+}
+
+uint32_t zyn_cg_get_dev_type(const zyn_cg_handle* graph) { return graph ? graph->device_type : 0; }
+
+void* zyn_get_dev_context_from_cg_handle(const zyn_cg_handle* graph) {
+  return graph ? graph->device_context : nullptr;
+}
+
+int32_t zyn_cg_set_ptr_q_list(zyn_cg_handle* graph, uint32_t* q_list) {
+  if (!graph || !q_list) return ZYN_RET_ERR_PARA;
+  graph->q_list = q_list;  // On purpose: a list set before is not freed.
+  return ZYN_RET_OK;
+}
+
+uint32_t zyn_cg_get_q_from_list(const zyn_cg_handle* graph, int32_t node) {
+  if (!graph || node < 0 || !graph->q_list || node >= graph->max_nodes) return kNoQ;
+  return graph->q_list[node];
+}
+
+int32_t zyn_add_one_edge_into_computation_graph(zyn_cg_handle* graph, int32_t from, int32_t to) {
+  if (!graph || from < 0 || to < 0) return zyn_fail(kEdgeArgs, ZYN_RET_ERR_PARA);
+  // On purpose before the range check: ids out of range stay in the list.
+  add_node(graph->nodes, from);
+  add_node(graph->nodes, to);
+  if (from >= graph->max_nodes || to >= graph->max_nodes) return ZYN_RET_ERR_PARA;
+  zyn_darray_push(graph->successors[from], &to);
+  zyn_darray_push(graph->predecessors[to], &from);
+  return ZYN_RET_OK;
+}
+
+int32_t zyn_bind_operator_onto_computation_graph(zyn_cg_handle* graph, int32_t node,
+                                                 const zyn_cg_node_desc* desc, const void* param) {
+  if (!graph || !desc || !graph->bound || desc->type < 0 || desc->type >= kZynOperatorTypes)
+    return zyn_fail(kBindArgs, ZYN_RET_ERR_PARA);
+  const bool has_room =
+      node < graph->sorted_count && (!graph->records || node < graph->record_count);
+  if (!has_node(graph->nodes, node) || !has_room) return zyn_fail(kBindNode, ZYN_RET_ERR_PARA);
+  if (graph->bound[node]) {
+    zyn_report(kBindTwice);
+    zyn_print("the %d th node operator has been bound!\n", static_cast<int>(node));
+    return ZYN_RET_ERR_PARA;
+  }
+  if (!make_binding_arrays(graph)) return ZYN_RET_ERR_MEMORY;
+  graph->bound[node] = 1;  // On purpose before the operator: a refusal leaves it bound.
+  if (is_data_type(static_cast<uint32_t>(desc->type))) return store_data_node(graph, node, desc);
+  const zyn_cg_bind_fn bind = graph->operators[desc->type].bind;
+  return bind ? bind(graph, node, param) : ZYN_RET_OK;
+}
+
+int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph) {
+  if (!graph) return zyn_fail(kPrepareArgs, ZYN_RET_ERR_PARA);
+  for (int32_t k = 0; graph->order && k < graph->sorted_count; k++) {
+    const int32_t id = graph->order[k];
+    const int32_t type = zyn_cg_node_type(graph, id);
+    if (type < 0) {
+      graph->prepared = 1;
+      return ZYN_RET_ERR_PARA;
+    }
+    const zyn_cg_prepare_fn prepare = graph->operators[type].prepare;
+    const int32_t code = prepare ? prepare(graph, id) : ZYN_RET_OK;
+    if (code != ZYN_RET_OK) {
+      zyn_print("failed to prepare inference node:%d!!!", static_cast<int>(id));
+      return code;
+    }
+  }
+  graph->prepared = 1;
+  return ZYN_RET_OK;
+}
+
+int32_t zyn_computation_graph_inference(zyn_cg_handle* graph) {
+  if (!graph) return zyn_fail(kInferenceArgs, ZYN_RET_ERR_PARA);
+  for (int32_t k = 0; graph->order && k < graph->sorted_count; k++) {
+    const int32_t id = graph->order[k];
+    void* record = zyn_cg_record(graph, id);
+    if (!record || !graph->run[id]) continue;
+    const int32_t code = graph->run[id](record);
+    if (code != ZYN_RET_OK) {
+      zyn_print("failed to inference: %d!!!", static_cast<int>(id));
+      return code;
+    }
+  }
+  return ZYN_RET_OK;
+}
+
+zyn_tensor* zyn_get_computation_node_inference_data(zyn_cg_handle* graph, int32_t node) {
+  if (!graph) {
+    zyn_report(kOutputGraph);
+    return nullptr;
+  }
+  // On purpose: one past the last node is admitted; the arrays have a spare entry.
+  if (node < 0 || node > zyn_cg_node_count(graph)) {
+    zyn_report(kOutputNode);
+    return nullptr;
+  }
+  const int32_t type = zyn_cg_node_type(graph, node);
+  if (type < 0) {
+    zyn_report(kOutputRecord);
+    return nullptr;
+  }
+  const zyn_cg_output_fn output = graph->operators[type].output;
+  return graph->bound[node] && output ? output(graph, node) : nullptr;
+}
+
+void* zyn_cg_record(const zyn_cg_handle* graph, int32_t node) {
+  const bool in_range = graph->records && node >= 0 && node <= graph->record_count;
+  return in_range ? graph->records[node] : nullptr;
+}
+
+int32_t zyn_cg_node_type(const zyn_cg_handle* graph, int32_t node) {
+  const void* record = zyn_cg_record(graph, node);
+  return record ? static_cast<int32_t>(static_cast<const zyn_cg_node*>(record)->type) : -1;
+}
+
+zyn_tensor* zyn_cg_producer_tensor(zyn_cg_handle* graph, int32_t producer) {
+  const int32_t type = zyn_cg_node_type(graph, producer);
+  if (type < 0) return nullptr;
+  if (type == ZYN_OP_INPUT || type == ZYN_OP_CONSTANT)
+    return static_cast<zyn_tensor*>(
+        static_cast<zyn_cg_data_record*>(zyn_cg_record(graph, producer))->data);
+  const zyn_cg_output_fn output = graph->operators[type].output;
+  return output ? output(graph, producer) : nullptr;
+}
+
+void zyn_cg_install(zyn_cg_handle* graph, int32_t node, void* record, zyn_cg_run_fn run) {
+  graph->records[node] = record;
+  graph->run[node] = run;
+}
+
+zyn_tensor* zyn_cg_create_output(const zyn_cg_handle* graph, int32_t dim_count, const int32_t* dims,
+                                 uint32_t type) {
+  const bool header_only = graph->device_type >= 1 && graph->device_type <= 3;
+  return header_only ? zyn_create_tensor_header(dim_count, dims, type)
+                     : zyn_create_tensor(dim_count, dims, type);
+}

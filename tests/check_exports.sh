@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# check_exports.sh LIBRARY EXPORTS HEADER: the three must name the same functions and
+# data, and the library may depend on system libraries only.
+set -u
+library=$1 exports=$2 header=$3
+expected=$(grep -E '^zyn_' "$exports" | tr -d '\r' | LC_ALL=C sort)
+declared=$(grep -oE 'zyn_[A-Za-z0-9_]+(\(|\[13\];|;)' <(tr '\n' ' ' <"$header" | grep -oE 'ZYN_API [^;(]*[;(]') |
+  sed 's/[(\[;].*//' | LC_ALL=C sort -u)
+case $library in
+  *.dll)
+    dump=$(x86_64-w64-mingw32-objdump -p "$library")
+    built=$(sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' <<<"$dump" | grep -oE '\bzyn_[A-Za-z0-9_]+' | LC_ALL=C sort)
+    needed=$(grep 'DLL Name' <<<"$dump" | awk '{print tolower($3)}' | grep -vE '^(kernel32|msvcrt|user32|advapi32|ntdll)\.dll$')
+    ;;
+  *)
+    built=$(nm -D --defined-only "$library" | awk '$2 != "A" {print $3}' | sed 's/@.*//' | LC_ALL=C sort)
+    needed=$(objdump -p "$library" | awk '/NEEDED/ {print $2}' | grep -vE '^(libc|libm|libgcc_s|libgomp|libpthread|ld-linux-x86-64)\.so')
+    ;;
+esac
+status=0
+differ() { diff <(printf '%s\n' "$1") <(printf '%s\n' "$2") >/tmp/exports.$$ || { echo "$3:"; cat /tmp/exports.$$; status=1; }; rm -f /tmp/exports.$$; }
+differ "$expected" "$built" "export list (<) and built library (>) differ"
+differ "$expected" "$declared" "export list (<) and public header (>) differ"
+if [ -n "$needed" ]; then echo "needs more than system libraries: $needed"; status=1; fi
+[ $status = 0 ] && echo "$(wc -l <<<"$expected") exports agree"
+exit $status

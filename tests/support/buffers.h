@@ -1,0 +1,93 @@
+// Buffers that show out-of-bounds use: inputs end at an inaccessible page, outputs
+// are surrounded by guard bytes. Also the tests' random numbers.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdint.h>
+#include <string.h>
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
+
+namespace zyn_test {
+
+// count elements of T whose last byte is the last one before an inaccessible page;
+// the bytes before them hold a pattern that the destructor checks.
+template <typename T>
+class PageEnd {
+ public:
+  explicit PageEnd(size_t count) : count_(count) {
+    const size_t bytes = count * sizeof(T);
+    pages_ = (bytes + kPage - 1) / kPage * kPage + kPage;
+#ifdef _WIN32
+    base_ = static_cast<uint8_t*>(
+        VirtualAlloc(nullptr, pages_ + kPage, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+    DWORD old = 0;
+    VirtualProtect(base_ + pages_, kPage, PAGE_NOACCESS, &old);
+#else
+    base_ = static_cast<uint8_t*>(
+        mmap(nullptr, pages_ + kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(base_ + pages_, kPage, PROT_NONE);
+#endif
+    memset(base_, kPattern, pages_);
+    data_ = reinterpret_cast<T*>(base_ + pages_ - bytes);
+  }
+  ~PageEnd() {
+    const uint8_t* first = reinterpret_cast<const uint8_t*>(data_);
+    size_t damaged = 0;
+    for (const uint8_t* p = base_; p < first; p++) damaged += *p != kPattern;
+    EXPECT_EQ(damaged, 0u) << "bytes before the buffer were written";
+#ifdef _WIN32
+    VirtualFree(base_, 0, MEM_RELEASE);
+#else
+    munmap(base_, pages_ + kPage);
+#endif
+  }
+  PageEnd(const PageEnd&) = delete;
+  PageEnd& operator=(const PageEnd&) = delete;
+
+  T* data() { return data_; }
+  const T* data() const { return data_; }
+  size_t size() const { return count_; }
+  T& operator[](size_t i) { return data_[i]; }
+  const T& operator[](size_t i) const { return data_[i]; }
+  T* begin() { return data_; }
+  T* end() { return data_ + count_; }
+
+ private:
+  static constexpr size_t kPage = 4096;
+  static constexpr uint8_t kPattern = 0xA5;
+  size_t count_;
+  size_t pages_;
+  uint8_t* base_;
+  T* data_;
+};
+
+// splitmix64: small, seedable, the same everywhere.
+class Random {
+ public:
+  explicit Random(uint64_t seed) : state_(seed) {}
+  uint64_t next() {
+    uint64_t z = (state_ += 0x9E3779B97F4A7C15u);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBu;
+    return z ^ (z >> 31);
+  }
+  // low to high, both included.
+  int integer(int low, int high) {
+    return low +
+           static_cast<int>(next() % static_cast<uint64_t>(static_cast<int64_t>(high) - low + 1));
+  }
+  // low to high, evenly.
+  float real(float low, float high) {
+    return low + (high - low) * static_cast<float>(next() >> 40) * (1.0f / 16777216.0f);
+  }
+
+ private:
+  uint64_t state_;
+};
+
+}  // namespace zyn_test

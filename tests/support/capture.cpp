@@ -1,0 +1,115 @@
+#include "support/capture.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#ifdef _WIN32
+#include <io.h>
+#include <process.h>
+#else
+#include <unistd.h>
+#endif
+
+#include "zyncore.h"
+
+namespace zyn_test {
+
+namespace {
+
+#ifdef _WIN32
+int process_id() { return _getpid(); }
+constexpr int kOpenFlags = _O_RDWR | _O_CREAT | _O_TRUNC | _O_BINARY;
+#else
+int process_id() { return getpid(); }
+constexpr int kOpenFlags = O_RDWR | O_CREAT | O_TRUNC;
+#endif
+
+// Windows turns line ends into two characters in text mode.
+std::string without_returns(const std::string& text) {
+#ifdef _WIN32
+  std::string result;
+  for (size_t i = 0; i < text.size(); i++)
+    if (!(text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n')) result += text[i];
+  return result;
+#else
+  return text;
+#endif
+}
+
+}  // namespace
+
+Capture::Capture() : path_(temp_path("capture")) {
+  fflush(stdout);
+  saved_ = dup(1);
+  file_ = open(path_.c_str(), kOpenFlags, 0600);
+  dup2(file_, 1);
+}
+
+Capture::~Capture() { text(); }
+
+std::string Capture::text() {
+  if (saved_ < 0) return "";
+  fflush(stdout);
+  dup2(saved_, 1);
+  close(saved_);
+  saved_ = -1;
+  std::string result;
+  lseek(file_, 0, SEEK_SET);
+  char buffer[4096];
+  for (int got; (got = static_cast<int>(read(file_, buffer, sizeof(buffer)))) > 0;)
+    result.append(buffer, static_cast<size_t>(got));
+  close(file_);
+  remove(path_.c_str());
+  return without_returns(result);
+}
+
+std::string report(const std::string& message, const std::string& path, int line) {
+  return "Error occurred: " + message + " \nError position:\nFile:" + path + ":" +
+         std::to_string(line) + "\n";
+}
+
+std::string temp_path(const std::string& name) {
+  static int serial = 0;
+#ifdef _WIN32
+  const char* folder = getenv("TEMP");
+#else
+  const char* folder = getenv("TMPDIR");
+  if (!folder) folder = "/tmp";
+#endif
+  std::string path = std::string(folder ? folder : ".") + "/zyn-" + std::to_string(process_id()) +
+                     "-" + std::to_string(serial++) + "-" + name;
+  for (char& c : path)
+    if (c == '\\') c = '/';
+  return path;
+}
+
+std::string model_dir() {
+  const char* folder = getenv("ZYN_MODEL_DIR");
+  if (folder && *folder) return folder;
+  printf("ZYN_MODEL_DIR is not set: the check with the trained model is passed over\n");
+  return "";
+}
+
+namespace {
+
+// After every test the library's memory counter stands where it stood before.
+class MemoryListener : public ::testing::EmptyTestEventListener {
+  void OnTestStart(const ::testing::TestInfo&) override {
+    before_ = zyn_get_current_memory_size_occupation();
+  }
+  void OnTestEnd(const ::testing::TestInfo&) override {
+    EXPECT_EQ(zyn_get_current_memory_size_occupation(), before_) << "library memory is not back";
+  }
+  uint64_t before_ = 0;
+};
+
+const bool listening = [] {
+  ::testing::UnitTest::GetInstance()->listeners().Append(new MemoryListener);
+  return true;
+}();
+
+}  // namespace
+
+}  // namespace zyn_test

@@ -1,0 +1,34 @@
+// The message table and the report format.
+#include <gtest/gtest.h>
+
+#include "support/capture.h"
+#include "zyncore.h"
+
+namespace {
+
+TEST(Report, TableHoldsTheTextsByteForByte) {
+  const char* const expected[13] = {"Good! Normal return!",
+                                    "Your input params are wrong!",
+                                    "Allocating memory failure! ",
+                                    "Current version can not support!",
+                                    "Opening file errors!",
+                                    "Data are uninitialized!",
+                                    "Unknown error!",
+                                    "Arriving the end of the file!",
+                                    "Data are waiting!",
+                                    "Data length is not enough!",
+                                    "Data was already exits!",
+                                    "Data not found!",
+                                    "Faled to lock thread"};
+  for (int i = 0; i < 13; i++) EXPECT_STREQ(zyn_error_string[i], expected[i]) << i;
+}
+
+TEST(Report, GraphReportBreaksTheFirstLineAfterItsMessage) {
+  const std::string text =
+      zyn_test::printed([] { EXPECT_EQ(zyn_computation_graph_inference(nullptr), 1); });
+  EXPECT_EQ(text,
+            "Error occurred: Params Error!\n \nError position:\n"
+            "File:src/cg/cpu/zyn_cg_core.cpp:741\n");
+}
+
+}  // namespace
