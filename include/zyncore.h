@@ -226,6 +226,33 @@ ZYN_API int32_t zyn_set_tensor_channel_layout(zyn_tensor* tensor, uint32_t layou
  * *tensor is null. */
 ZYN_API int32_t zyn_release_tensor(zyn_tensor** tensor);
 
+/* Reorders one planar image {W, H, C} of 4-byte elements to interleaved order and
+ * marks the destination interleaved; the element type is not looked at, and only the
+ * first of several images is converted. Both tensors have data, at least 3
+ * dimensions and the same element count; the blocks must not overlap. 1 (silent):
+ * null tensor or data, fewer dimensions, different counts, elements narrower than 4
+ * bytes, a source that is not planar. */
+ZYN_API int32_t zyn_tensor_convert_NCHW2NHWC(zyn_tensor* destination, const zyn_tensor* source);
+
+/* The same from the channel-blocked layout (ZYN_LAYOUT_BLOCKED). */
+ZYN_API int32_t zyn_tensor_convert_NHWG2NHWC(zyn_tensor* destination, const zyn_tensor* source);
+
+/* Softmax over each group of group_size consecutive floats; what follows the last
+ * whole group is left alone. Same shape on both sides, in place allowed. The result
+ * of a group does not depend on how many there are or where they lie; a group
+ * without a finite element gives zeros, one with a NaN or +infinity gives NaN. 1
+ * (silent): null tensor or data, group_size < 1, different shapes, no whole group,
+ * elements narrower than 4 bytes. */
+ZYN_API int32_t zyn_tensor_softmax(zyn_tensor* destination, const zyn_tensor* source,
+                                   int32_t group_size);
+
+/* destination[i] = source[i] / 2^q for i < count: fixed point (ZYN_TYPE_FPI16) to
+ * float (ZYN_TYPE_F32). 1 (silent): null tensor or data, fewer than count
+ * elements on a side, q > 15, other element types. */
+ZYN_API int32_t zyn_tensor_transform_data_from_fpi16_to_real32(zyn_tensor* destination,
+                                                               const zyn_tensor* source,
+                                                               int32_t count, uint32_t q);
+
 /* ------------------------------------------------------------------------ */
 /* Matrices                                                                   */
 /* ------------------------------------------------------------------------ */
@@ -380,6 +407,13 @@ ZYN_API int32_t zyn_computation_graph_inference(zyn_cg_handle* graph);
  * again, rewritten by every run. Its layout field tells the channel order. Null for
  * a null graph, an id without an operator, data nodes, and before preparation. */
 ZYN_API zyn_tensor* zyn_get_computation_node_inference_data(zyn_cg_handle* graph, int32_t node);
+
+/* Reads a model file: word_count little-endian 32-bit words, then the 16 bytes of
+ * their MD5 digest. buffer holds 4 * word_count bytes; path is UTF-8. 0: read, and
+ * the digest matches; 1: null argument (silent), file cannot be opened or is too
+ * short (printed), digest differs (silent; the words are in the buffer all the
+ * same); 2: no memory. */
+ZYN_API int32_t zyn_cg_load_model(void* buffer, int32_t word_count, const char* path);
 
 /* ------------------------------------------------------------------------ */
 /* Operator parameter records                                                 */

@@ -1,0 +1,263 @@
+// Layout converters, softmax and fixed point to float, on buffers that end at an
+// inaccessible page.
+#include <gtest/gtest.h>
+#include <math.h>
+#include <string.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "support/buffers.h"
+#include "zyncore.h"
+
+namespace {
+
+using zyn_test::PageEnd;
+using zyn_test::Random;
+
+// A tensor over a page-end buffer of its own.
+struct Tensor {
+  Tensor(std::vector<int32_t> dims, uint32_t type = ZYN_TYPE_F32, uint32_t layout = 0)
+      : record(zyn_create_tensor_header(static_cast<int32_t>(dims.size()), dims.data(), type)),
+        bytes(static_cast<size_t>(record->byte_size)) {
+    zyn_set_tensor_data(record, bytes.data(), record->byte_size);
+    record->layout = layout;
+  }
+  ~Tensor() { zyn_release_tensor(&record); }
+  template <typename T = float>
+  T* as() {
+    return reinterpret_cast<T*>(bytes.data());
+  }
+  zyn_tensor* record;
+  PageEnd<uint8_t> bytes;
+};
+
+uint32_t bits_of(float value) {
+  uint32_t bits;
+  memcpy(&bits, &value, sizeof(bits));
+  return bits;
+}
+
+// Where the word of channel c at pixel p of a source lies.
+int64_t planar_at(int64_t c, int64_t p, int64_t, int64_t pixels) { return c * pixels + p; }
+int64_t blocked_at(int64_t c, int64_t p, int64_t channels, int64_t pixels) {
+  const int64_t eights = channels / 8 * 8, fours = eights + (channels - eights) / 4 * 4;
+  const int64_t first = c < eights ? c / 8 * 8 : c < fours ? eights : c;
+  const int64_t size = c < eights ? 8 : c < fours ? 4 : 1;
+  return first * pixels + p * size + (c - first);
+}
+
+TEST(TensorLayout, EveryWordLandsAtItsPixelAndChannel) {
+  for (bool blocked : {false, true})
+    for (int32_t channels : {1, 2, 3, 4, 5, 7, 8, 11, 12, 13, 16, 21, 31})
+      for (int32_t w : {1, 3, 4, 5, 16, 17})
+        for (int32_t h : {1, 2, 13}) {
+          const uint32_t layout = blocked ? ZYN_LAYOUT_BLOCKED : ZYN_LAYOUT_PLANAR;
+          // A type of 4-byte integers: the words pass as they are, NaN patterns too.
+          Tensor source({w, h, channels}, 4, layout), destination({w, h, channels}, 4);
+          const int64_t pixels = int64_t{w} * h;
+          for (int64_t i = 0; i < pixels * channels; i++)
+            source.as<uint32_t>()[i] = static_cast<uint32_t>(0x7F800000 + 2654435761u * i);
+          ASSERT_EQ((blocked ? zyn_tensor_convert_NHWG2NHWC : zyn_tensor_convert_NCHW2NHWC)(
+                        destination.record, source.record),
+                    0);
+          EXPECT_EQ(destination.record->layout, 2u);
+          for (int64_t p = 0; p < pixels; p++)
+            for (int64_t c = 0; c < channels; c++)
+              ASSERT_EQ(
+                  destination.as<uint32_t>()[p * channels + c],
+                  source.as<uint32_t>()[(blocked ? blocked_at : planar_at)(c, p, channels, pixels)])
+                  << w << "x" << h << "x" << channels << " pixel " << p << " channel " << c;
+        }
+}
+
+TEST(TensorLayout, BadArgumentsAreRefusedAndChangeNothing) {
+  Tensor good({2, 2, 3}), source({2, 2, 3}), flat({4, 3}), longer({2, 2, 4}), narrow({2, 2, 3}, 3);
+  Tensor four({2, 2, 3, 2}), other({2, 2, 6});
+  for (auto* convert : {zyn_tensor_convert_NCHW2NHWC, zyn_tensor_convert_NHWG2NHWC}) {
+    const uint32_t layout = convert == zyn_tensor_convert_NHWG2NHWC ? 3 : 0;
+    source.record->layout = flat.record->layout = narrow.record->layout = layout;
+    EXPECT_EQ(convert(nullptr, source.record), 1);
+    EXPECT_EQ(convert(good.record, nullptr), 1);
+    EXPECT_EQ(convert(flat.record, source.record), 1);
+    EXPECT_EQ(convert(good.record, flat.record), 1);
+    EXPECT_EQ(convert(longer.record, source.record), 1);
+    EXPECT_EQ(convert(good.record, narrow.record), 1);
+    zyn_tensor empty = *source.record;
+    empty.data = nullptr;
+    EXPECT_EQ(convert(good.record, &empty), 1);
+    EXPECT_EQ(convert(&empty, source.record), 1);
+    for (uint32_t wrong : {0u, 1u, 2u, 3u, 4u}) {
+      source.record->layout = wrong;
+      if (wrong == layout) continue;
+      EXPECT_EQ(convert(good.record, source.record), 1) << wrong;
+    }
+    EXPECT_EQ(good.record->layout, 0u);
+    // Extents that the record itself contradicts, and one without a row.
+    source.record->layout = layout;
+    zyn_tensor torn = *source.record;
+    torn.dims[2] = 1 << 30;
+    EXPECT_EQ(convert(good.record, &torn), 1);
+    torn.dims[1] = 0;
+    memset(good.bytes.data(), 0x5A, good.bytes.size());
+    EXPECT_EQ(convert(good.record, &torn), 0);
+    EXPECT_EQ(good.record->layout, 2u);
+    EXPECT_EQ(good.bytes[0], 0x5A);
+    good.record->layout = 0;
+    // Only the first image of a batch is converted.
+    four.record->layout = layout;
+    memset(four.bytes.data(), 0, four.bytes.size());
+    memset(other.bytes.data(), 0x5A, other.bytes.size());
+    EXPECT_EQ(convert(other.record, four.record), 0);
+    EXPECT_EQ(other.bytes[47], 0);
+    EXPECT_EQ(other.bytes[48], 0x5A);
+  }
+}
+
+// exp(x - ln sum exp) in double.
+std::vector<double> exact_softmax(const float* x, int64_t n) {
+  double m = -INFINITY, s = 0;
+  for (int64_t i = 0; i < n; i++) m = std::max(m, double{x[i]});
+  for (int64_t i = 0; i < n; i++) s += exp(x[i] - m);
+  std::vector<double> y;
+  for (int64_t i = 0; i < n; i++) y.push_back(exp(x[i] - m) / s);
+  return y;
+}
+
+TEST(Softmax, EveryGroupMatchesTheFormulaAndLeavesTheRestAlone) {
+  Random random(7);
+  for (int32_t n : {1, 2, 3, 4, 5, 6, 7, 8, 9, 15, 16, 17, 100, 1000})
+    for (int32_t groups : {1, 7, 8, 9, 17}) {
+      const int32_t count = n * groups + (n > 1);
+      Tensor source({count}), destination({count}), alone({n}), in_place({count});
+      for (int32_t i = 0; i < count; i++) source.as()[i] = random.real(-30, 30);
+      memcpy(in_place.as(), source.as(), source.bytes.size());
+      destination.as()[count - 1] = -7.0f;
+      ASSERT_EQ(zyn_tensor_softmax(destination.record, source.record, n), 0);
+      ASSERT_EQ(zyn_tensor_softmax(in_place.record, in_place.record, n), 0);
+      if (n > 1) {
+        EXPECT_EQ(destination.as()[count - 1], -7.0f);
+      }
+      for (int32_t g = 0; g < groups; g++) {
+        const float* x = source.as() + g * n;
+        const float* y = destination.as() + g * n;
+        const std::vector<double> expected = exact_softmax(x, n);
+        memcpy(alone.as(), x, alone.bytes.size());
+        ASSERT_EQ(zyn_tensor_softmax(alone.record, alone.record, n), 0);
+        for (int32_t i = 0; i < n; i++) {
+          // m + ln s and the difference are rounded to floats below 64: 2^-19 each.
+          ASSERT_NEAR(y[i], expected[i], 6e-6 * expected[i] + 1e-44) << n << " of " << groups;
+          ASSERT_EQ(bits_of(y[i]), bits_of(alone.as()[i])) << n << " in " << groups << " groups";
+          ASSERT_EQ(bits_of(y[i]), bits_of(in_place.as()[g * n + i])) << n << " in place";
+        }
+      }
+    }
+}
+
+// Blocks that overlap are walked element by element, so a destination behind its
+// source gives the bits of separate blocks, and one ahead of it reads its own results.
+TEST(Softmax, OverlappingBlocksAreWalkedInOrder) {
+  constexpr int32_t kCount = 40, kGroup = 20;
+  for (int offset : {-9, -8, -1, 1, 8, 9}) {
+    std::vector<float> memory(kCount + 20), simulated;
+    for (size_t i = 0; i < memory.size(); i++) memory[i] = static_cast<float>(i % 7) - 2;
+    simulated = memory;
+    float* x = memory.data() + 10;
+    Tensor source({kCount}), destination({kCount});
+    zyn_set_tensor_data(source.record, x, kCount * 4);
+    zyn_set_tensor_data(destination.record, x + offset, kCount * 4);
+    ASSERT_EQ(zyn_tensor_softmax(destination.record, source.record, kGroup), 0);
+    float* sx = simulated.data() + 10;
+    for (int g = 0; g < kCount; g += kGroup) {
+      double m = -INFINITY, s = 0;
+      for (int i = 0; i < kGroup; i++) m = std::max(m, double{sx[g + i]});
+      for (int i = 0; i < kGroup; i++) s += exp(sx[g + i] - m);
+      for (int i = 0; i < kGroup; i++)
+        sx[g + i + offset] = static_cast<float>(exp(sx[g + i] - m - log(s)));
+    }
+    for (size_t i = 0; i < memory.size(); i++)
+      ASSERT_NEAR(memory[i], simulated[i], 2e-6 * fabs(simulated[i])) << "offset " << offset;
+  }
+}
+
+TEST(Softmax, LimitsFollowTheFormula) {
+  const float inf = INFINITY, nan = nanf("");
+  const float cases[][2][3] = {{{-inf, -inf, -inf}, {0, 0, 0}}, {{-inf, 5, -inf}, {0, 1, 0}},
+                               {{1, inf, 0}, {nan, nan, nan}},  {{nan, 0, 0}, {nan, nan, nan}},
+                               {{3e38f, -3e38f, 0}, {1, 0, 0}}, {{-0.0f, -200, -200}, {1, 0, 0}}};
+  for (const auto& c : cases) {
+    Tensor source({3, 9}), destination({3, 9});  // nine groups: eight together, one alone
+    for (int g = 0; g < 9; g++) memcpy(source.as() + 3 * g, c[0], sizeof(c[0]));
+    ASSERT_EQ(zyn_tensor_softmax(destination.record, source.record, 3), 0);
+    for (int i = 0; i < 27; i++)
+      EXPECT_TRUE(isnan(c[1][i % 3]) ? isnan(destination.as()[i])
+                                     : destination.as()[i] == c[1][i % 3])
+          << c[0][0] << " " << c[0][1] << ": " << destination.as()[i];
+  }
+}
+
+TEST(Softmax, BadArgumentsAreRefused) {
+  Tensor a({3, 2}), b({3, 2}), turned({2, 3}), deeper({3, 2, 1}), narrow({3, 2}, 3);
+  EXPECT_EQ(zyn_tensor_softmax(nullptr, b.record, 3), 1);
+  EXPECT_EQ(zyn_tensor_softmax(a.record, nullptr, 3), 1);
+  EXPECT_EQ(zyn_tensor_softmax(a.record, b.record, 0), 1);
+  EXPECT_EQ(zyn_tensor_softmax(a.record, b.record, -1), 1);
+  EXPECT_EQ(zyn_tensor_softmax(a.record, b.record, 7), 1);
+  EXPECT_EQ(zyn_tensor_softmax(a.record, turned.record, 3), 1);
+  EXPECT_EQ(zyn_tensor_softmax(a.record, deeper.record, 3), 1);
+  EXPECT_EQ(zyn_tensor_softmax(a.record, narrow.record, 3), 1);
+  zyn_tensor empty = *b.record;
+  empty.data = nullptr;
+  EXPECT_EQ(zyn_tensor_softmax(a.record, &empty, 3), 1);
+  EXPECT_EQ(zyn_tensor_softmax(&empty, b.record, 3), 1);
+}
+
+TEST(FixedPointToFloat, EveryWordIsDividedExactly) {
+  constexpr int32_t kCount = 65536;
+  Tensor source({kCount}, ZYN_TYPE_FPI16), destination({kCount});
+  for (int32_t i = 0; i < kCount; i++) source.as<int16_t>()[i] = static_cast<int16_t>(i - 32768);
+  for (uint32_t q = 0; q < 16; q++) {
+    ASSERT_EQ(zyn_tensor_transform_data_from_fpi16_to_real32(destination.record, source.record,
+                                                             kCount, q),
+              0);
+    for (int32_t i = 0; i < kCount; i++)
+      ASSERT_EQ(destination.as()[i], ldexp(i - 32768, -static_cast<int>(q))) << "q " << q;
+  }
+  for (int32_t count : {-1, 0, 1, 31, 32, 33, 63, 95}) {
+    for (int32_t i = 0; i < 100; i++) destination.as()[i] = 99999;
+    EXPECT_EQ(
+        zyn_tensor_transform_data_from_fpi16_to_real32(destination.record, source.record, count, 3),
+        0);
+    for (int32_t i = 0; i < 100; i++)
+      ASSERT_EQ(destination.as()[i], i < count ? (i - 32768) / 8.0 : 99999.0) << count;
+  }
+}
+
+TEST(FixedPointToFloat, OverlapBadArgumentsAndPageEnds) {
+  const auto convert = zyn_tensor_transform_data_from_fpi16_to_real32;
+  // Source words in the upper half of the destination: read before they are reached.
+  Tensor both({64}), upper({64}, ZYN_TYPE_FPI16);
+  auto* words = both.as<int16_t>() + 64;
+  for (int i = 0; i < 64; i++) words[i] = static_cast<int16_t>(100 * i - 3000);
+  zyn_set_tensor_data(upper.record, words, 128);
+  ASSERT_EQ(convert(both.record, upper.record, 64, 0), 0);
+  for (int i = 0; i < 64; i++) ASSERT_EQ(both.as()[i], 100 * i - 3000);
+
+  Tensor f({4}), s({4}, ZYN_TYPE_FPI16), small({3}), two_channels({4}, 14), unsigned16({4}, 2);
+  memset(s.bytes.data(), 0, s.bytes.size());
+  EXPECT_EQ(convert(f.record, s.record, 4, 0), 0);
+  EXPECT_EQ(convert(nullptr, s.record, 1, 0), 1);
+  EXPECT_EQ(convert(f.record, nullptr, 1, 0), 1);
+  EXPECT_EQ(convert(f.record, s.record, 5, 0), 1);
+  EXPECT_EQ(convert(small.record, s.record, 4, 0), 1);
+  EXPECT_EQ(convert(f.record, s.record, 4, 16), 1);
+  EXPECT_EQ(convert(f.record, f.record, 4, 0), 1);
+  EXPECT_EQ(convert(f.record, unsigned16.record, 4, 0), 1);
+  EXPECT_EQ(convert(s.record, s.record, 4, 0), 1);
+  EXPECT_EQ(convert(two_channels.record, s.record, 4, 0), 1);
+  zyn_tensor empty = *s.record;
+  empty.data = nullptr;
+  EXPECT_EQ(convert(f.record, &empty, 4, 0), 1);
+}
+
+}  // namespace
