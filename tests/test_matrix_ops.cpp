@@ -93,6 +93,35 @@ TYPED_TEST(MatrixOps, SmallProductsOfReals) {
   }
 }
 
+// 180000 elements in both operands are the last direct product. Rows around multiples of
+// the tile's 6 and of the block's rows, columns around its 16 (8), depths around the block's.
+TYPED_TEST(MatrixOps, LargeProducts) {
+  const struct {
+    int m, n, k;
+  } shapes[] = {{300, 300, 300}, {301, 299, 301}, {1, 700, 300},   {700, 1, 300},
+                {2, 3, 60000},   {169, 17, 1000}, {6, 16, 9000},   {343, 257, 513},
+                {7, 4097, 47},   {5, 1025, 257},  {97, 193, 1025}, {300, 330, 301}};
+  for (const auto& shape : shapes)
+    for (bool transposed : {false, true}) {
+      const auto product =
+          Product<TypeParam>().size(shape.m, shape.n, shape.k).transposed(transposed);
+      Product<TypeParam>(product).check();
+      Product<TypeParam>(product).factors(-1, 2).pitches(5).check();
+    }
+  for (double alpha : {0.0, 1.0})
+    for (double beta : {0.0, 1.0, 3.0})
+      Product<TypeParam>().size(302, 310, 303).factors(alpha, beta).check();
+  Product<TypeParam>().size(400, 400, 400).reals().check();
+  Product<TypeParam>().size(400, 400, 400).transposed().reals().factors(0.5, 3).check();
+}
+
+TYPED_TEST(MatrixOps, LargeProductsWithoutMemory) {
+  zyn_test::for_each_failing_allocation([](int64_t, bool) {
+    Product<TypeParam>().size(301, 299, 301).check();
+    return true;
+  });
+}
+
 TYPED_TEST(MatrixOps, MultiplyIsTheProductWithFactorsOneAndZero) {
   Random random(7);
   Matrix<TypeParam> a(4, 7), column(7, 1), row(1, 7), c(4, 1);

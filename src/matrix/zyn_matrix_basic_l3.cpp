@@ -16,6 +16,13 @@ constexpr zyn_site kBlockedType{kPath, 185, "ZYN_RET_ERR_NOT_SUPPORT"};
 // Elements of both operands up to which packing them does not pay.
 constexpr int32_t kDirectElements = 180000;
 
+// Counted in 32 bits.
+bool is_large(const zyn_matrix* a, const zyn_matrix* b) {
+  const uint32_t elements = static_cast<uint32_t>(b->rows) * static_cast<uint32_t>(b->cols) +
+                            static_cast<uint32_t>(a->rows) * static_cast<uint32_t>(a->cols);
+  return static_cast<int32_t>(elements) > kDirectElements;
+}
+
 template <typename T>
 int32_t multiply(zyn_matrix* c, const zyn_matrix* a, const zyn_matrix* b, bool transpose_b,
                  const void* alpha, const void* beta) {
@@ -32,15 +39,9 @@ int32_t multiply(zyn_matrix* c, const zyn_matrix* a, const zyn_matrix* b, bool t
                          transpose_b,
                          static_cast<T*>(c->data),
                          c->row_bytes / kSize};
-  zyn_product_direct(p);
+  // Without memory for packing the direct path does it, only slower.
+  if (!is_large(a, b) || !zyn_product_blocked(p)) zyn_product_direct(p);
   return ZYN_RET_OK;
-}
-
-// Counted in 32 bits.
-bool is_large(const zyn_matrix* a, const zyn_matrix* b) {
-  const uint32_t elements = static_cast<uint32_t>(b->rows) * static_cast<uint32_t>(b->cols) +
-                            static_cast<uint32_t>(a->rows) * static_cast<uint32_t>(a->cols);
-  return static_cast<int32_t>(elements) > kDirectElements;
 }
 
 }  // namespace

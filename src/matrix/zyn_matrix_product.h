@@ -22,3 +22,8 @@ struct zyn_product {
 // For operands that stay in the first caches.
 template <typename T>
 void zyn_product_direct(const zyn_product<T>& p);
+
+// For operands beyond the caches. False, with c as it was, when memory for packing them
+// is short. alpha = 0 does not look at a and b.
+template <typename T>
+bool zyn_product_blocked(const zyn_product<T>& p);

@@ -73,7 +73,7 @@ void tile_transposed(const zyn_product<T>& p, int64_t i, int64_t j) {
   vector<T> sum[Rows][kCols];
 #pragma GCC unroll 4
   for (int q = 0; q < kCols; q++) b[q] = p.b + (j + q < p.n ? j + q : p.n - 1) * p.b_pitch;
-#pragma GCC unroll 2
+#pragma GCC unroll 3
   for (int r = 0; r < Rows; r++) {
     a[r] = p.a + (i + r < p.m ? i + r : p.m - 1) * p.a_pitch;
 #pragma GCC unroll 4
@@ -81,12 +81,12 @@ void tile_transposed(const zyn_product<T>& p, int64_t i, int64_t j) {
   }
   const auto step = [&](auto load) __attribute__((always_inline)) {
     vector<T> left[Rows];
-#pragma GCC unroll 2
+#pragma GCC unroll 3
     for (int r = 0; r < Rows; r++) left[r] = load(a[r]);
 #pragma GCC unroll 4
     for (int q = 0; q < kCols; q++) {
       const vector<T> right = load(b[q]);
-#pragma GCC unroll 2
+#pragma GCC unroll 3
       for (int r = 0; r < Rows; r++) sum[r][q] = L::fma(left[r], right, sum[r][q]);
     }
   };
@@ -96,7 +96,7 @@ void tile_transposed(const zyn_product<T>& p, int64_t i, int64_t j) {
     const __m256i mask = L::mask(static_cast<int32_t>(p.k - l));
     step([l, mask](const T* x) { return L::load(x + l, mask); });
   }
-#pragma GCC unroll 2
+#pragma GCC unroll 3
   for (int r = 0; r < Rows; r++) {
     if (i + r >= p.m) break;
     T sums[kCols];
@@ -113,8 +113,8 @@ template <typename T>
 void zyn_product_direct(const zyn_product<T>& p) {
   int64_t i = 0;
   if (p.transpose_b) {
-    for (; p.m - i > 1; i += 2)
-      for (int64_t j = 0; j < p.n; j += 4) tile_transposed<T, 2>(p, i, j);
+    for (; p.m - i > 1; i += 3)
+      for (int64_t j = 0; j < p.n; j += 4) tile_transposed<T, 3>(p, i, j);
     if (i < p.m)
       for (int64_t j = 0; j < p.n; j += 4) tile_transposed<T, 1>(p, i, j);
     return;
