@@ -1,0 +1,127 @@
+// Products of small matrices, without packing. Row tails: a tile's rows beyond the
+// last one repeat it and are not stored. Column and depth tails: masked loads.
+#include <stdint.h>
+
+#include "matrix/zyn_lanes.h"
+#include "matrix/zyn_matrix_product.h"
+
+namespace {
+
+template <typename T>
+using vector = typename zyn_lanes<T>::vector;
+
+// c[i ... i + Rows)[j ... j + Vectors * lanes); the last vector is masked.
+template <typename T, int Rows, int Vectors>
+void tile_plain(const zyn_product<T>& p, int64_t i, int64_t j, __m256i mask) {
+  using L = zyn_lanes<T>;
+  const T* a[Rows];
+  vector<T> sum[Rows][Vectors];
+#pragma GCC unroll 4
+  for (int r = 0; r < Rows; r++) {
+    a[r] = p.a + (i + r < p.m ? i + r : p.m - 1) * p.a_pitch;
+#pragma GCC unroll 2
+    for (int v = 0; v < Vectors; v++) sum[r][v] = L::zero();
+  }
+  const T* b = p.b + j;
+  for (int64_t l = 0; l < p.k; l++, b += p.b_pitch) {
+    vector<T> row[Vectors];
+#pragma GCC unroll 2
+    for (int v = 0; v < Vectors; v++)
+      row[v] = v == Vectors - 1 ? L::load(b + v * L::count, mask) : L::load(b + v * L::count);
+#pragma GCC unroll 4
+    for (int r = 0; r < Rows; r++) {
+      const vector<T> left = L::broadcast(a[r][l]);
+#pragma GCC unroll 2
+      for (int v = 0; v < Vectors; v++) sum[r][v] = L::fma(left, row[v], sum[r][v]);
+    }
+  }
+  const vector<T> alpha = L::broadcast(p.alpha);
+  const vector<T> beta = L::broadcast(p.beta);
+#pragma GCC unroll 4
+  for (int r = 0; r < Rows; r++) {
+    if (i + r >= p.m) break;
+    T* c = p.c + (i + r) * p.c_pitch + j;
+#pragma GCC unroll 2
+    for (int v = 0; v < Vectors; v++, c += L::count) {
+      const __m256i lanes = v == Vectors - 1 ? mask : L::mask(L::count);
+      vector<T> value = L::multiply(alpha, sum[r][v]);
+      if (p.beta != 0) value = L::fma(beta, L::load(c, lanes), value);
+      L::store(c, lanes, value);
+    }
+  }
+}
+
+template <typename T, int Rows>
+void rows_plain(const zyn_product<T>& p, int64_t i) {
+  constexpr int64_t kLanes = zyn_lanes<T>::count;
+  int64_t j = 0;
+  for (; p.n - j > kLanes; j += 2 * kLanes) {
+    const int64_t left = p.n - j - kLanes;
+    tile_plain<T, Rows, 2>(p, i, j,
+                           zyn_lanes<T>::mask(static_cast<int32_t>(left < kLanes ? left : kLanes)));
+  }
+  if (j < p.n) tile_plain<T, Rows, 1>(p, i, j, zyn_lanes<T>::mask(static_cast<int32_t>(p.n - j)));
+}
+
+// c[i ... i + Rows)[j ... j + 4) as dot products of rows of a and b.
+template <typename T, int Rows>
+void tile_transposed(const zyn_product<T>& p, int64_t i, int64_t j) {
+  using L = zyn_lanes<T>;
+  constexpr int kCols = 4;
+  const T* a[Rows];
+  const T* b[kCols];
+  vector<T> sum[Rows][kCols];
+#pragma GCC unroll 4
+  for (int q = 0; q < kCols; q++) b[q] = p.b + (j + q < p.n ? j + q : p.n - 1) * p.b_pitch;
+#pragma GCC unroll 3
+  for (int r = 0; r < Rows; r++) {
+    a[r] = p.a + (i + r < p.m ? i + r : p.m - 1) * p.a_pitch;
+#pragma GCC unroll 4
+    for (int q = 0; q < kCols; q++) sum[r][q] = L::zero();
+  }
+  const auto step = [&](auto load) __attribute__((always_inline)) {
+    vector<T> left[Rows];
+#pragma GCC unroll 3
+    for (int r = 0; r < Rows; r++) left[r] = load(a[r]);
+#pragma GCC unroll 4
+    for (int q = 0; q < kCols; q++) {
+      const vector<T> right = load(b[q]);
+#pragma GCC unroll 3
+      for (int r = 0; r < Rows; r++) sum[r][q] = L::fma(left[r], right, sum[r][q]);
+    }
+  };
+  int64_t l = 0;
+  for (; l + L::count <= p.k; l += L::count) step([l](const T* x) { return L::load(x + l); });
+  if (l < p.k) {
+    const __m256i mask = L::mask(static_cast<int32_t>(p.k - l));
+    step([l, mask](const T* x) { return L::load(x + l, mask); });
+  }
+#pragma GCC unroll 3
+  for (int r = 0; r < Rows; r++) {
+    if (i + r >= p.m) break;
+    T sums[kCols];
+    L::sums(sum[r][0], sum[r][1], sum[r][2], sum[r][3], sums);
+    T* c = p.c + (i + r) * p.c_pitch + j;
+    for (int64_t q = 0; q < kCols && j + q < p.n; q++)
+      c[q] = p.beta != 0 ? L::fma(p.beta, c[q], p.alpha * sums[q]) : p.alpha * sums[q];
+  }
+}
+
+}  // namespace
+
+template <typename T>
+void zyn_product_direct(const zyn_product<T>& p) {
+  int64_t i = 0;
+  if (p.transpose_b) {
+    for (; p.m - i > 1; i += 3)
+      for (int64_t j = 0; j < p.n; j += 4) tile_transposed<T, 3>(p, i, j);
+    if (i < p.m)
+      for (int64_t j = 0; j < p.n; j += 4) tile_transposed<T, 1>(p, i, j);
+    return;
+  }
+  for (; p.m - i > 1; i += 4) rows_plain<T, 4>(p, i);
+  if (i < p.m) rows_plain<T, 1>(p, i);
+}
+
+template void zyn_product_direct<float>(const zyn_product<float>&);
+template void zyn_product_direct<double>(const zyn_product<double>&);

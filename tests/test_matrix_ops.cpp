@@ -1,0 +1,254 @@
+// Addition, identity, transposition and products against sums in double. Small-integer
+// data make every product exact, whatever the order of its sums.
+#include <gtest/gtest.h>
+#include <math.h>
+
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "matrix/zyn_matrix_ops.h"
+#include "support/capture.h"
+#include "support/failing.h"
+#include "support/matrices.h"
+
+namespace {
+
+using zyn_test::Matrix;
+using zyn_test::printed;
+using zyn_test::Random;
+using zyn_test::report;
+
+template <typename T>
+class Product {
+ public:
+  Product& size(int m, int n, int k) { return m_ = m, n_ = n, k_ = k, *this; }
+  Product& transposed(bool on = true) { return transposed_ = on, *this; }
+  Product& factors(double alpha, double beta) { return alpha_ = alpha, beta_ = beta, *this; }
+  Product& pitches(int extra) { return extra_ = extra, *this; }
+  Product& reals() { return reals_ = true, *this; }
+
+  void check() const {
+    Random random(static_cast<uint64_t>(m_ * 1000003 + n_ * 1009 + k_));
+    Matrix<T> a(m_, k_, k_ + extra_), c(m_, n_, n_ + extra_);
+    Matrix<T> b(transposed_ ? n_ : k_, transposed_ ? k_ : n_, (transposed_ ? k_ : n_) + extra_);
+    for (Matrix<T>* x : {&a, &b}) reals_ ? x->reals(random) : x->integers(random, 8);
+    if (beta_ != 0) c.integers(random, 8);
+    std::vector<double> expected(static_cast<size_t>(m_ * n_)), magnitudes(expected.size());
+    for (int r = 0; r < m_; r++)
+      for (int l = 0; l < k_; l++)
+        for (int j = 0; j < n_; j++) {
+          const double term = double{a.at(r, l)} * (transposed_ ? b.at(j, l) : b.at(l, j));
+          expected[static_cast<size_t>(r * n_ + j)] += term;
+          magnitudes[static_cast<size_t>(r * n_ + j)] += fabs(term);
+        }
+    for (size_t i = 0; i < expected.size(); i++) {
+      const double old = c.at(static_cast<int>(i) / n_, static_cast<int>(i) % n_);
+      expected[i] = alpha_ * expected[i] + (beta_ != 0 ? beta_ * old : 0);
+      magnitudes[i] = fabs(alpha_) * magnitudes[i] + (beta_ != 0 ? fabs(beta_ * old) : 0);
+    }
+    const T alpha = static_cast<T>(alpha_), beta = static_cast<T>(beta_);
+    ASSERT_EQ(zyn_matrix_gemm(c.get(), a.get(), b.get(), transposed_, &alpha, &beta), 0);
+    const double scale = reals_ ? 2 * std::numeric_limits<T>::epsilon() * sqrt(k_ + 4.0) : 0;
+    EXPECT_EQ(c.difference([&](int r, int j) { return expected[static_cast<size_t>(r * n_ + j)]; },
+                           [&](int r, int j) {
+                             return scale * magnitudes[static_cast<size_t>(r * n_ + j)];
+                           }),
+              "")
+        << m_ << " x " << n_ << " x " << k_ << (transposed_ ? " transposed" : "") << " alpha "
+        << alpha_ << " beta " << beta_ << (sizeof(T) == 4 ? " float" : " double");
+  }
+
+ private:
+  int m_ = 7, n_ = 7, k_ = 7, extra_ = 0;
+  bool transposed_ = false, reals_ = false;
+  double alpha_ = 1, beta_ = 0;
+};
+
+template <typename T>
+class MatrixOps : public ::testing::Test {};
+using Floats = ::testing::Types<float, double>;
+TYPED_TEST_SUITE(MatrixOps, Floats);
+
+TYPED_TEST(MatrixOps, SmallProductsOfEverySize) {
+  const int sizes[] = {1, 2, 3, 4, 5, 7, 8, 9, 16, 17, 37};
+  for (bool transposed : {false, true})
+    for (int m : sizes)
+      for (int n : sizes)
+        for (int k : sizes) {
+          const auto product = Product<TypeParam>().size(m, n, k).transposed(transposed);
+          Product<TypeParam>(product).check();
+          Product<TypeParam>(product).factors(-1, 1).pitches(3).check();
+        }
+  for (double alpha : {0.0, 2.0})
+    for (double beta : {0.0, 1.0, -3.0})
+      for (bool transposed : {false, true})
+        Product<TypeParam>().size(5, 11, 6).transposed(transposed).factors(alpha, beta).check();
+}
+
+TYPED_TEST(MatrixOps, SmallProductsOfReals) {
+  for (bool transposed : {false, true}) {
+    Product<TypeParam>().size(33, 70, 129).transposed(transposed).reals().check();
+    Product<TypeParam>().size(33, 70, 129).transposed(transposed).reals().factors(0.5, 3).check();
+  }
+}
+
+// 180000 elements in both operands are the last direct product. Rows around multiples of
+// the tile's 6 and of the block's rows, columns around its 16 (8), depths around the block's.
+TYPED_TEST(MatrixOps, LargeProducts) {
+  const struct {
+    int m, n, k;
+  } shapes[] = {{300, 300, 300}, {301, 299, 301}, {1, 700, 300},   {700, 1, 300},
+                {2, 3, 60000},   {169, 17, 1000}, {6, 16, 9000},   {343, 257, 513},
+                {7, 4097, 47},   {5, 1025, 257},  {97, 193, 1025}, {300, 330, 301}};
+  for (const auto& shape : shapes)
+    for (bool transposed : {false, true}) {
+      const auto product =
+          Product<TypeParam>().size(shape.m, shape.n, shape.k).transposed(transposed);
+      Product<TypeParam>(product).check();
+      Product<TypeParam>(product).factors(-1, 2).pitches(5).check();
+    }
+  for (double alpha : {0.0, 1.0})
+    for (double beta : {0.0, 1.0, 3.0})
+      Product<TypeParam>().size(302, 310, 303).factors(alpha, beta).check();
+  Product<TypeParam>().size(400, 400, 400).reals().check();
+  Product<TypeParam>().size(400, 400, 400).transposed().reals().factors(0.5, 3).check();
+}
+
+TYPED_TEST(MatrixOps, LargeProductsWithoutMemory) {
+  zyn_test::for_each_failing_allocation([](int64_t, bool) {
+    Product<TypeParam>().size(301, 299, 301).check();
+    return true;
+  });
+}
+
+TYPED_TEST(MatrixOps, MultiplyIsTheProductWithFactorsOneAndZero) {
+  Random random(7);
+  Matrix<TypeParam> a(4, 7), column(7, 1), row(1, 7), c(4, 1);
+  a.integers(random, 8);
+  column.fill([](int r, int) { return r - 3; });
+  row.fill([](int, int j) { return j - 3; });
+  const auto expected = [&](int r, int) {
+    double sum = 0;
+    for (int l = 0; l < 7; l++) sum += double{a.at(r, l)} * (l - 3);
+    return sum;
+  };
+  EXPECT_EQ(zyn_matrix_multiply(c.get(), a.get(), column.get(), 0), 0);
+  EXPECT_EQ(c.difference(expected), "");
+  c.fill([](int, int) { return NAN; });
+  EXPECT_EQ(zyn_matrix_multiply(c.get(), a.get(), row.get(), 1), 0);
+  EXPECT_EQ(c.difference(expected), "");
+}
+
+TYPED_TEST(MatrixOps, AddAndTransposeInPlaceAndNot) {
+  Random random(3);
+  for (int rows : {1, 2, 7, 16, 33})
+    for (int cols : {1, 3, 7, 32}) {
+      Matrix<TypeParam> a(rows, cols), b(rows, cols), c(rows, cols), t(cols, rows);
+      a.integers(random, 99);
+      b.integers(random, 99);
+      const auto sum = [&](int r, int j) { return double{a.at(r, j)} + b.at(r, j); };
+      EXPECT_EQ(zyn_matrix_add(c.get(), a.get(), b.get()), 0);
+      EXPECT_EQ(c.difference(sum), "");
+      EXPECT_EQ(zyn_matrix_add(b.get(), c.get(), b.get()), 0);
+      EXPECT_EQ(zyn_matrix_transpose(t.get(), b.get()), 0);
+      EXPECT_EQ(t.difference([&](int r, int j) { return 2 * double{c.at(j, r)} - a.at(j, r); }), "")
+          << rows << " x " << cols;
+    }
+  Matrix<TypeParam> square(9, 9);
+  square.fill([](int r, int c) { return 10 * r + c; });
+  EXPECT_EQ(zyn_matrix_transpose(square.get(), square.get()), 0);
+  EXPECT_EQ(square.difference([](int r, int c) { return 10 * c + r; }), "");
+  EXPECT_EQ(zyn_matrix_set_identity(square.get()), 0);
+  EXPECT_EQ(square.difference([](int r, int c) { return r == c ? 1 : 0; }), "");
+}
+
+zyn_matrix header(int rows, int cols, int pages, int type, void* data) {
+  zyn_matrix m;
+  zyn_set_matrix_header(&m, rows, cols, pages, type);
+  m.data = data;
+  return m;
+}
+
+TEST(MatrixContracts, AddAndIdentityCountPagesAndChannels) {
+  float x[24], y[24], z[24];
+  for (int i = 0; i < 24; i++) x[i] = static_cast<float>(i), y[i] = 100, z[i] = NAN;
+  zyn_matrix a = header(2, 3, 2, 14, x), b = header(2, 3, 2, 14, y), c = header(2, 3, 2, 14, z);
+  EXPECT_EQ(zyn_matrix_add(&c, &a, &b), 0);
+  for (int i = 0; i < 24; i++) EXPECT_EQ(z[i], static_cast<float>(100 + i));
+  zyn_matrix pages = header(2, 2, 3, 6, z);
+  EXPECT_EQ(zyn_matrix_set_identity(&pages), 0);
+  for (int i = 0; i < 12; i++) EXPECT_EQ(z[i], i == 0 || i == 3 ? 1.0f : 0.0f) << i;
+}
+
+TEST(MatrixContracts, IdentityOfAnotherTypeIsClearedAndRefused) {
+  float x[8] = {9, 9, 9, 9, 9, 9, 9, 9};
+  zyn_matrix m = header(2, 2, 1, 14, x);
+  EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_matrix_set_identity(&m), 4); }),
+            report("Current version can not support!", "src/matrix/zyn_matrix_basic_l1.cpp", 2222));
+  for (float element : x) EXPECT_EQ(element, 0.0f);
+}
+
+TEST(MatrixContracts, TransposesEveryFourByteElement) {
+  int32_t x[6] = {1, 2, 3, 4, 5, -2147483647 - 1}, y[6];
+  for (int type : {4, 5, 6}) {
+    zyn_matrix s = header(2, 3, 1, type, x), d = header(3, 2, 1, type, y);
+    EXPECT_EQ(zyn_matrix_transpose(&d, &s), 0);
+    for (int i = 0; i < 6; i++) EXPECT_EQ(y[i % 3 * 2 + i / 3], x[i]);
+  }
+}
+
+TEST(MatrixContracts, RefusalsKeepTheirSites) {
+  double block[64] = {};
+  const std::string core = "src/matrix/zyn_matrix_core.cpp",
+                    l1 = "src/matrix/zyn_matrix_basic_l1.cpp",
+                    l2 = "src/matrix/zyn_matrix_basic_l2.cpp",
+                    l3 = "src/matrix/zyn_matrix_basic_l3.cpp";
+  const std::string para = "Your input params are wrong!", gemm = "ZYN_RET_ERR_PARA";
+  zyn_matrix a = header(2, 3, 1, 6, block), t = header(3, 2, 1, 6, block + 20);
+  zyn_matrix b = header(2, 3, 1, 6, block + 40), wide = header(2, 3, 1, 7, block);
+  zyn_matrix view = header(3, 2, 1, 6, block), none = header(2, 3, 1, 6, nullptr);
+  zyn_matrix bytes = header(2, 3, 1, 0, block), bytes_t = header(3, 2, 1, 0, block + 8);
+  zyn_matrix pages = header(2, 3, 2, 6, block), shorts = header(600, 600, 1, 2, block);
+  zyn_matrix pair = header(2, 3, 1, 14, block), pair_t = header(3, 2, 1, 14, block + 20);
+  zyn_matrix small = header(2, 2, 1, 2, block);
+  const float one = 1;
+  const auto refused = [](auto call, int code, const std::string& text) {
+    EXPECT_EQ(printed([&] { EXPECT_EQ(call(), code); }), text);
+  };
+  const auto add = [&](zyn_matrix* x, zyn_matrix* y, zyn_matrix* z, int code, const char* message,
+                       int line) {
+    refused([&] { return zyn_matrix_add(x, y, z); }, code, report(message, core, line));
+  };
+  add(&a, &b, &t, 1, "parameters error!", 592);
+  add(&wide, &b, &a, 1, "parameters error!", 592);
+  add(&pages, &pages, &a, 1, "parameters error!", 592);
+  add(nullptr, &a, &a, 1, "parameters error!", 592);
+  add(&a, &none, &a, 1, "parameters error!", 592);
+  add(&bytes, &bytes, &bytes, 4, "can not support!", 609);
+  for (zyn_matrix* m : {&a, &none, static_cast<zyn_matrix*>(nullptr)})
+    refused([&] { return zyn_matrix_set_identity(m); }, 1, report(para, l1, 2205));
+  const auto transpose = [&](zyn_matrix* d, zyn_matrix* s, int code, const std::string& message,
+                             int line) {
+    refused([&] { return zyn_matrix_transpose(d, s); }, code, report(message, l2, line));
+  };
+  transpose(&b, &a, 1, para, 1411);
+  transpose(&pair_t, &pair, 1, para, 1411);
+  transpose(&t, &pages, 1, para, 1411);
+  transpose(&t, nullptr, 1, para, 1411);
+  transpose(&view, &a, 1, para, 1417);
+  transpose(&bytes_t, &bytes, 4, "Current version can not support!", 1425);
+  const auto product = [&](zyn_matrix* c, zyn_matrix* x, zyn_matrix* y, const float* alpha,
+                           int code, const std::string& text) {
+    refused([&] { return zyn_matrix_gemm(c, x, y, 0, alpha, &one); }, code, text);
+  };
+  product(&b, &a, nullptr, &one, 1, report(gemm, l3, 47));
+  product(&b, &a, &wide, &one, 1, report(gemm, l3, 47));
+  product(&b, &pages, &a, &one, 1, report(gemm, l3, 47));
+  product(&b, &a, &t, nullptr, 1, report(gemm, l3, 47));
+  product(&b, &a, &a, &one, 1, "");
+  product(&small, &small, &small, &one, 4, report("ZYN_RET_ERR_NOT_SUPPORT", l3, 120));
+  product(&shorts, &shorts, &shorts, &one, 4, report("ZYN_RET_ERR_NOT_SUPPORT", l3, 185));
+}
+
+}  // namespace
