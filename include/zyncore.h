@@ -468,6 +468,44 @@ typedef struct zyn_conv_param {
   int32_t activation; /* type 13: activation code */
 } zyn_conv_param;
 
+/* ------------------------------------------------------------------------ */
+/* Detector outputs                                                           */
+/* ------------------------------------------------------------------------ */
+
+/* A scored box in corner form. */
+typedef struct zyn_detection {
+  float x1, y1, x2, y2;
+  float score;
+} zyn_detection;
+
+/* The prior boxes of the SSD detector for an input of width * height pixels: a float
+ * tensor {4, N}, per prior centre x, centre y, width, height as fractions of the
+ * input. Inputs with feature maps of their own: 128x96, 160x120, 240x180, 320x240
+ * (N = 4420), 480x360, 640x480, 1280x960; any other size uses the maps of 128x96.
+ * transposed non-zero lays the priors out for the input turned by a quarter turn.
+ * Release with zyn_release_tensor. Null: no memory. */
+ZYN_API zyn_tensor* zyn_generate_priors(uint32_t height, uint32_t width, uint32_t transposed);
+
+/* Turns network offsets into boxes in centre form, count * 4 floats each:
+ * centre = center_variance * offset * prior size + prior centre,
+ * size = exp(size_variance * offset) * prior size. Nothing is checked; boxes may be
+ * locations or priors. */
+ZYN_API void zyn_convert_locations_to_boxes(float* boxes, const float* locations,
+                                            const float* priors, int32_t count,
+                                            float center_variance, float size_variance);
+
+/* Turns count boxes from centre form to x1, y1, x2, y2 in place, not clamped. */
+ZYN_API void zyn_center_form_to_corner_form(float* boxes, int32_t count);
+
+/* Greedy non-maximum suppression: the highest score stays and removes every lower
+ * one whose overlap (intersection over union) exceeds iou_threshold, and so on.
+ * out takes up to count records, by falling score; equal scores stay in input order
+ * and NaN scores come last. A box whose overlap with a better one is not a number
+ * (infinite corners) is removed. boxes is not changed, unless it is out itself.
+ * Returns the number written; 0 for null arguments and without memory (silent). */
+ZYN_API int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int32_t count,
+                            float iou_threshold);
+
 #ifdef __cplusplus
 }
 #endif

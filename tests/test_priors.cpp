@@ -1,0 +1,186 @@
+// Prior boxes and the decoding of locations, against the definitions in double
+// precision.
+#include <gtest/gtest.h>
+#include <math.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "base/zyn_memory.h"
+#include "support/buffers.h"
+#include "support/capture.h"
+#include "zyncore.h"
+
+namespace {
+
+using zyn_test::PageEnd;
+using zyn_test::Random;
+
+struct Input {
+  uint32_t width, height;
+  // The divisor's maps are those of this input.
+  uint32_t map_width, map_height;
+};
+const Input kInputs[] = {{128, 96, 128, 96},     {160, 120, 160, 120}, {240, 180, 240, 180},
+                         {320, 240, 320, 240},   {480, 360, 480, 360}, {640, 480, 640, 480},
+                         {1280, 960, 1280, 960}, {300, 300, 128, 96},  {240, 320, 128, 96},
+                         {64, 48, 128, 96},      {4096, 1000, 128, 96}};
+
+int cells(uint32_t pixels, int level) {
+  const int divisor = 8 << level;
+  return (static_cast<int>(pixels) + divisor - 1) / divisor;
+}
+
+double clamped(double value) { return std::min(1.0, std::max(0.0, value)); }
+
+std::vector<double> expected_priors(const Input& input, bool transposed) {
+  const std::vector<std::vector<int>> sizes = {{10, 16, 24}, {32, 48}, {64, 96}, {128, 192, 256}};
+  std::vector<double> values;
+  for (int level = 0; level < 4; level++) {
+    int columns = cells(input.map_width, level), rows = cells(input.map_height, level);
+    double w = input.width, h = input.height;
+    const double shrink_x = w / columns, shrink_y = h / rows;
+    if (transposed) {
+      std::swap(columns, rows);
+      std::swap(w, h);
+    }
+    for (int j = 0; j < rows; j++)
+      for (int i = 0; i < columns; i++)
+        for (int size : sizes[static_cast<size_t>(level)])
+          for (double v :
+               {(i + 0.5) / (w / shrink_x), (j + 0.5) / (h / shrink_y), size / w, size / h})
+            values.push_back(clamped(v));
+  }
+  return values;
+}
+
+TEST(Priors, EveryInputSizeAndItsTurnedForm) {
+  for (const Input& input : kInputs)
+    for (uint32_t transposed : {0u, 1u, 7u}) {
+      SCOPED_TRACE(std::to_string(input.width) + "x" + std::to_string(input.height) +
+                   (transposed ? " transposed" : ""));
+      const std::vector<double> expected = expected_priors(input, transposed != 0);
+      zyn_tensor* priors = zyn_generate_priors(input.height, input.width, transposed);
+      ASSERT_NE(priors, nullptr);
+      EXPECT_EQ(priors->dim_count, 2);
+      EXPECT_EQ(priors->dims[0], 4);
+      EXPECT_EQ(priors->type, static_cast<uint32_t>(ZYN_TYPE_F32));
+      ASSERT_EQ(static_cast<size_t>(priors->count), expected.size());
+      const auto* values = static_cast<const float*>(priors->data);
+      double worst = 0;
+      for (size_t i = 0; i < expected.size(); i++)
+        worst = std::max(worst, std::fabs(values[i] - expected[i]));
+      EXPECT_LT(worst, 4e-7);
+      zyn_release_tensor(&priors);
+    }
+}
+
+TEST(Priors, AnInputOf320By240Has4420) {
+  zyn_tensor* priors = zyn_generate_priors(240, 320, 0);
+  ASSERT_NE(priors, nullptr);
+  EXPECT_EQ(priors->dims[1], 4420);
+  const auto* first = static_cast<const float*>(priors->data);
+  const float expected[4] = {0.0125f, 0.5f / 30, 10.0f / 320, 10.0f / 240};
+  for (int i = 0; i < 4; i++) EXPECT_FLOAT_EQ(first[i], expected[i]) << i;
+  zyn_release_tensor(&priors);
+}
+
+TEST(Priors, SizesWithoutAPixelDoNotFault) {
+  for (uint32_t side : {0u, 1u, 0xFFFFFFFFu}) {
+    zyn_tensor* priors = zyn_generate_priors(side, side, 1);
+    ASSERT_NE(priors, nullptr);
+    EXPECT_EQ(priors->dims[1], 16 * 12 * 3 + 8 * 6 * 2 + 4 * 3 * 2 + 2 * 2 * 3);
+    zyn_release_tensor(&priors);
+  }
+}
+
+// Fails the n-th allocation and remembers the block before it, so that a test can give
+// back what the library loses on purpose.
+struct Remembering {
+  static inline int left;
+  static inline uint8_t* last;
+  static void* allocate(size_t bytes) {
+    if (--left == 0) return nullptr;
+    return last = static_cast<uint8_t*>(malloc(bytes));
+  }
+  // The library's block starts at the first multiple of 32 behind its two header words.
+  static void free_last() {
+    uint8_t* block = last + 16;
+    while (reinterpret_cast<uintptr_t>(block) % 32) block++;
+    zyn_free(block);
+  }
+};
+
+TEST(Priors, WithoutMemoryForTheDataTheHeaderIsLostOnPurpose) {
+  const std::string memory = "Allocating memory failure! ", path = "src/matrix/zyn_tensor.cpp";
+  const zyn_system_allocator failing = {Remembering::allocate, free};
+  for (int n : {1, 2}) {
+    const uint64_t before = zyn_get_current_memory_size_occupation();
+    Remembering::left = n;
+    const std::string text = zyn_test::printed([&] {
+      const zyn_system_allocator own = zyn_set_system_allocator(&failing);
+      EXPECT_EQ(zyn_generate_priors(96, 128, 0), nullptr);
+      zyn_set_system_allocator(&own);
+    });
+    EXPECT_EQ(text, zyn_test::report(memory, path, n == 1 ? 53 : 123));
+    EXPECT_EQ(zyn_get_current_memory_size_occupation() - before, n == 1 ? 0 : sizeof(zyn_tensor));
+    if (n == 2) Remembering::free_last();
+  }
+}
+
+TEST(Priors, DecodingFollowsTheFormulas) {
+  Random random(21);
+  for (int count : {1, 2, 3, 5, 8, 501}) {
+    const auto floats = static_cast<size_t>(count) * 4;
+    PageEnd<float> locations(floats), priors(floats), boxes(floats);
+    for (float& v : locations) v = random.real(-8, 8);
+    for (float& v : priors) v = random.real(0.01f, 1);
+    zyn_convert_locations_to_boxes(boxes.data(), locations.data(), priors.data(), count, 0.1f,
+                                   0.2f);
+    for (size_t i = 0; i < floats; i += 4)
+      for (size_t k = 0; k < 4; k++) {
+        const double size = priors[i + 2 + k % 2];
+        const double expected = k < 2 ? 0.1 * locations[i + k] * size + priors[i + k]
+                                      : exp(0.2 * locations[i + k]) * size;
+        ASSERT_NEAR(boxes[i + k], expected, 1e-6 * std::max(1.0, std::fabs(expected))) << i + k;
+      }
+    // The result may replace either input.
+    std::vector<float> over_priors(priors.begin(), priors.end());
+    zyn_convert_locations_to_boxes(over_priors.data(), locations.data(), over_priors.data(), count,
+                                   0.1f, 0.2f);
+    zyn_convert_locations_to_boxes(locations.data(), locations.data(), priors.data(), count, 0.1f,
+                                   0.2f);
+    EXPECT_TRUE(std::equal(boxes.begin(), boxes.end(), over_priors.begin())) << count;
+    EXPECT_TRUE(std::equal(boxes.begin(), boxes.end(), locations.begin())) << count;
+
+    zyn_center_form_to_corner_form(boxes.data(), count);
+    for (size_t i = 0; i < floats; i += 4)
+      for (size_t k = 0; k < 4; k++) {
+        const double half = 0.5 * locations[i + 2 + k % 2];
+        const double expected = locations[i + k % 2] + (k < 2 ? -half : half);
+        ASSERT_NEAR(boxes[i + k], expected, 1e-6 * std::max(1.0, std::fabs(expected))) << i + k;
+      }
+  }
+}
+
+TEST(Priors, ZeroOffsetsGiveThePriors) {
+  zyn_tensor* priors = zyn_generate_priors(120, 160, 0);
+  ASSERT_NE(priors, nullptr);
+  const auto* values = static_cast<const float*>(priors->data);
+  const std::vector<float> zeros(static_cast<size_t>(priors->count), 0.0f);
+  std::vector<float> boxes(zeros.size());
+  zyn_convert_locations_to_boxes(boxes.data(), zeros.data(), values, priors->dims[1], 0.1f, 0.2f);
+  EXPECT_TRUE(std::equal(boxes.begin(), boxes.end(), values));
+  zyn_release_tensor(&priors);
+}
+
+TEST(Priors, ACountBelowOneDoesNothing) {
+  for (int32_t count : {0, -1, INT32_MIN}) {
+    zyn_convert_locations_to_boxes(nullptr, nullptr, nullptr, count, 0.1f, 0.2f);
+    zyn_center_form_to_corner_form(nullptr, count);
+  }
+}
+
+}  // namespace
