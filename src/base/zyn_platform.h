@@ -10,6 +10,9 @@
 bool zyn_platform_ticks(int64_t* ticks);
 bool zyn_platform_tick_frequency(int64_t* ticks_per_second);
 
+// The calling thread's number within a team of the OpenMP runtime; 0 outside of one.
+int32_t zyn_platform_thread_number();
+
 // fopen with a UTF-8 name. mode is "rb" or "wb". Directories are not opened. Null on
 // failure.
 FILE* zyn_platform_open(const char* path, const char* mode);

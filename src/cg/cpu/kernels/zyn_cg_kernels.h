@@ -7,6 +7,7 @@
 
 #include <stdint.h>
 
+#include "cg/cpu/kernels/zyn_gemm_micro.h"
 #include "zyncore.h"
 
 // Whether the record describes a depthwise layer: groups = both channel counts. One
@@ -70,3 +71,27 @@ uint32_t zyn_cg_conv_run_planned(zyn_tensor* output, const zyn_tensor* input,
                                  const zyn_tensor* weights, const zyn_conv_param* param,
                                  const zyn_conv_plan* workspace);
 uint32_t zyn_cg_conv_release_planned(zyn_conv_plan** workspace);
+// zyn_cg_conv_run_planned with bias and activation applied while the sums are still in
+// registers: the same bits as the passes over the planar output. Null: none.
+uint32_t zyn_cg_conv_run_planned_fused(zyn_tensor* output, const zyn_tensor* input,
+                                       const zyn_tensor* weights, const zyn_conv_param* param,
+                                       const zyn_conv_plan* workspace,
+                                       const zyn_conv_epilogue* epilogue);
+// Fills every field of a plan but the packed weights. 1: refused (see the kinds in
+// zyn_conv_plan.h), the plan is then left as it was.
+uint32_t zyn_cg_conv_plan(int32_t input_channels, int32_t output_channels, int32_t input_w,
+                          int32_t input_h, int32_t kernel, int32_t pad, int32_t stride,
+                          int32_t groups, uint32_t threads, zyn_conv_plan* plan);
+
+// C = alpha * A x B + beta * C, row-major, m x k by k x n; lda, ldb and ldc are row
+// lengths in floats. With beta 0, C is not read. Terms are summed in runs of 512. 1: bad
+// argument; 2: no memory for the packed blocks; C is then untouched.
+uint32_t zyn_cg_sgemm(int32_t m, int32_t n, int32_t k, float alpha, float beta, const float* a,
+                      int64_t lda, const float* b, int64_t ldb, float* c, int64_t ldc);
+
+// output = alpha * A x B + beta * output on packed operands (zyn_gemm_pack.h), tile by
+// tile of row_block x panel_width; of the tiles at the right and bottom edges only the
+// valid part reaches the output, whose rows lie pitch floats apart.
+void zyn_gemm_macro(int64_t rows, int64_t columns, int64_t k, float alpha, float beta,
+                    float* output, int64_t pitch, const float* weights, const float* panels,
+                    int64_t row_block, int64_t panel_width, zyn_gemm_micro micro);

@@ -1,0 +1,46 @@
+// Bias and activation on finished sums, for kernels that apply them to a tile or row
+// that is still in registers. Same arithmetic, in the same order, as the passes over
+// whole planes.
+#pragma once
+
+#include <immintrin.h>
+
+#include "cg/cpu/kernels/zyn_gemm_micro.h"
+
+template <int kActivation>
+inline __m256 zyn_activate(__m256 y) {
+  const __m256 zero = _mm256_setzero_ps();
+  if (kActivation == ZYN_EPILOGUE_RELU) return _mm256_max_ps(y, zero);
+  if (kActivation == ZYN_EPILOGUE_HARD_SWISH || kActivation == ZYN_EPILOGUE_HARD_SIGMOID) {
+    const __m256 gate = _mm256_min_ps(_mm256_max_ps(_mm256_add_ps(y, _mm256_set1_ps(3.0f)), zero),
+                                      _mm256_set1_ps(6.0f));
+    const __m256 scaled = kActivation == ZYN_EPILOGUE_HARD_SWISH ? _mm256_mul_ps(y, gate) : gate;
+    return _mm256_mul_ps(scaled, _mm256_set1_ps(1.0f / 6.0f));
+  }
+  return y;
+}
+
+// The lanes 0 to count - 1 of a mask, count 0 to 8.
+inline __m256i zyn_first_lanes(int64_t count) {
+  const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+  return _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int32_t>(count)), lane);
+}
+
+// Calls action with the activation as a template value: action.template run<code>().
+template <typename Action>
+inline void zyn_with_activation(int32_t activation, const Action& action) {
+  switch (activation) {
+    case ZYN_EPILOGUE_RELU:
+      return action.template run<ZYN_EPILOGUE_RELU>();
+    case ZYN_EPILOGUE_HARD_SWISH:
+      return action.template run<ZYN_EPILOGUE_HARD_SWISH>();
+    case ZYN_EPILOGUE_HARD_SIGMOID:
+      return action.template run<ZYN_EPILOGUE_HARD_SIGMOID>();
+    default:
+      return action.template run<ZYN_EPILOGUE_NONE>();
+  }
+}
+
+// Bias and activation over rows rows of count floats, in place.
+void zyn_conv_finish_rows(float* data, int64_t rows, int64_t count,
+                          const zyn_conv_epilogue& epilogue);

@@ -1,0 +1,61 @@
+// Micro-kernels: one register tile of a product C = A x B. Every output element is
+// one accumulator that starts at 0 and takes its K terms in ascending order, each by
+// a fused multiply-add, so that every kernel here, whatever its tile, gives the same
+// bits for the same element.
+#pragma once
+
+#include <stdint.h>
+
+// What happens to a finished sum, in the order of the separate passes: the bias is
+// added, then the activation is applied.
+struct zyn_conv_epilogue {
+  const float* bias;   // one per output channel, or null
+  int32_t activation;  // ZYN_EPILOGUE_*
+};
+enum {
+  ZYN_EPILOGUE_NONE = 0,
+  ZYN_EPILOGUE_RELU = 1,
+  ZYN_EPILOGUE_HARD_SWISH = 2,
+  ZYN_EPILOGUE_HARD_SIGMOID = 4
+};
+
+// tile = alpha * A x B + beta * tile for a whole tile of rows x columns: weights holds
+// rows x K floats, k-major; panel columns x K floats, k-major; pitch is the distance of
+// the tile's rows in floats. With beta 0 the tile is not read.
+using zyn_gemm_micro = void (*)(int64_t k, float alpha, float beta, const float* weights,
+                                const float* panel, float* tile, int64_t pitch);
+void zyn_gemm_micro_6x16(int64_t k, float alpha, float beta, const float* weights,
+                         const float* panel, float* tile, int64_t pitch);
+void zyn_gemm_micro_4x16(int64_t k, float alpha, float beta, const float* weights,
+                         const float* panel, float* tile, int64_t pitch);
+void zyn_gemm_micro_8x8(int64_t k, float alpha, float beta, const float* weights,
+                        const float* panel, float* tile, int64_t pitch);
+// Four rows of a block of eight (weights points at the first) by three panels of eight
+// that lie panel_stride floats apart: 12 accumulators keep both multipliers busy, where
+// the 8 of an 8 x 8 tile leave gaps.
+void zyn_gemm_micro_4x24_of_8(int64_t k, float alpha, float beta, const float* weights,
+                              const float* panel, int64_t panel_stride, float* tile, int64_t pitch);
+
+// Where the rows of B lie when they are read in place: row c * taps + t starts at
+// channel c, tap t: base + c * channel_stride + offsets[t].
+struct zyn_gemm_rows {
+  const float* base;
+  int64_t channel_stride;
+  int64_t channels;
+  int64_t taps;            // 1: offsets is not read
+  const int64_t* offsets;  // one per tap
+  int64_t column_floats;   // floats of B that one column brings into the cache
+};
+
+// Output of a product by rows read in place.
+struct zyn_gemm_output {
+  float* data;
+  int64_t pitch;  // floats from one output row to the next
+  int64_t rows;   // output channels
+  zyn_conv_epilogue epilogue;
+};
+
+// output = packed x B over columns columns. packed holds blocks of block (4 or 6) rows,
+// k-major. Of every row of B at least 8 columns must be readable.
+void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
+                       const zyn_gemm_output& output);
