@@ -9,6 +9,8 @@
 
 #include "zyncore.h"
 
+struct zyn_conv_epilogue;  // zyn_conv_epilogue.h
+
 // Whether the record describes a depthwise layer: groups = both channel counts. One
 // channel in, out and group is dense.
 inline bool zyn_conv_is_depthwise(const zyn_conv_param* p) {
@@ -54,11 +56,13 @@ zyn_conv_direct* zyn_cg_conv_prepare_direct(const zyn_tensor* weights, const zyn
                                             int32_t threads);
 uint32_t zyn_cg_conv_release_direct(zyn_conv_direct** workspace);
 uint32_t zyn_cg_conv3x3(zyn_tensor* output, const zyn_tensor* input,
-                        const zyn_conv_direct* workspace, const zyn_conv_param* param);
+                        const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                        const zyn_conv_epilogue* epilogue = nullptr);
 uint32_t zyn_cg_dwconv3x3(zyn_tensor* output, const zyn_tensor* input,
-                          const zyn_conv_direct* workspace, const zyn_conv_param* param);
+                          const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                          const zyn_conv_epilogue* epilogue = nullptr);
 uint32_t zyn_cg_conv1x1(zyn_tensor* output, const zyn_tensor* input, const zyn_tensor* packed,
-                        const zyn_conv_param* param);
+                        const zyn_conv_param* param, const zyn_conv_epilogue* epilogue = nullptr);
 uint32_t zyn_cg_conv_add_bias_blocked(zyn_tensor* output, const zyn_tensor* source,
                                       const float* weights, const zyn_conv_param* param);
 
@@ -70,3 +74,6 @@ uint32_t zyn_cg_conv_run_planned(zyn_tensor* output, const zyn_tensor* input,
                                  const zyn_tensor* weights, const zyn_conv_param* param,
                                  const zyn_conv_plan* workspace);
 uint32_t zyn_cg_conv_release_planned(zyn_conv_plan** workspace);
+// A planar tensor into blocked order in a tensor of the same size, which is marked
+// so.
+uint32_t zyn_cg_block_channels(zyn_tensor* output, const zyn_tensor* input);
