@@ -8,7 +8,8 @@
 namespace {
 
 constexpr int64_t kStripBytes = 20 * 1024;  // input strip of all channels kept in L1
-constexpr int32_t kMaxPixels = 6;
+// Pixels of a tile of one and of two output blocks: 12 accumulators.
+constexpr int kTilePixels = 12;
 
 struct layer {
   const float* in;
@@ -42,26 +43,34 @@ struct tiles {
   int32_t oc;
   zyn_tile_epilogue epilogue;
 
+  // Values are copied to locals first: vector stores may alias anything in memory.
   template <int Pixels>
   void run(int32_t pixel) const {
     using lanes = zyn_lanes<OB>;
     typename lanes::type sum[Blocks][Pixels];
     ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
-      ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[b][i] = lanes::zero();
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[b][i] = epilogue.bias<OB>(b);
     }
+    const int64_t pixels = l.pixels;
     const int64_t weight_block = static_cast<int64_t>(OB) * l.in_channels;
+    const float* in = l.in;
     const float* w = l.packed + static_cast<int64_t>(oc) * l.in_channels;
-    int32_t ic = 0;
-    for (; ic + 8 <= l.in_channels; ic += 8, w += 8 * OB)
-      add_inputs<OB, 8>(sum, l.in + ic * l.pixels + pixel * 8, w, weight_block);
-    for (; ic + 4 <= l.in_channels; ic += 4, w += 4 * OB)
-      add_inputs<OB, 4>(sum, l.in + ic * l.pixels + pixel * 4, w, weight_block);
-    for (; ic < l.in_channels; ic++, w += OB)
-      add_inputs<OB, 1>(sum, l.in + ic * l.pixels + pixel, w, weight_block);
-    float* out = l.out + oc * l.pixels + pixel * OB;
+    const float* eight = in + pixel * 8;
+    for (int32_t n = l.in_channels / 8; n > 0; n--, eight += pixels * 8, w += 8 * OB)
+      add_inputs<OB, 8>(sum, eight, w, weight_block);
+    int32_t ic = l.in_channels / 8 * 8;
+    if (l.in_channels - ic >= 4) {
+      add_inputs<OB, 4>(sum, in + ic * pixels + pixel * 4, w, weight_block);
+      ic += 4;
+      w += 4 * OB;
+    }
+    for (const int32_t end = l.in_channels; ic < end; ic++, w += OB)
+      add_inputs<OB, 1>(sum, in + ic * pixels + pixel, w, weight_block);
+    const typename lanes::type floor = epilogue.floor<OB>();
+    float* out = l.out + oc * pixels + pixel * OB;
     ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
       ZYN_UNROLL for (int i = 0; i < Pixels; i++)
-          lanes::store(out + b * l.pixels * OB + i * OB, epilogue.apply<OB>(sum[b][i], b));
+          lanes::store(out + b * pixels * OB + i * OB, lanes::max(floor, sum[b][i]));
     }
   }
 };
@@ -107,7 +116,7 @@ struct tiles<1, 1> {
 template <int OB, int Blocks>
 void strip(const layer& l, int32_t oc, int64_t first, int64_t end) {
   const tiles<OB, Blocks> body{l, oc, zyn_tile_epilogue(l.epilogue, oc, OB * Blocks)};
-  zyn_balanced_tiles<kMaxPixels>(first, end, body);
+  zyn_balanced_tiles<OB == 1 ? kTilePixels / 2 : kTilePixels / Blocks>(first, end, body);
   for (int b = 0; b < Blocks; b++)
     body.epilogue.finish(l.out + (oc + b * OB) * l.pixels + first * OB, (end - first) * OB);
 }
@@ -129,7 +138,7 @@ uint32_t zyn_cg_conv1x1(zyn_tensor* output, const zyn_tensor* input, const zyn_t
                    static_cast<const float*>(packed->data),
                    epilogue};
   const int64_t fitting = kStripBytes / (static_cast<int64_t>(sizeof(float)) * l.in_channels);
-  const int64_t step = (fitting / kMaxPixels + 1) * kMaxPixels;
+  const int64_t step = (fitting / kTilePixels + 1) * kTilePixels;
   for (int64_t first = 0; first < l.pixels; first += step) {
     const int64_t end = first + step < l.pixels ? first + step : l.pixels;
     for (int32_t oc = 0, channels = 0; oc < param->out_channels; oc += channels) {

@@ -18,12 +18,20 @@ class zyn_tile_epilogue {
     for (int32_t i = 0; i < channels; i++) bias_[i] = bias ? bias[i] : -0.0f;
   }
 
-  // value holds output block number block of Width channels.
+  // The bias of output block number block, Width channels.
+  template <int Width>
+  typename zyn_lanes<Width>::type bias(int block) const {
+    return zyn_lanes<Width>::load(bias_ + block * Width);
+  }
+  // The lower bound of every value.
+  template <int Width>
+  typename zyn_lanes<Width>::type floor() const {
+    return zyn_lanes<Width>::spread(&floor_);
+  }
   template <int Width>
   typename zyn_lanes<Width>::type apply(typename zyn_lanes<Width>::type value, int block) const {
     using lanes = zyn_lanes<Width>;
-    return lanes::max(lanes::spread(&floor_),
-                      lanes::add(value, lanes::load(bias_ + block * Width)));
+    return lanes::max(floor<Width>(), lanes::add(value, bias<Width>(block)));
   }
 
   // The pass over count values, where the activation needs one.
@@ -37,34 +45,26 @@ class zyn_tile_epilogue {
   zyn_conv_activation pass_ = ZYN_CONV_NONE;
 };
 
-// Calls body.run<N>(x) over [first, end) with N at most Pixels and all N within one of
-// each other, so that no tile is left with too few accumulators.
-template <int Pixels, typename Body>
+// Calls body.run<size>(x) for a size known at run time, 1 to Most.
+template <int Most, typename Body>
+inline void zyn_run_tile(const Body& body, int64_t size, int32_t x) {
+  if constexpr (Most > 1) {
+    if (size < Most) {
+      zyn_run_tile<Most - 1>(body, size, x);
+      return;
+    }
+  }
+  body.template run<Most>(x);
+}
+
+// Covers [first, end) with tiles of at most Most pixels, all within one of each other,
+// so that no tile is left with too few accumulators.
+template <int Most, typename Body>
 inline void zyn_balanced_tiles(int64_t first, int64_t end, const Body& body) {
-  int64_t tiles = (end - first + Pixels - 1) / Pixels;
+  int64_t tiles = (end - first + Most - 1) / Most;
   while (first < end) {
     const int64_t size = (end - first + tiles - 1) / tiles;
-    switch (size) {
-      case 1:
-        body.template run<1>(static_cast<int32_t>(first));
-        break;
-      case 2:
-        body.template run<2>(static_cast<int32_t>(first));
-        break;
-      case 3:
-        body.template run<3>(static_cast<int32_t>(first));
-        break;
-      case 4:
-        body.template run<4>(static_cast<int32_t>(first));
-        break;
-      case 5:
-        body.template run<5>(static_cast<int32_t>(first));
-        break;
-      default:
-        body.template run<6>(static_cast<int32_t>(first));
-        break;
-    }
-    static_assert(Pixels == 6, "the cases above cover tiles of 1 to 6 pixels");
+    zyn_run_tile<Most>(body, size, static_cast<int32_t>(first));
     first += size;
     tiles--;
   }
