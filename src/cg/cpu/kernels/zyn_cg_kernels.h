@@ -55,11 +55,13 @@ zyn_conv_direct* zyn_cg_conv_prepare_direct(const zyn_tensor* weights, const zyn
                                             int32_t threads);
 uint32_t zyn_cg_conv_release_direct(zyn_conv_direct** workspace);
 uint32_t zyn_cg_conv3x3(zyn_tensor* output, const zyn_tensor* input,
-                        const zyn_conv_direct* workspace, const zyn_conv_param* param);
+                        const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                        const zyn_conv_epilogue* epilogue = nullptr);
 uint32_t zyn_cg_dwconv3x3(zyn_tensor* output, const zyn_tensor* input,
-                          const zyn_conv_direct* workspace, const zyn_conv_param* param);
+                          const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                          const zyn_conv_epilogue* epilogue = nullptr);
 uint32_t zyn_cg_conv1x1(zyn_tensor* output, const zyn_tensor* input, const zyn_tensor* packed,
-                        const zyn_conv_param* param);
+                        const zyn_conv_param* param, const zyn_conv_epilogue* epilogue = nullptr);
 uint32_t zyn_cg_conv_add_bias_blocked(zyn_tensor* output, const zyn_tensor* source,
                                       const float* weights, const zyn_conv_param* param);
 
@@ -95,3 +97,6 @@ uint32_t zyn_cg_sgemm(int32_t m, int32_t n, int32_t k, float alpha, float beta, 
 void zyn_gemm_macro(int64_t rows, int64_t columns, int64_t k, float alpha, float beta,
                     float* output, int64_t pitch, const float* weights, const float* panels,
                     int64_t row_block, int64_t panel_width, zyn_gemm_micro micro);
+// A planar tensor into blocked order in a tensor of the same size, which is marked
+// so.
+uint32_t zyn_cg_block_channels(zyn_tensor* output, const zyn_tensor* input);

@@ -10,7 +10,7 @@
 template <int kActivation>
 inline __m256 zyn_activate(__m256 y) {
   const __m256 zero = _mm256_setzero_ps();
-  if (kActivation == ZYN_EPILOGUE_RELU) return _mm256_max_ps(y, zero);
+  if (kActivation == ZYN_EPILOGUE_RELU) return _mm256_max_ps(zero, y);  // NaN stays NaN
   if (kActivation == ZYN_EPILOGUE_HARD_SWISH || kActivation == ZYN_EPILOGUE_HARD_SIGMOID) {
     const __m256 gate = _mm256_min_ps(_mm256_max_ps(_mm256_add_ps(y, _mm256_set1_ps(3.0f)), zero),
                                       _mm256_set1_ps(6.0f));
