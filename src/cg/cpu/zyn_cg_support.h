@@ -1,0 +1,163 @@
+// What the operator families share: states, a node's inputs, output tensors, and the
+// element-wise loops.
+#pragma once
+
+#include <immintrin.h>
+#include <string.h>
+
+#include "base/zyn_memory.h"
+#include "base/zyn_report.h"
+#include "cg/cpu/zyn_cg.h"
+#include "cg/cpu/zyn_cg_layout.h"
+
+// The first fields of every one-input state. Types 7, 8, 22, 23 and 30 share one
+// release, which frees exactly these.
+struct zyn_cg_io_state {
+  uint32_t type;
+  zyn_tensor* input;   // the producer's
+  zyn_tensor* output;  // the node's own
+  zyn_tensor* planar;  // the input in planar order, made when a run needs it
+  void* workspace;     // a zyn_malloc block of the type's own, or null
+};
+
+// A zeroed state for a node being bound; null without memory.
+template <typename State>
+State* zyn_cg_new_state(zyn_cg_handle* graph, int32_t node, uint32_t type, zyn_cg_run_fn run) {
+  auto* state = static_cast<State*>(zyn_calloc(1, sizeof(State)));
+  if (!state) return nullptr;
+  state->type = type;
+  zyn_cg_install(graph, node, state, run);
+  return state;
+}
+
+// bind of a type without parameters.
+template <typename State, uint32_t Type, zyn_cg_run_fn Run>
+int32_t zyn_cg_bind_plain(zyn_cg_handle* graph, int32_t node, const void*) {
+  return zyn_cg_new_state<State>(graph, node, Type, Run) ? ZYN_RET_OK : ZYN_RET_ERR_MEMORY;
+}
+
+// bind of a type whose state keeps a copy of its record in the field param.
+template <typename State, uint32_t Type, zyn_cg_run_fn Run>
+int32_t zyn_cg_bind_record(zyn_cg_handle* graph, int32_t node, const void* param) {
+  if (!param) return ZYN_RET_ERR_PARA;
+  auto* state = zyn_cg_new_state<State>(graph, node, Type, Run);
+  if (!state) return ZYN_RET_ERR_MEMORY;
+  memcpy(&state->param, param, sizeof(state->param));
+  return ZYN_RET_OK;
+}
+
+// The state of a node that is being prepared; null for a null graph, a bad node.
+template <typename State>
+State* zyn_cg_state(zyn_cg_handle* graph, int32_t node) {
+  return graph ? static_cast<State*>(zyn_cg_record(graph, node)) : nullptr;
+}
+
+// Where a node's data come from.
+struct zyn_cg_sources {
+  zyn_tensor* input;     // of the last predecessor that is not a constant; or null
+  int32_t producer;      // that predecessor's id
+  zyn_tensor* constant;  // of the last constant; or null
+  int64_t count;         // number of predecessors
+};
+zyn_cg_sources zyn_cg_find_sources(zyn_cg_handle* graph, int32_t node);
+
+// What an operator that takes no constant reads from a producer: a graph input's
+// tensor, else the producer's output. Null when there is none.
+zyn_tensor* zyn_cg_input_tensor(zyn_cg_handle* graph, int32_t producer);
+
+// The input of a node that may have one predecessor, kept in *input. 1: more than one,
+// or no tensor, or one that is not of floats (float graphs only), or no Q list (fixed
+// point only); *producer receives the predecessor's id where it is not null.
+int32_t zyn_cg_only_input(zyn_cg_handle* graph, int32_t node, zyn_tensor** input,
+                          int32_t* producer);
+
+// 1 unless the graph can run operators of float tensors or has the Q list that fixed
+// point needs.
+inline int32_t zyn_cg_check_input(const zyn_cg_handle* graph, const zyn_tensor* input) {
+  if (!input) return ZYN_RET_ERR_PARA;
+  const bool usable =
+      zyn_cg_is_fixed_point(graph) ? graph->q_list != nullptr : input->type == ZYN_TYPE_F32;
+  return usable ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
+}
+
+// Gives a node its output: an existing tensor of the same shape stays, so that nodes
+// prepared before keep a valid pointer. 2 without memory or for an extent below 1,
+// after the report of site (null: silent); the old output then stays. Without a graph
+// the tensor has data whatever the device.
+int32_t zyn_cg_make_output(const zyn_cg_handle* graph, zyn_tensor** output, int32_t dim_count,
+                           const int32_t* dims, uint32_t type, const zyn_site* site);
+// The same with the shape and type of another tensor.
+inline int32_t zyn_cg_make_output_like(const zyn_cg_handle* graph, zyn_tensor** output,
+                                       const zyn_tensor* shape, const zyn_site* site) {
+  return zyn_cg_make_output(graph, output, shape->dim_count, shape->dims, shape->type, site);
+}
+
+// A product or quotient rule's extent as int32_t: what does not fit becomes 0, which no
+// tensor admits.
+inline int32_t zyn_cg_extent(int64_t value) {
+  return value >= 1 && value <= INT32_MAX ? static_cast<int32_t>(value) : 0;
+}
+
+// extent * factor, rounded down, under the same rule.
+inline int32_t zyn_cg_scaled_extent(int32_t extent, float factor) {
+  const double value = static_cast<double>(extent) * static_cast<double>(factor);
+  return value >= 1.0 && value <= static_cast<double>(INT32_MAX) ? static_cast<int32_t>(value) : 0;
+}
+
+// Equal extents on every dimension.
+inline bool zyn_cg_same_dims(const zyn_tensor* a, const zyn_tensor* b) {
+  return a->dim_count == b->dim_count && memcmp(a->dims, b->dims, sizeof(a->dims)) == 0;
+}
+
+// Both tensors are there and have data.
+inline bool zyn_cg_ready(const zyn_tensor* a, const zyn_tensor* b) {
+  return a && b && a->data && b->data;
+}
+
+inline float* zyn_cg_floats(const zyn_tensor* t) { return static_cast<float*>(t->data); }
+
+// Releases a tensor that may be missing.
+inline void zyn_cg_drop(zyn_tensor** tensor) {
+  if (*tensor) zyn_release_tensor(tensor);
+}
+
+// Release of every state that begins with zyn_cg_io_state and owns no more than that.
+int32_t zyn_cg_release_io(void** record);
+
+// Slot 3 of a family: the output when the record's type is the one asked for.
+template <typename State, uint32_t... Types>
+zyn_tensor* zyn_cg_output_if(zyn_cg_handle* graph, int32_t node) {
+  const auto* state = zyn_cg_state<State>(graph, node);
+  return state && ((state->type == Types) || ...) ? state->output : nullptr;
+}
+
+// Fixed-point runs of the families that have none: their prepare ends here.
+inline int32_t zyn_cg_no_fixed_point() { return ZYN_RET_ERR_NOT_SUPPORT; }
+
+// Mask of the first count lanes, count 0 to 8.
+inline __m256i zyn_tail_mask(int64_t count) {
+  const __m256i index = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+  return _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int32_t>(count)), index);
+}
+
+// out[i] = f(in[i]); in place is fine. Tails are masked, with zeros in the idle lanes.
+template <typename Function>
+void zyn_map(float* out, const float* in, int64_t count, Function f) {
+  int64_t i = 0;
+  for (; i + 8 <= count; i += 8) _mm256_storeu_ps(out + i, f(_mm256_loadu_ps(in + i)));
+  if (i == count) return;
+  const __m256i mask = zyn_tail_mask(count - i);
+  _mm256_maskstore_ps(out + i, mask, f(_mm256_maskload_ps(in + i, mask)));
+}
+
+// out[i] = f(a[i], b[i]); in place is fine.
+template <typename Function>
+void zyn_map2(float* out, const float* a, const float* b, int64_t count, Function f) {
+  int64_t i = 0;
+  for (; i + 8 <= count; i += 8)
+    _mm256_storeu_ps(out + i, f(_mm256_loadu_ps(a + i), _mm256_loadu_ps(b + i)));
+  if (i == count) return;
+  const __m256i mask = zyn_tail_mask(count - i);
+  _mm256_maskstore_ps(out + i, mask,
+                      f(_mm256_maskload_ps(a + i, mask), _mm256_maskload_ps(b + i, mask)));
+}
