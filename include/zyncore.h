@@ -361,15 +361,35 @@ ZYN_API int32_t zyn_computation_graph_topo_sort(zyn_cg_handle* graph);
 
 /* Node types of zyn_cg_node_desc; docs/operators.md holds shapes and formulas. */
 enum {
-  ZYN_OP_INPUT = 0,          /* data node: a tensor of the caller, read at every run */
-  ZYN_OP_DATA = 1,           /* data node that no operator of this library reads */
-  ZYN_OP_CONSTANT = 2,       /* data node: weights */
-  ZYN_OP_CONV = 3,           /* convolution, zyn_conv_param */
-  ZYN_OP_CONV_DEPTHWISE = 4, /* depthwise convolution, zyn_conv_param */
-  ZYN_OP_CONV_POINTWISE = 5, /* 1 x 1 convolution, zyn_conv_param */
-  ZYN_OP_CONV_ACT = 12,      /* convolution and activation, zyn_conv_param */
-  ZYN_OP_CONV_BN = 13,       /* convolution, folded normalisation, activation */
-  ZYN_OP_ADD = 27            /* element-wise sum of two inputs, no parameters */
+  ZYN_OP_INPUT = 0,            /* data node: a tensor of the caller, read at every run */
+  ZYN_OP_DATA = 1,             /* data node that no operator of this library reads */
+  ZYN_OP_CONSTANT = 2,         /* data node: weights */
+  ZYN_OP_CONV = 3,             /* convolution, zyn_conv_param */
+  ZYN_OP_CONV_DEPTHWISE = 4,   /* depthwise convolution, zyn_conv_param */
+  ZYN_OP_CONV_POINTWISE = 5,   /* 1 x 1 convolution, zyn_conv_param */
+  ZYN_OP_CONV_GROUPED = 7,     /* convolution in groups, zyn_conv_param */
+  ZYN_OP_CONV_TRANSPOSED = 8,  /* transposed convolution, zyn_conv_param */
+  ZYN_OP_FUNCTION = 9,         /* element-wise function, zyn_func_param */
+  ZYN_OP_BATCH_NORM = 10,      /* normalisation per channel, zyn_bn_param */
+  ZYN_OP_BATCH_NORM_FAST = 11, /* the same with one reciprocal a channel */
+  ZYN_OP_CONV_ACT = 12,        /* convolution and activation, zyn_conv_param */
+  ZYN_OP_CONV_BN = 13,         /* convolution, folded normalisation, activation */
+  ZYN_OP_SIGMOID = 15,         /* activations, in place, no parameters: see below */
+  ZYN_OP_RELU = 16,
+  ZYN_OP_RELU6 = 20,
+  ZYN_OP_HARD_SWISH = 21,
+  ZYN_OP_MAX_POOL = 22,      /* zyn_pool_param */
+  ZYN_OP_AVERAGE_POOL = 23,  /* zyn_pool_param */
+  ZYN_OP_MISH = 24,          /* activation */
+  ZYN_OP_LINEAR = 25,        /* dense layer, zyn_linear_param */
+  ZYN_OP_ADD = 27,           /* sum of two inputs, no parameters */
+  ZYN_OP_MULTIPLY = 28,      /* product of two inputs, no parameters */
+  ZYN_OP_RESAMPLE = 30,      /* resizing, global average, zyn_resample_param */
+  ZYN_OP_AFFINE = 31,        /* affine sampling, zyn_affine_param */
+  ZYN_OP_RESHAPE = 32,       /* zyn_reshape_param */
+  ZYN_OP_CONCAT = 33,        /* zyn_concat_param */
+  ZYN_OP_CHANNEL_SLICE = 34, /* zyn_slice_param */
+  ZYN_OP_CHANNEL_GATHER = 35 /* zyn_gather_param */
 };
 
 /* What a node is. Only type is read for operators (types 3 and above). */
@@ -505,6 +525,158 @@ ZYN_API void zyn_center_form_to_corner_form(float* boxes, int32_t count);
  * Returns the number written; 0 for null arguments and without memory (silent). */
 ZYN_API int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int32_t count,
                             float iou_threshold);
+/* The remaining operators. All compute on float tensors; those that move data (32 to
+ * 35) take any type. "Input" is the output of the one predecessor that is not a constant,
+ * or the tensor of a graph input (type 0). Unless said otherwise a type has exactly one
+ * predecessor, and its codes are
+ *   bind 1 (no record), 2 (no memory);
+ *   prepare 1 (wrong number of predecessors, no input, not of floats, a record out of
+ *   range, a constant that is too short), 2 (output or workspace could not be made),
+ *   4 (fixed-point graph: no 16-bit form of this type);
+ *   run 1 (a tensor without data, or whose shape changed since preparation), 2 (no
+ *   memory to bring a blocked input to planar order).
+ * Outputs have the input's dimension count and type. Types that treat pixels or
+ * channels differently write planar order; types 9, 27, 28 (without broadcast) and the
+ * activations keep the order of their input. */
+
+/* Activations (15, 16, 20, 21, 24), no record, any shape:
+ *   15 sigmoid 1 / (1 + e^-x); 16 max(x, 0); 20 min(max(x, 0), 6);
+ *   21 x * min(max(x + 3, 0), 6) / 6; 24 Mish x * tanh(ln(1 + e^x)).
+ * THEY WORK IN PLACE: the output is the input tensor itself, be it the output of the
+ * predecessor or your own tensor behind a graph input. Every other node that reads the
+ * same producer sees the activated values if it runs later (a node added by an earlier
+ * edge is not necessarily earlier: only an edge orders two nodes), and reading the
+ * producer's output after a run gives the activated values. To keep the plain values,
+ * let a copying node (type 9 with ZYN_FUNC_SCALE_SHIFT, 1, 0) feed the activation. A
+ * graph input that is activated must be refilled before every run.
+ * Sigmoid needs at least two dimensions: run 1 (reported) otherwise. */
+
+/* Functions of ZYN_OP_FUNCTION. */
+enum {
+  ZYN_FUNC_ABS = 0,         /* |x| */
+  ZYN_FUNC_NEGATE = 1,      /* -x */
+  ZYN_FUNC_SQUARE = 2,      /* x * x */
+  ZYN_FUNC_SQRT = 3,        /* square root; NaN below 0 */
+  ZYN_FUNC_RECIPROCAL = 4,  /* 1 / x */
+  ZYN_FUNC_EXP = 5,         /* e^x */
+  ZYN_FUNC_LOG = 6,         /* ln x; NaN below 0 */
+  ZYN_FUNC_TANH = 7,        /* hyperbolic tangent */
+  ZYN_FUNC_POWER = 8,       /* x^a, a finite; NaN for x < 0 unless a is an integer; 1 for a = 0 */
+  ZYN_FUNC_CLIP = 9,        /* min(max(x, a), b) */
+  ZYN_FUNC_SCALE_SHIFT = 10 /* x * a + b, rounded once */
+};
+
+/* Type 9: y = function(x) for every element, into a tensor of the input's shape. */
+typedef struct zyn_func_param {
+  int32_t function; /* ZYN_FUNC_* */
+  float a, b;       /* as the function says */
+} zyn_func_param;
+
+/* Types 10 and 11: y = (x - mean[c]) * gamma[c] / sqrt(variance[c] + epsilon) + beta[c]
+ * for every element of channel c. Inputs {W, H, C} and one constant of 4 * C floats:
+ * gamma, beta, mean, variance, C values each. Type 11 computes gamma / sqrt(...) once a
+ * channel and is faster; the results differ by rounding. */
+typedef struct zyn_bn_param {
+  float epsilon;     /* added as it is: 0 stays 0 */
+  uint32_t reserved; /* not read */
+} zyn_bn_param;
+
+/* Types 22 and 23. Output {(W - kernel_h) / stride_h + 1, (H - kernel_w) / stride_w + 1,
+ * C}, no padding. The windows follow another rule, on purpose: they are kernel_h x
+ * kernel_h and advance by kernel_h along both axes; window (i, j) gives element (i, j).
+ * Windows without such an element are passed over, elements without a window are 0,
+ * and of a window that reaches over the edge only the part inside counts. The average
+ * is the sum divided by kernel_h twice, for parts of windows too. With kernel = stride
+ * in both directions this is the pooling that one expects. */
+typedef struct zyn_pool_param {
+  int32_t kernel_h, kernel_w; /* at least 1 */
+  int32_t stride_h, stride_w; /* at least 1; for the shape alone */
+  uint64_t reserved;          /* kept, not read */
+} zyn_pool_param;
+
+/* Type 25: output[r][j] = sum over i of input[r][i] * weights[j][i]. Input
+ * {features, rows}, exactly two dimensions (reshape others first); output
+ * {out_features, rows}; one constant of the input's type (float or double) with
+ * out_features rows of weights, then the biases. With bias 1, bias j (element
+ * out_features * in_features + j of the constant) is added to element j of the FIRST
+ * row alone, on purpose: the layer serves one row at a time. */
+typedef struct zyn_linear_param {
+  uint32_t in_features;  /* only finds the biases; rows of weights have dims[0] values */
+  uint32_t out_features; /* at least 1 */
+  uint32_t bias;         /* 1: add the biases; anything else: do not */
+} zyn_linear_param;
+
+/* Types 27 and 28 have no record and exactly two predecessors, a and b in the order of
+ * their edges (constants are welcome). The output has a's shape, or b's when a has one
+ * pixel (dims[0] = dims[1] = 1).
+ * 27: a + b for equal element counts; or, b having one value per channel of a {W, H, C},
+ *   a + b[c]; run 1 for anything else, which includes a one-pixel a with a larger b.
+ * 28: a * b for equal shapes; or, one of them having one pixel, the other scaled per
+ *   channel by it; run 1 for anything else. */
+
+/* What ZYN_OP_RESAMPLE computes. */
+enum {
+  ZYN_RESAMPLE_NEAREST = 0,       /* y[i] = x[floor(i * in / out)] along each axis */
+  ZYN_RESAMPLE_BILINEAR = 1,      /* at (i + 1/2) * in / out - 1/2, edges repeated */
+  ZYN_RESAMPLE_GLOBAL_AVERAGE = 2 /* output {1, 1, C}: the mean of each plane */
+};
+
+/* Type 30. Output {floor(W * factor_h), floor(H * factor_w), C}; in and out are the
+ * extents along an axis. */
+typedef struct zyn_resample_param {
+  int32_t mode;             /* ZYN_RESAMPLE_* */
+  float factor_h, factor_w; /* above 0; not read by the global average */
+} zyn_resample_param;
+
+/* Type 31, two predecessors: the image {W, H, C}, and a float tensor m of at least six
+ * values (any data or operator node). Output {floor(W * factor_h), floor(H * factor_w),
+ * C}; its pixel (x, y) is the input at
+ *   (m[0] * x + m[1] * y + m[2], m[3] * x + m[4] * y + m[5]),
+ * first coordinate along dims[0], whole numbers at pixel centres, bilinear between the
+ * four pixels around it, where those outside the input count as 0. */
+typedef struct zyn_affine_param {
+  float factor_h, factor_w; /* above 0 */
+} zyn_affine_param;
+
+/* Type 32: the elements of the input in planar order under a new shape. At most one
+ * extent may be -1: it becomes the input's element count divided (rounding down) by the
+ * others. Element counts need not agree: what is left of a larger output is 0; a
+ * smaller one makes run return 1. Bind 1: count above 5; prepare 1: count below 1, an
+ * extent 0 or below -1, two extents -1; prepare 2: -1 that becomes 0. */
+typedef struct zyn_reshape_param {
+  int32_t count;   /* 1 to 5 */
+  int32_t dims[5]; /* target extents; only the first count are read */
+} zyn_reshape_param;
+
+/* Type 33: the inputs one after another along an axis, in the order of the list, not of
+ * the edges. One predecessor per entry, every predecessor in the list and the other way
+ * round; an input named twice has two edges. Inputs are alike but for the extent along
+ * the axis, of at most three dimensions. Bind 1: null list or count below 1; prepare 1:
+ * list and predecessors differ, axis outside the first input's dimensions, different
+ * types; prepare 2: an input without output; run 1: extents differ. */
+typedef struct zyn_concat_param {
+  int32_t axis;         /* 0: dims[0], 1: dims[1], 2: dims[2] (channels) */
+  int32_t count;        /* number of inputs */
+  const int32_t* nodes; /* ids of the inputs, count entries; copied */
+} zyn_concat_param;
+
+/* Type 34: channel c of the output is channel first + c * step of the input. Output {W,
+ * H, C / parts}. Prepare 1: parts outside 1 to C, a channel outside the input. */
+typedef struct zyn_slice_param {
+  int32_t reserved_a; /* kept, not read */
+  int32_t parts;
+  int32_t first;
+  int32_t step;
+  int32_t reserved_b; /* kept, not read */
+} zyn_slice_param;
+
+/* Type 35: channel c of the output is channel channels[c] of the input {W, H, C}; any
+ * order, repeats allowed. Output {W, H, count}. Bind 1: null list or count below 1;
+ * prepare 1: a channel outside the input. */
+typedef struct zyn_gather_param {
+  int32_t count;
+  const int32_t* channels; /* count entries; copied */
+} zyn_gather_param;
 
 #ifdef __cplusplus
 }

@@ -2,6 +2,7 @@
 // routine have states that agree in the fields the routine touches.
 #include "base/zyn_memory.h"
 #include "cg/cpu/zyn_cg_operators.h"
+#include "cg/cpu/zyn_cg_support.h"
 
 namespace {
 
@@ -33,6 +34,47 @@ void register_unsupported(zyn_cg_operator* operators) {
                      output_unsupported, nullptr};
 }
 
+// Operators that are not one of the convolutions above.
+void register_plain_operators(zyn_cg_operator* rows) {
+  const zyn_cg_release_fn io = zyn_cg_release_io;  // types 7, 8, 22, 23, 30
+  rows[7] = {zyn_cg_bind_conv_grouped, zyn_cg_prepare_conv_grouped, io, zyn_cg_output_conv,
+             nullptr};
+  rows[8] = {zyn_cg_bind_conv_transposed, zyn_cg_prepare_conv_transposed, io, zyn_cg_output_conv,
+             nullptr};
+  rows[9] = {zyn_cg_bind_func, zyn_cg_prepare_func, zyn_cg_release_func, zyn_cg_output_func,
+             nullptr};
+  rows[10] = {zyn_cg_bind_bn, zyn_cg_prepare_bn, zyn_cg_release_bn, zyn_cg_output_bn, nullptr};
+  rows[11] = rows[10];
+  rows[11].bind = zyn_cg_bind_bn_fast;
+  rows[15] = {zyn_cg_bind_sigmoid, zyn_cg_prepare_activation, zyn_cg_release_activation,
+              zyn_cg_output_activation, nullptr};
+  rows[16] = rows[20] = rows[21] = rows[24] = rows[15];
+  rows[16].bind = zyn_cg_bind_relu;
+  rows[20].bind = zyn_cg_bind_relu6;
+  rows[21].bind = zyn_cg_bind_hard_swish;
+  rows[24].bind = zyn_cg_bind_mish;
+  rows[22] = {zyn_cg_bind_max_pool, zyn_cg_prepare_max_pool, io, zyn_cg_output_pool, nullptr};
+  rows[23] = {zyn_cg_bind_average_pool, zyn_cg_prepare_average_pool, io, zyn_cg_output_pool,
+              nullptr};
+  rows[25] = {zyn_cg_bind_linear, zyn_cg_prepare_linear, zyn_cg_release_linear,
+              zyn_cg_output_linear, zyn_cg_output_linear};
+  rows[27] = {zyn_cg_bind_add, zyn_cg_prepare_join, zyn_cg_release_join, zyn_cg_output_func,
+              zyn_cg_output_func};
+  rows[28] = {zyn_cg_bind_multiply, zyn_cg_prepare_join, zyn_cg_release_join, zyn_cg_output_func,
+              nullptr};
+  rows[30] = {zyn_cg_bind_resample, zyn_cg_prepare_resample, io, zyn_cg_output_resample, nullptr};
+  rows[31] = {zyn_cg_bind_affine, zyn_cg_prepare_affine, zyn_cg_release_affine,
+              zyn_cg_output_affine, nullptr};
+  rows[32] = {zyn_cg_bind_reshape, zyn_cg_prepare_reshape, zyn_cg_release_tensor_op,
+              zyn_cg_output_reshape, nullptr};
+  rows[33] = {zyn_cg_bind_concat, zyn_cg_prepare_concat, zyn_cg_release_concat,
+              zyn_cg_output_concat, nullptr};
+  rows[34] = {zyn_cg_bind_slice, zyn_cg_prepare_slice, zyn_cg_release_tensor_op,
+              zyn_cg_output_slice, nullptr};
+  rows[35] = {zyn_cg_bind_gather, zyn_cg_prepare_gather, zyn_cg_release_gather,
+              zyn_cg_output_gather, nullptr};
+}
+
 }  // namespace
 
 int32_t zyn_cg_register_operators(zyn_cg_operator* operators) {
@@ -41,26 +83,6 @@ int32_t zyn_cg_register_operators(zyn_cg_operator* operators) {
   register_unsupported<5>(operators);
   register_unsupported<12>(operators);
   register_unsupported<13>(operators);
-  register_unsupported<7>(operators);
-  register_unsupported<8>(operators);
-  register_unsupported<9>(operators);
-  register_unsupported<10>(operators);
-  register_unsupported<11>(operators);
-  register_unsupported<15>(operators);
-  register_unsupported<16>(operators);
-  register_unsupported<20>(operators);
-  register_unsupported<21>(operators);
-  register_unsupported<22>(operators);
-  register_unsupported<23>(operators);
-  register_unsupported<24>(operators);
-  register_unsupported<25>(operators);
-  register_unsupported<27>(operators);
-  register_unsupported<28>(operators);
-  register_unsupported<30>(operators);
-  register_unsupported<31>(operators);
-  register_unsupported<32>(operators);
-  register_unsupported<33>(operators);
-  register_unsupported<34>(operators);
-  register_unsupported<35>(operators);
+  register_plain_operators(operators);
   return ZYN_RET_OK;
 }

@@ -1,0 +1,80 @@
+// A network and its reference side by side: every node added to the library's graph has
+// a formula here, random nodes of every operator type, and the evaluation that respects
+// the order of execution and the activations that work in place.
+#pragma once
+
+#include <deque>
+#include <functional>
+
+#include "support/net.h"
+
+namespace zyn_test {
+
+class Model {
+ public:
+  using Formula = std::function<Array(const std::vector<const Array*>&)>;
+
+  explicit Model(uint64_t seed) : random(seed) {}
+
+  Random random;
+  Net net;
+  // Channel order of the graph's inputs: a code, or -1 for any.
+  int layout = 0;
+
+  // Adds a random node of a type, with what it needs around it. Inputs are taken from
+  // the nodes so far where one fits, else made. gentle: only what keeps values small
+  // and errors from growing. Returns the node's id, -1 where nothing fits.
+  int add(int type, bool gentle = false);
+
+  // Feeds inputs that no node reads to a function: every node needs an edge.
+  void use_leftovers();
+  int input(const Array& a);
+  int constant(const Array& a);
+  // Computes every node's value in the library's order of execution.
+  void evaluate();
+  // The value that a node's tensor holds after a run.
+  const Array& value(int id) const { return values_[root(id)]; }
+  // Compares all nodes after a run.
+  void check(double bound);
+  const Array& shape(int id) const { return shapes_[static_cast<size_t>(id)]; }
+  int size() const { return static_cast<int>(shapes_.size()); }
+
+ private:
+  struct Step {
+    std::vector<int> from;
+    Formula formula;  // null: data
+    int in_place;     // the node whose tensor this one changes, or -1
+  };
+
+  template <typename Record>
+  int op(int type, const Record& record, std::vector<int> from, Formula formula) {
+    return note(net.op(type, record, from), type, from, formula, -1);
+  }
+  int note(int id, int type, std::vector<int> from, Formula formula, int in_place);
+  size_t root(int id) const;
+  int pick(size_t dim_count, int largest = 4000);
+  int same_shape(int id, std::vector<int> dims);
+  std::vector<int> any_dims(size_t dim_count);
+
+  int add_function(bool gentle);
+  int add_activation(int type);
+  int add_join(int type);
+  int add_norm(int type);
+  int add_pool(int type);
+  int add_linear();
+  int add_resample();
+  int add_affine();
+  int add_reshape();
+  int add_concat();
+  int add_channels(int type);
+  int add_conv(int type);
+
+  std::vector<Step> steps_;
+  std::vector<Array> shapes_;  // eager values: right in shape only
+  std::vector<Array> data_;
+  std::vector<Array> values_;
+  std::vector<int> types_;
+  std::deque<std::vector<int32_t>> lists_;
+};
+
+}  // namespace zyn_test

@@ -1,0 +1,256 @@
+// The operators' formulas in double precision, element by element: the independent
+// evaluation that tests of operators and whole graphs compare with.
+#pragma once
+
+#include "support/net.h"
+
+namespace zyn_test {
+
+template <typename Function>
+Array map(const Array& a, Function f) {
+  Array out = a;
+  for (double& v : out.v) v = f(v);
+  return out;
+}
+
+inline Array reference_function(const Array& in, const zyn_func_param& p) {
+  return map(in, [&](double x) {
+    const double a = static_cast<double>(p.a), b = static_cast<double>(p.b);
+    switch (p.function) {
+      case ZYN_FUNC_ABS:
+        return std::fabs(x);
+      case ZYN_FUNC_NEGATE:
+        return -x;
+      case ZYN_FUNC_SQUARE:
+        return x * x;
+      case ZYN_FUNC_SQRT:
+        return std::sqrt(x);
+      case ZYN_FUNC_RECIPROCAL:
+        return 1 / x;
+      case ZYN_FUNC_EXP:
+        return std::exp(x);
+      case ZYN_FUNC_LOG:
+        return std::log(x);
+      case ZYN_FUNC_TANH:
+        return std::tanh(x);
+      case ZYN_FUNC_POWER:
+        return std::pow(x, a);
+      case ZYN_FUNC_CLIP:
+        return std::min(std::max(x, a), b);
+      default:
+        return x * a + b;
+    }
+  });
+}
+
+inline Array reference_activation(const Array& in, int type) {
+  return map(in, [&](double x) {
+    switch (type) {
+      case ZYN_OP_SIGMOID:
+        return 1 / (1 + std::exp(-x));
+      case ZYN_OP_RELU:
+        return std::max(x, 0.0);
+      case ZYN_OP_RELU6:
+        return std::min(std::max(x, 0.0), 6.0);
+      case ZYN_OP_HARD_SWISH:
+        return x * std::min(std::max(x + 3, 0.0), 6.0) / 6;
+      default:
+        return x * std::tanh(x > 700 ? x : std::log1p(std::exp(x)));
+    }
+  });
+}
+
+inline Array reference_norm(const Array& in, const Array& stats, const zyn_bn_param& p) {
+  Array out = in;
+  const size_t c = stats.v.size() / 4;
+  for (int z = 0; z < in.c(); z++) {
+    const double* s = stats.v.data() + z;
+    for (int y = 0; y < in.h(); y++)
+      for (int x = 0; x < in.w(); x++)
+        out.at(x, y, z) = (in.at(x, y, z) - s[2 * c]) * s[0] /
+                              std::sqrt(s[3 * c] + static_cast<double>(p.epsilon)) +
+                          s[c];
+  }
+  return out;
+}
+
+inline Array reference_pool(const Array& in, const zyn_pool_param& p, bool max) {
+  Array out = in;
+  out.dims[0] = (in.w() - p.kernel_h) / p.stride_h + 1;
+  if (out.dims.size() > 1) out.dims[1] = (in.h() - p.kernel_w) / p.stride_w + 1;
+  out.v.assign(Array::size_of(out.dims), 0);
+  const int k = p.kernel_h;
+  for (int z = 0; z < in.c(); z++)
+    for (int j = 0; j < out.h() && j * k < in.h(); j++)
+      for (int i = 0; i < out.w() && i * k < in.w(); i++) {
+        double best = -HUGE_VAL, sum = 0;
+        for (int y = j * k; y < std::min(j * k + k, in.h()); y++)
+          for (int x = i * k; x < std::min(i * k + k, in.w()); x++) {
+            best = std::max(best, in.at(x, y, z));
+            sum += in.at(x, y, z);
+          }
+        out.at(i, j, z) = max ? best : sum / k / k;
+      }
+  return out;
+}
+
+inline Array reference_linear(const Array& in, const Array& constant, const zyn_linear_param& p) {
+  const int n = in.w(), m = static_cast<int>(p.out_features);
+  Array out({m, in.h()});
+  for (int r = 0; r < in.h(); r++)
+    for (int j = 0; j < m; j++) {
+      double sum = 0;
+      for (int i = 0; i < n; i++)
+        sum += in.at(i, r, 0) *
+               constant.v[static_cast<size_t>(j) * static_cast<size_t>(n) + static_cast<size_t>(i)];
+      if (p.bias == 1 && r == 0)
+        sum += constant
+                   .v[static_cast<size_t>(p.out_features) * p.in_features + static_cast<size_t>(j)];
+      out.at(j, r, 0) = sum;
+    }
+  return out;
+}
+
+// Types 27 and 28: element by element, or one value of values per channel of data.
+template <typename Op>
+Array reference_join(const Array& data, const Array& values, Op op) {
+  Array out = data;
+  const size_t plane = static_cast<size_t>(data.w()) * static_cast<size_t>(data.h());
+  const bool same = data.v.size() == values.v.size();
+  for (size_t i = 0; i < out.v.size(); i++)
+    out.v[i] = op(data.v[i], values.v[same ? i : i / plane]);
+  return out;
+}
+
+inline Array reference_add(const Array& a, const Array& b) {
+  return reference_join(a, b, [](double x, double y) { return x + y; });
+}
+
+inline Array reference_multiply(const Array& a, const Array& b) {
+  const bool swap = a.w() == 1 && a.h() == 1;
+  return reference_join(swap ? b : a, swap ? a : b, [](double x, double y) { return x * y; });
+}
+
+inline Array reference_resample(const Array& in, const zyn_resample_param& p) {
+  const bool global = p.mode == ZYN_RESAMPLE_GLOBAL_AVERAGE;
+  const int ow = global ? 1 : static_cast<int>(in.w() * static_cast<double>(p.factor_h));
+  const int oh = global ? 1 : static_cast<int>(in.h() * static_cast<double>(p.factor_w));
+  Array out(in.dims);
+  out.dims[0] = ow;
+  out.dims[1] = oh;
+  out.v.assign(Array::size_of(out.dims), 0);
+  const auto clamped = [&](int x, int y, int z) {
+    return in.at(std::clamp(x, 0, in.w() - 1), std::clamp(y, 0, in.h() - 1), z);
+  };
+  for (int z = 0; z < in.c(); z++)
+    for (int y = 0; y < oh; y++)
+      for (int x = 0; x < ow; x++) {
+        double& o = out.at(x, y, z);
+        if (global) {
+          for (int j = 0; j < in.h(); j++)
+            for (int i = 0; i < in.w(); i++) o += in.at(i, j, z) / (in.w() * in.h());
+        } else if (p.mode == ZYN_RESAMPLE_NEAREST) {
+          o = in.at(x * in.w() / ow, y * in.h() / oh, z);
+        } else {
+          const double sx = (x + 0.5) * in.w() / ow - 0.5, sy = (y + 0.5) * in.h() / oh - 0.5;
+          const int x0 = static_cast<int>(std::floor(sx)), y0 = static_cast<int>(std::floor(sy));
+          const double fx = sx - x0, fy = sy - y0;
+          o = (1 - fy) * ((1 - fx) * clamped(x0, y0, z) + fx * clamped(x0 + 1, y0, z)) +
+              fy * ((1 - fx) * clamped(x0, y0 + 1, z) + fx * clamped(x0 + 1, y0 + 1, z));
+        }
+      }
+  return out;
+}
+
+inline Array reference_affine(const Array& in, const Array& m, const zyn_affine_param& p) {
+  Array out(in.dims);
+  out.dims[0] = static_cast<int>(in.w() * static_cast<double>(p.factor_h));
+  out.dims[1] = static_cast<int>(in.h() * static_cast<double>(p.factor_w));
+  out.v.assign(Array::size_of(out.dims), 0);
+  for (int z = 0; z < in.c(); z++)
+    for (int y = 0; y < out.h(); y++)
+      for (int x = 0; x < out.w(); x++) {
+        const double sx = m.v[0] * x + m.v[1] * y + m.v[2];
+        const double sy = m.v[3] * x + m.v[4] * y + m.v[5];
+        // Every input pixel weighs in with a tent around it.
+        for (int j = 0; j < in.h(); j++)
+          for (int i = 0; i < in.w(); i++)
+            out.at(x, y, z) += in.at(i, j, z) * std::max(0.0, 1 - std::fabs(sx - i)) *
+                               std::max(0.0, 1 - std::fabs(sy - j));
+      }
+  return out;
+}
+
+inline Array reference_reshape(const Array& in, const std::vector<int>& dims) {
+  Array out(dims);
+  std::copy(in.v.begin(), in.v.end(), out.v.begin());
+  return out;
+}
+
+inline Array reference_concat(const std::vector<const Array*>& in, int axis) {
+  std::vector<int> dims = in[0]->dims;
+  for (size_t i = 1; i < in.size(); i++)
+    dims[static_cast<size_t>(axis)] += in[i]->extent(static_cast<size_t>(axis));
+  Array out(dims);
+  int at[3] = {0, 0, 0};
+  for (const Array* a : in) {
+    for (int z = 0; z < a->c(); z++)
+      for (int y = 0; y < a->h(); y++)
+        for (int x = 0; x < a->w(); x++) out.at(x + at[0], y + at[1], z + at[2]) = a->at(x, y, z);
+    at[axis] += a->extent(static_cast<size_t>(axis));
+  }
+  return out;
+}
+
+inline Array reference_channels(const Array& in, const std::vector<int>& channels) {
+  Array out({in.w(), in.h(), static_cast<int>(channels.size())});
+  for (int z = 0; z < out.c(); z++)
+    for (int y = 0; y < in.h(); y++)
+      for (int x = 0; x < in.w(); x++)
+        out.at(x, y, z) = in.at(x, y, channels[static_cast<size_t>(z)]);
+  return out;
+}
+
+// Convolution with any groups: out channel o of a group sums over the group's inputs.
+// Transposed: every input pixel spreads over the output. Weights [out][in / groups] or
+// [in][out / groups], then [row][column].
+inline Array reference_conv(const Array& in, const Array& constant, const zyn_conv_param& p,
+                            bool transposed = false) {
+  const auto extent = [&](int size, int k, int s, int pad, int d) {
+    return transposed ? (size - 1) * s - 2 * pad + d * (k - 1) + 1
+                      : (size - 1 + 2 * pad - (k - 1) * d) / s + 1;
+  };
+  Array out({extent(in.w(), p.kernel_h, p.stride_h, p.pad_h, p.dilation_h),
+             extent(in.h(), p.kernel_w, p.stride_w, p.pad_w, p.dilation_w), p.out_channels});
+  const int ig = p.in_channels / p.groups, og = p.out_channels / p.groups;
+  const size_t weights = static_cast<size_t>(p.kernel_h * p.kernel_w * p.in_channels * og);
+  for (int o = 0; o < p.out_channels && p.bias == 1; o++)
+    for (int i = 0; i < out.w() * out.h(); i++)
+      out.v[static_cast<size_t>(o * out.w() * out.h() + i)] =
+          constant.v[weights + static_cast<size_t>(o)];
+  for (int o = 0; o < p.out_channels; o++)
+    for (int k = 0; k < ig; k++)
+      for (int r = 0; r < p.kernel_w; r++)
+        for (int c = 0; c < p.kernel_h; c++) {
+          const int i = o / og * ig + k;
+          const int pair = transposed ? i * og + o % og : o * ig + k;
+          const double w =
+              constant.v[static_cast<size_t>((pair * p.kernel_w + r) * p.kernel_h + c)];
+          // Walk the side that the stride counts on.
+          const Array& walked = transposed ? in : out;
+          for (int y = 0; y < walked.h(); y++)
+            for (int x = 0; x < walked.w(); x++) {
+              const int fx = x * p.stride_h - p.pad_h + c * p.dilation_h;
+              const int fy = y * p.stride_w - p.pad_w + r * p.dilation_w;
+              const Array& other = transposed ? out : in;
+              if (fx < 0 || fy < 0 || fx >= other.w() || fy >= other.h()) continue;
+              if (transposed)
+                out.at(fx, fy, o) += w * in.at(x, y, i);
+              else
+                out.at(x, y, o) += w * in.at(fx, fy, i);
+            }
+        }
+  return out;
+}
+
+}  // namespace zyn_test
