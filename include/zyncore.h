@@ -505,6 +505,15 @@ ZYN_API void zyn_center_form_to_corner_form(float* boxes, int32_t count);
  * Returns the number written; 0 for null arguments and without memory (silent). */
 ZYN_API int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int32_t count,
                             float iou_threshold);
+/* Random numbers, pose, smoothing                                            */
+/* ------------------------------------------------------------------------ */
+
+/* Fills every value of the matrix's block (all pages and channels) with *mean +
+ * *deviation * N(0, 1). Depth 6 (ZYN_TYPE_F32) reads and stores floats, depth 7
+ * doubles. All calls of a process share one sequence that is the same in every
+ * process and cannot be seeded. 1: null argument or a matrix without data; 4: another
+ * depth. */
+ZYN_API int32_t zyn_random_norm(zyn_matrix* matrix, const void* mean, const void* deviation);
 
 #ifdef __cplusplus
 }
