@@ -515,6 +515,23 @@ ZYN_API int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int3
  * depth. */
 ZYN_API int32_t zyn_random_norm(zyn_matrix* matrix, const void* mean, const void* deviation);
 
+/* Camera poses that map three world points onto three image points. Up to four.
+ *   rotations     room for 4 matrices of 3 x 3, row by row
+ *   translations  room for 4 vectors of 3; camera point = rotation * world point +
+ *                 translation, the camera looks along +z, x to the right, y down
+ *   world         x, y, z of the three points
+ *   image         u, v of the three points, in pixels
+ *   camera        3 x 3 row by row; fx [0], cx [2], fy [4], cy [5] are used
+ *   spare         not read, may be null
+ *   count         how many poses were written, 0 to 4
+ * The equations do not ask on which side of the camera a point lies: of several poses
+ * drop those that put a point at z <= 0, and choose by a fourth point. 0, also without a
+ * solution (collinear or coinciding points, for example); 1 (silent): a null argument,
+ * and nothing is written. */
+ZYN_API int32_t zyn_solve_ap3p(double* rotations, double* translations, const float* world,
+                               const float* image, const float* camera, const void* spare,
+                               int32_t* count);
+
 #ifdef __cplusplus
 }
 #endif
