@@ -532,6 +532,20 @@ ZYN_API int32_t zyn_solve_ap3p(double* rotations, double* translations, const fl
                                const float* image, const float* camera, const void* spare,
                                int32_t* count);
 
+/* Settings of zyn_one_euro_filter_v2. */
+typedef struct zyn_one_euro_param {
+  float te;                /* seconds from one sample to the next, above 0 */
+  float derivative_cutoff; /* cut-off frequency of the derivative, hertz */
+  float min_cutoff;        /* cut-off frequency at rest, hertz */
+  float beta;              /* by how much speed raises the cut-off frequency */
+} zyn_one_euro_param;
+
+/* Smooths one value: x is the sample, previous and previous_derivative are the results
+ * of the last step (before the first: the sample itself and 0). Returns the filtered
+ * value and writes the filtered derivative. Checks nothing. */
+ZYN_API float zyn_one_euro_filter_v2(float x, float previous, float previous_derivative,
+                                     const zyn_one_euro_param* param, float* derivative);
+
 #ifdef __cplusplus
 }
 #endif
