@@ -677,6 +677,46 @@ typedef struct zyn_gather_param {
   int32_t count;
   const int32_t* channels; /* count entries; copied */
 } zyn_gather_param;
+/* Random numbers, pose, smoothing                                            */
+/* ------------------------------------------------------------------------ */
+
+/* Fills every value of the matrix's block (all pages and channels) with *mean +
+ * *deviation * N(0, 1). Depth 6 (ZYN_TYPE_F32) reads and stores floats, depth 7
+ * doubles. All calls of a process share one sequence that is the same in every
+ * process and cannot be seeded. 1: null argument or a matrix without data; 4: another
+ * depth. */
+ZYN_API int32_t zyn_random_norm(zyn_matrix* matrix, const void* mean, const void* deviation);
+
+/* Camera poses that map three world points onto three image points. Up to four.
+ *   rotations     room for 4 matrices of 3 x 3, row by row
+ *   translations  room for 4 vectors of 3; camera point = rotation * world point +
+ *                 translation, the camera looks along +z, x to the right, y down
+ *   world         x, y, z of the three points
+ *   image         u, v of the three points, in pixels
+ *   camera        3 x 3 row by row; fx [0], cx [2], fy [4], cy [5] are used
+ *   spare         not read, may be null
+ *   count         how many poses were written, 0 to 4
+ * The equations do not ask on which side of the camera a point lies: of several poses
+ * drop those that put a point at z <= 0, and choose by a fourth point. 0, also without a
+ * solution (collinear or coinciding points, for example); 1 (silent): a null argument,
+ * and nothing is written. */
+ZYN_API int32_t zyn_solve_ap3p(double* rotations, double* translations, const float* world,
+                               const float* image, const float* camera, const void* spare,
+                               int32_t* count);
+
+/* Settings of zyn_one_euro_filter_v2. */
+typedef struct zyn_one_euro_param {
+  float te;                /* seconds from one sample to the next, above 0 */
+  float derivative_cutoff; /* cut-off frequency of the derivative, hertz */
+  float min_cutoff;        /* cut-off frequency at rest, hertz */
+  float beta;              /* by how much speed raises the cut-off frequency */
+} zyn_one_euro_param;
+
+/* Smooths one value: x is the sample, previous and previous_derivative are the results
+ * of the last step (before the first: the sample itself and 0). Returns the filtered
+ * value and writes the filtered derivative. Checks nothing. */
+ZYN_API float zyn_one_euro_filter_v2(float x, float previous, float previous_derivative,
+                                     const zyn_one_euro_param* param, float* derivative);
 
 #ifdef __cplusplus
 }

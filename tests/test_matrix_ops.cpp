@@ -93,14 +93,13 @@ TYPED_TEST(MatrixOps, SmallProductsOfReals) {
   }
 }
 
-// 180000 elements in both operands are the last direct product. Rows around multiples of
-// the tile's 6 and of the block's rows, columns around its 16 (8), depths around the block's.
+// Rows around multiples of the tile's 6 and of the block's rows, columns around its 16 (8),
+// depths around the block's.
 TYPED_TEST(MatrixOps, LargeProducts) {
   const struct {
     int m, n, k;
-  } shapes[] = {{300, 300, 300}, {301, 299, 301}, {1, 700, 300},   {700, 1, 300},
-                {2, 3, 60000},   {169, 17, 1000}, {6, 16, 9000},   {343, 257, 513},
-                {7, 4097, 47},   {5, 1025, 257},  {97, 193, 1025}, {300, 330, 301}};
+  } shapes[] = {{302, 5, 600}, {1, 700, 300},  {700, 1, 300},   {2, 3, 60000},  {6, 16, 9000},
+                {7, 4097, 47}, {5, 1025, 257}, {175, 33, 1030}, {13, 35, 4001}, {169, 17, 1000}};
   for (const auto& shape : shapes)
     for (bool transposed : {false, true}) {
       const auto product =
@@ -110,16 +109,20 @@ TYPED_TEST(MatrixOps, LargeProducts) {
     }
   for (double alpha : {0.0, 1.0})
     for (double beta : {0.0, 1.0, 3.0})
-      Product<TypeParam>().size(302, 310, 303).factors(alpha, beta).check();
-  Product<TypeParam>().size(400, 400, 400).reals().check();
-  Product<TypeParam>().size(400, 400, 400).transposed().reals().factors(0.5, 3).check();
+      Product<TypeParam>().size(302, 5, 600).factors(alpha, beta).check();
+  Product<TypeParam>().size(64, 250, 700).reals().check();
+  Product<TypeParam>().size(64, 250, 700).transposed().reals().factors(0.5, 3).check();
 }
 
-TYPED_TEST(MatrixOps, LargeProductsWithoutMemory) {
-  zyn_test::for_each_failing_allocation([](int64_t, bool) {
-    Product<TypeParam>().size(301, 299, 301).check();
-    return true;
-  });
+TYPED_TEST(MatrixOps, ProductsAboveTheLimitArePackedAndDoWithoutMemory) {
+  const auto allocations = [](int m, int k) {
+    return zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+      Product<TypeParam>().size(m, 2, k).check();
+      return true;
+    });
+  };
+  EXPECT_EQ(allocations(1, 60000), 0) << "180000 elements in both operands";
+  EXPECT_EQ(allocations(1, 60001), 2);
 }
 
 TYPED_TEST(MatrixOps, MultiplyIsTheProductWithFactorsOneAndZero) {
@@ -249,6 +252,20 @@ TEST(MatrixContracts, RefusalsKeepTheirSites) {
   product(&b, &a, &a, &one, 1, "");
   product(&small, &small, &small, &one, 4, report("ZYN_RET_ERR_NOT_SUPPORT", l3, 120));
   product(&shorts, &shorts, &shorts, &one, 4, report("ZYN_RET_ERR_NOT_SUPPORT", l3, 185));
+}
+
+// Refused calls draw nothing from the process's sequence, which has a program of its own.
+TEST(RandomContracts, RefusalsKeepTheirSites) {
+  const std::string path = "src/matrix/zyn_random.cpp";
+  float one = 1;
+  const auto refused = [&](zyn_matrix* m, int code, const char* message, int line) {
+    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_random_norm(m, &one, &one), code); }),
+              report(message, path, line));
+  };
+  zyn_matrix none = header(1, 1, 1, 6, nullptr), words = header(1, 1, 1, 13, &one);
+  refused(nullptr, 1, "Your input params are wrong!", 166);
+  refused(&none, 1, "Your input params are wrong!", 166);
+  refused(&words, 4, "Current version can not support!", 181);
 }
 
 }  // namespace

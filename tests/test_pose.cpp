@@ -1,0 +1,299 @@
+// The pose solver on random views. The image points are rounded to floats, so that the pose
+// that made them solves the inputs only nearly: the oracle first refines its distances for
+// the very inputs (law of cosines, Newton in long double), then compares.
+#include <gtest/gtest.h>
+#include <math.h>
+#include <stdio.h>
+
+#include "support/capture.h"
+#include "support/matrices.h"
+
+namespace {
+
+using zyn_test::Random;
+using real = long double;
+
+struct vec {
+  real x[3];
+};
+vec operator+(const vec& a, const vec& b) {
+  return {{a.x[0] + b.x[0], a.x[1] + b.x[1], a.x[2] + b.x[2]}};
+}
+vec operator*(real s, const vec& a) { return {{s * a.x[0], s * a.x[1], s * a.x[2]}}; }
+vec operator-(const vec& a, const vec& b) { return a + -1 * b; }
+real dot(const vec& a, const vec& b) { return a.x[0] * b.x[0] + a.x[1] * b.x[1] + a.x[2] * b.x[2]; }
+vec unit(const vec& a) { return 1 / sqrtl(dot(a, a)) * a; }
+vec cross(const vec& a, const vec& b) {
+  return {{a.x[1] * b.x[2] - a.x[2] * b.x[1], a.x[2] * b.x[0] - a.x[0] * b.x[2],
+           a.x[0] * b.x[1] - a.x[1] * b.x[0]}};
+}
+
+struct Pose {
+  vec rows[3];
+  vec t;
+  vec apply(const vec& p) const {
+    return vec{{dot(rows[0], p), dot(rows[1], p), dot(rows[2], p)}} + t;
+  }
+};
+
+// One problem: what the solver gets, and what it returned.
+struct View {
+  float world[9], image[6], camera[9];
+  double rotations[36], translations[12];
+  int32_t count = -1;
+  int32_t code = -1;
+
+  void solve() {
+    for (double& r : rotations) r = NAN;
+    for (double& t : translations) t = NAN;
+    code = zyn_solve_ap3p(rotations, translations, world, image, camera, nullptr, &count);
+  }
+  vec point(int i) const { return {{world[3 * i], world[3 * i + 1], world[3 * i + 2]}}; }
+  vec bearing(int i) const {
+    return unit({{(real{image[2 * i]} - camera[2]) / camera[0],
+                  (real{image[2 * i + 1]} - camera[5]) / camera[4], 1}});
+  }
+  Pose pose(int i) const {
+    Pose p;
+    for (int r = 0; r < 3; r++) {
+      for (int c = 0; c < 3; c++) p.rows[r].x[c] = rotations[9 * i + 3 * r + c];
+      p.t.x[r] = translations[3 * i + r];
+    }
+    return p;
+  }
+  // Pixels between the image points and where a pose puts the world points.
+  double reprojection(const Pose& pose) const {
+    real worst = 0;
+    for (int i = 0; i < 3; i++) {
+      const vec p = pose.apply(point(i));
+      const real du = camera[0] * p.x[0] / p.x[2] + camera[2] - image[2 * i];
+      const real dv = camera[4] * p.x[1] / p.x[2] + camera[5] - image[2 * i + 1];
+      worst = fmaxl(worst, hypotl(du, dv));
+      if (isnan(du + dv)) return NAN;
+    }
+    return static_cast<double>(worst);
+  }
+};
+
+// Largest entry of R R^T - 1, and of det R - 1.
+double skew(const Pose& p) {
+  real worst = fabsl(dot(cross(p.rows[0], p.rows[1]), p.rows[2]) - 1);
+  for (int i = 0; i < 3; i++)
+    for (int j = 0; j < 3; j++) worst = fmaxl(worst, fabsl(dot(p.rows[i], p.rows[j]) - (i == j)));
+  return static_cast<double>(worst);
+}
+
+// Difference of two poses: of rotation entries, and of the translation relative to its size.
+double distance(const Pose& a, const Pose& b) {
+  const vec dt = a.t - b.t;
+  real worst = sqrtl(dot(dt, dt) / dot(b.t, b.t));
+  for (int r = 0; r < 3; r++)
+    for (int c = 0; c < 3; c++) worst = fmaxl(worst, fabsl(a.rows[r].x[c] - b.rows[r].x[c]));
+  return static_cast<double>(worst);
+}
+
+// Distances d of the view's points along their bearings, refined from a start until
+// |d_i b_i - d_j b_j| = |P_i - P_j|. False without convergence.
+bool refine(const View& view, real* d) {
+  for (int round = 0; round < 30; round++) {
+    real j[3][4] = {};
+    for (int e = 0; e < 3; e++) {
+      const int a = e, b = (e + 1) % 3;
+      const real cosine = dot(view.bearing(a), view.bearing(b));
+      const vec side = view.point(a) - view.point(b);
+      j[e][a] = 2 * (d[a] - d[b] * cosine);
+      j[e][b] = 2 * (d[b] - d[a] * cosine);
+      j[e][3] = dot(side, side) - (d[a] * d[a] + d[b] * d[b] - 2 * d[a] * d[b] * cosine);
+    }
+    // The only non-zero entries are (0,0) (0,1) (1,1) (1,2) (2,2) (2,0).
+    const real det = j[0][0] * j[1][1] * j[2][2] + j[0][1] * j[1][2] * j[2][0];
+    real step[3];
+    step[0] =
+        (j[0][3] * j[1][1] * j[2][2] - j[0][1] * (j[1][3] * j[2][2] - j[1][2] * j[2][3])) / det;
+    step[1] = (j[0][3] - j[0][0] * step[0]) / j[0][1];
+    step[2] = (j[1][3] - j[1][1] * step[1]) / j[1][2];
+    real change = 0;
+    for (int i = 0; i < 3; i++) {
+      d[i] += step[i];
+      change = fmaxl(change, fabsl(step[i] / d[i]));
+    }
+    if (!(change < 0.1L)) return false;
+    if (change < 1e-15L) return true;
+  }
+  return false;
+}
+
+// The pose that puts the world points at these distances.
+Pose absolute(const View& view, const real* d) {
+  vec from[3], to[3];
+  const auto frame = [](const vec& a, const vec& b, const vec& c, vec* axes) {
+    axes[0] = unit(b - a);
+    axes[2] = unit(cross(b - a, c - a));
+    axes[1] = cross(axes[2], axes[0]);
+  };
+  frame(view.point(0), view.point(1), view.point(2), from);
+  const vec seen[3] = {d[0] * view.bearing(0), d[1] * view.bearing(1), d[2] * view.bearing(2)};
+  frame(seen[0], seen[1], seen[2], to);
+  Pose p = {};
+  for (int r = 0; r < 3; r++)
+    for (int k = 0; k < 3; k++) p.rows[r] = p.rows[r] + to[k].x[r] * from[k];
+  p.t = seen[0] - p.apply(view.point(0));
+  return p;
+}
+
+// A random rotation, from a quaternion.
+Pose random_rotation(Random& random) {
+  real q[4], size = 0;
+  do {
+    size = 0;
+    for (real& x : q) {
+      x = random.real(-1, 1);
+      size += x * x;
+    }
+  } while (size < 0.01L || size > 1);
+  for (real& x : q) x /= sqrtl(size);
+  const real w = q[0], x = q[1], y = q[2], z = q[3];
+  return {{{{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)}},
+           {{2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)}},
+           {{2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}}},
+          {{0, 0, 0}}};
+}
+
+// Points of a cube of side 2, 2.5 to 10 in front of a camera of 400 to 1200 pixels focal
+// length; d gets their true distances.
+void random_view(Random& random, View* view, real* d) {
+  const float focal = random.real(400, 1200);
+  const float camera[9] = {
+      focal, 0, random.real(300, 700), 0, focal * random.real(0.9f, 1.1f), random.real(200, 400), 0,
+      0,     1};
+  for (int i = 0; i < 9; i++) view->camera[i] = camera[i];
+  Pose truth = random_rotation(random);
+  truth.t = {{random.real(-2, 2), random.real(-2, 2), random.real(2.5f, 10)}};
+  for (float& w : view->world) w = random.real(-1, 1);
+  for (int i = 0; i < 3; i++) {
+    const vec p = truth.apply(view->point(i));
+    view->image[2 * i] = static_cast<float>(camera[0] * p.x[0] / p.x[2] + camera[2]);
+    view->image[2 * i + 1] = static_cast<float>(camera[4] * p.x[1] / p.x[2] + camera[5]);
+    d[i] = sqrtl(dot(p, p));
+  }
+}
+
+TEST(Pose, RandomViews) {
+  Random random(1);
+  const int cases = zyn_test::soak_cases(20000, 1000000);
+  int compared = 0, found = 0, poses = 0;
+  double worst_distance = 0, worst_pixels = 0, worst_skew = 0;
+  for (int i = 0; i < cases; i++) {
+    View view;
+    real d[3];
+    random_view(random, &view, d);
+    view.solve();
+    ASSERT_EQ(view.code, 0);
+    ASSERT_TRUE(view.count >= 0 && view.count <= 4) << view.count;
+    poses += view.count;
+    for (int k = 0; k < view.count; k++) {
+      const double pixels = view.reprojection(view.pose(k));
+      ASSERT_LT(pixels, 1e-6) << "view " << i << " pose " << k;
+      worst_pixels = fmax(worst_pixels, pixels);
+      worst_skew = fmax(worst_skew, skew(view.pose(k)));
+    }
+    for (int k = view.count; k < 4; k++) ASSERT_TRUE(isnan(view.rotations[9 * k])) << k;
+    if (!refine(view, d)) continue;  // two solutions all but meet, or rounding parted them
+    compared++;
+    const Pose truth = absolute(view, d);
+    double nearest = INFINITY;
+    for (int k = 0; k < view.count; k++) nearest = fmin(nearest, distance(view.pose(k), truth));
+    found += nearest < 1e-6;
+    if (nearest < 1e-6) worst_distance = fmax(worst_distance, nearest);
+  }
+  EXPECT_LE(worst_skew, 1e-12);
+  EXPECT_GT(compared, cases / 1000 * 998);
+  EXPECT_LE(compared - found, compared / 10000);
+  printf("%d views, %d compared, %d found within 1e-6 (farthest %.2g), %d poses, worst %.2g px\n",
+         cases, compared, found, worst_distance, poses, worst_pixels);
+}
+
+// Points or pixels that coincide or lie on a line, cameras without a focal length, numbers
+// that are none: no solution or finite ones.
+TEST(Pose, DegenerateViews) {
+  Random random(2);
+  const int cases = zyn_test::soak_cases(10000, 100000);
+  for (int i = 0; i < cases; i++) {
+    View view;
+    real d[3];
+    random_view(random, &view, d);
+    float* const w = view.world;
+    float* const p = view.image;
+    const float blend = random.real(-2, 2);
+    const int a = random.integer(0, 2), b = (a + 1) % 3, c = (a + 2) % 3;
+    switch (i % 10) {
+      case 0:  // world points on a line
+        for (int k = 0; k < 3; k++)
+          w[3 * a + k] = w[3 * b + k] + blend * (w[3 * c + k] - w[3 * b + k]);
+        break;
+      case 1:
+        for (int k = 0; k < 3; k++) w[3 * a + k] = w[3 * b + k];
+        break;
+      case 2:
+        for (int k = 0; k < 9; k++) w[k] = w[k % 3];
+        break;
+      case 3:  // pixels on a line
+        for (int k = 0; k < 2; k++)
+          p[2 * a + k] = p[2 * b + k] + blend * (p[2 * c + k] - p[2 * b + k]);
+        break;
+      case 4:
+        for (int k = 0; k < 2; k++) p[2 * a + k] = p[2 * b + k];
+        break;
+      case 5:
+        for (int k = 0; k < 6; k++) p[k] = p[k % 2];
+        break;
+      case 6:
+        view.camera[random.integer(0, 1) * 4] = 0;
+        break;
+      case 7:
+        (i % 20 < 10 ? w[i / 20 % 9] : p[i / 20 % 6]) = i % 40 < 20 ? NAN : -INFINITY;
+        break;
+      case 8:
+        for (int k = 0; k < 9; k++) w[k] *= i % 20 < 10 ? 1e38f : 1e-38f;
+        break;
+      case 9:  // the same points in pixels that show other ones
+        for (int k = 0; k < 6; k++) p[k] = random.real(-3000, 3000);
+        break;
+    }
+    view.solve();
+    ASSERT_EQ(view.code, 0);
+    ASSERT_TRUE(view.count >= 0 && view.count <= 4) << view.count;
+    for (int k = 0; k < 9 * view.count; k++) ASSERT_TRUE(isfinite(view.rotations[k])) << i;
+    for (int k = 0; k < 3 * view.count; k++) ASSERT_TRUE(isfinite(view.translations[k])) << i;
+    for (int k = 0; k < view.count; k++) ASSERT_LT(skew(view.pose(k)), 1e-12) << i;
+  }
+}
+
+TEST(Pose, StraightAheadAtDistanceFive) {
+  View view = {{-1, -1, 0, 1, -1, 0, 0, 1, 0},
+               {220, 140, 420, 140, 320, 340},
+               {500, 0, 320, 0, 500, 240, 0, 0, 1},
+               {},
+               {}};
+  view.solve();
+  ASSERT_GE(view.count, 1);
+  const Pose truth = {{{{1, 0, 0}}, {{0, 1, 0}}, {{0, 0, 1}}}, {{0, 0, 5}}};
+  double nearest = INFINITY;
+  for (int k = 0; k < view.count; k++) nearest = fmin(nearest, distance(view.pose(k), truth));
+  EXPECT_LT(nearest, 1e-12);
+}
+
+TEST(Pose, NullArgumentsWriteNothing) {
+  const View v = {};
+  double r[36], t[12];
+  int32_t n = 77;
+  EXPECT_EQ(zyn_solve_ap3p(nullptr, t, v.world, v.image, v.camera, &n, &n), 1);
+  EXPECT_EQ(zyn_solve_ap3p(r, nullptr, v.world, v.image, v.camera, &n, &n), 1);
+  EXPECT_EQ(zyn_solve_ap3p(r, t, nullptr, v.image, v.camera, &n, &n), 1);
+  EXPECT_EQ(zyn_solve_ap3p(r, t, v.world, nullptr, v.camera, &n, &n), 1);
+  EXPECT_EQ(zyn_solve_ap3p(r, t, v.world, v.image, nullptr, &n, &n), 1);
+  EXPECT_EQ(zyn_solve_ap3p(r, t, v.world, v.image, v.camera, &n, nullptr), 1);
+  EXPECT_EQ(n, 77);
+}
+
+}  // namespace
