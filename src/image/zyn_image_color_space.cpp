@@ -73,7 +73,7 @@ void i420_odd_column(const zyn_plane yuv[3], const zyn_plane& bgr) {
     if (last > 0)
       luma[last] = luma[last - 1];
     else
-      zyn_luma_row(luma, bgr.row(y), 1);
+      zyn_luma_row(luma, bgr.row(bgr.height > 1 && y == (bgr.height & ~1) ? y - 1 : y), 1);
   }
   const int32_t column = last / 2;
   for (int32_t y = 0; y < yuv[1].height; y++) {
