@@ -717,6 +717,133 @@ typedef struct zyn_one_euro_param {
  * value and writes the filtered derivative. Checks nothing. */
 ZYN_API float zyn_one_euro_filter_v2(float x, float previous, float previous_derivative,
                                      const zyn_one_euro_param* param, float* derivative);
+/* Images                                                                     */
+/* ------------------------------------------------------------------------ */
+
+/* An image is a zyn_matrix of kind ZYN_KIND_IMAGE: rows = height, cols = width,
+ * pages = 1, format = pixel format. Release it with zyn_release_matrix. */
+typedef zyn_matrix zyn_image;
+
+/* Pixel formats; bytes in memory order. Packed rows are width * pixel bytes long;
+ * formats 5, 12 and 13 use the aligned stride, the width raised to a multiple of 4. */
+enum {
+  ZYN_IMAGE_BGR = 0,       /* blue, green, red */
+  ZYN_IMAGE_RGB = 1,       /* red, green, blue */
+  ZYN_IMAGE_GRAY = 2,      /* one byte */
+  ZYN_IMAGE_BGRA = 3,      /* four bytes */
+  ZYN_IMAGE_RGBA = 4,      /* four bytes, the other order */
+  ZYN_IMAGE_I420 = 5,      /* planar YUV 4:2:0: luma, then two chroma planes of half the
+                              stride and half the rows */
+  ZYN_IMAGE_PLANAR = 6,    /* three full planes (blue, green, red), stride = width */
+  ZYN_IMAGE_PACKED2 = 7,   /* two bytes */
+  ZYN_IMAGE_SIGNED3 = 8,   /* three signed bytes */
+  ZYN_IMAGE_PACKED3_A = 9, /* three bytes, meaning not fixed (also 10 and 11) */
+  ZYN_IMAGE_PACKED3_B = 10,
+  ZYN_IMAGE_PACKED3_C = 11,
+  ZYN_IMAGE_NV12 = 12, /* two-plane YUV 4:2:0: luma, then interleaved chroma of half the
+                          rows; plane pointers and plane strides stay 0 */
+  ZYN_IMAGE_NV21 = 13, /* the same, the other chroma order */
+  ZYN_IMAGE_BGR48 = 14 /* three 16-bit values */
+};
+
+/* Creates an image with an owned, uninitialised buffer. Null (reported) when width
+ * or height is below 1 or format above 14; null when the size overflows or memory
+ * is short. */
+ZYN_API zyn_image* zyn_create_image(int32_t width, int32_t height, uint32_t format);
+
+/* Gives an image another size and a new, uninitialised buffer that it owns; the old
+ * buffer is freed with zyn_free, even if the image did not own it. The buffer holds
+ * rows * row_bytes bytes, so formats with several planes get the first plane only
+ * and null plane pointers. Returns image; unchanged when it is null or a size is
+ * below 1. A size below 4 x 4 is reported and the old one stays; the buffer is renewed
+ * all the same. Its data is null when memory is short. */
+ZYN_API zyn_image* zyn_recreate_image(zyn_image* image, int32_t width, int32_t height);
+
+/* Writes an image header into your record; data becomes null, not owned. 1: null
+ * image, width or height below 4 (zyn_create_image takes 1), format above 14. */
+ZYN_API int32_t zyn_set_image_header(zyn_image* image, int32_t width, int32_t height,
+                                     uint32_t format);
+
+/* Points an image header at your memory and sets the planes; a buffer that the
+ * image owned is not freed. 1: null argument, not an image, length < 16; 256:
+ * length < rows * row_bytes (nothing changed), and also for formats 3, 4, 7 to 11
+ * and 14, whose data pointer is stored all the same. */
+ZYN_API int32_t zyn_set_image_data(zyn_image* image, void* data, int64_t length);
+
+/* Header and memory in one call; nothing is owned. Formats 5, 12 and 13 take the
+ * plane pointers and strides (bytes) as given. Every other format goes through
+ * zyn_set_image_header and zyn_set_image_data with planes[0] and strides[0] as the
+ * length, and answers with their codes: pass the buffer's byte count as strides[0].
+ * 1: null image, planes, planes[0] or strides, sizes below 1, strides[0] < width. */
+ZYN_API int32_t zyn_set_image_header_and_data(zyn_image* image, int32_t width, int32_t height,
+                                              uint32_t format, void* const planes[3],
+                                              const int32_t strides[3]);
+
+/* Reads a BMP file (1, 4, 8, 16, 24 or 32 bits, not run-length coded). mode 0: grey
+ * files become format 2, others format 0; 1: format 2; anything else: format 0.
+ * Null: no name or file (reported); not a BMP file (PNG and JPEG are recognised but
+ * not decoded), damaged or unsupported (silent). */
+ZYN_API zyn_image* zyn_create_image_from_file(const char* file_name, int32_t mode);
+
+/* Writes a BMP file: the name must end in ".bmp" or ".BMP" exactly. Formats 0 and
+ * 2 as they are; 1 has its channels exchanged in your image, which stays format 0;
+ * 5 goes through a temporary format 0 image. 1: null argument, not an image,
+ * formats 6 to 13, no extension; 4: unknown extension; 8: file cannot be opened;
+ * 256: ".jpg", ".JPG", ".png", ".PNG" (nothing is written), and formats 3, 4 and
+ * 14, which only PNG could hold. */
+ZYN_API int32_t zyn_image_write_to_file_with_level(const char* file_name, zyn_image* image);
+
+/* What zyn_image_color_space_convert can do. */
+enum {
+  ZYN_COLOR_BGR_TO_GRAY = 0,     /* format 0 to 2, or to 0 with the grey in all channels */
+  ZYN_COLOR_BGR_TO_RGB = 2,      /* exchanges channels 0 and 2 */
+  ZYN_COLOR_RGB_TO_BGR = 3,      /* the same exchange */
+  ZYN_COLOR_BGR_TO_I420 = 8,     /* format 0 to 5, BT.601 limited range */
+  ZYN_COLOR_I420_TO_BGR = 9,     /* format 5 to 0 */
+  ZYN_COLOR_BGR_TO_SIGNED3 = 13, /* format 0 to 8 */
+  ZYN_COLOR_SIGNED3_TO_BGR = 14, /* format 8 to 0 */
+  ZYN_COLOR_BGR_TO_PLANAR = 21,  /* format 0 to 6 */
+  ZYN_COLOR_PLANAR_TO_BGR = 22   /* format 6 to 0 */
+};
+
+/* Converts source into destination, an image of the same size that does not overlap
+ * it; codes 2 and 3 also work in place (one image, or two that share a buffer).
+ *  - Grey: (1868 B + 9617 G + 4899 R + 8192) >> 14.
+ *  - Codes 2 and 3 take any pair of packed images with three bytes, four bytes or three
+ *    16-bit values per pixel. Where the images share their buffer, code 2 turns
+ *    destination's format 0 into 1 and code 3 turns 1 into 0; else no format
+ *    changes.
+ *  - Code 8: chroma comes from the rounded mean colour of each 2 x 2 block. Odd sizes:
+ *    the last row and column repeat the luma (code 9: the pixels) before them;
+ *    chroma planes have height / 2 rows.
+ *  - Format 8: bytes (lightness, leaf, warm), signed, with warm = (R - B) >> 1,
+ *    middle = B + warm, leaf = (G - middle) >> 1, lightness = middle + leaf - 128. Back,
+ *    blue is exact, green and red are up to 1 below; results are clamped to 0..255.
+ *  - Codes 21 and 22 need only one side's format to be right: in place of format 0 any
+ *    packed image of three bytes per pixel, in place of format 6 any packed image
+ *    with room for three planes of width * height bytes at its start.
+ * 1: null, not images, different sizes, formats that the code does not take or
+ * without all planes (zyn_recreate_image); 4: any other code (silent). */
+ZYN_API int32_t zyn_image_color_space_convert(zyn_image* destination, zyn_image* source,
+                                              uint32_t code);
+
+/* Scales source into destination, whose size is the caller's choice; both of one
+ * element type, formats 0, 1, 2, 5, 8, 11. method 0: nearest neighbour, 1: bilinear
+ * with 11-bit weights. Equal sizes copy and an exact 2:1 reduction averages 2 x 2
+ * pixels, whatever the method. 0 (any other method on a packed format does
+ * nothing); 1: null, not images, different types, a format not listed; 2: no
+ * memory; 4: another method on format 5. */
+ZYN_API int32_t zyn_image_resizer(zyn_image* destination, const zyn_image* source, int32_t method);
+
+/* Copies the rectangle of size (w, h) at position (x, y) of source into destination,
+ * whose size is (w, h). Pixels outside of source repeat its nearest edge pixel;
+ * position may be negative. Packed formats of one or three channels and format
+ * 5, whose planes use half the luma stride for chroma. After a format 5 crop
+ * position is halved (x >> 1, y >> 1).
+ * 1: null, not images, destination not (w, h), different pixels or layouts; 4: other
+ * formats. Silent; on failure nothing is written. */
+ZYN_API int32_t zyn_image_cropped_patch(zyn_image* destination, const zyn_image* source,
+                                        int32_t position[2], const int32_t size[2]);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,256 @@
+// Reads BMP files. Nothing in a file is trusted: every offset, count and size is
+// checked in 64 bits against the file's length before anything is allocated for it,
+// so that a file can claim at most the pixels that it holds.
+#include <stdio.h>
+#include <string.h>
+
+#include "base/zyn_memory.h"
+#include "base/zyn_platform.h"
+#include "base/zyn_report.h"
+#include "image/zyn_image.h"
+#include "image/zyn_image_rows.h"
+
+namespace {
+
+constexpr zyn_site kNoContent{kZynBmpCodecPath, 183, ZYN_MSG_MEMORY};
+constexpr zyn_site kNoName{kZynBmpCodecPath, 667, "file name is null!"};
+constexpr zyn_site kNoFile{kZynBmpCodecPath, 682, "open file error!"};
+
+constexpr int64_t kFileHeader = 14;
+constexpr uint32_t kCoreHeader = 12;
+constexpr uint32_t kShortestHeader = 36;  // shorter ones name no size and no depth
+constexpr int64_t kCorePalette = 30;
+constexpr int64_t kMasks = 54;
+constexpr uint32_t kPlain = 0, kBitFields = 3;  // compression
+constexpr int32_t kModeKeep = 0, kModeGray = 1;
+
+struct bytes_view {
+  const uint8_t* data;
+  int64_t length;
+  bool holds(int64_t offset, int64_t count) const {
+    int64_t end = 0;
+    return zyn_sum(offset, count, &end) && end <= length;
+  }
+  uint32_t u16(int64_t at) const { return data[at] | static_cast<uint32_t>(data[at + 1]) << 8; }
+  uint32_t u32(int64_t at) const { return u16(at) | u16(at + 2) << 16; }
+  int32_t i32(int64_t at) const { return static_cast<int32_t>(u32(at)); }
+};
+
+struct bmp_info {
+  int32_t width;
+  int32_t height;
+  bool top_down;
+  uint32_t bits;    // 1, 4, 8, 16, 24 or 32
+  bool six_green;   // 16 bits: 5-6-5, else 5-5-5
+  int64_t pixels;   // offset of the first stored row
+  int64_t stride;   // bytes of a stored row
+  int64_t palette;  // offset
+  int64_t colours;  // palette entries in the file
+  int32_t entry;    // bytes of one of them
+};
+
+bool has_palette(uint32_t bits) { return bits == 1 || bits == 4 || bits == 8; }
+
+bool parse_core(const bytes_view& file, bmp_info* info) {
+  if (!file.holds(0, kCorePalette)) return false;
+  info->bits = file.u16(28);
+  info->height = file.i32(22);
+  if (info->height < 1 || !has_palette(info->bits)) return false;
+  info->palette = kCorePalette;
+  info->colours = int64_t{1} << info->bits;
+  info->entry = 3;
+  return true;
+}
+
+bool parse_depth(const bytes_view& file, uint32_t compression, bmp_info* info) {
+  switch (info->bits) {
+    case 1:
+    case 4:
+    case 8:
+    case 24:
+    case 32:
+      return compression == kPlain;
+    case 15:
+      info->bits = 16;
+      return compression == kPlain;
+    case 16:
+      if (compression == kPlain) return true;
+      if (compression != kBitFields || !file.holds(kMasks, 12)) return false;
+      info->six_green = file.u32(kMasks) != 0x7C00 || file.u32(kMasks + 4) != 0x03E0 ||
+                        file.u32(kMasks + 8) != 0x001F;
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool parse_info(const bytes_view& file, uint32_t header, bmp_info* info) {
+  if (header < kShortestHeader || !file.holds(kFileHeader, header)) return false;
+  const int64_t height = file.i32(22);
+  info->top_down = height < 0;
+  if (height == 0 || height == INT32_MIN) return false;
+  info->height = static_cast<int32_t>(height < 0 ? -height : height);
+  info->bits = file.u16(28);
+  if (!parse_depth(file, file.u32(30), info)) return false;
+  if (!has_palette(info->bits)) return true;
+  const uint32_t used = file.u32(46);
+  info->palette = kFileHeader + header;
+  info->colours = used ? used : int64_t{1} << info->bits;
+  info->entry = 4;
+  return true;
+}
+
+// Everything that the pixels need, or false for what is damaged or unsupported.
+bool parse(const bytes_view& file, bmp_info* info) {
+  memset(info, 0, sizeof(*info));
+  if (!file.holds(0, kFileHeader + 4)) return false;
+  const uint32_t header = file.u32(14);
+  if (!(header == kCoreHeader ? parse_core(file, info) : parse_info(file, header, info)))
+    return false;
+  info->width = file.i32(18);
+  info->pixels = file.u32(10);
+  if (info->width < 1 || !file.holds(info->palette, info->colours * info->entry)) return false;
+  info->stride = ((static_cast<int64_t>(info->bits) * info->width + 7) / 8 + 3) & ~int64_t{3};
+  int64_t stored = 0;
+  return zyn_multiply(info->stride, info->height, &stored) && file.holds(info->pixels, stored);
+}
+
+bool is_gray(const bytes_view& file, const bmp_info& info) {
+  if (!has_palette(info.bits)) return false;
+  const uint8_t* entry = file.data + info.palette;
+  for (int64_t i = 0; i < info.colours; i++, entry += info.entry)
+    if (entry[0] != entry[1] || entry[0] != entry[2]) return false;
+  return true;
+}
+
+// The palette as blue, green, red; indices beyond a short one are black.
+void load_palette(const bytes_view& file, const bmp_info& info, uint8_t palette[256][3]) {
+  memset(palette, 0, 256 * 3);
+  for (int64_t i = 0; i < info.colours && i < 256; i++)
+    memcpy(palette[i], file.data + info.palette + i * info.entry, 3);
+}
+
+void indexed_row(uint8_t* out, const uint8_t* stored, const bmp_info& info,
+                 const uint8_t palette[256][3]) {
+  const uint32_t mask = (1u << info.bits) - 1;
+  for (int64_t x = 0; x < info.width; x++, out += 3) {
+    const int64_t bit = x * info.bits;
+    const uint32_t shift = 8 - info.bits - static_cast<uint32_t>(bit & 7);
+    memcpy(out, palette[stored[bit >> 3] >> shift & mask], 3);
+  }
+}
+
+// Five and six bits become eight by repeating the top ones below.
+void packed16_row(uint8_t* out, const uint8_t* stored, const bmp_info& info) {
+  for (int64_t x = 0; x < info.width; x++, out += 3) {
+    const uint32_t value = stored[2 * x] | static_cast<uint32_t>(stored[2 * x + 1]) << 8;
+    const uint32_t blue = value & 31;
+    const uint32_t green = info.six_green ? value >> 5 & 63 : value >> 5 & 31;
+    const uint32_t red = (info.six_green ? value >> 11 : value >> 10) & 31;
+    out[0] = static_cast<uint8_t>(blue << 3 | blue >> 2);
+    out[1] =
+        static_cast<uint8_t>(info.six_green ? green << 2 | green >> 4 : green << 3 | green >> 2);
+    out[2] = static_cast<uint8_t>(red << 3 | red >> 2);
+  }
+}
+
+// One stored row as blue, green, red.
+void colour_row(uint8_t* out, const uint8_t* stored, const bmp_info& info,
+                const uint8_t palette[256][3]) {
+  switch (info.bits) {
+    case 16:
+      return packed16_row(out, stored, info);
+    case 24:
+      memcpy(out, stored, static_cast<size_t>(info.width) * 3);
+      return;
+    case 32:
+      for (int64_t x = 0; x < info.width; x++) memcpy(out + 3 * x, stored + 4 * x, 3);
+      return;
+    default:
+      return indexed_row(out, stored, info, palette);
+  }
+}
+
+// Palette colours turned grey: a grey palette gives its values, any other their luma.
+void gray_palette(const bmp_info& info, bool gray_file, const uint8_t palette[256][3],
+                  uint8_t gray[256]) {
+  if (!has_palette(info.bits)) return;
+  if (gray_file)
+    for (int i = 0; i < 256; i++) gray[i] = palette[i][0];
+  else
+    zyn_gray_row(gray, palette[0], 256);
+}
+
+zyn_image* decode(const bytes_view& file, int32_t mode) {
+  bmp_info info;
+  if (!parse(file, &info)) return nullptr;
+  const bool gray_file = is_gray(file, info);
+  const bool gray = mode == kModeGray || (mode == kModeKeep && gray_file);
+  uint8_t palette[256][3], shades[256];
+  load_palette(file, info, palette);
+  gray_palette(info, gray_file, palette, shades);
+  zyn_matrix_guard image(
+      zyn_create_image(info.width, info.height, gray ? ZYN_IMAGE_GRAY : ZYN_IMAGE_BGR));
+  if (!image) return nullptr;
+  const bool convert = gray && !has_palette(info.bits);
+  zyn_scratch<uint8_t> colours(convert ? int64_t{3} * info.width : 1);
+  if (!colours) return nullptr;
+  const uint32_t mask = (1u << (info.bits & 15)) - 1;
+  for (int64_t y = 0; y < info.height; y++) {
+    const uint8_t* stored = file.data + info.pixels + y * info.stride;
+    const int64_t row = info.top_down ? y : info.height - 1 - y;
+    uint8_t* out = static_cast<uint8_t*>(image->data) + row * image->row_bytes;
+    if (!gray) {
+      colour_row(out, stored, info, palette);
+    } else if (convert) {
+      colour_row(colours.get(), stored, info, palette);
+      zyn_gray_row(out, colours.get(), info.width);
+    } else {
+      for (int64_t x = 0; x < info.width; x++) {
+        const int64_t bit = x * info.bits;
+        out[x] = shades[stored[bit >> 3] >> (8 - info.bits - (bit & 7)) & mask];
+      }
+    }
+  }
+  return image.take();
+}
+
+zyn_image* read_bmp(FILE* stream, int32_t mode) {
+  const int64_t length = fseek(stream, 0, SEEK_END) == 0 ? ftell(stream) : -1;
+  if (length < 1) {
+    zyn_report(kNoContent);
+    return nullptr;
+  }
+  zyn_scratch<uint8_t> content(length);
+  if (!content) {
+    zyn_report(kNoContent);
+    return nullptr;
+  }
+  rewind(stream);
+  if (fread(content.get(), 1, static_cast<size_t>(length), stream) != static_cast<size_t>(length))
+    return nullptr;
+  return decode({content.get(), length}, mode);
+}
+
+}  // namespace
+
+zyn_image* zyn_create_image_from_file(const char* file_name, int32_t mode) {
+  if (!file_name) {
+    zyn_report(kNoName);
+    return nullptr;
+  }
+  FILE* stream = zyn_platform_open(file_name, "rb");
+  if (!stream) {
+    zyn_print("file name is %s\n", file_name);
+    zyn_report(kNoFile);
+    return nullptr;
+  }
+  // PNG and JPEG have signatures of their own, but there is no decoder for them: they
+  // end as every other file that is no BMP.
+  uint8_t signature[2] = {};
+  zyn_image* image = nullptr;
+  if (fread(signature, 1, 2, stream) == 2 && memcmp(signature, "BM", 2) == 0)
+    image = read_bmp(stream, mode);
+  fclose(stream);
+  return image;
+}

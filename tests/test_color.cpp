@@ -1,0 +1,380 @@
+// Colour conversion against the formulas in plain integers: all colours, odd sizes,
+// strides, page-end buffers, refusals.
+#include <string.h>
+
+#include <algorithm>
+
+#include "support/images.h"
+
+namespace {
+
+using namespace zyn_test;
+
+constexpr const char* kPath = "src/image/zyn_image_color_space.cpp";
+
+int clamp(int v) { return std::min(255, std::max(0, v)); }
+int gray_of(int b, int g, int r) { return (1868 * b + 9617 * g + 4899 * r + 8192) >> 14; }
+int luma_of(int b, int g, int r) { return ((8421 * r + 16515 * g + 3211 * b + 16384) >> 15) + 16; }
+int u_of(int b, int g, int r) { return ((-4850 * r - 9535 * g + 14385 * b + 16384) >> 15) + 128; }
+int v_of(int b, int g, int r) { return ((14385 * r - 12059 * g - 2327 * b + 16384) >> 15) + 128; }
+void bgr_of(int y, int u, int v, int out[3]) {
+  const int l = 9535 * (y - 16), cu = u - 128, cv = v - 128;
+  out[0] = clamp((l + 16531 * cu + 4096) >> 13);
+  out[1] = clamp((l - 6660 * cv - 3203 * cu + 4096) >> 13);
+  out[2] = clamp((l + 13074 * cv + 4096) >> 13);
+}
+
+// A row of 4096 colours: together 4096 rows hold every colour once.
+void colour_row(uint8_t* bgr, int row) {
+  for (int x = 0; x < 4096; x++) {
+    bgr[3 * x] = static_cast<uint8_t>(x);
+    bgr[3 * x + 1] = static_cast<uint8_t>(x >> 8 | (row & 15) << 4);
+    bgr[3 * x + 2] = static_cast<uint8_t>(row >> 4);
+  }
+}
+
+constexpr int kSlice = 64;  // rows of a slice of the 4096 x 4096 picture of all colours
+
+TEST(Color, EveryColourToGray) {
+  Image bgr = make_image(4096, kSlice, 0), gray = make_image(4096, kSlice, 2),
+        wide = make_image(4096, kSlice, 0);
+  int64_t wrong = 0;
+  for (int top = 0; top < 4096; top += kSlice) {
+    for (int y = 0; y < kSlice; y++) colour_row(bytes(bgr) + y * bgr->row_bytes, top + y);
+    ASSERT_EQ(zyn_image_color_space_convert(gray.get(), bgr.get(), 0), 0);
+    ASSERT_EQ(zyn_image_color_space_convert(wide.get(), bgr.get(), 0), 0);
+    const uint8_t* p = bytes(bgr);
+    for (int i = 0; i < 4096 * kSlice; i++, p += 3) {
+      const int want = gray_of(p[0], p[1], p[2]);
+      const uint8_t* w = bytes(wide) + 3 * i;
+      wrong += (bytes(gray)[i] != want) | (w[0] != want) | (w[1] != want) | (w[2] != want);
+    }
+  }
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST(Color, EveryColourToYuv) {
+  Image bgr = make_image(4096, kSlice, 0), yuv = make_image(4096, kSlice, 5);
+  int64_t wrong_luma = 0, wrong_chroma = 0;
+  // After the first 4096 rows every 2 x 2 block is of one colour: chroma of every colour.
+  for (int top = 0; top < 4096 * 5; top += kSlice) {
+    for (int y = 0; y < kSlice; y++) {
+      uint8_t* row = bytes(bgr) + y * bgr->row_bytes;
+      if (top < 4096) {
+        colour_row(row, top + y);
+        continue;
+      }
+      if (y & 1) {
+        memcpy(row, row - bgr->row_bytes, 3 * 4096);
+        continue;
+      }
+      const int block = (top - 4096 + y) / 2 * 2048;  // first of 2048 colours
+      for (int x = 0; x < 4096; x++) {
+        const int colour = block + x / 2;
+        for (int c = 0; c < 3; c++) row[3 * x + c] = static_cast<uint8_t>(colour >> (8 * c));
+      }
+    }
+    ASSERT_EQ(zyn_image_color_space_convert(yuv.get(), bgr.get(), 8), 0);
+    const int64_t row = bgr->row_bytes;
+    for (int y = 0; y < kSlice && top < 4096; y++) {
+      const uint8_t* p = bytes(bgr) + y * row;
+      const uint8_t* l = bytes(yuv) + y * 4096;
+      for (int x = 0; x < 4096; x++)
+        wrong_luma += l[x] != luma_of(p[3 * x], p[3 * x + 1], p[3 * x + 2]);
+    }
+    for (int y = 0; y < kSlice / 2; y++) {
+      const uint8_t *p = bytes(bgr) + 2 * y * row, *q = p + row;
+      const uint8_t* u = static_cast<uint8_t*>(yuv->plane1) + y * 2048;
+      const uint8_t* v = static_cast<uint8_t*>(yuv->plane2) + y * 2048;
+      for (int x = 0; x < 2048; x++, p += 6, q += 6) {
+        const int b = (p[0] + p[3] + q[0] + q[3] + 2) >> 2,
+                  g = (p[1] + p[4] + q[1] + q[4] + 2) >> 2;
+        const int r = (p[2] + p[5] + q[2] + q[5] + 2) >> 2;
+        wrong_chroma += (u[x] != u_of(b, g, r)) | (v[x] != v_of(b, g, r));
+      }
+    }
+  }
+  EXPECT_EQ(wrong_luma, 0);
+  EXPECT_EQ(wrong_chroma, 0);
+}
+
+TEST(Color, EveryYuvToColour) {
+  Image bgr = make_image(4096, kSlice, 0), yuv = make_image(4096, kSlice, 5);
+  int64_t wrong = 0;
+  for (int top = 0; top < 4096; top += kSlice) {
+    // Block n has chroma n mod 65536 and four luma values: every triple occurs once.
+    for (int y = 0; y < kSlice; y += 2) {
+      for (int x = 0; x < 2048; x++) {
+        const int block = (top + y) / 2 * 2048 + x, chroma = block & 0xFFFF, first = block >> 16;
+        static_cast<uint8_t*>(yuv->plane1)[y / 2 * 2048 + x] = static_cast<uint8_t>(chroma);
+        static_cast<uint8_t*>(yuv->plane2)[y / 2 * 2048 + x] = static_cast<uint8_t>(chroma >> 8);
+        for (int k = 0; k < 4; k++)
+          bytes(yuv)[(y + k / 2) * 4096 + 2 * x + k % 2] = static_cast<uint8_t>(4 * first + k);
+      }
+    }
+    ASSERT_EQ(zyn_image_color_space_convert(bgr.get(), yuv.get(), 9), 0);
+    for (int y = 0; y < kSlice; y++)
+      for (int x = 0; x < 4096; x++) {
+        const int at = y / 2 * 2048 + x / 2;
+        int want[3];
+        bgr_of(bytes(yuv)[y * 4096 + x], static_cast<uint8_t*>(yuv->plane1)[at],
+               static_cast<uint8_t*>(yuv->plane2)[at], want);
+        const uint8_t* p = bytes(bgr) + y * bgr->row_bytes + 3 * x;
+        wrong += (p[0] != want[0]) | (p[1] != want[1]) | (p[2] != want[2]);
+      }
+  }
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST(Color, SignedColoursReturnEveryColourWithinOneLevel) {
+  Image bgr = make_image(4096, kSlice, 0), other = make_image(4096, kSlice, 8),
+        back = make_image(4096, kSlice, 0);
+  int worst[3] = {0, 0, 0};
+  for (int top = 0; top < 4096; top += kSlice) {
+    for (int y = 0; y < kSlice; y++) colour_row(bytes(bgr) + y * bgr->row_bytes, top + y);
+    ASSERT_EQ(zyn_image_color_space_convert(other.get(), bgr.get(), 13), 0);
+    ASSERT_EQ(zyn_image_color_space_convert(back.get(), other.get(), 14), 0);
+    for (int i = 0; i < 3 * 4096 * kSlice; i++)
+      worst[i % 3] = std::max(worst[i % 3], abs(bytes(bgr)[i] - bytes(back)[i]));
+  }
+  EXPECT_EQ(worst[0], 0);
+  EXPECT_LE(worst[1], 1);
+  EXPECT_LE(worst[2], 1);
+  // Any bytes come back clamped; pure colours of the axes.
+  const int8_t in[3][3] = {{127, 127, 127}, {-128, -128, -128}, {0, 0, 0}};
+  const uint8_t want[3][3] = {{1, 255, 255}, {255, 0, 0}, {128, 128, 128}};
+  for (int k = 0; k < 3; k++) {
+    Image one = make_image(1, 1, 8), pixel = make_image(1, 1, 0);
+    memcpy(one->data, in[k], 3);
+    ASSERT_EQ(zyn_image_color_space_convert(pixel.get(), one.get(), 14), 0);
+    for (int c = 0; c < 3; c++) EXPECT_EQ(bytes(pixel)[c], want[k][c]) << k << " " << c;
+  }
+}
+
+// One conversion of random page-end images; every byte of the destination is compared,
+// those that the conversion must leave alone included.
+class Convert {
+ public:
+  Convert(uint32_t from, uint32_t to, uint32_t code) : from_(from), to_(to), code_(code) {}
+
+  void check(int width, int height) {
+    SCOPED_TRACE(testing::Message() << "code " << code_ << ", " << width << "x" << height);
+    PageEndImage from(width, height, from_), to(width, height, to_);
+    Random random(static_cast<uint64_t>(width * 100 + height));
+    from.fill(random);
+    for (uint8_t& byte : to.memory()) byte = 0xEE;
+    std::vector<uint8_t> want(to.memory().begin(), to.memory().end());
+    expect(from, to, want);
+    ASSERT_EQ(zyn_image_color_space_convert(to.get(), from.get(), code_), 0);
+    size_t at = 0;
+    while (at < want.size() && to.memory()[at] == want[at]) at++;
+    ASSERT_EQ(at, want.size()) << "got " << +to.memory()[at] << ", want " << +want[at];
+  }
+
+ private:
+  struct View {
+    uint8_t* data;
+    int64_t stride;
+    uint8_t& at(int x, int y, int c = 0, int channels = 1) const {
+      return data[y * stride + x * channels + c];
+    }
+  };
+  static View view(PageEndImage& image, int k, uint8_t* base) {
+    void* const data[3] = {image->data, image->plane1, image->plane2};
+    const int64_t strides[3] = {image->row_bytes, image->plane1_bytes, image->plane2_bytes};
+    return {base + (static_cast<uint8_t*>(data[k]) - static_cast<uint8_t*>(image->data)),
+            strides[k]};
+  }
+  void expect(PageEndImage& from, PageEndImage& to, std::vector<uint8_t>& want) {
+    const int w = from->cols, h = from->rows;
+    const View s = view(from, 0, from.memory().data()), d = view(to, 0, want.data());
+    View sp[3] = {s, s, s}, dp[3] = {d, d, d};
+    for (int k = 1; k < 3; k++) {
+      if (from->plane1) sp[k] = view(from, k, from.memory().data());
+      if (to->plane1) dp[k] = view(to, k, want.data());
+    }
+    if (code_ == 8) return expect_yuv(s, dp, w, h);
+    for (int y = 0; y < h; y++)
+      for (int x = 0; x < w; x++) {
+        // Odd rows and columns at the end repeat the pixel before them.
+        const int ex = w > 1 && (w & 1) && x == w - 1 ? x - 1 : x;
+        const int ey = h > 1 && (h & 1) && y == h - 1 ? y - 1 : y;
+        int pixel[3];
+        const auto source = [&](int c) { return +s.at(x, y, c, 3); };
+        switch (code_) {
+          case 0:
+            for (int c = 0; c < (to_ == 2 ? 1 : 3); c++)
+              d.at(x, y, c, to_ == 2 ? 1 : 3) =
+                  static_cast<uint8_t>(gray_of(source(0), source(1), source(2)));
+            break;
+          case 9:
+            bgr_of(s.at(ex, ey), h > 1 ? sp[1].at(ex / 2, ey / 2) : 128,
+                   h > 1 ? sp[2].at(ex / 2, ey / 2) : 128, pixel);
+            for (int c = 0; c < 3; c++) d.at(x, y, c, 3) = static_cast<uint8_t>(pixel[c]);
+            break;
+          case 21:
+            for (int c = 0; c < 3; c++) dp[c].at(x, y) = s.at(x, y, c, 3);
+            break;
+          case 22:
+            for (int c = 0; c < 3; c++) d.at(x, y, c, 3) = sp[c].at(x, y);
+            break;
+          default:  // 2 and 3
+            exchange(s, d, x, y);
+        }
+      }
+  }
+  void exchange(const View& s, const View& d, int x, int y) const {
+    const int bytes = from_ == 14 ? 6 : from_ == 3 || from_ == 4 ? 4 : 3;
+    static const int kOrder[3][6] = {{2, 1, 0}, {2, 1, 0, 3}, {4, 5, 2, 3, 0, 1}};
+    for (int c = 0; c < bytes; c++)
+      d.at(x, y, c, bytes) = s.at(x, y, kOrder[bytes == 6 ? 2 : bytes - 3][c], bytes);
+  }
+  static void expect_yuv(const View& s, const View d[3], int w, int h) {
+    for (int y = 0; y < h; y++)
+      for (int x = 0; x < w; x++) {
+        const int ex = w > 1 && (w & 1) && x == w - 1 ? x - 1 : x;
+        const int ey = h > 1 && (h & 1) && y == h - 1 ? y - 1 : y;
+        d[0].at(x, y) = static_cast<uint8_t>(
+            luma_of(s.at(ex, ey, 0, 3), s.at(ex, ey, 1, 3), s.at(ex, ey, 2, 3)));
+      }
+    for (int y = 0; y < h / 2; y++)
+      for (int x = 0; x < (w + 1) / 2; x++) {
+        int mean[3];
+        const int left = w > 1 ? 2 * std::min(x, w / 2 - 1) : 0, right = w > 1 ? left + 1 : 0;
+        for (int c = 0; c < 3; c++)
+          mean[c] = (s.at(left, 2 * y, c, 3) + s.at(right, 2 * y, c, 3) +
+                     s.at(left, 2 * y + 1, c, 3) + s.at(right, 2 * y + 1, c, 3) + 2) >>
+                    2;
+        d[1].at(x, y) = static_cast<uint8_t>(u_of(mean[0], mean[1], mean[2]));
+        d[2].at(x, y) = static_cast<uint8_t>(v_of(mean[0], mean[1], mean[2]));
+      }
+  }
+
+  uint32_t from_, to_, code_;
+};
+
+TEST(Color, EverySizeUpToAFewVectorsWritesExactlyItsPixels) {
+  const uint32_t cases[][3] = {{0, 2, 0},  {0, 0, 0},   {0, 1, 2}, {1, 0, 3}, {9, 10, 2},
+                               {3, 4, 2},  {14, 14, 3}, {0, 5, 8}, {5, 0, 9}, {0, 6, 21},
+                               {6, 0, 22}, {1, 6, 21},  {6, 8, 22}};
+  for (const auto& c : cases) {
+    for (int width = 1; width <= 100; width++)
+      for (int height : {1, 2, 3}) {
+        Convert(c[0], c[1], c[2]).check(width, height);
+        if (HasFatalFailure()) return;
+      }
+    Convert(c[0], c[1], c[2]).check(6, 7);
+  }
+}
+
+TEST(Color, KnownPixels) {
+  Image bgr = make_image(2, 2, 0), gray = make_image(2, 2, 2), yuv = make_image(2, 2, 5);
+  const auto forward = [&](int b, int g, int r, int y, int u, int v, int luma) {
+    for (int i = 0; i < 12; i++)
+      bytes(bgr)[i] = static_cast<uint8_t>(i % 3 == 0 ? b : i % 3 == 1 ? g : r);
+    zyn_image_color_space_convert(gray.get(), bgr.get(), 0);
+    zyn_image_color_space_convert(yuv.get(), bgr.get(), 8);
+    EXPECT_EQ(bytes(gray)[3], luma);
+    EXPECT_EQ(bytes(yuv)[5], y);
+    EXPECT_EQ(*static_cast<uint8_t*>(yuv->plane1), u);
+    EXPECT_EQ(*static_cast<uint8_t*>(yuv->plane2), v);
+  };
+  forward(255, 255, 255, 235, 128, 128, 255);
+  forward(0, 0, 0, 16, 128, 128, 0);
+  forward(0, 0, 255, 82, 90, 240, 76);
+}
+
+TEST(Color, ExchangeInASharedBufferRecordsTheOrder) {
+  const auto expect = [](uint32_t from, uint32_t code, bool shared, uint32_t format) {
+    Image image = make_image(5, 3, from), other = make_image(5, 3, 9);
+    Image to = make_image(5, 3, from);
+    for (int i = 0; i < 45; i++) bytes(image)[i] = static_cast<uint8_t>(i);
+    zyn_image* destination = shared ? image.get() : to.get();
+    EXPECT_EQ(zyn_image_color_space_convert(destination, image.get(), code), 0);
+    for (int i = 0; i < 45; i++) EXPECT_EQ(bytes(destination)[i], i / 3 * 3 + 2 - i % 3);
+    EXPECT_EQ(destination->format, format) << from << " " << code << " " << shared;
+  };
+  expect(0, 2, true, 1);
+  expect(1, 3, true, 0);
+  expect(1, 2, true, 1);
+  expect(0, 3, true, 0);
+  expect(9, 2, true, 9);
+  expect(0, 2, false, 0);
+  expect(1, 3, false, 1);
+}
+
+TEST(Color, ChromaColumnsAndPaddingStayWithinCallerStrides) {
+  // 5 wide, strides of 5 and 2: there is no room for the third chroma column.
+  uint8_t luma[5 * 4], u[2 * 2 + 1], v[2 * 2 + 1];
+  void* planes[3] = {luma, u, v};
+  const int32_t strides[3] = {5, 2, 2};
+  zyn_image yuv;
+  ASSERT_EQ(zyn_set_image_header_and_data(&yuv, 5, 4, 5, planes, strides), 0);
+  Image bgr = make_image(5, 4, 0), back = make_image(5, 4, 0);
+  memset(bgr->data, 200, 60);
+  memset(u, 0xEE, sizeof(u));
+  memset(v, 0xEE, sizeof(v));
+  EXPECT_EQ(zyn_image_color_space_convert(&yuv, bgr.get(), 8), 0);
+  EXPECT_EQ(u[4], 0xEE);
+  EXPECT_EQ(v[4], 0xEE);
+  EXPECT_EQ(zyn_image_color_space_convert(back.get(), &yuv, 9), 0);
+  for (int i = 0; i < 60; i++) EXPECT_NEAR(bytes(back)[i], 200, 1);
+}
+
+TEST(Color, ThreePlanesWithoutPlanePointers) {
+  Image packed = make_image(5, 3, 0), thirds = make_image(5, 3, 9);
+  for (int i = 0; i < 45; i++) bytes(packed)[i] = static_cast<uint8_t>(i);
+  EXPECT_EQ(zyn_image_color_space_convert(thirds.get(), packed.get(), 21), 0);
+  for (int k = 0; k < 3; k++)
+    for (int i = 0; i < 15; i++) EXPECT_EQ(bytes(thirds)[15 * k + i], 3 * i + k);
+  Image back = make_image(5, 3, 0);
+  EXPECT_EQ(zyn_image_color_space_convert(back.get(), thirds.get(), 22), 0);
+  EXPECT_EQ(memcmp(back->data, packed->data, 45), 0);
+}
+
+TEST(Color, Refusals) {
+  const auto refused = [](zyn_image* to, zyn_image* from, uint32_t code, const char* message,
+                          int line) {
+    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_image_color_space_convert(to, from, code), 1); }),
+              report(message, kPath, line));
+  };
+  const char* const planes = "Color space parameters error!";
+  const struct {
+    uint32_t from, to, code;
+    const char* message;
+    int line;
+  } cases[] = {{1, 2, 0, kPara, 128},   {0, 1, 0, kPara, 128},    {0, 0, 8, kPara, 88},
+               {1, 5, 8, kPara, 88},    {0, 0, 9, kPara, 106},    {5, 1, 9, kPara, 106},
+               {12, 0, 9, kPara, 106},  {8, 8, 13, kPara, 136},   {0, 0, 13, kPara, 136},
+               {0, 8, 14, kPara, 148},  {8, 1, 14, kPara, 148},   {1, 9, 21, planes, 182},
+               {9, 1, 22, planes, 202}, {0, 2, 21, planes, 182},  {2, 6, 21, planes, 182},
+               {5, 6, 21, planes, 182}, {0, 12, 21, planes, 182}, {6, 5, 22, planes, 202},
+               {7, 0, 22, planes, 202}, {2, 2, 2, kPara, 73},     {7, 7, 3, kPara, 73},
+               {5, 5, 2, kPara, 73},    {6, 6, 2, kPara, 73},     {0, 3, 2, kPara, 73},
+               {0, 12, 3, kPara, 73}};
+  for (const auto& c : cases) {
+    Image from = make_image(6, 4, c.from), to = make_image(6, 4, c.to);
+    SCOPED_TRACE(testing::Message() << c.from << " to " << c.to);
+    refused(to.get(), from.get(), c.code, c.message, c.line);
+  }
+  Image image = make_image(6, 4, 0), wide = make_image(7, 4, 2), tall = make_image(6, 5, 2);
+  refused(nullptr, image.get(), 0, kPara, 73);
+  refused(image.get(), nullptr, 0, kPara, 73);
+  refused(wide.get(), image.get(), 0, kPara, 73);
+  refused(tall.get(), image.get(), 0, kPara, 73);
+  Image yuv = make_image(6, 4, 5), three = make_image(6, 4, 6);
+  zyn_recreate_image(yuv.get(), 6, 4);
+  zyn_recreate_image(three.get(), 6, 4);
+  refused(yuv.get(), image.get(), 8, kPara, 88);
+  refused(image.get(), yuv.get(), 9, kPara, 106);
+  refused(three.get(), image.get(), 21, planes, 182);
+  refused(image.get(), three.get(), 22, planes, 202);
+  for (uint32_t code :
+       {1u, 4u, 5u, 6u, 7u, 10u, 11u, 12u, 15u, 16u, 17u, 18u, 19u, 20u, 23u, 1000u})
+    EXPECT_EQ(printed([&] {
+                EXPECT_EQ(zyn_image_color_space_convert(image.get(), image.get(), code), 4) << code;
+              }),
+              "");
+}
+
+}  // namespace

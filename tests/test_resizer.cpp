@@ -1,0 +1,200 @@
+// The resizer against the definition evaluated sample by sample.
+#include <math.h>
+#include <string.h>
+
+#include "support/failing.h"
+#include "support/images.h"
+
+namespace {
+
+using namespace zyn_test;
+
+std::string resizer_report(const std::string& message, int line) {
+  return report(message, "src/image/zyn_image_resizer.cpp", line);
+}
+
+// A plane of samples as the definition sees it.
+struct Plane {
+  const uint8_t* data;
+  int64_t stride;
+  int width, height, channels;
+  int at(int x, int y, int c) const { return data[y * stride + x * channels + c]; }
+};
+
+void axis(int i, int to, int from, int* index, int* weight) {
+  const float scale = static_cast<float>(from) / static_cast<float>(to);
+  const float f = (static_cast<float>(i) + 0.5f) * scale - 0.5f;
+  *index = static_cast<int>(floor(f));
+  float fraction = f - static_cast<float>(*index);
+  if (*index < 0) *index = 0, fraction = 0;
+  if (*index >= from - 1) *index = from - 1, fraction = 0;
+  *weight = static_cast<int>(floor(fraction * 2048));
+}
+
+int expected(const Plane& s, int width, int height, int method, bool half, int x, int y, int c) {
+  if (half)
+    return (s.at(2 * x, 2 * y, c) + s.at(2 * x + 1, 2 * y, c) + s.at(2 * x, 2 * y + 1, c) +
+            s.at(2 * x + 1, 2 * y + 1, c) + 2) >>
+           2;
+  if (method == 0) {
+    const float sx = static_cast<float>(s.width) / static_cast<float>(width);
+    const float sy = static_cast<float>(s.height) / static_cast<float>(height);
+    return s.at(std::min(s.width - 1, static_cast<int>(floorf(static_cast<float>(x) * sx))),
+                std::min(s.height - 1, static_cast<int>(floorf(static_cast<float>(y) * sy))), c);
+  }
+  int x0, wx, y0, wy;
+  axis(x, width, s.width, &x0, &wx);
+  axis(y, height, s.height, &y0, &wy);
+  const int x1 = std::min(x0 + 1, s.width - 1), y1 = std::min(y0 + 1, s.height - 1);
+  const int a = s.at(x0, y0, c), b = s.at(x1, y0, c), d = s.at(x0, y1, c), e = s.at(x1, y1, c);
+  const int top = (a * 2048 + (b - a) * wx + 1024) >> 11;
+  const int bottom = (d * 2048 + (e - d) * wx + 1024) >> 11;
+  return (top * 2048 + (bottom - top) * wy + 1024) >> 11;
+}
+
+// Resizes a random page-end image and compares every sample of every plane.
+class Resize {
+ public:
+  Resize(int from_w, int from_h, int to_w, int to_h)
+      : from_w_(from_w), from_h_(from_h), to_w_(to_w), to_h_(to_h) {}
+  Resize& format(uint32_t value) { return format_ = value, *this; }
+  Resize& method(int value) { return method_ = value, *this; }
+
+  void check() {
+    PageEndImage from(from_w_, from_h_, format_), to(to_w_, to_h_, format_);
+    Random random(static_cast<uint64_t>(from_w_ * 977 + from_h_ * 31 + to_w_ * 7 + to_h_));
+    from.fill(random);
+    ASSERT_EQ(zyn_image_resizer(to.get(), from.get(), method_), 0);
+    const bool half = from_w_ == 2 * to_w_ && from_h_ == 2 * to_h_;
+    const int channels = format_ == 2 || format_ == 5 ? 1 : 3;
+    compare(plane(from, 0, from_w_, from_h_, channels), plane(to, 0, to_w_, to_h_, channels), half,
+            0);
+    if (format_ != 5) return;
+    for (int k = 1; k < 3; k++)
+      compare(plane(from, k, from_w_ / 2, from_h_ / 2, 1), plane(to, k, to_w_ / 2, to_h_ / 2, 1),
+              half, k);
+  }
+
+ private:
+  static Plane plane(PageEndImage& image, int k, int width, int height, int channels) {
+    void* const data[3] = {image->data, image->plane1, image->plane2};
+    return {static_cast<uint8_t*>(data[k]), k ? image->row_bytes / 2 : image->row_bytes, width,
+            height, channels};
+  }
+  void compare(const Plane& from, const Plane& to, bool half, int k) {
+    for (int y = 0; y < to.height; y++)
+      for (int x = 0; x < to.width; x++)
+        for (int c = 0; c < to.channels; c++) {
+          const bool neutral = from.width == 0 || from.height == 0;
+          const int want =
+              neutral ? 128 : expected(from, to.width, to.height, method_, half, x, y, c);
+          if (to.at(x, y, c) == want) continue;
+          FAIL() << from_w_ << "x" << from_h_ << " to " << to_w_ << "x" << to_h_ << " format "
+                 << format_ << " method " << method_ << " plane " << k << ": (" << x << ", " << y
+                 << ", " << c << ") is " << to.at(x, y, c) << ", not " << want;
+        }
+  }
+
+  int from_w_, from_h_, to_w_, to_h_, method_ = 1;
+  uint32_t format_ = 0;
+};
+
+// Equal widths and heights are covered once each instead of squared: the passes are
+// independent of each other.
+TEST(Resizer, EverySizeUpTo17IntoEverySizeUpTo17) {
+  for (int from_w = 1; from_w <= 17; from_w++)
+    for (int to_w = 1; to_w <= 17; to_w++)
+      for (int from_h = 1; from_h <= 17; from_h += 1 + (from_w + to_w) % 3)
+        for (int to_h = 1; to_h <= 17; to_h += 1 + (from_h + to_w) % 5) {
+          const uint32_t formats[3] = {0, 2, 5};
+          const uint32_t format = formats[(from_w + from_h + to_w + to_h) % 3];
+          Resize(from_w, from_h, to_w, to_h).format(format).method((from_h ^ to_w) & 1).check();
+          if (HasFatalFailure()) return;
+        }
+}
+
+TEST(Resizer, LargerSizesOfEveryRatioAndFormat) {
+  const int sizes[][4] = {{64, 48, 30, 22}, {100, 9, 33, 4},    {257, 5, 31, 7},   {31, 5, 257, 7},
+                          {640, 3, 100, 2}, {128, 6, 64, 3},    {130, 34, 65, 17}, {500, 4, 3, 3},
+                          {97, 13, 97, 5},  {97, 5, 97, 13},    {90, 6, 180, 12},  {33, 7, 66, 3},
+                          {1000, 3, 57, 5}, {400, 300, 100, 75}};
+  for (const auto& s : sizes)
+    for (uint32_t format : {0u, 1u, 2u, 5u, 8u, 11u})
+      for (int method : {0, 1})
+        Resize(s[0], s[1], s[2], s[3]).format(format).method(method).check();
+}
+
+TEST(Resizer, EqualSizesCopyWholePlanesAndASharedBufferIsDone) {
+  for (uint32_t format : {0u, 1u, 2u, 5u, 8u, 11u}) {
+    Image from = make_image(7, 5, format), to = make_image(7, 5, format);
+    const size_t count = buffer_bytes(7, 5, format);
+    for (size_t i = 0; i < count; i++) bytes(from)[i] = static_cast<uint8_t>(i * 37);
+    memset(to->data, 0, count);
+    ASSERT_EQ(zyn_image_resizer(to.get(), from.get(), 7), 0);
+    Resize(7, 5, 7, 5).format(format).check();
+    EXPECT_EQ(memcmp(to->data, from->data, format == 5 ? 35 : count), 0);
+    EXPECT_EQ(zyn_image_resizer(from.get(), from.get(), 1), 0);
+  }
+  // The chroma column of an odd width comes along.
+  Image from = make_image(7, 4, 5), to = make_image(7, 4, 5);
+  memset(from->data, 9, 48);
+  memset(to->data, 0, 48);
+  EXPECT_EQ(zyn_image_resizer(to.get(), from.get(), 0), 0);
+  EXPECT_EQ(static_cast<uint8_t*>(to->plane1)[3], 9);
+}
+
+TEST(Resizer, MeanOfTwoByTwoComesBeforeTheMethod) {
+  Image from = make_image(4, 4, 2), to = make_image(2, 2, 2);
+  for (int i = 0; i < 16; i++) bytes(from)[i] = static_cast<uint8_t>((i & 1) + 2 * (i >> 2 & 1));
+  for (int method : {0, 1, 9}) {
+    memset(to->data, 0xEE, 4);
+    EXPECT_EQ(zyn_image_resizer(to.get(), from.get(), method), 0);
+    for (int i = 0; i < 4; i++) EXPECT_EQ(bytes(to)[i], 2);
+  }
+}
+
+TEST(Resizer, OtherMethodsDoNothingOnPackedAndAreRefusedOn420) {
+  Image from = make_image(9, 9, 0), to = make_image(4, 5, 0);
+  memset(to->data, 0x5A, 60);
+  EXPECT_EQ(zyn_image_resizer(to.get(), from.get(), 2), 0);
+  for (int i = 0; i < 60; i++) EXPECT_EQ(bytes(to)[i], 0x5A);
+  Image planar = make_image(9, 9, 5), small = make_image(4, 5, 5);
+  EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_image_resizer(small.get(), planar.get(), 2), 4); }),
+            resizer_report("Current version can not support!", 742));
+}
+
+TEST(Resizer, RefusesWhatIsNotListedOrHasAnotherLayout) {
+  const uint32_t pairs[][2] = {{3, 3},   {4, 4},   {6, 6},   {7, 7},  {9, 9}, {10, 10},
+                               {12, 12}, {13, 13}, {14, 14}, {0, 2},  {8, 0}, {5, 0},
+                               {0, 5},   {0, 6},   {12, 0},  {5, 12}, {6, 5}, {0, 12}};
+  for (const auto& pair : pairs) {
+    Image to = make_image(4, 4, pair[0]), from = make_image(9, 9, pair[1]);
+    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_image_resizer(to.get(), from.get(), 1), 1); }),
+              resizer_report(kPara, 651))
+        << pair[0] << " from " << pair[1];
+  }
+  Image image = make_image(8, 8, 5), planeless = make_image(8, 8, 5);
+  zyn_recreate_image(planeless.get(), 9, 9);
+  const auto refused = [&](zyn_image* to, zyn_image* from) {
+    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_image_resizer(to, from, 0), 1); }),
+              resizer_report(kPara, 651));
+  };
+  refused(nullptr, image.get());
+  refused(image.get(), nullptr);
+  refused(image.get(), planeless.get());
+  refused(planeless.get(), image.get());
+}
+
+TEST(Resizer, FailedAllocationsGiveTwo) {
+  for (uint32_t format : {0u, 5u})
+    for (int method : {0, 1}) {
+      Image from = make_image(40, 30, format), to = make_image(33, 41, format);
+      for_each_failing_allocation([&](int64_t n, bool) {
+        const int32_t code = zyn_image_resizer(to.get(), from.get(), method);
+        EXPECT_TRUE(code == 0 || code == 2) << n;
+        return code == 0;
+      });
+    }
+}
+
+}  // namespace
