@@ -845,6 +845,50 @@ ZYN_API int32_t zyn_image_resizer(zyn_image* destination, const zyn_image* sourc
 ZYN_API int32_t zyn_image_cropped_patch(zyn_image* destination, const zyn_image* source,
                                         int32_t position[2], const int32_t size[2]);
 
+/* ------------------------------------------------------------------------ */
+/* Network building blocks                                                    */
+/* ------------------------------------------------------------------------ */
+
+/* Each binds a block of convolutions onto consecutive nodes: node, node + 1, ...
+ * You add the edges, between them and from a constant to each, before. k, s, p are
+ * kernel, stride and padding. All return 0 or the first code of a binding (the
+ * nodes after it stay unbound); 1 for a null graph (silent). */
+
+/* node: type 3, k 3, s 1, p 1, bias. The third argument is ignored. */
+ZYN_API int32_t zyn_bind_std_conv2d(uint32_t in_channels, uint32_t out_channels, uint32_t ignored,
+                                    uint32_t node, zyn_cg_handle* graph);
+
+/* node: type 13, k 3, s stride, p 1, ReLU. */
+ZYN_API int32_t zyn_bind_base_net_conv_bn(uint32_t in_channels, uint32_t out_channels,
+                                          uint32_t stride, uint32_t node, zyn_cg_handle* graph);
+
+/* node: type 13, depthwise k 3, s stride, p 1, ReLU; node + 1: type 13, 1 x 1, ReLU. */
+ZYN_API int32_t zyn_bind_base_net_conv_dw(uint32_t channels, uint32_t out_channels,
+                                          uint32_t stride, uint32_t node, zyn_cg_handle* graph);
+
+/* node: type 12, depthwise k 3, s stride, p 1, bias, ReLU; node + 1: type 5 with
+ * bias. */
+ZYN_API int32_t zyn_bind_seperable_conv2d(uint32_t in_channels, uint32_t out_channels,
+                                          uint32_t stride, uint32_t node, zyn_cg_handle* graph);
+
+/* Three nodes of type 12 with bias and ReLU: 1 x 1 from 16c to 4c channels,
+ * depthwise k 3, s stride, p 1, then 1 x 1 back to 16c. */
+ZYN_API int32_t zyn_bind_extra_net(uint32_t c, uint32_t stride, uint32_t node,
+                                   zyn_cg_handle* graph);
+
+/* Inverted residual of type 13: 1 x 1 to in_channels * expand with hard-swish,
+ * depthwise k 3, s stride, p 1 with hard-swish, 1 x 1 to out_channels with bias
+ * only; node + 3 is an addition (type 27) when residual is non-zero. */
+ZYN_API int32_t zyn_bind_invert_residual(uint32_t in_channels, uint32_t out_channels,
+                                         uint32_t stride, uint32_t residual, uint32_t expand,
+                                         uint32_t node, zyn_cg_handle* graph);
+
+/* The same with activation code 3 on the first two nodes: despite the name they
+ * write the plain convolution, without bias and without activation. */
+ZYN_API int32_t zyn_bind_invert_residual_relu6(uint32_t in_channels, uint32_t out_channels,
+                                               uint32_t stride, uint32_t residual, uint32_t expand,
+                                               uint32_t node, zyn_cg_handle* graph);
+
 #ifdef __cplusplus
 }
 #endif

@@ -6,32 +6,17 @@
 
 namespace {
 
-// Types that are registered but not computed: they bind, and refuse to prepare.
-int32_t run_unsupported(void*) { return ZYN_RET_ERR_NOT_SUPPORT; }
-
-template <uint32_t Type>
-int32_t bind_unsupported(zyn_cg_handle* graph, int32_t node, const void*) {
-  auto* record = static_cast<zyn_cg_node*>(zyn_calloc(1, sizeof(zyn_cg_node)));
-  if (!record) return ZYN_RET_ERR_MEMORY;
-  record->type = Type;
-  zyn_cg_install(graph, node, record, run_unsupported);
-  return ZYN_RET_OK;
-}
-
-int32_t prepare_unsupported(zyn_cg_handle*, int32_t) { return ZYN_RET_ERR_NOT_SUPPORT; }
-
-int32_t release_unsupported(void** record) {
-  zyn_free(*record);
-  *record = nullptr;
-  return ZYN_RET_OK;
-}
-
-zyn_tensor* output_unsupported(zyn_cg_handle*, int32_t) { return nullptr; }
-
-template <uint32_t Type>
-void register_unsupported(zyn_cg_operator* operators) {
-  operators[Type] = {bind_unsupported<Type>, prepare_unsupported, release_unsupported,
-                     output_unsupported, nullptr};
+void register_convolutions(zyn_cg_operator* rows) {
+  rows[3] = {zyn_cg_bind_conv, zyn_cg_prepare_conv, zyn_cg_release_conv, zyn_cg_output_conv,
+             nullptr};
+  rows[4] = rows[3];
+  rows[4].bind = zyn_cg_bind_conv_depthwise;
+  rows[5] = {zyn_cg_bind_conv_pointwise, zyn_cg_prepare_conv_pointwise,
+             zyn_cg_release_conv_pointwise, zyn_cg_output_conv, nullptr};
+  rows[12] = {zyn_cg_bind_conv_act, zyn_cg_prepare_conv_act, zyn_cg_release_conv_act,
+              zyn_cg_output_conv_act, nullptr};
+  rows[13] = {zyn_cg_bind_conv_bn, zyn_cg_prepare_conv_bn, zyn_cg_release_conv_bn,
+              zyn_cg_output_conv_bn, nullptr};
 }
 
 // Operators that are not one of the convolutions above.
@@ -78,11 +63,7 @@ void register_plain_operators(zyn_cg_operator* rows) {
 }  // namespace
 
 int32_t zyn_cg_register_operators(zyn_cg_operator* operators) {
-  register_unsupported<3>(operators);
-  register_unsupported<4>(operators);
-  register_unsupported<5>(operators);
-  register_unsupported<12>(operators);
-  register_unsupported<13>(operators);
+  register_convolutions(operators);
   register_plain_operators(operators);
   return ZYN_RET_OK;
 }

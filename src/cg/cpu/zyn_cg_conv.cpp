@@ -1,0 +1,223 @@
+// Convolution operators: what all types share, and types 3 (standard), 4 (depthwise)
+// and 5 (pointwise).
+#include "cg/cpu/zyn_cg_conv.h"
+
+#include "cg/cpu/zyn_cg_operators.h"
+
+namespace {
+
+bool holds_positive(const zyn_conv_param& p) {
+  return p.in_channels > 0 && p.out_channels > 0 && p.kernel_h > 0 && p.kernel_w > 0 &&
+         p.stride_h > 0 && p.stride_w > 0 && p.dilation_h > 0 && p.dilation_w > 0 && p.pad_h >= 0 &&
+         p.pad_w >= 0;
+}
+
+// Elements that the constant needs for weights and biases; false where they overflow.
+bool needed_constant(const zyn_conv_param& p, int64_t* needed) {
+  const int64_t inputs = zyn_conv_is_depthwise(&p) ? 1 : p.in_channels;
+  return zyn_multiply(p.kernel_h, p.kernel_w, needed) && zyn_multiply(*needed, inputs, needed) &&
+         zyn_multiply(*needed, p.out_channels, needed) &&
+         zyn_sum(*needed, p.bias == 1 ? p.out_channels : 0, needed);
+}
+
+bool is_dense(const zyn_conv_param& p) { return p.groups == 1; }
+
+bool is_1x1(const zyn_conv_param& p) { return p.kernel_h == 1 && p.kernel_w == 1; }
+
+// Planes whose grouping no kernel serves are cleared; the epilogue still follows.
+uint32_t clear(zyn_tensor* output) {
+  memset(output->data, 0, static_cast<size_t>(output->byte_size));
+  return ZYN_RET_OK;
+}
+
+uint32_t run_planar(zyn_tensor* output, const zyn_tensor* input, const zyn_cg_conv_state* state) {
+  const zyn_conv_param& p = state->param;
+  const auto* weights = static_cast<const float*>(state->weights->data);
+  if (is_dense(p))
+    return is_1x1(p) ? zyn_cg_conv1x1_planar(output, input, weights, &p)
+                     : zyn_cg_conv_planar(output, input, weights, &p);
+  return zyn_conv_is_depthwise(&p) ? zyn_cg_dwconv_planar(output, input, weights, &p)
+                                   : clear(output);
+}
+
+uint32_t run_method0(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) {
+  const zyn_tensor* input = zyn_cg_planar(state->input, &state->planar);
+  if (!input) return ZYN_RET_ERR_MEMORY;
+  zyn_tensor* output = state->output;
+  if (const uint32_t code = run_planar(output, input, state)) return code;
+  zyn_conv_finish_rows(zyn_cg_floats(output), output->dims[2],
+                       static_cast<int64_t>(output->dims[0]) * output->dims[1], epilogue);
+  output->layout = ZYN_LAYOUT_PLANAR;
+  return ZYN_RET_OK;
+}
+
+uint32_t run_method1(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue,
+                     bool keep_standard) {
+  const zyn_conv_param& p = state->param;
+  zyn_tensor* output = state->output;
+  const zyn_tensor* input = state->input;
+  if (input->layout != ZYN_LAYOUT_BLOCKED) {
+    input = zyn_cg_planar(input, &state->planar);
+    if (!input) return ZYN_RET_ERR_MEMORY;
+  }
+  if (is_dense(p))
+    return is_1x1(p) && !keep_standard
+               ? zyn_cg_conv1x1(output, input, state->direct->packed, &p, &epilogue)
+               : zyn_cg_conv3x3(output, input, state->direct, &p, &epilogue);
+  if (zyn_conv_is_depthwise(&p))
+    return zyn_cg_dwconv3x3(output, input, state->direct, &p, &epilogue);
+  clear(output);
+  zyn_conv_finish_rows(zyn_cg_floats(output), output->dims[2],
+                       static_cast<int64_t>(output->dims[0]) * output->dims[1], epilogue);
+  output->layout = ZYN_LAYOUT_PLANAR;
+  return ZYN_RET_OK;
+}
+
+uint32_t run_method2(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) {
+  const zyn_tensor* input = zyn_cg_planar(state->input, &state->planar);
+  if (!input) return ZYN_RET_ERR_MEMORY;
+  zyn_tensor* output = state->output;
+  const uint32_t code = zyn_cg_conv_run_planned_fused(output, input, state->weights, &state->param,
+                                                      state->plan, &epilogue);
+  if (code == ZYN_RET_OK) output->layout = ZYN_LAYOUT_PLANAR;
+  return code;
+}
+
+// Makes the workspace of the node's method anew; 2 when it cannot be made.
+int32_t make_workspace(zyn_cg_conv_state* state) {
+  if (state->direct) zyn_cg_conv_release_direct(&state->direct);
+  if (state->plan) zyn_cg_conv_release_planned(&state->plan);
+  if (state->method == 1)
+    state->direct = zyn_cg_conv_prepare_direct(state->weights, &state->param,
+                                               static_cast<int32_t>(state->thread_count));
+  if (state->method == 2)
+    state->plan = zyn_cg_conv_prepare_planned(state->input, state->weights, &state->param,
+                                              &state->thread_count);
+  const bool made = state->method == 0 || state->direct || state->plan;
+  return made ? ZYN_RET_OK : ZYN_RET_ERR_MEMORY;
+}
+
+// Run functions of types 3, 4 and 5: bias where the record has it.
+template <bool KeepStandard>
+int32_t run_plain(void* record) {
+  auto* state = static_cast<zyn_cg_conv_state*>(record);
+  if (!state) return ZYN_RET_ERR_PARA;
+  return zyn_cg_conv_run(state, {zyn_cg_conv_bias(state), ZYN_EPILOGUE_NONE}, KeepStandard);
+}
+
+int32_t prepare_plain(zyn_cg_handle* graph, int32_t node) {
+  auto* state = zyn_cg_state<zyn_cg_conv_state>(graph, node);
+  if (!state) return ZYN_RET_ERR_PARA;
+  if (const int32_t code = zyn_cg_conv_open(graph, node, state)) return code;
+  const zyn_conv_param& p = state->param;
+  const int32_t* dims = state->input->dims;
+  return zyn_cg_conv_finish_prepare(
+      graph, state, zyn_cg_conv_extent(dims[0], p.kernel_h, p.pad_h, p.stride_h, p.dilation_h),
+      zyn_cg_conv_extent(dims[1], p.kernel_w, p.pad_w, p.stride_w, p.dilation_w), nullptr);
+}
+
+}  // namespace
+
+int32_t zyn_cg_bind_conv_state(zyn_cg_handle* graph, int32_t node, const void* param, uint32_t type,
+                               zyn_cg_run_fn run) {
+  if (!param) return ZYN_RET_ERR_PARA;
+  auto* state = zyn_cg_new_state<zyn_cg_conv_state>(graph, node, type, run);
+  if (!state) return ZYN_RET_ERR_MEMORY;
+  state->param = *static_cast<const zyn_conv_param*>(param);
+  state->method = graph->conv_method;
+  state->thread_count = graph->thread_count;
+  state->fixed_point = graph->fixed_point;
+  state->device_type = graph->device_type;
+  return ZYN_RET_OK;
+}
+
+int32_t zyn_cg_conv_open(zyn_cg_handle* graph, int32_t node, zyn_cg_conv_state* state) {
+  const zyn_cg_sources sources = zyn_cg_find_sources(graph, node);
+  if (const int32_t code = zyn_cg_check_input(graph, sources.input)) return code;
+  if (zyn_cg_is_fixed_point(graph)) return zyn_cg_no_fixed_point();
+  const zyn_tensor* constant = sources.constant;
+  int64_t needed = 0;
+  if (!constant || !constant->data || constant->type != ZYN_TYPE_F32 ||
+      !holds_positive(state->param) || !needed_constant(state->param, &needed) ||
+      constant->count < needed)
+    return ZYN_RET_ERR_PARA;
+  state->input = sources.input;
+  state->weights = sources.constant;
+  return ZYN_RET_OK;
+}
+
+int32_t zyn_cg_conv_extent(int32_t extent, int32_t kernel, int32_t pad, int32_t stride,
+                           int32_t dilation) {
+  const int64_t reach = (kernel - int64_t{1}) * dilation;
+  return zyn_cg_extent((extent - int64_t{1} + int64_t{2} * pad - reach) / stride + 1);
+}
+
+int32_t zyn_cg_conv_finish_prepare(zyn_cg_handle* graph, zyn_cg_conv_state* state, int32_t out_h,
+                                   int32_t out_w, const zyn_site* site) {
+  const zyn_tensor* input = state->input;
+  int32_t dims[5];
+  memcpy(dims, input->dims, sizeof(dims));
+  dims[0] = out_h;
+  dims[1] = out_w;
+  dims[2] = state->param.out_channels;
+  if (const int32_t code =
+          zyn_cg_make_output(graph, &state->output, input->dim_count, dims, input->type, site))
+    return code;
+  state->output->layout = input->layout;
+  return make_workspace(state);
+}
+
+int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue,
+                        bool keep_standard) {
+  if (!zyn_cg_ready(state->input, state->output) || !state->weights || !state->weights->data)
+    return ZYN_RET_ERR_PARA;
+  const zyn_conv_param& p = state->param;
+  if (state->input->dims[2] != p.in_channels || state->output->dims[2] != p.out_channels)
+    return ZYN_RET_ERR_PARA;
+  switch (state->method) {
+    case 0:
+      return static_cast<int32_t>(run_method0(state, epilogue));
+    case 1:
+      return static_cast<int32_t>(run_method1(state, epilogue, keep_standard));
+    default:
+      return static_cast<int32_t>(run_method2(state, epilogue));
+  }
+}
+
+const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state) {
+  if (state->param.bias != 1 || !state->weights || !state->weights->data) return nullptr;
+  return zyn_cg_floats(state->weights) + zyn_conv_weight_count(&state->param);
+}
+
+int32_t zyn_cg_conv_release(void** record) {
+  if (!record || !*record) return ZYN_RET_ERR_PARA;
+  auto* state = static_cast<zyn_cg_conv_state*>(*record);
+  zyn_cg_drop(&state->folded);
+  if (state->direct) zyn_cg_conv_release_direct(&state->direct);
+  if (state->plan) zyn_cg_conv_release_planned(&state->plan);
+  return zyn_cg_release_io(record);
+}
+
+int32_t zyn_cg_bind_conv(zyn_cg_handle* graph, int32_t node, const void* param) {
+  return zyn_cg_bind_conv_state(graph, node, param, ZYN_OP_CONV, run_plain<true>);
+}
+
+int32_t zyn_cg_bind_conv_depthwise(zyn_cg_handle* graph, int32_t node, const void* param) {
+  return zyn_cg_bind_conv_state(graph, node, param, ZYN_OP_CONV_DEPTHWISE, run_plain<true>);
+}
+
+int32_t zyn_cg_bind_conv_pointwise(zyn_cg_handle* graph, int32_t node, const void* param) {
+  return zyn_cg_bind_conv_state(graph, node, param, ZYN_OP_CONV_POINTWISE, run_plain<false>);
+}
+
+int32_t zyn_cg_prepare_conv(zyn_cg_handle* graph, int32_t node) {
+  return prepare_plain(graph, node);
+}
+
+int32_t zyn_cg_prepare_conv_pointwise(zyn_cg_handle* graph, int32_t node) {
+  return prepare_plain(graph, node);
+}
+
+int32_t zyn_cg_release_conv(void** record) { return zyn_cg_conv_release(record); }
+
+int32_t zyn_cg_release_conv_pointwise(void** record) { return zyn_cg_conv_release(record); }

@@ -1,0 +1,51 @@
+// The convolution operators' common state and steps; types 3, 4, 5 and 12, 13 differ
+// in what their constant holds, their output's shape and what follows the convolution.
+#pragma once
+
+#include "cg/cpu/kernels/zyn_cg_kernels.h"
+#include "cg/cpu/kernels/zyn_conv_blocked.h"
+#include "cg/cpu/kernels/zyn_conv_epilogue.h"
+#include "cg/cpu/zyn_cg_support.h"
+
+// Begins as the states of types 7 and 8 do, whose output slot is the same.
+struct zyn_cg_conv_state : zyn_cg_io_state {
+  zyn_tensor* weights;  // the constant's tensor, or folded
+  zyn_tensor* folded;   // type 13: weights and biases with the normalisation in them
+  int32_t input_q, output_q, weight_q;
+  uint32_t method;
+  zyn_conv_param param;
+  uint32_t thread_count;
+  uint32_t fixed_point;
+  uint32_t device_type;
+  zyn_conv_direct* direct;  // method 1
+  zyn_conv_plan* plan;      // method 2
+};
+
+// bind of every type: copies the record and the graph's settings.
+int32_t zyn_cg_bind_conv_state(zyn_cg_handle* graph, int32_t node, const void* param, uint32_t type,
+                               zyn_cg_run_fn run);
+
+// The first step of prepare: finds the input and the constant and checks that the record
+// makes sense and the constant holds at least the weights and the biases that bias
+// asks for. 1 otherwise; 4 where the graph works in fixed point.
+int32_t zyn_cg_conv_open(zyn_cg_handle* graph, int32_t node, zyn_cg_conv_state* state);
+
+// Output extent of types 3, 4, 5 and 12 along one axis; 0 where int32_t does not hold it.
+int32_t zyn_cg_conv_extent(int32_t extent, int32_t kernel, int32_t pad, int32_t stride,
+                           int32_t dilation);
+
+// The last step: makes the output, {out_h, out_w, out_channels} and the input's further
+// extents, and the workspace of the node's method. 2 when one cannot be made, after the
+// report of site (null: silent) for the output.
+int32_t zyn_cg_conv_finish_prepare(zyn_cg_handle* graph, zyn_cg_conv_state* state, int32_t out_h,
+                                   int32_t out_w, const zyn_site* site);
+
+// Runs the node's kernel, then what epilogue says. keep_standard: 3x3 kernels serve 1x1
+// layers under method 1 as well, that is, refuse them.
+int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue,
+                        bool keep_standard);
+
+// The biases behind the weights, where the record has some; null otherwise.
+const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state);
+
+int32_t zyn_cg_conv_release(void** record);
