@@ -888,6 +888,61 @@ ZYN_API int32_t zyn_bind_invert_residual(uint32_t in_channels, uint32_t out_chan
 ZYN_API int32_t zyn_bind_invert_residual_relu6(uint32_t in_channels, uint32_t out_channels,
                                                uint32_t stride, uint32_t residual, uint32_t expand,
                                                uint32_t node, zyn_cg_handle* graph);
+/* Detector inputs                                                            */
+/* ------------------------------------------------------------------------ */
+
+/* Image to network input. The image holds three interleaved 8-bit channels: blue,
+ * green, red for the plain functions, red, green, blue for the _rgb24 ones. The
+ * tensor's block receives three planes of rows * cols values: 4-byte floats, or
+ * 16-bit integers in the _fp16 ones. Neither formats nor sizes are checked; a null
+ * record or null data does nothing.
+ * SSD: planes red, green, blue; float (byte - 127.5) / 128, integer byte - 127.
+ * PFLD: planes blue, green, red; float byte / 255 to seven decimals, integer
+ * truncate(byte * 2^14 / 255), which is fixed point with 14 fraction bits. */
+ZYN_API void zyn_transform_image_data_for_ssd_detector(zyn_tensor* tensor, const zyn_image* image);
+ZYN_API void zyn_transform_image_data_for_ssd_detector_rgb24(zyn_tensor* tensor,
+                                                             const zyn_image* image);
+ZYN_API void zyn_transform_image_data_for_ssd_detector_fp16(zyn_tensor* tensor,
+                                                            const zyn_image* image);
+ZYN_API void zyn_transform_image_data_for_ssd_detector_rgb24_fp16(zyn_tensor* tensor,
+                                                                  const zyn_image* image);
+ZYN_API void zyn_transform_image_data_for_pfld_detector(zyn_tensor* tensor,
+                                                        const zyn_image* image);
+ZYN_API void zyn_transform_image_data_for_pfld_detector_rgb24(zyn_tensor* tensor,
+                                                              const zyn_image* image);
+ZYN_API void zyn_transform_image_data_for_pfld_detector_fp16(zyn_tensor* tensor,
+                                                             const zyn_image* image);
+ZYN_API void zyn_transform_image_data_for_pfld_detector_rgb24_fp16(zyn_tensor* tensor,
+                                                                   const zyn_image* image);
+
+/* Drops the fourth byte of every pixel; rows without padding on both sides. Takes
+ * width * height * 4 bytes, gives * 3; destination may be source. 1: null pointer
+ * (silent). */
+ZYN_API int32_t zyn_convert_rgba_to_rgb(uint8_t* destination, const uint8_t* source,
+                                        int32_t width, int32_t height);
+
+/* Pads an image (format 0, 1 or 5) with black to height / width = ratio; the odd
+ * pixel goes to the bottom or right. The four margins in pixels come back through
+ * the pointers. The chroma planes of format 5 become 128 and take half the margins.
+ * Returns a new image, release it with zyn_release_matrix. Null (silent, unless the
+ * source's format is above 14) for a null pointer or null data, ratio <= 0 or NaN, a
+ * source side outside 1 to 4096, a padded side beyond 31 bits, another format, or
+ * without memory; the margins are then unchanged. */
+ZYN_API zyn_image* zyn_create_border_image(int32_t* top, int32_t* bottom, int32_t* left,
+                                           int32_t* right, const zyn_image* source, float ratio);
+
+/* Clears the destination (0; chroma planes of format 5: 128) and copies a patch of
+ * size (w, h) from source_position (x, y) to destination_position (x, y). The patch
+ * must fit on both sides by x + w and y + h; with a negative x nothing is copied,
+ * rows outside are clamped. 1: null pointer or null data, formats whose bytes lie
+ * differently (0 and 1 may be mixed, 0 and 5 not), different channel counts, a patch
+ * that does not fit; 4: neither 1 nor 3 channels, formats 6, 12 and 13. Nothing is
+ * written then. Silent. */
+ZYN_API int32_t zyn_image_cropped_patch_with_border(zyn_image* destination,
+                                                    const int32_t destination_position[2],
+                                                    const zyn_image* source,
+                                                    const int32_t source_position[2],
+                                                    const int32_t size[2]);
 
 #ifdef __cplusplus
 }

@@ -1,10 +1,11 @@
 // Prior boxes of the face detector and the decoding of what the network says about
 // them. Boxes are four floats in fractions of the network's input: centre x, centre
 // y, width, height (centre form) or x1, y1, x2, y2 (corner form).
-#include <math.h>
+#include <immintrin.h>
 
 #include "base/zyn_memory.h"
 #include "base/zyn_report.h"
+#include "matrix/zyn_math.h"
 #include "zyncore.h"
 
 namespace {
@@ -68,6 +69,15 @@ float* write_level(float* to, const level_grid& grid, const level_sizes& sizes, 
   return to;
 }
 
+// Two boxes from two boxes' offsets and priors.
+__m256 decode(__m256 offsets, __m256 priors, __m256 center_variance, __m256 size_variance) {
+  const __m256 sizes = _mm256_permute_ps(priors, _MM_SHUFFLE(3, 2, 3, 2));
+  const __m256 centers =
+      _mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(center_variance, offsets), sizes), priors);
+  const __m256 extents = _mm256_mul_ps(zyn_exp8(_mm256_mul_ps(size_variance, offsets)), sizes);
+  return _mm256_blend_ps(centers, extents, 0xCC);
+}
+
 }  // namespace
 
 zyn_tensor* zyn_generate_priors(uint32_t height, uint32_t width, uint32_t transposed) {
@@ -99,19 +109,16 @@ zyn_tensor* zyn_generate_priors(uint32_t height, uint32_t width, uint32_t transp
 
 void zyn_convert_locations_to_boxes(float* boxes, const float* locations, const float* priors,
                                     int32_t count, float center_variance, float size_variance) {
-  for (int64_t i = 0; i < static_cast<int64_t>(count) * kBoxFloats; i += kBoxFloats) {
-    const float* l = locations + i;
-    const float* p = priors + i;
-    // All four before the first store: boxes may be either of the inputs.
-    const float cx = center_variance * l[0] * p[2] + p[0];
-    const float cy = center_variance * l[1] * p[3] + p[1];
-    const float w = expf(size_variance * l[2]) * p[2];
-    const float h = expf(size_variance * l[3]) * p[3];
-    boxes[i] = cx;
-    boxes[i + 1] = cy;
-    boxes[i + 2] = w;
-    boxes[i + 3] = h;
-  }
+  const __m256 center = _mm256_set1_ps(center_variance), size = _mm256_set1_ps(size_variance);
+  const int64_t floats = static_cast<int64_t>(count) * kBoxFloats;
+  int64_t i = 0;
+  for (; i <= floats - 2 * kBoxFloats; i += 2 * kBoxFloats)
+    _mm256_storeu_ps(boxes + i, decode(_mm256_loadu_ps(locations + i), _mm256_loadu_ps(priors + i),
+                                       center, size));
+  if (i >= floats) return;
+  const __m256 last = decode(_mm256_zextps128_ps256(_mm_loadu_ps(locations + i)),
+                             _mm256_zextps128_ps256(_mm_loadu_ps(priors + i)), center, size);
+  _mm_storeu_ps(boxes + i, _mm256_castps256_ps128(last));
 }
 
 void zyn_center_form_to_corner_form(float* boxes, int32_t count) {

@@ -1,0 +1,479 @@
+// Images as network input: the eight transforms, borders and patches, pixel by pixel
+// against their definitions, on buffers that end at an inaccessible page.
+#include <gtest/gtest.h>
+#include <math.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/buffers.h"
+#include "support/capture.h"
+#include "support/failing.h"
+#include "zyncore.h"
+
+namespace {
+
+using zyn_test::PageEnd;
+using zyn_test::Random;
+using Bytes = std::vector<uint8_t>;
+
+// An image record over planes of its own, each ending at an inaccessible page; the
+// last row has no padding behind it.
+class Picture {
+ public:
+  Picture(int width, int height, uint32_t format, int padding = 0) {
+    memset(&image_, 0, sizeof(image_));
+    image_.kind = ZYN_KIND_IMAGE;
+    image_.rows = height;
+    image_.cols = width;
+    image_.pages = 1;
+    image_.format = format;
+    image_.element_size = format == ZYN_IMAGE_BGR48 ? 2 : 1;
+    image_.channels = format == ZYN_IMAGE_GRAY ? 1 : format == 3 || format == 4 ? 4 : 3;
+    const int row = format == ZYN_IMAGE_I420 ? width : width * pixel_bytes();
+    image_.row_bytes = row + padding;
+    image_.data = add_plane(row + padding, height);
+    if (format == ZYN_IMAGE_I420) {
+      image_.plane1_bytes = width / 2 + padding;
+      image_.plane2_bytes = width / 2 + 2 * padding;
+      image_.plane1 = add_plane(width / 2 + padding, height / 2);
+      image_.plane2 = add_plane(width / 2 + 2 * padding, height / 2);
+    }
+  }
+  Picture& fill(uint64_t seed) {
+    Random random(seed);
+    for (auto& plane : planes_)
+      for (uint8_t& byte : *plane) byte = static_cast<uint8_t>(random.next());
+    return *this;
+  }
+  int pixel_bytes() const { return static_cast<int>(image_.element_size) * image_.channels; }
+  zyn_image* record() { return &image_; }
+  PageEnd<uint8_t>& plane(size_t i) { return *planes_[i]; }
+  size_t planes() const { return planes_.size(); }
+
+ private:
+  uint8_t* add_plane(int stride, int rows) {
+    planes_.push_back(std::make_unique<PageEnd<uint8_t>>(static_cast<size_t>(stride * rows)));
+    return planes_.back()->data();
+  }
+  zyn_image image_;
+  std::vector<std::unique_ptr<PageEnd<uint8_t>>> planes_;
+};
+
+// ---- transforms
+
+double ssd_real(int byte) { return (byte - 127.5) / 128; }
+double ssd_word(int byte) { return byte - 127; }
+double pfld_real(int byte) {
+  char text[16];
+  snprintf(text, sizeof(text), "%.7f", byte / 255.0);
+  return strtof(text, nullptr);
+}
+// The product of 8 and 24 bits is exact in double; the cast rounds it once.
+double pfld_word(int byte) { return trunc(static_cast<float>(byte * 64.25098419189453)); }
+
+struct Transform {
+  const char* name;
+  void (*run)(zyn_tensor*, const zyn_image*);
+  bool reversed;  // plane 0 takes byte 2
+  bool words;
+  double (*value)(int byte);
+};
+const Transform kTransforms[] = {
+    {"ssd", zyn_transform_image_data_for_ssd_detector, true, false, ssd_real},
+    {"ssd rgb", zyn_transform_image_data_for_ssd_detector_rgb24, false, false, ssd_real},
+    {"ssd fp16", zyn_transform_image_data_for_ssd_detector_fp16, true, true, ssd_word},
+    {"ssd rgb fp16", zyn_transform_image_data_for_ssd_detector_rgb24_fp16, false, true, ssd_word},
+    {"pfld", zyn_transform_image_data_for_pfld_detector, false, false, pfld_real},
+    {"pfld rgb", zyn_transform_image_data_for_pfld_detector_rgb24, true, false, pfld_real},
+    {"pfld fp16", zyn_transform_image_data_for_pfld_detector_fp16, false, true, pfld_word},
+    {"pfld rgb fp16", zyn_transform_image_data_for_pfld_detector_rgb24_fp16, true, true,
+     pfld_word}};
+
+template <typename Element>
+void check_transform(const Transform& t, Picture& picture) {
+  const zyn_image& image = *picture.record();
+  const size_t plane = static_cast<size_t>(image.rows) * static_cast<size_t>(image.cols);
+  PageEnd<Element> out(3 * plane);
+  zyn_tensor tensor{};
+  tensor.data = out.data();
+  t.run(&tensor, &image);
+  for (size_t i = 0; i < out.size(); i++) {
+    const size_t p = i / plane, y = i % plane / static_cast<size_t>(image.cols),
+                 x = i % static_cast<size_t>(image.cols);
+    const int byte = picture.plane(
+        0)[y * static_cast<size_t>(image.row_bytes) + 3 * x + (t.reversed ? 2 - p : p)];
+    ASSERT_EQ(static_cast<double>(out[i]), t.value(byte))
+        << t.name << " " << image.cols << "x" << image.rows << " stride " << image.row_bytes
+        << ", plane " << p << " at (" << x << ", " << y << "), byte " << byte;
+  }
+}
+
+void check_transform(const Transform& t, Picture& picture) {
+  if (t.words)
+    check_transform<int16_t>(t, picture);
+  else
+    check_transform<float>(t, picture);
+}
+
+TEST(DetectInput, TransformsGiveTheStatedBitsForEveryByteAndShape) {
+  for (const Transform& t : kTransforms) {
+    Picture all(256, 1, ZYN_IMAGE_BGR);
+    for (size_t i = 0; i < 256; i++)
+      for (size_t c = 0; c < 3; c++)
+        all.plane(0)[3 * i + c] = static_cast<uint8_t>(i * (2 * c + 1) + 85 * c);
+    ASSERT_NO_FATAL_FAILURE(check_transform(t, all));
+    for (int width = 1; width <= 33; width++)
+      for (int height : {1, 3})
+        for (int padding : {0, 1, 13}) {
+          Picture picture(width, height, ZYN_IMAGE_BGR, padding);
+          picture.fill(static_cast<uint64_t>(width));
+          ASSERT_NO_FATAL_FAILURE(check_transform(t, picture));
+        }
+  }
+}
+
+TEST(DetectInput, WorkedValues) {
+  Picture picture(2, 1, ZYN_IMAGE_BGR);
+  const uint8_t pixels[6] = {10, 20, 30, 40, 50, 60};
+  std::copy(pixels, pixels + 6, picture.plane(0).begin());
+  float planes[6];
+  zyn_tensor tensor{};
+  tensor.data = planes;
+  zyn_transform_image_data_for_ssd_detector(&tensor, picture.record());
+  const float expected[6] = {-0.76171875f, -0.52734375f, -0.83984375f,
+                             -0.60546875f, -0.91796875f, -0.68359375f};
+  for (int i = 0; i < 6; i++) EXPECT_EQ(planes[i], expected[i]) << i;
+
+  const uint8_t bytes[6] = {255, 254, 1, 128, 0, 2};
+  std::copy(bytes, bytes + 6, picture.plane(0).begin());
+  int16_t words[6];
+  tensor.data = words;
+  zyn_transform_image_data_for_pfld_detector_fp16(&tensor, picture.record());
+  const int16_t expected_words[6] = {16384, 8224, 16319, 0, 64, 128};
+  for (int i = 0; i < 6; i++) EXPECT_EQ(words[i], expected_words[i]) << i;
+  tensor.data = planes;
+  zyn_transform_image_data_for_pfld_detector(&tensor, picture.record());
+  EXPECT_EQ(planes[4], 0.0039216f);
+  EXPECT_EQ(planes[5], 0.0078431f);
+}
+
+TEST(DetectInput, TransformsPassOverMissingRecords) {
+  Picture picture(2, 2, ZYN_IMAGE_BGR);
+  zyn_tensor tensor{};
+  zyn_image empty{};
+  float plane[12];
+  for (const Transform& t : kTransforms) {
+    t.run(nullptr, picture.record());
+    t.run(&tensor, picture.record());
+    tensor.data = plane;
+    t.run(&tensor, nullptr);
+    t.run(&tensor, &empty);
+    tensor.data = nullptr;
+  }
+}
+
+TEST(DetectInput, DroppingTheFourthByte) {
+  for (int width = 1; width <= 37; width++)
+    for (int height : {1, 3}) {
+      const auto pixels = static_cast<size_t>(width * height);
+      PageEnd<uint8_t> source(4 * pixels), target(3 * pixels);
+      Random random(static_cast<uint64_t>(width));
+      for (uint8_t& byte : source) byte = static_cast<uint8_t>(random.next());
+      ASSERT_EQ(zyn_convert_rgba_to_rgb(target.data(), source.data(), width, height), 0);
+      for (size_t i = 0; i < target.size(); i++)
+        ASSERT_EQ(target[i], source[i / 3 * 4 + i % 3]) << width << "x" << height << " byte " << i;
+      ASSERT_EQ(zyn_convert_rgba_to_rgb(source.data(), source.data(), width, height), 0);
+      ASSERT_TRUE(std::equal(target.begin(), target.end(), source.begin())) << "in place";
+    }
+  uint8_t byte = 7;
+  EXPECT_EQ(zyn_convert_rgba_to_rgb(nullptr, &byte, 1, 1), 1);
+  EXPECT_EQ(zyn_convert_rgba_to_rgb(&byte, nullptr, 1, 1), 1);
+  for (int height : {0, -1, INT32_MIN})
+    EXPECT_EQ(zyn_convert_rgba_to_rgb(&byte, &byte, 8, height), 0);
+  EXPECT_EQ(zyn_convert_rgba_to_rgb(&byte, &byte, INT32_MIN, INT32_MIN), 0);
+  EXPECT_EQ(byte, 7);
+}
+
+// ---- borders
+
+struct Margins {
+  int32_t top, bottom, left, right;
+  bool operator==(const Margins& o) const {
+    return top == o.top && bottom == o.bottom && left == o.left && right == o.right;
+  }
+};
+std::ostream& operator<<(std::ostream& out, const Margins& m) {
+  return out << m.top << " " << m.bottom << " " << m.left << " " << m.right;
+}
+
+Margins expected_margins(int width, int height, float ratio) {
+  const float wanted_height = static_cast<float>(width) * ratio + 0.5f;
+  const float wanted_width = static_cast<float>(height) / ratio + 0.5f;
+  const int more_rows = std::max(0, static_cast<int>(wanted_height) - height);
+  const int more_columns = std::max(0, static_cast<int>(wanted_width) - width);
+  return {more_rows / 2, more_rows - more_rows / 2, more_columns / 2,
+          more_columns - more_columns / 2};
+}
+
+// What plane p holds of pixel byte b at (x, y), fill outside the source.
+int bordered(Picture& source, size_t p, int top, int left, int bytes, int x, int y, int b) {
+  const zyn_image& image = *source.record();
+  const int halving = p ? 1 : 0;
+  const int sx = x - (left >> halving), sy = y - (top >> halving);
+  if (sx < 0 || sy < 0 || sx >= image.cols >> halving || sy >= image.rows >> halving)
+    return p ? 128 : 0;
+  const int64_t stride = p == 0   ? image.row_bytes
+                         : p == 1 ? image.plane1_bytes
+                                  : image.plane2_bytes;
+  return source.plane(p)[static_cast<size_t>(sy * stride + sx * bytes + b)];
+}
+
+void check_border(int width, int height, uint32_t format, float ratio, int padding) {
+  SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height) + " format " +
+               std::to_string(format) + " ratio " + std::to_string(ratio));
+  Picture source(width, height, format, padding);
+  source.fill(static_cast<uint64_t>(width * 31 + height));
+  Margins m{-1, -1, -1, -1};
+  zyn_image* image =
+      zyn_create_border_image(&m.top, &m.bottom, &m.left, &m.right, source.record(), ratio);
+  ASSERT_NE(image, nullptr);
+  EXPECT_EQ(m, expected_margins(width, height, ratio));
+  EXPECT_EQ(image->format, format);
+  ASSERT_EQ(image->cols, width + m.left + m.right);
+  ASSERT_EQ(image->rows, height + m.top + m.bottom);
+  const int bytes = format == ZYN_IMAGE_I420 ? 1 : 3;
+  for (size_t p = 0; p < source.planes(); p++) {
+    const auto* data = static_cast<const uint8_t*>(p == 0   ? image->data
+                                                   : p == 1 ? image->plane1
+                                                            : image->plane2);
+    const int64_t stride = p == 0   ? image->row_bytes
+                           : p == 1 ? image->plane1_bytes
+                                    : image->plane2_bytes;
+    const int halving = p ? 1 : 0;
+    for (int y = 0; y < image->rows >> halving; y++)
+      for (int x = 0; x < (image->cols >> halving); x++)
+        for (int b = 0; b < bytes; b++)
+          ASSERT_EQ(data[y * stride + x * bytes + b],
+                    bordered(source, p, m.top, m.left, bytes, x, y, b))
+              << "plane " << p << " at (" << x << ", " << y << ")";
+  }
+  zyn_release_matrix(&image);
+}
+
+TEST(DetectInput, BordersOfEveryShapeAndFormat) {
+  for (uint32_t format : {ZYN_IMAGE_BGR, ZYN_IMAGE_RGB, ZYN_IMAGE_I420})
+    for (int width : {1, 2, 5, 8, 17})
+      for (int height : {1, 2, 3, 7, 16})
+        for (float ratio : {0.75f, 1.0f, 0.31f, 3.3f})
+          for (int padding : {0, 3})
+            ASSERT_NO_FATAL_FAILURE(check_border(width, height, format, ratio, padding));
+}
+
+TEST(DetectInput, BorderMarginsOfKnownImages) {
+  Picture picture(640, 480, ZYN_IMAGE_BGR), wide(4097, 1, ZYN_IMAGE_BGR);
+  Margins m{};
+  zyn_image* image =
+      zyn_create_border_image(&m.top, &m.bottom, &m.left, &m.right, picture.record(), 1.0f);
+  ASSERT_NE(image, nullptr);
+  EXPECT_EQ(m, (Margins{80, 80, 0, 0}));
+  zyn_release_matrix(&image);
+  image = zyn_create_border_image(&m.top, &m.bottom, &m.left, &m.right, picture.record(), 0.75f);
+  ASSERT_NE(image, nullptr);
+  EXPECT_EQ(m, (Margins{0, 0, 0, 0}));
+  zyn_release_matrix(&image);
+  EXPECT_EQ(zyn_create_border_image(&m.top, &m.bottom, &m.left, &m.right, wide.record(), 1.0f),
+            nullptr);
+}
+
+TEST(DetectInput, BorderRefusalsLeaveTheMargins) {
+  Margins m{7, 7, 7, 7};
+  const auto create = [&](zyn_image* image, float ratio) {
+    return zyn_create_border_image(&m.top, &m.bottom, &m.left, &m.right, image, ratio);
+  };
+  Picture picture(8, 8, ZYN_IMAGE_BGR), chroma(8, 8, ZYN_IMAGE_I420);
+  for (float ratio : {0.0f, -0.0f, -1.0f, NAN, INFINITY, -INFINITY, 1e-45f, 1e-9f, 1e9f, 3.4e38f})
+    EXPECT_EQ(create(picture.record(), ratio), nullptr) << ratio;
+  const auto refused = [&](Picture& of, const std::function<void(zyn_image*)>& damage) {
+    zyn_image damaged = *of.record();
+    damage(&damaged);
+    EXPECT_EQ(create(&damaged, 1.5f), nullptr);
+  };
+  for (int32_t side : {0, -1, 4097, INT32_MIN, INT32_MAX}) {
+    refused(picture, [&](zyn_image* image) { image->cols = side; });
+    refused(picture, [&](zyn_image* image) { image->rows = side; });
+  }
+  for (uint32_t format = 0; format <= 14; format++)
+    if (format != ZYN_IMAGE_BGR && format != ZYN_IMAGE_RGB && format != ZYN_IMAGE_I420)
+      refused(picture, [&](zyn_image* image) { image->format = format; });
+  refused(picture, [](zyn_image* image) { image->data = nullptr; });
+  refused(picture, [](zyn_image* image) { image->row_bytes = 23; });
+  refused(chroma, [](zyn_image* image) { image->plane1 = nullptr; });
+  refused(chroma, [](zyn_image* image) { image->plane2_bytes = 3; });
+  // A format that no image has is the creation's to report.
+  EXPECT_EQ(
+      zyn_test::printed([&] { refused(picture, [](zyn_image* image) { image->format = 15; }); }),
+      zyn_test::report("Your input params are wrong!", "src/image/zyn_bmp_codec.cpp", 472));
+  int32_t* const place = &m.top;
+  EXPECT_EQ(zyn_create_border_image(nullptr, place, place, place, picture.record(), 1), nullptr);
+  EXPECT_EQ(zyn_create_border_image(place, nullptr, place, place, picture.record(), 1), nullptr);
+  EXPECT_EQ(zyn_create_border_image(place, place, nullptr, place, picture.record(), 1), nullptr);
+  EXPECT_EQ(zyn_create_border_image(place, place, place, nullptr, picture.record(), 1), nullptr);
+  EXPECT_EQ(zyn_create_border_image(place, place, place, place, nullptr, 1), nullptr);
+  EXPECT_EQ(m, (Margins{7, 7, 7, 7}));
+}
+
+TEST(DetectInput, BorderWithoutMemory) {
+  for (uint32_t format : {ZYN_IMAGE_BGR, ZYN_IMAGE_I420}) {
+    Picture picture(8, 8, format);
+    zyn_test::Capture capture;
+    const int64_t allocations = zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+      Margins m{7, 7, 7, 7};
+      zyn_image* image =
+          zyn_create_border_image(&m.top, &m.bottom, &m.left, &m.right, picture.record(), 2.0f);
+      EXPECT_EQ(m, image ? (Margins{4, 4, 0, 0}) : (Margins{7, 7, 7, 7}));
+      if (!image) return false;
+      zyn_release_matrix(&image);
+      return true;
+    });
+    EXPECT_EQ(allocations, 2);
+  }
+}
+
+// ---- patches
+
+struct Patch {
+  int32_t to[2], from[2], size[2];
+};
+
+int clamp_to(int value, int count) { return std::max(0, std::min(value, count - 1)); }
+
+// What a plane holds after the call, written from the rules.
+Bytes expected_plane(const PageEnd<uint8_t>& target, int64_t stride, int cols, int rows,
+                     const PageEnd<uint8_t>& source, int64_t source_stride, int source_cols,
+                     int source_rows, int bytes, Patch p, bool chroma) {
+  Bytes plane(target.size(), chroma ? 128 : 0);
+  if (chroma)
+    for (int i = 0; i < 2; i++) {
+      p.to[i] >>= 1;
+      p.from[i] >>= 1;
+      p.size[i] >>= 1;
+    }
+  const int w = p.size[0];
+  if (p.to[0] < 0 || p.from[0] < 0 || p.to[0] + w > cols || p.from[0] + w > source_cols)
+    return plane;
+  for (int r = 0; r < p.size[1]; r++)
+    for (int b = 0; b < w * bytes; b++)
+      plane[static_cast<size_t>(clamp_to(p.to[1] + r, rows) * stride + p.to[0] * bytes + b)] =
+          source[static_cast<size_t>(clamp_to(p.from[1] + r, source_rows) * source_stride +
+                                     p.from[0] * bytes + b)];
+  return plane;
+}
+
+void check_patch(Picture& target, Picture& source, const Patch& p) {
+  const zyn_image &to = *target.record(), &from = *source.record();
+  const bool fits = p.size[0] >= 1 && p.size[1] >= 1 && p.size[0] <= from.cols &&
+                    p.size[1] <= from.rows && p.to[0] + p.size[0] <= to.cols &&
+                    p.to[1] + p.size[1] <= to.rows && p.from[0] + p.size[0] <= from.cols &&
+                    p.from[1] + p.size[1] <= from.rows;
+  target.fill(99);
+  std::vector<Bytes> expected;
+  for (size_t i = 0; i < target.planes(); i++) {
+    const auto& plane = target.plane(i);
+    const int halving = i ? 1 : 0;
+    const auto stride = [&](const zyn_image& of) {
+      return i == 0 ? of.row_bytes : i == 1 ? of.plane1_bytes : of.plane2_bytes;
+    };
+    expected.push_back(
+        !fits ? Bytes(plane.data(), plane.data() + plane.size())
+              : expected_plane(plane, stride(to), to.cols >> halving, to.rows >> halving,
+                               source.plane(i), stride(from), from.cols >> halving,
+                               from.rows >> halving,
+                               to.format == ZYN_IMAGE_I420 ? 1 : target.pixel_bytes(), p, i > 0));
+  }
+  const int32_t code =
+      zyn_image_cropped_patch_with_border(target.record(), p.to, source.record(), p.from, p.size);
+  const auto where = [&] {
+    char text[128];
+    snprintf(text, sizeof(text), "format %u, (%d, %d) to (%d, %d), %d x %d", to.format, p.from[0],
+             p.from[1], p.to[0], p.to[1], p.size[0], p.size[1]);
+    return std::string(text);
+  };
+  ASSERT_EQ(code, fits ? 0 : 1) << where();
+  for (size_t i = 0; i < target.planes(); i++)
+    ASSERT_TRUE(std::equal(expected[i].begin(), expected[i].end(), target.plane(i).begin()))
+        << "plane " << i << ", " << where();
+}
+
+TEST(DetectInput, PatchesAtEveryPlaceOfSmallImages) {
+  struct Pair {
+    uint32_t to, from;
+    int padding;
+  };
+  for (const Pair& pair : {Pair{ZYN_IMAGE_BGR, ZYN_IMAGE_RGB, 0},
+                           {ZYN_IMAGE_GRAY, ZYN_IMAGE_GRAY, 2},
+                           {ZYN_IMAGE_I420, ZYN_IMAGE_I420, 1},
+                           {ZYN_IMAGE_I420, ZYN_IMAGE_I420, 0},
+                           {ZYN_IMAGE_BGR48, ZYN_IMAGE_BGR48, 0}}) {
+    Picture target(5, 6, pair.to, pair.padding), source(5, 4, pair.from, pair.padding);
+    source.fill(4);
+    for (int x = -2; x <= 3; x++)
+      for (int y = -3; y <= 4; y++)
+        for (int sx = -1; sx <= 2; sx++)
+          for (int sy = -3; sy <= 2; sy++)
+            for (int w : {0, 1, 2, 5, 6})
+              for (int h : {0, 1, 3, 4})
+                ASSERT_NO_FATAL_FAILURE(check_patch(target, source, {{x, y}, {sx, sy}, {w, h}}));
+  }
+}
+
+TEST(DetectInput, PatchRefusals) {
+  const int32_t origin[2] = {0, 0}, one[2] = {1, 1};
+  Picture target(4, 4, ZYN_IMAGE_BGR), source(4, 4, ZYN_IMAGE_BGR);
+  target.fill(1);
+  const Bytes before(target.plane(0).begin(), target.plane(0).end());
+  zyn_image to = *target.record(), from = *source.record();
+  const auto run = [&] {
+    const int32_t code = zyn_image_cropped_patch_with_border(&to, origin, &from, origin, one);
+    EXPECT_TRUE(std::equal(before.begin(), before.end(), target.plane(0).begin()));
+    to = *target.record();
+    from = *source.record();
+    return code;
+  };
+  EXPECT_EQ(zyn_image_cropped_patch_with_border(nullptr, origin, &from, origin, one), 1);
+  EXPECT_EQ(zyn_image_cropped_patch_with_border(&to, nullptr, &from, origin, one), 1);
+  EXPECT_EQ(zyn_image_cropped_patch_with_border(&to, origin, nullptr, origin, one), 1);
+  EXPECT_EQ(zyn_image_cropped_patch_with_border(&to, origin, &from, nullptr, one), 1);
+  EXPECT_EQ(zyn_image_cropped_patch_with_border(&to, origin, &from, origin, nullptr), 1);
+  EXPECT_EQ((to.channels = 1, run()), 1);
+  EXPECT_EQ((to.channels = from.channels = 4, run()), 4);
+  EXPECT_EQ((to.channels = from.channels = 2, run()), 4);
+  EXPECT_EQ((to.channels = from.channels = -1, to.format = from.format = ZYN_IMAGE_PLANAR, run()),
+            4);
+  EXPECT_EQ((to.format = from.format = ZYN_IMAGE_NV12, run()), 4);
+  // Layouts are not mixed although type and channel count agree.
+  EXPECT_EQ((from.format = ZYN_IMAGE_I420, run()), 1);
+  EXPECT_EQ((to.format = ZYN_IMAGE_NV21, run()), 1);
+  EXPECT_EQ((from.element_size = 2, run()), 1);
+  EXPECT_EQ((to.data = nullptr, run()), 1);
+  EXPECT_EQ((from.data = nullptr, run()), 1);
+  EXPECT_EQ((to.row_bytes = 11, run()), 1);
+  EXPECT_EQ((to.format = from.format = ZYN_IMAGE_I420, run()), 1) << "no chroma planes";
+  to.rows = -5;
+  const int32_t above[2] = {0, -10};
+  EXPECT_EQ(zyn_image_cropped_patch_with_border(&to, above, &from, origin, one), 1);
+  // Sums of position and size do not wrap; far above the image the first row repeats.
+  to = *target.record();
+  const int32_t beyond[2] = {INT32_MAX, INT32_MAX}, high[2] = {0, INT32_MIN};
+  EXPECT_EQ(zyn_image_cropped_patch_with_border(&to, beyond, &from, origin, one), 1);
+  EXPECT_EQ(zyn_image_cropped_patch_with_border(&to, origin, &from, beyond, one), 1);
+  EXPECT_EQ(zyn_image_cropped_patch_with_border(&to, high, &from, high, one), 0);
+}
+
+}  // namespace
