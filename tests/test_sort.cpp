@@ -311,7 +311,7 @@ class Scene {
 };
 
 TEST(Sort, FollowsTheModelOverRandomFrames) {
-  const int frames = zyn_test::soak(2500, 100000);
+  const int frames = zyn_test::soak(10000, 100000);
   const struct {
     int max_age, min_hits, payload;
   } settings[] = {{0, 1, 0}, {1, 3, 8}, {3, 2, 1}, {7, 5, 20}};
