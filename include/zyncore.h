@@ -943,6 +943,135 @@ ZYN_API int32_t zyn_image_cropped_patch_with_border(zyn_image* destination,
                                                     const zyn_image* source,
                                                     const int32_t source_position[2],
                                                     const int32_t size[2]);
+/* Tracking                                                                   */
+/* ------------------------------------------------------------------------ */
+
+/* A tracker follows boxes from frame to frame and gives each an id. One frame:
+ *  1. zyn_create_sort_predict: where every track should be by this frame;
+ *  2. zyn_associate_detections_to_trackers on the detections and those boxes, or,
+ *     without tracks, zyn_create_sort_match_info with everything unmatched;
+ *  3. zyn_sort_update_detection: matched tracks move to their detections, unmatched
+ *     detections become tracks, stale tracks go;
+ *  4. zyn_sort_get_track_info: the tracks to show.
+ * Callers with an association of their own replace 2 and 3 by
+ * zyn_sort_update_detection_v2. docs/tracking.md follows one example frame by frame.
+ *
+ * Boxes may hold any value, NaN and infinity included; a track fed with them yields
+ * the like until it is dropped, so leave such detections out. */
+typedef struct zyn_sort_handle zyn_sort_handle;
+
+/* Settings of a tracker. */
+typedef struct zyn_sort_param {
+  int32_t max_age;     /* 0 or more: a track is dropped when it went without a
+                          detection for more frames than this */
+  int32_t min_hits;    /* 1 or more: frames in a row with a detection before a track
+                          is listed, see zyn_sort_get_track_info */
+  float iou_threshold; /* 0 to below 1; kept for you, association takes its own */
+  float payload_size;  /* bytes of your data per track, truncated to an integer;
+                          below 1 or NaN: none */
+} zyn_sort_param;
+
+/* Which detection belongs to which track. Indices count from 0 in the arrays given
+ * to the association. */
+typedef struct zyn_sort_match_info {
+  int32_t matched_count;   /* pairs in matched */
+  int32_t unmatched_count; /* entries in unmatched */
+  int32_t* matched;        /* pairs (detection, track): [2 * i] and [2 * i + 1]; null
+                              when matched_count is below 1 */
+  int32_t* unmatched;      /* detections without a track, ascending after association;
+                              null when unmatched_count is below 1 */
+} zyn_sort_match_info;
+
+/* Tracks of one frame; entry i of every array belongs to one track. */
+typedef struct zyn_track_info {
+  float* boxes;               /* x1, y1, x2, y2 per entry */
+  uint32_t* ids;              /* the tracks' ids */
+  int32_t* time_since_update; /* predictions since the last detection; in listings 0 */
+  int32_t count;              /* entries; the arrays may be longer */
+  void* payload;              /* payload bytes per entry, zero for a track without a
+                                 payload slot; null without payloads */
+} zyn_track_info;
+
+/* Creates a tracker without tracks; *param is copied. Null when param is null or a
+ * field is outside its range, or memory is short (both reported). Release with
+ * zyn_release_sort_handle. */
+ZYN_API zyn_sort_handle* zyn_create_sort_handle(const zyn_sort_param* param);
+
+/* Frees the tracker with all tracks and payloads and sets *handle to null. 1
+ * (silent): handle or *handle is null. */
+ZYN_API int32_t zyn_release_sort_handle(zyn_sort_handle** handle);
+
+/* Moves every track on by one frame and gives their predicted boxes, in the order
+ * in which associations and updates number the tracks. Without tracks: count 0 and
+ * null arrays. Null (no report of its own): null handle, no memory, or a prediction
+ * that failed; the frame then is not counted, and tracks before the failing one
+ * have moved. Release with zyn_release_track_info. */
+ZYN_API zyn_track_info* zyn_create_sort_predict(zyn_sort_handle* handle);
+
+/* Pairs detections with predicted boxes (x1, y1, x2, y2; the fifth value is not
+ * read) so that the sum of overlaps is as large as possible, then drops pairs whose
+ * overlap does not exceed iou_threshold. Overlap is intersection over union of the
+ * boxes enlarged five times about their centres. Null tracks with a count above 0
+ * overlap nothing.
+ * Null: no detections, a count of 0 (reported), no memory, or overlaps that are not
+ * numbers for a whole row of the problem (prints "infeasible cost matrix\n" and a
+ * report): one NaN box is enough. Release with zyn_release_sort_match_info. */
+ZYN_API zyn_sort_match_info* zyn_associate_detections_to_trackers(const zyn_detection* detections,
+                                                                  int32_t detection_count,
+                                                                  const zyn_detection* tracks,
+                                                                  int32_t track_count,
+                                                                  float iou_threshold);
+
+/* Creates match info of these sizes, indices zero, for you to fill. Null without
+ * memory (silent). */
+ZYN_API zyn_sort_match_info* zyn_create_sort_match_info(int32_t matched_count,
+                                                        int32_t unmatched_count);
+
+/* Frees match info and sets *info to null; null does nothing. */
+ZYN_API void zyn_release_sort_match_info(zyn_sort_match_info** info);
+
+/* Applies one frame's association: unmatched detections become tracks, matched ones
+ * correct theirs, then tracks older than max_age are dropped; of two neighbours only
+ * the first, the second in the next frame's update. ids takes, per detection, the id
+ * of its track, or -1. mask, null or one byte per detection: 0 keeps an unmatched
+ * detection from becoming a track, only 1 lets a matched one correct its track (its
+ * id is written all the same).
+ * The payload buffer does not grow here: tracks beyond the first 128 have no payload
+ * until zyn_sort_update_detection_v2 makes room.
+ * 0; 1 (silent): null detections (also with detection_count 0), matches or handle,
+ * null ids with detection_count above 0, an index outside its array; nothing has
+ * changed; 2: no memory; 32: a correction failed. After 2 and 32 the tracks handled
+ * so far are changed and none is dropped. */
+ZYN_API int32_t zyn_sort_update_detection(const zyn_detection* detections, int32_t* ids,
+                                          const uint8_t* mask, int32_t detection_count,
+                                          const zyn_sort_match_info* matches,
+                                          zyn_sort_handle* handle);
+
+/* The same for an association of your own: ids holds, per detection, the id of its
+ * track, or any negative value for a new track, whose id is not told (it shows in
+ * the next listing; ids count up and go from 2147483647 to 0). mask, null or one byte
+ * per detection: other values than 1 skip the detection. payloads, null or payload
+ * size bytes per detection: copied into the track's slot along with its detection;
+ * null leaves the slots as they are and those of new tracks zero.
+ * 0; 1 (silent): null detections, ids (both also with detection_count 0) or handle;
+ * 2: no memory (creating a track: reported); 32: an id that no track has, masked or
+ * not (silent), or a correction failed (reported). After 2 and 32 the detections
+ * handled so far have taken effect and no track is dropped. */
+ZYN_API int32_t zyn_sort_update_detection_v2(const zyn_detection* detections, const int32_t* ids,
+                                             const uint8_t* mask, int32_t detection_count,
+                                             const void* payloads, zyn_sort_handle* handle);
+
+/* Lists the tracks that got a detection in this frame and whose row of frames with a
+ * detection has reached min_hits or is not longer than the number of predictions
+ * made so far. The boxes are corrected, not predicted ones. Null: null handle
+ * (reported), no memory (silent). Release with zyn_release_track_info. */
+ZYN_API zyn_track_info* zyn_sort_get_track_info(const zyn_sort_handle* handle);
+
+/* Predictions made so far; 18446744073709551615 for a null handle. */
+ZYN_API uint64_t zyn_sort_get_frame_count(const zyn_sort_handle* handle);
+
+/* Frees track info and sets *info to null; null does nothing. */
+ZYN_API void zyn_release_track_info(zyn_track_info** info);
 
 #ifdef __cplusplus
 }

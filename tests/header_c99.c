@@ -16,6 +16,9 @@ HOLDS(darray_size, sizeof(zyn_darray_type) == 32 && sizeof(zyn_darray) == 56);
 HOLDS(desc_size, sizeof(zyn_cg_node_desc) == 40 && offsetof(zyn_cg_node_desc, word_b) == 32);
 HOLDS(create_param_size, sizeof(zyn_cg_create_param) == 20);
 HOLDS(conv_param_size, sizeof(zyn_conv_param) == 64 && offsetof(zyn_conv_param, word14) == 56);
+HOLDS(sort_records, sizeof(zyn_detection) == 20 && sizeof(zyn_sort_param) == 16);
+HOLDS(match_info, sizeof(zyn_sort_match_info) == 24 && offsetof(zyn_sort_match_info, matched) == 8);
+HOLDS(track_info, sizeof(zyn_track_info) == 40 && offsetof(zyn_track_info, payload) == 32);
 
 int zyn_header_compiles(void);
 int zyn_header_compiles(void) { return ZYN_RET_OK; }

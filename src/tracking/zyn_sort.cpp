@@ -1,0 +1,320 @@
+// The tracker: all tracks of a scene, their predictions, updates, payloads and lists.
+#include "tracking/zyn_sort.h"
+
+#include <string.h>
+
+#include "base/zyn_memory.h"
+#include "tracking/zyn_tracking_report.h"
+
+namespace {
+
+constexpr zyn_site kCreateArgs{kZynTrackingPath, 1034, ZYN_MSG_PARA};
+constexpr zyn_site kCreateMemory{kZynTrackingPath, 1067, ZYN_MSG_MEMORY};
+constexpr int32_t kUpdateLine = 1483;
+constexpr zyn_site kTrackMemory{kZynTrackingPath, 1524, ZYN_MSG_MEMORY};
+constexpr zyn_site kListArgs{kZynTrackingPath, 1551, ZYN_MSG_PARA};
+
+constexpr int32_t kInitialCapacity = 128;
+constexpr float kPayloadLimit = 9.2e18f;  // the next float but one no longer fits 64 bits
+constexpr int32_t kBoxFloats = 4;
+
+using sort_guard = zyn_guard<zyn_sort_handle, zyn_release_sort_handle>;
+
+// Release functions of records answer a code.
+int32_t release_info(zyn_track_info** info) {
+  zyn_release_track_info(info);
+  return ZYN_RET_OK;
+}
+using info_guard = zyn_guard<zyn_track_info, release_info>;
+
+// Track k's payload; null when it has no slot.
+uint8_t* payload_of(const zyn_sort_handle* handle, int32_t k) {
+  return k < handle->payload_slots ? handle->payload + k * handle->payload_size : nullptr;
+}
+
+bool allocate_payload(zyn_sort_handle* handle, float size) {
+  if (!(size >= 1)) return true;
+  if (size > kPayloadLimit) return false;
+  handle->payload_size = static_cast<int64_t>(size);
+  int64_t bytes = 0;
+  if (zyn_multiply(kInitialCapacity, handle->payload_size, &bytes))
+    handle->payload = static_cast<uint8_t*>(zyn_malloc(bytes));
+  if (handle->payload) handle->payload_slots = kInitialCapacity;
+  return handle->payload != nullptr;
+}
+
+// Gives the payload buffer a slot for each of slots tracks; slots of existing tracks
+// that come with it start zeroed.
+bool grow_payload(zyn_sort_handle* handle, int32_t slots) {
+  int64_t bytes = 0;
+  if (!zyn_multiply(slots, handle->payload_size, &bytes)) return false;
+  void* payload = zyn_grow(handle->payload, bytes);
+  if (!payload) return false;
+  handle->payload = static_cast<uint8_t*>(payload);
+  const int32_t before = handle->payload_slots;
+  handle->payload_slots = slots;
+  if (handle->count > before)
+    memset(payload_of(handle, before), 0,
+           static_cast<size_t>((handle->count - before) * handle->payload_size));
+  return true;
+}
+
+// Doubles the capacity when it is used up. On failure everything is as it was.
+bool make_room(zyn_sort_handle* handle, bool with_payload) {
+  if (handle->count < handle->capacity) return true;
+  if (handle->capacity > INT32_MAX / 2) return false;
+  const int32_t capacity = 2 * handle->capacity;
+  void* tracks = zyn_grow(handle->tracks, int64_t{capacity} * int64_t{sizeof(*handle->tracks)});
+  if (!tracks) return false;
+  handle->tracks = static_cast<zyn_box_tracker**>(tracks);
+  if (with_payload && handle->payload && !grow_payload(handle, capacity)) return false;
+  handle->capacity = capacity;
+  return true;
+}
+
+// Adds a track with the next id, its payload zeroed; there is room. Null on failure.
+zyn_box_tracker* append_track(zyn_sort_handle* handle, const zyn_detection& detection) {
+  zyn_box_tracker* tracker =
+      zyn_create_box_tracker(&detection.x1, static_cast<uint32_t>(handle->next_id));
+  if (!tracker) return nullptr;
+  if (uint8_t* slot = payload_of(handle, handle->count))
+    memset(slot, 0, static_cast<size_t>(handle->payload_size));
+  handle->tracks[handle->count++] = tracker;
+  return tracker;
+}
+
+void remove_track(zyn_sort_handle* handle, int32_t k) {
+  zyn_release_box_tracker(&handle->tracks[k]);
+  handle->count--;
+  for (int32_t i = k; i < handle->count; i++) {
+    handle->tracks[i] = handle->tracks[i + 1];
+    uint8_t* const slot = payload_of(handle, i);
+    if (!slot) continue;
+    const uint8_t* const next = payload_of(handle, i + 1);
+    if (next)
+      memcpy(slot, next, static_cast<size_t>(handle->payload_size));
+    else
+      memset(slot, 0, static_cast<size_t>(handle->payload_size));  // moved in from beyond
+  }
+}
+
+void drop_stale_tracks(zyn_sort_handle* handle) {
+  // On purpose: the track that moves into slot k is skipped, its turn is the next frame.
+  for (int32_t k = 0; k < handle->count; k++)
+    if (handle->tracks[k]->time_since_update > handle->max_age) remove_track(handle, k);
+}
+
+// Track info with room for every track.
+zyn_track_info* create_track_info(const zyn_sort_handle* handle) {
+  info_guard info(static_cast<zyn_track_info*>(zyn_calloc(1, sizeof(zyn_track_info))));
+  if (!info) return nullptr;
+  const int32_t count = handle->count;
+  if (count == 0) return info.take();
+  info->boxes = static_cast<float*>(zyn_calloc(count, kBoxFloats * sizeof(float)));
+  info->ids = static_cast<uint32_t*>(zyn_calloc(count, sizeof(uint32_t)));
+  info->time_since_update = static_cast<int32_t*>(zyn_calloc(count, sizeof(int32_t)));
+  if (handle->payload) info->payload = zyn_calloc(count, handle->payload_size);
+  if (!info->boxes || !info->ids || !info->time_since_update || (handle->payload && !info->payload))
+    return nullptr;
+  return info.take();
+}
+
+// Writes id and payload of track k to an entry.
+void fill_entry(zyn_track_info* info, int32_t entry, const zyn_sort_handle* handle, int32_t k) {
+  info->ids[entry] = handle->tracks[k]->id;
+  if (const uint8_t* slot = payload_of(handle, k))
+    memcpy(static_cast<uint8_t*>(info->payload) + entry * handle->payload_size, slot,
+           static_cast<size_t>(handle->payload_size));
+}
+
+bool is_listed(const zyn_sort_handle* handle, const zyn_box_tracker* track) {
+  // On purpose: compared with the track's own streak, not an exemption of the first frames.
+  return track->time_since_update < 1 &&
+         !(track->hit_streak<handle->min_hits&& static_cast<uint64_t>(track->hit_streak)> handle
+               ->frame_count);
+}
+
+// On purpose two rules: any byte but 0 lets a detection become a track, only 1 lets it
+// correct one.
+bool may_create(const uint8_t* mask, int32_t d) { return !mask || mask[d] != 0; }
+bool may_correct(const uint8_t* mask, int32_t d) { return !mask || mask[d] == 1; }
+
+// Whether every index of the match info lies in its array; tracks that this update
+// creates count.
+bool indices_fit(const zyn_sort_match_info* matches, const uint8_t* mask, int32_t detection_count,
+                 const zyn_sort_handle* handle) {
+  if ((matches->unmatched_count > 0 && !matches->unmatched) ||
+      (matches->matched_count > 0 && !matches->matched))
+    return false;
+  int64_t tracks = handle->count;
+  for (int32_t i = 0; i < matches->unmatched_count; i++) {
+    const int32_t d = matches->unmatched[i];
+    if (d < 0 || d >= detection_count) return false;
+    tracks += may_create(mask, d);
+  }
+  for (int32_t i = 0; i < matches->matched_count; i++) {
+    const int32_t* const pair = matches->matched + 2 * int64_t{i};
+    if (pair[0] < 0 || pair[0] >= detection_count || pair[1] < 0 || pair[1] >= tracks) return false;
+  }
+  return true;
+}
+
+// A new track for a detection, if the mask lets it; the capacity grows even if not.
+int32_t add_track_v2(zyn_sort_handle* handle, const zyn_detection& detection, bool allowed,
+                     const uint8_t* payload) {
+  if (!make_room(handle, true)) return ZYN_RET_ERR_MEMORY;
+  if (!allowed) return ZYN_RET_OK;
+  if (!append_track(handle, detection)) return zyn_fail(kTrackMemory, ZYN_RET_ERR_MEMORY);
+  uint8_t* const slot = payload_of(handle, handle->count - 1);
+  if (slot && payload) memcpy(slot, payload, static_cast<size_t>(handle->payload_size));
+  // The number of tracks would wrap alike, but the capacity never gets there.
+  handle->next_id = handle->next_id < INT32_MAX ? handle->next_id + 1 : 0;
+  return ZYN_RET_OK;
+}
+
+// Corrects every track with an id, if the mask lets it.
+int32_t correct_tracks_v2(zyn_sort_handle* handle, const zyn_detection& detection, uint32_t id,
+                          bool allowed, const uint8_t* payload) {
+  bool found = false;
+  for (int32_t k = 0; k < handle->count; k++) {
+    if (handle->tracks[k]->id != id) continue;
+    found = true;
+    if (!allowed) continue;
+    const int32_t code = zyn_box_tracker_update(&detection.x1, handle->tracks[k]);
+    if (code != ZYN_RET_OK) {
+      zyn_report_code(kUpdateLine, code);
+      return code;
+    }
+    uint8_t* const slot = payload_of(handle, k);
+    if (slot && payload) memcpy(slot, payload, static_cast<size_t>(handle->payload_size));
+  }
+  return found ? ZYN_RET_OK : ZYN_RET_ERR_UNKNOWN;
+}
+
+}  // namespace
+
+zyn_sort_handle* zyn_create_sort_handle(const zyn_sort_param* param) {
+  if (!param || param->max_age < 0 || param->min_hits < 1 ||
+      !(param->iou_threshold >= 0 && param->iou_threshold < 1)) {
+    zyn_report(kCreateArgs);
+    return nullptr;
+  }
+  sort_guard handle(static_cast<zyn_sort_handle*>(zyn_calloc(1, sizeof(zyn_sort_handle))));
+  if (handle) {
+    handle->max_age = param->max_age;
+    handle->min_hits = param->min_hits;
+    handle->iou_threshold = param->iou_threshold;
+    handle->capacity = kInitialCapacity;
+    handle->tracks =
+        static_cast<zyn_box_tracker**>(zyn_calloc(kInitialCapacity, sizeof(*handle->tracks)));
+    if (handle->tracks && allocate_payload(handle.get(), param->payload_size)) return handle.take();
+  }
+  zyn_report(kCreateMemory);
+  return nullptr;
+}
+
+int32_t zyn_release_sort_handle(zyn_sort_handle** handle) {
+  if (!handle || !*handle) return ZYN_RET_ERR_PARA;
+  zyn_sort_handle* self = *handle;
+  zyn_free(self->payload);
+  for (int32_t k = 0; k < self->count; k++) zyn_release_box_tracker(&self->tracks[k]);
+  zyn_free(self->tracks);
+  zyn_free(self);
+  *handle = nullptr;
+  return ZYN_RET_OK;
+}
+
+zyn_track_info* zyn_create_sort_predict(zyn_sort_handle* handle) {
+  if (!handle) return nullptr;
+  info_guard info(create_track_info(handle));
+  if (!info) return nullptr;
+  for (int32_t k = 0; k < handle->count; k++) {
+    zyn_box_tracker* const track = handle->tracks[k];
+    if (zyn_box_tracker_predict(info->boxes + int64_t{k} * kBoxFloats, track) != ZYN_RET_OK)
+      return nullptr;
+    info->time_since_update[k] = track->time_since_update;
+    fill_entry(info.get(), k, handle, k);
+  }
+  info->count = handle->count;
+  handle->frame_count++;
+  return info.take();
+}
+
+int32_t zyn_sort_update_detection(const zyn_detection* detections, int32_t* ids,
+                                  const uint8_t* mask, int32_t detection_count,
+                                  const zyn_sort_match_info* matches, zyn_sort_handle* handle) {
+  if (!detections || !matches || !handle || (detection_count > 0 && !ids) ||
+      !indices_fit(matches, mask, detection_count, handle))
+    return ZYN_RET_ERR_PARA;
+  for (int32_t d = 0; d < detection_count; d++) ids[d] = -1;
+  for (int32_t i = 0; i < matches->unmatched_count; i++) {
+    const int32_t d = matches->unmatched[i];
+    if (!may_create(mask, d)) continue;
+    // On purpose: the payload buffer stays as it is.
+    if (!make_room(handle, false)) return ZYN_RET_ERR_MEMORY;
+    const zyn_box_tracker* const track = append_track(handle, detections[d]);
+    if (!track) return ZYN_RET_ERR_MEMORY;
+    ids[d] = static_cast<int32_t>(track->id);
+    handle->next_id++;
+  }
+  for (int32_t i = 0; i < matches->matched_count; i++) {
+    const int32_t d = matches->matched[2 * int64_t{i}];
+    zyn_box_tracker* const track = handle->tracks[matches->matched[2 * int64_t{i} + 1]];
+    if (may_correct(mask, d)) {
+      const int32_t code = zyn_box_tracker_update(&detections[d].x1, track);
+      if (code != ZYN_RET_OK) return code;
+    }
+    ids[d] = static_cast<int32_t>(track->id);
+  }
+  drop_stale_tracks(handle);
+  return ZYN_RET_OK;
+}
+
+int32_t zyn_sort_update_detection_v2(const zyn_detection* detections, const int32_t* ids,
+                                     const uint8_t* mask, int32_t detection_count,
+                                     const void* payloads, zyn_sort_handle* handle) {
+  if (!detections || !ids || !handle) return ZYN_RET_ERR_PARA;
+  for (int32_t i = 0; i < detection_count; i++) {
+    const bool allowed = may_correct(mask, i);
+    const uint8_t* payload = static_cast<const uint8_t*>(payloads);
+    if (payload) payload += i * handle->payload_size;
+    const int32_t code = ids[i] < 0
+                             ? add_track_v2(handle, detections[i], allowed, payload)
+                             : correct_tracks_v2(handle, detections[i],
+                                                 static_cast<uint32_t>(ids[i]), allowed, payload);
+    if (code != ZYN_RET_OK) return code;
+  }
+  drop_stale_tracks(handle);
+  return ZYN_RET_OK;
+}
+
+zyn_track_info* zyn_sort_get_track_info(const zyn_sort_handle* handle) {
+  if (!handle) {
+    zyn_report(kListArgs);
+    return nullptr;
+  }
+  zyn_track_info* const info = create_track_info(handle);
+  if (!info) return nullptr;
+  for (int32_t k = 0; k < handle->count; k++) {
+    const zyn_box_tracker* const track = handle->tracks[k];
+    if (!is_listed(handle, track)) continue;
+    zyn_state_to_box(info->boxes + int64_t{info->count} * kBoxFloats,
+                     static_cast<const float*>(track->filter->corrected_state->data));
+    fill_entry(info, info->count++, handle, k);
+  }
+  return info;
+}
+
+uint64_t zyn_sort_get_frame_count(const zyn_sort_handle* handle) {
+  return handle ? handle->frame_count : UINT64_MAX;
+}
+
+void zyn_release_track_info(zyn_track_info** info) {
+  if (!info || !*info) return;
+  zyn_free((*info)->boxes);
+  zyn_free((*info)->ids);
+  zyn_free((*info)->time_since_update);
+  zyn_free((*info)->payload);
+  zyn_free(*info);
+  *info = nullptr;
+}

@@ -1,0 +1,439 @@
+// The assignment against brute force and against a model in whole numbers, the overlap
+// score, the threshold and the match info.
+#include <gtest/gtest.h>
+#include <math.h>
+#include <string.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/buffers.h"
+#include "support/capture.h"
+#include "support/failing.h"
+#include "support/track_model.h"
+#include "tracking/zyn_assignment.h"
+
+namespace {
+
+using zyn_test::printed;
+using zyn_test::Random;
+
+using Pairs = std::vector<std::pair<int, int>>;
+
+constexpr const char* kPara = "Your input params are wrong!";
+constexpr const char* kMemory = "Allocating memory failure! ";
+constexpr const char* kUnknown = "Unknown error!";
+constexpr const char* kInfeasible = "infeasible cost matrix\n";
+
+std::string tracking_report(const char* message, int line) {
+  return zyn_test::report(message, "src/tracking/zyn_tracking.cpp", line);
+}
+
+// Scores that are whole numbers, so that every sum is exact.
+struct Scores {
+  int rows, cols;
+  std::vector<int> v;
+  Scores(int r, int c, int largest, Random* random) : rows(r), cols(c) {
+    for (int i = 0; i < r * c; i++) v.push_back(random->integer(-largest / 4, largest));
+  }
+  int at(int r, int c) const { return v[static_cast<size_t>(r * cols + c)]; }
+  Pairs solve() const {
+    zyn_matrix* m = zyn_create_matrix(rows, cols, 1, ZYN_TYPE_F32);
+    for (size_t i = 0; i < v.size(); i++)
+      static_cast<float*>(m->data)[i] = static_cast<float>(v[i]);
+    int32_t* pairs = zyn_assignment_pairs(m);
+    zyn_release_matrix(&m);
+    Pairs result;
+    for (int i = 0; pairs && i < std::min(rows, cols); i++)
+      result.push_back({pairs[2 * i], pairs[2 * i + 1]});
+    zyn_free(pairs);
+    return result;
+  }
+  int64_t total(const Pairs& pairs) const {
+    int64_t sum = 0;
+    for (auto [r, c] : pairs) sum += at(r, c);
+    return sum;
+  }
+  // The largest total over every injective choice for the shorter side.
+  int64_t best(int i = 0, unsigned used = 0) const {
+    if (i == std::min(rows, cols)) return 0;
+    int64_t top = INT64_MIN;
+    for (int j = 0; j < std::max(rows, cols); j++)
+      if (!(used >> j & 1))
+        top = std::max(top, (rows <= cols ? at(i, j) : at(j, i)) + best(i + 1, used | 1u << j));
+    return top;
+  }
+};
+
+// The order in which equal costs are decided: rows in turn, columns scanned in a list
+// that starts with the last one, is shortened by moving its tail into the gap, and
+// prefers, among equal distances, the last free column, else the first.
+Pairs model_assignment(const Scores& s) {
+  const bool turned = s.rows > s.cols;
+  const int n = std::min(s.rows, s.cols), m = std::max(s.rows, s.cols);
+  const int64_t top = *std::max_element(s.v.begin(), s.v.end());
+  std::vector<int64_t> u(n), v(m);
+  std::vector<int> owner(m, -1), choice(n, -1);
+  for (int start = 0; start < n; start++) {
+    std::vector<int> open;
+    for (int j = m; j-- > 0;) open.push_back(j);
+    std::vector<int64_t> reach(m, INT64_MAX);
+    std::vector<int> from(m, -1), closed;
+    int64_t so_far = 0;
+    int row = start, end = -1;
+    while (end < 0) {
+      size_t pick = open.size();
+      for (size_t k = 0; k < open.size(); k++) {
+        const int j = open[k];
+        const int64_t cost = top - (turned ? s.at(j, row) : s.at(row, j));
+        if (so_far + cost - u[row] - v[j] < reach[j]) {
+          reach[j] = so_far + cost - u[row] - v[j];
+          from[j] = row;
+        }
+        if (pick == open.size() || reach[j] < reach[open[pick]] ||
+            (reach[j] == reach[open[pick]] && owner[j] < 0))
+          pick = k;
+      }
+      const int j = open[pick];
+      so_far = reach[j];
+      closed.push_back(j);
+      open[pick] = open.back();
+      open.pop_back();
+      if (owner[j] < 0)
+        end = j;
+      else
+        row = owner[j];
+    }
+    // Rows of the search tree, other than the start, are the owners of closed columns.
+    for (int j : closed)
+      if (owner[j] >= 0) u[owner[j]] += so_far - reach[j];
+    u[start] += so_far;
+    for (int j : closed) v[j] -= so_far - reach[j];
+    for (int j = end; j >= 0;) {
+      const int r = from[j];
+      owner[j] = r;
+      std::swap(j, choice[r]);
+      if (r == start) break;
+    }
+  }
+  Pairs pairs;
+  for (int i = 0; i < n; i++)
+    pairs.push_back(turned ? std::make_pair(choice[i], i) : std::make_pair(i, choice[i]));
+  return pairs;
+}
+
+// Match info, released at the end.
+class Info {
+ public:
+  explicit Info(zyn_sort_match_info* info) : info_(info) {}
+  ~Info() { zyn_release_sort_match_info(&info_); }
+  explicit operator bool() const { return info_ != nullptr; }
+  Pairs matched() const {
+    Pairs result;
+    for (int i = 0; i < info_->matched_count; i++)
+      result.push_back({info_->matched[2 * i], info_->matched[2 * i + 1]});
+    return result;
+  }
+  std::vector<int> unmatched() const {
+    return std::vector<int>(info_->unmatched, info_->unmatched + info_->unmatched_count);
+  }
+
+ private:
+  zyn_sort_match_info* info_;
+};
+
+using Boxes = std::vector<zyn_detection>;
+
+Info associate(const Boxes& detections, const Boxes& tracks, float threshold) {
+  return Info(zyn_associate_detections_to_trackers(
+      detections.data(), static_cast<int32_t>(detections.size()), tracks.data(),
+      static_cast<int32_t>(tracks.size()), threshold));
+}
+
+// The overlap in double.
+double overlap(const zyn_detection& a, const zyn_detection& b) {
+  auto common = [](double a1, double a2, double b1, double b2) {
+    const double ac = (a1 + a2) / 2, bc = (b1 + b2) / 2, ah = 2.5 * (a2 - a1), bh = 2.5 * (b2 - b1);
+    return fmax(0, fmin(ac + ah, bc + bh) - fmax(ac - ah, bc - bh));
+  };
+  const double both = common(a.x1, a.x2, b.x1, b.x2) * common(a.y1, a.y2, b.y1, b.y2);
+  auto area = [](const zyn_detection& d) {
+    return 25.0 * (double{d.x2} - d.x1) * (double{d.y2} - d.y1);
+  };
+  return both / (area(a) + area(b) - both + 0.00001);
+}
+
+TEST(Assignment, IsOptimalAndDecidesEqualCostsInOrder) {
+  Random random(11);
+  const int cases = zyn_test::soak(20000, 100000);
+  for (int i = 0; i < cases; i++) {
+    // Small ranges are full of ties, large ones have none.
+    const Scores s(random.integer(1, 6), random.integer(1, 6),
+                   i % 3 == 0   ? 2
+                   : i % 3 == 1 ? 9
+                                : 5000,
+                   &random);
+    const Pairs got = s.solve();
+    ASSERT_EQ(got, model_assignment(s)) << "case " << i << " " << s.rows << " x " << s.cols;
+    ASSERT_EQ(s.total(got), s.best()) << "case " << i << " " << s.rows << " x " << s.cols;
+  }
+  for (int i = 0; i < cases / 100; i++) {
+    const Scores s(random.integer(1, 40), random.integer(1, 40), 30, &random);
+    ASSERT_EQ(s.solve(), model_assignment(s)) << "case " << i << " " << s.rows << " x " << s.cols;
+  }
+}
+
+TEST(Assignment, RealScoresReachTheBestTotal) {
+  Random random(12);
+  for (int i = 0; i < zyn_test::soak(1500, 30000); i++) {
+    Scores s(random.integer(1, 6), random.integer(1, 6), 1, &random);
+    zyn_matrix* m = zyn_create_matrix(s.rows, s.cols, 1, ZYN_TYPE_F32);
+    float* values = static_cast<float*>(m->data);
+    for (size_t k = 0; k < s.v.size(); k++) {
+      s.v[k] = random.integer(0, 1 << 24);
+      values[k] = static_cast<float>(s.v[k]) / (1 << 24);
+    }
+    int32_t* pairs = zyn_assignment_pairs(m);
+    ASSERT_NE(pairs, nullptr);
+    int64_t total = 0;
+    for (int k = 0; k < std::min(s.rows, s.cols); k++)
+      total += s.at(pairs[2 * k], pairs[2 * k + 1]);
+    ASSERT_EQ(total, s.best());
+    zyn_free(pairs);
+    zyn_release_matrix(&m);
+  }
+}
+
+TEST(Assignment, WithoutAPathSaysInfeasible) {
+  const struct {
+    const char* label;
+    int rows, cols;
+    float scores[6];
+  } cases[] = {{"more rows than columns", 3, 2, {1, 2, 3, 4, 5, 6}},
+               {"no number at all", 2, 3, {NAN, NAN, NAN, NAN, NAN, NAN}},
+               {"a row without a number", 2, 3, {1, 2, 3, NAN, NAN, NAN}},
+               {"a row of infinite costs", 2, 3, {1, 2, 3, -INFINITY, -INFINITY, -INFINITY}},
+               {"infinitely better than the rest", 2, 3, {INFINITY, 1, 2, 3, 4, 5}}};
+  for (const auto& c : cases) {
+    zyn_matrix* m = zyn_create_matrix(c.rows, c.cols, 1, ZYN_TYPE_F32);
+    memcpy(m->data, c.scores, sizeof(c.scores));
+    int32_t columns[3] = {};
+    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_solve_assignment(m, columns), 256) << c.label; }),
+              kInfeasible);
+    zyn_release_matrix(&m);
+  }
+}
+
+TEST(Assignment, ColumnsWithoutANumberAreAvoided) {
+  zyn_matrix* m = zyn_create_matrix(2, 3, 1, ZYN_TYPE_F32);
+  const float values[6] = {NAN, 1, 2, NAN, 5, 9};
+  memcpy(m->data, values, sizeof(values));
+  int32_t columns[2];
+  EXPECT_EQ(zyn_solve_assignment(m, columns), 0);
+  EXPECT_EQ(columns[0], 1);
+  EXPECT_EQ(columns[1], 2);
+  zyn_release_matrix(&m);
+}
+
+TEST(Association, MatchesAreThePairsWhoseOverlapExceedsTheThreshold) {
+  Random random(13);
+  for (int i = 0; i < zyn_test::soak(1000, 20000); i++) {
+    auto boxes = [&](int count) {
+      Boxes result;
+      for (int k = 0; k < count; k++) {
+        const float x = random.real(0, 300), y = random.real(0, 300);
+        result.push_back({x, y, x + random.real(1, 40), y + random.real(1, 40), random.real(0, 1)});
+      }
+      return result;
+    };
+    const Boxes detections = boxes(random.integer(1, 6)), tracks = boxes(random.integer(1, 6));
+    const float threshold = random.real(0, 0.5f);
+    const Info info = associate(detections, tracks, threshold);
+    ASSERT_TRUE(info);
+    // Every detection once, every track at most once, unmatched ascending.
+    std::vector<int> seen(detections.size()), taken(tracks.size());
+    for (auto [d, t] : info.matched()) {
+      ASSERT_EQ(seen[static_cast<size_t>(d)]++, 0);
+      ASSERT_EQ(taken[static_cast<size_t>(t)]++, 0);
+      ASSERT_GT(overlap(detections[static_cast<size_t>(d)], tracks[static_cast<size_t>(t)]),
+                threshold - 1e-5);
+    }
+    const std::vector<int> unmatched = info.unmatched();
+    ASSERT_TRUE(std::is_sorted(unmatched.begin(), unmatched.end()));
+    for (int d : unmatched) ASSERT_EQ(seen[static_cast<size_t>(d)]++, 0);
+    ASSERT_EQ(info.matched().size() + unmatched.size(), detections.size());
+    // Without a threshold the total is the best possible one.
+    double total = 0;
+    const Info all = associate(detections, tracks, -1);
+    for (auto [d, t] : all.matched())
+      total += overlap(detections[static_cast<size_t>(d)], tracks[static_cast<size_t>(t)]);
+    Scores s(static_cast<int>(detections.size()), static_cast<int>(tracks.size()), 1, &random);
+    for (int d = 0; d < s.rows; d++)
+      for (int t = 0; t < s.cols; t++)
+        s.v[static_cast<size_t>(d * s.cols + t)] = static_cast<int>(
+            1e8 * overlap(detections[static_cast<size_t>(d)], tracks[static_cast<size_t>(t)]));
+    ASSERT_NEAR(total, static_cast<double>(s.best()) * 1e-8, 1e-5);
+  }
+}
+
+TEST(Association, BoxesAreEnlargedFiveTimes) {
+  // Unit squares side by side: enlarged to 5 x 5, apart by `gap` they share 5 - 1 - gap.
+  for (float gap : {0.0f, 2.0f, 3.5f}) {
+    const Boxes a{{0, 0, 1, 1, 0}}, b{{1 + gap, 0, 2 + gap, 1, 0}};
+    const float shared = (4 - gap) * 5, score = shared / (50 - shared);
+    EXPECT_EQ(associate(a, b, score * 0.999f).matched().size(), 1u) << gap;
+    EXPECT_EQ(associate(a, b, score * 1.001f).matched().size(), 0u) << gap;
+  }
+  const Info apart = associate({{0, 0, 1, 1, 0}}, {{5, 0, 6, 1, 0}}, 0);
+  EXPECT_TRUE(apart.matched().empty());
+  EXPECT_EQ(apart.unmatched(), std::vector<int>{0});
+}
+
+TEST(Association, ScoreEqualToTheThresholdIsNoMatch) {
+  const Boxes box{{0, 0, 100, 100, 0}};  // large: the margin in the union is lost, the score 1
+  EXPECT_TRUE(associate(box, box, 1).matched().empty());
+  EXPECT_EQ(associate(box, box, nextafterf(1, 0)).matched().size(), 1u);
+  EXPECT_TRUE(associate(box, box, NAN).matched().empty());
+}
+
+TEST(Association, AreasAreNotClamped) {
+  // An inverted box has a negative area: no common part, and a union of 0.
+  const Boxes box{{0, 0, 4, 4, 0}}, inverted{{4, 0, 0, 4, 0}};
+  EXPECT_TRUE(associate(box, inverted, 0).matched().empty());
+  EXPECT_EQ(associate(box, inverted, -1).matched().size(), 1u);
+}
+
+TEST(Association, MoreDetectionsThanTracksLeaveSomeUnmatched) {
+  const Boxes tracks{{0, 0, 10, 10, 0}, {200, 0, 210, 10, 0}};
+  const Info info =
+      associate({{200, 1, 210, 11, 0}, {100, 0, 110, 10, 0}, {1, 0, 11, 10, 0}}, tracks, 0.3f);
+  EXPECT_EQ(info.matched(), (Pairs{{2, 0}, {0, 1}}));  // in the order of the tracks
+  EXPECT_EQ(info.unmatched(), std::vector<int>{1});
+}
+
+TEST(Association, OfEqualDetectionsTheFirstGetsTheTrack) {
+  const Boxes same{{0, 0, 10, 10, 0}, {0, 0, 10, 10, 0}, {0, 0, 10, 10, 0}};
+  const Info one = associate(same, {same[0]}, 0.3f);
+  EXPECT_EQ(one.matched(), (Pairs{{0, 0}}));
+  EXPECT_EQ(one.unmatched(), (std::vector<int>{1, 2}));
+  EXPECT_EQ(associate({same[0]}, same, 0.3f).matched(), (Pairs{{0, 0}}));
+}
+
+TEST(Association, NullTracksAreLetThroughAndOverlapNothing) {
+  const Boxes boxes{{-1, -1, 1, 1, 0}, {0, 0, 1, 1, 0}};
+  const Info info(zyn_associate_detections_to_trackers(boxes.data(), 2, nullptr, 1, 0));
+  ASSERT_TRUE(info);
+  EXPECT_TRUE(info.matched().empty());
+  EXPECT_EQ(info.unmatched(), (std::vector<int>{0, 1}));
+}
+
+TEST(Association, RefusesMissingDetectionsAndZeroCounts) {
+  const zyn_detection box{0, 0, 1, 1, 0};
+  const std::string refused = tracking_report(kPara, 1196);
+  auto text = [&](const zyn_detection* detections, int detection_count, int track_count) {
+    return printed([&] {
+      EXPECT_EQ(
+          zyn_associate_detections_to_trackers(detections, detection_count, &box, track_count, 0),
+          nullptr);
+    });
+  };
+  EXPECT_EQ(text(nullptr, 1, 1), refused);
+  EXPECT_EQ(text(&box, 0, 1), refused);
+  EXPECT_EQ(text(&box, 1, 0), refused);
+  const std::string no_matrix =
+      zyn_test::report("parameters error!", "src/matrix/zyn_matrix_core.cpp", 43) +
+      tracking_report(kMemory, 1202);
+  EXPECT_EQ(text(&box, -1, 1), no_matrix);
+  EXPECT_EQ(text(&box, 1, -3), no_matrix);
+}
+
+TEST(Association, ScoresThatAreNoNumbersGiveTwoMessages) {
+  const std::string both = kInfeasible + tracking_report(kUnknown, 1222);
+  const Boxes good{{0, 0, 1, 1, 0}, {5, 5, 9, 9, 0}}, bad{{NAN, 0, 1, 1, 0}, {0, NAN, 1, 1, 0}};
+  EXPECT_EQ(printed([&] { EXPECT_FALSE(associate(bad, bad, 0)); }), both);
+  EXPECT_EQ(printed([&] { EXPECT_FALSE(associate({good[0], bad[0]}, good, 0)); }), both);
+  EXPECT_EQ(printed([&] { EXPECT_FALSE(associate(good, {bad[0], good[0]}, 0)); }), both);
+  // A spare track may hold anything.
+  EXPECT_EQ(associate({good[0]}, {bad[0], good[0]}, 0.3f).matched(), (Pairs{{0, 1}}));
+}
+
+TEST(Association, AnyFloatsAreTaken) {
+  const float special[] = {NAN, INFINITY, -INFINITY, 3e38f, -3e38f, 1e-40f, 0, 1, 20};
+  Random random(14);
+  for (int i = 0; i < 600; i++) {
+    auto boxes = [&](int count) {
+      Boxes result(static_cast<size_t>(count));
+      for (auto& b : result)
+        for (float* x : {&b.x1, &b.y1, &b.x2, &b.y2, &b.score})
+          *x = random.integer(0, 2) ? random.real(-50, 50) : special[random.integer(0, 8)];
+      return result;
+    };
+    const Boxes detections = boxes(random.integer(1, 5)), tracks = boxes(random.integer(1, 5));
+    std::string text;
+    bool made = false;
+    text = printed([&] {
+      const Info info = associate(detections, tracks, 0.1f);
+      made = static_cast<bool>(info);
+      if (!made) return;
+      EXPECT_EQ(info.matched().size() + info.unmatched().size(), detections.size());
+    });
+    EXPECT_EQ(text, made ? "" : kInfeasible + tracking_report(kUnknown, 1222));
+  }
+}
+
+TEST(Association, EveryAllocationMayFail) {
+  const Boxes detections{{0, 0, 9, 9, 0}, {50, 0, 59, 9, 0}, {90, 0, 99, 9, 0}};
+  const Boxes tracks{{51, 0, 60, 9, 0}, {1, 0, 10, 9, 0}};
+  auto matrix = [](const char* message, int line) {
+    return zyn_test::report(message, "src/matrix/zyn_matrix_core.cpp", line);
+  };
+  const std::string no_scores = tracking_report(kMemory, 1202);
+  const std::string unsolved = tracking_report(kUnknown, 1222);
+  const std::vector<std::string> texts{matrix("memory error!", 48) + no_scores,
+                                       matrix(kMemory, 241) + no_scores,
+                                       matrix("memory error!", 48) + unsolved,
+                                       matrix(kMemory, 241) + unsolved,
+                                       tracking_report(kMemory, 767) + unsolved,
+                                       unsolved,
+                                       unsolved,
+                                       unsolved,
+                                       unsolved,  // the solver's three blocks, the list of pairs
+                                       tracking_report(kMemory, 1232),
+                                       tracking_report(kMemory, 1239),
+                                       "",
+                                       "",
+                                       ""};  // the record and its arrays
+  const int64_t needed = zyn_test::for_each_failing_allocation([&](int64_t n, bool) {
+    bool made = false;
+    const std::string text =
+        printed([&] { made = static_cast<bool>(associate(detections, tracks, 0)); });
+    const std::string want =
+        n <= static_cast<int64_t>(texts.size()) ? texts[static_cast<size_t>(n - 1)] : "";
+    EXPECT_EQ(text, want);
+    return made;
+  });
+  EXPECT_EQ(needed, static_cast<int64_t>(texts.size()));
+}
+
+TEST(MatchInfo, KeepsItsCountsAsGiven) {
+  const struct {
+    int32_t matched, unmatched;
+  } sizes[] = {{0, 0}, {3, 0}, {0, 2}, {2, 5}, {-4, -1}, {INT32_MIN, 1}};
+  for (const auto& size : sizes) {
+    zyn_sort_match_info* info = zyn_create_sort_match_info(size.matched, size.unmatched);
+    ASSERT_NE(info, nullptr);
+    EXPECT_EQ(info->matched_count, size.matched);
+    EXPECT_EQ(info->unmatched_count, size.unmatched);
+    EXPECT_EQ(info->matched != nullptr, size.matched > 0);
+    EXPECT_EQ(info->unmatched != nullptr, size.unmatched > 0);
+    for (int i = 0; i < size.matched; i++) EXPECT_EQ(info->matched[2 * i + 1], 0);
+    zyn_release_sort_match_info(&info);
+    EXPECT_EQ(info, nullptr);
+    zyn_release_sort_match_info(&info);
+  }
+  zyn_release_sort_match_info(nullptr);
+}
+
+}  // namespace

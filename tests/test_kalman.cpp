@@ -1,0 +1,453 @@
+// The general Kalman filter and the box tracker against the formulas.
+#include <gtest/gtest.h>
+#include <math.h>
+#include <stddef.h>
+#include <string.h>
+
+#include <string>
+
+#include "support/buffers.h"
+#include "support/capture.h"
+#include "support/failing.h"
+#include "support/track_model.h"
+#include "tracking/zyn_box_tracker.h"
+
+namespace {
+
+using zyn_test::Box;
+using zyn_test::Mat;
+using zyn_test::printed;
+using zyn_test::Random;
+using zyn_test::TrackModel;
+
+using matrix_field = zyn_matrix* zyn_kalman::*;
+
+constexpr const char* kPara = "Your input params are wrong!";
+constexpr const char* kMemory = "Allocating memory failure! ";
+constexpr const char* kSupport = "Current version can not support!";
+
+std::string tracking_report(const char* message, int line) {
+  return zyn_test::report(message, "src/tracking/zyn_tracking.cpp", line);
+}
+
+double element(const zyn_matrix* m, int64_t i) {
+  return m->type == ZYN_TYPE_F32 ? static_cast<const float*>(m->data)[i]
+                                 : static_cast<const double*>(m->data)[i];
+}
+
+// Writes values to a library matrix and returns what it then holds.
+Mat<double> put(zyn_matrix* m, const Mat<double>& values) {
+  Mat<double> held(m->rows, m->cols);
+  for (size_t i = 0; i < values.v.size(); i++) {
+    if (m->type == ZYN_TYPE_F32)
+      static_cast<float*>(m->data)[i] = static_cast<float>(values.v[i]);
+    else
+      static_cast<double*>(m->data)[i] = values.v[i];
+    held.v[i] = element(m, static_cast<int64_t>(i));
+  }
+  return held;
+}
+
+void expect_near(const zyn_matrix* got, const Mat<double>& want, double tolerance,
+                 const char* what) {
+  double largest = 1;
+  for (double x : want.v) largest = fmax(largest, fabs(x));
+  for (size_t i = 0; i < want.v.size(); i++)
+    ASSERT_NEAR(element(got, static_cast<int64_t>(i)), want.v[i], tolerance * largest)
+        << what << " element " << i;
+}
+
+// A filter of any size beside its model in double.
+class FilterPair {
+ public:
+  FilterPair(zyn_kalman_sizes sizes, uint64_t seed) : random_(seed), type_(sizes.type) {
+    filter_ = zyn_create_kalman(&sizes);
+    const int n = sizes.state, m = sizes.measurement;
+    model_.transition = put(filter_->transition, random(n, n, 0.3f).plus(identity(n), 0.7));
+    model_.measurement = put(filter_->measurement, random(m, n, 1));
+    model_.process_noise = put(filter_->process_noise, covariance(n));
+    model_.measurement_noise = put(filter_->measurement_noise, covariance(m));
+    model_.corrected_cov = put(filter_->corrected_covariance, covariance(n));
+    model_.corrected = put(filter_->corrected_state, random(n, 1, 2));
+    // On purpose not part of any formula: poison that must not show up.
+    if (filter_->control)
+      put(filter_->control, Mat<double>(n, sizes.control).plus(nans(n, sizes.control), 1));
+  }
+  ~FilterPair() { zyn_release_kalman(&filter_); }
+
+  void predict() {
+    ASSERT_EQ(zyn_kalman_predict(filter_), filter_->predicted_state);
+    model_.predict();
+    compare();
+    EXPECT_EQ(
+        memcmp(filter_->predicted_state->data, filter_->corrected_state->data,
+               static_cast<size_t>(filter_->state_size * filter_->predicted_state->row_bytes)),
+        0);
+  }
+  void correct() {
+    const int m = filter_->measurement_size;
+    zyn_matrix* z = zyn_create_matrix(m, 1, 1, static_cast<int32_t>(type_));
+    const Mat<double> values = put(z, random(m, 1, 3));
+    EXPECT_EQ(zyn_kalman_correct(z, filter_), filter_->corrected_state);
+    model_.correct(values);
+    expect_near(filter_->gain, model_.gain, tolerance(), "gain");
+    compare();
+    zyn_release_matrix(&z);
+  }
+
+ private:
+  double tolerance() const { return type_ == ZYN_TYPE_F32 ? 2e-4 : 1e-11; }
+  void compare() {
+    expect_near(filter_->predicted_state, model_.predicted, tolerance(), "predicted state");
+    expect_near(filter_->corrected_state, model_.corrected, tolerance(), "corrected state");
+    expect_near(filter_->predicted_covariance, model_.predicted_cov, tolerance(), "predicted");
+    expect_near(filter_->corrected_covariance, model_.corrected_cov, tolerance(), "corrected");
+  }
+  static Mat<double> identity(int n) {
+    return Mat<double>::diagonal(std::vector<double>(static_cast<size_t>(n), 1));
+  }
+  static Mat<double> nans(int r, int c) {
+    Mat<double> m(r, c);
+    for (double& x : m.v) x = NAN;
+    return m;
+  }
+  Mat<double> random(int r, int c, float range) {
+    Mat<double> m(r, c);
+    for (double& x : m.v) x = random_.real(-range, range);
+    return m;
+  }
+  Mat<double> covariance(int n) {
+    const Mat<double> half = random(n, n, 0.7f);
+    return half * half.transposed() + identity(n);
+  }
+
+  Random random_;
+  uint32_t type_;
+  zyn_kalman* filter_;
+  zyn_test::KalmanModel<double> model_;
+};
+
+// A track at a box, released at the end.
+class Track {
+ public:
+  Track(float x1, float y1, float x2, float y2) : Track(Box{{x1, y1, x2, y2}}) {}
+  explicit Track(Box box) : track_(zyn_create_box_tracker(box.v, 7)) {}
+  ~Track() { zyn_release_box_tracker(&track_); }
+  zyn_box_tracker* operator->() { return track_; }
+  zyn_box_tracker* get() { return track_; }
+  float* corrected() { return static_cast<float*>(track_->filter->corrected_state->data); }
+  float* predicted() { return static_cast<float*>(track_->filter->predicted_state->data); }
+  Box predict() {
+    Box box{};
+    EXPECT_EQ(zyn_box_tracker_predict(box.v, track_), 0);
+    return box;
+  }
+  void update(Box box) { EXPECT_EQ(zyn_box_tracker_update(box.v, track_), 0); }
+
+ private:
+  zyn_box_tracker* track_;
+};
+
+void expect_state(const float* state, std::vector<float> want) {
+  for (size_t i = 0; i < want.size(); i++) EXPECT_FLOAT_EQ(state[i], want[i]) << "element " << i;
+}
+
+TEST(Kalman, FollowsTheFormulasForAnySizeAndType) {
+  for (int32_t state : {1, 2, 4, 7, 9, 17})
+    for (int32_t measurement : {1, 3, 4, 8})
+      for (uint32_t type : {ZYN_TYPE_F32, ZYN_TYPE_F64}) {
+        SCOPED_TRACE(testing::Message() << state << " / " << measurement << " type " << type);
+        FilterPair pair({state, measurement, state % 3, type},
+                        static_cast<uint64_t>(100 * state + measurement));
+        for (int step = 0; step < 6; step++) {
+          ASSERT_NO_FATAL_FAILURE(pair.predict());
+          if (step % 3 == 1) continue;
+          ASSERT_NO_FATAL_FAILURE(pair.correct());
+        }
+      }
+}
+
+TEST(Kalman, StartsFromIdentitiesAndZeros) {
+  const zyn_kalman_sizes sizes{3, 2, 5, ZYN_TYPE_F64};
+  zyn_kalman* f = zyn_create_kalman(&sizes);
+  ASSERT_NE(f, nullptr);
+  const struct {
+    matrix_field field;
+    int rows, cols;
+    bool identity;
+  } matrices[] = {{&zyn_kalman::predicted_state, 3, 1, false},
+                  {&zyn_kalman::corrected_state, 3, 1, false},
+                  {&zyn_kalman::transition, 3, 3, true},
+                  {&zyn_kalman::control, 3, 5, false},
+                  {&zyn_kalman::measurement, 2, 3, false},
+                  {&zyn_kalman::process_noise, 3, 3, true},
+                  {&zyn_kalman::measurement_noise, 2, 2, true},
+                  {&zyn_kalman::predicted_covariance, 3, 3, false},
+                  {&zyn_kalman::gain, 3, 2, false},
+                  {&zyn_kalman::corrected_covariance, 3, 3, false},
+                  {&zyn_kalman::work1, 3, 3, false},
+                  {&zyn_kalman::work2, 2, 3, false},
+                  {&zyn_kalman::work3, 2, 2, false},
+                  {&zyn_kalman::work4, 2, 3, false},
+                  {&zyn_kalman::work5, 2, 1, false}};
+  // In the record's order, without gaps.
+  zyn_matrix* const* slot = reinterpret_cast<zyn_matrix* const*>(
+      reinterpret_cast<const char*>(f) + offsetof(zyn_kalman, predicted_state));
+  for (const auto& m : matrices) {
+    const zyn_matrix* matrix = f->*m.field;
+    EXPECT_EQ(*slot++, matrix);
+    ASSERT_EQ(matrix->rows, m.rows);
+    ASSERT_EQ(matrix->cols, m.cols);
+    EXPECT_EQ(matrix->type, 7u);
+    for (int r = 0; r < m.rows; r++)
+      for (int c = 0; c < m.cols; c++)
+        EXPECT_EQ(element(matrix, r * m.cols + c), m.identity && r == c ? 1 : 0);
+  }
+  EXPECT_EQ(zyn_release_kalman(&f), 0);
+  EXPECT_EQ(f, nullptr);
+  EXPECT_EQ(zyn_release_kalman(nullptr), 1);
+}
+
+TEST(Kalman, RefusesBadSizes) {
+  const zyn_kalman_sizes bad[] = {{0, 1, 0, 6},  {-1, 1, 0, 6}, {1, 0, 0, 6},
+                                  {1, 1, -1, 6}, {1, 1, 0, 5},  {1, 1, 0, 14}};
+  const std::string report = tracking_report(kPara, 42);
+  EXPECT_EQ(printed([] { EXPECT_EQ(zyn_create_kalman(nullptr), nullptr); }), report);
+  for (const auto& sizes : bad)
+    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_create_kalman(&sizes), nullptr); }), report);
+}
+
+TEST(Kalman, FailuresHaveTheReportOfTheirCode) {
+  const zyn_kalman_sizes sizes{3, 2, 0, ZYN_TYPE_F32};
+  zyn_kalman* f = zyn_create_kalman(&sizes);
+  zyn_matrix* z = zyn_create_matrix(2, 1, 1, ZYN_TYPE_F32);
+  memset(z->data, 0, 8);
+  auto predict = [&] { return printed([&] { EXPECT_EQ(zyn_kalman_predict(f), nullptr); }); };
+  auto correct = [&] { return printed([&] { EXPECT_EQ(zyn_kalman_correct(z, f), nullptr); }); };
+  EXPECT_EQ(printed([] { EXPECT_EQ(zyn_kalman_predict(nullptr), nullptr); }),
+            tracking_report(kPara, 300));
+  EXPECT_EQ(printed([&] {
+              EXPECT_EQ(zyn_kalman_correct(nullptr, f), nullptr);
+              EXPECT_EQ(zyn_kalman_correct(z, nullptr), nullptr);
+            }),
+            tracking_report(kPara, 473) + tracking_report(kPara, 473));
+
+  f->transition->cols = 2;  // extents that do not fit: code 1 without a report of its own
+  EXPECT_EQ(predict(), tracking_report(kPara, 300));
+  f->transition->cols = 3;
+  for (int32_t* extent : {&z->rows, &z->cols, &z->pages}) {
+    ++*extent;
+    EXPECT_EQ(correct(), tracking_report(kPara, 473));
+    --*extent;
+  }
+
+  f->type = 3;
+  EXPECT_EQ(correct(), tracking_report(kSupport, 473));
+  for (matrix_field field :
+       {&zyn_kalman::predicted_state, &zyn_kalman::transition, &zyn_kalman::corrected_state})
+    (f->*field)->type = 3;
+  EXPECT_EQ(predict(),
+            zyn_test::report("ZYN_RET_ERR_NOT_SUPPORT", "src/matrix/zyn_matrix_basic_l3.cpp", 120) +
+                tracking_report(kSupport, 300));
+  zyn_release_matrix(&z);
+  zyn_release_kalman(&f);
+}
+
+TEST(Kalman, SingularCorrectionHasNoReportOfItsOwn) {
+  const zyn_kalman_sizes sizes{3, 2, 0, ZYN_TYPE_F32};
+  zyn_kalman* f = zyn_create_kalman(&sizes);
+  zyn_matrix* z = zyn_create_matrix(2, 1, 1, ZYN_TYPE_F32);
+  memset(z->data, 0, 8);
+  memset(f->measurement_noise->data, 0, 16);
+  EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_kalman_correct(z, f), nullptr); }),
+            "\nIt's not a full rank matrix\n");
+  zyn_release_matrix(&z);
+  zyn_release_kalman(&f);
+}
+
+TEST(Kalman, EveryAllocationOfACreationMayFail) {
+  const zyn_kalman_sizes sizes{2, 1, 1, ZYN_TYPE_F64};
+  const int64_t needed = zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+    zyn_kalman* f = nullptr;
+    const std::string text = printed([&] { f = zyn_create_kalman(&sizes); });
+    if (!f) {
+      const std::string last = tracking_report(kMemory, 110);
+      EXPECT_EQ(text.substr(text.size() - last.size()), last);
+      return false;
+    }
+    zyn_release_kalman(&f);
+    return true;
+  });
+  EXPECT_EQ(needed, 1 + 15 * 2);
+
+  const Box box{{1, 2, 3, 4}};
+  zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+    zyn_box_tracker* track = nullptr;
+    const std::string text = printed([&] { track = zyn_create_box_tracker(box.v, 0); });
+    if (!track) {
+      const std::string last = tracking_report(kPara, 986);
+      EXPECT_EQ(text.substr(text.size() - last.size()), last);
+      return false;
+    }
+    zyn_release_box_tracker(&track);
+    return true;
+  });
+}
+
+TEST(BoxTracker, RefusesNullArguments) {
+  EXPECT_EQ(printed([] { EXPECT_EQ(zyn_create_box_tracker(nullptr, 0), nullptr); }),
+            tracking_report(kPara, 986));
+  Track track(0, 0, 1, 1);
+  Box box{};
+  EXPECT_EQ(zyn_box_tracker_update(nullptr, track.get()), 1);
+  EXPECT_EQ(zyn_box_tracker_update(box.v, nullptr), 1);
+  EXPECT_EQ(zyn_box_tracker_predict(nullptr, track.get()), 1);
+  EXPECT_EQ(zyn_box_tracker_predict(box.v, nullptr), 1);
+  EXPECT_EQ(zyn_release_box_tracker(nullptr), 1);
+  EXPECT_EQ(track->age + track->time_since_update, 0);
+}
+
+TEST(BoxTracker, StartsAtRestOnItsBox) {
+  Track track(10, 20, 30, 60);
+  expect_state(track.corrected(), {20, 40, 800, 0.5f, 0, 0, 0});
+  EXPECT_EQ(track->id, 7u);
+  EXPECT_EQ(track->hits, 1);
+  EXPECT_EQ(track->hit_streak, 1);
+  const Box box = track.predict();
+  expect_state(box.v, {10, 20, 30, 60});
+  EXPECT_EQ(track->age, 1);
+  EXPECT_EQ(track->time_since_update, 1);
+
+  Track point(5, 5, 5, 5);
+  expect_state(point.corrected(), {5, 5, 1e-14f, 1, 0, 0, 0});
+  Track inverted(5, 9, 1, 2);
+  expect_state(inverted.corrected(), {5, 9, 1e-14f, 1, 0, 0, 0});
+}
+
+TEST(BoxTracker, FirstPredictionWithoutADetectionKeepsTheStreak) {
+  Track track(0, 0, 10, 10);
+  track.predict();
+  EXPECT_EQ(track->hit_streak, 1);
+  track.predict();
+  EXPECT_EQ(track->hit_streak, 0);
+  track.update({{0, 0, 10, 10}});
+  EXPECT_EQ(track->hit_streak, 1);
+  EXPECT_EQ(track->time_since_update, 0);
+  EXPECT_EQ(track->hits, 2);
+}
+
+TEST(BoxTracker, AreaVelocityDoesNotFeedTheArea) {
+  Track track(0, 0, 10, 10);
+  track.corrected()[6] = 30;
+  track.predict();
+  EXPECT_FLOAT_EQ(track.predicted()[2], 100);
+  EXPECT_EQ(track.predicted()[6], 30);
+}
+
+TEST(BoxTracker, StoppedAreaVelocityBecomesMinusZero) {
+  for (float velocity : {-150.0f, -100.0f}) {
+    Track track(0, 0, 10, 10);
+    track.corrected()[6] = velocity;
+    // The sign is lost in the prediction's sums: a prediction that fails shows it.
+    track->filter->transition->cols = 6;
+    Box box{};
+    printed([&] { EXPECT_EQ(zyn_box_tracker_predict(box.v, track.get()), 32); });
+    track->filter->transition->cols = 7;
+    EXPECT_EQ(track.corrected()[6], 0);
+    EXPECT_TRUE(signbit(track.corrected()[6]));
+    track.predict();
+    EXPECT_EQ(track.corrected()[6], 0);
+    EXPECT_FLOAT_EQ(track.predicted()[2], 100);
+  }
+  Track track(0, 0, 10, 10);
+  track.corrected()[6] = -99;
+  track.predict();
+  EXPECT_EQ(track.corrected()[6], -99);
+}
+
+TEST(BoxTracker, PredictedStateIsNormalisedAfterItWasCopied) {
+  Track track(0, 0, 10, 10);
+  track.corrected()[2] = -4;  // no box has this area
+  const Box box = track.predict();
+  EXPECT_EQ(track.corrected()[2], -4);
+  // Width 1e-7 and height -4e7 become the smallest box with the same left top corner.
+  EXPECT_FLOAT_EQ(track.predicted()[2], 1e-14f);
+  EXPECT_FLOAT_EQ(track.predicted()[3], 1);
+  EXPECT_FLOAT_EQ(track.predicted()[1], 5 + 2e7f);
+  EXPECT_GE(box.v[3], box.v[1]);
+}
+
+TEST(BoxTracker, CountersStopAtTheirLargestValue) {
+  Track track(0, 0, 10, 10);
+  track->age = track->hits = track->hit_streak = track->time_since_update = INT32_MAX;
+  track.predict();
+  EXPECT_EQ(track->age, INT32_MAX);
+  EXPECT_EQ(track->time_since_update, INT32_MAX);
+  track->hit_streak = INT32_MAX;
+  track.update({{0, 0, 10, 10}});
+  EXPECT_EQ(track->hits, INT32_MAX);
+  EXPECT_EQ(track->hit_streak, INT32_MAX);
+}
+
+TEST(BoxTracker, FailedCorrectionCountsTheDetectionAllTheSame) {
+  Track track(0, 0, 10, 10);
+  memset(track->filter->measurement_noise->data, 0, 64);
+  Box box{{0, 0, 1, 1}};
+  printed([&] { EXPECT_EQ(zyn_box_tracker_update(box.v, track.get()), 32); });
+  EXPECT_EQ(track->hits, 2);
+  track->filter->transition->cols = 6;
+  printed([&] { EXPECT_EQ(zyn_box_tracker_predict(box.v, track.get()), 32); });
+  EXPECT_EQ(track->age, 0);
+}
+
+TEST(BoxTracker, AnyFloatsAreTaken) {
+  const float special[] = {NAN, INFINITY, -INFINITY, 3e38f, -3e38f, 1e-40f, 0, -0.0f, 7};
+  Random random(3);
+  for (int i = 0; i < 300; i++) {
+    auto box = [&] {
+      Box b{};
+      for (float& x : b.v) x = special[random.integer(0, 8)];
+      return b;
+    };
+    Track track(box());
+    for (int step = 0; step < 5; step++) {
+      track.predict();
+      if (random.integer(0, 1)) track.update(box());
+    }
+    EXPECT_EQ(track->age, 5);
+  }
+}
+
+TEST(BoxTracker, FollowsAWalkAsTheFormulasSay) {
+  for (uint64_t seed = 1; seed <= 40; seed++) {
+    SCOPED_TRACE(seed);
+    Random random(seed);
+    float x = random.real(0, 500), y = random.real(0, 500), w = random.real(5, 200);
+    auto box = [&] {
+      x += random.real(-9, 12);
+      y += random.real(-9, 12);
+      w *= random.real(0.95f, 1.06f);
+      return Box{{x, y, x + w, y + w * random.real(0.7f, 1.5f)}};
+    };
+    const Box first = box();
+    Track track(first);
+    TrackModel model(first, 7);
+    for (int step = 0; step < 60; step++) {
+      const Box got = track.predict(), want = model.predict();
+      for (int i = 0; i < 4; i++) ASSERT_NEAR(got.v[i], want.v[i], 1e-3f * 300) << step;
+      ASSERT_EQ(track->hit_streak, model.streak);
+      ASSERT_EQ(track->time_since_update, model.since);
+      if (random.integer(0, 3) == 0) continue;
+      const Box seen = box();
+      track.update(seen);
+      model.update(seen);
+      float corrected[4];
+      zyn_state_to_box(corrected, track.corrected());
+      const Box expected = TrackModel::box_of(model.filter.corrected);
+      for (int i = 0; i < 4; i++)
+        ASSERT_NEAR(corrected[i], expected.v[i], 1e-3f * fmaxf(1, fabsf(expected.v[i]))) << step;
+    }
+  }
+}
+
+}  // namespace
