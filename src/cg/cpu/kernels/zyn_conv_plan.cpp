@@ -112,8 +112,8 @@ zyn_conv_plan* zyn_cg_conv_prepare_planned(const zyn_tensor* input, const zyn_te
     return nullptr;
   // One block holds the weights and the scratch that every run needs. On purpose: a plan
   // whose block cannot be had is handed out without, and each run says so.
-  const int64_t packed = static_cast<int64_t>(plan->padded_rows) * plan->k;
-  const int64_t scratch = plan->strip.floats + plan->strip.flat_floats;
+  const int64_t packed = zyn_conv_plan_scratch(plan.get());
+  const int64_t scratch = plan->strip.floats + plan->strip.panel_floats + plan->strip.flat_floats;
   zyn_scratch<float> block(packed + scratch);
   if (block) {
     memset(block.get() + packed, 0, static_cast<size_t>(scratch) * sizeof(float));

@@ -30,7 +30,9 @@ struct zyn_conv_strip {
   int64_t pitch;           // floats of one row of a phase
   bool flat;               // the strip's rows are one run of columns, border included
   int64_t channel_floats;  // from one channel to the next
+  int64_t phase_floats;    // from one phase to the next
   int64_t floats;          // of the whole strip
+  int64_t panel_floats;    // of the aligned copy of some of the product's columns
   int64_t flat_floats;     // of the products of a flat strip, border included; else 0
 };
 
@@ -56,9 +58,9 @@ struct zyn_conv_plan {
   zyn_conv_strip strip;  // kinds 1 to 4
 };
 
-// Scratch behind the packed weights.
-inline float* zyn_conv_plan_strip(const zyn_conv_plan* plan) {
-  return plan->weights + static_cast<int64_t>(plan->padded_rows) * plan->weights_per_row;
+// Where the scratch begins in the block of the packed weights, in floats: aligned.
+inline int64_t zyn_conv_plan_scratch(const zyn_conv_plan* plan) {
+  return (static_cast<int64_t>(plan->padded_rows) * plan->weights_per_row + 15) / 16 * 16;
 }
 
 // Sizes of the strip of a plan of kinds 1 to 4.

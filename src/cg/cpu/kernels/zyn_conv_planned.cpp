@@ -98,29 +98,30 @@ uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_
 uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_conv_plan* plan,
                                 const zyn_conv_epilogue& epilogue) {
   const int64_t pixels = plan->output_pixels, k = plan->k, width = plan->panel_width;
-  zyn_gemm_rows b = {input, pixels, k, 1, nullptr, k};
+  zyn_gemm_rows b = {input, pixels, k, 1, nullptr, nullptr, 0};
   const zyn_gemm_output out = {output, pixels, plan->output_channels, epilogue};
-  if (pixels >= kVector && !rows_collide(k, pixels)) {
+  const bool aligned = pixels % kVector == 0 && reinterpret_cast<uintptr_t>(input) % 32 == 0;
+  if (aligned && !rows_collide(k, pixels)) {
     zyn_gemm_in_place(b, pixels, plan->weights, plan->channel_block, out);
     return 0;
   }
-  // Copied strips: planes of less than one vector, and planes whose rows share few cache
-  // sets. One slice of scratch per thread.
-  const int64_t strip = (plan->output_w + width - 1) / width * width;
+  // Columns are copied where vectors read in place would straddle cache lines or rows
+  // share few cache sets, and where a plane has less than one vector. One slice of scratch
+  // per thread.
+  const int64_t strip = larger((plan->output_w + width - 1) / width * width, ZYN_GEMM_WIDE);
   const int64_t slices = smaller(larger(plan->threads, 1), kMostSlices);
   zyn_scratch<float> scratch(slices * strip * k);
   if (!scratch) return 2;
   float* slice = scratch.get() + zyn_platform_thread_number() % slices * strip * k;
-  b.channel_stride = width;
-  for (int64_t first = 0; first < pixels; first += strip) {
-    const int64_t columns = smaller(strip, pixels - first);
-    zyn_gemm_pack_panels(k, columns, width, input + first, pixels, slice);
-    for (int64_t column = 0; column < columns; column += width) {
-      b.base = slice + column * k;
-      zyn_gemm_in_place(b, smaller(width, columns - column), plan->weights, plan->channel_block,
-                        {output + first + column, pixels, out.rows, epilogue});
-    }
+  if (pixels < kVector) {
+    zyn_gemm_pack_panels(k, pixels, width, input, pixels, slice);
+    b.base = slice;
+    b.channel_stride = width;
+  } else {
+    b.panels = slice;
+    b.panel_columns = strip;
   }
+  zyn_gemm_in_place(b, pixels, plan->weights, plan->channel_block, out);
   return 0;
 }
 

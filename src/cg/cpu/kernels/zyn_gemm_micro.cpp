@@ -16,13 +16,17 @@ namespace {
 
 #define ZYN_UNROLL _Pragma("GCC unroll 16")
 
-// One term of every element of a tile: rows kRows (weight of row r at row(r)), columns
-// from x on, vectors vector_stride floats apart.
-template <int kRows, int kVectors, typename Weight>
-[[gnu::always_inline]] inline void multiply_add(__m256 (&sums)[kRows][kVectors], const float* x,
-                                                int64_t vector_stride, const Weight& weight) {
+// One term of every element of a tile of kRows x 8 * kVectors: the weight of row r stands
+// at weight(r), the values of vector v at column(v), from where they also go to copy.
+template <bool kCopy, int kRows, int kVectors, typename Weight, typename Column>
+[[gnu::always_inline]] inline void multiply_add(__m256 (&sums)[kRows][kVectors],
+                                                const Weight& weight, const Column& column,
+                                                float* copy) {
   __m256 columns[kVectors];
-  ZYN_UNROLL for (int v = 0; v < kVectors; v++) columns[v] = _mm256_loadu_ps(x + v * vector_stride);
+  ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
+    columns[v] = _mm256_loadu_ps(column(v));
+    if (kCopy) _mm256_store_ps(copy + 8 * v, columns[v]);
+  }
   ZYN_UNROLL for (int r = 0; r < kRows; r++) {
     const __m256 w = _mm256_broadcast_ss(weight(r));
     ZYN_UNROLL for (int v = 0; v < kVectors; v++) sums[r][v] =
@@ -59,170 +63,332 @@ template <int kBlock, int kRows, int kWidth, int kVectors>
   __m256 sums[kRows][kVectors];
   clear(sums);
   _Pragma("GCC unroll 4") for (int64_t i = 0; i < k; i++) {
-    multiply_add(sums, panel, vector_stride, [weights](int r) { return weights + r; });
+    multiply_add<false>(
+        sums, [weights](int r) { return weights + r; },
+        [panel, vector_stride](int v) { return panel + v * vector_stride; }, nullptr);
     weights += kBlock;
     panel += kWidth;
   }
   store_scaled(sums, alpha, beta, tile, pitch);
 }
 
-// The part of an output that a tile writes.
-struct tile_output {
-  float* data;
+// A run of tiles of a product by rows read in place. The vectors of a tile may lie
+// anywhere: columns of one row or of several.
+struct tile_job {
+  const float* x;  // first row of B, first vector of the first tile
+  int64_t channel_stride, channels, taps;
+  const int64_t* offsets;
+  const float* weights;  // of the tile's first weight block, from the first term on
+  int64_t block_stride;  // from one weight block of a tile to the next
+  float* out;
   int64_t pitch;
   int64_t rows;     // of the tile's rows those that exist
-  int64_t columns;  // of the last vector; below 8 only in outputs narrower than that
+  int64_t columns;  // of a narrow tile: those that are stored
+  int64_t at[3];    // where in B the tile's vectors lie, from x on
+  int64_t to[3];    // and where in the output
   const float* bias;
+  int32_t activation;
+  bool resume;    // the sums so far stand in the output
+  float* copy;    // copying tiles: the panel to fill
+  int64_t count;  // tiles in the run, and what lies between one and the next
+  int64_t next_x, next_weights, next_out, next_rows;
 };
 
 template <int kActivation, int kRows, int kVectors>
 [[gnu::always_inline]] inline void finish(const __m256 (&sums)[kRows][kVectors],
-                                          const tile_output& out) {
+                                          const tile_job& job, float* out, int64_t first_row) {
+  const int64_t rows = job.rows - first_row;
+  const float* biases = job.bias ? job.bias + first_row : nullptr;
   ZYN_UNROLL for (int r = 0; r < kRows; r++) {
-    if (r >= out.rows) return;
-    const __m256 bias = out.bias ? _mm256_broadcast_ss(out.bias + r) : _mm256_setzero_ps();
+    if (r >= rows) return;
+    const __m256 bias = biases ? _mm256_broadcast_ss(biases + r) : _mm256_setzero_ps();
     ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
-      const __m256 sum = out.bias ? _mm256_add_ps(sums[r][v], bias) : sums[r][v];
+      const __m256 sum = biases ? _mm256_add_ps(sums[r][v], bias) : sums[r][v];
       const __m256 y = zyn_activate<kActivation>(sum);
-      float* to = out.data + r * out.pitch + 8 * v;
-      if (kVectors == 1 && out.columns < 8)
-        _mm256_maskstore_ps(to, zyn_first_lanes(out.columns), y);
+      float* to = out + r * job.pitch + (v == 0 ? 0 : job.to[v]);
+      if (kVectors == 1 && job.columns < 8)
+        _mm256_maskstore_ps(to, zyn_first_lanes(job.columns), y);
       else
         _mm256_storeu_ps(to, y);
     }
   }
 }
 
-using tile_function = void (*)(const zyn_gemm_rows& b, int64_t column, const float* weights,
-                               int32_t activation, const tile_output& out);
-
-// kBlocks weight blocks of kBlock rows by 8 * kVectors columns of a B read in place.
-template <int kBlock, int kBlocks, int kVectors, bool kTaps>
-void tile(const zyn_gemm_rows& b, int64_t column, const float* weights, int32_t activation,
-          const tile_output& out) {
-  constexpr int kRows = kBlock * kBlocks;
-  const int64_t block_stride = b.channels * b.taps * kBlock;
-  __m256 sums[kRows][kVectors];
-  clear(sums);
-  const float* x = b.base + column;
-  const int64_t channel_stride = b.channel_stride;
-  auto weight = [&weights, block_stride](int r) {
-    return weights + r / kBlock * block_stride + r % kBlock;
-  };
-  if (kTaps) {
-    const int64_t* offsets = b.offsets;
-    const int64_t* end = offsets + b.taps;
-    for (int64_t c = b.channels; c > 0; c--) {
-      for (const int64_t* offset = offsets; offset < end; offset++) {
-        multiply_add(sums, x + *offset, 8, weight);
-        weights += kBlock;
-      }
-      x += channel_stride;
-    }
-  } else {
-    _Pragma("GCC unroll 4") for (int64_t c = b.channels; c > 0; c--) {
-      multiply_add(sums, x, 8, weight);
-      weights += kBlock;
-      x += channel_stride;
-    }
-  }
-  switch (activation) {
-    case ZYN_EPILOGUE_RELU:
-      return finish<ZYN_EPILOGUE_RELU>(sums, out);
-    case ZYN_EPILOGUE_HARD_SWISH:
-      return finish<ZYN_EPILOGUE_HARD_SWISH>(sums, out);
-    case ZYN_EPILOGUE_HARD_SIGMOID:
-      return finish<ZYN_EPILOGUE_HARD_SIGMOID>(sums, out);
-    default:
-      return finish<ZYN_EPILOGUE_NONE>(sums, out);
+template <int kRows, int kVectors>
+[[gnu::always_inline]] inline void resume(__m256 (&sums)[kRows][kVectors], const tile_job& job,
+                                          const float* out, int64_t first_row) {
+  ZYN_UNROLL for (int r = 0; r < kRows; r++) {
+    if (r >= job.rows - first_row) return;
+    ZYN_UNROLL for (int v = 0; v < kVectors; v++) sums[r][v] =
+        _mm256_loadu_ps(out + r * job.pitch + (v == 0 ? 0 : job.to[v]));
   }
 }
 
-// The tiles for one block size: a wide one for the bulk of the columns, and tiles of one
+// kBlocks weight blocks of kBlock rows by kVectors vectors of 8 columns.
+template <int kBlock, int kBlocks, int kVectors, bool kTaps, bool kCopy>
+void tiles(const tile_job& job) {
+  constexpr int kRows = kBlock * kBlocks;
+  const int64_t block_stride = job.block_stride, channel_stride = job.channel_stride;
+  const int64_t at[3] = {0, kVectors > 1 ? job.at[1] : 0, kVectors > 2 ? job.at[2] : 0};
+  const float* start = job.x;
+  const float* first_weights = job.weights;
+  float* out = job.out;
+  float* copy = job.copy;
+  int64_t row = 0;
+  for (int64_t n = job.count; n > 0; n--) {
+    __m256 sums[kRows][kVectors];
+    clear(sums);
+    if (kVectors > 1 && job.resume) resume(sums, job, out, row);
+    const float* x = start;
+    const float* weights = first_weights;
+    auto step = [&](const float* from) __attribute__((always_inline)) {
+      multiply_add<kCopy>(
+          sums,
+          [weights, block_stride](int r) {
+            return weights + r / kBlock * block_stride + r % kBlock;
+          },
+          [from, &at](int v) { return from + at[v]; }, copy);
+      weights += kBlock;
+      if (kCopy) copy += 8 * kVectors;
+    };
+    if (kTaps) {
+      const int64_t* end = job.offsets + job.taps;
+      for (int64_t c = job.channels; c > 0; c--, x += channel_stride)
+        for (const int64_t* offset = job.offsets; offset < end; offset++) step(x + *offset);
+    } else {
+      _Pragma("GCC unroll 4") for (int64_t c = job.channels; c > 0; c--, x += channel_stride)
+          step(x);
+    }
+    switch (job.activation) {
+      case ZYN_EPILOGUE_RELU:
+        finish<ZYN_EPILOGUE_RELU>(sums, job, out, row);
+        break;
+      case ZYN_EPILOGUE_HARD_SWISH:
+        finish<ZYN_EPILOGUE_HARD_SWISH>(sums, job, out, row);
+        break;
+      case ZYN_EPILOGUE_HARD_SIGMOID:
+        finish<ZYN_EPILOGUE_HARD_SIGMOID>(sums, job, out, row);
+        break;
+      default:
+        finish<ZYN_EPILOGUE_NONE>(sums, job, out, row);
+    }
+    start += job.next_x;
+    first_weights += job.next_weights;
+    out += job.next_out;
+    row += job.next_rows;
+  }
+}
+
+// The tiles for one block size: wide ones for the bulk of the columns, and tiles of one
 // vector that take 1, 2 or 3 blocks at once for the columns that remain.
+using tile_function = void (*)(const tile_job& job);
 struct tile_set {
   int64_t block, wide_columns, most_blocks;
-  tile_function wide[2];       // by whether B has taps
-  tile_function narrow[2][3];  // by number of blocks - 1
+  tile_function wide[2][2];    // by whether B has taps, whether the tile copies
+  tile_function narrow[2][3];  // by whether B has taps, number of blocks - 1
 };
-constexpr tile_set kTiles4 = {4,
-                              24,
-                              3,
-                              {tile<4, 1, 3, false>, tile<4, 1, 3, true>},
-                              {{tile<4, 1, 1, false>, tile<4, 2, 1, false>, tile<4, 3, 1, false>},
-                               {tile<4, 1, 1, true>, tile<4, 2, 1, true>, tile<4, 3, 1, true>}}};
+template <int kBlock, int kBlocks, int kVectors, bool kCopy>
+constexpr tile_function pair[2] = {tiles<kBlock, kBlocks, kVectors, false, kCopy>,
+                                   tiles<kBlock, kBlocks, kVectors, true, kCopy>};
+constexpr tile_set kTiles4 = {
+    4,
+    24,
+    3,
+    {{pair<4, 1, 3, false>[0], pair<4, 1, 3, true>[0]},
+     {pair<4, 1, 3, false>[1], pair<4, 1, 3, true>[1]}},
+    {{pair<4, 1, 1, false>[0], pair<4, 2, 1, false>[0], pair<4, 3, 1, false>[0]},
+     {pair<4, 1, 1, false>[1], pair<4, 2, 1, false>[1], pair<4, 3, 1, false>[1]}}};
 constexpr tile_set kTiles6 = {6,
                               16,
                               2,
-                              {tile<6, 1, 2, false>, tile<6, 1, 2, true>},
-                              {{tile<6, 1, 1, false>, tile<6, 2, 1, false>, nullptr},
-                               {tile<6, 1, 1, true>, tile<6, 2, 1, true>, nullptr}}};
+                              {{pair<6, 1, 2, false>[0], pair<6, 1, 2, true>[0]},
+                               {pair<6, 1, 2, false>[1], pair<6, 1, 2, true>[1]}},
+                              {{pair<6, 1, 1, false>[0], pair<6, 2, 1, false>[0], nullptr},
+                               {pair<6, 1, 1, false>[1], pair<6, 2, 1, false>[1], nullptr}}};
+
+// Bytes of B that a group of columns may keep in the first-level cache (48 KB, of which
+// the weights and the output need their share); terms beyond are summed in parts, the
+// sums so far waiting in the output.
+constexpr int64_t kGroupBytes = 24 * 1024;
+constexpr int64_t kMostPartBytes = 32 * 1024;
+// Fewer row blocks than this do not earn the copy of the columns back.
+constexpr int64_t kCopyBlocks = 3;
 
 int64_t smaller(int64_t a, int64_t b) { return a < b ? a : b; }
+int64_t larger(int64_t a, int64_t b) { return a > b ? a : b; }
 
 // Everything that a walk over an output needs to call a tile.
 struct walk {
   const zyn_gemm_rows& b;
-  const tile_set& tiles;
+  const tile_set& set;
   const float* packed;
   const zyn_gemm_output& output;
+  int64_t blocks;
+  int64_t part;  // channels that are summed at once
 
-  void call(tile_function function, int64_t block, int64_t column, int64_t columns) const {
-    const int64_t row = block * tiles.block;
+  // The job for row block block and channels first to last - 1, without its columns.
+  tile_job job(int64_t block, int64_t first, int64_t last) const {
+    const int64_t row = block * set.block, terms = b.channels * b.taps;
+    const bool done = last == b.channels;
     const zyn_conv_epilogue& e = output.epilogue;
-    function(b, column, packed + row * b.channels * b.taps, e.activation,
-             {output.data + row * output.pitch + column, output.pitch, output.rows - row, columns,
-              e.bias ? e.bias + row : nullptr});
+    tile_job j = {};
+    j.x = b.base + first * b.channel_stride;
+    j.channel_stride = b.channel_stride;
+    j.channels = last - first;
+    j.taps = b.taps;
+    j.offsets = b.offsets;
+    j.weights = packed + row * terms + first * b.taps * set.block;
+    j.block_stride = terms * set.block;
+    j.out = output.data + row * output.pitch;
+    j.pitch = output.pitch;
+    j.rows = output.rows - row;
+    j.columns = 8;
+    j.at[1] = j.to[1] = 8;
+    j.at[2] = j.to[2] = 16;
+    j.bias = done && e.bias ? e.bias + row : nullptr;
+    j.activation = done ? e.activation : static_cast<int32_t>(ZYN_EPILOGUE_NONE);
+    j.resume = first > 0;
+    j.count = 1;
+    return j;
   }
 
-  // One vector of columns, all blocks: as many at once as there are registers, but no
-  // single block left over at the end if two pairs do.
-  void narrow(int64_t column, int64_t columns) const {
-    const int64_t blocks = (output.rows + tiles.block - 1) / tiles.block;
+  // One vector of columns, all blocks: as many at once as there are registers, but two
+  // pairs rather than three blocks and a single one.
+  void narrow(int64_t from, int64_t to, int64_t columns) const {
     for (int64_t block = 0; block < blocks;) {
       const int64_t left = blocks - block;
-      const int64_t count =
-          left == 4 && tiles.most_blocks == 3 ? 2 : smaller(left, tiles.most_blocks);
-      call(tiles.narrow[b.taps > 1][count - 1], block, column, columns);
+      const int64_t count = left == 4 && set.most_blocks == 3 ? 2 : smaller(left, set.most_blocks);
+      tile_job j = job(block, 0, b.channels);
+      j.x += from;
+      j.out += to;
+      j.columns = columns;
+      set.narrow[b.taps > 1][count - 1](j);
       block += count;
     }
   }
 
-  // Whole wide tiles from first to last, block by block.
-  void wide(int64_t first, int64_t last) const {
-    for (int64_t block = 0; block * tiles.block < output.rows; block++)
-      for (int64_t column = first; column < last; column += tiles.wide_columns)
-        call(tiles.wide[b.taps > 1], block, column, 8);
+  // Fetches what the next group reads of B: a share of its rows for every row block.
+  void prefetch(int64_t block, int64_t first, int64_t columns) const {
+    const int64_t last = b.channels * (block + 1) / blocks;
+    for (int64_t c = b.channels * block / blocks; c < last; c++)
+      for (int64_t x = 0; x < columns; x += 16)
+        _mm_prefetch(reinterpret_cast<const char*>(b.base + c * b.channel_stride + first + x),
+                     _MM_HINT_T1);
+  }
+
+  bool copies() const { return b.panels && blocks >= kCopyBlocks; }
+
+  // Whole wide tiles from column to last, row block by row block; fetch: columns that come
+  // next.
+  void wide(int64_t column, int64_t last, int64_t fetch) const {
+    const bool copy = copies();
+    const int64_t width = set.wide_columns;
+    for (int64_t first = 0; first < b.channels; first += part) {
+      const int64_t end = smaller(first + part, b.channels);
+      for (int64_t block = 0; block < blocks; block++) {
+        if (fetch > 0 && first == 0) prefetch(block, last, fetch);
+        tile_job j = job(block, first, end);
+        j.out += column;
+        j.count = (last - column) / width;
+        j.next_out = width;
+        if (copy && block > 0) {
+          read_panels(&j);
+          j.next_x = width * j.channels;
+          set.wide[0][0](j);
+        } else {
+          j.x += column;
+          j.next_x = width;
+          j.copy = b.panels;
+          set.wide[b.taps > 1][copy](j);
+        }
+      }
+    }
+  }
+
+  // One wide tile whose vectors lie anywhere, all row blocks.
+  void scattered(const zyn_gemm_vector* vectors) const {
+    const bool copy = copies();
+    for (int64_t first = 0; first < b.channels; first += part) {
+      tile_job j = job(0, first, smaller(first + part, b.channels));
+      j.x += vectors[0].from;
+      j.out += vectors[0].to;
+      for (int64_t v = 1; v < set.wide_columns / 8; v++) {
+        j.at[v] = vectors[v].from - vectors[0].from;
+        j.to[v] = vectors[v].to - vectors[0].to;
+      }
+      j.copy = b.panels;
+      j.next_weights = j.block_stride;
+      j.next_out = set.block * j.pitch;
+      j.next_rows = set.block;
+      j.count = copy ? 1 : blocks;
+      set.wide[b.taps > 1][copy](j);
+      if (!copy) continue;
+      read_panels(&j);
+      j.count = blocks - 1;
+      j.weights += j.next_weights;
+      j.out += j.next_out;
+      j.rows -= j.next_rows;
+      if (j.bias) j.bias += j.next_rows;
+      set.wide[0][0](j);
+    }
+  }
+
+  // Lets a job read the columns that the first row block copied.
+  void read_panels(tile_job* j) const {
+    j->x = b.panels;
+    j->channel_stride = set.wide_columns;
+    j->channels *= b.taps;
+    j->at[1] = 8;
+    j->at[2] = 16;
   }
 };
 
-// Bytes of B that a group of columns may keep in the first-level cache (48 KB, of which
-// the weights and the output need their share).
-constexpr int64_t kGroupBytes = 24 * 1024;
+walk make_walk(const zyn_gemm_rows& b, const float* packed, int64_t block,
+               const zyn_gemm_output& output) {
+  const tile_set& set = block == 6 ? kTiles6 : kTiles4;
+  const int64_t bytes = set.wide_columns * b.channels * b.taps * 4;
+  const int64_t parts = (bytes + kMostPartBytes - 1) / kMostPartBytes;
+  return {
+      b, set, packed, output, (output.rows + block - 1) / block, (b.channels + parts - 1) / parts};
+}
 
 }  // namespace
 
 void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
                        const zyn_gemm_output& output) {
-  const tile_set& tiles = block == 6 ? kTiles6 : kTiles4;
-  const walk w = {b, tiles, packed, output};
-  const int64_t width = tiles.wide_columns;
+  const walk w = make_walk(b, packed, block, output);
+  const int64_t width = w.set.wide_columns;
   const int64_t whole = columns / width * width;
-  const int64_t fitting = kGroupBytes / 4 / b.column_floats / width * width;
-  const int64_t group = fitting < width ? width : fitting;
-  for (int64_t first = 0; first < whole; first += group)
-    w.wide(first, smaller(first + group, whole));
+  int64_t group = kGroupBytes / (b.channels * b.taps * 4);
+  if (b.panels) group = smaller(group, b.panel_columns);
+  group = larger(group / width, 1) * width;
+  for (int64_t first = 0; first < whole; first += group) {
+    const int64_t last = smaller(first + group, whole);
+    w.wide(first, last, b.taps > 1 ? 0 : smaller(group, columns - last));
+  }
   const int64_t rest = columns - whole;
   if (rest == 0) return;
   // The remaining columns are taken in tiles that end with the last column; what overlaps
   // is computed twice, to the same bits.
-  const bool one_block = output.rows <= block;
-  if (columns >= width && (rest > 16 || (one_block && rest > 8)))
-    return w.wide(columns - width, columns);
+  if (columns >= width && (rest > 16 || (w.blocks == 1 && rest > 8)))
+    return w.wide(columns - width, columns, 0);
+  if (rest > 16) {
+    const zyn_gemm_vector vectors[3] = {{0, 0}, {8, 8}, {columns - 8, columns - 8}};
+    return w.scattered(vectors);
+  }
   for (int64_t column = whole; column < columns; column += 8) {
     const int64_t start = columns < 8 ? 0 : smaller(column, columns - 8);
-    w.narrow(start, smaller(columns, 8));
+    w.narrow(start, start, smaller(columns, 8));
   }
+}
+
+void zyn_gemm_scattered(const zyn_gemm_rows& b, const zyn_gemm_vector* vectors, int64_t count,
+                        const float* packed, int64_t block, const zyn_gemm_output& output) {
+  const walk w = make_walk(b, packed, block, output);
+  const int64_t wide = w.set.wide_columns / 8;
+  int64_t i = 0;
+  for (; i + wide <= count; i += wide) w.scattered(vectors + i);
+  for (; i < count; i++) w.narrow(vectors[i].from, vectors[i].to, 8);
 }
 
 void zyn_gemm_micro_6x16(int64_t k, float alpha, float beta, const float* weights,

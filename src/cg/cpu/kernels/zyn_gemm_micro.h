@@ -44,8 +44,13 @@ struct zyn_gemm_rows {
   int64_t channels;
   int64_t taps;            // 1: offsets is not read
   const int64_t* offsets;  // one per tap
-  int64_t column_floats;   // floats of B that one column brings into the cache
+  // Scratch for panel_columns columns of B (at least ZYN_GEMM_WIDE), or null. With it the
+  // first rows of the output copy the columns that they read into aligned panels, and the
+  // other rows read those.
+  float* panels;
+  int64_t panel_columns;
 };
+enum { ZYN_GEMM_WIDE = 24 };  // columns of the widest tile
 
 // Output of a product by rows read in place.
 struct zyn_gemm_output {
@@ -59,3 +64,11 @@ struct zyn_gemm_output {
 // k-major. Of every row of B at least 8 columns must be readable.
 void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
                        const zyn_gemm_output& output);
+
+// The same for columns that do not lie side by side: count vectors of 8 columns, each
+// with its place in the rows of B (floats from base on) and in the output's rows.
+struct zyn_gemm_vector {
+  int64_t from, to;
+};
+void zyn_gemm_scattered(const zyn_gemm_rows& b, const zyn_gemm_vector* vectors, int64_t count,
+                        const float* packed, int64_t block, const zyn_gemm_output& output);
