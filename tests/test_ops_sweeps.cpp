@@ -2,31 +2,10 @@
 // the formulas in double precision, with inputs in every channel order.
 #include "support/model.h"
 
+using zyn_test::kOperatorTypes;
 using zyn_test::Model;
 
 namespace {
-
-constexpr int kTypes[] = {ZYN_OP_CONV_GROUPED,
-                          ZYN_OP_CONV_TRANSPOSED,
-                          ZYN_OP_FUNCTION,
-                          ZYN_OP_BATCH_NORM,
-                          ZYN_OP_BATCH_NORM_FAST,
-                          ZYN_OP_SIGMOID,
-                          ZYN_OP_RELU,
-                          ZYN_OP_RELU6,
-                          ZYN_OP_HARD_SWISH,
-                          ZYN_OP_MAX_POOL,
-                          ZYN_OP_AVERAGE_POOL,
-                          ZYN_OP_MISH,
-                          ZYN_OP_LINEAR,
-                          ZYN_OP_ADD,
-                          ZYN_OP_MULTIPLY,
-                          ZYN_OP_RESAMPLE,
-                          ZYN_OP_AFFINE,
-                          ZYN_OP_RESHAPE,
-                          ZYN_OP_CONCAT,
-                          ZYN_OP_CHANNEL_SLICE,
-                          ZYN_OP_CHANNEL_GATHER};
 
 class EveryType : public ::testing::TestWithParam<int> {};
 
@@ -48,7 +27,7 @@ TEST_P(EveryType, FollowsItsFormulaInEveryChannelOrder) {
   EXPECT_GT(checked, 60);
 }
 
-INSTANTIATE_TEST_SUITE_P(Ops, EveryType, ::testing::ValuesIn(kTypes),
+INSTANTIATE_TEST_SUITE_P(Ops, EveryType, ::testing::ValuesIn(kOperatorTypes),
                          [](const auto& info) { return "Type" + std::to_string(info.param); });
 
 TEST(Ops, RandomGraphsAgreeWithTheirReference) {
@@ -58,7 +37,9 @@ TEST(Ops, RandomGraphsAgreeWithTheirReference) {
     model.layout = -1;
     const int nodes = model.random.integer(3, 30);
     while (model.size() < nodes)
-      model.add(kTypes[model.random.integer(0, static_cast<int>(std::size(kTypes)) - 1)], true);
+      model.add(
+          kOperatorTypes[model.random.integer(0, static_cast<int>(std::size(kOperatorTypes)) - 1)],
+          true);
     model.use_leftovers();
     ASSERT_EQ(model.net.go(), 0);
     model.evaluate();

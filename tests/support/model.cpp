@@ -44,6 +44,12 @@ int Model::constant(const Array& a) {
   return id;
 }
 
+void Model::refill() {
+  for (int id = 0; id < size(); id++)
+    if (types_[static_cast<size_t>(id)] == ZYN_OP_INPUT)
+      net.fill(id, data_[static_cast<size_t>(id)]);
+}
+
 // First in, first out, lower ids first: the order that the sort promises.
 void Model::evaluate() {
   const size_t n = steps_.size();

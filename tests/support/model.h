@@ -10,11 +10,34 @@
 
 namespace zyn_test {
 
+// Every type that a model can add.
+inline constexpr int kOperatorTypes[] = {ZYN_OP_CONV_GROUPED,
+                                         ZYN_OP_CONV_TRANSPOSED,
+                                         ZYN_OP_FUNCTION,
+                                         ZYN_OP_BATCH_NORM,
+                                         ZYN_OP_BATCH_NORM_FAST,
+                                         ZYN_OP_SIGMOID,
+                                         ZYN_OP_RELU,
+                                         ZYN_OP_RELU6,
+                                         ZYN_OP_HARD_SWISH,
+                                         ZYN_OP_MAX_POOL,
+                                         ZYN_OP_AVERAGE_POOL,
+                                         ZYN_OP_MISH,
+                                         ZYN_OP_LINEAR,
+                                         ZYN_OP_ADD,
+                                         ZYN_OP_MULTIPLY,
+                                         ZYN_OP_RESAMPLE,
+                                         ZYN_OP_AFFINE,
+                                         ZYN_OP_RESHAPE,
+                                         ZYN_OP_CONCAT,
+                                         ZYN_OP_CHANNEL_SLICE,
+                                         ZYN_OP_CHANNEL_GATHER};
+
 class Model {
  public:
   using Formula = std::function<Array(const std::vector<const Array*>&)>;
 
-  explicit Model(uint64_t seed) : random(seed) {}
+  explicit Model(uint64_t seed, uint32_t fixed_point = 0) : random(seed), net(fixed_point) {}
 
   Random random;
   Net net;
@@ -30,6 +53,8 @@ class Model {
   void use_leftovers();
   int input(const Array& a);
   int constant(const Array& a);
+  // Writes the inputs' first values again.
+  void refill();
   // Computes every node's value in the library's order of execution.
   void evaluate();
   // The value that a node's tensor holds after a run.

@@ -74,13 +74,20 @@ class Net {
       EXPECT_EQ(zyn_release_computation_graph_handle(&graph_), 0);
     }
     for (Data& data : data_)
-      if (data.tensor) zyn_release_tensor(&data.tensor);
+      if (data.block) zyn_release_tensor(&data.tensor);
   }
   Net(const Net&) = delete;
   Net& operator=(const Net&) = delete;
 
   int input(const Array& a, uint32_t layout = 0) { return add_data(ZYN_OP_INPUT, a, layout); }
   int constant(const Array& a) { return add_data(ZYN_OP_CONSTANT, a, 0); }
+  // A data node for a tensor of the test's own.
+  int tensor(int type, zyn_tensor* own) {
+    nodes_.push_back({type, {}, {}, static_cast<int>(data_.size())});
+    data_.push_back({own, nullptr});
+    return static_cast<int>(nodes_.size()) - 1;
+  }
+  bool is_input(int id) const { return nodes_[static_cast<size_t>(id)].type == ZYN_OP_INPUT; }
   // An operator with its record (copied; lists it points at must outlive make()).
   template <typename Record>
   int op(int type, const Record& record, std::vector<int> from) {
@@ -94,16 +101,18 @@ class Net {
     return static_cast<int>(nodes_.size()) - 1;
   }
 
-  // Creates, connects, sorts and binds; 0 or the first code that is not.
-  int32_t make() {
+  // Creates, connects and sorts.
+  int32_t connect() {
     printed([&] { graph_ = zyn_create_computation_graph_handle(&settings_); });
     if (!graph_) return ZYN_RET_ERR_MEMORY;
     zyn_cg_set_conv_method(graph_, method_);
     for (size_t id = 0; id < nodes_.size(); id++)
       for (int from : nodes_[id].from)
         zyn_add_one_edge_into_computation_graph(graph_, from, static_cast<int32_t>(id));
-    const int32_t sorted = zyn_computation_graph_topo_sort(graph_);
-    if (sorted) return sorted;
+    return zyn_computation_graph_topo_sort(graph_);
+  }
+  // Binds every node; 0 or the first code that is not.
+  int32_t bind() {
     for (size_t id = 0; id < nodes_.size(); id++) {
       const Node& node = nodes_[id];
       zyn_cg_node_desc desc = {};
@@ -115,6 +124,10 @@ class Net {
       if (code) return code;
     }
     return 0;
+  }
+  int32_t make() {
+    const int32_t code = connect();
+    return code ? code : bind();
   }
   // What a call prints on failure is swallowed here; tests of texts capture themselves.
   int32_t prepare() {
