@@ -518,9 +518,13 @@ TEST(GraphRegistry, RowsAndSharing) {
   }
   shared(&zyn_cg_operator::release, {7, 8, 22, 23, 30});
   shared(&zyn_cg_operator::release, {32, 34});
-  shared(&zyn_cg_operator::output, {3, 4, 5, 7, 8});
+  shared(&zyn_cg_operator::output, {3, 4, 5});
+  shared(&zyn_cg_operator::output, {7, 8});
   shared(&zyn_cg_operator::output, {9, 27, 28});
   shared(&zyn_cg_operator::output, {22, 23});
+  for (int32_t type = 0; type < kZynOperatorTypes; type++)
+    EXPECT_EQ(rows[type].second_output, type == 25 || type == 27 ? rows[type].output : nullptr)
+        << type;
 }
 
 }  // namespace
