@@ -43,11 +43,14 @@ zyn_darray* zyn_create_darray(const zyn_darray_type* type) {
 }
 
 void zyn_darray_element_str_cpy(void* slot, const void* source, int64_t) {
+  if (!slot) return;
   const char* text = source ? *static_cast<const char* const*>(source) : nullptr;
   *static_cast<char**>(slot) = text ? strdup(text) : nullptr;
 }
 
-void zyn_darray_element_str_free(void* slot) { free(*static_cast<char**>(slot)); }
+void zyn_darray_element_str_free(void* slot) {
+  if (slot) free(*static_cast<char**>(slot));
+}
 
 const zyn_darray_type zyn_darray_str_type = {sizeof(char*), 0, zyn_darray_element_str_cpy,
                                              zyn_darray_element_str_free};

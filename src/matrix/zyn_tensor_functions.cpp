@@ -104,18 +104,17 @@ void interleave_tail(const image_words& image, int64_t channel, int64_t first, i
   }
 }
 
-// Pixels first to last of a block of Count channels that starts at channel.
+// Pixels first to last of a block of 8 or 4 channels that starts at channel.
 template <int Count>
 void spread(const image_words& image, int64_t channel, int64_t first, int64_t last) {
+  static_assert(Count == 8 || Count == 4, "the block sizes with vectors of their own");
   const float* in = image.source + channel * image.pixels;
   float* out = image.destination + channel;
   for (int64_t p = first; p < last; p++) {
     if constexpr (Count == 8)
-      _mm256_storeu_ps(out + p * image.channels, _mm256_loadu_ps(in + p * 8));
-    else if constexpr (Count == 4)
-      _mm_storeu_ps(out + p * image.channels, _mm_loadu_ps(in + p * 4));
+      _mm256_storeu_ps(out + p * image.channels, _mm256_loadu_ps(in + p * Count));
     else
-      out[p * image.channels] = in[p];
+      _mm_storeu_ps(out + p * image.channels, _mm_loadu_ps(in + p * Count));
   }
 }
 
@@ -183,7 +182,7 @@ void softmax_group_overlapping(float* y, const float* x, int64_t n) {
   for (int64_t i = 0; i < n; i++) y[i] = zyn_exp1(x[i] - m);
 }
 
-// Eight groups of N < 8 elements at a time, one a lane; element j of a group takes
+// Eight groups of N <= 8 elements at a time, one a lane; element j of a group takes
 // lane j's place in the sum. Returns the number of groups done.
 template <int N>
 int64_t softmax_small(float* y, const float* x, int64_t groups) {
@@ -227,6 +226,8 @@ int64_t softmax_small_groups(float* y, const float* x, int64_t groups, int32_t n
       return softmax_small<6>(y, x, groups);
     case 7:
       return softmax_small<7>(y, x, groups);
+    case 8:
+      return softmax_small<8>(y, x, groups);
     default:
       return 0;
   }
@@ -262,7 +263,7 @@ int32_t zyn_tensor_convert_NHWG2NHWC(zyn_tensor* destination, const zyn_tensor* 
     int64_t c = 0;
     for (; c + 8 <= image.channels; c += 8) spread<8>(image, c, p, last);
     for (; c + 4 <= image.channels; c += 4) spread<4>(image, c, p, last);
-    for (; c < image.channels; c++) spread<1>(image, c, p, last);
+    interleave_tail(image, c, p, last);  // single channels are planes
   }
   destination->layout = ZYN_LAYOUT_INTERLEAVED;
   return ZYN_RET_OK;

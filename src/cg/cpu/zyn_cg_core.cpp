@@ -99,16 +99,20 @@ void add_node(zyn_darray* nodes, int32_t node) {
   if (!has_node(nodes, node)) zyn_darray_push(nodes, &node);
 }
 
-// The arrays that the first binding makes, with one spare record.
+// The arrays that the first binding makes, with one spare record; all of them or none,
+// since the next attempt may see more nodes.
 bool make_binding_arrays(zyn_cg_handle* graph) {
   if (graph->records) return true;
   const int32_t count = zyn_cg_node_count(graph);
-  if (!graph->run) graph->run = make_array<zyn_cg_run_fn>(count + 1);
-  if (!graph->extras) graph->extras = make_array<void*>(count + 1);
-  if (!graph->run || !graph->extras) return false;
-  graph->records = make_array<void*>(count + 1);
+  zyn_scratch<zyn_cg_run_fn> run = zyn_scratch<zyn_cg_run_fn>::zeroed(count + 1);
+  zyn_scratch<void*> extras = zyn_scratch<void*>::zeroed(count + 1);
+  zyn_scratch<void*> records = zyn_scratch<void*>::zeroed(count + 1);
+  if (!run || !extras || !records) return false;
+  graph->run = run.take();
+  graph->extras = extras.take();
+  graph->records = records.take();
   graph->record_count = count;
-  return graph->records != nullptr;
+  return true;
 }
 
 int32_t store_data_node(zyn_cg_handle* graph, int32_t node, const zyn_cg_node_desc* desc) {
@@ -193,8 +197,9 @@ int32_t zyn_add_one_edge_into_computation_graph(zyn_cg_handle* graph, int32_t fr
 
 int32_t zyn_bind_operator_onto_computation_graph(zyn_cg_handle* graph, int32_t node,
                                                  const zyn_cg_node_desc* desc, const void* param) {
-  if (!graph || !desc || !graph->bound || desc->type < 0 || desc->type >= kZynOperatorTypes)
+  if (!graph || !desc || desc->type < 0 || desc->type >= kZynOperatorTypes)
     return zyn_fail(kBindArgs, ZYN_RET_ERR_PARA);
+  // Before the sort, and for nodes added after it, there is no room.
   const bool has_room =
       node < graph->sorted_count && (!graph->records || node < graph->record_count);
   if (!has_node(graph->nodes, node) || !has_room) return zyn_fail(kBindNode, ZYN_RET_ERR_PARA);
@@ -212,8 +217,9 @@ int32_t zyn_bind_operator_onto_computation_graph(zyn_cg_handle* graph, int32_t n
 
 int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph) {
   if (!graph) return zyn_fail(kPrepareArgs, ZYN_RET_ERR_PARA);
-  for (int32_t k = 0; graph->order && k < graph->sorted_count; k++) {
-    const int32_t id = graph->order[k];
+  for (int32_t k = 0; k < zyn_cg_node_count(graph); k++) {
+    // Nodes that no sort has seen are unbound.
+    const int32_t id = k < graph->sorted_count ? graph->order[k] : -1;
     const int32_t type = zyn_cg_node_type(graph, id);
     if (type < 0) {
       graph->prepared = 1;
@@ -232,7 +238,8 @@ int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph) {
 
 int32_t zyn_computation_graph_inference(zyn_cg_handle* graph) {
   if (!graph) return zyn_fail(kInferenceArgs, ZYN_RET_ERR_PARA);
-  for (int32_t k = 0; graph->order && k < graph->sorted_count; k++) {
+  if (zyn_cg_node_count(graph) > 0 && !graph->order) return ZYN_RET_ERR_PARA;
+  for (int32_t k = 0; k < graph->sorted_count; k++) {
     const int32_t id = graph->order[k];
     void* record = zyn_cg_record(graph, id);
     if (!record || !graph->run[id]) continue;

@@ -1,0 +1,530 @@
+// The graph engine: handle, edges, order, binding, and the loops that drive the
+// operators, seen through a fake operator that logs its calls.
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "base/zyn_memory.h"
+#include "cg/cpu/zyn_cg.h"
+#include "support/buffers.h"
+#include "support/capture.h"
+#include "support/failing.h"
+
+namespace {
+
+using zyn_test::printed;
+using Edges = std::vector<std::pair<int32_t, int32_t>>;
+using Ids = std::vector<int32_t>;
+
+std::string core_report(const char* message, int line) {
+  return zyn_test::report(message, "src/cg/cpu/zyn_cg_core.cpp", line);
+}
+std::string order_report(const char* message, int line) {
+  return zyn_test::report(message, "src/cg/cpu/zyn_cg_top_order.cpp", line);
+}
+constexpr const char* kPara = "Your input params are wrong!";
+constexpr const char* kMemory = "Allocating memory failure! ";
+constexpr const char* kParams = "Params Error!\n";
+constexpr const char* kCycle = "There exists a cycle in the graph";
+constexpr const char* kFloatNotice = "zyn go to cpu backend!";
+
+// The fake operator, type 6: every routine logs its letter and node; the codes with
+// which nodes fail are set by the tests.
+constexpr int32_t kFake = 6;
+struct FakeRecord {
+  uint32_t type;
+  int32_t node;
+  zyn_tensor* output;
+};
+std::string calls;
+int32_t failing_node = -1;
+char failing_step = 0;
+int32_t failing_code = 0;
+
+int32_t log_call(char step, int32_t node) {
+  calls += step + std::to_string(node) + " ";
+  return step == failing_step && node == failing_node ? failing_code : 0;
+}
+int32_t fake_run(void* record) { return log_call('r', static_cast<FakeRecord*>(record)->node); }
+int32_t fake_bind(zyn_cg_handle* graph, int32_t node, const void* param) {
+  if (const int32_t code = log_call('b', node)) return code;
+  auto* record = static_cast<FakeRecord*>(zyn_calloc(1, sizeof(FakeRecord)));
+  if (!record) return 2;
+  record->type = kFake;
+  record->node = node;
+  record->output = static_cast<zyn_tensor*>(const_cast<void*>(param));
+  zyn_cg_install(graph, node, record, fake_run);
+  return 0;
+}
+int32_t fake_prepare(zyn_cg_handle*, int32_t node) { return log_call('p', node); }
+int32_t fake_release(void** record) {
+  const int32_t code = log_call('x', static_cast<FakeRecord*>(*record)->node);
+  if (code == 0) zyn_free(*record);
+  return code;
+}
+zyn_tensor* fake_output(zyn_cg_handle* graph, int32_t node) {
+  return static_cast<FakeRecord*>(zyn_cg_record(graph, node))->output;
+}
+
+// A graph with the fake operator in its table.
+class Graph {
+ public:
+  explicit Graph(const Edges& edges = {}, int32_t max_nodes = 8) {
+    calls.clear();
+    failing_step = 0;
+    zyn_cg_create_param param = {max_nodes, 1, {0, 0}, 0};
+    printed([&] { handle = zyn_create_computation_graph_handle(&param); });
+    handle->operators[kFake] = {fake_bind, fake_prepare, fake_release, fake_output, nullptr};
+    for (const auto& [from, to] : edges)
+      EXPECT_EQ(zyn_add_one_edge_into_computation_graph(handle, from, to), 0);
+  }
+  ~Graph() { zyn_release_computation_graph_handle(&handle); }
+  int32_t sort() { return zyn_computation_graph_topo_sort(handle); }
+  int32_t bind(int32_t node, int32_t type = kFake, const void* param = nullptr) {
+    const zyn_cg_node_desc desc = {type, nullptr, 0, nullptr, 0};
+    return zyn_bind_operator_onto_computation_graph(handle, node, &desc, param);
+  }
+  // Sorts and binds every node to the fake operator.
+  Graph& ready() {
+    EXPECT_EQ(sort(), 0);
+    for (int32_t id = 0; id < zyn_cg_node_count(handle); id++) EXPECT_EQ(bind(id), 0);
+    calls.clear();
+    return *this;
+  }
+  // From here on a step of a node answers with a code.
+  Graph& fails(char step, int32_t node, int32_t code) {
+    failing_step = step;
+    failing_node = node;
+    failing_code = code;
+    return *this;
+  }
+  int32_t prepare() { return zyn_prepare_inference_computation(handle); }
+  int32_t run() { return zyn_computation_graph_inference(handle); }
+  zyn_tensor* output(int32_t node) { return zyn_get_computation_node_inference_data(handle, node); }
+  Ids order() const { return Ids(handle->order, handle->order + handle->sorted_count); }
+  Ids nodes() const {
+    return Ids(zyn_darray_ids(handle->nodes), zyn_darray_ids(handle->nodes) + handle->nodes->count);
+  }
+  zyn_cg_handle* handle = nullptr;
+};
+
+TEST(GraphHandle, DefaultsSettingsAndNotices) {
+  zyn_cg_handle* graph = nullptr;
+  EXPECT_EQ(printed([&] { graph = zyn_create_computation_graph_handle(nullptr); }), kFloatNotice);
+  EXPECT_EQ(zyn_add_one_edge_into_computation_graph(graph, 0, 255), 0);
+  EXPECT_EQ(zyn_add_one_edge_into_computation_graph(graph, 0, 256), 1);
+  EXPECT_EQ(graph->thread_count, 1u);
+  EXPECT_EQ(graph->conv_method, 2u);
+  EXPECT_EQ(zyn_cg_get_dev_type(graph), 0u);
+  EXPECT_EQ(zyn_get_dev_context_from_cg_handle(graph), nullptr);
+  EXPECT_EQ(zyn_cg_set_conv_method(graph, 3), 1);
+  EXPECT_EQ(graph->conv_method, 2u);
+  EXPECT_EQ(zyn_cg_set_conv_method(graph, 1), 0);
+  EXPECT_EQ(graph->conv_method, 1u);
+  EXPECT_EQ(zyn_release_computation_graph_handle(&graph), 0);
+  EXPECT_EQ(graph, nullptr);
+  EXPECT_EQ(zyn_release_computation_graph_handle(&graph), 2);
+  EXPECT_EQ(zyn_release_computation_graph_handle(nullptr), 2);
+  EXPECT_EQ(zyn_cg_set_conv_method(nullptr, 0), 1);
+  EXPECT_EQ(zyn_cg_get_dev_type(nullptr), 0u);
+  EXPECT_EQ(zyn_get_dev_context_from_cg_handle(nullptr), nullptr);
+  for (uint32_t word : {0u, 1u, 2u, 0xFFFFFFFFu}) {
+    const zyn_cg_create_param param = {3, 7, {9, 9}, word};
+    EXPECT_EQ(printed([&] { graph = zyn_create_computation_graph_handle(&param); }),
+              word == 1 ? "zyn go to fixed point cpu backend!" : kFloatNotice);
+    EXPECT_EQ(graph->thread_count, 7u);
+    EXPECT_EQ(zyn_cg_is_fixed_point(graph), word == 1);
+    zyn_release_computation_graph_handle(&graph);
+  }
+  for (int32_t none : {0, -1, INT32_MIN}) {
+    const zyn_cg_create_param param = {none, 1, {0, 0}, 0};
+    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_create_computation_graph_handle(&param), nullptr); }),
+              core_report(kMemory, 224));
+  }
+}
+
+TEST(GraphHandle, FailedCreationIsReportedAndLeavesNothing) {
+  const uint64_t before = zyn_get_current_memory_size_occupation();
+  const int lines[] = {0, 0, 224, 225, 227, 231, 232, 231, 232, 231, 232, 236};  // 0: silent
+  const zyn_cg_create_param param = {3, 1, {0, 0}, 0};
+  const int64_t needed = zyn_test::for_each_failing_allocation([&](int64_t n, bool) {
+    zyn_cg_handle* graph = nullptr;
+    const std::string text = printed([&] { graph = zyn_create_computation_graph_handle(&param); });
+    if (graph) {
+      EXPECT_EQ(text, kFloatNotice);
+      zyn_release_computation_graph_handle(&graph);
+      return true;
+    }
+    EXPECT_TRUE(n < 12 && text == (lines[n] ? core_report(kMemory, lines[n]) : "")) << text;
+    EXPECT_EQ(zyn_get_current_memory_size_occupation(), before);
+    return false;
+  });
+  EXPECT_EQ(needed, 11);
+}
+
+TEST(GraphHandle, QListIsHandedOverAndReplacedWithoutBeingFreed) {
+  Graph graph;
+  auto* first = static_cast<uint32_t*>(zyn_malloc(8 * sizeof(uint32_t)));
+  auto* second = static_cast<uint32_t*>(zyn_malloc(8 * sizeof(uint32_t)));
+  for (uint32_t i = 0; i < 8; i++) first[i] = i, second[i] = 8 + i;
+  EXPECT_EQ(zyn_cg_get_q_from_list(graph.handle, 0), 0xFFFFFFFFu);
+  EXPECT_EQ(zyn_cg_set_ptr_q_list(graph.handle, nullptr), 1);
+  EXPECT_EQ(zyn_cg_set_ptr_q_list(nullptr, first), 1);
+  EXPECT_EQ(zyn_cg_set_ptr_q_list(graph.handle, first), 0);
+  EXPECT_EQ(zyn_cg_get_q_from_list(graph.handle, 7), 7u);
+  EXPECT_EQ(zyn_cg_set_ptr_q_list(graph.handle, second), 0);
+  EXPECT_EQ(zyn_cg_get_q_from_list(graph.handle, 0), 8u);
+  EXPECT_EQ(zyn_cg_get_q_from_list(graph.handle, 8), 0xFFFFFFFFu);
+  EXPECT_EQ(zyn_cg_get_q_from_list(graph.handle, -1), 0xFFFFFFFFu);
+  EXPECT_EQ(zyn_cg_get_q_from_list(nullptr, 0), 0xFFFFFFFFu);
+  EXPECT_EQ(first[7], 7u);
+  zyn_free(first);  // the second goes with the graph
+}
+
+TEST(GraphEdges, NodesEnterInOrderOfAppearance) {
+  Graph graph({{4, 1}, {1, 2}, {2, 4}, {0, 2}, {1, 2}});
+  EXPECT_EQ(graph.nodes(), (Ids{4, 1, 2, 0}));
+  const zyn_darray* inputs = zyn_cg_inputs(graph.handle, 2);
+  EXPECT_EQ(Ids(zyn_darray_ids(inputs), zyn_darray_ids(inputs) + inputs->count), (Ids{1, 0, 1}));
+  EXPECT_EQ(zyn_cg_inputs(graph.handle, -1), nullptr);
+  EXPECT_EQ(zyn_cg_inputs(graph.handle, 8), nullptr);
+}
+
+// Ids out of range are refused, but they stay in the node list.
+TEST(GraphEdges, IdsOutOfRangeStayNodes) {
+  Graph graph({{0, 1}});
+  zyn_cg_handle* h = graph.handle;
+  EXPECT_EQ(printed([&] {
+              EXPECT_EQ(zyn_add_one_edge_into_computation_graph(h, 1, 8), 1);
+              EXPECT_EQ(zyn_add_one_edge_into_computation_graph(h, INT32_MAX, 0), 1);
+            }),
+            "");
+  EXPECT_EQ(graph.nodes(), (Ids{0, 1, 8, INT32_MAX}));
+  EXPECT_EQ(zyn_cg_inputs(h, 0)->count, 0);
+  EXPECT_EQ(printed([&] {
+              EXPECT_EQ(zyn_add_one_edge_into_computation_graph(nullptr, 0, 1), 1);
+              EXPECT_EQ(zyn_add_one_edge_into_computation_graph(h, -1, 1), 1);
+              EXPECT_EQ(zyn_add_one_edge_into_computation_graph(h, 1, -1), 1);
+            }),
+            core_report(kPara, 535) + core_report(kPara, 535) + core_report(kPara, 535));
+  EXPECT_EQ(graph.nodes().size(), 4u);
+  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.sort(), 32); }), order_report(kCycle, 108));
+}
+
+TEST(GraphOrder, TiesFollowTheQueue) {
+  const struct {
+    Edges edges;
+    Ids order;  // empty: 32 and the report
+  } cases[] = {{{{0, 2}, {1, 2}, {2, 3}}, {0, 1, 2, 3}},
+               {{{0, 1}, {0, 2}, {2, 3}, {1, 3}}, {0, 1, 2, 3}},
+               {{{0, 2}, {0, 1}, {2, 3}, {1, 3}}, {0, 2, 1, 3}},
+               {{{0, 1}, {0, 1}, {1, 2}, {0, 1}}, {0, 1, 2}},
+               {{{3, 2}, {2, 1}, {1, 0}}, {3, 2, 1, 0}},
+               {{{4, 0}, {2, 0}, {3, 1}, {0, 1}}, {2, 3, 4, 0, 1}},
+               {{{0, 1}, {1, 0}}, {}},
+               {{{0, 0}}, {}},
+               {{{0, 1}, {1, 2}, {2, 1}}, {}},
+               {{{0, 5}}, {}},           // ids with gaps, the second node beyond the count
+               {{{1, 2}}, {}},           // no node 0
+               {{{0, 7}, {7, 1}}, {}}};  // 0, 1 and 7
+  for (const auto& c : cases) {
+    Graph graph(c.edges);
+    const std::string text = printed([&] { EXPECT_EQ(graph.sort(), c.order.empty() ? 32 : 0); });
+    EXPECT_EQ(text, c.order.empty() ? order_report(kCycle, 108) : "");
+    if (c.order.empty()) continue;
+    EXPECT_EQ(graph.order(), c.order);
+    EXPECT_EQ(graph.sort(), 0);  // again, in the same arrays
+    EXPECT_EQ(graph.order(), c.order);
+  }
+  Graph cycle({{0, 1}, {1, 2}, {2, 1}});
+  printed([&] { cycle.sort(); });
+  EXPECT_EQ(cycle.order(), (Ids{0, 0, 0}));  // what was dequeued, the rest as it was
+  EXPECT_EQ(printed([] { EXPECT_EQ(zyn_computation_graph_topo_sort(nullptr), 1); }),
+            order_report(kPara, 59));
+  EXPECT_EQ(Graph().sort(), 0);
+}
+
+TEST(GraphOrder, RandomGraphsRunProducersFirst) {
+  for (uint64_t seed = 1; seed <= 200; seed++) {
+    zyn_test::Random random(seed);
+    const int32_t count = random.integer(2, 40);
+    Ids label(static_cast<size_t>(count));  // hidden order of the ids
+    for (int32_t i = 0; i < count; i++) label[static_cast<size_t>(i)] = i;
+    for (int32_t i = count - 1; i > 0; i--)
+      std::swap(label[static_cast<size_t>(i)], label[static_cast<size_t>(random.integer(0, i))]);
+    Edges edges;
+    for (int32_t i = 1; i < count; i++)
+      for (int32_t k = random.integer(1, 4); k > 0; k--)
+        edges.push_back(
+            {label[static_cast<size_t>(random.integer(0, i - 1))], label[static_cast<size_t>(i)]});
+    Graph graph(edges, count);
+    ASSERT_EQ(graph.sort(), 0) << seed;
+    const Ids order = graph.order();
+    Ids place(static_cast<size_t>(count), -1);
+    for (int32_t k = 0; k < count; k++)
+      place.at(static_cast<size_t>(order[static_cast<size_t>(k)])) = k;
+    for (const auto& [from, to] : edges)
+      ASSERT_LT(place[static_cast<size_t>(from)], place[static_cast<size_t>(to)]) << seed;
+    // The last edge back closes a cycle.
+    zyn_add_one_edge_into_computation_graph(graph.handle, edges.back().second, edges.back().first);
+    EXPECT_EQ(printed([&] { EXPECT_EQ(graph.sort(), 32); }), order_report(kCycle, 108)) << seed;
+  }
+}
+
+// Sound memory for a scope within a failing one.
+struct SoundMemory {
+  ~SoundMemory() { zyn_set_system_allocator(&failing); }
+  const zyn_system_allocator failing = zyn_set_system_allocator(nullptr);
+};
+
+TEST(GraphOrder, FailedAllocationsLeaveAGraphThatSortsLater) {
+  const int64_t needed = zyn_test::for_each_failing_allocation([](int64_t n, bool) {
+    Graph* graph = nullptr;
+    {
+      SoundMemory sound;
+      graph = new Graph({{0, 1}, {1, 2}});
+    }
+    const uint64_t used = zyn_get_current_memory_size_occupation();
+    int32_t code = -1;
+    const std::string text = printed([&] { code = graph->sort(); });
+    SoundMemory sound;
+    if (code != 0) {
+      EXPECT_EQ(code, 2);
+      EXPECT_EQ(text, n == 2 ? order_report(kMemory, 126) : "");
+      EXPECT_EQ(zyn_get_current_memory_size_occupation(), used);
+      EXPECT_EQ(printed([&] { EXPECT_EQ(graph->bind(0), 1); }), core_report(kParams, 680));
+    }
+    EXPECT_EQ(graph->sort(), 0);
+    EXPECT_EQ(graph->order(), (Ids{0, 1, 2}));
+    delete graph;
+    return code == 0;
+  });
+  EXPECT_EQ(needed, 5);
+}
+
+TEST(GraphBinding, RefusalsAreReported) {
+  Graph graph({{0, 1}, {1, 2}});
+  zyn_cg_handle* h = graph.handle;
+  const zyn_cg_node_desc desc = {kFake, nullptr, 0, nullptr, 0};
+  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.bind(0), 1); }), core_report(kParams, 680));  // no sort
+  EXPECT_EQ(graph.sort(), 0);
+  EXPECT_EQ(printed([&] {
+              EXPECT_EQ(zyn_bind_operator_onto_computation_graph(nullptr, 0, &desc, nullptr), 1);
+              EXPECT_EQ(zyn_bind_operator_onto_computation_graph(h, 0, nullptr, nullptr), 1);
+              EXPECT_EQ(graph.bind(0, 41), 1);
+              EXPECT_EQ(graph.bind(0, -1), 1);
+            }),
+            core_report(kParams, 675) + core_report(kParams, 675) + core_report(kParams, 675) +
+                core_report(kParams, 675));
+  EXPECT_EQ(printed([&] {
+              for (int32_t id : {3, -1, 8, INT32_MAX}) EXPECT_EQ(graph.bind(id), 1) << id;
+              EXPECT_EQ(Graph().bind(0), 1);  // no nodes at all
+            }),
+            core_report(kParams, 680) + core_report(kParams, 680) + core_report(kParams, 680) +
+                core_report(kParams, 680) + core_report(kParams, 680));
+  EXPECT_EQ(graph.bind(1), 0);
+  const std::string twice =
+      core_report("Params Error!", 684) + "the 1 th node operator has been bound!\n";
+  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.bind(1), 1); }), twice);
+  // A bind routine that fails leaves its node bound, without a record.
+  graph.fails('b', 2, 77);
+  EXPECT_EQ(graph.bind(2), 77);
+  EXPECT_EQ(zyn_cg_record(h, 2), nullptr);
+  EXPECT_NE(printed([&] { EXPECT_EQ(graph.bind(2), 1); }), "");
+  // A type without a bind routine leaves its node bound, without a record.
+  EXPECT_EQ(graph.bind(0, 14), 0);
+  EXPECT_EQ(zyn_cg_record(h, 0), nullptr);
+  EXPECT_EQ(calls, "b1 b2 ");
+}
+
+TEST(GraphBinding, DataNodesKeepACopyWithoutTheExtraField) {
+  Graph graph({{0, 3}, {1, 3}, {2, 3}});
+  EXPECT_EQ(graph.sort(), 0);
+  zyn_tensor tensor{};
+  for (int32_t type = 0; type < 3; type++) {
+    zyn_cg_node_desc desc = {type, &tensor, 11, &tensor, 22};
+    EXPECT_EQ(zyn_bind_operator_onto_computation_graph(graph.handle, type, &desc, &tensor), 0);
+    memset(&desc, 0xEE, sizeof(desc));
+    const auto* record = static_cast<zyn_cg_data_record*>(zyn_cg_record(graph.handle, type));
+    EXPECT_EQ(record->type, type);
+    EXPECT_EQ(record->data, &tensor);
+    EXPECT_EQ(record->word_a, 11u);
+    EXPECT_EQ(record->extra, nullptr);
+    EXPECT_EQ(record->word_b, 22u);
+    EXPECT_EQ(zyn_cg_producer_tensor(graph.handle, type), type == 1 ? nullptr : &tensor);
+    EXPECT_EQ(printed([&] { EXPECT_EQ(graph.output(type), nullptr); }), "");
+  }
+  EXPECT_EQ(graph.bind(3, 1), 0);
+  EXPECT_EQ(graph.prepare(), 0);
+  EXPECT_EQ(graph.run(), 0);
+  EXPECT_EQ(graph.handle->prepared, 1u);
+}
+
+TEST(GraphBinding, FailedAllocationsKeepTheGraphConsistent) {
+  const int64_t needed = zyn_test::for_each_failing_allocation([](int64_t n, bool) {
+    Graph* graph = nullptr;
+    {
+      SoundMemory sound;
+      graph = new Graph({{0, 1}});
+      EXPECT_EQ(graph->sort(), 0);
+    }
+    const int32_t operator_code = graph->bind(0);
+    const int32_t data_code = graph->bind(1, 0);
+    SoundMemory sound;
+    EXPECT_EQ(operator_code, n <= 4 ? 2 : 0);
+    // Later nodes must find room, or be refused, whatever the first binding left.
+    for (int32_t id = 2; id < 8; id++)
+      EXPECT_EQ(zyn_add_one_edge_into_computation_graph(graph->handle, id - 1, id), 0);
+    EXPECT_EQ(graph->sort(), 0);
+    printed([&] {
+      for (int32_t id = 0; id < 8; id++) graph->bind(id);
+      graph->prepare();
+      graph->run();
+    });
+    delete graph;
+    return operator_code == 0 && data_code == 0;
+  });
+  EXPECT_EQ(needed, 5);  // three arrays, the operator's record, the data node's
+}
+
+// An edge whose lists cannot grow is not reported; the graph stays usable.
+TEST(GraphEdges, FailedPushesAreIgnored) {
+  Graph graph;
+  zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+    const int64_t nodes = graph.handle->nodes->count;
+    const auto id = static_cast<int32_t>(nodes);
+    EXPECT_EQ(zyn_add_one_edge_into_computation_graph(graph.handle, id % 8, (id + 1) % 8), 0);
+    return true;
+  });
+  printed([&] { graph.sort(); });
+}
+
+TEST(GraphDriver, EveryStepFollowsTheOrder) {
+  {
+    Graph graph({{2, 1}, {1, 0}});
+    graph.ready();
+    EXPECT_EQ(graph.prepare(), 0);
+    EXPECT_EQ(graph.handle->prepared, 1u);
+    EXPECT_EQ(graph.run(), 0);
+    EXPECT_EQ(graph.run(), 0);
+    EXPECT_EQ(calls, "p2 p1 p0 r2 r1 r0 r2 r1 r0 ");
+    calls.clear();
+  }
+  EXPECT_EQ(calls, "x0 x1 x2 ");  // release goes by id
+}
+
+TEST(GraphDriver, AFailingNodeStopsTheWalk) {
+  Graph graph({{2, 1}, {1, 0}});
+  graph.ready().fails('p', 1, 5);
+  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.prepare(), 5); }),
+            "failed to prepare inference node:1!!!");
+  EXPECT_EQ(graph.handle->prepared, 0u);
+  graph.fails('r', 1, 300);
+  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.run(), 300); }), "failed to inference: 1!!!");
+  EXPECT_EQ(calls, "p2 p1 r2 r1 ");
+}
+
+// A release routine that fails ends the loop: the records after it are left.
+TEST(GraphDriver, AFailingReleaseLeavesTheLaterRecords) {
+  void* left[2];
+  {
+    Graph graph({{0, 1}, {1, 2}});
+    graph.ready().fails('x', 1, 1);
+    for (int32_t id : {1, 2}) left[id - 1] = zyn_cg_record(graph.handle, id);
+  }
+  EXPECT_EQ(calls, "x0 x1 ");
+  for (void* record : left) zyn_free(record);
+}
+
+TEST(GraphDriver, GraphsThatAreNotReadyAreRefused) {
+  EXPECT_EQ(printed([] {
+              EXPECT_EQ(zyn_prepare_inference_computation(nullptr), 1);
+              EXPECT_EQ(zyn_computation_graph_inference(nullptr), 1);
+            }),
+            core_report(kParams, 701) + core_report(kParams, 741));
+  Graph empty;
+  EXPECT_EQ(empty.prepare(), 0);
+  EXPECT_EQ(empty.handle->prepared, 1u);
+  EXPECT_EQ(empty.run(), 0);
+
+  Graph graph({{0, 1}, {1, 2}});
+  EXPECT_EQ(graph.prepare(), 1);  // not sorted
+  EXPECT_EQ(graph.run(), 1);
+  EXPECT_EQ(graph.sort(), 0);
+  EXPECT_EQ(graph.run(), 0);  // nothing bound, nothing to run
+  graph.bind(0);
+  graph.bind(2);
+  graph.handle->prepared = 0;
+  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.prepare(), 1); }), "");
+  EXPECT_EQ(graph.handle->prepared, 1u);  // as the unbound node leaves it
+  EXPECT_EQ(graph.run(), 0);
+  EXPECT_EQ(calls, "b0 b2 p0 r0 r2 ");
+  // Nodes added after the first binding have no room and stay unbound.
+  graph.bind(1);
+  EXPECT_EQ(zyn_add_one_edge_into_computation_graph(graph.handle, 2, 3), 0);
+  EXPECT_EQ(graph.prepare(), 1);
+  EXPECT_EQ(graph.sort(), 0);
+  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.bind(3), 1); }), core_report(kParams, 680));
+  EXPECT_EQ(graph.prepare(), 1);
+  EXPECT_EQ(graph.run(), 0);
+}
+
+TEST(GraphOutput, OnlyBoundOperatorsHaveOne) {
+  Graph graph({{0, 1}, {1, 2}});
+  zyn_tensor tensor{};
+  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.output(0), nullptr); }), core_report(kParams, 810));
+  EXPECT_EQ(graph.sort(), 0);
+  EXPECT_EQ(graph.bind(0, 1), 0);
+  EXPECT_EQ(graph.bind(1, kFake, &tensor), 0);
+  EXPECT_EQ(graph.output(1), &tensor);
+  EXPECT_EQ(zyn_cg_producer_tensor(graph.handle, 1), &tensor);
+  EXPECT_EQ(zyn_cg_producer_tensor(graph.handle, 2), nullptr);
+  EXPECT_EQ(printed([&] {
+              EXPECT_EQ(zyn_get_computation_node_inference_data(nullptr, 0), nullptr);
+              EXPECT_EQ(graph.output(-1), nullptr);
+              EXPECT_EQ(graph.output(4), nullptr);
+              EXPECT_EQ(graph.output(2), nullptr);  // unbound
+              EXPECT_EQ(graph.output(3), nullptr);  // one past the last: the spare record
+            }),
+            core_report(kParams, 797) + core_report(kParams, 804) + core_report(kParams, 804) +
+                core_report(kParams, 810) + core_report(kParams, 810));
+  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.output(0), nullptr); }), "");  // no output slot
+  graph.handle->bound[1] = 0;
+  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.output(1), nullptr); }), "");  // flag taken away
+}
+
+// Types that the table leaves empty, and routines that rows have in common.
+TEST(GraphRegistry, RowsAndSharing) {
+  Graph graph;
+  const zyn_cg_operator* rows = graph.handle->operators;
+  for (int32_t type : {0, 1, 2, 14, 17, 18, 19, 26, 29, 36, 37, 38, 39, 40})
+    EXPECT_FALSE(rows[type].bind || rows[type].prepare || rows[type].release || rows[type].output)
+        << type;
+  for (int32_t type : {3,  4,  5,  7,  8,  9,  10, 11, 12, 13, 15, 16, 20,
+                       21, 22, 23, 24, 25, 27, 28, 30, 31, 32, 33, 34, 35})
+    EXPECT_TRUE(rows[type].bind && rows[type].prepare && rows[type].release && rows[type].output)
+        << type;
+  const auto shared = [&](auto slot, const Ids& types) {
+    for (int32_t type : types) EXPECT_EQ(rows[type].*slot, rows[types[0]].*slot) << type;
+  };
+  for (const Ids& types : {Ids{3, 4}, Ids{10, 11}, Ids{15, 16, 20, 21, 24}, Ids{27, 28}}) {
+    shared(&zyn_cg_operator::prepare, types);
+    shared(&zyn_cg_operator::release, types);
+    shared(&zyn_cg_operator::output, types);
+  }
+  shared(&zyn_cg_operator::release, {7, 8, 22, 23, 30});
+  shared(&zyn_cg_operator::release, {32, 34});
+  shared(&zyn_cg_operator::output, {3, 4, 5});
+  shared(&zyn_cg_operator::output, {7, 8});
+  shared(&zyn_cg_operator::output, {9, 27, 28});
+  shared(&zyn_cg_operator::output, {22, 23});
+  for (int32_t type = 0; type < kZynOperatorTypes; type++)
+    EXPECT_EQ(rows[type].second_output, type == 25 || type == 27 ? rows[type].output : nullptr)
+        << type;
+}
+
+}  // namespace

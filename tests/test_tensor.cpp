@@ -1,0 +1,268 @@
+// The tensor and matrix containers.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "matrix/zyn_matrix.h"
+#include "matrix/zyn_tensor.h"
+#include "support/capture.h"
+#include "support/failing.h"
+
+namespace {
+
+using zyn_test::printed;
+
+std::string tensor_report(const char* message, int line) {
+  return zyn_test::report(message, "src/matrix/zyn_tensor.cpp", line);
+}
+std::string matrix_report(const char* message, int line) {
+  return zyn_test::report(message, "src/matrix/zyn_matrix_core.cpp", line);
+}
+constexpr const char* kPara = "Your input params are wrong!";
+constexpr const char* kMemory = "Allocating memory failure! ";
+constexpr const char* kLength = "Data length is not enough!";
+constexpr const char* kParameters = "parameters error!";
+
+// Every field against the shape, with the address arithmetic walked out.
+void check_shape(const zyn_tensor& t, const std::vector<int32_t>& dims, uint32_t type) {
+  const uint32_t size = std::vector<uint32_t>{1, 1, 2, 2, 4, 4, 4, 8}[type % 8];
+  EXPECT_EQ(t.kind, 16u);
+  EXPECT_EQ(t.type, type);
+  EXPECT_EQ(t.element_size, size);
+  EXPECT_EQ(t.dim_count, static_cast<int32_t>(dims.size()));
+  int64_t count = 1;
+  for (size_t i = 0; i < 5; i++) {
+    EXPECT_EQ(t.dims[i], i < dims.size() ? dims[i] : 0);
+    if (i < dims.size()) count *= dims[i];
+    if (i < 4) {
+      EXPECT_EQ(t.strides[i], i + 1 < dims.size() ? count * size : 0) << i;
+    }
+  }
+  EXPECT_EQ(t.count, count);
+  EXPECT_EQ(t.byte_size, count * size);
+  EXPECT_EQ(t.layout, 0u);
+}
+
+TEST(Tensor, ShapesOfAllKinds) {
+  const std::vector<std::vector<int32_t>> shapes = {
+      {10}, {3, 4, 5}, {1, 1, 1, 1, 1}, {7, 1, 2, 3, 5}, {2, 9}, {4, 3, 2, 1}};
+  for (const auto& dims : shapes)
+    for (uint32_t type = 0; type < 32; type++) {
+      const auto count = static_cast<int32_t>(dims.size());
+      zyn_tensor* header = zyn_create_tensor_header(count, dims.data(), type);
+      check_shape(*header, dims, type);
+      EXPECT_EQ(header->data, nullptr);
+      EXPECT_EQ(header->owns_data, 1u);
+      EXPECT_EQ(header->reserved, nullptr);
+      header->layout = 3;
+      const uint64_t before = zyn_get_current_memory_size_occupation();
+      zyn_tensor* like = zyn_create_tensor_like(header);
+      EXPECT_EQ(zyn_get_current_memory_size_occupation() - before,
+                sizeof(zyn_tensor) + static_cast<uint64_t>(header->byte_size));
+      EXPECT_EQ(like->layout, 3u);
+      like->layout = 0;
+      check_shape(*like, dims, type);
+      EXPECT_EQ(zyn_release_tensor(&like), 0);
+      EXPECT_EQ(zyn_release_tensor(&header), 0);
+      EXPECT_EQ(header, nullptr);
+      zyn_tensor own;
+      memset(&own, 0xEE, sizeof(own));
+      const int32_t code = type == 6 || type == 7 ? 0 : 1;
+      const std::string text =
+          printed([&] { EXPECT_EQ(zyn_set_tensor_header(&own, count, dims.data(), type), code); });
+      EXPECT_EQ(text, code ? tensor_report(kPara, 162) : "");
+      if (code) continue;
+      check_shape(own, dims, type);
+      EXPECT_EQ(own.data, nullptr);
+      EXPECT_EQ(own.owns_data, 0u);
+    }
+}
+
+TEST(Tensor, BadShapesAreReportedByTheirSites) {
+  const int32_t good[] = {3, 4, 5}, zero[] = {3, 0, 5}, large[] = {1 << 16, 1 << 15, 1};
+  zyn_tensor own, same;
+  memset(&own, 0xEE, sizeof(own));
+  same = own;
+  const struct {
+    int32_t count;
+    const int32_t* dims;
+    uint32_t type;
+    int create_line, set_line;
+  } cases[] = {{0, good, 6, 41, 152},    {6, good, 6, 41, 152},  {-1, good, 6, 41, 152},
+               {3, nullptr, 6, 41, 152}, {3, good, 32, 41, 162}, {3, zero, 6, 46, 157},
+               {3, zero, 3, 46, 157},    {3, large, 6, 46, 157}, {2, large, 7, 46, 157}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_create_tensor(c.count, c.dims, c.type), nullptr); }),
+              tensor_report(kPara, c.create_line));
+    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_set_tensor_header(&own, c.count, c.dims, c.type), 1); }),
+              tensor_report(kPara, c.set_line));
+    EXPECT_EQ(memcmp(&own, &same, sizeof(own)), 0);
+  }
+  EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_set_tensor_header(nullptr, 3, good, 6), 1); }),
+            tensor_report(kPara, 152));
+  EXPECT_EQ(printed([&] {
+              EXPECT_EQ(zyn_release_tensor(nullptr), 1);
+              zyn_tensor* none = nullptr;
+              EXPECT_EQ(zyn_release_tensor(&none), 1);
+              EXPECT_EQ(zyn_set_tensor_reference_value(nullptr, 1), 1);
+              EXPECT_EQ(zyn_set_tensor_channel_layout(nullptr, 1), 1);
+              EXPECT_EQ(zyn_create_tensor_like(nullptr), nullptr);
+              EXPECT_EQ(zyn_create_tensor_like(&own), nullptr);
+            }),
+            tensor_report(kPara, 244) + tensor_report(kPara, 244));
+}
+
+TEST(Tensor, DataOfTheCallerStayTheCallers) {
+  const int32_t dims[] = {10};
+  zyn_tensor* tensor = zyn_create_tensor(1, dims, 6);
+  float mine[10] = {1, 2, 3};
+  const uint64_t before = zyn_get_current_memory_size_occupation();
+  void* owned = tensor->data;
+  EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_set_tensor_data(tensor, mine, 39), 256); }),
+            tensor_report(kLength, 208));
+  EXPECT_EQ(printed([&] {
+              EXPECT_EQ(zyn_set_tensor_data(tensor, nullptr, 40), 1);
+              EXPECT_EQ(zyn_set_tensor_data(nullptr, mine, 40), 1);
+            }),
+            tensor_report(kPara, 203) + tensor_report(kPara, 203));
+  EXPECT_EQ(tensor->data, owned);
+  EXPECT_EQ(zyn_set_tensor_data(tensor, mine, 40), 0);
+  EXPECT_EQ(zyn_get_current_memory_size_occupation(), before - 40);
+  EXPECT_EQ(tensor->owns_data, 0u);
+  EXPECT_EQ(zyn_set_tensor_channel_layout(tensor, 2), 0);
+  EXPECT_EQ(tensor->layout, 2u);
+  EXPECT_EQ(zyn_release_tensor(&tensor), 0);
+  EXPECT_EQ(mine[2], 3);
+  // A block of the library's allocator can be handed over.
+  tensor = zyn_create_tensor_header(1, dims, 6);
+  EXPECT_EQ(zyn_set_tensor_data(tensor, zyn_malloc(40), 40), 0);
+  EXPECT_EQ(zyn_set_tensor_reference_value(tensor, 5), 0);
+  EXPECT_EQ(tensor->owns_data, 5u);
+  EXPECT_EQ(zyn_release_tensor(&tensor), 0);
+}
+
+void* first_block = nullptr;
+int blocks = 0;
+void* only_first(size_t bytes) { return blocks++ ? nullptr : first_block = malloc(bytes); }
+
+// The header of a tensor whose block cannot be allocated is lost and stays counted.
+TEST(Tensor, HeaderWithoutBlockIsLost) {
+  const int32_t dims[] = {10};
+  EXPECT_EQ(printed([&] {
+              zyn_test::FailingAllocations failing(1);
+              EXPECT_EQ(zyn_create_tensor(1, dims, 6), nullptr);
+            }),
+            tensor_report(kMemory, 53));
+  const uint64_t before = zyn_get_current_memory_size_occupation();
+  const zyn_system_allocator once = {only_first, free};
+  const zyn_system_allocator usual = zyn_set_system_allocator(&once);
+  blocks = 0;
+  const std::string text = printed([&] { EXPECT_EQ(zyn_create_tensor(1, dims, 6), nullptr); });
+  zyn_set_system_allocator(&usual);
+  EXPECT_EQ(text, tensor_report(kMemory, 109) + tensor_report(kMemory, 123));
+  EXPECT_EQ(zyn_get_current_memory_size_occupation(), before + sizeof(zyn_tensor));
+  const uintptr_t address = (reinterpret_cast<uintptr_t>(first_block) + 47) / 32 * 32;
+  zyn_free(reinterpret_cast<void*>(address));
+}
+
+TEST(Matrix, HeadersOfAllTypes) {
+  const struct {
+    int32_t rows, cols, pages;
+    uint32_t kind;
+  } shapes[] = {{1, 1, 1, 7}, {1, 5, 1, 5}, {3, 1, 1, 6}, {3, 4, 1, 4},
+                {1, 5, 2, 4}, {5, 1, 2, 4}, {1, 1, 2, 4}};
+  for (const auto& s : shapes)
+    for (int32_t type = 0; type < 32; type++) {
+      const int32_t value = std::vector<int32_t>{1, 1, 2, 2, 4, 4, 4, 8}[type % 8];
+      const int32_t channels = type / 8 + 1;
+      const uint64_t before = zyn_get_current_memory_size_occupation();
+      zyn_matrix* m = zyn_create_matrix(s.rows, s.cols, s.pages, type);
+      const int64_t bytes = int64_t{1} * s.pages * s.rows * s.cols * value * channels;
+      EXPECT_EQ(zyn_get_current_memory_size_occupation() - before,
+                sizeof(zyn_matrix) + static_cast<uint64_t>(bytes));
+      EXPECT_EQ(m->kind, s.kind);
+      EXPECT_EQ(m->type, static_cast<uint32_t>(type));
+      EXPECT_EQ(m->element_size, static_cast<uint32_t>(value));
+      EXPECT_EQ(m->channels, channels);
+      EXPECT_EQ(m->row_bytes, int64_t{1} * s.cols * value * channels);
+      EXPECT_EQ(m->flag, 1u);
+      EXPECT_EQ(m->format, 15u);
+      EXPECT_EQ(m->owns_data, 1u);
+      zyn_matrix own;
+      memset(&own, 0xEE, sizeof(own));
+      EXPECT_EQ(zyn_set_matrix_header(&own, s.rows, s.cols, s.pages, type), 0);
+      // The same record but for its block.
+      void* data = m->data;
+      m->data = nullptr;
+      m->owns_data = 0;
+      EXPECT_EQ(memcmp(&own, m, offsetof(zyn_matrix, format) + sizeof(own.format)), 0);
+      EXPECT_EQ(own.plane1, nullptr);
+      m->data = data;
+      m->owns_data = 1;
+      EXPECT_EQ(zyn_release_matrix(&m), 0);
+      EXPECT_EQ(m, nullptr);
+    }
+}
+
+TEST(Matrix, BadArgumentsAreReportedByTheirSites) {
+  const int32_t bad[][4] = {
+      {0, 1, 1, 6}, {1, 0, 1, 6}, {1, 1, -1, 6}, {1, 1, 1, 32}, {1, 1, 1, -1}};
+  zyn_matrix own{};
+  for (const auto& b : bad) {
+    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_create_matrix(b[0], b[1], b[2], b[3]), nullptr); }),
+              matrix_report(kParameters, 43));
+    if (b[3] != 6) continue;
+    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_set_matrix_header(&own, b[0], b[1], b[2], 6), 1); }),
+              matrix_report(kParameters, 109));
+  }
+  EXPECT_EQ(zyn_set_matrix_header(&own, 2, 3, 1, 99), 0);  // the type is the caller's business
+  EXPECT_EQ(printed([&] {
+              EXPECT_EQ(zyn_set_matrix_header(nullptr, 1, 1, 1, 6), 1);
+              EXPECT_EQ(zyn_release_matrix(nullptr), 1);
+              zyn_matrix* none = nullptr;
+              EXPECT_EQ(zyn_release_matrix(&none), 1);
+              // 2^93 elements
+              EXPECT_EQ(zyn_create_matrix(INT32_MAX, INT32_MAX, INT32_MAX, 31), nullptr);
+            }),
+            matrix_report(kParameters, 109) + matrix_report(kParameters, 260) +
+                matrix_report(kParameters, 260) + matrix_report(kMemory, 241));
+}
+
+TEST(Matrix, DataOfTheCallerStayTheCallers) {
+  zyn_matrix* m = zyn_create_matrix(2, 3, 2, 7);
+  double mine[12] = {};
+  const uint64_t before = zyn_get_current_memory_size_occupation();
+  EXPECT_EQ(printed([&] {
+              EXPECT_EQ(zyn_set_matrix_data(m, mine, 95), 256);
+              EXPECT_EQ(zyn_set_matrix_data(m, nullptr, 96), 1);
+              EXPECT_EQ(zyn_set_matrix_data(nullptr, mine, 96), 1);
+            }),
+            matrix_report(kLength, 168) + matrix_report(kPara, 162) + matrix_report(kPara, 162));
+  EXPECT_EQ(zyn_get_current_memory_size_occupation(), before);
+  EXPECT_EQ(zyn_set_matrix_data(m, mine, 96), 0);
+  EXPECT_EQ(zyn_get_current_memory_size_occupation(), before - 96);
+  EXPECT_EQ(m->data, mine);
+  EXPECT_EQ(zyn_release_matrix(&m), 0);
+}
+
+TEST(Matrix, FailedAllocationsLeaveNothing) {
+  const uint64_t before = zyn_get_current_memory_size_occupation();
+  zyn_test::for_each_failing_allocation([&](int64_t n, bool) {
+    zyn_matrix* m = nullptr;
+    const std::string text = printed([&] { m = zyn_create_matrix(2, 3, 1, 6); });
+    EXPECT_EQ(text, n == 1   ? matrix_report("memory error!", 48)
+                    : n == 2 ? matrix_report(kMemory, 241)
+                             : "");
+    if (!m) {
+      EXPECT_EQ(zyn_get_current_memory_size_occupation(), before);
+      return false;
+    }
+    zyn_release_matrix(&m);
+    return true;
+  });
+}
+
+}  // namespace
