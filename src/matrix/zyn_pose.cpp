@@ -36,8 +36,11 @@
 // The component of d3 b3 along k3 is d3 y = s times the height, which with d3 > 0 gives s the
 // sign of y.
 //
-// A root gives c, s, u, v, which are then polished in the two equations themselves. The distances
-// of P1 and P2 follow from M e1 and |P1 - P2|, without y, which may be small.
+// Where D and both numerators vanish, two poses share c, a double root (it happens with points on
+// a grid). So u and v are taken from one of the linear equations and u^2 + v^2 = 1, which they
+// meet in two points; the other equation tells which of them belong to the root. All four are then
+// polished in the two equations themselves. The distances of P1 and P2 follow from M e1 and
+// |P1 - P2|, without y, which may be small.
 #include <float.h>
 #include <math.h>
 #include <string.h>
@@ -208,54 +211,84 @@ struct turns {
     left23 = f.b3.y * (f.p2 * u + (c + f.t) * v) - s * f.b3.x;
   }
   double left() const { return left13 * left13 + left23 * left23; }
-  // Whether what is left is rounding alone.
-  bool solve(const frames& f) const {
-    constexpr double kRounding = 1e-13;
+  // Whether what is left is at most this part of the terms.
+  bool solve(const frames& f, double part) const {
     const double y = fabs(f.b3.y);
-    return fabs(left13) <= kRounding * (y * (1 + fabs(f.p1)) + fabs(f.b3.z)) &&
-           fabs(left23) <= kRounding * (y * (fabs(f.p2) + 1 + fabs(f.t)) + fabs(f.b3.x));
+    return fabs(left13) <= part * (y * (1 + fabs(f.p1)) + fabs(f.b3.z)) &&
+           fabs(left23) <= part * (y * (fabs(f.p2) + 1 + fabs(f.t)) + fabs(f.b3.x));
+  }
+  bool same(const turns& other) const {
+    constexpr double kSame = 1e-10;
+    return fabs(c - other.c) + fabs(s - other.s) + fabs(u - other.u) + fabs(v - other.v) < kSame;
   }
 };
 
-// The turns that belong to a root.
-turns make_turns(const frames& f, double c) {
+// The turns that may belong to a root, the likelier first.
+void make_turns(const frames& f, double c, turns* both) {
   const double sine = sqrt(1 - c * c);
-  const double D = c * (c + f.t) + f.p1 * f.p2;
-  const double nu = f.b3.z * (c + f.t) + f.b3.x * f.p1;
-  const double nv = f.b3.x * c - f.b3.z * f.p2;
-  // u and v have the direction of their numerators; s / y is positive.
-  const double scale = (D < 0 ? -1 : 1) / sqrt(nu * nu + nv * nv);
-  turns x = {c, f.b3.y > 0 ? sine : -sine, nu * scale, nv * scale, 0, 0};
-  x.measure(f);
-  return x;
+  const double s = f.b3.y > 0 ? sine : -sine;
+  // The line a u + b v = d, of the equation with the larger coefficients.
+  double a = c, b = -f.p1, d = s * f.b3.z / f.b3.y;
+  if (f.p2 * f.p2 + (c + f.t) * (c + f.t) > a * a + b * b) {
+    a = f.p2;
+    b = c + f.t;
+    d = s * f.b3.x / f.b3.y;
+  }
+  const double square = a * a + b * b;
+  const double half = sqrt(fmax(0, square - d * d));  // of the chord, times the normal's length
+  for (int i = 0; i < 2; i++) {
+    const double h = i ? -half : half;
+    const double u = a * d - b * h, v = b * d + a * h;
+    const double size = sqrt(u * u + v * v);
+    both[i] = {c, s, u / size, v / size, 0, 0};
+    both[i].measure(f);
+  }
+  if (both[1].left() < both[0].left()) {
+    const turns first = both[0];
+    both[0] = both[1];
+    both[1] = first;
+  }
 }
 
 // Newton steps on both angles. Near c = 1 the cosine tells little about the turn, and where two
-// poses share it (D and the numerators of u and v all but vanish) it is a double root of the
-// quartic; the two equations are sound in both cases.
+// poses share it, it is a double root of the quartic, good for half the digits; the two equations
+// are sound in both cases, and two steps do. Where poses meet the equations are singular as well:
+// damped least-squares steps then approach them as near as rounding lets them.
 turns polish(const frames& f, turns x) {
+  constexpr int kSteps = 40;
+  constexpr double kExact = 1e-16;
   const double y = f.b3.y;
-  for (int i = 0; i < 3; i++) {
+  double caution = 1;
+  for (int i = 0; i < kSteps && !x.solve(f, kExact); i++) {
+    // Derivatives of the two equations (a, b and c, d) by the two angles.
     const double a = -y * x.s * x.u - x.c * f.b3.z, b = -y * (x.c * x.v + f.p1 * x.u);
     const double c = -y * x.s * x.v - x.c * f.b3.x, d = y * ((x.c + f.t) * x.u - f.p2 * x.v);
-    const double determinant = a * d - b * c;
-    const double turn1 = (b * x.left23 - d * x.left13) / determinant;
-    const double turn3 = (c * x.left13 - a * x.left23) / determinant;
+    const double damping = caution * x.left();
+    const double n11 = a * a + c * c + damping, n12 = a * b + c * d, n22 = b * b + d * d + damping;
+    const double g1 = a * x.left13 + c * x.left23, g2 = b * x.left13 + d * x.left23;
+    // (a d - b c)^2 is the determinant without damping, and without cancellation.
+    const double det = (a * d - b * c) * (a * d - b * c) + damping * (n11 + n22 - damping);
+    const double turn1 = (n12 * g2 - n22 * g1) / det, turn3 = (n12 * g1 - n11 * g2) / det;
     const double length1 = sqrt(1 + turn1 * turn1), length3 = sqrt(1 + turn3 * turn3);
-    turns next = {(x.c - x.s * turn1) / length1,
-                  (x.s + x.c * turn1) / length1,
-                  (x.u - x.v * turn3) / length3,
-                  (x.v + x.u * turn3) / length3,
-                  0,
-                  0};
+    turns next = x;
+    next.c = (x.c - x.s * turn1) / length1;
+    next.s = (x.s + x.c * turn1) / length1;
+    next.u = (x.u - x.v * turn3) / length3;
+    next.v = (x.v + x.u * turn3) / length3;
     next.measure(f);
-    if (!(next.left() < x.left())) break;
-    x = next;
+    if (next.left() < x.left()) {
+      x = next;
+      caution = 1;
+    } else {
+      if (caution > 1e3) break;
+      caution *= 16;
+    }
   }
   return x;
 }
 
-// Rotation (row by row) and translation; false where they are not finite.
+// Rotation (row by row) and translation; false where they are not finite or put a point
+// into the camera's centre, from where it is seen in no direction.
 bool make_pose(const frames& f, const vec& first, const turns& x, double* rotation,
                double* translation) {
   const double c = x.c, s = x.s, u = x.u, v = x.v;
@@ -270,7 +303,11 @@ bool make_pose(const frames& f, const vec& first, const turns& x, double* rotati
       for (int r = 0; r < 3; r++)
         for (int k = 0; k < 3; k++) R[r][k] += from[r] * factor * to[k];
     }
-  const double d1 = f.side * (u + v * f.x2 / f.z2);
+  constexpr double kNear = 1e-6;  // sides of the triangle
+  const double d2 = f.side * v / f.z2;
+  const double d1 = f.side * u + d2 * f.x2;
+  const double d3 = f.height * s / f.b3.y;
+  if (!(fmin(fabs(d1), fmin(fabs(d2), fabs(d3))) > kNear * f.side)) return false;
   const double bearing[3] = {f.bearing[0].x, f.bearing[0].y, f.bearing[0].z};
   double t[3], sum = 0;
   for (int r = 0; r < 3; r++) {
@@ -281,6 +318,37 @@ bool make_pose(const frames& f, const vec& first, const turns& x, double* rotati
   memcpy(rotation, R, sizeof(R));
   memcpy(translation, t, sizeof(t));
   return true;
+}
+
+// Poses found so far, and where the caller wants them.
+struct poses {
+  double* rotations;
+  double* translations;
+  int32_t count;
+  turns taken[4];
+
+  void add(const frames& f, const vec& first, const turns& x) {
+    if (count == 4) return;
+    for (int32_t i = 0; i < count; i++)
+      if (x.same(taken[i])) return;
+    if (!make_pose(f, first, x, rotations + 9 * count, translations + 3 * count)) return;
+    taken[count++] = x;
+  }
+};
+
+// The poses of a root of the quartic: one, or two that share it.
+void add_poses(const frames& f, const vec& first, double c, poses* found) {
+  constexpr double kShared = 1e-1;  // a root this near to another may have lost its own turns
+  constexpr double kRounding =
+      1e-13;  // what a solution leaves; a root that is not real leaves more
+  turns candidates[2];
+  make_turns(f, c, candidates);
+  for (int i = 0; i < 2; i++) {
+    if (i > 0 && !candidates[i].solve(f, kShared)) return;
+    const turns x = polish(f, candidates[i]);
+    // With s of the other sign the third point lies behind the camera.
+    if (x.s * f.b3.y >= 0 && x.solve(f, kRounding)) found->add(f, first, x);
+  }
 }
 
 }  // namespace
@@ -301,14 +369,12 @@ int32_t zyn_solve_ap3p(double* rotations, double* translations, const float* wor
   double a[5], roots[4];
   make_quartic(f, a);
   quartic_roots(a, roots);
-  int32_t found = 0;
+  poses found = {rotations, translations, 0, {}};
   for (double root : roots) {
     const double c = polish(a, root);
     if (!(fabs(c) <= 1)) continue;
-    const turns x = polish(f, make_turns(f, c));
-    if (x.solve(f) && make_pose(f, points[0], x, rotations + 9 * found, translations + 3 * found))
-      found++;
+    add_poses(f, points[0], c, &found);
   }
-  *count = found;
+  *count = found.count;
   return ZYN_RET_OK;
 }
