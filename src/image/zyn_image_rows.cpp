@@ -104,21 +104,11 @@ inline __m256i bgr_weights(int blue, int green, int red) {
                            word(green), word(red), 0);
 }
 
-// Sums of neighbouring pixels, B G R and 0, for pixels 4 n to 4 n + 3 of both halves.
-template <int n>
-inline __m256i neighbour_sums(const uint8_t* row) {
-  constexpr int early = n == 3 ? 4 : 0;  // to stay inside the block
-  static constexpr zyn_shuffle kOrder = zyn_make_shuffle(
-      [](int i) { return i % 8 / 2 == 3 ? -1 : early + 6 * (i / 8) + 3 * (i & 1) + i % 8 / 2; });
-  return _mm256_maddubs_epi16(zyn_shuffled(zyn_load_lanes(row + 12 * n - early), kOrder),
-                              _mm256_set1_epi8(1));
-}
-
 // Chroma 2 n and 2 n + 1 of both halves: u, u, v, v in each lane.
 template <int n>
 inline __m256i chroma32(const uint8_t* upper, const uint8_t* lower) {
-  const __m256i sum = _mm256_add_epi16(neighbour_sums<n>(upper), neighbour_sums<n>(lower));
-  const __m256i mean = _mm256_srli_epi16(_mm256_add_epi16(sum, _mm256_set1_epi16(2)), 2);
+  const __m256i sum = _mm256_add_epi16(zyn_neighbour_sums<n>(upper), zyn_neighbour_sums<n>(lower));
+  const __m256i mean = _mm256_mulhrs_epi16(sum, _mm256_set1_epi16(1 << 13));  // (sum + 2) >> 2
   const __m256i both =
       _mm256_hadd_epi32(_mm256_madd_epi16(mean, bgr_weights(14385, -9535, -4850)),
                         _mm256_madd_epi16(mean, bgr_weights(-2327, -12059, 14385)));

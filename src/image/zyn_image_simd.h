@@ -83,3 +83,13 @@ inline zyn_packed_block zyn_interleave(__m256i c0, __m256i c1, __m256i c2) {
   return {{zyn_interleaved<0>(c0, c1, c2), zyn_interleaved<1>(c0, c1, c2),
            zyn_interleaved<2>(c0, c1, c2)}};
 }
+
+// Sums of neighbouring pixels, B G R and 0, for pixels 4 n to 4 n + 3 of both halves.
+template <int n>
+inline __m256i zyn_neighbour_sums(const uint8_t* row) {
+  constexpr int early = n == 3 ? 4 : 0;  // to stay inside the block
+  static constexpr zyn_shuffle kOrder = zyn_make_shuffle(
+      [](int i) { return i % 8 / 2 == 3 ? -1 : early + 6 * (i / 8) + 3 * (i & 1) + i % 8 / 2; });
+  return _mm256_maddubs_epi16(zyn_shuffled(zyn_load_lanes(row + 12 * n - early), kOrder),
+                              _mm256_set1_epi8(1));
+}
