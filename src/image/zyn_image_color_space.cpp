@@ -114,26 +114,31 @@ int32_t bgr_to_i420(zyn_image* destination, const zyn_image* source) {
   return ZYN_RET_OK;
 }
 
-// One row of pixels with the given chroma rows; null: no colour.
-void yuv_row(const zyn_plane& bgr, const zyn_plane yuv[3], int32_t y) {
+// Rows y and next (the same, or the one below) with the chroma of their block row.
+void yuv_rows(const zyn_plane& bgr, const zyn_plane yuv[3], int32_t y, int32_t next) {
+  uint8_t *upper = bgr.row(y), *lower = bgr.row(next);
+  const uint8_t *y0 = yuv[0].row(y), *y1 = yuv[0].row(next);
   static constexpr uint8_t kNeutral = 128;
-  const bool colour = yuv[1].height > 0;
-  const uint8_t* u = colour ? yuv[1].row(y / 2) : &kNeutral;
-  const uint8_t* v = colour ? yuv[2].row(y / 2) : &kNeutral;
   const int32_t even_width = bgr.width & ~1;
-  uint8_t* row = bgr.row(y);
-  const uint8_t* luma = yuv[0].row(y);
-  if (colour)
-    zyn_yuv_to_bgr_row(row, luma, u, v, even_width);
-  else
-    for (int32_t x = 0; x < even_width; x += 2) zyn_yuv_to_bgr_row(row + 3 * x, luma + x, u, v, 2);
-  if (!(bgr.width & 1)) return;
-  uint8_t* last = row + 3 * even_width;
-  if (even_width > 0) {
-    memcpy(last, last - 3, 3);
-  } else {
-    const bool sample = colour && yuv[1].stride > 0 && yuv[2].stride > 0;
-    zyn_yuv_to_bgr_row(last, luma, sample ? u : &kNeutral, sample ? v : &kNeutral, 1);
+  if (yuv[1].height == 0) {
+    // A single row has no chroma: its pixels are grey.
+    for (int32_t x = 0; x < bgr.width; x++) {
+      const int32_t from = even_width > 0 && x == even_width ? x - 1 : x;
+      zyn_yuv_to_bgr_rows(upper + 3 * x, upper + 3 * x, y0 + from, y0 + from, &kNeutral, &kNeutral,
+                          1);
+    }
+    return;
+  }
+  const uint8_t *u = yuv[1].row(y / 2), *v = yuv[2].row(y / 2);
+  if (even_width == 0) {
+    const bool sample = yuv[1].stride > 0 && yuv[2].stride > 0;
+    zyn_yuv_to_bgr_rows(upper, lower, y0, y1, sample ? u : &kNeutral, sample ? v : &kNeutral, 1);
+    return;
+  }
+  zyn_yuv_to_bgr_rows(upper, lower, y0, y1, u, v, even_width);
+  if (bgr.width & 1) {
+    memcpy(upper + 3 * even_width, upper + 3 * even_width - 3, 3);
+    memcpy(lower + 3 * even_width, lower + 3 * even_width - 3, 3);
   }
 }
 
@@ -144,9 +149,9 @@ int32_t i420_to_bgr(zyn_image* destination, const zyn_image* source) {
     return zyn_fail(kI420ToBgr, ZYN_RET_ERR_PARA);
   const zyn_plane bgr = zyn_first_plane(destination);
   const int32_t even_height = bgr.height & ~1;
-  for (int32_t y = 0; y < even_height; y++) yuv_row(bgr, yuv, y);
+  for (int32_t y = 0; y < even_height; y += 2) yuv_rows(bgr, yuv, y, y + 1);
   if (bgr.height == 1)
-    yuv_row(bgr, yuv, 0);
+    yuv_rows(bgr, yuv, 0, 0);
   else if (bgr.height & 1)
     memcpy(bgr.row(even_height), bgr.row(even_height - 1), static_cast<size_t>(3) * bgr.width);
   return ZYN_RET_OK;

@@ -25,9 +25,10 @@ void zyn_luma_row(uint8_t* luma, const uint8_t* bgr, int64_t count);
 void zyn_chroma_row(uint8_t* u, uint8_t* v, const uint8_t* upper, const uint8_t* lower,
                     int64_t count);
 
-// Two pixels per chroma sample: count is even.
-void zyn_yuv_to_bgr_row(uint8_t* bgr, const uint8_t* luma, const uint8_t* u, const uint8_t* v,
-                        int64_t count);
+// Two rows of count pixels that share a row of chroma, one sample for two pixels. The
+// rows may be the same.
+void zyn_yuv_to_bgr_rows(uint8_t* upper, uint8_t* lower, const uint8_t* y0, const uint8_t* y1,
+                         const uint8_t* u, const uint8_t* v, int64_t count);
 
 // Signed opponent colours (format 8) and back.
 void zyn_bgr_to_opponent_row(uint8_t* opponent, const uint8_t* bgr, int64_t count);

@@ -1,4 +1,5 @@
-// Scaling of one plane of packed 8-bit samples. Both planes are at least 1 x 1.
+// Scaling of one plane of packed 8-bit samples, one or three to a pixel. Both planes are
+// at least 1 x 1.
 #pragma once
 
 #include "image/zyn_image.h"
