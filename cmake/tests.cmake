@@ -41,3 +41,8 @@ add_test(NAME exports COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}
 add_library(zyn_header_c OBJECT ${PROJECT_SOURCE_DIR}/tests/header_c99.c)
 target_include_directories(zyn_header_c PRIVATE ${PROJECT_SOURCE_DIR}/include)
 target_compile_options(zyn_header_c PRIVATE -std=c99 -pedantic -Wall -Wextra -Werror)
+
+# The example runs, and finds the known faces of two photos (passed over without
+# ZYN_MODEL_DIR).
+add_test(NAME faces COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_faces.sh
+         $<TARGET_FILE:detect_faces> ${CMAKE_CROSSCOMPILING_EMULATOR})

@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Runs the face detector of a build folder and says where the drawn picture is. With
+# ZYN_MODEL_DIR it is the trained detector on a photo, else a generated stand-in.
+set -euo pipefail
+build=${1:?usage: demo.sh BUILD_DIR}
+picture=$build/faces.bmp
+echo "faces as x1 y1 x2 y2 score:"
+"$build/examples/detect_faces" --draw "$picture"
+echo "look at $picture"

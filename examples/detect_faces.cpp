@@ -1,0 +1,226 @@
+// Finds the faces in a photo: BMP file in, one line "x1 y1 x2 y2 score" per face out, in
+// pixels of the photo. Uses the public header alone.
+//
+//   detect_faces [--model FILE.zynm] [--method 0|1|2] [--draw OUT.bmp] [--verbose] [PHOTO.bmp]
+//
+// Without --model the detector is ssd320.zynm in the folder that the environment
+// variable ZYN_MODEL_DIR names, without a photo photo_a.bmp there. Where there is no
+// such folder a model and a picture are generated: everything runs, but what is found
+// then means nothing.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "ssd320.h"
+
+namespace {
+
+using ssd320::Detector;
+using ssd320::Image;
+
+constexpr uint32_t kDefaultMethod = 0;
+constexpr float kScoreThreshold = 0.7f;
+constexpr float kOverlapThreshold = 0.3f;
+constexpr float kAspectRatio = 0.75f;  // height / width of the network's input
+constexpr int32_t kBilinear = 1;
+constexpr int32_t kColour = 2;  // reading mode: blue, green, red
+constexpr uint64_t kSeed = 2024;
+
+enum Exit { kDone = 0, kFailed = 1, kUsage = 2 };
+
+struct Options {
+  std::string model, photo, draw;
+  uint32_t method = kDefaultMethod;
+  bool verbose = false;
+};
+
+bool usage(const std::string& complaint) {
+  fprintf(stderr,
+          "%s\nusage: detect_faces [--model FILE.zynm] [--method 0|1|2] [--draw OUT.bmp] "
+          "[--verbose] [PHOTO.bmp]\n",
+          complaint.c_str());
+  return false;
+}
+
+bool failed(const std::string& complaint) {
+  fprintf(stderr, "detect_faces: %s\n", complaint.c_str());
+  return false;
+}
+
+bool parse(int argc, char** argv, Options* options) {
+  for (int i = 1; i < argc; i++) {
+    const std::string argument = argv[i];
+    const bool takes_value =
+        argument == "--model" || argument == "--method" || argument == "--draw";
+    if (takes_value && i + 1 == argc) return usage(argument + " needs a value");
+    if (argument == "--model") {
+      options->model = argv[++i];
+    } else if (argument == "--draw") {
+      options->draw = argv[++i];
+    } else if (argument == "--method") {
+      const std::string value = argv[++i];
+      if (value != "0" && value != "1" && value != "2") return usage("no method " + value);
+      options->method = static_cast<uint32_t>(value[0] - '0');
+    } else if (argument == "--verbose") {
+      options->verbose = true;
+    } else if (argument[0] == '-' || !options->photo.empty()) {
+      return usage("what is " + argument + "?");
+    } else {
+      options->photo = argument;
+    }
+  }
+  const char* folder = getenv("ZYN_MODEL_DIR");
+  if (folder && *folder) {
+    if (options->model.empty()) options->model = std::string(folder) + "/ssd320.zynm";
+    if (options->photo.empty()) options->photo = std::string(folder) + "/photo_a.bmp";
+  }
+  return true;
+}
+
+// A dark gradient with bright discs, so that there is something to look at.
+Image generate_picture() {
+  constexpr int32_t kCols = 640, kRows = 400;
+  Image picture(zyn_create_image(kCols, kRows, ZYN_IMAGE_BGR));
+  if (!picture) return picture;
+  for (int32_t y = 0; y < kRows; y++) {
+    uint8_t* row = static_cast<uint8_t*>(picture->data) + y * picture->row_bytes;
+    for (int32_t x = 0; x < kCols; x++) {
+      const int32_t dx = x % 160 - 80, dy = y % 200 - 100;
+      const bool disc = dx * dx + dy * dy < 50 * 50;
+      row[3 * x] = static_cast<uint8_t>(disc ? 150 : x * 120 / kCols);
+      row[3 * x + 1] = static_cast<uint8_t>(disc ? 180 : y * 120 / kRows);
+      row[3 * x + 2] = static_cast<uint8_t>(disc ? 220 : 60);
+    }
+  }
+  return picture;
+}
+
+bool read_photo(const Options& options, Image* photo) {
+  if (options.photo.empty()) {
+    fprintf(stderr, "no photo given: using a generated picture\n");
+    *photo = generate_picture();
+    return *photo || failed("no memory for the picture");
+  }
+  photo->reset(zyn_create_image_from_file(options.photo.c_str(), kColour));
+  return *photo || failed(options.photo + " cannot be read as a BMP file");
+}
+
+bool load_weights(const Options& options, Detector* detector) {
+  if (options.model.empty()) {
+    fprintf(stderr,
+            "no model given (--model, or a folder in ZYN_MODEL_DIR): using random weights.\n"
+            "What is found below means nothing.\n");
+    detector->generate_weights(kSeed);
+    return true;
+  }
+  if (zyn_cg_load_model(detector->weights(), detector->weight_count(), options.model.c_str()) !=
+      ZYN_RET_OK)
+    return failed(options.model + " cannot be read or is not an ssd320 model");
+  return true;
+}
+
+// The photo padded to the input's aspect ratio, and how much was added left and on top.
+struct Padded {
+  Image image;
+  int32_t left = 0, top = 0;
+};
+
+bool pad(const zyn_image* photo, Padded* padded) {
+  int32_t bottom = 0, right = 0;
+  padded->image.reset(
+      zyn_create_border_image(&padded->top, &bottom, &padded->left, &right, photo, kAspectRatio));
+  return padded->image || failed("the photo cannot be padded: its sides must be 1 to 4096 pixels");
+}
+
+bool fill_input(const zyn_image* padded, zyn_tensor* input) {
+  const Image scaled(zyn_create_image(ssd320::kWidth, ssd320::kHeight, ZYN_IMAGE_BGR));
+  if (!scaled || zyn_image_resizer(scaled.get(), padded, kBilinear) != ZYN_RET_OK)
+    return failed("the photo cannot be resized");
+  zyn_transform_image_data_for_ssd_detector(input, scaled.get());
+  return true;
+}
+
+// From fractions of the padded photo to pixels of the photo.
+void map_to_photo(const Padded& padded, std::vector<zyn_detection>* faces) {
+  const auto width = static_cast<float>(padded.image->cols);
+  const auto height = static_cast<float>(padded.image->rows);
+  const auto left = static_cast<float>(padded.left), top = static_cast<float>(padded.top);
+  for (zyn_detection& face : *faces) {
+    face.x1 = face.x1 * width - left;
+    face.x2 = face.x2 * width - left;
+    face.y1 = face.y1 * height - top;
+    face.y2 = face.y2 * height - top;
+  }
+}
+
+// Draws the part of a filled rectangle that lies on the photo.
+void fill_rectangle(zyn_image* photo, int32_t x1, int32_t y1, int32_t x2, int32_t y2) {
+  static const uint8_t kGreen[3] = {0, 255, 0};
+  for (int32_t y = std::max(y1, 0); y < std::min(y2, photo->rows); y++)
+    for (int32_t x = std::max(x1, 0); x < std::min(x2, photo->cols); x++)
+      memcpy(static_cast<uint8_t*>(photo->data) + y * photo->row_bytes + 3 * x, kGreen, 3);
+}
+
+void draw_box(zyn_image* photo, const zyn_detection& face) {
+  // Clamped first: a float beyond 32 bits has no integer.
+  const auto pixel = [](float v, int32_t limit) {
+    return static_cast<int32_t>(std::min(std::max(v, -8.0f), static_cast<float>(limit + 8)));
+  };
+  const int32_t x1 = pixel(face.x1, photo->cols), x2 = pixel(face.x2, photo->cols);
+  const int32_t y1 = pixel(face.y1, photo->rows), y2 = pixel(face.y2, photo->rows);
+  constexpr int32_t kLine = 3;
+  fill_rectangle(photo, x1, y1, x2, y1 + kLine);
+  fill_rectangle(photo, x1, y2 - kLine, x2, y2);
+  fill_rectangle(photo, x1, y1, x1 + kLine, y2);
+  fill_rectangle(photo, x2 - kLine, y1, x2, y2);
+}
+
+bool draw(const std::string& file, zyn_image* photo, const std::vector<zyn_detection>& faces) {
+  for (const zyn_detection& face : faces) draw_box(photo, face);
+  if (zyn_image_write_to_file_with_level(file.c_str(), photo) != ZYN_RET_OK)
+    return failed(file + " cannot be written (its name must end in .bmp)");
+  fprintf(stderr, "drawn: %s\n", file.c_str());
+  return true;
+}
+
+bool detect(const Options& options) {
+  Image photo;
+  Padded padded;
+  Detector detector;
+  if (!read_photo(options, &photo) || !pad(photo.get(), &padded)) return false;
+  if (!detector.create(options.method)) return failed("the network cannot be built");
+  printf("\n");  // The notice of a new graph does not end its line.
+  if (!load_weights(options, &detector)) return false;
+  if (!detector.prepare())
+    return failed("the network cannot be prepared with method " + std::to_string(options.method));
+  if (!fill_input(padded.image.get(), detector.input())) return false;
+
+  const double begin = zyn_get_current_system_time();
+  std::vector<zyn_detection> faces;
+  if (!detector.run() || !detector.faces(kScoreThreshold, kOverlapThreshold, &faces))
+    return failed("the network cannot be run");
+  const double milliseconds = zyn_get_current_system_time() - begin;
+
+  map_to_photo(padded, &faces);
+  for (const zyn_detection& f : faces)
+    printf("%.2f %.2f %.2f %.2f %.6f\n", f.x1, f.y1, f.x2, f.y2, f.score);
+  fprintf(stderr, "%zu boxes in a photo of %d x %d pixels, method %u, %.1f ms\n", faces.size(),
+          photo->cols, photo->rows, options.method, milliseconds);
+  return options.draw.empty() || draw(options.draw, photo.get(), faces);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!parse(argc, argv, &options)) return kUsage;
+  const bool done = detect(options);
+  if (options.verbose)
+    fprintf(stderr, "library memory in use at exit: %llu bytes\n",
+            static_cast<unsigned long long>(zyn_get_current_memory_size_occupation()));
+  return done ? kDone : kFailed;
+}

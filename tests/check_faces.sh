@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# Runs the example: check_faces.sh DETECT_FACES [EMULATOR]. Its exit codes and its
+# stand-ins first; then, with the folder in ZYN_MODEL_DIR, the faces in two photos. Every
+# known face must be found once (overlap above 0.95, score within 0.02), and nothing else.
+set -euo pipefail
+program=$(realpath "$1")
+emulator=${2:-}
+models=${ZYN_MODEL_DIR:+$(realpath "$ZYN_MODEL_DIR")}
+unset ZYN_MODEL_DIR
+# On Windows the library lies in the folder above the examples.
+cd "$(dirname "$program")/.."
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+run() { # code, what the notes must say, arguments...
+  local code=0 wanted=$1 note=$2
+  shift 2
+  $emulator "$program" --verbose "$@" >"$work/found" 2>"$work/notes" || code=$?
+  if [ "$code" != "$wanted" ] || ! grep -q "$note" "$work/notes" ||
+    { [ "$code" != 2 ] && ! grep -q '^library memory in use at exit: 0 bytes' "$work/notes"; }; then
+    echo "detect_faces $*: code $code for $wanted, expected to say \"$note\", said:"
+    cat "$work/notes"
+    exit 1
+  fi
+}
+
+run 0 'means nothing' --draw "$work/generated.bmp"
+[ -s "$work/generated.bmp" ] || { echo "nothing drawn"; exit 1; }
+run 0 'means nothing' "$work/generated.bmp"
+run 1 'cannot be read as a BMP file' "$work/missing.bmp"
+run 1 'not an ssd320 model' --model "$work/generated.bmp"
+run 1 'cannot be written' --draw "$work/picture.jpg"
+run 2 usage --method 3
+run 2 usage --model
+run 2 usage one.bmp two.bmp
+run 2 usage --unknown
+
+if [ -z "$models" ]; then
+  echo "ZYN_MODEL_DIR is not set: the check with the trained model is passed over"
+  exit 0
+fi
+for photo in photo_a photo_b; do
+  bmp=$models/$photo.bmp
+  run 0 'boxes in a photo' --model "$models/ssd320.zynm" --draw "$work/$photo.bmp" "$bmp"
+  [ "$(stat -L -c %s "$work/$photo.bmp")" = "$(stat -L -c %s "$bmp")" ] || { echo "$photo: no picture"; exit 1; }
+  read -r width height < <(od -An -td4 -j18 -N8 "$bmp")
+  tr -d '\r' <"$work/found" | grep -E '^(-?[0-9.]+ ){4}[0-9.]+$' >"$work/faces" || true
+  awk -v name="$photo" -v width="$width" -v height="$height" '
+    function least(a, b) { return a < b ? a : b }
+    function most(a, b) { return a > b ? a : b }
+    # The known boxes are fractions of the padded photo; the margins are in their first line.
+    FNR == NR && /^#/ { top = $4; padded_height = height + $4 + $6; left = $8; padded_width = width + $8 + $10; next }
+    FNR == NR {
+      known++
+      x1[known] = $1 * padded_width - left; y1[known] = $2 * padded_height - top
+      x2[known] = $3 * padded_width - left; y2[known] = $4 * padded_height - top; score[known] = $5
+      next
+    }
+    {
+      found++
+      best = 0
+      for (i = 1; i <= known; i++) {
+        w = most(0, least(x2[i], $3) - most(x1[i], $1)); h = most(0, least(y2[i], $4) - most(y1[i], $2))
+        overlap = w * h / ((x2[i] - x1[i]) * (y2[i] - y1[i]) + ($3 - $1) * ($4 - $2) - w * h)
+        if (overlap > best) { best = overlap; at = i }
+      }
+      difference = $5 - score[at]
+      if (best <= 0.95 || difference > 0.02 || difference < -0.02 || met[at]++) {
+        printf "%s: face %s: overlap %.3f with known face %d, score %.4f for %.4f\n", name, $0, best, at, $5, score[at]
+        wrong = 1
+      }
+    }
+    END {
+      printf "%s: %d of %d faces\n", name, found, known
+      exit wrong || found != known || known == 0
+    }' "$models/$photo.faces.txt" "$work/faces"
+done
