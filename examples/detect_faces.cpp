@@ -22,7 +22,7 @@ namespace {
 using ssd320::Detector;
 using ssd320::Image;
 
-constexpr uint32_t kDefaultMethod = 0;
+constexpr uint32_t kDefaultMethod = 2;
 constexpr float kScoreThreshold = 0.7f;
 constexpr float kOverlapThreshold = 0.3f;
 constexpr float kAspectRatio = 0.75f;  // height / width of the network's input

@@ -24,6 +24,8 @@ void patch(Bytes& file, size_t at, uint32_t value, int count) {
 }
 
 void save(const std::string& path, const Bytes& content) {
+  // Some file systems write a file that is truncated through to the disk.
+  remove(path.c_str());
   FILE* stream = fopen(path.c_str(), "wb");
   ASSERT_TRUE(stream);
   fwrite(content.data(), 1, content.size(), stream);
@@ -218,14 +220,19 @@ TEST(BmpReader, AFileCutAnywhereIsRefusedQuietly) {
   const std::string path = temp_path("cut.bmp");
   for (const Bmp& kind : every_kind()) {
     Bytes file = kind.file();
+    int64_t read_at = -1;  // one capture a kind: each costs a file of its own
     // Where bytes are dropped in the middle they are missing at the end as well.
-    while (file.size() > 1) {
-      file.resize(file.size() - (file.size() > 200 && file.size() % 16 ? 7 : 1));
-      save(path, file);
-      const std::string text =
-          printed([&] { EXPECT_EQ(zyn_create_image_from_file(path.c_str(), 0), nullptr); });
-      ASSERT_EQ(text, "") << kind.bits << " bits cut at " << file.size();
-    }
+    const std::string text = printed([&] {
+      while (file.size() > 1 && read_at < 0) {
+        file.resize(file.size() - (file.size() > 200 && file.size() % 16 ? 7 : 1));
+        save(path, file);
+        zyn_image* image = zyn_create_image_from_file(path.c_str(), 0);
+        if (image) read_at = static_cast<int64_t>(file.size());
+        if (image) zyn_release_matrix(&image);
+      }
+    });
+    ASSERT_EQ(read_at, -1) << kind.bits << " bits";
+    ASSERT_EQ(text, "") << kind.bits << " bits";
   }
   remove(path.c_str());
 }
