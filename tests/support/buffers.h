@@ -7,6 +7,13 @@
 #include <string.h>
 #ifdef _WIN32
 #include <windows.h>
+// Its macros from the days of segments would take these names from the tests.
+#undef near
+#undef far
+#undef NEAR
+#undef FAR
+#define NEAR
+#define FAR
 #else
 #include <sys/mman.h>
 #include <unistd.h>
