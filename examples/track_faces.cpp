@@ -16,17 +16,16 @@ constexpr int kHeight = 360;
 constexpr int kFrames = 40;
 
 struct Face {
-  const char* name;
   float x, y, size;        // centre and edge in frame 0
   float dx, dy;            // movement per frame
   int first, last;         // frames with a detection
   int hidden, hidden_end;  // without one in between
 };
 
-constexpr Face kFaces[] = {{"Ada", 60, 120, 60, 13, 1, 0, 99, 0, 0},
-                           {"Ben", 580, 170, 70, -13, -1, 0, 99, 0, 0},
-                           {"Cleo", 320, 290, 50, 2, 0, 0, 99, 14, 16},
-                           {"Dan", 520, 320, 44, -9, -3, 8, 27, 0, 0}};
+constexpr Face kFaces[] = {{60, 120, 60, 13, 1, 0, 99, 0, 0},
+                           {580, 170, 70, -13, -1, 0, 99, 0, 0},
+                           {320, 290, 50, 2, 0, 0, 99, 14, 17},
+                           {520, 320, 44, -9, -3, 8, 27, 0, 0}};
 
 // Everything a detector would have found in a frame. It is not sure to a few pixels.
 std::vector<zyn_detection> detect(int frame) {

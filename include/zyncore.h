@@ -943,6 +943,8 @@ ZYN_API int32_t zyn_image_cropped_patch_with_border(zyn_image* destination,
                                                     const zyn_image* source,
                                                     const int32_t source_position[2],
                                                     const int32_t size[2]);
+
+/* ------------------------------------------------------------------------ */
 /* Tracking                                                                   */
 /* ------------------------------------------------------------------------ */
 

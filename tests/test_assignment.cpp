@@ -185,27 +185,6 @@ TEST(Assignment, IsOptimalAndDecidesEqualCostsInOrder) {
   }
 }
 
-TEST(Assignment, RealScoresReachTheBestTotal) {
-  Random random(12);
-  for (int i = 0; i < zyn_test::soak(1500, 30000); i++) {
-    Scores s(random.integer(1, 6), random.integer(1, 6), 1, &random);
-    zyn_matrix* m = zyn_create_matrix(s.rows, s.cols, 1, ZYN_TYPE_F32);
-    float* values = static_cast<float*>(m->data);
-    for (size_t k = 0; k < s.v.size(); k++) {
-      s.v[k] = random.integer(0, 1 << 24);
-      values[k] = static_cast<float>(s.v[k]) / (1 << 24);
-    }
-    int32_t* pairs = zyn_assignment_pairs(m);
-    ASSERT_NE(pairs, nullptr);
-    int64_t total = 0;
-    for (int k = 0; k < std::min(s.rows, s.cols); k++)
-      total += s.at(pairs[2 * k], pairs[2 * k + 1]);
-    ASSERT_EQ(total, s.best());
-    zyn_free(pairs);
-    zyn_release_matrix(&m);
-  }
-}
-
 TEST(Assignment, WithoutAPathSaysInfeasible) {
   const struct {
     const char* label;

@@ -313,6 +313,9 @@ TEST(BoxTracker, StartsAtRestOnItsBox) {
   EXPECT_EQ(track->id, 7u);
   EXPECT_EQ(track->hits, 1);
   EXPECT_EQ(track->hit_streak, 1);
+  const double noise[7] = {1, 1, 1, 1, 0.01, 0.01, 0.0001};
+  for (int i = 0; i < 7; i++)
+    EXPECT_NEAR(element(track->filter->process_noise, 8 * i), noise[i], 1e-9) << i;
   const Box box = track.predict();
   expect_state(box.v, {10, 20, 30, 60});
   EXPECT_EQ(track->age, 1);

@@ -1,6 +1,7 @@
 // The tracker against a literal model over random frames, and rule by rule.
 #include <gtest/gtest.h>
 #include <math.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
@@ -41,6 +42,23 @@ Boxes row_of_boxes(int count, float shift = 0) {
   }
   return boxes;
 }
+
+// Lets fresh memory be full of rubbish.
+class DirtyMemory {
+ public:
+  DirtyMemory() {
+    static constexpr zyn_system_allocator kDirty = {allocate, free};
+    before_ = zyn_set_system_allocator(&kDirty);
+  }
+  ~DirtyMemory() { zyn_set_system_allocator(&before_); }
+
+ private:
+  static void* allocate(size_t bytes) {
+    void* block = malloc(bytes);
+    return block ? memset(block, 0xCD, bytes) : nullptr;
+  }
+  zyn_system_allocator before_;
+};
 
 // One entry of a list of tracks.
 struct Entry {
@@ -222,8 +240,8 @@ struct SortModel {
   Entries list() const {
     Entries result;
     for (const TrackModel& t : tracks) {
-      if (t.since >= 1) continue;
-      if (t.streak<min_hits&& static_cast<uint64_t>(t.streak)> frames) continue;
+      if (t.since >= 1 || (min_hits > t.streak && frames < static_cast<uint64_t>(t.streak)))
+        continue;
       result.push_back({t.id, 0, TrackModel::box_of(t.filter.corrected),
                         t.payload.empty() ? zeros() : t.payload});
     }
@@ -304,6 +322,7 @@ class Scene {
     return {x, y, x + fmaxf(b.v[2] - b.v[0] + jitter(), 3),
             y + fmaxf(b.v[3] - b.v[1] + jitter(), 3), random_.real(0, 1)};
   }
+  DirtyMemory dirty_;
   Random random_;
   int payload_;
   Sort sort_;
@@ -561,6 +580,15 @@ TEST(Sort, FirstVariantGrowsTheTracksButNotThePayloads) {
   EXPECT_EQ(all[126].payload, Bytes(3, 'q'));
   EXPECT_EQ(all[127].payload, Bytes(3, 0)) << "moved in from beyond the buffer";
   EXPECT_EQ(all[128].payload, Bytes(3, 0));
+}
+
+TEST(Sort, SlotsThatComeToTracksLaterStartZeroed) {
+  const DirtyMemory dirty;
+  Sort sort(0, 1, 3);
+  ASSERT_EQ(sort.add(256), 0);
+  ASSERT_EQ(sort.add_ids(1), 0);
+  EXPECT_EQ(sort->payload_slots, 512);
+  for (const Entry& e : sort.predict()) EXPECT_EQ(e.payload, Bytes(3, 0)) << e.id;
 }
 
 TEST(Sort, SecondVariantGrowsBothEvenForAMaskedOutDetection) {

@@ -128,10 +128,10 @@ void fill_entry(zyn_track_info* info, int32_t entry, const zyn_sort_handle* hand
 }
 
 bool is_listed(const zyn_sort_handle* handle, const zyn_box_tracker* track) {
-  // On purpose: compared with the track's own streak, not an exemption of the first frames.
-  return track->time_since_update < 1 &&
-         !(track->hit_streak<handle->min_hits&& static_cast<uint64_t>(track->hit_streak)> handle
-               ->frame_count);
+  if (track->time_since_update >= 1) return false;
+  if (track->hit_streak >= handle->min_hits) return true;
+  // On purpose: measured by the track's own streak, not an exemption of the first frames.
+  return static_cast<uint64_t>(track->hit_streak) <= handle->frame_count;
 }
 
 // On purpose two rules: any byte but 0 lets a detection become a track, only 1 lets it
