@@ -1,9 +1,9 @@
 // Depthwise convolutions of method 2: 3 x 3 and 5 x 5, padding half the kernel, stride 1
-// and 2. A group of output rows goes down the plane together, so that an input row is
+// and 2. A group of output rows goes along the plane together, so that an input row is
 // loaded once for all taps that use it. Every output is one accumulator that takes its
-// taps row by row. Vectors that touch the left or right border load by mask; the last
-// vector of a row overlaps the one before it; rows above and below the image are left
-// out.
+// taps row by row. Rows above and below the image are read from a row of zeros; vectors
+// that touch the left or right border load by mask; the last vector of a row overlaps the
+// one before it.
 #include <immintrin.h>
 
 #include "cg/cpu/kernels/zyn_conv_epilogue.h"
@@ -11,20 +11,14 @@
 
 namespace {
 
-#define ZYN_UNROLL _Pragma("GCC unroll 16")
+#define ZYN_UNROLL _Pragma("GCC unroll 32")
 
 constexpr int64_t kVector = 8;
-constexpr int kRowGroup = 4;  // output rows that go together
 
 int64_t smaller(int64_t a, int64_t b) { return a < b ? a : b; }
 
-// One channel.
-struct plane {
-  const float* input;
-  const float* bias;  // or null
-  float* output;
-  int64_t input_w, input_h, output_w, output_h;
-};
+// Which borders of the image a vector touches.
+enum { kNone = 0, kLeft = 1, kRight = 2, kBoth = 3 };
 
 // Lanes i of a vector at column x for which 0 <= x + i < width.
 __m256i inside(int64_t x, int64_t width) {
@@ -36,46 +30,45 @@ __m256i inside(int64_t x, int64_t width) {
 }
 
 // What the taps of one kernel row see under 8 neighbouring output pixels: tap kx of pixel
-// i the input column first + i * kStride + kx. With stride 2 the lanes of all taps, and
-// so of the sums, are in the order that in_order undoes.
+// i the input column i * stride + kx, from the first column that tap 0 sees. A load is
+// named by its distance from there; masks holds the lanes of load i that lie inside the
+// image.
 template <int kKernel, int kStride>
 struct taps;
 
 template <int kKernel>
 struct taps<kKernel, 1> {
-  static constexpr int64_t kReach = kVector + kKernel - 1;  // floats read from first on
-  __m256i masks[kKernel];
-  taps(int64_t first, int64_t width) {
-    ZYN_UNROLL for (int kx = 0; kx < kKernel; kx++) masks[kx] = inside(first + kx, width);
+  static constexpr int kLoads = kKernel, kPad = kKernel / 2;
+  static constexpr int distance(int i) { return i; }
+  static constexpr bool masked(int i, int edge) {
+    return edge == kBoth || (edge == kLeft && i < kPad) || (edge == kRight && i > kPad);
   }
-  template <bool kMasked>
-  [[gnu::always_inline]] void load(const float* row, __m256 (&x)[kKernel]) const {
-    ZYN_UNROLL for (int kx = 0; kx < kKernel; kx++) x[kx] =
-        kMasked ? _mm256_maskload_ps(row + kx, masks[kx]) : _mm256_loadu_ps(row + kx);
+  template <int kEdge, typename Load>
+  [[gnu::always_inline]] static void take(const Load& load, __m256 (&x)[kKernel]) {
+    ZYN_UNROLL for (int i = 0; i < kKernel; i++) x[i] = load(i);
   }
   static __m256 in_order(__m256 y) { return y; }
 };
 
+// Stride 2 takes the taps from pairs of loads, those at even and those at odd places. The
+// lanes of all taps, and so of the sums, are in the order that in_order undoes.
 template <int kKernel>
 struct taps<kKernel, 2> {
-  static constexpr int kPairs = (kKernel + 1) / 2;
-  static constexpr int64_t kReach = 2 * kVector + 2 * (kPairs - 1);
-  __m256i low[kPairs], high[kPairs];
-  taps(int64_t first, int64_t width) {
-    ZYN_UNROLL for (int i = 0; i < kPairs; i++) {
-      low[i] = inside(first + 2 * i, width);
-      high[i] = inside(first + 2 * i + kVector, width);
-    }
+  static constexpr int kLoads = kKernel + 1, kPad = kKernel / 2;
+  static constexpr int distance(int i) {
+    return (i < 2 ? 0 : i / 2 * 2 - 1) + i % 2 * static_cast<int>(kVector);
   }
-  template <bool kMasked>
-  [[gnu::always_inline]] void load(const float* row, __m256 (&x)[kKernel]) const {
-    ZYN_UNROLL for (int i = 0; i < kPairs; i++) {
-      const float* p = row + 2 * i;
-      const __m256 a = kMasked ? _mm256_maskload_ps(p, low[i]) : _mm256_loadu_ps(p);
-      const __m256 b =
-          kMasked ? _mm256_maskload_ps(p + kVector, high[i]) : _mm256_loadu_ps(p + kVector);
-      x[2 * i] = _mm256_shuffle_ps(a, b, 0x88);
-      if (2 * i + 1 < kKernel) x[2 * i + 1] = _mm256_shuffle_ps(a, b, 0xDD);
+  static constexpr bool masked(int i, int edge) {
+    return edge == kBoth || (edge == kLeft && distance(i) < kPad) ||
+           (edge == kRight && i % 2 == 1 && i > 1);
+  }
+  template <int kEdge, typename Load>
+  [[gnu::always_inline]] static void take(const Load& load, __m256 (&x)[kKernel]) {
+    x[0] = _mm256_shuffle_ps(load(0), load(1), 0x88);
+    ZYN_UNROLL for (int i = 2; i < kLoads; i += 2) {
+      const __m256 low = load(i), high = load(i + 1);
+      x[i - 1] = _mm256_shuffle_ps(low, high, 0x88);
+      x[i] = _mm256_shuffle_ps(low, high, 0xDD);
     }
   }
   static __m256 in_order(__m256 y) {
@@ -83,20 +76,65 @@ struct taps<kKernel, 2> {
   }
 };
 
-// 8 columns of kRows output rows from (x, y) on; columns of them are stored.
-template <int kKernel, int kStride, int kRows, bool kMasked, int kActivation>
-[[gnu::always_inline]] inline void block(const plane& p, const taps<kKernel, kStride>& t,
-                                         const __m256 (&weights)[kKernel * kKernel], int64_t x,
-                                         int64_t y, int64_t columns) {
-  constexpr int kInputRows = (kRows - 1) * kStride + kKernel;
-  const int64_t first_row = y * kStride - kKernel / 2;
-  const float* row = p.input + first_row * p.input_w + x * kStride - kKernel / 2;
-  __m256 sums[kRows];
-  ZYN_UNROLL for (int r = 0; r < kRows; r++) sums[r] = _mm256_setzero_ps();
-  ZYN_UNROLL for (int i = 0; i < kInputRows; i++) {
-    if (first_row + i >= 0 && first_row + i < p.input_h) {
+template <int kKernel, int kStride>
+struct run_planes {
+  using row_taps = taps<kKernel, kStride>;
+  static constexpr int kPad = kKernel / 2;
+  // Output rows that go together: as many as there are registers for.
+  static constexpr int kRowGroup = kStride == 1 ? 4 : 2;
+
+  const zyn_conv_plan* plan;
+  const float* input;
+  float* output;
+  const float* bias;
+  // The first and the last vector of a row.
+  int64_t last_x = 0, stored = kVector;
+  int first_edge = kNone, last_edge = kNone;
+  __m256i first_masks[row_taps::kLoads] = {}, last_masks[row_taps::kLoads] = {};
+
+  run_planes(const zyn_conv_plan* plan_, const float* input_, float* output_, const float* bias_)
+      : plan(plan_), input(input_), output(output_), bias(bias_) {
+    const int64_t width = plan->output_w;
+    stored = smaller(width, kVector);
+    last_x = width - stored;
+    first_edge = edge(0);
+    last_edge = edge(last_x);
+    ZYN_UNROLL for (int i = 0; i < row_taps::kLoads; i++) {
+      first_masks[i] = inside(row_taps::distance(i) - kPad, plan->input_w);
+      last_masks[i] = inside(last_x * kStride + row_taps::distance(i) - kPad, plan->input_w);
+    }
+  }
+
+  // Borders that the loads of the vector at output column x touch.
+  int edge(int64_t x) const {
+    const int64_t first = x * kStride - kPad;
+    const int64_t end = first + row_taps::distance(row_taps::kLoads - 1) + kVector;
+    const int64_t low_end = first + row_taps::distance(row_taps::kLoads - kStride) + kVector;
+    if (low_end > plan->input_w && (kStride == 2 || first < 0)) return kBoth;
+    return (first < 0 ? kLeft : 0) + (end > plan->input_w ? kRight : 0);
+  }
+
+  // The rows of one group.
+  template <int kRows>
+  struct group {
+    static constexpr int kInputRows = (kRows - 1) * kStride + kKernel;
+    const float* rows[kInputRows];  // at the column that tap 0 of output column 0 sees
+    float* out;
+    int64_t pitch;
+    bool has_bias;
+    __m256 bias;
+  };
+
+  // One vector of a group.
+  template <int kRows, int kEdge, int kActivation>
+  [[gnu::always_inline]] void block(const group<kRows>& g,
+                                    const __m256 (&weights)[kKernel * kKernel], int64_t x,
+                                    const __m256i* masks) const {
+    __m256 sums[kRows];
+    ZYN_UNROLL for (int r = 0; r < kRows; r++) sums[r] = _mm256_setzero_ps();
+    ZYN_UNROLL for (int i = 0; i < group<kRows>::kInputRows; i++) {
       __m256 v[kKernel];
-      t.template load<kMasked>(row + i * p.input_w, v);
+      load_row<kEdge>(g.rows[i] + x * kStride, masks, v);
       ZYN_UNROLL for (int r = 0; r < kRows; r++) {
         const int ky = i - r * kStride;
         if (ky < 0 || ky >= kKernel) continue;
@@ -104,64 +142,90 @@ template <int kKernel, int kStride, int kRows, bool kMasked, int kActivation>
             _mm256_fmadd_ps(weights[ky * kKernel + kx], v[kx], sums[r]);
       }
     }
+    float* to = g.out + x;
+    ZYN_UNROLL for (int r = 0; r < kRows; r++) {
+      const __m256 sum = _mm256_add_ps(row_taps::in_order(sums[r]), g.bias);
+      const __m256 y = zyn_activate<kActivation>(g.has_bias ? sum : row_taps::in_order(sums[r]));
+      if (kEdge == kBoth && stored < kVector)
+        _mm256_maskstore_ps(to, zyn_first_lanes(stored), y);
+      else
+        _mm256_storeu_ps(to, y);
+      to += g.pitch;
+    }
   }
-  float* to = p.output + y * p.output_w + x;
-  ZYN_UNROLL for (int r = 0; r < kRows; r++) {
-    __m256 sum = t.in_order(sums[r]);
-    if (p.bias) sum = _mm256_add_ps(sum, _mm256_broadcast_ss(p.bias));
-    sum = zyn_activate<kActivation>(sum);
-    if (kMasked && columns < kVector)
-      _mm256_maskstore_ps(to + r * p.output_w, zyn_first_lanes(columns), sum);
-    else
-      _mm256_storeu_ps(to + r * p.output_w, sum);
-  }
-}
 
-template <int kKernel, int kStride, int kRows, int kActivation>
-void row_group(const plane& p, const __m256 (&weights)[kKernel * kKernel], int64_t y) {
-  using row_taps = taps<kKernel, kStride>;
-  const int64_t columns = smaller(p.output_w, kVector);
-  for (int64_t column = 0; column < p.output_w; column += kVector) {
-    const int64_t x = p.output_w < kVector ? 0 : smaller(column, p.output_w - kVector);
-    const int64_t first = x * kStride - kKernel / 2;
-    const row_taps t(first, p.input_w);
-    if (first >= 0 && first + row_taps::kReach <= p.input_w)
-      block<kKernel, kStride, kRows, false, kActivation>(p, t, weights, x, y, columns);
-    else
-      block<kKernel, kStride, kRows, true, kActivation>(p, t, weights, x, y, columns);
+  template <int kEdge>
+  [[gnu::always_inline]] static void load_row(const float* row, const __m256i* masks,
+                                              __m256 (&x)[kKernel]) {
+    row_taps::template take<kEdge>(
+        [ row, masks ](int load) __attribute__((always_inline)) {
+          const float* from = row + row_taps::distance(load);
+          return row_taps::masked(load, kEdge) ? _mm256_maskload_ps(from, masks[load])
+                                               : _mm256_loadu_ps(from);
+        },
+        x);
   }
-}
 
-template <int kKernel, int kStride>
-struct run_planes {
-  const zyn_conv_plan* plan;
-  const float* input;
-  float* output;
-  const float* bias;
+  template <int kRows, int kActivation>
+  [[gnu::always_inline]] void edge_block(const group<kRows>& g,
+                                         const __m256 (&weights)[kKernel * kKernel], int64_t x,
+                                         const __m256i* masks, int edges) const {
+    switch (edges) {
+      case kNone:
+        return block<kRows, kNone, kActivation>(g, weights, x, masks);
+      case kLeft:
+        return block<kRows, kLeft, kActivation>(g, weights, x, masks);
+      case kRight:
+        return block<kRows, kRight, kActivation>(g, weights, x, masks);
+      default:
+        return block<kRows, kBoth, kActivation>(g, weights, x, masks);
+    }
+  }
+
+  // kRows output rows of channel c from y on.
+  template <int kRows, int kActivation>
+  void row_group(int64_t c, int64_t y, const __m256 (&weights)[kKernel * kKernel]) const {
+    constexpr int kInputRows = group<kRows>::kInputRows;
+    const int64_t w = plan->input_w, h = plan->input_h, out_w = plan->output_w;
+    const int64_t first = y * kStride - kPad;
+    group<kRows> g;
+    const float* row = input + (c * h + first) * w - kPad;
+    ZYN_UNROLL for (int i = 0; i < kInputRows; i++, row += w) g.rows[i] = row;
+    if (first < 0 || first + kInputRows > h) {
+      const float* zeros = plan->weights + zyn_conv_plan_scratch(plan) - kPad;
+      ZYN_UNROLL for (int i = 0; i < kInputRows; i++) {
+        if (first + i < 0 || first + i >= h) g.rows[i] = zeros;
+      }
+    }
+    g.out = output + (c * plan->output_h + y) * out_w;
+    g.pitch = out_w;
+    g.has_bias = bias != nullptr;
+    g.bias = bias ? _mm256_broadcast_ss(bias + c) : _mm256_setzero_ps();
+    edge_block<kRows, kActivation>(g, weights, 0, first_masks, first_edge);
+    // With 5 taps a vector one column before the last would read past the row.
+    const int64_t most = kStride == 1 ? last_x - kPad : last_x;
+    for (int64_t x = kVector; x < last_x; x += kVector)
+      block<kRows, kNone, kActivation>(g, weights, smaller(x, most), nullptr);
+    if (last_x > 0) edge_block<kRows, kActivation>(g, weights, last_x, last_masks, last_edge);
+  }
 
   template <int kActivation>
   void run() const {
-    const int64_t w = plan->input_w, h = plan->input_h;
-    const int64_t out_w = plan->output_w, out_h = plan->output_h;
+    const int64_t rows = plan->output_h;
     for (int64_t c = 0; c < plan->input_channels; c++) {
-      const plane p = {input + c * w * h,
-                       bias ? bias + c : nullptr,
-                       output + c * out_w * out_h,
-                       w,
-                       h,
-                       out_w,
-                       out_h};
       __m256 weights[kKernel * kKernel];
-      for (int i = 0; i < kKernel * kKernel; i++)
-        weights[i] = _mm256_broadcast_ss(plan->weights + c * kKernel * kKernel + i);
-      if (out_h < kRowGroup) {
-        for (int64_t y = 0; y < out_h; y++)
-          row_group<kKernel, kStride, 1, kActivation>(p, weights, y);
+      ZYN_UNROLL for (int i = 0; i < kKernel * kKernel; i++) weights[i] =
+          _mm256_broadcast_ss(plan->weights + c * kKernel * kKernel + i);
+      int64_t y = 0;
+      for (; y + kRowGroup <= rows; y += kRowGroup)
+        row_group<kRowGroup, kActivation>(c, y, weights);
+      // One row less than a group: a group that overlaps the one before.
+      if (rows > kRowGroup && rows - y == kRowGroup - 1 && kRowGroup > 2) {
+        row_group<kRowGroup, kActivation>(c, rows - kRowGroup, weights);
         continue;
       }
-      for (int64_t y = 0; y < out_h; y += kRowGroup)
-        row_group<kKernel, kStride, kRowGroup, kActivation>(p, weights,
-                                                            smaller(y, out_h - kRowGroup));
+      for (; y + 2 <= rows; y += 2) row_group<2, kActivation>(c, y, weights);
+      if (y < rows) row_group<1, kActivation>(c, y, weights);
     }
   }
 };
@@ -174,16 +238,16 @@ uint32_t zyn_conv_run_depthwise(float* output, const float* input, const zyn_con
   const float* bias = epilogue.bias;
   switch (plan->kind) {
     case ZYN_PLAN_DEPTHWISE_3X3:
-      zyn_with_activation(activation, run_planes<3, 1>{plan, input, output, bias});
+      zyn_with_activation(activation, run_planes<3, 1>(plan, input, output, bias));
       break;
     case ZYN_PLAN_DEPTHWISE_3X3_S2:
-      zyn_with_activation(activation, run_planes<3, 2>{plan, input, output, bias});
+      zyn_with_activation(activation, run_planes<3, 2>(plan, input, output, bias));
       break;
     case ZYN_PLAN_DEPTHWISE_5X5:
-      zyn_with_activation(activation, run_planes<5, 1>{plan, input, output, bias});
+      zyn_with_activation(activation, run_planes<5, 1>(plan, input, output, bias));
       break;
     default:
-      zyn_with_activation(activation, run_planes<5, 2>{plan, input, output, bias});
+      zyn_with_activation(activation, run_planes<5, 2>(plan, input, output, bias));
       break;
   }
   return 0;

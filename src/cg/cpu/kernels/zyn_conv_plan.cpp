@@ -92,6 +92,8 @@ uint32_t zyn_cg_conv_plan(int32_t input_channels, int32_t output_channels, int32
   if (is_dense(&p)) set_block(&p, p.output_channels);
   if (p.kind >= ZYN_PLAN_DENSE_3X3 && p.kind <= ZYN_PLAN_DENSE_5X5_S2)
     zyn_conv_plan_strip_sizes(&p);
+  // Depthwise kinds read rows outside of the image from a row of zeros.
+  if (!is_dense(&p)) p.strip.floats = static_cast<int64_t>(input_w) + kPanelWidth;
   *plan = p;
   return 0;
 }

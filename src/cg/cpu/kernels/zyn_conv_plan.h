@@ -55,7 +55,7 @@ struct zyn_conv_plan {
   // The layer, for the run functions.
   int32_t input_channels, input_w, input_h;
   int32_t kernel, stride, pad;
-  zyn_conv_strip strip;  // kinds 1 to 4
+  zyn_conv_strip strip;  // kinds 1 to 4; of the depthwise kinds floats alone
 };
 
 // Where the scratch begins in the block of the packed weights, in floats: aligned.
