@@ -24,8 +24,7 @@ void patch(Bytes& file, size_t at, uint32_t value, int count) {
 }
 
 void save(const std::string& path, const Bytes& content) {
-  // Some file systems write a file that is truncated through to the disk.
-  remove(path.c_str());
+  remove(path.c_str());  // some systems flush a file that is cut and written again
   FILE* stream = fopen(path.c_str(), "wb");
   ASSERT_TRUE(stream);
   fwrite(content.data(), 1, content.size(), stream);
@@ -218,22 +217,19 @@ TEST(BmpReader, EveryDepthHeaderAndRowOrder) {
 
 TEST(BmpReader, AFileCutAnywhereIsRefusedQuietly) {
   const std::string path = temp_path("cut.bmp");
-  for (const Bmp& kind : every_kind()) {
-    Bytes file = kind.file();
-    int64_t read_at = -1;  // one capture a kind: each costs a file of its own
-    // Where bytes are dropped in the middle they are missing at the end as well.
-    const std::string text = printed([&] {
-      while (file.size() > 1 && read_at < 0) {
-        file.resize(file.size() - (file.size() > 200 && file.size() % 16 ? 7 : 1));
-        save(path, file);
-        zyn_image* image = zyn_create_image_from_file(path.c_str(), 0);
-        if (image) read_at = static_cast<int64_t>(file.size());
-        if (image) zyn_release_matrix(&image);
-      }
-    });
-    ASSERT_EQ(read_at, -1) << kind.bits << " bits";
-    ASSERT_EQ(text, "") << kind.bits << " bits";
-  }
+  EXPECT_EQ(printed([&] {
+              for (Bmp kind : every_kind()) {
+                if (kind.top_down || kind.gray) continue;
+                if (kind.bits == 8) kind.colours = 3;  // a short file
+                for (Bytes file = kind.file(); file.size() > 1;) {
+                  file.pop_back();
+                  save(path, file);
+                  ASSERT_EQ(zyn_create_image_from_file(path.c_str(), 0), nullptr)
+                      << kind.bits << " bits cut at " << file.size();
+                }
+              }
+            }),
+            "");
   remove(path.c_str());
 }
 
@@ -242,6 +238,7 @@ TEST(BmpReader, HostileFieldsAreRefused) {
                               0x7FFF,     0x7FFFFFFF, 0x80000000, 0x80000001,
                               0xFFFFFFFF, 0xFFFFFFFE, 0x10000000, 0x55555556};
   for (const Bmp& kind : every_kind()) {
+    if (kind.top_down) continue;
     const Bytes good = kind.file();
     for (size_t at : {10u, 14u, 18u, 22u, 28u, 30u, 46u})
       for (uint32_t value : hostile) {
