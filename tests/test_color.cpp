@@ -47,7 +47,7 @@ TEST(Color, EveryColourToGray) {
     for (int i = 0; i < 4096 * kSlice; i++, p += 3) {
       const int want = gray_of(p[0], p[1], p[2]);
       const uint8_t* w = bytes(wide) + 3 * i;
-      wrong += (bytes(gray)[i] != want) | (w[0] != want) | (w[1] != want) | (w[2] != want);
+      wrong += bytes(gray)[i] != want || w[0] != want || w[1] != want || w[2] != want;
     }
   }
   EXPECT_EQ(wrong, 0);
@@ -90,7 +90,7 @@ TEST(Color, EveryColourToYuv) {
         const int b = (p[0] + p[3] + q[0] + q[3] + 2) >> 2,
                   g = (p[1] + p[4] + q[1] + q[4] + 2) >> 2;
         const int r = (p[2] + p[5] + q[2] + q[5] + 2) >> 2;
-        wrong_chroma += (u[x] != u_of(b, g, r)) | (v[x] != v_of(b, g, r));
+        wrong_chroma += u[x] != u_of(b, g, r) || v[x] != v_of(b, g, r);
       }
     }
   }
@@ -120,7 +120,7 @@ TEST(Color, EveryYuvToColour) {
         bgr_of(bytes(yuv)[y * 4096 + x], static_cast<uint8_t*>(yuv->plane1)[at],
                static_cast<uint8_t*>(yuv->plane2)[at], want);
         const uint8_t* p = bytes(bgr) + y * bgr->row_bytes + 3 * x;
-        wrong += (p[0] != want[0]) | (p[1] != want[1]) | (p[2] != want[2]);
+        wrong += p[0] != want[0] || p[1] != want[1] || p[2] != want[2];
       }
   }
   EXPECT_EQ(wrong, 0);
