@@ -64,8 +64,8 @@ TEST(Crop, EveryOverhangOfEveryFormat) {
 }
 
 TEST(Crop, PositionsAtTheEndsOfTheIntegersClamp) {
-  for (int far : {INT32_MIN, INT32_MAX})
-    for (uint32_t format : {0u, 5u}) check(format, 9, 7, far, far, 4, 4);
+  for (int extreme : {INT32_MIN, INT32_MAX})
+    for (uint32_t format : {0u, 5u}) check(format, 9, 7, extreme, extreme, 4, 4);
 }
 
 TEST(Crop, AFormat5CropLeavesTheCallersPositionHalved) {
