@@ -125,8 +125,7 @@ class LandmarkNetwork {
   int layer(int x, int in, int out, int groups, int kernel, int stride, int pad, bool relu) {
     const int per_output = kernel * kernel * in / groups;
     const int constant = weights(per_output * out, out, per_output, relu ? 1.4f : 0.5f);
-    // One operator serves the dense, depthwise and pointwise layers.
-    const int id = add(ZYN_OP_CONV_GROUPED, {x, constant});
+    const int id = add(ZYN_OP_CONV_ACT, {x, constant});
     zyn_conv_param& p = nodes_.back().record.conv;
     p.in_channels = in;
     p.out_channels = out;
@@ -136,8 +135,8 @@ class LandmarkNetwork {
     p.dilation_h = p.dilation_w = 1;
     p.groups = groups;
     p.bias = 1;
-    // In place, on the convolution's own output, which nothing else reads.
-    return relu ? add(ZYN_OP_RELU, {id}) : id;
+    p.word14.activation = relu ? ZYN_ACT_RELU : ZYN_ACT_BIAS;
+    return id;
   }
 
   int convolution(int x, int in, int out, int kernel, int stride, bool relu, int pad = -1) {
