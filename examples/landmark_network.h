@@ -41,10 +41,10 @@ class LandmarkNetwork {
     for (int i = 0; i < 4; i++) x = bottleneck(x, 64, 128, 64, 1);
     x = bottleneck(x, 64, 128, 128, 2);
     for (int i = 0; i < 6; i++) x = bottleneck(x, 128, 512, 128, 1);
-    const int near = bottleneck(x, 128, 256, 16, 1);              // 14 x 14 x 16
-    const int middle = convolution(near, 16, 32, 3, 2, true);     // 7 x 7 x 32
-    const int far = convolution(middle, 32, 128, 7, 1, true, 0);  // 1 x 1 x 128
-    const int joined = join({average(near, 14), average(middle, 7), far});
+    const int early = bottleneck(x, 128, 256, 16, 1);              // 14 x 14 x 16
+    const int middle = convolution(early, 16, 32, 3, 2, true);     // 7 x 7 x 32
+    const int late = convolution(middle, 32, 128, 7, 1, true, 0);  // 1 x 1 x 128
+    const int joined = join({average(early, 14), average(middle, 7), late});
     output_ = dense(flatten(joined), channels(16) + channels(32) + channels(128), 2 * kPoints);
   }
   ~LandmarkNetwork() {

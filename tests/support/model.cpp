@@ -80,7 +80,7 @@ void Model::evaluate() {
 
 void Model::check(double bound) {
   for (int id = 0; id < size(); id++)
-    ASSERT_TRUE(near(net.output(id), value(id), bound))
+    ASSERT_TRUE(agrees(net.output(id), value(id), bound))
         << "node " << id << " of type " << types_[static_cast<size_t>(id)];
 }
 
