@@ -41,10 +41,10 @@ class LandmarkNetwork {
     for (int i = 0; i < 4; i++) x = bottleneck(x, 64, 128, 64, 1);
     x = bottleneck(x, 64, 128, 128, 2);
     for (int i = 0; i < 6; i++) x = bottleneck(x, 128, 512, 128, 1);
-    const int near = bottleneck(x, 128, 256, 16, 1);              // 14 x 14 x 16
-    const int middle = convolution(near, 16, 32, 3, 2, true);     // 7 x 7 x 32
-    const int far = convolution(middle, 32, 128, 7, 1, true, 0);  // 1 x 1 x 128
-    const int joined = join({average(near, 14), average(middle, 7), far});
+    const int early = bottleneck(x, 128, 256, 16, 1);              // 14 x 14 x 16
+    const int middle = convolution(early, 16, 32, 3, 2, true);     // 7 x 7 x 32
+    const int late = convolution(middle, 32, 128, 7, 1, true, 0);  // 1 x 1 x 128
+    const int joined = join({average(early, 14), average(middle, 7), late});
     output_ = dense(flatten(joined), channels(16) + channels(32) + channels(128), 2 * kPoints);
   }
   ~LandmarkNetwork() {
@@ -125,8 +125,7 @@ class LandmarkNetwork {
   int layer(int x, int in, int out, int groups, int kernel, int stride, int pad, bool relu) {
     const int per_output = kernel * kernel * in / groups;
     const int constant = weights(per_output * out, out, per_output, relu ? 1.4f : 0.5f);
-    // One operator serves the dense, depthwise and pointwise layers.
-    const int id = add(ZYN_OP_CONV_GROUPED, {x, constant});
+    const int id = add(ZYN_OP_CONV_ACT, {x, constant});
     zyn_conv_param& p = nodes_.back().record.conv;
     p.in_channels = in;
     p.out_channels = out;
@@ -136,8 +135,8 @@ class LandmarkNetwork {
     p.dilation_h = p.dilation_w = 1;
     p.groups = groups;
     p.bias = 1;
-    // In place, on the convolution's own output, which nothing else reads.
-    return relu ? add(ZYN_OP_RELU, {id}) : id;
+    p.word14.activation = relu ? ZYN_ACT_RELU : ZYN_ACT_BIAS;
+    return id;
   }
 
   int convolution(int x, int in, int out, int kernel, int stride, bool relu, int pad = -1) {

@@ -7,10 +7,10 @@
 #include "support/model.h"
 #include "support/reference.h"
 
+using zyn_test::agrees;
 using zyn_test::Array;
 using zyn_test::kOperatorTypes;
 using zyn_test::Model;
-using zyn_test::near;
 using zyn_test::Net;
 using zyn_test::PageEnd;
 using zyn_test::printed;
@@ -113,7 +113,7 @@ TEST(Ops, PoolingOfLongRowsAndWideWindows) {
       Net net;
       const int id = net.op(max ? ZYN_OP_MAX_POOL : ZYN_OP_AVERAGE_POOL, p, {net.input(in)});
       ASSERT_EQ(net.go(), 0);
-      EXPECT_TRUE(near(net.output(id), zyn_test::reference_pool(in, p, max), 2e-6)) << k;
+      EXPECT_TRUE(agrees(net.output(id), zyn_test::reference_pool(in, p, max), 2e-6)) << k;
     }
   }
 }
@@ -182,7 +182,7 @@ TEST(Ops, DenseOfDoublesAndOfLargeOperands) {
   Net net;
   const int id = net.op(ZYN_OP_LINEAR, p, {net.input(big), net.constant(weights)});
   ASSERT_EQ(net.go(), 0);
-  EXPECT_TRUE(near(net.output(id), zyn_test::reference_linear(big, weights, p), 1e-5));
+  EXPECT_TRUE(agrees(net.output(id), zyn_test::reference_linear(big, weights, p), 1e-5));
 }
 
 TEST(Ops, ReshapeCopiesWhateverTheCountsAndClearsTheRest) {

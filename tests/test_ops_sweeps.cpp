@@ -2,6 +2,7 @@
 // the formulas in double precision, with inputs in every channel order.
 #include "support/model.h"
 
+using zyn_test::kConvTypes;
 using zyn_test::kOperatorTypes;
 using zyn_test::Model;
 
@@ -30,16 +31,42 @@ TEST_P(EveryType, FollowsItsFormulaInEveryChannelOrder) {
 INSTANTIATE_TEST_SUITE_P(Ops, EveryType, ::testing::ValuesIn(kOperatorTypes),
                          [](const auto& info) { return "Type" + std::to_string(info.param); });
 
+// Methods 0 to 2 in turn: under method 1 the convolutions leave blocked tensors.
+void check_convolutions(uint32_t method) {
+  for (int type : kConvTypes)
+    for (uint64_t seed = 0; seed < 40; seed++) {
+      SCOPED_TRACE("type " + std::to_string(type) + ", seed " + std::to_string(seed));
+      Model model(seed * 31 + method);
+      model.layout = seed % 2 ? -1 : 0;
+      model.method(method);
+      model.add(type);
+      ASSERT_EQ(model.net.go(), 0);
+      model.evaluate();
+      model.check(1e-5);
+      if (::testing::Test::HasFatalFailure()) return;
+    }
+}
+
+TEST(Ops, ConvolutionsUnderEveryMethodAndChannelOrder) {
+  for (uint32_t method : {0u, 1u, 2u}) {
+    SCOPED_TRACE("method " + std::to_string(method));
+    check_convolutions(method);
+    if (HasFatalFailure()) return;
+  }
+}
+
 TEST(Ops, RandomGraphsAgreeWithTheirReference) {
-  for (uint64_t seed = 0; seed < 500; seed++) {
+  for (uint64_t seed = 0; seed < 600; seed++) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     Model model(seed + 77);
     model.layout = -1;
+    model.method(static_cast<uint32_t>(seed % 3));
     const int nodes = model.random.integer(3, 30);
-    while (model.size() < nodes)
-      model.add(
-          kOperatorTypes[model.random.integer(0, static_cast<int>(std::size(kOperatorTypes)) - 1)],
-          true);
+    while (model.size() < nodes) {
+      const bool conv = model.random.integer(0, 3) == 0;
+      const int other = model.random.integer(0, static_cast<int>(std::size(kOperatorTypes)) - 1);
+      model.add(conv ? kConvTypes[model.random.integer(0, 4)] : kOperatorTypes[other], true);
+    }
     model.use_leftovers();
     ASSERT_EQ(model.net.go(), 0);
     model.evaluate();

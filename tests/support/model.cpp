@@ -80,7 +80,7 @@ void Model::evaluate() {
 
 void Model::check(double bound) {
   for (int id = 0; id < size(); id++)
-    ASSERT_TRUE(near(net.output(id), value(id), bound))
+    ASSERT_TRUE(agrees(net.output(id), value(id), bound))
         << "node " << id << " of type " << types_[static_cast<size_t>(id)];
 }
 
@@ -322,6 +322,59 @@ int Model::add_conv(int type) {
   });
 }
 
+// Shapes that every method has a kernel for: square, padded to keep the size.
+int Model::add_method_conv(int type) {
+  const int in = pick(3, 1500);
+  const int c = shape(in).c();
+  const bool bn = type == ZYN_OP_CONV_BN;
+  const bool fused = bn || type == ZYN_OP_CONV_ACT;
+  const int form = type == ZYN_OP_CONV             ? 0
+                   : type == ZYN_OP_CONV_DEPTHWISE ? 1
+                   : fused                         ? random.integer(0, 2)
+                                                   : 2;
+  const int kernel = form == 2 ? 1 : method_ == 1 ? 3 : 2 * random.integer(1, 2) + 1;
+  const int stride = form == 2 ? 1 : random.integer(1, 2);
+  zyn_conv_param p = {c,
+                      form == 1 ? c : random.integer(1, 20),
+                      kernel,
+                      kernel,
+                      stride,
+                      stride,
+                      kernel / 2,
+                      kernel / 2,
+                      {0, 0},
+                      1,
+                      1,
+                      form == 1 ? c : 1,
+                      random.integer(0, 2),
+                      {0},
+                      0};
+  const int taps = kernel * kernel * c / p.groups;
+  const int stats = bn ? 4 * p.out_channels : 0;
+  const int bias = p.bias == 1 ? p.out_channels : 0;
+  const float scale = 1 / std::sqrt(static_cast<float>(taps));
+  Array values = random_array(random, {taps * p.out_channels + bias + stats}, -scale, scale);
+  for (size_t i = 0; bn && i < static_cast<size_t>(p.out_channels); i++) {
+    values.v[values.v.size() - 1 - i] = static_cast<double>(random.real(0.4f, 2));
+    values.v[values.v.size() - static_cast<size_t>(stats) + i] =
+        static_cast<double>(random.real(0.5f, 1.5f));
+  }
+  const int code = random.integer(0, 4);
+  if (bn) {
+    p.word14.epsilon = random.integer(0, 1) ? 0.01f : 0.0f;
+    p.activation = code;
+  } else {
+    p.word14.activation = code;
+  }
+  const bool hard_sigmoid = method_ == 2;
+  const int k = constant(values);
+  return op(type, p, {in, k}, [=](const std::vector<const Array*>& a) {
+    return bn      ? reference_conv_bn(*a[0], *a[1], p, hard_sigmoid)
+           : fused ? reference_conv_act(*a[0], *a[1], p)
+                   : reference_conv(*a[0], *a[1], p);
+  });
+}
+
 void Model::use_leftovers() {
   std::vector<bool> used(static_cast<size_t>(size()), false);
   for (const Step& step : steps_)
@@ -338,6 +391,12 @@ int Model::add(int type, bool gentle) {
     case ZYN_OP_CONV_GROUPED:
     case ZYN_OP_CONV_TRANSPOSED:
       return add_conv(type);
+    case ZYN_OP_CONV:
+    case ZYN_OP_CONV_DEPTHWISE:
+    case ZYN_OP_CONV_POINTWISE:
+    case ZYN_OP_CONV_ACT:
+    case ZYN_OP_CONV_BN:
+      return add_method_conv(type);
     case ZYN_OP_FUNCTION:
       return add_function(gentle);
     case ZYN_OP_BATCH_NORM:

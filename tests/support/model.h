@@ -10,7 +10,10 @@
 
 namespace zyn_test {
 
-// Every type that a model can add.
+// Every type that a model can add: the convolutions with a kernel for each method ...
+inline constexpr int kConvTypes[] = {ZYN_OP_CONV, ZYN_OP_CONV_DEPTHWISE, ZYN_OP_CONV_POINTWISE,
+                                     ZYN_OP_CONV_ACT, ZYN_OP_CONV_BN};
+// ... and all others.
 inline constexpr int kOperatorTypes[] = {ZYN_OP_CONV_GROUPED,
                                          ZYN_OP_CONV_TRANSPOSED,
                                          ZYN_OP_FUNCTION,
@@ -43,6 +46,12 @@ class Model {
   Net net;
   // Channel order of the graph's inputs: a code, or -1 for any.
   int layout = 0;
+
+  // Convolution method of types 3, 4, 5, 12 and 13.
+  void method(uint32_t method) {
+    method_ = method;
+    net.method(method);
+  }
 
   // Adds a random node of a type, with what it needs around it. Inputs are taken from
   // the nodes so far where one fits, else made. gentle: only what keeps values small
@@ -93,7 +102,9 @@ class Model {
   int add_concat();
   int add_channels(int type);
   int add_conv(int type);
+  int add_method_conv(int type);
 
+  uint32_t method_ = 2;
   std::vector<Step> steps_;
   std::vector<Array> shapes_;  // eager values: right in shape only
   std::vector<Array> data_;

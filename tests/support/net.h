@@ -212,7 +212,7 @@ class Net {
 };
 
 // Whether two blocks agree within bound times the size of the values; says where not.
-inline ::testing::AssertionResult near(const Array& got, const Array& expected, double bound) {
+inline ::testing::AssertionResult agrees(const Array& got, const Array& expected, double bound) {
   if (got.dims != expected.dims)
     return ::testing::AssertionFailure()
            << "shape " << ::testing::PrintToString(got.dims) << ", expected "

@@ -253,4 +253,44 @@ inline Array reference_conv(const Array& in, const Array& constant, const zyn_co
   return out;
 }
 
+// Activation of types 12 and 13; other codes leave y as it is.
+inline double reference_code(double y, int code) {
+  const double gate = std::min(std::max(y + 3, 0.0), 6.0) / 6;
+  return code == ZYN_ACT_RELU           ? std::max(y, 0.0)
+         : code == ZYN_ACT_HARD_SWISH   ? y * gate
+         : code == ZYN_ACT_HARD_SIGMOID ? gate
+                                        : y;
+}
+
+// Type 12: bias for codes 0 to 2 where the record has one, then the activation.
+inline Array reference_conv_act(const Array& in, const Array& constant, zyn_conv_param p) {
+  const int code = p.word14.activation;
+  if (code < 0 || code > 2) p.bias = 0;
+  return map(reference_conv(in, constant, p),
+             [=](double y) { return reference_code(y, code <= 2 ? code : 0); });
+}
+
+// Type 13: weights and bias folded with the statistics behind them.
+inline Array reference_conv_bn(const Array& in, const Array& constant, zyn_conv_param p,
+                               bool hard_sigmoid) {
+  const size_t outputs = static_cast<size_t>(p.out_channels);
+  const size_t biased = p.bias == 1 ? outputs : 0;
+  const size_t weights = constant.v.size() - 4 * outputs - biased;
+  const double* stats = constant.v.data() + weights + biased;
+  Array folded({static_cast<int>(weights + outputs)});
+  for (size_t c = 0; c < outputs; c++) {
+    const double epsilon = p.word14.epsilon != 0 ? static_cast<double>(p.word14.epsilon) : 1e-5;
+    const double scale = stats[c] / std::sqrt(stats[3 * outputs + c] + epsilon);
+    const double bias = biased ? constant.v[weights + c] : 0;
+    for (size_t i = c * weights / outputs; i < (c + 1) * weights / outputs; i++)
+      folded.v[i] = constant.v[i] * scale;
+    folded.v[weights + c] = (bias - stats[2 * outputs + c]) * scale + stats[outputs + c];
+  }
+  const int code = p.activation;
+  const bool known = (code >= 0 && code <= 2) || (code == ZYN_ACT_HARD_SIGMOID && hard_sigmoid);
+  p.bias = known ? 1 : 0;
+  return map(reference_conv(in, folded, p),
+             [=](double y) { return known ? reference_code(y, code) : y; });
+}
+
 }  // namespace zyn_test
