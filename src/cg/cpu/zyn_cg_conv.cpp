@@ -20,57 +20,54 @@ bool needed_constant(const zyn_conv_param& p, int64_t* needed) {
          zyn_sum(*needed, p.bias == 1 ? p.out_channels : 0, needed);
 }
 
+// Extents beyond the third are 1.
+bool is_one_image(const zyn_tensor* tensor) {
+  for (int32_t i = 3; i < tensor->dim_count; i++)
+    if (tensor->dims[i] != 1) return false;
+  return true;
+}
+
 bool is_dense(const zyn_conv_param& p) { return p.groups == 1; }
 
 bool is_1x1(const zyn_conv_param& p) { return p.kernel_h == 1 && p.kernel_w == 1; }
 
-// Planes whose grouping no kernel serves are cleared; the epilogue still follows.
-uint32_t clear(zyn_tensor* output) {
+// A grouping that no kernel serves: the sums are 0, the epilogue still follows.
+uint32_t run_without_kernel(zyn_tensor* output, const zyn_conv_epilogue& epilogue) {
   memset(output->data, 0, static_cast<size_t>(output->byte_size));
+  zyn_conv_finish_rows(zyn_cg_floats(output), zyn_cg_channels(output), zyn_cg_pixels(output),
+                       epilogue);
+  output->layout = ZYN_LAYOUT_PLANAR;
   return ZYN_RET_OK;
-}
-
-uint32_t run_planar(zyn_tensor* output, const zyn_tensor* input, const zyn_cg_conv_state* state) {
-  const zyn_conv_param& p = state->param;
-  const auto* weights = static_cast<const float*>(state->weights->data);
-  if (is_dense(p))
-    return is_1x1(p) ? zyn_cg_conv1x1_planar(output, input, weights, &p)
-                     : zyn_cg_conv_planar(output, input, weights, &p);
-  return zyn_conv_is_depthwise(&p) ? zyn_cg_dwconv_planar(output, input, weights, &p)
-                                   : clear(output);
 }
 
 uint32_t run_method0(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) {
   const zyn_tensor* input = zyn_cg_planar(state->input, &state->planar);
   if (!input) return ZYN_RET_ERR_MEMORY;
+  const zyn_conv_param& p = state->param;
   zyn_tensor* output = state->output;
-  if (const uint32_t code = run_planar(output, input, state)) return code;
-  zyn_conv_finish_rows(zyn_cg_floats(output), output->dims[2],
-                       static_cast<int64_t>(output->dims[0]) * output->dims[1], epilogue);
-  output->layout = ZYN_LAYOUT_PLANAR;
-  return ZYN_RET_OK;
+  const float* weights = zyn_cg_floats(state->weights);
+  const uint32_t code = zyn_conv_is_depthwise(&p)
+                            ? zyn_cg_dwconv_planar(output, input, weights, &p, &epilogue)
+                        : is_1x1(p) ? zyn_cg_conv1x1_planar(output, input, weights, &p, &epilogue)
+                                    : zyn_cg_conv_planar(output, input, weights, &p, &epilogue);
+  if (code == ZYN_RET_OK) output->layout = ZYN_LAYOUT_PLANAR;
+  return code;
 }
 
 uint32_t run_method1(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue,
                      bool keep_standard) {
   const zyn_conv_param& p = state->param;
+  if (!state->direct) return ZYN_RET_ERR_PARA;
   zyn_tensor* output = state->output;
   const zyn_tensor* input = state->input;
-  if (input->layout != ZYN_LAYOUT_BLOCKED) {
+  if (zyn_cg_order(input) != ZYN_LAYOUT_BLOCKED) {
     input = zyn_cg_planar(input, &state->planar);
     if (!input) return ZYN_RET_ERR_MEMORY;
   }
-  if (is_dense(p))
-    return is_1x1(p) && !keep_standard
-               ? zyn_cg_conv1x1(output, input, state->direct->packed, &p, &epilogue)
-               : zyn_cg_conv3x3(output, input, state->direct, &p, &epilogue);
-  if (zyn_conv_is_depthwise(&p))
-    return zyn_cg_dwconv3x3(output, input, state->direct, &p, &epilogue);
-  clear(output);
-  zyn_conv_finish_rows(zyn_cg_floats(output), output->dims[2],
-                       static_cast<int64_t>(output->dims[0]) * output->dims[1], epilogue);
-  output->layout = ZYN_LAYOUT_PLANAR;
-  return ZYN_RET_OK;
+  if (is_dense(p) && is_1x1(p) && !keep_standard)
+    return zyn_cg_conv1x1(output, input, state->direct->packed, &p, &epilogue);
+  return is_dense(p) ? zyn_cg_conv3x3(output, input, state->direct, &p, &epilogue)
+                     : zyn_cg_dwconv3x3(output, input, state->direct, &p, &epilogue);
 }
 
 uint32_t run_method2(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) {
@@ -83,10 +80,14 @@ uint32_t run_method2(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue
   return code;
 }
 
-// Makes the workspace of the node's method anew; 2 when it cannot be made.
-int32_t make_workspace(zyn_cg_conv_state* state) {
+void release_workspace(zyn_cg_conv_state* state) {
   if (state->direct) zyn_cg_conv_release_direct(&state->direct);
   if (state->plan) zyn_cg_conv_release_planned(&state->plan);
+  zyn_cg_drop(&state->folded);
+}
+
+// Makes the workspace of the node's method; 2 when it cannot be made.
+int32_t make_workspace(zyn_cg_conv_state* state) {
   if (state->method == 1)
     state->direct = zyn_cg_conv_prepare_direct(state->weights, &state->param,
                                                static_cast<int32_t>(state->thread_count));
@@ -132,14 +133,17 @@ int32_t zyn_cg_bind_conv_state(zyn_cg_handle* graph, int32_t node, const void* p
 }
 
 int32_t zyn_cg_conv_open(zyn_cg_handle* graph, int32_t node, zyn_cg_conv_state* state) {
+  // Nothing of an earlier preparation stays: a node that fails here refuses to run.
+  state->input = state->weights = nullptr;
+  release_workspace(state);
   const zyn_cg_sources sources = zyn_cg_find_sources(graph, node);
   if (const int32_t code = zyn_cg_check_input(graph, sources.input)) return code;
   if (zyn_cg_is_fixed_point(graph)) return zyn_cg_no_fixed_point();
   const zyn_tensor* constant = sources.constant;
   int64_t needed = 0;
-  if (!constant || !constant->data || constant->type != ZYN_TYPE_F32 ||
-      !holds_positive(state->param) || !needed_constant(state->param, &needed) ||
-      constant->count < needed)
+  if (!is_one_image(sources.input) || !constant || !constant->data ||
+      constant->type != ZYN_TYPE_F32 || !holds_positive(state->param) ||
+      !needed_constant(state->param, &needed) || constant->count < needed)
     return ZYN_RET_ERR_PARA;
   state->input = sources.input;
   state->weights = sources.constant;
@@ -161,27 +165,35 @@ int32_t zyn_cg_conv_finish_prepare(zyn_cg_handle* graph, zyn_cg_conv_state* stat
   dims[1] = out_w;
   dims[2] = state->param.out_channels;
   if (const int32_t code =
-          zyn_cg_make_output(graph, &state->output, input->dim_count, dims, input->type, site))
+          zyn_cg_make_output(graph, &state->output, input->dim_count, dims, input->type, site)) {
+    state->input = nullptr;
     return code;
+  }
   state->output->layout = input->layout;
   return make_workspace(state);
 }
 
 int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue,
                         bool keep_standard) {
-  if (!zyn_cg_ready(state->input, state->output) || !state->weights || !state->weights->data)
+  const zyn_tensor* weights = state->weights;
+  int64_t needed = 0;
+  if (!zyn_cg_ready(state->input, state->output) || state->input->type != ZYN_TYPE_F32 ||
+      !weights || !weights->data || !needed_constant(state->param, &needed) ||
+      weights->count < needed)
     return ZYN_RET_ERR_PARA;
   const zyn_conv_param& p = state->param;
   if (state->input->dims[2] != p.in_channels || state->output->dims[2] != p.out_channels)
     return ZYN_RET_ERR_PARA;
-  switch (state->method) {
-    case 0:
-      return static_cast<int32_t>(run_method0(state, epilogue));
-    case 1:
-      return static_cast<int32_t>(run_method1(state, epilogue, keep_standard));
-    default:
-      return static_cast<int32_t>(run_method2(state, epilogue));
-  }
+  uint32_t code = ZYN_RET_OK;
+  if (!is_dense(p) && !zyn_conv_is_depthwise(&p))
+    code = run_without_kernel(state->output, epilogue);
+  else if (state->method == 0)
+    code = run_method0(state, epilogue);
+  else if (state->method == 1)
+    code = run_method1(state, epilogue, keep_standard);
+  else
+    code = run_method2(state, epilogue);
+  return static_cast<int32_t>(code);
 }
 
 const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state) {
@@ -192,9 +204,7 @@ const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state) {
 int32_t zyn_cg_conv_release(void** record) {
   if (!record || !*record) return ZYN_RET_ERR_PARA;
   auto* state = static_cast<zyn_cg_conv_state*>(*record);
-  zyn_cg_drop(&state->folded);
-  if (state->direct) zyn_cg_conv_release_direct(&state->direct);
-  if (state->plan) zyn_cg_conv_release_planned(&state->plan);
+  release_workspace(state);
   return zyn_cg_release_io(record);
 }
 

@@ -25,9 +25,11 @@ struct zyn_cg_conv_state : zyn_cg_io_state {
 int32_t zyn_cg_bind_conv_state(zyn_cg_handle* graph, int32_t node, const void* param, uint32_t type,
                                zyn_cg_run_fn run);
 
-// The first step of prepare: finds the input and the constant and checks that the record
-// makes sense and the constant holds at least the weights and the biases that bias
-// asks for. 1 otherwise; 4 where the graph works in fixed point.
+// The first step of prepare: releases what an earlier one made except the output, so that
+// a node whose preparation fails refuses to run, then finds the input and the constant and
+// checks that there is one image, that the record makes sense and that the constant holds
+// at least the weights and the biases that bias asks for. 1 otherwise; 4 where the graph
+// works in fixed point.
 int32_t zyn_cg_conv_open(zyn_cg_handle* graph, int32_t node, zyn_cg_conv_state* state);
 
 // Output extent of types 3, 4, 5 and 12 along one axis; 0 where int32_t does not hold it.

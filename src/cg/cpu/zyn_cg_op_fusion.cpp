@@ -59,10 +59,9 @@ int32_t fold(zyn_cg_conv_state* state) {
   const bool has_bias = p.bias == 1;
   if (state->weights->count != weights + (has_bias ? channels : 0) + kStatistics * channels)
     return ZYN_RET_ERR_PARA;
-  const int32_t dims[1] = {static_cast<int32_t>(weights + channels)};
+  const int32_t dims[1] = {zyn_cg_extent(weights + channels)};
   zyn_tensor* folded = zyn_create_tensor(1, dims, ZYN_TYPE_F32);
   if (!folded) return zyn_fail(kFoldedMemory, ZYN_RET_ERR_MEMORY);
-  zyn_cg_drop(&state->folded);
   state->folded = folded;
 
   const float* source = zyn_cg_floats(state->weights);

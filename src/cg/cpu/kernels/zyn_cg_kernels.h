@@ -23,16 +23,20 @@ inline int64_t zyn_conv_weight_count(const zyn_conv_param* p) {
   return taps * inputs * p->out_channels;
 }
 
-// Planar direct kernels (method 0), layout planar in and out.
-// Dense, kernel other than 1 x 1. 2: row ring not allocated.
+// Planar direct kernels (method 0), layout planar in and out, with bias and activation
+// applied to finished sums (null: neither).
+// Dense, kernel other than 1 x 1. 2: the copied rows could not be allocated.
 uint32_t zyn_cg_conv_planar(zyn_tensor* output, const zyn_tensor* input, const float* weights,
-                            const zyn_conv_param* param);
-// Dense 1 x 1.
+                            const zyn_conv_param* param,
+                            const zyn_conv_epilogue* epilogue = nullptr);
+// Dense 1 x 1. 2: as above, where padding or stride make it need copied rows.
 uint32_t zyn_cg_conv1x1_planar(zyn_tensor* output, const zyn_tensor* input, const float* weights,
-                               const zyn_conv_param* param);
-// Depthwise.
+                               const zyn_conv_param* param,
+                               const zyn_conv_epilogue* epilogue = nullptr);
+// Depthwise. 2: as above.
 uint32_t zyn_cg_dwconv_planar(zyn_tensor* output, const zyn_tensor* input, const float* weights,
-                              const zyn_conv_param* param);
+                              const zyn_conv_param* param,
+                              const zyn_conv_epilogue* epilogue = nullptr);
 
 // Passes over a planar output, in place (output and source are the same tensor or
 // have the same shape). Each adds the bias found behind the weights, then applies

@@ -1,0 +1,553 @@
+// Convolution operators (types 3, 4, 5, 12, 13) within graphs, through the exported
+// functions, under every method: results, activation codes, shapes, refusals, and what
+// preparation keeps. Integer data make results exact in every order of summation.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "cg/cpu/zyn_cg_operators.h"
+#include "support/conv_case.h"
+#include "support/ledger.h"
+#include "support/net.h"
+
+namespace {
+
+using zyn_test::Array;
+using zyn_test::conv_param;
+using zyn_test::is_depthwise;
+using zyn_test::Ledger;
+using zyn_test::Net;
+using zyn_test::printed;
+using zyn_test::Random;
+
+constexpr uint32_t kMethods[] = {0, 1, 2};
+constexpr float kEpsilon = 0.25f;  // with variance 3.75 the divisor is 2
+
+// Codes of a layer under a method: what preparation, then a run, answers.
+struct Codes {
+  int prepare, run;
+};
+
+bool is(int a, int b, int value) { return a == value && b == value; }
+
+Codes codes_of(const zyn_conv_param& p, uint32_t method, int type) {
+  const bool one = is(p.kernel_h, p.kernel_w, 1);
+  if (method == 0 || (method == 1 && !zyn_test::has_kernel(p))) return {0, 0};
+  if (method == 1) {
+    const bool pointwise =
+        one && p.groups == 1 && type != ZYN_OP_CONV && type != ZYN_OP_CONV_DEPTHWISE;
+    const bool stride =
+        is(p.stride_h, p.stride_w, 1) || (is(p.stride_h, p.stride_w, 2) && !pointwise);
+    const bool served = pointwise || is(p.kernel_h, p.kernel_w, 3);
+    const bool pad = is(p.pad_h, p.pad_w, pointwise ? 0 : 1);
+    return {0, served && stride && pad && is(p.dilation_h, p.dilation_w, 1) ? 0 : 4};
+  }
+  const bool square = p.kernel_h == p.kernel_w && p.stride_h == p.stride_w && p.pad_h == p.pad_w &&
+                      is(p.dilation_h, p.dilation_w, 1);
+  const bool depthwise = (p.kernel_h == 3 || p.kernel_h == 5) && p.pad_h == p.kernel_h / 2 &&
+                         (p.stride_h == 1 || p.stride_h == 2);
+  return {square && (p.groups == 1 || (is_depthwise(p) && depthwise)) ? 0 : 2, 0};
+}
+
+// One layer in a graph of its own. Defaults: 3x3, 3 -> 5 channels, 9 x 7 pixels.
+class Layer {
+ public:
+  Layer() : p(conv_param(3, 5, 3, 1, 1)) {}
+  explicit Layer(const zyn_conv_param& param) : p(param) {}
+  Layer& size(int w, int h) { return w_ = w, h_ = h, *this; }
+  Layer& type(int t) { return type_ = t, *this; }
+  Layer& bias(int b) { return p.bias = b, *this; }
+  Layer& activation(int code) { return activation_ = code, *this; }
+  Layer& epsilon(float e) { return epsilon_ = e, *this; }
+  Layer& layout(uint32_t code) { return layout_ = code, *this; }
+  Layer& method(uint32_t m) { return method_ = m, *this; }
+  Layer& seed(uint64_t s) { return seed_ = s, *this; }
+  Layer& extra(int count) { return extra_ = count, *this; }  // of the constant's elements
+  Layer& channels(int c) { return channels_ = c, *this; }    // of the input tensor
+  Layer& fixed_point() { return fixed_ = 1, *this; }
+
+  bool folded() const { return type_ == ZYN_OP_CONV_BN; }
+  int ow() const {
+    return folded() ? (w_ - p.kernel_h + 2 * p.pad_h) / p.stride_h + 1
+                    : zyn_test::out_extent(w_, p.kernel_h, p.stride_h, p.pad_h, p.dilation_h);
+  }
+  int oh() const {
+    return folded() ? (h_ - p.kernel_w + 2 * p.pad_h) / p.stride_w + 1
+                    : zyn_test::out_extent(h_, p.kernel_w, p.stride_w, p.pad_w, p.dilation_w);
+  }
+
+  // Nodes 0 input, 1 constant, 2 the layer.
+  int32_t make() {
+    Random random(seed_);
+    const int channels = channels_ ? channels_ : p.in_channels;
+    input_ = Array({w_, h_, channels});
+    input_.v = zyn_test::small_integers(random, input_.v.size(), 4);
+    fill_constant(random);
+    net_ = std::make_unique<Net>(fixed_);
+    net_->method(method_);
+    zyn_conv_param record = p;
+    if (folded()) {
+      record.word14.epsilon = epsilon_;
+      record.activation = activation_;
+    } else {
+      record.word14.activation = activation_;
+      record.activation = 99;
+    }
+    const int in = net_->input(input_, layout_), constant = net_->constant(constant_);
+    // The constant first: the last input that is none counts.
+    return net_->op(type_, record, {constant, in}), net_->make();
+  }
+  Net& net() { return *net_; }
+  Array& constant() { return constant_; }
+
+  void check() {
+    SCOPED_TRACE(text());
+    const Codes codes = codes_of(p, method_, type_);
+    ASSERT_EQ(make(), 0);
+    ASSERT_EQ(net_->prepare(), codes.prepare);
+    if (codes.prepare) return;
+    for (int round = 0; round < 2; round++) ASSERT_EQ(net_->run(), codes.run);
+    if (codes.run) return;
+    compare();
+    const bool blocked = method_ == 1 && zyn_test::has_kernel(p);
+    EXPECT_EQ(net_->output_tensor(2)->layout, blocked ? 3u : 0u);
+  }
+  void compare() {
+    Array expected({ow(), oh(), p.out_channels});
+    expected.v = plain();
+    const double bound = activation_ == 2 || activation_ == 4 || epsilon_ == 0 ? 3e-7 : 0;
+    ASSERT_TRUE(zyn_test::near(net_->output(2), expected, bound)) << text();
+  }
+  std::string text() const {
+    return "type " + std::to_string(type_) + " method " + std::to_string(method_) + " code " +
+           std::to_string(activation_) + " layout " + std::to_string(layout_) + " seed " +
+           std::to_string(seed_) + " " + zyn_test::describe(p, w_, h_);
+  }
+
+  zyn_conv_param p;
+
+ private:
+  size_t weights() const { return static_cast<size_t>(zyn_test::weight_count(p)); }
+  size_t bias_count() const { return static_cast<size_t>(p.bias == 1 ? p.out_channels : 0); }
+
+  void fill_constant(Random& random) {
+    const size_t out = static_cast<size_t>(p.out_channels);
+    const size_t count = weights() + bias_count() + (folded() ? 4 * out : 0);
+    constant_ = Array({static_cast<int>(count) + extra_});
+    const auto values = zyn_test::small_integers(random, constant_.v.size(), 3);
+    constant_.v = values;
+    for (size_t i = weights() + bias_count(); folded() && i < constant_.v.size(); i++) {
+      const size_t which = (i - weights() - bias_count()) / out;
+      if (which == 0) constant_.v[i] = 2 * values[i];  // scale: divided by 2
+      if (which == 3) constant_.v[i] = epsilon_ == 0 ? 1e-5 : 3.75;
+    }
+  }
+
+  std::vector<double> plain() const {
+    const std::vector<double>& v = constant_.v;
+    std::vector<double> w(v.begin(), v.begin() + static_cast<int>(weights())), bias;
+    const size_t out = static_cast<size_t>(p.out_channels);
+    for (size_t c = 0; c < out; c++) {
+      double b = bias_count() ? v[weights() + c] : 0;
+      if (folded()) {
+        const double* s = v.data() + weights() + bias_count() + c;
+        const double epsilon = epsilon_ == 0 ? 1e-5 : static_cast<double>(epsilon_);
+        const double scale = s[0] / std::sqrt(s[3 * out] + epsilon);
+        b = (b - s[2 * out]) * scale + s[out];
+        for (size_t i = c * w.size() / out; i < (c + 1) * w.size() / out; i++) w[i] *= scale;
+      }
+      bias.push_back(b);
+    }
+    auto y = zyn_test::plain_convolution(input_.v, w_, h_, w, p, ow(), oh());
+    const bool fused = type_ == ZYN_OP_CONV_ACT || folded();
+    const bool known = !fused || (activation_ >= 0 && activation_ <= 2) ||
+                       (activation_ == 4 && folded() && method_ == 2);
+    for (size_t i = 0; i < y.size() && known; i++)
+      y[i] = zyn_test::activate(y[i] + bias[i / static_cast<size_t>(ow() * oh())],
+                                fused ? activation_ : 0);
+    return y;
+  }
+
+  int type_ = ZYN_OP_CONV;
+  int w_ = 9, h_ = 7;
+  int activation_ = 0;
+  int extra_ = 0, channels_ = 0;
+  float epsilon_ = kEpsilon;
+  uint32_t layout_ = 0, method_ = 0, fixed_ = 0;
+  uint64_t seed_ = 1;
+  Array input_, constant_;
+  std::unique_ptr<Net> net_;
+};
+
+int plain_type(const zyn_conv_param& p) {
+  if (is_depthwise(p)) return ZYN_OP_CONV_DEPTHWISE;
+  return is(p.kernel_h, p.kernel_w, 1) ? ZYN_OP_CONV_POINTWISE : ZYN_OP_CONV;
+}
+
+class ConvMethod : public ::testing::TestWithParam<uint32_t> {};
+INSTANTIATE_TEST_SUITE_P(Conv, ConvMethod, ::testing::ValuesIn(kMethods),
+                         [](const auto& info) { return "Method" + std::to_string(info.param); });
+
+TEST_P(ConvMethod, LayersOfNetworksOnSizesAroundTheThresholds) {
+  Random random(GetParam() + 1);
+  static constexpr uint32_t kLayouts[] = {ZYN_LAYOUT_PLANAR, ZYN_LAYOUT_INTERLEAVED,
+                                          ZYN_LAYOUT_BLOCKED};
+  for (int w : {1, 2, 3, 7, 8, 9, 16, 17})
+    for (int h : {1, 2, 5, 6, 7})
+      for (int kernel : {1, 3, 5})
+        for (int groups : {1, 0}) {
+          const int c = random.integer(1, 13), stride = kernel == 1 ? 1 : random.integer(1, 2);
+          const int out = groups ? random.integer(1, 13) : c;
+          const zyn_conv_param p = conv_param(c, out, kernel, stride, kernel / 2, groups ? 1 : c);
+          Layer(p)
+              .size(w, h)
+              .type(plain_type(p))
+              .bias(random.integer(0, 2))
+              .layout(kLayouts[random.integer(0, 2)])
+              .method(GetParam())
+              .seed(random.next())
+              .check();
+          if (HasFatalFailure()) return;
+        }
+}
+
+TEST_P(ConvMethod, AnyRecordIsComputedOrRefusedWithItsCode) {
+  Random random(GetParam() + 7);
+  for (int i = 0; i < 250; i++) {
+    const zyn_test::AnyLayer l = zyn_test::any_layer(random);
+    static constexpr int kTypes[] = {ZYN_OP_CONV_ACT, 0, ZYN_OP_CONV_POINTWISE};
+    int type = kTypes[random.integer(0, 2)];
+    if (type == 0 || l.p.kernel_h * l.p.kernel_w > 1) type = plain_type(l.p);
+    // Method 1 looks at padding, and at the stride of one pixel, only through the size of
+    // the output: small images may pass.
+    if (GetParam() == 1 && codes_of(l.p, 1, type).run && (l.w < 9 || l.h < 9)) continue;
+    // A window larger than the padded input has no plan.
+    if (GetParam() == 2 &&
+        (l.p.kernel_h > l.w + 2 * l.p.pad_h || l.p.kernel_w > l.h + 2 * l.p.pad_w))
+      continue;
+    Layer(l.p).size(l.w, l.h).type(type).method(GetParam()).seed(random.next()).check();
+    if (HasFatalFailure()) return;
+  }
+}
+
+TEST_P(ConvMethod, ActivationCodesOfTheFusedTypesFollowTheirTable) {
+  for (int type : {ZYN_OP_CONV_ACT, ZYN_OP_CONV_BN})
+    for (int code : {-1, 0, 1, 2, 3, 4, 5})
+      for (int bias : {0, 1, 2})
+        for (int kernel : {1, 3})
+          for (int groups : {1, 9}) {
+            if (kernel == 1 && groups > 1 && GetParam() > 0) continue;
+            Layer(conv_param(9, 9, kernel, 1, kernel / 2, groups))
+                .type(type)
+                .activation(code)
+                .bias(bias)
+                .method(GetParam())
+                .seed(static_cast<uint64_t>(code + 7))
+                .check();
+          }
+}
+
+// On purpose: code 3 is outside the table, so that not even the folded bias is added.
+TEST_P(ConvMethod, ActivationCode3OfType13WritesTheRawConvolution) {
+  Layer layer;
+  layer.type(ZYN_OP_CONV_BN).activation(3).bias(1).method(GetParam()).check();
+  Layer biased;
+  biased.type(ZYN_OP_CONV_BN).activation(0).bias(1).method(GetParam()).check();
+  EXPECT_NE(layer.net().output(2).v, biased.net().output(2).v);
+}
+
+// On purpose: pad_h counts for both axes and dilation for none.
+TEST(Conv, FoldedShapeUsesPadHTwiceAndLeavesOutDilation) {
+  zyn_conv_param p = conv_param(2, 3, 3, 1, 1);
+  p.kernel_w = 5, p.pad_w = 3, p.stride_w = 2, p.dilation_h = 2;
+  Layer layer(p);
+  layer.type(ZYN_OP_CONV_BN).size(8, 11).check();
+  EXPECT_EQ(layer.ow(), 8);
+  EXPECT_EQ(layer.oh(), 5);
+  p = conv_param(2, 3, 3, 1, 1);
+  p.dilation_h = p.dilation_w = 4;  // the last windows lie far beyond the input
+  Layer(p).type(ZYN_OP_CONV_BN).size(6, 6).check();
+}
+
+TEST_P(ConvMethod, FoldedEpsilonOfZeroMeansOneHundredThousandth) {
+  Layer().type(ZYN_OP_CONV_BN).epsilon(0).bias(1).method(GetParam()).check();
+}
+
+TEST(Conv, FoldedConstantMustHaveExactlyItsElements) {
+  for (int bias : {0, 1})
+    for (int extra : {-5, -1, 1, 5}) {
+      Layer layer;
+      layer.type(ZYN_OP_CONV_BN).bias(bias).extra(extra);
+      ASSERT_EQ(layer.make(), 0);
+      EXPECT_EQ(layer.net().prepare(), 1) << extra;
+      EXPECT_EQ(layer.net().run(), 1);
+    }
+}
+
+TEST_P(ConvMethod, ConstantsShorterThanTheRecordAreRefusedAndLongerOnesTaken) {
+  for (int type : {ZYN_OP_CONV, ZYN_OP_CONV_POINTWISE, ZYN_OP_CONV_ACT})
+    for (int bias : {0, 1})
+      for (int extra : {-1, 0, 3}) {
+        Layer layer(conv_param(4, 6, type == ZYN_OP_CONV_POINTWISE ? 1 : 3, 1,
+                               type == ZYN_OP_CONV_POINTWISE ? 0 : 1));
+        layer.type(type).bias(bias).extra(extra).method(GetParam());
+        ASSERT_EQ(layer.make(), 0);
+        EXPECT_EQ(layer.net().prepare(), extra < 0 ? 1 : 0);
+        EXPECT_EQ(layer.net().run(), extra < 0 ? 1 : 0);
+      }
+}
+
+TEST_P(ConvMethod, RecordsWithoutMeaningAreRefusedAtPreparation) {
+  const struct {
+    int32_t zyn_conv_param::*member;
+    int value, code;
+  } cases[] = {
+      {&zyn_conv_param::stride_h, 0, 1},       {&zyn_conv_param::stride_w, -1, 1},
+      {&zyn_conv_param::kernel_h, 0, 1},       {&zyn_conv_param::kernel_w, -3, 1},
+      {&zyn_conv_param::dilation_h, 0, 1},     {&zyn_conv_param::dilation_w, 0, 1},
+      {&zyn_conv_param::pad_h, -1, 1},         {&zyn_conv_param::pad_w, INT32_MIN, 1},
+      {&zyn_conv_param::kernel_h, 1 << 30, 1}, {&zyn_conv_param::in_channels, INT32_MAX, 1},
+      {&zyn_conv_param::in_channels, -3, 1},   {&zyn_conv_param::pad_h, INT32_MAX, 2},
+      {&zyn_conv_param::dilation_h, 6, 2},     {&zyn_conv_param::dilation_w, INT32_MAX, 2}};
+  for (const auto& c : cases) {
+    Layer layer;
+    layer.method(GetParam());
+    ASSERT_EQ(layer.make(), 0);
+    // The record is changed behind a constant made for the sound one.
+    zyn_conv_param record = layer.p;
+    record.*c.member = c.value;
+    Net net;
+    net.method(GetParam());
+    const int in = net.input(Array({9, 7, 3})), constant = net.constant(layer.constant());
+    net.op(ZYN_OP_CONV, record, {in, constant});
+    ASSERT_EQ(net.make(), 0);
+    EXPECT_EQ(net.prepare(), c.code) << c.value;
+    EXPECT_EQ(net.run(), 1) << c.value;
+  }
+}
+
+TEST_P(ConvMethod, OutputBelowOnePixelFailsInTheTensor) {
+  for (int type : {ZYN_OP_CONV, ZYN_OP_CONV_ACT, ZYN_OP_CONV_BN}) {
+    Layer layer(conv_param(2, 2, 5, 1, 0));
+    layer.type(type).size(9, 3).method(GetParam());
+    ASSERT_EQ(layer.make(), 0);
+    EXPECT_EQ(layer.net().prepare(), 2);
+    EXPECT_EQ(layer.net().run(), 1);
+  }
+}
+
+TEST_P(ConvMethod, ChannelCountsThatDisagreeAreRefusedAtTheRun) {
+  for (int type : {ZYN_OP_CONV, ZYN_OP_CONV_ACT, ZYN_OP_CONV_BN}) {
+    Layer layer;
+    layer.type(type).channels(4).method(GetParam());
+    ASSERT_EQ(layer.make(), 0);
+    EXPECT_EQ(layer.net().prepare(), 0);
+    EXPECT_EQ(layer.net().run(), 1);
+  }
+}
+
+TEST_P(ConvMethod, GroupsWithoutAKernelAddNothingButTheBias) {
+  if (GetParam() == 2) return;  // no plan
+  zyn_conv_param p = conv_param(4, 6, 3, 1, 1, 2);
+  Layer(p).bias(1).method(GetParam()).check();
+  Layer(p).type(ZYN_OP_CONV_ACT).bias(1).activation(1).method(GetParam()).check();
+}
+
+// A pointwise kernel under type 3 keeps the routine of the larger kernels.
+TEST(Conv, DirectMethodRefusesWhatItHasNoKernelForAndWritesNothing) {
+  const auto record = [](int k, int sh, int sw, int dilation, int groups) {
+    zyn_conv_param p = conv_param(4, 4, k, 1, k / 2 * dilation, groups);
+    p.stride_h = sh, p.stride_w = sw;
+    p.dilation_h = p.dilation_w = dilation;
+    return p;
+  };
+  const zyn_conv_param refused[] = {
+      record(3, 1, 2, 1, 1), record(3, 3, 3, 1, 1), record(5, 1, 1, 1, 1), record(1, 1, 1, 1, 1),
+      record(3, 1, 1, 2, 1), record(3, 1, 1, 2, 4), record(3, 2, 1, 1, 4), record(1, 1, 1, 1, 4)};
+  for (const zyn_conv_param& p : refused) {
+    Layer layer(p);
+    layer.type(is_depthwise(p) ? ZYN_OP_CONV_DEPTHWISE : ZYN_OP_CONV).method(1);
+    ASSERT_EQ(layer.make(), 0);
+    ASSERT_EQ(layer.net().prepare(), 0);
+    zyn_tensor* out = layer.net().output_tensor(2);
+    auto* values = static_cast<float*>(out->data);
+    std::fill(values, values + out->count, 7.0f);
+    EXPECT_EQ(layer.net().run(), 4) << layer.text();
+    for (int64_t i = 0; i < out->count; i++) ASSERT_EQ(values[i], 7.0f);
+  }
+}
+
+TEST(Conv, PlannedMethodRefusesItsShapesAtPreparation) {
+  for (int k : {1, 2, 4, 7}) {
+    Layer layer(conv_param(4, 4, k, 1, k / 2, 4));
+    layer.type(ZYN_OP_CONV_DEPTHWISE).method(2);
+    ASSERT_EQ(layer.make(), 0);
+    const std::string text =
+        printed([&] { EXPECT_EQ(zyn_prepare_inference_computation(layer.net().graph()), 2); });
+    EXPECT_EQ(text, "failed to prepare inference node:2!!!");
+    EXPECT_EQ(layer.net().run(), 1);
+  }
+  Layer(conv_param(3, 4, 2, 1, 0)).method(2).check();  // dense of any size has a plan
+  Layer(conv_param(3, 4, 1, 1, 1)).method(2).check();
+}
+
+TEST(Conv, MissingPiecesAreRefused) {
+  for (int type : {3, 4, 5, 12, 13}) {
+    const zyn_conv_param p = conv_param(2, 2, 1, 1, 0);
+    Net lone, no_input, none;
+    lone.op(type, p, {lone.input(Array({3, 3, 2}))});
+    ASSERT_EQ(lone.make(), 0);
+    EXPECT_EQ(lone.prepare(), 1) << type;
+    EXPECT_EQ(lone.run(), 1) << type;
+    no_input.op(type, p, {no_input.constant(Array({40}))});
+    ASSERT_EQ(no_input.make(), 0);
+    EXPECT_EQ(no_input.prepare(), 1) << type;
+    none.op(type, {none.input(Array({3, 3, 2}))});
+    EXPECT_EQ(none.make(), 1) << type;  // no record
+  }
+  Net batch;
+  const int in = batch.input(Array({3, 3, 2, 2})), constant = batch.constant(Array({4}));
+  batch.op(ZYN_OP_CONV, conv_param(2, 2, 1, 1, 0), {in, constant});
+  ASSERT_EQ(batch.make(), 0);
+  EXPECT_EQ(batch.prepare(), 1);  // one image only
+}
+
+TEST(Conv, FixedPointIsRefusedAtPreparation) {
+  for (int type : {3, 5, 12, 13}) {
+    Layer layer(conv_param(2, 2, 1, 1, 0));
+    layer.type(type).fixed_point();
+    ASSERT_EQ(layer.make(), 0);
+    auto* q = static_cast<uint32_t*>(zyn_malloc(256 * sizeof(uint32_t)));
+    std::fill(q, q + 256, 8u);
+    ASSERT_EQ(zyn_cg_set_ptr_q_list(layer.net().graph(), q), 0);
+    EXPECT_EQ(layer.net().prepare(), 4) << type;
+    EXPECT_EQ(layer.net().run(), 1) << type;
+  }
+}
+
+TEST(Conv, FoldedPreparationReportsMissingArguments) {
+  EXPECT_EQ(
+      printed([] { EXPECT_EQ(zyn_cg_prepare_conv_bn(nullptr, 0), 1); }),
+      zyn_test::report("Your input params are wrong!", "src/cg/cpu/zyn_cg_op_fusion.cpp", 301));
+  Layer layer;
+  ASSERT_EQ(layer.make(), 0);
+  EXPECT_EQ(
+      printed([&] { EXPECT_EQ(zyn_cg_prepare_conv_bn(layer.net().graph(), -1), 1); }),
+      zyn_test::report("Your input params are wrong!", "src/cg/cpu/zyn_cg_op_fusion.cpp", 301));
+  for (int type : {3, 12}) {
+    const auto prepare = type == 3 ? zyn_cg_prepare_conv : zyn_cg_prepare_conv_act;
+    EXPECT_EQ(printed([&] { EXPECT_EQ(prepare(nullptr, 0), 1); }), "");
+  }
+}
+
+// Weights are read by preparation (method 0: at the run), biases at every run.
+TEST_P(ConvMethod, PreparingTwiceReadsTheConstantAgainAndKeepsMemory) {
+  for (int type : {ZYN_OP_CONV, ZYN_OP_CONV_ACT, ZYN_OP_CONV_BN}) {
+    Layer layer;
+    layer.type(type).bias(1).method(GetParam()).check();
+    const Array first = layer.net().output(2);
+    const uint64_t before = zyn_get_current_memory_size_occupation();
+    Array& constant = layer.constant();
+    for (size_t i = 0; i < 3 * 5 * 9; i++) constant.v[i] = -constant.v[i] + 1;
+    layer.net().fill(1, constant);
+    ASSERT_EQ(layer.net().run(), 0);
+    const bool frozen = GetParam() != 0 || type == ZYN_OP_CONV_BN;
+    EXPECT_EQ(layer.net().output(2).v == first.v, frozen);
+    ASSERT_EQ(layer.net().prepare(), 0);
+    ASSERT_EQ(layer.net().run(), 0);
+    layer.compare();
+    EXPECT_EQ(zyn_get_current_memory_size_occupation(), before);
+    for (size_t i = 3 * 5 * 9; i < 3 * 5 * 9 + 5; i++) constant.v[i] += 2;
+    layer.net().fill(1, constant);
+    ASSERT_EQ(layer.net().run(), 0);
+    if (type == ZYN_OP_CONV_BN) {
+      ASSERT_EQ(layer.net().prepare() + layer.net().run(), 0);
+    }
+    layer.compare();
+  }
+}
+
+TEST_P(ConvMethod, APreparationThatFailsLeavesANodeThatRefusesToRun) {
+  for (int type : {ZYN_OP_CONV, ZYN_OP_CONV_ACT, ZYN_OP_CONV_BN}) {
+    Layer layer;
+    layer.type(type).method(GetParam());
+    ASSERT_EQ(layer.make(), 0);
+    ASSERT_EQ(layer.net().prepare() + layer.net().run(), 0);
+    zyn_tensor* constant = layer.net().output_tensor(1);
+    constant->count -= 100;
+    EXPECT_EQ(layer.net().run(), type == ZYN_OP_CONV_BN ? 0 : 1);  // folded weights are its own
+    EXPECT_EQ(layer.net().prepare(), 1);
+    EXPECT_EQ(layer.net().run(), 1);
+    constant->count += 100;
+    EXPECT_EQ(layer.net().prepare() + layer.net().run(), 0);
+    layer.compare();
+  }
+}
+
+TEST_P(ConvMethod, FailingAllocationsAnswerTwoAndTheNextAttemptWorks) {
+  for (int type : {3, 4, 5, 12, 13})
+    zyn_test::until_it_succeeds([&](int n, bool lasting) {
+      const bool depthwise = type == 4;
+      const int k = type == 5 ? 1 : 3;
+      Layer layer(conv_param(6, 6, k, 1, k / 2, depthwise ? 6 : 1));
+      layer.type(type).bias(1).layout(ZYN_LAYOUT_BLOCKED).method(GetParam());
+      EXPECT_EQ(layer.make(), 0);
+      Ledger::fail(n, lasting);
+      const int32_t prepared = layer.net().prepare();
+      const int32_t code = prepared ? prepared : layer.net().run();
+      const int seen = Ledger::seen();
+      Ledger::fail(0, false);
+      // A plan without room for its weights is handed out; the run refuses it.
+      const bool unpacked = GetParam() == 2 && prepared == 0 && code == 1;
+      EXPECT_TRUE(seen < n ? code == 0 : code == 2 || unpacked) << code;
+      if (prepared) {
+        EXPECT_EQ(layer.net().run(), 1);
+      }
+      EXPECT_EQ(layer.net().prepare() + layer.net().run(), 0);
+      layer.compare();
+      return seen;
+    });
+}
+
+TEST(Conv, FailingAllocationOfABindingAnswersTwo) {
+  for (int type : {3, 4, 5, 12, 13}) {
+    Layer layer(conv_param(2, 2, 1, 1, 0));
+    layer.type(type);
+    ASSERT_EQ(layer.make(), 0);
+    zyn_cg_handle* graph = nullptr;
+    printed([&] { graph = zyn_create_computation_graph_handle(nullptr); });
+    ASSERT_EQ(zyn_add_one_edge_into_computation_graph(graph, 0, 1), 0);
+    ASSERT_EQ(zyn_computation_graph_topo_sort(graph), 0);
+    zyn_cg_node_desc desc = {};
+    ASSERT_EQ(zyn_bind_operator_onto_computation_graph(graph, 0, &desc, nullptr), 0);
+    desc.type = type;
+    {
+      zyn_test::Ledger ledger;
+      Ledger::fail(1, false);
+      EXPECT_EQ(zyn_bind_operator_onto_computation_graph(graph, 1, &desc, &layer.p), 2);
+      Ledger::fail(0, false);
+    }
+    EXPECT_EQ(zyn_prepare_inference_computation(graph), 1);  // no record
+    EXPECT_EQ(zyn_release_computation_graph_handle(&graph), 0);
+  }
+}
+
+TEST(Conv, FoldedAllocationsAreReported) {
+  for (int n : {1, 3}) {  // the folded tensor, the output
+    Ledger ledger;
+    Layer layer;
+    layer.type(ZYN_OP_CONV_BN);
+    ASSERT_EQ(layer.make(), 0);
+    Ledger::fail(n, true);
+    const std::string text =
+        printed([&] { zyn_prepare_inference_computation(layer.net().graph()); });
+    Ledger::fail(0, false);
+    EXPECT_EQ(text,
+              zyn_test::report("Allocating memory failure! ", "src/matrix/zyn_tensor.cpp", 53) +
+                  zyn_test::report("Allocating memory error!\n", "src/cg/cpu/zyn_cg_op_fusion.cpp",
+                                   n == 1 ? 371 : 352) +
+                  "failed to prepare inference node:2!!!");
+  }
+}
+
+}  // namespace
