@@ -1,0 +1,123 @@
+// Whole-network latency through OpenCV dnn, one thread.
+// Usage: net_peers FILE WIDTHxHEIGHT [--channels 3] [--isa avx2|native] [--runs n]
+//                  [--layers LAYERFILE] [--subject COMMAND --net NAME]
+// FILE is an ONNX network, or a layer list (*.layers): then the network in which every
+// layer reads the latest output of its input shape, each a convolution with bias and ReLU.
+// The layer file only supplies the work count (OpenCV's own count is wrong for
+// depthwise layers). With a subject, its network is NAME, measured in turn.
+#include <opencv2/core.hpp>
+#include <opencv2/dnn.hpp>
+
+#include "common.h"
+#include "subject.h"
+
+using namespace peers;
+
+namespace {
+
+cv::dnn::Net network_of_layers(const std::vector<Layer>& layers) {
+  cv::dnn::Net net;
+  std::vector<int> ids;
+  for (size_t i = 0; i < layers.size(); i++) {
+    const Layer& l = layers[i];
+    int from = 0;
+    for (size_t j = 0; j < i; j++)
+      if (layers[j].out_c == l.in_c && layers[j].out_w() == l.in_w && layers[j].out_h() == l.in_h)
+        from = ids[j];
+    Buffer<float> w(l.w_size()), b(l.out_c);
+    fill(w, kWeights);
+    fill(b, kBias);
+    for (size_t k = 0; k < w.n; k++) w[k] *= std::sqrt(24.0f / l.k_len());
+    const int shape[] = {l.out_c, l.in_c / l.groups, l.k, l.k};
+    cv::dnn::LayerParams p, relu;
+    p.set("kernel_h", l.k);
+    p.set("kernel_w", l.k);
+    p.set("stride_h", l.stride);
+    p.set("stride_w", l.stride);
+    p.set("pad_h", l.pad);
+    p.set("pad_w", l.pad);
+    p.set("num_output", l.out_c);
+    p.set("group", l.groups);
+    p.set("bias_term", true);
+    p.blobs.push_back(cv::Mat(4, shape, CV_32F, w.p).clone());
+    p.blobs.push_back(cv::Mat(1, l.out_c, CV_32F, b.p).clone());
+    const std::string name = std::to_string(i);
+    const int conv = net.addLayer("c" + name, "Convolution", p);
+    net.connect(from, 0, conv, 0);
+    ids.push_back(net.addLayer("r" + name, "ReLU", relu));
+    net.connect(conv, 0, ids.back(), 0);
+  }
+  return net;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Isa isa = select_isa(argc, argv);
+  int w = 0, h = 0;
+  if (sscanf(arg_pos(argc, argv, 1).c_str(), "%dx%d", &w, &h) != 2) {
+    fprintf(stderr,
+            "usage: net_peers FILE WIDTHxHEIGHT [--channels 3] [--isa avx2|native] [--runs n]"
+            " [--layers LAYERFILE] [--subject COMMAND --net NAME]\n");
+    return 2;
+  }
+  const int runs = static_cast<int>(arg_num(argc, argv, "--runs", 200));
+  const int ch = static_cast<int>(arg_num(argc, argv, "--channels", 3));
+  cv::setNumThreads(1);
+  const std::string file = arg_pos(argc, argv, 0);
+  const bool list = file.size() > 7 && file.compare(file.size() - 7, 7, ".layers") == 0;
+  cv::dnn::Net net =
+      list ? network_of_layers(read_layers(file, false)) : cv::dnn::readNetFromONNX(file);
+  net.setPreferableBackend(cv::dnn::DNN_BACKEND_OPENCV);
+  net.setPreferableTarget(cv::dnn::DNN_TARGET_CPU);
+  Buffer<float> in(size_t(ch) * w * h);
+  fill(in, kInput);
+  int dims[] = {1, ch, h, w};
+  const std::vector<std::string> outs = net.getUnconnectedOutLayersNames();
+  std::vector<cv::Mat> res;
+  net.setInput(cv::Mat(4, dims, CV_32F, in.p));
+  net.forward(res, outs);
+  double flop = 0;
+  const std::string lf = arg_str(argc, argv, "--layers");
+  if (!lf.empty())
+    for (const Layer& l : read_layers(lf)) flop += l.flop() * l.count;
+
+  Subject subject(arg_str(argc, argv, "--subject"));
+  const std::string name = arg_str(argc, argv, "--net");
+  const bool sub = subject.present() && subject.setup("net " + name);
+  Samples s, med;
+  double sub_min = 0;
+  Peak peak;
+  const int rounds = 10;
+  for (int r = 0; r < rounds; r++) {
+    peak.probe(2);
+    const double start = now_ns();
+    for (int i = 0; i < (runs + rounds - 1) / rounds; i++) {
+      net.setInput(cv::Mat(4, dims, CV_32F, in.p));
+      const double t0 = now_ns();
+      net.forward(res, outs);
+      s.ns.push_back(now_ns() - t0);
+    }
+    if (sub) subject.time((now_ns() - start) / 1e6, sub_min, med.ns);
+  }
+  printf("isa %s: OpenCV avx2=%d avx512=%d; convolutions %.2f MFLOP; outputs:", isa_name(isa),
+         cv::checkHardwareSupport(CV_CPU_AVX2), cv::checkHardwareSupport(CV_CPU_AVX512_SKX),
+         flop / 1e6);
+  for (size_t i = 0; i < res.size(); i++) {
+    printf(" %s[", outs[i].c_str());
+    for (int d = 0; d < res[i].dims; d++) printf("%s%d", d ? "x" : "", res[i].size[d]);
+    printf("]");
+  }
+  printf("\nAVX2 FMA peak of this run: best %.1f, median %.1f GFLOP/s\n", peak.best, peak.median());
+  auto line = [&](const char* who, double mn, double md) {
+    printf("  %-10s min %9.1f us  median %9.1f us", who, mn / 1e3, md / 1e3);
+    if (flop > 0) printf("  %6.1f GFLOP/s %5.1f%%", flop / mn, 100 * flop / mn / peak.best);
+    printf("\n");
+  };
+  line("opencv-dnn", s.min(), s.median());
+  if (sub) {
+    line("subject", sub_min, med.median());
+    printf("  subject x%.2f of opencv-dnn\n", s.min() / sub_min);
+  }
+  return subject.failed() ? 1 : 0;
+}

@@ -1,0 +1,124 @@
+// This library's side of the comparison: answers the harness's requests (protocol in
+// bench/README.md) through the exported functions; only the general multiply, which is
+// not exported, is called directly.
+#include <unistd.h>
+
+#include <iostream>
+
+#include "cg/cpu/kernels/zyn_cg_kernels.h"
+#include "network.h"
+
+namespace subject {
+
+struct Job {
+  std::function<void()> run;
+  std::function<double(size_t)> out;
+};
+Job image_job(std::istringstream& request);
+
+namespace {
+
+using peers::Buffer;
+using peers::Layer;
+
+Job network_job(const std::vector<Layer>& layers, uint32_t method, bool scaled) {
+  const auto network = std::make_shared<bench::Network>(layers, method, scaled);
+  if (!network->ok() || !network->run()) return {};
+  return {[=] { network->run(); }, [=](size_t i) { return double(network->output(i)); }};
+}
+
+Job conv_job(std::istringstream& request) {
+  Layer l;
+  uint32_t method = 0;
+  request >> l.in_c >> l.out_c >> l.in_w >> l.in_h >> l.k >> l.stride >> l.pad >> l.groups >>
+      method;
+  return request ? network_job({l}, method, false) : Job();
+}
+
+// "net FILE [METHOD]": the network of a layer list.
+Job net_job(std::istringstream& request) {
+  std::string file;
+  uint32_t method = 2;
+  request >> file >> method;
+  const std::vector<Layer> layers = peers::read_layers(file, false);
+  return layers.empty() ? Job() : network_job(layers, method, true);
+}
+
+Job sgemm_job(std::istringstream& request) {
+  int n = 0;
+  request >> n;
+  if (n < 1) return {};
+  const auto count = static_cast<size_t>(n) * n;
+  const auto a = std::make_shared<Buffer<float>>(count), b = std::make_shared<Buffer<float>>(count),
+             c = std::make_shared<Buffer<float>>(count);
+  fill(*a, peers::kMatA);
+  fill(*b, peers::kMatB);
+  return {[=] { zyn_cg_sgemm(n, n, n, 1, 0, a->p, n, b->p, n, c->p, n); },
+          [=](size_t i) { return double((*c)[i]); }};
+}
+
+Job nms_job(std::istringstream& request) {
+  int n = 0;
+  float threshold = 0;
+  request >> n >> threshold;
+  const std::vector<peers::Box> boxes = peers::test_boxes(n);
+  const auto in = std::make_shared<std::vector<zyn_detection>>(n);
+  const auto kept = std::make_shared<std::vector<zyn_detection>>(n);
+  const auto count = std::make_shared<int>(0);
+  for (int i = 0; i < n; i++)
+    (*in)[i] = {boxes[i].x1, boxes[i].y1, boxes[i].x2, boxes[i].y2, boxes[i].score};
+  return {[=] { *count = zyn_ssd_nms(kept->data(), in->data(), n, threshold); },
+          [=](size_t i) { return static_cast<int>(i) < *count ? double((*kept)[i].score) : 0.0; }};
+}
+
+// Requests by their first word; what is missing is answered with "unsupported".
+const struct {
+  const char* verb;
+  Job (*make)(std::istringstream& request);
+} kJobs[] = {{"conv", conv_job},
+             {"sgemm", sgemm_job},
+             {"net", net_job},
+             {"image", image_job},
+             {"nms", nms_job}};
+
+Job make_job(const std::string& verb, std::istringstream& request) {
+  for (const auto& job : kJobs)
+    if (verb == job.verb) return job.make(request);
+  return {};
+}
+
+}  // namespace
+}  // namespace subject
+
+int main() {
+  // The library prints to standard output; answers go to a copy of it.
+  FILE* answers = fdopen(dup(1), "w");
+  if (!answers || !freopen("/dev/null", "w", stdout)) return 1;
+  subject::Job job;
+  for (std::string line; std::getline(std::cin, line);) {
+    std::istringstream request(line);
+    std::string verb;
+    request >> verb;
+    if (verb == "quit") break;
+    if (verb == "time") {
+      double ms = 1;
+      request >> ms;
+      peers::Samples times;
+      peers::sample(times, ms, job.run);
+      fprintf(answers, "time %zu %.1f %.1f\n", times.ns.size(), times.min(), times.median());
+    } else if (verb == "probe") {
+      size_t n = 0, i = 0;
+      request >> n;
+      job.run();
+      fprintf(answers, "probe");
+      while (n-- && request >> i) fprintf(answers, " %.9g", job.out(i));
+      fprintf(answers, "\n");
+    } else {
+      job = subject::Job();
+      job = subject::make_job(verb, request);
+      fprintf(answers, job.run ? "ok\n" : "unsupported\n");
+    }
+    fflush(answers);
+  }
+  return 0;
+}
