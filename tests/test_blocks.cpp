@@ -191,8 +191,8 @@ TEST(Blocks, ANetworkOfEverythingGivesTheSameUnderEveryMethod) {
       join = mixed.joined();
       ASSERT_EQ(first.v.size(), 5u);
     }
-    EXPECT_TRUE(zyn_test::near(mixed.output(), first, 1e-5)) << method;
-    EXPECT_TRUE(zyn_test::near(mixed.joined(), join, 1e-5)) << method;
+    EXPECT_TRUE(zyn_test::agrees(mixed.output(), first, 1e-5)) << method;
+    EXPECT_TRUE(zyn_test::agrees(mixed.joined(), join, 1e-5)) << method;
   }
 }
 

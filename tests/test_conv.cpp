@@ -116,7 +116,7 @@ class Layer {
     Array expected({ow(), oh(), p.out_channels});
     expected.v = plain();
     const double bound = activation_ == 2 || activation_ == 4 || epsilon_ == 0 ? 3e-7 : 0;
-    ASSERT_TRUE(zyn_test::near(net_->output(2), expected, bound)) << text();
+    ASSERT_TRUE(zyn_test::agrees(net_->output(2), expected, bound)) << text();
   }
   std::string text() const {
     return "type " + std::to_string(type_) + " method " + std::to_string(method_) + " code " +
