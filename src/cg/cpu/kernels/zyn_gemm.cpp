@@ -1,6 +1,7 @@
-// The macro-kernel over packed operands and the general multiply, which cuts its three
-// extents into blocks of 512 so that a packed block of A and one of B fit the second
-// cache level.
+// The macro-kernel over packed operands, and the general multiply. That one cuts M and K
+// into blocks of 512 (a block of A fits the second cache level) and N into panels of 24
+// columns, which are packed when they are used; A is read as it lies, 4 rows at a time:
+// a broadcast does not ask for neighbours.
 #include "base/zyn_memory.h"
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "cg/cpu/kernels/zyn_gemm_pack.h"
@@ -9,7 +10,8 @@ namespace {
 
 constexpr int64_t kBlockExtent = 512;  // of M, N and K
 constexpr int64_t kRowBlock = 8, kPanelWidth = 8;
-constexpr int64_t kMostTileFloats = 8 * 24;
+constexpr int64_t kTileRows = 4;  // of A as it lies
+constexpr int64_t kMostTileFloats = 6 * 16;
 
 int64_t smaller(int64_t a, int64_t b) { return a < b ? a : b; }
 
@@ -24,37 +26,68 @@ void merge_tile(const float* tile, int64_t tile_pitch, int64_t rows, int64_t col
     }
 }
 
+// A product of at most 512 rows and terms, and the scratch of the general multiply.
+struct block_product {
+  int64_t rows, columns, terms;
+  float alpha, beta;
+  const float* a;
+  int64_t lda;
+  const float* b;
+  int64_t ldb;
+  float* c;
+  int64_t ldc;
+  float* weights;
+  float* panels;
+};
+
+// Rows in multiples of kTileRows, panel by panel.
+void multiply_tiles(const block_product& p) {
+  for (int64_t column = 0; column < p.columns; column += ZYN_GEMM_WIDE) {
+    const int64_t here = smaller(ZYN_GEMM_WIDE, p.columns - column);
+    const int64_t width = (here + 7) / 8 * 8;
+    zyn_gemm_pack_panels(p.terms, here, width, p.b + column, p.ldb, p.panels);
+    zyn_gemm_rows_by_panel(p.rows, p.terms, p.alpha, p.beta, p.a, p.lda, p.panels, width, here,
+                           p.c + column, p.ldc);
+  }
+}
+
+// The few rows that are left over: both operands packed, 8 x 8 at a time.
+void multiply_packed(const block_product& p) {
+  zyn_gemm_pack_weights(p.rows, p.terms, kRowBlock, p.a, p.lda, p.weights);
+  for (int64_t column = 0; column < p.columns; column += kBlockExtent) {
+    const int64_t here = smaller(kBlockExtent, p.columns - column);
+    zyn_gemm_pack_panels(p.terms, here, kPanelWidth, p.b + column, p.ldb, p.panels);
+    zyn_gemm_macro(p.rows, here, p.terms, p.alpha, p.beta, p.c + column, p.ldc, p.weights, p.panels,
+                   kRowBlock, kPanelWidth, zyn_gemm_micro_8x8);
+  }
+}
+
+void multiply_block(block_product p) {
+  const int64_t rows = p.rows, whole = rows / kTileRows * kTileRows;
+  p.rows = whole;
+  if (whole > 0) multiply_tiles(p);
+  p.rows = rows - whole;
+  p.a += whole * p.lda;
+  p.c += whole * p.ldc;
+  if (whole < rows) multiply_packed(p);
+}
+
 }  // namespace
 
 void zyn_gemm_macro(int64_t rows, int64_t columns, int64_t k, float alpha, float beta,
                     float* output, int64_t pitch, const float* weights, const float* panels,
                     int64_t row_block, int64_t panel_width, zyn_gemm_micro micro) {
   alignas(32) float tile[kMostTileFloats];
-  // Three panels of the general multiply go through one tile of 4 x 24.
-  const bool wide = row_block == kRowBlock && panel_width == kPanelWidth;
-  for (int64_t column = 0; column < columns;) {
-    const bool three = wide && columns - column >= 3 * panel_width;
-    const int64_t width = three ? 3 * panel_width : panel_width;
-    const float* panel = panels + column * k;
+  for (int64_t column = 0; column < columns; column += panel_width) {
     for (int64_t row = 0; row < rows; row += row_block) {
-      const float* block = weights + row * k;
       float* to = output + row * pitch + column;
-      const bool whole = rows - row >= row_block && columns - column >= width;
-      float* target = whole ? to : tile;
-      const int64_t target_pitch = whole ? pitch : width;
-      const float target_beta = whole ? beta : 0.0f;
-      if (three) {
-        for (int64_t half = 0; half < 8; half += 4)
-          zyn_gemm_micro_4x24_of_8(k, alpha, target_beta, block + half, panel, panel_width * k,
-                                   target + half * target_pitch, target_pitch);
-      } else {
-        micro(k, alpha, target_beta, block, panel, target, target_pitch);
-      }
+      const bool whole = rows - row >= row_block && columns - column >= panel_width;
+      micro(k, alpha, whole ? beta : 0.0f, weights + row * k, panels + column * k,
+            whole ? to : tile, whole ? pitch : panel_width);
       if (!whole)
-        merge_tile(tile, width, smaller(row_block, rows - row), smaller(width, columns - column),
-                   beta, to, pitch);
+        merge_tile(tile, panel_width, smaller(row_block, rows - row),
+                   smaller(panel_width, columns - column), beta, to, pitch);
     }
-    column += width;
   }
 }
 
@@ -64,20 +97,10 @@ uint32_t zyn_cg_sgemm(int32_t m, int32_t n, int32_t k, float alpha, float beta, 
   zyn_scratch<float> weights(kBlockExtent * kBlockExtent);
   zyn_scratch<float> panels(kBlockExtent * kBlockExtent);
   if (!weights || !panels) return 2;
-  for (int64_t row = 0; row < m; row += kBlockExtent) {
-    const int64_t rows = smaller(kBlockExtent, m - row);
-    for (int64_t term = 0; term < k; term += kBlockExtent) {
-      const int64_t terms = smaller(kBlockExtent, k - term);
-      zyn_gemm_pack_weights(rows, terms, kRowBlock, a + row * lda + term, lda, weights.get());
-      for (int64_t column = 0; column < n; column += kBlockExtent) {
-        const int64_t columns = smaller(kBlockExtent, n - column);
-        zyn_gemm_pack_panels(terms, columns, kPanelWidth, b + term * ldb + column, ldb,
-                             panels.get());
-        zyn_gemm_macro(rows, columns, terms, alpha, term == 0 ? beta : 1.0f, c + row * ldc + column,
-                       ldc, weights.get(), panels.get(), kRowBlock, kPanelWidth,
-                       zyn_gemm_micro_8x8);
-      }
-    }
-  }
+  for (int64_t row = 0; row < m; row += kBlockExtent)
+    for (int64_t term = 0; term < k; term += kBlockExtent)
+      multiply_block({smaller(kBlockExtent, m - row), n, smaller(kBlockExtent, k - term), alpha,
+                      term == 0 ? beta : 1.0f, a + row * lda + term, lda, b + term * ldb, ldb,
+                      c + row * ldc, ldc, weights.get(), panels.get()});
   return 0;
 }

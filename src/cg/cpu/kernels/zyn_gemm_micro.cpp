@@ -55,21 +55,64 @@ template <int kRows, int kVectors>
   }
 }
 
-// A tile of packed weights (kBlock rows, of which kRows are used) and packed panels.
-template <int kBlock, int kRows, int kWidth, int kVectors>
+// A tile of packed weights and one packed panel.
+template <int kRows, int kVectors>
 [[gnu::always_inline]] inline void packed_tile(int64_t k, float alpha, float beta,
                                                const float* weights, const float* panel,
-                                               int64_t vector_stride, float* tile, int64_t pitch) {
+                                               float* tile, int64_t pitch) {
   __m256 sums[kRows][kVectors];
   clear(sums);
   _Pragma("GCC unroll 4") for (int64_t i = 0; i < k; i++) {
     multiply_add<false>(
-        sums, [weights](int r) { return weights + r; },
-        [panel, vector_stride](int v) { return panel + v * vector_stride; }, nullptr);
-    weights += kBlock;
-    panel += kWidth;
+        sums, [weights](int r) { return weights + r; }, [panel](int v) { return panel + 8 * v; },
+        nullptr);
+    weights += kRows;
+    panel += 8 * kVectors;
   }
   store_scaled(sums, alpha, beta, tile, pitch);
+}
+
+// A product of rows of A as they lie by one packed panel.
+struct scaled_tile {
+  int64_t k;
+  float alpha, beta;
+  const float* a;
+  int64_t lda;
+  const float* panel;
+  float* tile;
+  int64_t pitch, columns;
+};
+
+template <int kRows, int kVectors>
+void rows_tile(const scaled_tile& t, int64_t row) {
+  const float* a = t.a + row * t.lda;
+  const int64_t lda = t.lda;
+  const float* panel = t.panel;
+  __m256 sums[kRows][kVectors];
+  clear(sums);
+  _Pragma("GCC unroll 4") for (int64_t i = 0; i < t.k; i++) {
+    multiply_add<false>(
+        sums, [a, lda](int r) { return a + r * lda; }, [panel](int v) { return panel + 8 * v; },
+        nullptr);
+    a++;
+    panel += 8 * kVectors;
+  }
+  float* tile = t.tile + row * t.pitch;
+  if (t.columns == 8 * kVectors) return store_scaled(sums, t.alpha, t.beta, tile, t.pitch);
+  alignas(32) float whole[kRows * kVectors * 8];
+  store_scaled(sums, t.alpha, 0.0f, whole, 8 * kVectors);
+  for (int64_t r = 0; r < kRows; r++)
+    for (int64_t c = 0; c < t.columns; c++) {
+      float* to = tile + r * t.pitch + c;
+      const float y = whole[r * kVectors * 8 + c];
+      *to = t.beta != 0 ? __builtin_fmaf(t.beta, *to, y) : y;
+    }
+}
+
+template <int kRows, int kVectors>
+int64_t panel_rows(const scaled_tile& t, int64_t row, int64_t rows) {
+  for (; row + kRows <= rows; row += kRows) rows_tile<kRows, kVectors>(t, row);
+  return row;
 }
 
 // A run of tiles of a product by rows read in place. The vectors of a tile may lie
@@ -393,21 +436,31 @@ void zyn_gemm_scattered(const zyn_gemm_rows& b, const zyn_gemm_vector* vectors, 
 
 void zyn_gemm_micro_6x16(int64_t k, float alpha, float beta, const float* weights,
                          const float* panel, float* tile, int64_t pitch) {
-  packed_tile<6, 6, 16, 2>(k, alpha, beta, weights, panel, 8, tile, pitch);
+  packed_tile<6, 2>(k, alpha, beta, weights, panel, tile, pitch);
 }
 
 void zyn_gemm_micro_4x16(int64_t k, float alpha, float beta, const float* weights,
                          const float* panel, float* tile, int64_t pitch) {
-  packed_tile<4, 4, 16, 2>(k, alpha, beta, weights, panel, 8, tile, pitch);
+  packed_tile<4, 2>(k, alpha, beta, weights, panel, tile, pitch);
 }
 
 void zyn_gemm_micro_8x8(int64_t k, float alpha, float beta, const float* weights,
                         const float* panel, float* tile, int64_t pitch) {
-  packed_tile<8, 8, 8, 1>(k, alpha, beta, weights, panel, 0, tile, pitch);
+  packed_tile<8, 1>(k, alpha, beta, weights, panel, tile, pitch);
 }
 
-void zyn_gemm_micro_4x24_of_8(int64_t k, float alpha, float beta, const float* weights,
-                              const float* panel, int64_t panel_stride, float* tile,
-                              int64_t pitch) {
-  packed_tile<8, 4, 8, 3>(k, alpha, beta, weights, panel, panel_stride, tile, pitch);
+void zyn_gemm_rows_by_panel(int64_t rows, int64_t k, float alpha, float beta, const float* a,
+                            int64_t lda, const float* panel, int64_t width, int64_t columns,
+                            float* tile, int64_t pitch) {
+  const scaled_tile t = {k, alpha, beta, a, lda, panel, tile, pitch, columns};
+  int64_t row = 0;
+  if (width == 24) {
+    panel_rows<4, 3>(t, row, rows);
+  } else if (width == 16) {
+    row = panel_rows<6, 2>(t, row, rows);
+    panel_rows<2, 2>(t, row, rows);
+  } else {
+    row = panel_rows<8, 1>(t, row, rows);
+    panel_rows<4, 1>(t, row, rows);
+  }
 }

@@ -30,11 +30,12 @@ void zyn_gemm_micro_4x16(int64_t k, float alpha, float beta, const float* weight
                          const float* panel, float* tile, int64_t pitch);
 void zyn_gemm_micro_8x8(int64_t k, float alpha, float beta, const float* weights,
                         const float* panel, float* tile, int64_t pitch);
-// Four rows of a block of eight (weights points at the first) by three panels of eight
-// that lie panel_stride floats apart: 12 accumulators keep both multipliers busy, where
-// the 8 of an 8 x 8 tile leave gaps.
-void zyn_gemm_micro_4x24_of_8(int64_t k, float alpha, float beta, const float* weights,
-                              const float* panel, int64_t panel_stride, float* tile, int64_t pitch);
+
+// tile = alpha * A x panel + beta * tile for rows (a multiple of 4) of A as they lie, lda
+// floats apart, and a panel of width 8, 16 or 24 columns, of which columns are written.
+void zyn_gemm_rows_by_panel(int64_t rows, int64_t k, float alpha, float beta, const float* a,
+                            int64_t lda, const float* panel, int64_t width, int64_t columns,
+                            float* tile, int64_t pitch);
 
 // Where the rows of B lie when they are read in place: row c * taps + t starts at
 // channel c, tap t: base + c * channel_stride + offsets[t].
