@@ -98,7 +98,7 @@ uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_
 uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_conv_plan* plan,
                                 const zyn_conv_epilogue& epilogue) {
   const int64_t pixels = plan->output_pixels, k = plan->k, width = plan->panel_width;
-  zyn_gemm_rows b = {input, pixels, k, 1, nullptr, nullptr, 0};
+  zyn_gemm_rows b = {input, pixels, k, 1, nullptr, nullptr};
   const zyn_gemm_output out = {output, pixels, plan->output_channels, epilogue};
   const bool aligned = pixels % kVector == 0 && reinterpret_cast<uintptr_t>(input) % 32 == 0;
   if (aligned && !rows_collide(k, pixels)) {
@@ -118,8 +118,7 @@ uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_con
     b.base = slice;
     b.channel_stride = width;
   } else {
-    b.panels = slice;
-    b.panel_columns = strip;
+    b.panel = slice;
   }
   zyn_gemm_in_place(b, pixels, plan->weights, plan->channel_block, out);
   return 0;

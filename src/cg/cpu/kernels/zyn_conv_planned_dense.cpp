@@ -159,13 +159,12 @@ uint32_t zyn_conv_run_dense(float* output, const float* input, const zyn_conv_pl
                             const zyn_conv_epilogue& epilogue) {
   const zyn_conv_strip& s = p->strip;
   float* strip = p->weights + zyn_conv_plan_scratch(p);
-  float* panels = strip + s.floats;
-  float* products = panels + s.panel_floats;
+  float* panel = strip + s.floats;
+  float* products = panel + s.panel_floats;
   int64_t offsets[kMostTaps];
   fill_offsets(p, offsets);
   const int64_t taps = static_cast<int64_t>(p->kernel) * p->kernel;
-  const zyn_gemm_rows b = {strip,   s.channel_floats, p->input_channels, taps,
-                           offsets, panels,           ZYN_GEMM_WIDE};
+  const zyn_gemm_rows b = {strip, s.channel_floats, p->input_channels, taps, offsets, panel};
   for (int64_t y = 0; y < p->output_h; y += s.rows) {
     const int64_t rows = smaller(s.rows, p->output_h - y);
     copy_strip(p, input, y, rows, strip);

@@ -310,45 +310,23 @@ struct walk {
     }
   }
 
-  // Fetches what the next group reads of B: a share of its rows for every row block.
-  void prefetch(int64_t block, int64_t first, int64_t columns) const {
-    const int64_t last = b.channels * (block + 1) / blocks;
-    for (int64_t c = b.channels * block / blocks; c < last; c++)
-      for (int64_t x = 0; x < columns; x += 16)
-        _mm_prefetch(reinterpret_cast<const char*>(b.base + c * b.channel_stride + first + x),
-                     _MM_HINT_T1);
-  }
+  bool copies() const { return b.panel && blocks >= kCopyBlocks; }
 
-  bool copies() const { return b.panels && blocks >= kCopyBlocks; }
-
-  // Whole wide tiles from column to last, row block by row block; fetch: columns that come
-  // next.
-  void wide(int64_t column, int64_t last, int64_t fetch) const {
-    const bool copy = copies();
-    const int64_t width = set.wide_columns;
-    for (int64_t first = 0; first < b.channels; first += part) {
-      const int64_t end = smaller(first + part, b.channels);
+  // Whole wide tiles from column to last, row block by row block: for few row blocks, whose
+  // columns are not worth a copy.
+  void wide(int64_t column, int64_t last) const {
+    for (int64_t first = 0; first < b.channels; first += part)
       for (int64_t block = 0; block < blocks; block++) {
-        if (fetch > 0 && first == 0) prefetch(block, last, fetch);
-        tile_job j = job(block, first, end);
+        tile_job j = job(block, first, smaller(first + part, b.channels));
+        j.x += column;
         j.out += column;
-        j.count = (last - column) / width;
-        j.next_out = width;
-        if (copy && block > 0) {
-          read_panels(&j);
-          j.next_x = width * j.channels;
-          set.wide[0][0](j);
-        } else {
-          j.x += column;
-          j.next_x = width;
-          j.copy = b.panels;
-          set.wide[b.taps > 1][copy](j);
-        }
+        j.count = (last - column) / set.wide_columns;
+        j.next_x = j.next_out = set.wide_columns;
+        set.wide[b.taps > 1][0](j);
       }
-    }
   }
 
-  // One wide tile whose vectors lie anywhere, all row blocks.
+  // One wide tile whose vectors lie anywhere, all row blocks in one call.
   void scattered(const zyn_gemm_vector* vectors) const {
     const bool copy = copies();
     for (int64_t first = 0; first < b.channels; first += part) {
@@ -359,14 +337,14 @@ struct walk {
         j.at[v] = vectors[v].from - vectors[0].from;
         j.to[v] = vectors[v].to - vectors[0].to;
       }
-      j.copy = b.panels;
+      j.copy = b.panel;
       j.next_weights = j.block_stride;
       j.next_out = set.block * j.pitch;
       j.next_rows = set.block;
       j.count = copy ? 1 : blocks;
       set.wide[b.taps > 1][copy](j);
       if (!copy) continue;
-      read_panels(&j);
+      read_panel(&j);
       j.count = blocks - 1;
       j.weights += j.next_weights;
       j.out += j.next_out;
@@ -377,8 +355,8 @@ struct walk {
   }
 
   // Lets a job read the columns that the first row block copied.
-  void read_panels(tile_job* j) const {
-    j->x = b.panels;
+  void read_panel(tile_job* j) const {
+    j->x = b.panel;
     j->channel_stride = set.wide_columns;
     j->channels *= b.taps;
     j->at[1] = 8;
@@ -401,24 +379,24 @@ void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* pac
                        const zyn_gemm_output& output) {
   const walk w = make_walk(b, packed, block, output);
   const int64_t width = w.set.wide_columns;
-  const int64_t whole = columns / width * width;
-  int64_t group = kGroupBytes / (b.channels * b.taps * 4);
-  if (b.panels) group = smaller(group, b.panel_columns);
-  group = larger(group / width, 1) * width;
-  for (int64_t first = 0; first < whole; first += group) {
-    const int64_t last = smaller(first + group, whole);
-    w.wide(first, last, b.taps > 1 ? 0 : smaller(group, columns - last));
+  const int64_t whole = columns / width * width, rest = columns - whole;
+  auto tile_at = [&w](int64_t column, int64_t last_vector) {
+    const zyn_gemm_vector vectors[3] = {
+        {column, column}, {column + 8, column + 8}, {last_vector, last_vector}};
+    w.scattered(vectors);
+  };
+  if (w.blocks < kCopyBlocks) {
+    const int64_t group = larger(kGroupBytes / (b.channels * b.taps * 4) / width, 1) * width;
+    for (int64_t first = 0; first < whole; first += group)
+      w.wide(first, smaller(first + group, whole));
+  } else {
+    for (int64_t first = 0; first < whole; first += width) tile_at(first, first + 16);
   }
-  const int64_t rest = columns - whole;
   if (rest == 0) return;
   // The remaining columns are taken in tiles that end with the last column; what overlaps
   // is computed twice, to the same bits.
-  if (columns >= width && (rest > 16 || (w.blocks == 1 && rest > 8)))
-    return w.wide(columns - width, columns, 0);
-  if (rest > 16) {
-    const zyn_gemm_vector vectors[3] = {{0, 0}, {8, 8}, {columns - 8, columns - 8}};
-    return w.scattered(vectors);
-  }
+  if (columns >= width && w.blocks == 1 && rest > 8) return w.wide(columns - width, columns);
+  if (rest > 16) return tile_at(whole, columns - 8);
   for (int64_t column = whole; column < columns; column += 8) {
     const int64_t start = columns < 8 ? 0 : smaller(column, columns - 8);
     w.narrow(start, start, smaller(columns, 8));

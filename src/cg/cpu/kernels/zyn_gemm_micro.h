@@ -45,11 +45,9 @@ struct zyn_gemm_rows {
   int64_t channels;
   int64_t taps;            // 1: offsets is not read
   const int64_t* offsets;  // one per tap
-  // Scratch for panel_columns columns of B (at least ZYN_GEMM_WIDE), or null. With it the
-  // first rows of the output copy the columns that they read into aligned panels, and the
-  // other rows read those.
-  float* panels;
-  int64_t panel_columns;
+  // Scratch for ZYN_GEMM_WIDE columns of B, or null. With it the first rows of the output
+  // copy the columns that they read into an aligned panel, and the other rows read that.
+  float* panel;
 };
 enum { ZYN_GEMM_WIDE = 24 };  // columns of the widest tile
 
