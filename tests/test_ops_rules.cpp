@@ -1,6 +1,8 @@
 // The operators' particular rules: what is refused and where, and what is odd on purpose.
 #include <string.h>
 
+#include <set>
+
 #include "cg/cpu/kernels/zyn_cg_fpi_convert.h"
 #include "cg/cpu/zyn_cg.h"
 #include "cg/cpu/zyn_cg_power.h"
@@ -460,6 +462,12 @@ TEST(Ops, MissingRecordsInputsAndOtherElementTypes) {
 }
 
 TEST(Ops, FixedPointGraphsKeepTheirQRulesAndRefuseTheRest) {
+  const std::set<int> refused = {
+      ZYN_OP_CONV_GROUPED, ZYN_OP_CONV_TRANSPOSED, ZYN_OP_FUNCTION, ZYN_OP_BATCH_NORM_FAST,
+      ZYN_OP_MISH,         ZYN_OP_RESAMPLE,        ZYN_OP_AFFINE};
+  const std::set<int> takes_input_q = {ZYN_OP_RELU,          ZYN_OP_RELU6,  ZYN_OP_MAX_POOL,
+                                       ZYN_OP_RESHAPE,       ZYN_OP_CONCAT, ZYN_OP_CHANNEL_SLICE,
+                                       ZYN_OP_CHANNEL_GATHER};
   for (int type : kOperatorTypes) {
     SCOPED_TRACE(type);
     Model model(12, 1);
@@ -467,19 +475,19 @@ TEST(Ops, FixedPointGraphsKeepTheirQRulesAndRefuseTheRest) {
     while (node < 0) node = model.add(type);
     ASSERT_EQ(model.net.make(), 0);
     EXPECT_EQ(model.net.prepare(), 1) << "no Q list";
-    auto* q = static_cast<uint32_t*>(zyn_malloc(256 * sizeof(uint32_t)));
-    for (uint32_t i = 0; i < 256; i++) q[i] = 13;
-    q[0] = 7;
-    q[node] = 3;
-    zyn_cg_set_ptr_q_list(model.net.graph(), q);
-    const bool moves = type == ZYN_OP_RESHAPE || type >= ZYN_OP_CHANNEL_SLICE;
-    EXPECT_EQ(model.net.prepare(), moves ? 0 : 4);
-    const uint32_t own = zyn_cg_get_q_from_list(model.net.graph(), node);
-    const bool takes_input_q =
-        type == ZYN_OP_RESHAPE || type == ZYN_OP_CHANNEL_GATHER || type == ZYN_OP_CONCAT;
+    uint32_t* q = model.net.q_list(13, {{0, 7}, {node, 3}});
+    const int32_t code = refused.count(type) ? 4 : 0;
+    EXPECT_EQ(model.net.prepare(), code);
     if (type != ZYN_OP_BATCH_NORM) {
-      EXPECT_EQ(own, takes_input_q ? 7u : 3u);
+      EXPECT_EQ(q[node], takes_input_q.count(type) ? 7u : 3u);
     }
+    q[0] = 16;  // no 16-bit value has more than 15 fraction bits
+    EXPECT_EQ(model.net.prepare(), code == 4 ? 4 : 1);
+    q[0] = 7;
+    zyn_tensor* input = model.net.output_tensor(0);
+    input->type = ZYN_TYPE_F32;
+    EXPECT_EQ(model.net.prepare(), 1) << "floats";
+    input->type = ZYN_TYPE_FPI16;
   }
 }
 
@@ -494,10 +502,8 @@ TEST(Ops, FixedPointNormalisationChoosesItsQ) {
         net.op(ZYN_OP_BATCH_NORM, zyn_bn_param{0, 0},
                {net.input(ramp({2, 2, 1})), net.constant(list({c.gamma, 0, 0, c.variance}))});
     ASSERT_EQ(net.make(), 0);
-    auto* q = static_cast<uint32_t*>(zyn_malloc(256 * sizeof(uint32_t)));
-    memset(q, 0, 1024);
-    zyn_cg_set_ptr_q_list(net.graph(), q);
-    net.prepare();
+    const uint32_t* q = net.q_list(0);
+    EXPECT_EQ(net.prepare(), 0);
     EXPECT_EQ(q[id], c.q) << c.gamma;
   }
 }

@@ -65,7 +65,8 @@ inline size_t place(const Array& a, int x, int y, int z, uint32_t layout) {
   return a.index(x, y, z);
 }
 
-// One network. Add nodes in the order of their ids, then make().
+// One network. Add nodes in the order of their ids, then make(). Graph inputs of
+// fixed-point networks hold 16-bit integers.
 class Net {
  public:
   explicit Net(uint32_t fixed_point = 0) : settings_{256, 1, {0, 0}, fixed_point} {}
@@ -163,20 +164,33 @@ class Net {
     if (!tensor || !tensor->data) return Array();
     Array a(std::vector<int>(tensor->dims, tensor->dims + tensor->dim_count));
     const float* values = static_cast<const float*>(tensor->data);
+    const int16_t* words = static_cast<const int16_t*>(tensor->data);
+    const bool fixed = tensor->type == ZYN_TYPE_FPI16;
     for (int z = 0; z < a.c(); z++)
       for (int y = 0; y < a.h(); y++)
-        for (int x = 0; x < a.w(); x++)
-          a.at(x, y, z) = static_cast<double>(values[place(a, x, y, z, tensor->layout)]);
+        for (int x = 0; x < a.w(); x++) {
+          const size_t i = place(a, x, y, z, tensor->layout);
+          a.at(x, y, z) = fixed ? words[i] : static_cast<double>(values[i]);
+        }
     return a;
   }
   zyn_cg_handle* graph() { return graph_; }
+  // Gives the made graph a Q list: q for every node, other values by id.
+  uint32_t* q_list(uint32_t q, std::vector<std::pair<int, uint32_t>> others = {}) {
+    auto* list = static_cast<uint32_t*>(zyn_malloc(settings_.max_nodes * 4));
+    if (!list) return nullptr;
+    for (int i = 0; i < settings_.max_nodes; i++) list[i] = q;
+    for (const auto& [id, value] : others) list[id] = value;
+    zyn_cg_set_ptr_q_list(graph_, list);
+    return list;
+  }
   void method(uint32_t method) { method_ = method; }
   size_t size() const { return nodes_.size(); }
 
  private:
   struct Data {
     zyn_tensor* tensor;
-    std::unique_ptr<PageEnd<float>> block;
+    std::unique_ptr<PageEnd<uint8_t>> block;
   };
   struct Node {
     int type;
@@ -187,16 +201,25 @@ class Net {
 
   static void write(Data& data, const Array& a) {
     float* values = static_cast<float*>(data.tensor->data);
+    int16_t* words = static_cast<int16_t*>(data.tensor->data);
     for (int z = 0; z < a.c(); z++)
       for (int y = 0; y < a.h(); y++)
-        for (int x = 0; x < a.w(); x++)
-          values[place(a, x, y, z, data.tensor->layout)] = static_cast<float>(a.at(x, y, z));
+        for (int x = 0; x < a.w(); x++) {
+          const size_t i = place(a, x, y, z, data.tensor->layout);
+          if (data.tensor->type == ZYN_TYPE_FPI16)
+            words[i] = static_cast<int16_t>(a.at(x, y, z));
+          else
+            values[i] = static_cast<float>(a.at(x, y, z));
+        }
   }
 
   int add_data(int type, const Array& a, uint32_t layout) {
-    Data data = {zyn_create_tensor_header(static_cast<int32_t>(a.dims.size()), a.dims.data(), 6),
-                 std::make_unique<PageEnd<float>>(a.v.size())};
-    zyn_set_tensor_data(data.tensor, data.block->data(), static_cast<int64_t>(4 * a.v.size()));
+    const bool fixed = settings_.fixed_point == 1 && type == ZYN_OP_INPUT;
+    const size_t bytes = (fixed ? 2 : 4) * a.v.size();
+    Data data = {zyn_create_tensor_header(static_cast<int32_t>(a.dims.size()), a.dims.data(),
+                                          fixed ? ZYN_TYPE_FPI16 : ZYN_TYPE_F32),
+                 std::make_unique<PageEnd<uint8_t>>(bytes)};
+    zyn_set_tensor_data(data.tensor, data.block->data(), static_cast<int64_t>(bytes));
     data.tensor->layout = layout;
     write(data, a);
     data_.push_back(std::move(data));

@@ -3,6 +3,8 @@
 // lies; only header outputs of device graphs are the node's own.
 #include <float.h>
 
+#include "cg/cpu/kernels/zyn_fpi_lanes.h"
+#include "cg/cpu/kernels/zyn_fpi_ops.h"
 #include "cg/cpu/zyn_cg_operators.h"
 #include "cg/cpu/zyn_cg_support.h"
 #include "matrix/zyn_math.h"
@@ -15,7 +17,8 @@ struct activation_state {
   uint32_t type;
   zyn_tensor* input;
   zyn_tensor* output;  // = input, or a header of the node's own
-  uint32_t q_input, q_output;
+  int32_t q_input, q_output;
+  uint32_t fixed_point;
   uint32_t device_type;
 };
 
@@ -29,6 +32,28 @@ int32_t apply(activation_state* state, Function f) {
   zyn_tensor* output = state->output;
   if (!zyn_cg_ready(input, output)) return ZYN_RET_ERR_PARA;
   zyn_map(zyn_cg_floats(output), zyn_cg_floats(input), output->count, f);
+  return ZYN_RET_OK;
+}
+
+// The 16-bit forms. The sigmoid's result has 15 fraction bits whatever the node's q.
+int32_t apply_fixed(activation_state* state) {
+  if (!zyn_cg_ready(state->input, state->output)) return ZYN_RET_ERR_PARA;
+  int16_t* out = zyn_fpi_words(state->output);
+  const int16_t* in = zyn_fpi_words(state->input);
+  const int64_t count = state->output->count;
+  switch (state->type) {
+    case ZYN_OP_SIGMOID:
+      zyn_fpi_sigmoid(out, in, state->q_input, count);
+      break;
+    case ZYN_OP_RELU:
+      zyn_fpi_relu(out, in, count);
+      break;
+    case ZYN_OP_RELU6:
+      zyn_fpi_relu6(out, in, count, state->q_input);
+      break;
+    default:
+      zyn_fpi_hard_swish(out, state->q_output, in, state->q_input, count);
+  }
   return ZYN_RET_OK;
 }
 
@@ -65,6 +90,7 @@ int32_t run_sigmoid(void* record) {
   auto* state = static_cast<activation_state*>(record);
   if (!state) return ZYN_RET_ERR_PARA;
   if (is_on_device(state)) return ZYN_RET_OK;
+  if (state->fixed_point == 1) return apply_fixed(state);
   zyn_matrix view;
   if (!state->input || view_as_matrix(&view, state->input) != ZYN_RET_OK) return ZYN_RET_ERR_PARA;
   return apply(state, [](__m256 x) { return zyn_sigmoid8(x); });
@@ -72,18 +98,21 @@ int32_t run_sigmoid(void* record) {
 
 int32_t run_relu(void* record) {
   auto* state = static_cast<activation_state*>(record);
-  return state ? apply(state, relu) : ZYN_RET_ERR_PARA;
+  if (!state) return ZYN_RET_ERR_PARA;
+  return state->fixed_point == 1 ? apply_fixed(state) : apply(state, relu);
 }
 
 int32_t run_relu6(void* record) {
   auto* state = static_cast<activation_state*>(record);
-  return state ? apply(state, relu6) : ZYN_RET_ERR_PARA;
+  if (!state) return ZYN_RET_ERR_PARA;
+  return state->fixed_point == 1 ? apply_fixed(state) : apply(state, relu6);
 }
 
 int32_t run_hard_swish(void* record) {
   auto* state = static_cast<activation_state*>(record);
   if (!state) return ZYN_RET_ERR_PARA;
-  return is_on_device(state) ? ZYN_RET_OK : apply(state, hard_swish);
+  if (is_on_device(state)) return ZYN_RET_OK;
+  return state->fixed_point == 1 ? apply_fixed(state) : apply(state, hard_swish);
 }
 
 int32_t run_mish(void* record) {
@@ -137,9 +166,13 @@ int32_t zyn_cg_prepare_activation(zyn_cg_handle* graph, int32_t node) {
   if (!state->output) return ZYN_RET_ERR_MEMORY;
   state->input = input;
   if (!zyn_cg_is_fixed_point(graph)) return ZYN_RET_OK;
-  state->q_input = zyn_cg_get_q_from_list(graph, sources.producer);
-  state->q_output = zyn_cg_get_q_from_list(graph, node);
-  return zyn_cg_no_fixed_point();
+  if (state->type == ZYN_OP_MISH) return zyn_cg_no_fixed_point();
+  state->fixed_point = graph->fixed_point;
+  if (state->type == ZYN_OP_RELU || state->type == ZYN_OP_RELU6)
+    if (const int32_t code = zyn_cg_inherit_q(graph, node, sources.producer)) return code;
+  const bool listed = zyn_cg_read_q(graph, sources.producer, &state->q_input) &&
+                      zyn_cg_read_q(graph, node, &state->q_output);
+  return listed ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
 }
 
 int32_t zyn_cg_release_activation(void** record) {

@@ -4,6 +4,8 @@
 #include <math.h>
 
 #include "cg/cpu/kernels/zyn_cg_fpi_convert.h"
+#include "cg/cpu/kernels/zyn_fpi_lanes.h"
+#include "cg/cpu/kernels/zyn_fpi_ops.h"
 #include "cg/cpu/zyn_cg_operators.h"
 #include "cg/cpu/zyn_cg_support.h"
 
@@ -18,7 +20,9 @@ constexpr uint32_t kLeastOutputQ = 8;
 struct bn_state : zyn_cg_io_state {
   zyn_tensor* constant;   // the constant node's
   zyn_tensor* quantized;  // fixed point: its four arrays, each with a q of its own
-  uint32_t q_input, q_output, q_arrays[kArrays];
+  int32_t q_input;
+  uint32_t q_output, q_arrays[kArrays];
+  uint32_t fixed_point;
   uint32_t device_type;
   zyn_bn_param param;
 };
@@ -57,9 +61,40 @@ int32_t for_each_plane(bn_state* state, Normalize normalize) {
   return ZYN_RET_OK;
 }
 
+// What a channel's quantised statistics make of x: one multiplication and one addition,
+// the rounded constants of which are precise to 30 bits.
+bool scale_of(const bn_state* state, int64_t c, zyn_fpi_scale* scale) {
+  const int64_t channels = state->quantized->count / kArrays;
+  double values[kArrays];
+  for (int32_t k = 0; k < kArrays; k++)
+    values[k] = ldexp(zyn_fpi_words(state->quantized)[k * channels + c],
+                      -static_cast<int32_t>(state->q_arrays[k]));
+  const double factor = values[0] / sqrt(values[3] + static_cast<double>(state->param.epsilon));
+  return zyn_fpi_make_scale(scale, factor, values[1] - values[2] * factor, state->q_input,
+                            static_cast<int32_t>(state->q_output));
+}
+
+int32_t run_fixed(bn_state* state) {
+  const zyn_tensor* input = state->input;
+  zyn_tensor* output = state->output;
+  if (!zyn_cg_ready(input, output) || !state->quantized || !zyn_cg_same_dims(input, output) ||
+      state->quantized->count / kArrays != zyn_cg_channels(input))
+    return ZYN_RET_ERR_PARA;
+  const int64_t pixels = zyn_cg_pixels(input);
+  const int64_t channels = zyn_cg_channels(input);
+  for (int64_t plane = 0; plane < input->count / pixels; plane++) {
+    zyn_fpi_scale scale;
+    if (!scale_of(state, plane % channels, &scale)) return ZYN_RET_ERR_PARA;
+    zyn_fpi_apply_scale(zyn_fpi_words(output) + plane * pixels,
+                        zyn_fpi_words(input) + plane * pixels, pixels, scale);
+  }
+  return ZYN_RET_OK;
+}
+
 int32_t run_divide(void* record) {
   auto* state = static_cast<bn_state*>(record);
   if (state->device_type >= 1 && state->device_type <= 3) return ZYN_RET_OK;
+  if (state->fixed_point == 1) return run_fixed(state);
   const float epsilon = state->param.epsilon;
   return for_each_plane(
       state, [=](float* out, const float* in, int64_t pixels, const channel_stats& stats) {
@@ -89,9 +124,11 @@ int32_t run_reciprocal(void* record) {
 }
 
 // The 16-bit copy of the constant, the q of its arrays and the node's own q, which
-// later nodes read from the graph's list. There is no 16-bit run yet.
-int32_t prepare_fixed_point(zyn_cg_handle* graph, int32_t node, bn_state* state) {
-  if (state->type == ZYN_OP_BATCH_NORM_FAST) return ZYN_RET_ERR_NOT_SUPPORT;
+// later nodes read from the graph's list. 1: an array that fits no q, or statistics whose
+// quotient is no number of a usable size.
+int32_t prepare_fixed_point(zyn_cg_handle* graph, int32_t node, int32_t producer, bn_state* state) {
+  if (state->type == ZYN_OP_BATCH_NORM_FAST) return zyn_cg_no_fixed_point();
+  if (!zyn_cg_read_q(graph, producer, &state->q_input)) return ZYN_RET_ERR_PARA;
   const zyn_tensor* constant = state->constant;
   const int32_t code = zyn_cg_make_output(nullptr, &state->quantized, constant->dim_count,
                                           constant->dims, ZYN_TYPE_FPI16, &kOutputMemory);
@@ -109,7 +146,10 @@ int32_t prepare_fixed_point(zyn_cg_handle* graph, int32_t node, bn_state* state)
   const uint32_t least = gamma < variance ? gamma : variance;
   state->q_output = least > kLeastOutputQ ? least : kLeastOutputQ;
   graph->q_list[node] = state->q_output;
-  return zyn_cg_no_fixed_point();
+  zyn_fpi_scale scale;
+  for (int64_t c = 0; c < channels; c++)
+    if (!scale_of(state, c, &scale)) return ZYN_RET_ERR_PARA;
+  return ZYN_RET_OK;
 }
 
 }  // namespace
@@ -134,14 +174,14 @@ int32_t zyn_cg_prepare_bn(zyn_cg_handle* graph, int32_t node) {
     return ZYN_RET_ERR_PARA;
   state->constant = sources.constant;
   state->device_type = graph->device_type;
-  if (zyn_cg_is_fixed_point(graph))
-    state->q_input = zyn_cg_get_q_from_list(graph, sources.producer);
+  state->fixed_point = graph->fixed_point;
   const int32_t code =
       zyn_cg_make_output_like(graph, &state->output, sources.input, &kOutputMemory);
   if (code != ZYN_RET_OK) return code;
   state->output->layout = sources.input->layout;
   state->input = sources.input;
-  return zyn_cg_is_fixed_point(graph) ? prepare_fixed_point(graph, node, state) : ZYN_RET_OK;
+  if (!zyn_cg_is_fixed_point(graph)) return ZYN_RET_OK;
+  return prepare_fixed_point(graph, node, sources.producer, state);
 }
 
 int32_t zyn_cg_release_bn(void** record) {

@@ -2,6 +2,7 @@
 // and 5 (pointwise).
 #include "cg/cpu/zyn_cg_conv.h"
 
+#include "cg/cpu/kernels/zyn_cg_fpi_convert.h"
 #include "cg/cpu/zyn_cg_operators.h"
 
 namespace {
@@ -84,6 +85,8 @@ void release_workspace(zyn_cg_conv_state* state) {
   if (state->direct) zyn_cg_conv_release_direct(&state->direct);
   if (state->plan) zyn_cg_conv_release_planned(&state->plan);
   zyn_cg_drop(&state->folded);
+  zyn_fpi_drop_plan(&state->fixed);
+  zyn_cg_drop(&state->quantized);
 }
 
 // Makes the workspace of the node's method; 2 when it cannot be made.
@@ -98,11 +101,23 @@ int32_t make_workspace(zyn_cg_conv_state* state) {
   return made ? ZYN_RET_OK : ZYN_RET_ERR_MEMORY;
 }
 
+// The constant (or what became of it) in 16 bits with one q, and the kernel for it.
+int32_t make_fixed(zyn_cg_conv_state* state) {
+  uint32_t q = 0;
+  if (const int32_t code = zyn_cg_quantize(&state->quantized, state->weights, &q)) return code;
+  state->weight_q = static_cast<int32_t>(q);
+  return static_cast<int32_t>(
+      zyn_fpi_make_plan(&state->fixed, static_cast<const int16_t*>(state->quantized->data),
+                        &state->param, state->input_q + state->weight_q - state->output_q));
+}
+
 // Run functions of types 3, 4 and 5: bias where the record has it.
 template <bool KeepStandard>
 int32_t run_plain(void* record) {
   auto* state = static_cast<zyn_cg_conv_state*>(record);
   if (!state) return ZYN_RET_ERR_PARA;
+  if (state->fixed_point == 1)
+    return zyn_cg_conv_run_fixed(state, state->param.bias == 1, ZYN_ACT_BIAS);
   return zyn_cg_conv_run(state, {zyn_cg_conv_bias(state), ZYN_EPILOGUE_NONE}, KeepStandard);
 }
 
@@ -138,7 +153,9 @@ int32_t zyn_cg_conv_open(zyn_cg_handle* graph, int32_t node, zyn_cg_conv_state* 
   release_workspace(state);
   const zyn_cg_sources sources = zyn_cg_find_sources(graph, node);
   if (const int32_t code = zyn_cg_check_input(graph, sources.input)) return code;
-  if (zyn_cg_is_fixed_point(graph)) return zyn_cg_no_fixed_point();
+  if (zyn_cg_is_fixed_point(graph) && (!zyn_cg_read_q(graph, sources.producer, &state->input_q) ||
+                                       !zyn_cg_read_q(graph, node, &state->output_q)))
+    return ZYN_RET_ERR_PARA;
   const zyn_tensor* constant = sources.constant;
   int64_t needed = 0;
   if (!is_one_image(sources.input) || !constant || !constant->data ||
@@ -170,7 +187,7 @@ int32_t zyn_cg_conv_finish_prepare(zyn_cg_handle* graph, zyn_cg_conv_state* stat
     return code;
   }
   state->output->layout = input->layout;
-  return make_workspace(state);
+  return zyn_cg_is_fixed_point(graph) ? make_fixed(state) : make_workspace(state);
 }
 
 int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue,
@@ -199,6 +216,18 @@ int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilo
 const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state) {
   if (state->param.bias != 1 || !state->weights || !state->weights->data) return nullptr;
   return zyn_cg_floats(state->weights) + zyn_conv_weight_count(&state->param);
+}
+
+int32_t zyn_cg_conv_run_fixed(zyn_cg_conv_state* state, bool has_bias, int32_t code) {
+  zyn_tensor* output = state->output;
+  if (!zyn_cg_ready(state->input, output) || !state->fixed.weights) return ZYN_RET_ERR_PARA;
+  uint32_t status = zyn_fpi_run_plan(&state->fixed, output, state->input);
+  const int16_t* bias =
+      has_bias ? state->fixed.weights + zyn_conv_weight_count(&state->param) : nullptr;
+  const zyn_fpi_epilogue epilogue = {bias, code};
+  if (status == ZYN_RET_OK)
+    status = zyn_fpi_finish(output, state->output_q, state->weight_q, &epilogue);
+  return static_cast<int32_t>(status);
 }
 
 int32_t zyn_cg_conv_release(void** record) {

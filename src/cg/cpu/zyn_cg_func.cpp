@@ -2,6 +2,8 @@
 // broadcast form, and element-wise functions of one tensor (9). All carry the input's
 // channel order on where every element stays in its place; a broadcast, and inputs
 // that lie in different orders, are computed in planar order.
+#include "cg/cpu/kernels/zyn_fpi_lanes.h"
+#include "cg/cpu/kernels/zyn_fpi_ops.h"
 #include "cg/cpu/zyn_cg_operators.h"
 #include "cg/cpu/zyn_cg_power.h"
 #include "cg/cpu/zyn_cg_support.h"
@@ -16,7 +18,7 @@ constexpr zyn_site kJoinOutput{kPath, 236, ZYN_MSG_OPERATOR_MEMORY};
 // input is the first tensor, a; planar is b in planar order.
 struct join_state : zyn_cg_io_state {
   zyn_tensor* b;
-  uint32_t q_a, q_b, q_output;  // fixed point
+  int32_t q_a, q_b, q_output;  // fixed point
   uint32_t fixed_point;
   uint32_t device_type;
 };
@@ -25,11 +27,16 @@ struct func_state : zyn_cg_io_state {
   zyn_func_param param;
 };
 
+using fixed_join = void (*)(int16_t* out, int32_t q_out, const zyn_fpi_operand& a,
+                            const zyn_fpi_operand& b, int64_t count);
+
 struct add_op {
+  static constexpr fixed_join kFixed = zyn_fpi_add;
   __m256 operator()(__m256 a, __m256 b) const { return _mm256_add_ps(a, b); }
 };
 
 struct multiply_op {
+  static constexpr fixed_join kFixed = zyn_fpi_multiply;
   __m256 operator()(__m256 a, __m256 b) const { return _mm256_mul_ps(a, b); }
 };
 
@@ -39,6 +46,11 @@ int32_t join_elements(join_state* state, Op op) {
   const zyn_tensor* a = state->input;
   const zyn_tensor* b = state->b;
   zyn_tensor* output = state->output;
+  if (state->fixed_point == 1) {
+    Op::kFixed(zyn_fpi_words(output), state->q_output, {zyn_fpi_words(a), state->q_a, false},
+               {zyn_fpi_words(b), state->q_b, false}, output->count);
+    return ZYN_RET_OK;
+  }
   const uint32_t order = zyn_cg_order(a);
   const bool in_place = order == ZYN_LAYOUT_PLANAR || zyn_cg_same_dims(a, b);
   if (order == zyn_cg_order(b) && in_place) {
@@ -58,6 +70,15 @@ int32_t join_elements(join_state* state, Op op) {
 template <typename Op>
 int32_t join_channels(join_state* state, const zyn_tensor* data, const zyn_tensor* values, Op op) {
   zyn_tensor* output = state->output;
+  if (state->fixed_point == 1) {
+    const bool swapped = values == state->input;
+    const int64_t plane = zyn_cg_pixels(data);
+    for (int64_t c = 0; c < zyn_cg_channels(data); c++)
+      Op::kFixed(zyn_fpi_words(output) + c * plane, state->q_output,
+                 {zyn_fpi_words(data) + c * plane, swapped ? state->q_b : state->q_a, false},
+                 {zyn_fpi_words(values) + c, swapped ? state->q_a : state->q_b, true}, plane);
+    return ZYN_RET_OK;
+  }
   values = zyn_cg_planar(values, &state->planar);
   if (!values) return ZYN_RET_ERR_MEMORY;
   const float* source = zyn_cg_floats(data);
@@ -108,6 +129,14 @@ int32_t run_multiply(void* record) {
     return zyn_cg_same_dims(a, b) ? join_elements(state, multiply_op()) : ZYN_RET_ERR_PARA;
   if (data->dim_count > 3 || values->count != zyn_cg_channels(data)) return ZYN_RET_ERR_PARA;
   return join_channels(state, data, values, multiply_op());
+}
+
+// The three q of a node; false where one is missing, or where a product has fewer
+// fraction bits than its result shall have.
+bool read_join_q(const zyn_cg_handle* graph, int32_t node, const int32_t* ids, join_state* state) {
+  return zyn_cg_read_q(graph, ids[0], &state->q_a) && zyn_cg_read_q(graph, ids[1], &state->q_b) &&
+         zyn_cg_read_q(graph, node, &state->q_output) &&
+         (state->type != ZYN_OP_MULTIPLY || state->q_a + state->q_b >= state->q_output);
 }
 
 // One function over a whole tensor.
@@ -189,18 +218,15 @@ int32_t zyn_cg_prepare_join(zyn_cg_handle* graph, int32_t node) {
   if (zyn_cg_check_input(graph, a) || zyn_cg_check_input(graph, b)) return ZYN_RET_ERR_PARA;
   state->fixed_point = graph->fixed_point;
   state->device_type = graph->device_type;
-  if (zyn_cg_is_fixed_point(graph)) {
-    state->q_a = zyn_cg_get_q_from_list(graph, ids[0]);
-    state->q_b = zyn_cg_get_q_from_list(graph, ids[1]);
-    state->q_output = zyn_cg_get_q_from_list(graph, node);
-  }
+  if (zyn_cg_is_fixed_point(graph) && !read_join_q(graph, node, ids, state))
+    return ZYN_RET_ERR_PARA;
   const zyn_tensor* shape = has_one_pixel(a) ? b : a;
   const int32_t code = zyn_cg_make_output_like(graph, &state->output, shape, &kJoinOutput);
   if (code != ZYN_RET_OK) return code;
   state->output->layout = shape->layout;
   state->input = a;
   state->b = b;
-  return zyn_cg_is_fixed_point(graph) ? zyn_cg_no_fixed_point() : ZYN_RET_OK;
+  return ZYN_RET_OK;
 }
 
 int32_t zyn_cg_bind_func(zyn_cg_handle* graph, int32_t node, const void* param) {

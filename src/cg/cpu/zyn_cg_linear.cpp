@@ -1,6 +1,7 @@
 // The dense layer (25): output = input * transposed weights, by the matrix product on
 // views of the tensors, then the bias.
-#include "cg/cpu/kernels/zyn_cg_fpi_convert.h"
+#include "cg/cpu/kernels/zyn_fpi_lanes.h"
+#include "cg/cpu/kernels/zyn_fpi_ops.h"
 #include "cg/cpu/zyn_cg_operators.h"
 #include "cg/cpu/zyn_cg_support.h"
 #include "matrix/zyn_matrix_ops.h"
@@ -17,7 +18,8 @@ struct linear_state {
   zyn_tensor* output;
   zyn_tensor* weights;    // the constant's own
   zyn_tensor* quantized;  // fixed point: its 16-bit copy
-  uint32_t q_input, q_weights, q_output;
+  int32_t q_input, q_output;
+  uint32_t q_weights;
   uint32_t fixed_point;
   zyn_linear_param param;
   uint32_t device_type;
@@ -50,10 +52,32 @@ void add_bias(zyn_tensor* output, const zyn_tensor* constant, const zyn_linear_p
   for (int64_t j = 0; j < param.out_features; j++) out[j] += bias[j];
 }
 
+// Row by row; on purpose the bias reaches the first row only, as in float.
+int32_t run_fixed(linear_state* state) {
+  const zyn_tensor* input = state->input;
+  zyn_tensor* output = state->output;
+  if (!zyn_cg_ready(input, output) || !state->quantized || input->dim_count != 2 ||
+      input->dims[1] != output->dims[1] || !constant_reaches(state->quantized, input, state->param))
+    return ZYN_RET_ERR_PARA;
+  const int64_t features = input->dims[0], units = output->dims[0];
+  const int32_t q_weights = static_cast<int32_t>(state->q_weights);
+  const int16_t* weights = zyn_fpi_words(state->quantized);
+  int16_t* out = zyn_fpi_words(output);
+  for (int64_t row = 0; row < input->dims[1]; row++)
+    zyn_fpi_linear(out + row * units, units, zyn_fpi_words(input) + row * features, weights,
+                   features, state->q_input + q_weights - state->q_output);
+  if (state->param.bias != 1) return ZYN_RET_OK;
+  const int16_t* bias = weights + static_cast<int64_t>(state->param.out_features) *
+                                      static_cast<int64_t>(state->param.in_features);
+  zyn_fpi_add(out, state->q_output, {out, state->q_output, false}, {bias, q_weights, false}, units);
+  return ZYN_RET_OK;
+}
+
 int32_t run_linear(void* record) {
   auto* state = static_cast<linear_state*>(record);
   if (!state) return ZYN_RET_ERR_PARA;
   if (state->device_type >= 1 && state->device_type <= 3) return ZYN_RET_OK;
+  if (state->fixed_point == 1) return run_fixed(state);
   const zyn_tensor* input = state->input;
   const zyn_tensor* weights = state->weights;
   zyn_tensor* output = state->output;
@@ -79,23 +103,24 @@ int32_t run_linear(void* record) {
   return ZYN_RET_OK;
 }
 
-// The 16-bit copy of the constant with its q. There is no 16-bit run yet.
-int32_t prepare_fixed_point(zyn_cg_handle* graph, int32_t node, linear_state* state) {
-  const zyn_tensor* constant = state->weights;
-  const int32_t code = zyn_cg_make_output(nullptr, &state->quantized, constant->dim_count,
-                                          constant->dims, ZYN_TYPE_FPI16, nullptr);
-  if (code != ZYN_RET_OK) return code;
-  state->q_output = zyn_cg_get_q_from_list(graph, node);
-  uint32_t* q = &state->q_weights;
-  if (zyn_cg_fpi_choose_fraction_bits(q, constant, 0, constant->count) != ZYN_RET_OK ||
-      zyn_cg_fpi_quantize_range(state->quantized, constant, 0, constant->count, *q) != ZYN_RET_OK)
+// The 16-bit copy of the constant with its q. 1: no q fits, or input and weights have
+// fewer fraction bits together than the output.
+int32_t prepare_fixed_point(zyn_cg_handle* graph, int32_t node, int32_t producer,
+                            linear_state* state) {
+  if (!zyn_cg_read_q(graph, producer, &state->q_input) ||
+      !zyn_cg_read_q(graph, node, &state->q_output))
     return ZYN_RET_ERR_PARA;
-  return zyn_cg_no_fixed_point();
+  if (const int32_t code = zyn_cg_quantize(&state->quantized, state->weights, &state->q_weights))
+    return code;
+  const bool enough = state->q_input + static_cast<int32_t>(state->q_weights) >= state->q_output;
+  return enough ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
 }
 
-// Float and double graphs: one type on both sides. Fixed point: floats and a Q list.
+// Float and double graphs: one type on both sides. Fixed point: 16-bit input, floats as
+// constant, and a Q list.
 bool types_fit(const zyn_cg_handle* graph, const zyn_tensor* input, const zyn_tensor* constant) {
-  if (zyn_cg_is_fixed_point(graph)) return graph->q_list && constant->type == ZYN_TYPE_F32;
+  if (zyn_cg_is_fixed_point(graph))
+    return zyn_cg_check_input(graph, input) == ZYN_RET_OK && constant->type == ZYN_TYPE_F32;
   return input->type == constant->type &&
          (input->type == ZYN_TYPE_F32 || input->type == ZYN_TYPE_F64);
 }
@@ -125,11 +150,10 @@ int32_t zyn_cg_prepare_linear(zyn_cg_handle* graph, int32_t node) {
   const int32_t pixel[3] = {1, 1, features};
   const int32_t code = zyn_cg_make_output(graph, &state->output, as_pixel ? 3 : 2,
                                           as_pixel ? pixel : rows, input->type, &kOutputMemory);
-  if (zyn_cg_is_fixed_point(graph))
-    state->q_input = zyn_cg_get_q_from_list(graph, sources.producer);
   if (code != ZYN_RET_OK) return code;
   state->input = input;
-  return zyn_cg_is_fixed_point(graph) ? prepare_fixed_point(graph, node, state) : ZYN_RET_OK;
+  if (!zyn_cg_is_fixed_point(graph)) return ZYN_RET_OK;
+  return prepare_fixed_point(graph, node, sources.producer, state);
 }
 
 int32_t zyn_cg_release_linear(void** record) {

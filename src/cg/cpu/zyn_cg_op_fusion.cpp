@@ -14,6 +14,7 @@ constexpr zyn_site kOutputMemory{kPath, 352, ZYN_MSG_OPERATOR_MEMORY};
 constexpr zyn_site kFoldedMemory{kPath, 371, ZYN_MSG_OPERATOR_MEMORY};
 
 constexpr float kDefaultEpsilon = 1e-5f;
+constexpr int32_t kFixedRelu6 = 3;  // activation code that only fixed point serves
 constexpr int64_t kStatistics = 4;  // scale, shift, mean, variance
 
 // What follows the convolution, by activation code: codes outside the table leave the
@@ -34,10 +35,17 @@ zyn_conv_epilogue epilogue_of(int32_t code, const float* bias, bool hard_sigmoid
   }
 }
 
+// In fixed point code 3 is ReLU6; other codes outside the table drop the bias there too.
+int32_t run_fixed(zyn_cg_conv_state* state, bool has_bias, int32_t code) {
+  const bool listed = code >= ZYN_ACT_BIAS && code <= kFixedRelu6;
+  return zyn_cg_conv_run_fixed(state, has_bias && listed, code);
+}
+
 int32_t run_conv_act(void* record) {
   auto* state = static_cast<zyn_cg_conv_state*>(record);
   if (!state) return ZYN_RET_ERR_PARA;
   const int32_t code = state->param.word14.activation;
+  if (state->fixed_point == 1) return run_fixed(state, state->param.bias == 1, code);
   return zyn_cg_conv_run(state, epilogue_of(code, zyn_cg_conv_bias(state), false), false);
 }
 
@@ -45,6 +53,7 @@ int32_t run_conv_act(void* record) {
 int32_t run_conv_bn(void* record) {
   auto* state = static_cast<zyn_cg_conv_state*>(record);
   if (!state || !state->folded) return ZYN_RET_ERR_PARA;
+  if (state->fixed_point == 1) return run_fixed(state, true, state->param.activation);
   const float* bias = zyn_cg_floats(state->folded) + zyn_conv_weight_count(&state->param);
   return zyn_cg_conv_run(state, epilogue_of(state->param.activation, bias, state->method == 2),
                          false);

@@ -7,6 +7,8 @@
 // then along the row of column results.
 #include <float.h>
 
+#include "cg/cpu/kernels/zyn_fpi_lanes.h"
+#include "cg/cpu/kernels/zyn_fpi_ops.h"
 #include "cg/cpu/zyn_cg_operators.h"
 #include "cg/cpu/zyn_cg_support.h"
 
@@ -20,7 +22,8 @@ constexpr int64_t kStretch = 512;  // column results kept on the stack
 
 struct pool_state : zyn_cg_io_state {
   zyn_pool_param param;
-  uint32_t q_input, q_output;  // fixed point
+  int32_t q_input, q_output;  // fixed point
+  uint32_t fixed_point;
   uint32_t device_type;
 };
 
@@ -156,12 +159,37 @@ int32_t pool(pool_state* state) {
   return ZYN_RET_OK;
 }
 
-int32_t run_max(void* record) { return pool<max_window>(static_cast<pool_state*>(record)); }
+// Both poolings on 16-bit data.
+int32_t pool_fixed(pool_state* state) {
+  const zyn_tensor* input = state->input;
+  zyn_tensor* output = state->output;
+  if (!zyn_cg_ready(input, output) || zyn_cg_channels(input) != zyn_cg_channels(output) ||
+      input->count / zyn_cg_pixels(input) != output->count / zyn_cg_pixels(output))
+    return ZYN_RET_ERR_PARA;
+  const zyn_fpi_pool shape = {zyn_cg_width(input), zyn_cg_height(input), zyn_cg_width(output),
+                              zyn_cg_height(output), state->param.kernel_h};
+  const int16_t* in = zyn_fpi_words(input);
+  int16_t* out = zyn_fpi_words(output);
+  for (int64_t plane = 0; plane < input->count / zyn_cg_pixels(input); plane++) {
+    if (state->type == ZYN_OP_MAX_POOL)
+      zyn_fpi_max_pool(out, in, shape);
+    else
+      zyn_fpi_average_pool(out, state->q_output, in, state->q_input, shape);
+    in += zyn_cg_pixels(input);
+    out += zyn_cg_pixels(output);
+  }
+  return ZYN_RET_OK;
+}
+
+int32_t run_max(void* record) {
+  auto* state = static_cast<pool_state*>(record);
+  return state->fixed_point == 1 ? pool_fixed(state) : pool<max_window>(state);
+}
 
 int32_t run_average(void* record) {
   auto* state = static_cast<pool_state*>(record);
   if (state->device_type >= 1 && state->device_type <= 3) return ZYN_RET_OK;
-  return pool<average_window>(state);
+  return state->fixed_point == 1 ? pool_fixed(state) : pool<average_window>(state);
 }
 
 // Input and output; device is null where the output has data on every device.
@@ -184,9 +212,12 @@ int32_t prepare_pool(zyn_cg_handle* graph, int32_t node, const zyn_cg_handle* de
   state->output->layout = input->layout;
   state->device_type = graph->device_type;
   if (!zyn_cg_is_fixed_point(graph)) return ZYN_RET_OK;
-  state->q_input = zyn_cg_get_q_from_list(graph, producer);
-  state->q_output = zyn_cg_get_q_from_list(graph, node);
-  return zyn_cg_no_fixed_point();
+  state->fixed_point = graph->fixed_point;
+  if (state->type == ZYN_OP_MAX_POOL)
+    if (const int32_t q_code = zyn_cg_inherit_q(graph, node, producer)) return q_code;
+  const bool listed = zyn_cg_read_q(graph, producer, &state->q_input) &&
+                      zyn_cg_read_q(graph, node, &state->q_output);
+  return listed ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // Inputs, outputs and release, as every operator family needs them.
 #include "cg/cpu/zyn_cg_support.h"
 
+#include "cg/cpu/kernels/zyn_cg_fpi_convert.h"
+
 zyn_tensor* zyn_cg_input_tensor(zyn_cg_handle* graph, int32_t producer) {
   const int32_t type = zyn_cg_node_type(graph, producer);
   return type == ZYN_OP_CONSTANT ? nullptr : zyn_cg_producer_tensor(graph, producer);
@@ -32,6 +34,30 @@ int32_t zyn_cg_only_input(zyn_cg_handle* graph, int32_t node, zyn_tensor** input
   if (code != ZYN_RET_OK) return code;
   *input = sources.input;
   if (producer) *producer = sources.producer;
+  return ZYN_RET_OK;
+}
+
+bool zyn_cg_read_q(const zyn_cg_handle* graph, int32_t node, int32_t* q) {
+  const uint32_t listed = zyn_cg_get_q_from_list(graph, node);
+  *q = static_cast<int32_t>(listed);
+  return listed <= 15;
+}
+
+int32_t zyn_cg_inherit_q(zyn_cg_handle* graph, int32_t node, int32_t producer) {
+  if (!zyn_cg_is_fixed_point(graph)) return ZYN_RET_OK;
+  int32_t q = 0;
+  if (!zyn_cg_read_q(graph, producer, &q)) return ZYN_RET_ERR_PARA;
+  graph->q_list[node] = static_cast<uint32_t>(q);
+  return ZYN_RET_OK;
+}
+
+int32_t zyn_cg_quantize(zyn_tensor** quantized, const zyn_tensor* constant, uint32_t* q) {
+  const int32_t code = zyn_cg_make_output(nullptr, quantized, constant->dim_count, constant->dims,
+                                          ZYN_TYPE_FPI16, nullptr);
+  if (code != ZYN_RET_OK) return code;
+  if (zyn_cg_fpi_choose_fraction_bits(q, constant, 0, constant->count) != ZYN_RET_OK ||
+      zyn_cg_fpi_quantize_range(*quantized, constant, 0, constant->count, *q) != ZYN_RET_OK)
+    return ZYN_RET_ERR_PARA;
   return ZYN_RET_OK;
 }
 

@@ -66,19 +66,31 @@ zyn_cg_sources zyn_cg_find_sources(zyn_cg_handle* graph, int32_t node);
 zyn_tensor* zyn_cg_input_tensor(zyn_cg_handle* graph, int32_t producer);
 
 // The input of a node that may have one predecessor, kept in *input. 1: more than one,
-// or no tensor, or one that is not of floats (float graphs only), or no Q list (fixed
+// or no tensor, or one of another type than the graph computes in, or no Q list (fixed
 // point only); *producer receives the predecessor's id where it is not null.
 int32_t zyn_cg_only_input(zyn_cg_handle* graph, int32_t node, zyn_tensor** input,
                           int32_t* producer);
 
-// 1 unless the graph can run operators of float tensors or has the Q list that fixed
-// point needs.
+// 1 unless the input is of the type that the graph computes in: floats, or 16-bit fixed
+// point and there is a Q list.
 inline int32_t zyn_cg_check_input(const zyn_cg_handle* graph, const zyn_tensor* input) {
   if (!input) return ZYN_RET_ERR_PARA;
-  const bool usable =
-      zyn_cg_is_fixed_point(graph) ? graph->q_list != nullptr : input->type == ZYN_TYPE_F32;
+  const bool usable = zyn_cg_is_fixed_point(graph) ? graph->q_list && input->type == ZYN_TYPE_FPI16
+                                                   : input->type == ZYN_TYPE_F32;
   return usable ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
 }
+
+// The Q list's entry of a node; false unless it is 0 to 15, the fraction bits that 16-bit
+// values can have.
+bool zyn_cg_read_q(const zyn_cg_handle* graph, int32_t node, int32_t* q);
+
+// In a fixed-point graph: a node that only selects or moves values takes its input's q,
+// which is written into the list for the nodes behind it. 1 where that is no q.
+int32_t zyn_cg_inherit_q(zyn_cg_handle* graph, int32_t node, int32_t producer);
+
+// The 16-bit copy of a constant of floats, made again each time, and its one q. 1: no q
+// fits; 2: no memory.
+int32_t zyn_cg_quantize(zyn_tensor** quantized, const zyn_tensor* constant, uint32_t* q);
 
 // Gives a node its output: an existing tensor of the same shape stays, so that nodes
 // prepared before keep a valid pointer. 2 without memory or for an extent below 1,

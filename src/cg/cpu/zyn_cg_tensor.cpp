@@ -1,6 +1,8 @@
 // Operators that move data: reshape (32), concatenation (33), channel slice (34) and
 // channel gather (35). All write planar order; a blocked input is brought to it on the
 // way. Elements are moved as they are, whatever their type.
+#include "cg/cpu/kernels/zyn_fpi_lanes.h"
+#include "cg/cpu/kernels/zyn_fpi_ops.h"
 #include "cg/cpu/zyn_cg_operators.h"
 #include "cg/cpu/zyn_cg_support.h"
 
@@ -11,7 +13,7 @@ constexpr zyn_site kSliceOutput{kPath, 750, ZYN_MSG_OPERATOR_MEMORY};
 constexpr zyn_site kConcatOutput{kPath, 982, ZYN_MSG_OPERATOR_MEMORY};
 
 constexpr int32_t kMaxDims = 5;
-constexpr uint32_t kWidestQ = 15;
+constexpr int32_t kWidestQ = 15;
 
 struct reshape_state : zyn_cg_io_state {
   uint32_t fixed_point;
@@ -23,8 +25,8 @@ struct concat_state {
   uint32_t type;
   zyn_tensor** inputs;  // in list order
   zyn_tensor* output;
-  uint32_t* q_inputs;  // fixed point
-  uint32_t q_output;
+  int32_t* q_inputs;  // fixed point
+  int32_t q_output;
   int32_t* nodes;  // the list: ids of the inputs
   int32_t count;
   int32_t axis;
@@ -88,6 +90,17 @@ bool inputs_fit(const concat_state* state) {
   return sum == output->dims[state->axis];
 }
 
+// Writes a tensor's values with another q, its rows and planes at the output's distances.
+void rescale_block(void* to, int64_t row_pitch, int64_t plane_pitch, const zyn_tensor* from,
+                   int32_t q_from, int32_t q_to) {
+  const int64_t width = zyn_cg_width(from);
+  const int16_t* in = zyn_fpi_words(from);
+  for (int64_t c = 0; c < zyn_cg_channels(from); c++)
+    for (int64_t y = 0; y < zyn_cg_height(from); y++, in += width)
+      zyn_fpi_rescale(static_cast<int16_t*>(to) + c * plane_pitch + y * row_pitch, q_to, in, q_from,
+                      width);
+}
+
 // Every input becomes a sub-block of the output: its rows and planes keep the output's
 // distances, and it begins where the inputs before it end along the axis.
 int32_t run_concat(void* record) {
@@ -100,7 +113,10 @@ int32_t run_concat(void* record) {
   const int64_t pitch = state->axis == 0 ? 1 : state->axis == 1 ? row : plane;
   auto* out = static_cast<uint8_t*>(output->data);
   for (int32_t j = 0; j < state->count; j++) {
-    zyn_cg_copy_planar(out, row, plane, state->inputs[j]);
+    if (state->fixed_point == 1)
+      rescale_block(out, row, plane, state->inputs[j], state->q_inputs[j], state->q_output);
+    else
+      zyn_cg_copy_planar(out, row, plane, state->inputs[j]);
     out += state->inputs[j]->dims[state->axis] * pitch * output->element_size;
   }
   output->layout = ZYN_LAYOUT_PLANAR;
@@ -158,13 +174,13 @@ int32_t make_channels(zyn_cg_io_state* io, int64_t channels) {
   return code;
 }
 
-// The input of a node that moves data of any type.
+// The input of a node that moves data of any type; in fixed point of 16 bits.
 int32_t moved_input(zyn_cg_handle* graph, int32_t node, zyn_tensor** input, int32_t* producer) {
   const zyn_cg_sources sources = zyn_cg_find_sources(graph, node);
   *input = sources.count > 1 ? nullptr : sources.input;
-  if (producer) *producer = sources.producer;
-  const bool listed = !zyn_cg_is_fixed_point(graph) || graph->q_list;
-  return *input && listed ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
+  *producer = sources.producer;
+  if (!*input) return ZYN_RET_ERR_PARA;
+  return zyn_cg_is_fixed_point(graph) ? zyn_cg_check_input(graph, *input) : ZYN_RET_OK;
 }
 
 bool contains(const int32_t* ids, int64_t count, int32_t id) {
@@ -204,15 +220,15 @@ int32_t make_concat_output(zyn_cg_handle* graph, concat_state* state) {
 }
 
 // The node's q is the smallest of its inputs', which later nodes read from the graph's
-// list. There is no 16-bit run yet.
+// list.
 int32_t prepare_concat_fixed_point(zyn_cg_handle* graph, int32_t node, concat_state* state) {
   state->q_output = kWidestQ;
   for (int32_t j = 0; j < state->count; j++) {
-    state->q_inputs[j] = zyn_cg_get_q_from_list(graph, state->nodes[j]);
+    if (!zyn_cg_read_q(graph, state->nodes[j], &state->q_inputs[j])) return ZYN_RET_ERR_PARA;
     if (state->q_inputs[j] < state->q_output) state->q_output = state->q_inputs[j];
-    graph->q_list[node] = state->q_output;
+    graph->q_list[node] = static_cast<uint32_t>(state->q_output);
   }
-  return zyn_cg_no_fixed_point();
+  return ZYN_RET_OK;
 }
 
 template <typename T>
@@ -242,7 +258,8 @@ int32_t zyn_cg_prepare_reshape(zyn_cg_handle* graph, int32_t node) {
   state->input = nullptr;
   int32_t code = moved_input(graph, node, &input, &producer);
   if (code != ZYN_RET_OK) return code;
-  if (zyn_cg_is_fixed_point(graph)) graph->q_list[node] = zyn_cg_get_q_from_list(graph, producer);
+  code = zyn_cg_inherit_q(graph, node, producer);
+  if (code != ZYN_RET_OK) return code;
   state->device_type = graph->device_type;
   int32_t dims[kMaxDims] = {};
   if (!resolve_extents(state->param, input->count, dims)) return ZYN_RET_ERR_PARA;
@@ -281,10 +298,11 @@ int32_t zyn_cg_prepare_concat(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<concat_state>(graph, node);
   if (!state || !list_matches(state, zyn_cg_inputs(graph, node))) return ZYN_RET_ERR_PARA;
   const bool fixed_point = zyn_cg_is_fixed_point(graph);
-  if (fixed_point && !graph->q_list) return ZYN_RET_ERR_PARA;
   for (int32_t j = 0; j < state->count; j++) {
     state->inputs[j] = zyn_cg_input_tensor(graph, state->nodes[j]);
     if (!state->inputs[j]) return ZYN_RET_ERR_MEMORY;  // On purpose not 1.
+    if (fixed_point && zyn_cg_check_input(graph, state->inputs[j]) != ZYN_RET_OK)
+      return ZYN_RET_ERR_PARA;
   }
   if (state->axis < 0 || state->axis >= state->inputs[0]->dim_count) return ZYN_RET_ERR_PARA;
   for (int32_t j = 1; j < state->count; j++)
@@ -293,7 +311,7 @@ int32_t zyn_cg_prepare_concat(zyn_cg_handle* graph, int32_t node) {
   state->device_type = graph->device_type;
   const int32_t code = make_concat_output(graph, state);
   if (code != ZYN_RET_OK || !fixed_point) return code;
-  if (!state->q_inputs) state->q_inputs = make_array<uint32_t>(state->count);
+  if (!state->q_inputs) state->q_inputs = make_array<int32_t>(state->count);
   return state->q_inputs ? prepare_concat_fixed_point(graph, node, state) : ZYN_RET_ERR_MEMORY;
 }
 
@@ -322,7 +340,9 @@ int32_t zyn_cg_prepare_slice(zyn_cg_handle* graph, int32_t node) {
   if (!state) return ZYN_RET_ERR_PARA;
   zyn_tensor* input = nullptr;
   state->input = nullptr;
-  const int32_t code = moved_input(graph, node, &input, nullptr);
+  int32_t producer = -1;
+  int32_t code = moved_input(graph, node, &input, &producer);
+  if (code == ZYN_RET_OK) code = zyn_cg_inherit_q(graph, node, producer);
   if (code != ZYN_RET_OK) return code;
   const zyn_slice_param& param = state->param;
   const int64_t channels = input->dims[2];
@@ -358,12 +378,12 @@ int32_t zyn_cg_prepare_gather(zyn_cg_handle* graph, int32_t node) {
   zyn_tensor* input = nullptr;
   state->input = nullptr;
   int32_t producer = -1;
-  const int32_t code = moved_input(graph, node, &input, &producer);
+  int32_t code = moved_input(graph, node, &input, &producer);
+  if (code == ZYN_RET_OK) code = zyn_cg_inherit_q(graph, node, producer);
   if (code != ZYN_RET_OK) return code;
   if (input->dim_count < 3) return ZYN_RET_ERR_PARA;
   for (int32_t i = 0; i < state->count; i++)
     if (state->channels[i] < 0 || state->channels[i] >= input->dims[2]) return ZYN_RET_ERR_PARA;
-  if (zyn_cg_is_fixed_point(graph)) graph->q_list[node] = zyn_cg_get_q_from_list(graph, producer);
   state->input = input;
   return make_channels(state, state->count);
 }

@@ -1,0 +1,146 @@
+// Choice of the fixed-point kernel, and the kernels for every other shape: per output row
+// and input channel one row of 32-bit sums.
+#include "base/zyn_memory.h"
+#include "cg/cpu/kernels/zyn_cg_kernels.h"
+#include "cg/cpu/kernels/zyn_fpi.h"
+#include "cg/cpu/kernels/zyn_fpi_lanes.h"
+
+namespace {
+
+bool is_kernel(const zyn_conv_param& p, int32_t size) {
+  return p.kernel_h == size && p.kernel_w == size && p.dilation_h == 1 && p.dilation_w == 1;
+}
+
+bool has_stride(const zyn_conv_param& p, int32_t stride) {
+  return p.stride_h == stride && p.stride_w == stride;
+}
+
+zyn_fpi_kind choose(const zyn_conv_param& p) {
+  const bool is_3x3 = is_kernel(p, 3) && (has_stride(p, 1) || has_stride(p, 2));
+  const bool unpadded = p.pad_h == 0 && p.pad_w == 0 && has_stride(p, 1);
+  if (p.groups == 1) {
+    if (p.kernel_h == 1 && p.kernel_w == 1) return unpadded ? ZYN_FPI_POINTWISE : ZYN_FPI_DENSE_ANY;
+    if (is_3x3) return ZYN_FPI_DENSE_3X3;
+    // On purpose the one other size with a kernel of its own.
+    return is_kernel(p, 6) && unpadded ? ZYN_FPI_DENSE_6X6 : ZYN_FPI_DENSE_ANY;
+  }
+  if (!zyn_conv_is_depthwise(&p)) return ZYN_FPI_NONE;
+  return is_3x3 ? ZYN_FPI_DEPTHWISE_3X3 : ZYN_FPI_DEPTHWISE_ANY;
+}
+
+// The outputs x of a row whose input x * stride + offset lies in 0 to width - 1.
+struct span {
+  int64_t first, end;
+};
+
+span inside(int64_t offset, int64_t stride, int64_t width, int64_t count) {
+  const int64_t first = offset < 0 ? (-offset + stride - 1) / stride : 0;
+  const int64_t end = offset < width ? (width - 1 - offset) / stride + 1 : 0;
+  return {first, end < count ? end : count};
+}
+
+// sums[x] += weight * in[x * stride + offset] where that input exists.
+void add_tap(uint32_t* sums, int64_t count, const int16_t* in, int64_t width, int64_t offset,
+             int64_t stride, int32_t weight) {
+  const span s = inside(offset, stride, width, count);
+  if (stride == 1)  // a loop of its own, which runs in vectors
+    for (int64_t x = s.first; x < s.end; x++)
+      sums[x] += static_cast<uint32_t>(in[x + offset] * weight);
+  else
+    for (int64_t x = s.first; x < s.end; x++)
+      sums[x] += static_cast<uint32_t>(in[x * stride + offset] * weight);
+}
+
+// One row of sums of one input plane under one kernel.
+void sum_row(uint32_t* sums, int64_t count, const int16_t* plane, int64_t width, int64_t height,
+             int64_t y, const int16_t* weights, const zyn_conv_param& p) {
+  memset(sums, 0, static_cast<size_t>(count) * sizeof(uint32_t));
+  for (int64_t ky = 0; ky < p.kernel_w; ky++) {
+    const int64_t row = y * p.stride_w - p.pad_w + ky * p.dilation_w;
+    if (row < 0 || row >= height) continue;
+    for (int64_t kx = 0; kx < p.kernel_h; kx++)
+      add_tap(sums, count, plane + row * width, width, kx * p.dilation_h - p.pad_h, p.stride_h,
+              weights[ky * p.kernel_h + kx]);
+  }
+}
+
+}  // namespace
+
+uint32_t zyn_fpi_run_any(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input) {
+  const zyn_conv_param& p = plan->param;
+  const int64_t width = input->dims[0], height = input->dims[1];
+  const int64_t out_width = output->dims[0], out_height = output->dims[1];
+  const bool depthwise = plan->kind == ZYN_FPI_DEPTHWISE_ANY;
+  const int64_t inputs = depthwise ? 1 : p.in_channels;
+  const int64_t taps = static_cast<int64_t>(p.kernel_h) * p.kernel_w;
+  zyn_scratch<uint32_t> sums(out_width);
+  if (!sums) return ZYN_RET_ERR_MEMORY;
+  memset(output->data, 0, static_cast<size_t>(output->byte_size));
+  int16_t* out = zyn_fpi_words(output);
+  for (int64_t o = 0; o < p.out_channels; o++)
+    for (int64_t y = 0; y < out_height; y++, out += out_width)
+      for (int64_t i = 0; i < inputs; i++) {
+        const int64_t channel = depthwise ? o : i;
+        sum_row(sums.get(), out_width, zyn_fpi_words(input) + channel * width * height, width,
+                height, y, plan->weights + (o * inputs + i) * taps, p);
+        for (int64_t x = 0; x < out_width; x++)
+          out[x] = zyn_fpi_add1(out[x], zyn_fpi_narrow1(sums[x], plan->shift));
+      }
+  return ZYN_RET_OK;
+}
+
+uint32_t zyn_fpi_make_plan(zyn_fpi_plan* plan, const int16_t* weights, const zyn_conv_param* param,
+                           int32_t shift) {
+  if (shift < 0 || shift > 31) return ZYN_RET_ERR_PARA;
+  zyn_fpi_drop_plan(plan);
+  *plan = {choose(*param), shift, *param, weights, nullptr};
+  const bool is_1x1 = plan->kind == ZYN_FPI_POINTWISE;
+  if (!is_1x1 && plan->kind != ZYN_FPI_DENSE_3X3) return ZYN_RET_OK;
+  const int64_t words = is_1x1 ? zyn_fpi_packed_1x1(param) : zyn_fpi_packed_3x3(param);
+  plan->packed = static_cast<int32_t*>(zyn_malloc(words * static_cast<int64_t>(sizeof(int32_t))));
+  if (!plan->packed) {
+    *plan = {};
+    return ZYN_RET_ERR_MEMORY;
+  }
+  is_1x1 ? zyn_fpi_pack_1x1(plan) : zyn_fpi_pack_3x3(plan);
+  return ZYN_RET_OK;
+}
+
+void zyn_fpi_drop_plan(zyn_fpi_plan* plan) {
+  zyn_free(plan->packed);
+  *plan = {};
+}
+
+uint32_t zyn_fpi_run_plan(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input) {
+  if (!plan || !plan->weights || !output || !input || !output->data || !input->data ||
+      output->dims[2] != plan->param.out_channels || input->dims[2] != plan->param.in_channels)
+    return ZYN_RET_ERR_PARA;
+  switch (plan->kind) {
+    case ZYN_FPI_POINTWISE:
+      return zyn_fpi_run_1x1(plan, output, input);
+    case ZYN_FPI_DENSE_3X3:
+      return zyn_fpi_run_3x3(plan, output, input);
+    case ZYN_FPI_DENSE_6X6:
+      return zyn_fpi_run_6x6(plan, output, input);
+    case ZYN_FPI_DEPTHWISE_3X3:
+      return zyn_fpi_run_depthwise_3x3(plan, output, input);
+    case ZYN_FPI_DENSE_ANY:
+    case ZYN_FPI_DEPTHWISE_ANY:
+      return zyn_fpi_run_any(plan, output, input);
+    default:
+      memset(output->data, 0, static_cast<size_t>(output->byte_size));
+      return ZYN_RET_OK;
+  }
+}
+
+uint32_t zyn_cg_fpi_conv2d(zyn_tensor* output, int32_t q_out, const zyn_tensor* input, int32_t q_in,
+                           const int16_t* weights, int32_t q_weights, const zyn_conv_param* param,
+                           const zyn_fpi_epilogue* epilogue) {
+  if (!weights || !param) return ZYN_RET_ERR_PARA;
+  zyn_fpi_plan plan = {};
+  uint32_t code = zyn_fpi_make_plan(&plan, weights, param, q_in + q_weights - q_out);
+  if (code == ZYN_RET_OK) code = zyn_fpi_run_plan(&plan, output, input);
+  if (code == ZYN_RET_OK) code = zyn_fpi_finish(output, q_out, q_weights, epilogue);
+  zyn_fpi_drop_plan(&plan);
+  return code;
+}

@@ -1,0 +1,68 @@
+// What the fixed-point kernels share: 16 pixels at a time, and padded rows.
+#pragma once
+
+#include <immintrin.h>
+#include <stdint.h>
+#include <string.h>
+
+#include "zyncore.h"
+
+inline constexpr int64_t kZynFpiLanes = 16;
+
+// r of a shift: 2^d / 2 without its fraction.
+inline uint32_t zyn_fpi_round_term(int32_t shift) { return shift > 0 ? 1u << (shift - 1) : 0; }
+
+// low16((sum + r) >> d) of one element.
+inline int16_t zyn_fpi_narrow1(uint32_t sum, int32_t shift) {
+  return static_cast<int16_t>(static_cast<int32_t>(sum + zyn_fpi_round_term(shift)) >> shift);
+}
+
+// a + b, the low 16 bits.
+inline int16_t zyn_fpi_add1(int32_t a, int32_t b) {
+  return static_cast<int16_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+
+// v with from fraction bits brought to to, low 16 bits: rounded to nearest (halves up)
+// where bits go, from and to 0 to 31.
+inline int16_t zyn_fpi_rescale1(int32_t v, int32_t from, int32_t to) {
+  if (from > to) return zyn_fpi_narrow1(static_cast<uint32_t>(v), from - to);
+  return static_cast<int16_t>(static_cast<uint32_t>(v) << (to - from));
+}
+
+inline __m256i zyn_fpi_load(const void* p) {
+  return _mm256_loadu_si256(static_cast<const __m256i*>(p));
+}
+inline void zyn_fpi_store(void* p, __m256i v) { _mm256_storeu_si256(static_cast<__m256i*>(p), v); }
+
+// Two neighbouring 16-bit values as one 32-bit lane.
+inline int32_t zyn_fpi_pair(int32_t first, int32_t second) {
+  return static_cast<int32_t>((static_cast<uint32_t>(first) & 0xFFFF) |
+                              static_cast<uint32_t>(second) << 16);
+}
+
+// Both vectors shifted right, their low halves side by side: even[j] in lane 2j.
+inline __m256i zyn_fpi_interleave(__m256i even, __m256i odd, __m128i shift) {
+  odd = _mm256_slli_epi32(_mm256_sra_epi32(odd, shift), 16);
+  return _mm256_blend_epi16(_mm256_sra_epi32(even, shift), odd, 0xAA);
+}
+
+// pitch elements of row y of a plane of w x h, from column -pad on; zeros outside.
+inline void zyn_fpi_copy_row(int16_t* to, int64_t pitch, const int16_t* plane, int64_t w, int64_t h,
+                             int64_t y, int64_t pad) {
+  const int64_t before = pad < pitch ? pad : pitch;
+  const int64_t room = pitch - before;
+  const int64_t inside = y < 0 || y >= h ? 0 : w < room ? w : room;
+  memset(to, 0, static_cast<size_t>(before) * sizeof(int16_t));
+  if (inside) memcpy(to + before, plane + y * w, static_cast<size_t>(inside) * sizeof(int16_t));
+  memset(to + before + inside, 0, static_cast<size_t>(room - inside) * sizeof(int16_t));
+}
+
+// Stores the first count of up to 16 lanes.
+inline void zyn_fpi_store_part(int16_t* to, __m256i v, int64_t count) {
+  if (count >= kZynFpiLanes) return zyn_fpi_store(to, v);
+  alignas(32) int16_t lanes[kZynFpiLanes];
+  _mm256_store_si256(reinterpret_cast<__m256i*>(lanes), v);
+  memcpy(to, lanes, static_cast<size_t>(count) * sizeof(int16_t));
+}
+
+inline int16_t* zyn_fpi_words(const zyn_tensor* t) { return static_cast<int16_t*>(t->data); }
