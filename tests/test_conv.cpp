@@ -64,7 +64,6 @@ class Layer {
   Layer& seed(uint64_t s) { return seed_ = s, *this; }
   Layer& extra(int count) { return extra_ = count, *this; }  // of the constant's elements
   Layer& channels(int c) { return channels_ = c, *this; }    // of the input tensor
-  Layer& fixed_point() { return fixed_ = 1, *this; }
 
   bool folded() const { return type_ == ZYN_OP_CONV_BN; }
   int ow() const {
@@ -83,7 +82,7 @@ class Layer {
     input_ = Array({w_, h_, channels});
     input_.v = zyn_test::small_integers(random, input_.v.size(), 4);
     fill_constant(random);
-    net_ = std::make_unique<Net>(fixed_);
+    net_ = std::make_unique<Net>();
     net_->method(method_);
     zyn_conv_param record = p;
     if (folded()) {
@@ -173,7 +172,7 @@ class Layer {
   int activation_ = 0;
   int extra_ = 0, channels_ = 0;
   float epsilon_ = kEpsilon;
-  uint32_t layout_ = 0, method_ = 0, fixed_ = 0;
+  uint32_t layout_ = 0, method_ = 0;
   uint64_t seed_ = 1;
   Array input_, constant_;
   std::unique_ptr<Net> net_;
@@ -410,19 +409,6 @@ TEST(Conv, MissingPiecesAreRefused) {
   batch.op(ZYN_OP_CONV, conv_param(2, 2, 1, 1, 0), {in, constant});
   ASSERT_EQ(batch.make(), 0);
   EXPECT_EQ(batch.prepare(), 1);  // one image only
-}
-
-TEST(Conv, FixedPointIsRefusedAtPreparation) {
-  for (int type : {3, 5, 12, 13}) {
-    Layer layer(conv_param(2, 2, 1, 1, 0));
-    layer.type(type).fixed_point();
-    ASSERT_EQ(layer.make(), 0);
-    auto* q = static_cast<uint32_t*>(zyn_malloc(256 * sizeof(uint32_t)));
-    std::fill(q, q + 256, 8u);
-    ASSERT_EQ(zyn_cg_set_ptr_q_list(layer.net().graph(), q), 0);
-    EXPECT_EQ(layer.net().prepare(), 4) << type;
-    EXPECT_EQ(layer.net().run(), 1) << type;
-  }
 }
 
 TEST(Conv, FoldedPreparationReportsMissingArguments) {
