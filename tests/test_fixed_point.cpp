@@ -544,13 +544,8 @@ TEST(FixedPoint, FailingAllocationsInAGraph) {
     node = net.op(ZYN_OP_CONV_ACT, point, {node, net.constant(Array({20}, 0.5))});
     node = net.op(ZYN_OP_BATCH_NORM, zyn_bn_param{0, 0}, {node, net.constant(Array({16}, 1))});
     node = net.op(ZYN_OP_RESHAPE, flat, {node});
-<<<<<<< HEAD
-    node = net.op(ZYN_OP_LINEAR, zyn_linear_param{324, 2, 0},
-                  {node, net.constant(Array({648}, 0.5))});
-=======
     node =
         net.op(ZYN_OP_LINEAR, zyn_linear_param{324, 2, 0}, {node, net.constant(Array({648}, 0.5))});
->>>>>>> fixed
     EXPECT_EQ(net.make(), 0);
     net.q_list(8);
     Ledger::fail(n, lasting);
