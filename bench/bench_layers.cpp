@@ -7,6 +7,7 @@
 #include <string>
 
 #include "network.h"
+#include "peers/common.h"
 
 namespace {
 

@@ -13,3 +13,7 @@ function(zyn_add_programs folder)
 endfunction()
 zyn_add_programs(examples)
 zyn_add_programs(tools)
+
+# The timer reports every node of both kinds of network.
+add_test(NAME zyn_bench COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_zyn_bench.sh
+         $<TARGET_FILE:zyn-bench> ${PROJECT_SOURCE_DIR}/bench/layers ${CMAKE_CROSSCOMPILING_EMULATOR})

@@ -81,8 +81,9 @@ constexpr int32_t kLocationHeads[] = {19, 29, 37, 42};
 // One convolution of a block: what its constant holds.
 struct Convolution {
   int32_t from;
-  uint32_t in_channels, out_channels, kernel, groups;
+  uint32_t in_channels, out_channels, kernel, stride, groups;
   bool normalised;  // scale, shift, mean and variance behind the weights, else biases
+  int32_t type;     // of the node that its block binds
 
   int32_t weights() const {
     return static_cast<int32_t>(in_channels / groups * out_channels * kernel * kernel);
@@ -98,22 +99,24 @@ inline std::vector<Convolution> convolutions() {
   for (const Block& b : kBlocks) {
     const int32_t next = static_cast<int32_t>(list.size()) + 1;
     const uint32_t in = b.in_channels, out = b.out_channels, narrow = in / 4;
+    const int32_t fused = b.kind == Kind::kSeparable ? ZYN_OP_CONV_BN : ZYN_OP_CONV_ACT;
+    const bool bn = fused == ZYN_OP_CONV_BN;
     switch (b.kind) {
       case Kind::kEntry:
-        list.push_back({b.from, in, out, 3, 1, true});
+        list.push_back({b.from, in, out, 3, b.stride, 1, true, ZYN_OP_CONV_BN});
         break;
       case Kind::kSeparable:
       case Kind::kHead:
-        list.push_back({b.from, in, in, 3, in, b.kind == Kind::kSeparable});
-        list.push_back({next, in, out, 1, 1, b.kind == Kind::kSeparable});
+        list.push_back({b.from, in, in, 3, b.stride, in, bn, fused});
+        list.push_back({next, in, out, 1, 1, 1, bn, bn ? fused : ZYN_OP_CONV_POINTWISE});
         break;
       case Kind::kExtra:
-        list.push_back({b.from, in, narrow, 1, 1, false});
-        list.push_back({next, narrow, narrow, 3, narrow, false});
-        list.push_back({next + 1, narrow, out, 1, 1, false});
+        list.push_back({b.from, in, narrow, 1, 1, 1, false, fused});
+        list.push_back({next, narrow, narrow, 3, b.stride, narrow, false, fused});
+        list.push_back({next + 1, narrow, out, 1, 1, 1, false, fused});
         break;
       case Kind::kLastHead:
-        list.push_back({b.from, in, out, 3, 1, false});
+        list.push_back({b.from, in, out, 3, 1, 1, false, ZYN_OP_CONV});
         break;
     }
   }
@@ -156,6 +159,10 @@ class Detector {
   void generate_weights(uint64_t seed);
   // Reads the weights; call it again after changing them.
   bool prepare() { return zyn_prepare_inference_computation(graph_.get()) == ZYN_RET_OK; }
+
+  // For a closer look: the graph, and the constant of element i of convolutions().
+  zyn_cg_handle* graph() const { return graph_.get(); }
+  zyn_tensor* constant(size_t i) const { return constants_[i].get(); }
 
   // Planes red, green, blue of 320 x 240 floats.
   zyn_tensor* input() const { return input_.get(); }

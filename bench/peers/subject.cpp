@@ -7,6 +7,7 @@
 
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "network.h"
+#include "common.h"
 
 namespace subject {
 

@@ -1,0 +1,178 @@
+// Timing, the FMA peak of this machine, layer lists and test values: what every benchmark
+// needs, on every system.
+#pragma once
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace peers {
+
+inline double now_ns() {
+  return std::chrono::duration<double, std::nano>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// ---------------------------------------------------------------- statistics
+
+struct Samples {
+  std::vector<double> ns;
+  double min() const { return ns.empty() ? NAN : *std::min_element(ns.begin(), ns.end()); }
+  double median() const {
+    if (ns.empty()) return NAN;
+    std::vector<double> s = ns;
+    std::nth_element(s.begin(), s.begin() + s.size() / 2, s.end());
+    return s[s.size() / 2];
+  }
+};
+
+// Calls f for about budget_ms; short calls are batched so that the clock's own
+// cost (about 30 ns) stays below 0.3 % of a sample.
+inline void sample(Samples& out, double budget_ms, const std::function<void()>& f) {
+  double t0 = now_ns();
+  f();
+  double once = std::max(now_ns() - t0, 1.0);
+  int batch = once < 10000 ? static_cast<int>(10000 / once) + 1 : 1;
+  const double end = now_ns() + budget_ms * 1e6;
+  int n = 0;
+  do {
+    t0 = now_ns();
+    for (int i = 0; i < batch; i++) f();
+    double t = (now_ns() - t0) / batch;
+    // The first call may have been cold: settle the batch size once more.
+    if (n++ == 0 && batch > 1 && t * batch < 5000) {
+      batch = static_cast<int>(10000 / std::max(t, 1.0)) + 1;
+      continue;
+    }
+    out.ns.push_back(t);
+  } while (now_ns() < end || out.ns.size() < 3);
+}
+
+// ------------------------------------------------------------------ FMA peak
+
+// 12 independent register-only chains of 256-bit FMA; returns GFLOP/s.
+inline double fma256_burst(double ms) {
+  const long iters = 2000;
+  double best = 0;
+  const double end = now_ns() + ms * 1e6;
+  do {
+    const double t0 = now_ns();
+    long n = iters;
+    __asm__ volatile(
+        "vxorps %%ymm12,%%ymm12,%%ymm12\n vxorps %%ymm13,%%ymm13,%%ymm13\n"
+        "1:\n"
+        ".rept 4\n"
+        "vfmadd231ps %%ymm12,%%ymm13,%%ymm0\n vfmadd231ps %%ymm12,%%ymm13,%%ymm1\n"
+        "vfmadd231ps %%ymm12,%%ymm13,%%ymm2\n vfmadd231ps %%ymm12,%%ymm13,%%ymm3\n"
+        "vfmadd231ps %%ymm12,%%ymm13,%%ymm4\n vfmadd231ps %%ymm12,%%ymm13,%%ymm5\n"
+        "vfmadd231ps %%ymm12,%%ymm13,%%ymm6\n vfmadd231ps %%ymm12,%%ymm13,%%ymm7\n"
+        "vfmadd231ps %%ymm12,%%ymm13,%%ymm8\n vfmadd231ps %%ymm12,%%ymm13,%%ymm9\n"
+        "vfmadd231ps %%ymm12,%%ymm13,%%ymm10\n vfmadd231ps %%ymm12,%%ymm13,%%ymm11\n"
+        ".endr\n"
+        "dec %0\n jnz 1b\n"
+        : "+r"(n)
+        :
+        : "xmm0", "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7", "xmm8", "xmm9", "xmm10",
+          "xmm11", "xmm12", "xmm13", "cc");
+    best = std::max(best, iters * 4.0 * 12 * 16 / (now_ns() - t0));
+  } while (now_ns() < end);
+  return best;
+}
+
+// The peak used for "% of peak": the best burst of the run, probed again
+// before every round so that it sees the same clock as the peers.
+struct Peak {
+  double best = 0;
+  std::vector<double> all;
+  void probe(double ms = 0.6) {
+    all.push_back(fma256_burst(ms));
+    best = std::max(best, all.back());
+  }
+  double median() const {
+    std::vector<double> s = all;
+    std::sort(s.begin(), s.end());
+    return s.empty() ? 0 : s[s.size() / 2];
+  }
+};
+
+// ------------------------------------------------------------------- layers
+
+struct Layer {
+  int in_c, out_c, in_w, in_h, k, stride, pad, groups;
+  std::string name;
+  int count = 1;
+  int out_w() const { return (in_w + 2 * pad - k) / stride + 1; }
+  int out_h() const { return (in_h + 2 * pad - k) / stride + 1; }
+  int k_len() const { return in_c / groups * k * k; }
+  bool depthwise() const { return groups > 1 && groups == in_c && groups == out_c; }
+  double flop() const { return 2.0 * out_w() * out_h() * out_c * k_len(); }
+  size_t in_size() const { return size_t(in_c) * in_w * in_h; }
+  size_t out_size() const { return size_t(out_c) * out_w() * out_h(); }
+  size_t w_size() const { return size_t(out_c) * k_len(); }
+  std::string str() const {
+    char b[128];
+    snprintf(b, sizeof b, "%d>%d %dx%d k%d s%d%s", in_c, out_c, in_w, in_h, k, stride,
+             depthwise()  ? " dw"
+             : groups > 1 ? " grp"
+                          : "");
+    return b;
+  }
+};
+
+// Lines: in_c out_c in_w in_h k stride pad groups [name...]; '#' starts a comment.
+// Equal layers are merged and counted, unless their order matters.
+inline std::vector<Layer> read_layers(const std::string& path, bool merge = true) {
+  std::ifstream f(path);
+  if (!f) {
+    fprintf(stderr, "cannot read %s\n", path.c_str());
+    exit(2);
+  }
+  std::vector<Layer> v;
+  std::string line;
+  for (int no = 1; std::getline(f, line); no++) {
+    line = line.substr(0, line.find('#'));
+    std::istringstream s(line);
+    Layer l;
+    if (!(s >> l.in_c)) continue;
+    if (!(s >> l.out_c >> l.in_w >> l.in_h >> l.k >> l.stride >> l.pad >> l.groups) || l.in_c < 1 ||
+        l.out_c < 1 || l.k < 1 || l.stride < 1 || l.pad < 0 || l.groups < 1 || l.in_c % l.groups ||
+        l.out_c % l.groups || l.in_w + 2 * l.pad < l.k || l.in_h + 2 * l.pad < l.k) {
+      fprintf(stderr, "%s:%d: bad layer line\n", path.c_str(), no);
+      exit(2);
+    }
+    s >> l.name;
+    bool seen = false;
+    for (Layer& o : v)
+      if (merge && o.in_c == l.in_c && o.out_c == l.out_c && o.in_w == l.in_w && o.in_h == l.in_h &&
+          o.k == l.k && o.stride == l.stride && o.pad == l.pad && o.groups == l.groups) {
+        o.count++;
+        seen = true;
+      }
+    if (!seen) v.push_back(l);
+  }
+  return v;
+}
+
+// ---------------------------------------------------------------- test data
+
+// Value i of stream s, exactly representable, in [-0.5, 0.5). The comparison
+// subject (see bench/README.md) fills its buffers with the same values.
+inline float test_value(uint32_t i, uint32_t s) {
+  uint32_t x = i * 2654435761u + s * 40503u + 1u;
+  x ^= x >> 15;
+  x *= 2246822519u;
+  x ^= x >> 13;
+  return static_cast<float>(x & 0xffffu) / 65536.0f - 0.5f;
+}
+
+enum Stream : uint32_t { kInput = 1, kWeights = 2, kBias = 3, kMatA = 4, kMatB = 5, kPixels = 6 };
+
+}  // namespace peers

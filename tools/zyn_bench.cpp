@@ -1,0 +1,335 @@
+// A host's own view of a network's time: every node by itself, under each convolution
+// method, next to the FMA peak that the same run measures.
+#include <stdlib.h>
+#include <string.h>
+#ifdef _WIN32
+#include <io.h>
+#define dup _dup
+#define fdopen _fdopen
+constexpr char kNowhere[] = "NUL";
+#else
+#include <unistd.h>
+constexpr char kNowhere[] = "/dev/null";
+#endif
+
+#include "../bench/network.h"
+#include "../examples/ssd320.h"
+
+namespace {
+
+constexpr char kUsage[] =
+    "usage: zyn-bench [LAYERFILE] [--methods 2,1,0] [--rounds 15] [--ms 2] [--json]\n";
+constexpr char kHelp[] =
+    "\n"
+    "Times the ssd320 face detector (generated weights: they do not change the time), or the\n"
+    "network of a layer list: lines \"in_c out_c width height kernel stride padding groups\",\n"
+    "each a convolution with bias and ReLU on the latest output of its input's shape.\n"
+    "\n"
+    "A graph runs whole, so a node is timed as a graph of its own: the same operator and\n"
+    "weights on the very tensor that the whole graph hands it (in channel blocks under method\n"
+    "1, but for the network's input). Its result is compared with the whole graph's first.\n"
+    "Repeated by itself, a node finds its weights and often its input in the caches, which\n"
+    "the other nodes would have used in between: the sum of the nodes stays below the whole\n"
+    "network's time; both are printed.\n"
+    "\n"
+    "One warm-up run, then --rounds rounds of --ms milliseconds for each node, the methods in\n"
+    "turn. us: the fastest run; med: the median; % peak: of the best burst of 256-bit fused\n"
+    "multiply-adds between the rounds; ratio: to the first method's time. One thread; pin it\n"
+    "to a core (taskset -c 1) and compare ratios, not times, on a shared machine.\n"
+    "--json prints one JSON object instead of the table.\n";
+
+struct Options {
+  std::string file;  // of layers; empty: ssd320
+  std::vector<uint32_t> methods = {2, 1, 0};
+  int rounds = 15;
+  double ms = 2;
+  bool json = false;
+};
+
+// A network under one method. Node i of the list is the convolution whose output
+// output(i) gives; its id is first_id + i * id_step.
+struct Whole {
+  std::vector<bench::Node> nodes;
+  zyn_tensor* input = nullptr;
+  std::function<bool()> run;
+  std::function<zyn_tensor*(size_t)> output;
+  int first_id = 0, id_step = 1;
+};
+
+bool make_ssd320(uint32_t method, Whole* whole) {
+  const auto detector = std::make_shared<ssd320::Detector>();
+  if (!detector->create(method)) return false;
+  detector->generate_weights(1);
+  auto* pixels = static_cast<float*>(detector->input()->data);
+  for (int64_t i = 0; i < detector->input()->count; i++)
+    pixels[i] = peers::test_value(static_cast<uint32_t>(i), peers::kInput);
+  if (!detector->prepare()) return false;
+  for (const ssd320::Convolution& c : ssd320::convolutions()) {
+    zyn_conv_param p = {};
+    p.in_channels = static_cast<int32_t>(c.in_channels);
+    p.out_channels = static_cast<int32_t>(c.out_channels);
+    p.kernel_h = p.kernel_w = static_cast<int32_t>(c.kernel);
+    p.stride_h = p.stride_w = static_cast<int32_t>(c.stride);
+    p.pad_h = p.pad_w = static_cast<int32_t>(c.kernel / 2);
+    p.dilation_h = p.dilation_w = 1;
+    p.groups = static_cast<int32_t>(c.groups);
+    p.bias = c.normalised ? 0 : 1;
+    if (c.type == ZYN_OP_CONV_BN)
+      p.activation = ZYN_ACT_RELU;
+    else
+      p.word14.activation = ZYN_ACT_RELU;
+    whole->nodes.push_back({c.from - 1, c.type, p, detector->constant(whole->nodes.size())});
+  }
+  whole->input = detector->input();
+  whole->run = [detector] { return detector->run(); };
+  whole->output = [detector](size_t i) {
+    return zyn_get_computation_node_inference_data(detector->graph(), static_cast<int32_t>(i + 1));
+  };
+  whole->first_id = 1;
+  return true;
+}
+
+bool make_listed(const std::vector<peers::Layer>& layers, uint32_t method, Whole* whole) {
+  const auto network = std::make_shared<bench::Network>(layers, method, true);
+  if (!network->ok()) return false;
+  whole->nodes = network->nodes();
+  whole->input = network->input();
+  whole->run = [network] { return network->run(); };
+  whole->output = [network](size_t i) { return network->graph().output(i); };
+  whole->first_id = whole->id_step = 2;
+  return true;
+}
+
+// One method's graphs and times; the last entry of times is the whole network.
+struct Method {
+  uint32_t number;
+  Whole whole;
+  std::vector<std::unique_ptr<bench::Graph>> single;
+  std::vector<peers::Samples> times;
+};
+
+bool same(const zyn_tensor* a, const zyn_tensor* b) {
+  return a && b && a->byte_size == b->byte_size && a->layout == b->layout &&
+         memcmp(a->data, b->data, static_cast<size_t>(a->byte_size)) == 0;
+}
+
+// The whole graph, then every node alone. False, with a note, when a graph cannot be made
+// or a lone node gives something else.
+bool make_method(const std::vector<peers::Layer>& layers, Method* m) {
+  Whole& whole = m->whole;
+  const bool made =
+      layers.empty() ? make_ssd320(m->number, &whole) : make_listed(layers, m->number, &whole);
+  if (!made || !whole.run()) {
+    fprintf(stderr, "method %u: the network cannot be run\n", m->number);
+    return false;
+  }
+  for (size_t i = 0; i < whole.nodes.size(); i++) {
+    bench::Node node = whole.nodes[i];
+    zyn_tensor* const input =
+        node.from < 0 ? whole.input : whole.output(static_cast<size_t>(node.from));
+    node.from = -1;
+    m->single.emplace_back(new bench::Graph);
+    bench::Graph& graph = *m->single.back();
+    if (!graph.create(input, {node}, m->number) || !graph.run() ||
+        !same(graph.output(0), whole.output(i))) {
+      fprintf(stderr, "method %u, node %zu: not the whole network's result\n", m->number, i);
+      return false;
+    }
+  }
+  m->times.resize(whole.nodes.size() + 1);
+  return true;
+}
+
+void measure(const Options& options, std::vector<Method>& methods, peers::Peak* peak) {
+  const size_t nodes = methods[0].single.size();
+  for (int round = 0; round < options.rounds; round++)
+    for (size_t i = 0; i <= nodes; i++) {
+      if (i % 8 == 0) peak->probe();
+      for (Method& m : methods)
+        peers::sample(m.times[i], options.ms, [&m, i, nodes] {
+          if (i < nodes)
+            m.single[i]->run();
+          else
+            m.whole.run();
+        });
+    }
+}
+
+const char* type_name(int32_t type) {
+  switch (type) {
+    case ZYN_OP_CONV:
+      return "conv";
+    case ZYN_OP_CONV_POINTWISE:
+      return "pointwise";
+    case ZYN_OP_CONV_ACT:
+      return "conv_act";
+    case ZYN_OP_CONV_BN:
+      return "conv_bn";
+  }
+  return "operator";
+}
+
+// What the report says of a node: name, shape and work.
+struct Row {
+  int id;
+  std::string type;
+  const int32_t* shape;
+  double flop;
+};
+
+std::vector<Row> rows(const Whole& whole) {
+  std::vector<Row> all;
+  for (size_t i = 0; i < whole.nodes.size(); i++) {
+    const zyn_conv_param& p = whole.nodes[i].param;
+    char kernel[48];
+    snprintf(kernel, sizeof kernel, " %dx%d/%d%s", p.kernel_w, p.kernel_h, p.stride_w,
+             p.groups > 1 ? " dw" : "");
+    const zyn_tensor* t = whole.output(i);
+    const double terms = double(p.in_channels) / p.groups * p.kernel_h * p.kernel_w;
+    all.push_back({whole.first_id + static_cast<int>(i) * whole.id_step,
+                   type_name(whole.nodes[i].type) + std::string(kernel), t->dims,
+                   2 * terms * static_cast<double>(t->count)});
+  }
+  return all;
+}
+
+double total(const std::vector<Row>& list) {
+  double flop = 0;
+  for (const Row& row : list) flop += row.flop;
+  return flop;
+}
+
+double sum_of_nodes(const Method& m) {
+  double ns = 0;
+  for (size_t i = 0; i + 1 < m.times.size(); i++) ns += m.times[i].min();
+  return ns;
+}
+
+void print_table(FILE* out, const std::vector<Row>& list, const std::vector<Method>& methods,
+                 double peak) {
+  fprintf(out, "%4s  %-20s %-12s %8s", "node", "type", "output", "MFLOP");
+  for (const Method& m : methods)
+    fprintf(out, " | method %u: us      med  GFLOP/s %%peak%s", m.number,
+            &m == &methods[0] ? "" : "  ratio");
+  fprintf(out, "\n");
+  const auto columns = [&](size_t i, double flop) {
+    for (const Method& m : methods) {
+      const double ns = m.times[i].min();
+      fprintf(out, " | %12.1f %8.1f %8.1f %5.1f", ns / 1e3, m.times[i].median() / 1e3, flop / ns,
+              100 * flop / ns / peak);
+      if (&m != &methods[0]) fprintf(out, " %6.2f", ns / methods[0].times[i].min());
+    }
+    fprintf(out, "\n");
+  };
+  for (size_t i = 0; i < list.size(); i++) {
+    char shape[48];
+    snprintf(shape, sizeof shape, "%dx%dx%d", list[i].shape[0], list[i].shape[1], list[i].shape[2]);
+    fprintf(out, "%4d  %-20s %-12s %8.2f", list[i].id, list[i].type.c_str(), shape,
+            list[i].flop / 1e6);
+    columns(i, list[i].flop);
+  }
+  fprintf(out, "%4s  %-33s %8.2f", "", "whole network", total(list) / 1e6);
+  columns(list.size(), total(list));
+  for (const Method& m : methods)
+    fprintf(out, "method %u: the sum of the nodes is %.1f us, %.1f %% of the whole\n", m.number,
+            sum_of_nodes(m) / 1e3, 100 * sum_of_nodes(m) / m.times.back().min());
+  fprintf(out, "FMA peak of this run: %.1f GFLOP/s\n", peak);
+}
+
+void print_json(FILE* out, const std::vector<Row>& list, const std::vector<Method>& methods,
+                const Options& options, double peak) {
+  const auto times = [&](size_t i, double flop) {
+    fprintf(out, "\"methods\":[");
+    for (const Method& m : methods) {
+      const double ns = m.times[i].min();
+      fprintf(out,
+              "%s{\"method\":%u,\"min_us\":%.3f,\"median_us\":%.3f,\"gflops\":%.3f,"
+              "\"percent_of_peak\":%.2f,\"ratio\":%.4f}",
+              &m == &methods[0] ? "" : ",", m.number, ns / 1e3, m.times[i].median() / 1e3,
+              flop / ns, 100 * flop / ns / peak, ns / methods[0].times[i].min());
+    }
+    fprintf(out, "]}");
+  };
+  fprintf(out, "{\"rounds\":%d,\"fma_peak_gflops\":%.2f,\n\"nodes\":[", options.rounds, peak);
+  for (size_t i = 0; i < list.size(); i++) {
+    fprintf(out, "%s\n{\"node\":%d,\"type\":\"%s\",\"output\":[%d,%d,%d],\"mflop\":%.4f,",
+            i ? "," : "", list[i].id, list[i].type.c_str(), list[i].shape[0], list[i].shape[1],
+            list[i].shape[2], list[i].flop / 1e6);
+    times(i, list[i].flop);
+  }
+  fprintf(out, "],\n\"whole\":{\"mflop\":%.4f,", total(list) / 1e6);
+  times(list.size(), total(list));
+  fprintf(out, "}\n");
+}
+
+bool parse_methods(const char* text, std::vector<uint32_t>* methods) {
+  methods->clear();
+  for (; *text >= '0' && *text <= '2'; text++) {
+    methods->push_back(static_cast<uint32_t>(*text - '0'));
+    if (text[1] == '\0') return true;
+    if (*++text != ',') return false;
+  }
+  return false;
+}
+
+bool parse(int argc, char** argv, Options* options) {
+  for (int i = 1; i < argc; i++) {
+    const std::string word = argv[i];
+    const char* const value = i + 1 < argc ? argv[i + 1] : "";
+    if (word == "--json") {
+      options->json = true;
+    } else if (word == "--methods" && parse_methods(value, &options->methods)) {
+      i++;
+    } else if (word == "--rounds" && (options->rounds = atoi(value)) > 0) {
+      i++;
+    } else if (word == "--ms" && (options->ms = atof(value)) > 0) {
+      i++;
+    } else if (word[0] != '-' && options->file.empty()) {
+      options->file = word;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (argc == 2 && strcmp(argv[1], "--help") == 0) {
+    printf("%s%s", kUsage, kHelp);
+    return 0;
+  }
+  if (!parse(argc, argv, &options)) {
+    fputs(kUsage, stderr);
+    return 2;
+  }
+  std::vector<peers::Layer> layers;
+  if (!options.file.empty()) {
+    layers = peers::read_layers(options.file, false);
+    if (!bench::Network::connected(layers)) {
+      fprintf(stderr, "%s: a layer has nothing to read\n", options.file.c_str());
+      return 2;
+    }
+  }
+  // The library prints to standard output; the report goes to a copy of it.
+  FILE* const out = fdopen(dup(1), "w");
+  if (!out || !freopen(kNowhere, "w", stdout)) return 1;
+
+  std::vector<Method> methods;
+  for (const uint32_t number : options.methods) {
+    methods.emplace_back();
+    methods.back().number = number;
+    if (!make_method(layers, &methods.back())) return 1;
+  }
+  peers::Peak peak;
+  peak.probe(20);
+  measure(options, methods, &peak);
+  const std::vector<Row> list = rows(methods[0].whole);
+  if (options.json)
+    print_json(out, list, methods, options, peak.best);
+  else
+    print_table(out, list, methods, peak.best);
+  return fclose(out) == 0 ? 0 : 1;
+}
