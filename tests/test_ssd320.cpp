@@ -5,17 +5,21 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <deque>
 #include <string>
 #include <vector>
 
 #include "../examples/ssd320.h"
 #include "support/capture.h"
-#include "support/failing.h"
+#include "support/conv_case.h"
+#include "support/net.h"
 
 namespace {
 
 using ssd320::Detector;
 using ssd320::Tensor;
+using zyn_test::Array;
+using zyn_test::Net;
 
 constexpr uint32_t kMethods[] = {0, 1, 2};
 
@@ -44,7 +48,7 @@ std::vector<zyn_detection> read_faces(const std::string& path) {
   return faces;
 }
 
-void expect_near(const Tensor& got, const std::vector<float>& expected, const char* what) {
+void expect_near(const zyn_tensor* got, const std::vector<float>& expected, const char* what) {
   ASSERT_NE(got, nullptr) << what;
   ASSERT_EQ(static_cast<size_t>(got->count), expected.size()) << what;
   const auto* values = static_cast<const float*>(got->data);
@@ -68,8 +72,8 @@ void check_photo(Detector* detector, const std::string& photo) {
   ASSERT_EQ(static_cast<size_t>(detector->input()->count), input.size());
   std::copy(input.begin(), input.end(), static_cast<float*>(detector->input()->data));
   ASSERT_TRUE(detector->run());
-  expect_near(detector->scores(), read_floats(photo + ".logits.f32"), "scores");
-  expect_near(detector->locations(), read_floats(photo + ".locations.f32"), "locations");
+  expect_near(detector->scores().get(), read_floats(photo + ".logits.f32"), "scores");
+  expect_near(detector->locations().get(), read_floats(photo + ".locations.f32"), "locations");
 
   std::vector<zyn_detection> faces;
   ASSERT_TRUE(detector->faces(0.7f, 0.3f, &faces));
@@ -93,6 +97,111 @@ TEST(Ssd320, OutputsAndFacesFromTheGivenInput) {
     ASSERT_TRUE(detector.prepare());
     for (const char* photo : {"/photo_a", "/photo_b", "/photo_a"})
       ASSERT_NO_FATAL_FAILURE(check_photo(&detector, folder + photo));
+  }
+}
+
+// The network from plain nodes: convolution, normalisation (both types in turn) and ReLU
+// apart, and the heads brought to the order of the priors inside the graph.
+struct PlainDetector {
+  Net net;
+  int input = net.input(Array({ssd320::kWidth, ssd320::kHeight, 3}));
+  int scores, locations;
+
+  PlainDetector(const float* words, uint32_t method) {
+    net.method(method);
+    const auto constant = [&](int32_t count) {
+      Array a({count});
+      std::copy(words, words + count, a.v.begin());
+      words += count;
+      return net.constant(a);
+    };
+    std::vector<int> last = {input};  // by the table's node: the last of its plain nodes
+    const ssd320::Block* block = ssd320::kBlocks;
+    for (const ssd320::Convolution& c : ssd320::convolutions()) {
+      const bool spatial = c.kernel == 3;  // each block has one such convolution
+      zyn_conv_param p = zyn_test::conv_param(
+          static_cast<int>(c.in_channels), static_cast<int>(c.out_channels),
+          static_cast<int>(c.kernel), spatial ? static_cast<int>((block++)->stride) : 1,
+          spatial ? 1 : 0, static_cast<int>(c.groups));
+      p.bias = c.normalised ? 0 : 1;
+      const int type = !spatial       ? ZYN_OP_CONV_POINTWISE
+                       : c.groups > 1 ? ZYN_OP_CONV_DEPTHWISE
+                                      : ZYN_OP_CONV;
+      const int table_node = static_cast<int>(last.size());
+      int node = net.op(
+          type, p,
+          {last[static_cast<size_t>(c.from)], constant(c.normalised ? c.weights() : c.words())});
+      if (c.normalised)
+        node = net.op(table_node % 2 ? ZYN_OP_BATCH_NORM : ZYN_OP_BATCH_NORM_FAST,
+                      zyn_bn_param{1e-5f, 0}, {node, constant(c.words() - c.weights())});
+      if (!is_head(table_node)) node = net.op(ZYN_OP_RELU, {node});
+      last.push_back(node);
+    }
+    scores = collect(last, ssd320::kScoreHeads, ssd320::kClasses);
+    locations = collect(last, ssd320::kLocationHeads, 4);
+  }
+
+ private:
+  static bool is_head(int32_t node) {
+    const auto in = [=](const int32_t(&list)[4]) { return std::count(list, list + 4, node) > 0; };
+    return in(ssd320::kScoreHeads) || in(ssd320::kLocationHeads);
+  }
+  int concat(std::vector<int32_t> nodes, int axis) {
+    lists_.push_back(nodes);
+    const std::vector<int32_t>& kept = lists_.back();
+    return net.op(ZYN_OP_CONCAT,
+                  zyn_concat_param{axis, static_cast<int32_t>(kept.size()), kept.data()}, nodes);
+  }
+  // A head's planes as columns {1, pixels, 1}, joined along the rows to {channels, pixels,
+  // 1}: the channels of a pixel lie together. Then one prior per row, head after head.
+  int collect(const std::vector<int>& last, const int32_t (&heads)[4], int32_t values) {
+    std::vector<int32_t> parts;
+    for (const int32_t head : heads) {
+      const auto channels =
+          static_cast<int32_t>(ssd320::convolutions()[static_cast<size_t>(head) - 1].out_channels);
+      const int columns = net.op(ZYN_OP_RESHAPE, zyn_reshape_param{3, {1, -1, channels}},
+                                 {last[static_cast<size_t>(head)]});
+      std::vector<int32_t> planes;
+      for (int32_t c = 0; c < channels; c++) {
+        lists_.push_back({c});
+        planes.push_back(
+            net.op(ZYN_OP_CHANNEL_GATHER, zyn_gather_param{1, lists_.back().data()}, {columns}));
+      }
+      parts.push_back(
+          net.op(ZYN_OP_RESHAPE, zyn_reshape_param{2, {values, -1}}, {concat(planes, 0)}));
+    }
+    return concat(parts, 1);
+  }
+
+  std::deque<std::vector<int32_t>> lists_;  // that records point at until binding
+};
+
+TEST(Ssd320, PlainNodesGiveTheSameOutputsInOneTensorEach) {
+  const std::string folder = zyn_test::model_dir();
+  if (folder.empty()) return;
+  std::vector<float> words(264732);
+  ASSERT_EQ(zyn_cg_load_model(words.data(), static_cast<int32_t>(words.size()),
+                              (folder + "/ssd320.zynm").c_str()),
+            0);
+  for (uint32_t method : kMethods) {
+    SCOPED_TRACE("method " + std::to_string(method));
+    PlainDetector plain(words.data(), method);
+    ASSERT_EQ(plain.net.make(), 0);
+    ASSERT_EQ(plain.net.prepare(), 0);
+    for (const char* photo : {"/photo_a", "/photo_b"}) {
+      SCOPED_TRACE(photo);
+      const std::string given = folder + photo;
+      const std::vector<float> values = read_floats(given + ".input.f32");
+      Array image({ssd320::kWidth, ssd320::kHeight, 3});
+      ASSERT_EQ(values.size(), image.v.size());
+      std::copy(values.begin(), values.end(), image.v.begin());
+      plain.net.fill(plain.input, image);
+      ASSERT_EQ(plain.net.run(), 0);
+      expect_near(plain.net.output_tensor(plain.scores), read_floats(given + ".logits.f32"),
+                  "scores");
+      expect_near(plain.net.output_tensor(plain.locations), read_floats(given + ".locations.f32"),
+                  "locations");
+    }
   }
 }
 
