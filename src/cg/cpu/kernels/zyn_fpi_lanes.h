@@ -46,15 +46,22 @@ inline __m256i zyn_fpi_interleave(__m256i even, __m256i odd, __m128i shift) {
   return _mm256_blend_epi16(_mm256_sra_epi32(even, shift), odd, 0xAA);
 }
 
-// pitch elements of row y of a plane of w x h, from column -pad on; zeros outside.
-inline void zyn_fpi_copy_row(int16_t* to, int64_t pitch, const int16_t* plane, int64_t w, int64_t h,
-                             int64_t y, int64_t pad) {
-  const int64_t before = pad < pitch ? pad : pitch;
-  const int64_t room = pitch - before;
-  const int64_t inside = y < 0 || y >= h ? 0 : w < room ? w : room;
-  memset(to, 0, static_cast<size_t>(before) * sizeof(int16_t));
-  if (inside) memcpy(to + before, plane + y * w, static_cast<size_t>(inside) * sizeof(int16_t));
-  memset(to + before + inside, 0, static_cast<size_t>(room - inside) * sizeof(int16_t));
+// Copies count values: short rows are too many for calls of memcpy. The last vector
+// overlaps the one before.
+inline void zyn_fpi_copy(int16_t* to, const int16_t* from, int64_t count) {
+  if (count >= kZynFpiLanes) {
+    for (int64_t i = 0; i + kZynFpiLanes < count; i += kZynFpiLanes)
+      zyn_fpi_store(to + i, zyn_fpi_load(from + i));
+    const int64_t last = count - kZynFpiLanes;
+    return zyn_fpi_store(to + last, zyn_fpi_load(from + last));
+  }
+  if (count >= 8) {
+    const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
+    const __m128i last = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + count - 8));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), first);
+    return _mm_storeu_si128(reinterpret_cast<__m128i*>(to + count - 8), last);
+  }
+  for (int64_t i = 0; i < count; i++) to[i] = from[i];
 }
 
 // Stores the first count of up to 16 lanes.
@@ -62,7 +69,7 @@ inline void zyn_fpi_store_part(int16_t* to, __m256i v, int64_t count) {
   if (count >= kZynFpiLanes) return zyn_fpi_store(to, v);
   alignas(32) int16_t lanes[kZynFpiLanes];
   _mm256_store_si256(reinterpret_cast<__m256i*>(lanes), v);
-  memcpy(to, lanes, static_cast<size_t>(count) * sizeof(int16_t));
+  zyn_fpi_copy(to, lanes, count);
 }
 
 inline int16_t* zyn_fpi_words(const zyn_tensor* t) { return static_cast<int16_t*>(t->data); }
