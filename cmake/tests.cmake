@@ -48,4 +48,4 @@ target_compile_options(zyn_header_c PRIVATE -std=c99 -pedantic -Wall -Wextra -We
 # The example runs, and finds the known faces of two photos (passed over without
 # ZYN_MODEL_DIR).
 add_test(NAME faces COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_faces.sh
-         $<TARGET_FILE:detect_faces> ${CMAKE_CROSSCOMPILING_EMULATOR})
+         $<TARGET_FILE:detect_faces> $<TARGET_FILE:zyn-quant> ${CMAKE_CROSSCOMPILING_EMULATOR})

@@ -1,7 +1,10 @@
 // Finds the faces in a photo: BMP file in, one line "x1 y1 x2 y2 score" per face out, in
 // pixels of the photo. Uses the public header alone.
 //
-//   detect_faces [--model FILE.zynm] [--method 0|1|2] [--draw OUT.bmp] [--verbose] [PHOTO.bmp]
+//   detect_faces [--model FILE.zynm] [--method 0|1|2] [--q-list FILE] [--draw OUT.bmp]
+//                [--verbose] [PHOTO.bmp]
+//
+// With --q-list, a file that zyn-quant writes, the network runs in 16-bit fixed point.
 //
 // Without --model the detector is ssd320.zynm in the folder that the environment
 // variable ZYN_MODEL_DIR names, without a photo photo_a.bmp there. Where there is no
@@ -25,23 +28,21 @@ using ssd320::Image;
 constexpr uint32_t kDefaultMethod = 2;
 constexpr float kScoreThreshold = 0.7f;
 constexpr float kOverlapThreshold = 0.3f;
-constexpr float kAspectRatio = 0.75f;  // height / width of the network's input
-constexpr int32_t kBilinear = 1;
 constexpr int32_t kColour = 2;  // reading mode: blue, green, red
 constexpr uint64_t kSeed = 2024;
 
 enum Exit { kDone = 0, kFailed = 1, kUsage = 2 };
 
 struct Options {
-  std::string model, photo, draw;
+  std::string model, photo, draw, q_list;
   uint32_t method = kDefaultMethod;
   bool verbose = false;
 };
 
 bool usage(const std::string& complaint) {
   fprintf(stderr,
-          "%s\nusage: detect_faces [--model FILE.zynm] [--method 0|1|2] [--draw OUT.bmp] "
-          "[--verbose] [PHOTO.bmp]\n",
+          "%s\nusage: detect_faces [--model FILE.zynm] [--method 0|1|2] [--q-list FILE] "
+          "[--draw OUT.bmp] [--verbose] [PHOTO.bmp]\n",
           complaint.c_str());
   return false;
 }
@@ -54,13 +55,15 @@ bool failed(const std::string& complaint) {
 bool parse(int argc, char** argv, Options* options) {
   for (int i = 1; i < argc; i++) {
     const std::string argument = argv[i];
-    const bool takes_value =
-        argument == "--model" || argument == "--method" || argument == "--draw";
+    const bool takes_value = argument == "--model" || argument == "--method" ||
+                             argument == "--draw" || argument == "--q-list";
     if (takes_value && i + 1 == argc) return usage(argument + " needs a value");
     if (argument == "--model") {
       options->model = argv[++i];
     } else if (argument == "--draw") {
       options->draw = argv[++i];
+    } else if (argument == "--q-list") {
+      options->q_list = argv[++i];
     } else if (argument == "--method") {
       const std::string value = argv[++i];
       if (value != "0" && value != "1" && value != "2") return usage("no method " + value);
@@ -123,29 +126,8 @@ bool load_weights(const Options& options, Detector* detector) {
   return true;
 }
 
-// The photo padded to the input's aspect ratio, and how much was added left and on top.
-struct Padded {
-  Image image;
-  int32_t left = 0, top = 0;
-};
-
-bool pad(const zyn_image* photo, Padded* padded) {
-  int32_t bottom = 0, right = 0;
-  padded->image.reset(
-      zyn_create_border_image(&padded->top, &bottom, &padded->left, &right, photo, kAspectRatio));
-  return padded->image || failed("the photo cannot be padded: its sides must be 1 to 4096 pixels");
-}
-
-bool fill_input(const zyn_image* padded, zyn_tensor* input) {
-  const Image scaled(zyn_create_image(ssd320::kWidth, ssd320::kHeight, ZYN_IMAGE_BGR));
-  if (!scaled || zyn_image_resizer(scaled.get(), padded, kBilinear) != ZYN_RET_OK)
-    return failed("the photo cannot be resized");
-  zyn_transform_image_data_for_ssd_detector(input, scaled.get());
-  return true;
-}
-
 // From fractions of the padded photo to pixels of the photo.
-void map_to_photo(const Padded& padded, std::vector<zyn_detection>* faces) {
+void map_to_photo(const ssd320::Padded& padded, std::vector<zyn_detection>* faces) {
   const auto width = static_cast<float>(padded.image->cols);
   const auto height = static_cast<float>(padded.image->rows);
   const auto left = static_cast<float>(padded.left), top = static_cast<float>(padded.top);
@@ -189,15 +171,21 @@ bool draw(const std::string& file, zyn_image* photo, const std::vector<zyn_detec
 
 bool detect(const Options& options) {
   Image photo;
-  Padded padded;
   Detector detector;
-  if (!read_photo(options, &photo) || !pad(photo.get(), &padded)) return false;
-  if (!detector.create(options.method)) return failed("the network cannot be built");
+  std::vector<uint32_t> q_list;
+  if (!read_photo(options, &photo)) return false;
+  const ssd320::Padded padded = ssd320::pad(photo.get());
+  if (!padded.image)
+    return failed("the photo cannot be padded: its sides must be 1 to 4096 pixels");
+  if (!options.q_list.empty() && !ssd320::read_q_list(options.q_list.c_str(), &q_list))
+    return failed(options.q_list + " cannot be read or is no list of fraction bits");
+  if (!detector.create(options.method, q_list)) return failed("the network cannot be built");
   printf("\n");  // The notice of a new graph does not end its line.
   if (!load_weights(options, &detector)) return false;
   if (!detector.prepare())
     return failed("the network cannot be prepared with method " + std::to_string(options.method));
-  if (!fill_input(padded.image.get(), detector.input())) return false;
+  if (!ssd320::fill_input(padded.image.get(), detector.input()))
+    return failed("the photo cannot be resized");
 
   const double begin = zyn_get_current_system_time();
   std::vector<zyn_detection> faces;
@@ -208,8 +196,10 @@ bool detect(const Options& options) {
   map_to_photo(padded, &faces);
   for (const zyn_detection& f : faces)
     printf("%.2f %.2f %.2f %.2f %.6f\n", f.x1, f.y1, f.x2, f.y2, f.score);
-  fprintf(stderr, "%zu boxes in a photo of %d x %d pixels, method %u, %.1f ms\n", faces.size(),
-          photo->cols, photo->rows, options.method, milliseconds);
+  fprintf(stderr, "%zu boxes in a photo of %d x %d pixels, %s, %.1f ms\n", faces.size(),
+          photo->cols, photo->rows,
+          q_list.empty() ? ("method " + std::to_string(options.method)).c_str() : "fixed point",
+          milliseconds);
   return options.draw.empty() || draw(options.draw, photo.get(), faces);
 }
 

@@ -9,6 +9,7 @@
 
 #include <math.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <string.h>
 #include <zyncore.h>
 
@@ -33,6 +34,7 @@ using Floats = std::unique_ptr<float, Release>;
 // ---- the network
 
 constexpr int32_t kWidth = 320, kHeight = 240;
+constexpr float kAspectRatio = 0.75f;  // height / width of the input
 constexpr int32_t kPriors = 4420;
 constexpr int32_t kClasses = 2;  // background, face
 constexpr float kCenterVariance = 0.1f, kSizeVariance = 0.2f;
@@ -78,7 +80,7 @@ constexpr Block kBlocks[] = {
 constexpr int32_t kScoreHeads[] = {17, 27, 35, 41};
 constexpr int32_t kLocationHeads[] = {19, 29, 37, 42};
 
-// One convolution of a block: what its constant holds.
+// One convolution of a block: what its constant holds, and how it runs.
 struct Convolution {
   int32_t from;
   uint32_t in_channels, out_channels, kernel, stride, groups;
@@ -146,12 +148,67 @@ inline int32_t bind(const Block& b, uint32_t node, zyn_cg_handle* graph, uint32_
   return ZYN_RET_ERR_PARA;
 }
 
+// ---- pictures
+
+// A photo padded to the input's aspect ratio, and how much was added left and on top.
+struct Padded {
+  Image image;
+  int32_t left = 0, top = 0;
+};
+
+// Null image: a side of the photo is not within 1 to 4096, or no memory.
+inline Padded pad(const zyn_image* photo) {
+  Padded padded;
+  int32_t bottom = 0, right = 0;
+  padded.image.reset(
+      zyn_create_border_image(&padded.top, &bottom, &padded.left, &right, photo, kAspectRatio));
+  return padded;
+}
+
+// Resizes a padded photo into an input tensor: floats (byte - 127.5) / 128, or 16-bit
+// integers byte - 127, which with kInputQ fraction bits are nearly the same.
+constexpr uint32_t kInputQ = 7;
+inline bool fill_input(const zyn_image* padded, zyn_tensor* input) {
+  constexpr int32_t kBilinear = 1;
+  const Image scaled(zyn_create_image(kWidth, kHeight, ZYN_IMAGE_BGR));
+  if (!scaled || zyn_image_resizer(scaled.get(), padded, kBilinear) != ZYN_RET_OK) return false;
+  if (input->type == ZYN_TYPE_FPI16)
+    zyn_transform_image_data_for_ssd_detector_fp16(input, scaled.get());
+  else
+    zyn_transform_image_data_for_ssd_detector(input, scaled.get());
+  return true;
+}
+
+// ---- lists of fraction bits
+
+// One line "node q" per node; # begins a comment. Nodes without a line get 0.
+inline bool read_q_list(const char* path, std::vector<uint32_t>* q) {
+  FILE* file = fopen(path, "r");
+  if (!file) return false;
+  char line[256];
+  int node = 0, value = 0;
+  bool good = true;
+  q->assign(1 + 2 * convolutions().size(), 0);
+  while (fgets(line, sizeof(line), file)) {
+    if (char* comment = strchr(line, '#')) *comment = 0;
+    const int fields = sscanf(line, "%d %d", &node, &value);
+    if (fields <= 0) continue;
+    good = good && fields == 2 && node >= 0 && node < static_cast<int>(q->size()) && value >= 0 &&
+           value <= 15;
+    if (good) (*q)[static_cast<size_t>(node)] = static_cast<uint32_t>(value);
+  }
+  fclose(file);
+  return good;
+}
+
 // ---- the detector
 
 class Detector {
  public:
-  // Makes the graph with all its nodes bound; fill weights() and input() afterwards.
-  bool create(uint32_t method);
+  // Makes the graph with all its nodes bound; fill weights() and input() afterwards. With a
+  // list of fraction bits by node the graph works in fixed point, and the input holds
+  // 16-bit integers.
+  bool create(uint32_t method, const std::vector<uint32_t>& q_list = {});
   // The words of the model file.
   float* weights() const { return weights_.get(); }
   int32_t weight_count() const { return weight_count_; }
@@ -166,6 +223,9 @@ class Detector {
 
   // Planes red, green, blue of 320 x 240 floats.
   zyn_tensor* input() const { return input_.get(); }
+  const zyn_tensor* output(int32_t node) const {
+    return zyn_get_computation_node_inference_data(graph_.get(), node);
+  }
   bool run() { return zyn_computation_graph_inference(graph_.get()) == ZYN_RET_OK; }
   // Class scores {2, 4420} (before softmax) and location offsets {4, 4420} of the last
   // run, in the order of the priors; null on failure.
@@ -177,8 +237,10 @@ class Detector {
 
  private:
   bool add_edges(const std::vector<Convolution>& list);
+  bool give_q_list(const std::vector<uint32_t>& q_list);
   bool bind_data(int32_t node, int32_t type, zyn_tensor* tensor);
   bool bind_constants(const std::vector<Convolution>& list);
+  Tensor in_floats(const zyn_tensor* words, int32_t node) const;
   Tensor collect(const int32_t (&nodes)[4], int32_t values_per_prior) const;
 
   // The graph refers to the tensors, so it goes first: members are destroyed last to
@@ -190,19 +252,21 @@ class Detector {
   Graph graph_;
 };
 
-inline bool Detector::create(uint32_t method) {
+inline bool Detector::create(uint32_t method, const std::vector<uint32_t>& q_list) {
   const std::vector<Convolution> list = convolutions();
   const auto count = static_cast<int32_t>(list.size());
   zyn_cg_create_param settings{};
   settings.max_nodes = 1 + 2 * count;
   settings.thread_count = 1;
+  settings.fixed_point = q_list.empty() ? 0 : 1;
   graph_.reset(zyn_create_computation_graph_handle(&settings));
   if (!graph_ || zyn_cg_set_conv_method(graph_.get(), method) != ZYN_RET_OK) return false;
+  if (!q_list.empty() && !give_q_list(q_list)) return false;
 
   // All edges first, then the order, then one binding per node.
   if (!add_edges(list) || zyn_computation_graph_topo_sort(graph_.get()) != ZYN_RET_OK) return false;
   const int32_t dims[3] = {kWidth, kHeight, 3};
-  input_.reset(zyn_create_tensor(3, dims, ZYN_TYPE_F32));
+  input_.reset(zyn_create_tensor(3, dims, q_list.empty() ? ZYN_TYPE_F32 : ZYN_TYPE_FPI16));
   if (!input_ || !bind_data(0, ZYN_OP_INPUT, input_.get())) return false;
   uint32_t node = 1, bound = 0;
   for (const Block& block : kBlocks) {
@@ -221,6 +285,16 @@ inline bool Detector::add_edges(const std::vector<Convolution>& list) {
       return false;
   }
   return true;
+}
+
+// The list becomes the graph's own.
+inline bool Detector::give_q_list(const std::vector<uint32_t>& q_list) {
+  const size_t bytes = (1 + 2 * convolutions().size()) * sizeof(uint32_t);
+  if (q_list.size() * sizeof(uint32_t) != bytes) return false;
+  auto* list = static_cast<uint32_t*>(zyn_malloc(static_cast<int64_t>(bytes)));
+  if (!list) return false;
+  memcpy(list, q_list.data(), bytes);
+  return zyn_cg_set_ptr_q_list(graph_.get(), list) == ZYN_RET_OK;
 }
 
 inline bool Detector::bind_data(int32_t node, int32_t type, zyn_tensor* tensor) {
@@ -266,6 +340,15 @@ inline void Detector::generate_weights(uint64_t seed) {
   }
 }
 
+inline Tensor Detector::in_floats(const zyn_tensor* words, int32_t node) const {
+  Tensor floats(zyn_create_tensor(words->dim_count, words->dims, ZYN_TYPE_F32));
+  const uint32_t q = zyn_cg_get_q_from_list(graph_.get(), node);
+  const auto count = static_cast<int32_t>(words->count);
+  const bool done = floats && zyn_tensor_transform_data_from_fpi16_to_real32(
+                                  floats.get(), words, count, q) == ZYN_RET_OK;
+  return done ? std::move(floats) : nullptr;
+}
+
 // The outputs of the heads one behind the other, pixel by pixel: the heads are planar (or
 // in blocks of channels, depending on the method), priors run through the channels of a
 // pixel first.
@@ -276,7 +359,10 @@ inline Tensor Detector::collect(const int32_t (&nodes)[4], int32_t values_per_pr
   auto* to = static_cast<char*>(all->data);
   int64_t room = all->byte_size;
   for (const int32_t node : nodes) {
-    const zyn_tensor* head = zyn_get_computation_node_inference_data(graph_.get(), node);
+    const zyn_tensor* head = output(node);
+    if (!head) return nullptr;
+    const Tensor floats = head->type == ZYN_TYPE_FPI16 ? in_floats(head, node) : nullptr;
+    if (head->type == ZYN_TYPE_FPI16) head = floats.get();
     if (!head) return nullptr;
     Tensor part(zyn_create_tensor_header(head->dim_count, head->dims, head->type));
     if (!part || zyn_set_tensor_data(part.get(), to, room) != ZYN_RET_OK) return nullptr;

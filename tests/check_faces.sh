@@ -1,16 +1,30 @@
 #!/usr/bin/env bash
-# Runs the example: check_faces.sh DETECT_FACES [EMULATOR]. Its exit codes and its
-# stand-ins first; then, with the folder in ZYN_MODEL_DIR, the faces in two photos. Every
-# known face must be found once (overlap above 0.95, score within 0.02), and nothing else.
+# Runs the example: check_faces.sh DETECT_FACES ZYN_QUANT [EMULATOR]. Its exit codes and its
+# stand-ins first; then, with the folder in ZYN_MODEL_DIR, the faces in two photos, in float
+# and in fixed point with fraction bits chosen on flips, crops and brightness changes of
+# the photos. Every known face must be found once (overlap above 0.95, in fixed point
+# 0.9; score within 0.02), and nothing else.
 set -euo pipefail
 program=$(realpath "$1")
-emulator=${2:-}
+quant=$(realpath "$2")
+emulator=${3:-}
 models=${ZYN_MODEL_DIR:+$(realpath "$ZYN_MODEL_DIR")}
 unset ZYN_MODEL_DIR
 # On Windows the library lies in the folder above the examples.
 cd "$(dirname "$program")/.."
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+
+quantises() { # code, what zyn-quant must say, arguments...
+  local code=0 wanted=$1 note=$2
+  shift 2
+  $emulator "$quant" "$@" >"$work/report" 2>"$work/notes" || code=$?
+  if [ "$code" != "$wanted" ] || ! grep -q "$note" "$work/notes" "$work/report"; then
+    echo "zyn-quant $*: code $code for $wanted, expected to say \"$note\", said:"
+    cat "$work/notes"
+    exit 1
+  fi
+}
 
 run() { # code, what the notes must say, arguments...
   local code=0 wanted=$1 note=$2
@@ -34,18 +48,31 @@ run 2 usage --method 3
 run 2 usage --model
 run 2 usage one.bmp two.bmp
 run 2 usage --unknown
+echo '7 16' >"$work/bad.q"
+run 1 'no list of fraction bits' --q-list "$work/bad.q" "$work/generated.bmp"
+quantises 2 usage
+quantises 2 'margin' --model m --out q --margin 0.5 x.bmp
+quantises 1 'not an ssd320 model' --model "$work/generated.bmp" --out "$work/q" x.bmp
 
 if [ -z "$models" ]; then
   echo "ZYN_MODEL_DIR is not set: the check with the trained model is passed over"
   exit 0
 fi
-for photo in photo_a photo_b; do
-  bmp=$models/$photo.bmp
-  run 0 'boxes in a photo' --model "$models/ssd320.zynm" --draw "$work/$photo.bmp" "$bmp"
+photos="$models/photo_a.bmp $models/photo_b.bmp"
+quantises 0 ' 0 values wrapped' --model "$models/ssd320.zynm" --out "$work/q.txt" --vary $photos
+echo '2 15' >"$work/high.q"
+run 1 'cannot be prepared' --model "$models/ssd320.zynm" --q-list "$work/high.q" "$work/generated.bmp"
+quantises 1 'node 1: its values reach' --model "$models/ssd320.zynm" --out "$work/none" --margin 1e6 $photos
+
+check() { # photo, least overlap, options of the example...
+  local photo=$1 least=$2
+  shift 2
+  local bmp=$models/$photo.bmp
+  run 0 'boxes in a photo' --model "$models/ssd320.zynm" --draw "$work/$photo.bmp" "$@" "$bmp"
   [ "$(stat -L -c %s "$work/$photo.bmp")" = "$(stat -L -c %s "$bmp")" ] || { echo "$photo: no picture"; exit 1; }
   read -r width height < <(od -An -td4 -j18 -N8 "$bmp")
   tr -d '\r' <"$work/found" | grep -E '^(-?[0-9.]+ ){4}[0-9.]+$' >"$work/faces" || true
-  awk -v name="$photo" -v width="$width" -v height="$height" '
+  awk -v name="$photo $*" -v least_overlap="$least" -v width="$width" -v height="$height" '
     function least(a, b) { return a < b ? a : b }
     function most(a, b) { return a > b ? a : b }
     # The known boxes are fractions of the padded photo; the margins are in their first line.
@@ -65,7 +92,7 @@ for photo in photo_a photo_b; do
         if (overlap > best) { best = overlap; at = i }
       }
       difference = $5 - score[at]
-      if (best <= 0.95 || difference > 0.02 || difference < -0.02 || met[at]++) {
+      if (best <= least_overlap || difference > 0.02 || difference < -0.02 || met[at]++) {
         printf "%s: face %s: overlap %.3f with known face %d, score %.4f for %.4f\n", name, $0, best, at, $5, score[at]
         wrong = 1
       }
@@ -74,4 +101,8 @@ for photo in photo_a photo_b; do
       printf "%s: %d of %d faces\n", name, found, known
       exit wrong || found != known || known == 0
     }' "$models/$photo.faces.txt" "$work/faces"
+}
+for photo in photo_a photo_b; do
+  check $photo 0.95
+  check $photo 0.9 --q-list "$work/q.txt"
 done

@@ -221,13 +221,11 @@ const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state) {
 int32_t zyn_cg_conv_run_fixed(zyn_cg_conv_state* state, bool has_bias, int32_t code) {
   zyn_tensor* output = state->output;
   if (!zyn_cg_ready(state->input, output) || !state->fixed.weights) return ZYN_RET_ERR_PARA;
-  uint32_t status = zyn_fpi_run_plan(&state->fixed, output, state->input);
   const int16_t* bias =
       has_bias ? state->fixed.weights + zyn_conv_weight_count(&state->param) : nullptr;
   const zyn_fpi_epilogue epilogue = {bias, code};
-  if (status == ZYN_RET_OK)
-    status = zyn_fpi_finish(output, state->output_q, state->weight_q, &epilogue);
-  return static_cast<int32_t>(status);
+  return static_cast<int32_t>(zyn_fpi_run_plan(&state->fixed, output, state->output_q, state->input,
+                                               state->weight_q, &epilogue));
 }
 
 int32_t zyn_cg_conv_release(void** record) {

@@ -46,27 +46,37 @@ uint32_t zyn_fpi_make_plan(zyn_fpi_plan* plan, const int16_t* weights, const zyn
                            int32_t shift);
 void zyn_fpi_drop_plan(zyn_fpi_plan* plan);
 
-// Runs the plan's kernel. 1: missing argument, channel counts that differ from the
-// record; 2: no memory for row buffers.
-uint32_t zyn_fpi_run_plan(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input);
-
-// Epilogue over a whole output, in place.
-uint32_t zyn_fpi_finish(zyn_tensor* output, int32_t q_out, int32_t q_weights,
-                        const zyn_fpi_epilogue* epilogue);
+// Runs the plan's kernel, then the epilogue (null: none). 1: missing argument, channel
+// counts that differ from the record; 2: no memory for row buffers.
+uint32_t zyn_fpi_run_plan(const zyn_fpi_plan* plan, zyn_tensor* output, int32_t q_out,
+                          const zyn_tensor* input, int32_t q_weights,
+                          const zyn_fpi_epilogue* epilogue);
 
 // The whole layer from plain weights: plan, kernel, epilogue.
 uint32_t zyn_cg_fpi_conv2d(zyn_tensor* output, int32_t q_out, const zyn_tensor* input, int32_t q_in,
                            const int16_t* weights, int32_t q_weights, const zyn_conv_param* param,
                            const zyn_fpi_epilogue* epilogue);
 
+// What a kernel does with finished sums: adds the bias, then keeps them within low and
+// high. Everything of an epilogue but hard-swish, which is a pass of its own.
+struct zyn_fpi_outlet {
+  const int16_t* bias;  // or null
+  int32_t q_weights, q_out;
+  int16_t low, high;
+};
+
 // The kernels, called by zyn_fpi_run_plan with checked arguments.
 void zyn_fpi_pack_1x1(zyn_fpi_plan* plan);
 int64_t zyn_fpi_packed_1x1(const zyn_conv_param* param);  // size in words
-uint32_t zyn_fpi_run_1x1(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input);
+uint32_t zyn_fpi_run_1x1(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+                         const zyn_tensor* input);
 void zyn_fpi_pack_3x3(zyn_fpi_plan* plan);
 int64_t zyn_fpi_packed_3x3(const zyn_conv_param* param);
-uint32_t zyn_fpi_run_3x3(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input);
-uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, zyn_tensor* output,
-                                   const zyn_tensor* input);
-uint32_t zyn_fpi_run_6x6(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input);
-uint32_t zyn_fpi_run_any(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input);
+uint32_t zyn_fpi_run_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+                         const zyn_tensor* input);
+uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
+                                   zyn_tensor* output, const zyn_tensor* input);
+uint32_t zyn_fpi_run_6x6(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+                         const zyn_tensor* input);
+uint32_t zyn_fpi_run_any(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+                         const zyn_tensor* input);

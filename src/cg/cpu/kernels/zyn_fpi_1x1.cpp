@@ -97,8 +97,8 @@ void tile(__m256i (&sum)[2 * kRows], const int16_t* in, int64_t in_pitch, int64_
 
 // All output channels of up to 32 pixels.
 template <mode kMode>
-void run_pixels(const zyn_fpi_plan* plan, int16_t* out, int64_t out_pitch, const int16_t* in,
-                int64_t in_pitch, int64_t count) {
+void run_pixels(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, int16_t* out,
+                int64_t out_pitch, const int16_t* in, int64_t in_pitch, int64_t count) {
   const zyn_conv_param& p = plan->param;
   for (int64_t block = 0; block < blocks_of(p); block++) {
     __m256i sum[2 * kRows];
@@ -106,22 +106,24 @@ void run_pixels(const zyn_fpi_plan* plan, int16_t* out, int64_t out_pitch, const
                 list_of(plan, block), plan->shift);
     for (int64_t k = 0; k < kRows && block * kRows + k < p.out_channels; k++) {
       int16_t* row = out + (block * kRows + k) * out_pitch;
-      zyn_fpi_store_part(row, sum[2 * k], count);
+      const zyn_fpi_finisher finish(outlet, block * kRows + k);
+      zyn_fpi_store_part(row, finish(sum[2 * k]), count);
       if (count > kZynFpiLanes)
-        zyn_fpi_store_part(row + kZynFpiLanes, sum[2 * k + 1], count - kZynFpiLanes);
+        zyn_fpi_store_part(row + kZynFpiLanes, finish(sum[2 * k + 1]), count - kZynFpiLanes);
     }
   }
 }
 
 template <mode kMode>
-uint32_t run(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input) {
+uint32_t run(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+             const zyn_tensor* input) {
   const int64_t channels = plan->param.in_channels;
   const int64_t pixels = static_cast<int64_t>(input->dims[0]) * input->dims[1];
   const int16_t* in = zyn_fpi_words(input);
   int16_t* out = zyn_fpi_words(output);
   int64_t x = 0;
   for (; x + kPixels <= pixels; x += kPixels)
-    run_pixels<kMode>(plan, out + x, pixels, in + x, pixels, kPixels);
+    run_pixels<kMode>(plan, outlet, out + x, pixels, in + x, pixels, kPixels);
   const int64_t rest = pixels - x;
   if (rest == 0) return ZYN_RET_OK;
   // The last pixels go through a copy: nothing is read behind a plane.
@@ -130,7 +132,7 @@ uint32_t run(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* inp
   for (int64_t i = 0; i < channels; i++)
     memcpy(tail.get() + i * kPixels, in + i * pixels + x,
            static_cast<size_t>(rest) * sizeof(int16_t));
-  run_pixels<kMode>(plan, out + x, pixels, tail.get(), kPixels, rest);
+  run_pixels<kMode>(plan, outlet, out + x, pixels, tail.get(), kPixels, rest);
   return ZYN_RET_OK;
 }
 
@@ -165,7 +167,9 @@ void zyn_fpi_pack_1x1(zyn_fpi_plan* plan) {
   }
 }
 
-uint32_t zyn_fpi_run_1x1(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input) {
-  if (plan->shift <= kMulhrs) return run<kRounding>(plan, output, input);
-  return plan->shift == 16 ? run<kMiddle>(plan, output, input) : run<kHigh>(plan, output, input);
+uint32_t zyn_fpi_run_1x1(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+                         const zyn_tensor* input) {
+  if (plan->shift <= kMulhrs) return run<kRounding>(plan, outlet, output, input);
+  return plan->shift == 16 ? run<kMiddle>(plan, outlet, output, input)
+                           : run<kHigh>(plan, outlet, output, input);
 }

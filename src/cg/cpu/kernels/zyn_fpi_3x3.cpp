@@ -15,8 +15,9 @@ namespace {
 
 constexpr int64_t kTaps = 9;
 constexpr int64_t kPairs = 5;
-constexpr int64_t kChunk = 64;  // output channels whose sums stay on the stack
-constexpr int64_t kSlack = 24;  // what windows read behind the columns of their outputs
+constexpr int64_t kChunk = 64;     // output channels whose sums stay on the stack
+constexpr int64_t kBandRows = 32;  // padded rows of one channel, depthwise
+constexpr int64_t kSlack = 24;     // what windows read behind the columns of their outputs
 
 struct group {
   __m256i row0, row1, row2, third01, third2;
@@ -72,7 +73,7 @@ inline __m256i sum_of(const group& g, const weight_pairs& w) {
 }
 
 // 16 outputs, group a in the even lanes.
-inline __m256i convolve(const window& in, const weight_pairs& w, __m128i shift) {
+inline __m256i convolve(const window& in, const weight_pairs& w, __m256i shift) {
   return zyn_fpi_interleave(sum_of(in.a, w), sum_of(in.b, w), shift);
 }
 
@@ -93,24 +94,43 @@ void pack_taps(int32_t* to, const int16_t* w, int32_t round_weight) {
   to[4] = zyn_fpi_pair(w[8], round_weight);
 }
 
-// The ring: kRows padded rows of each of channels planes.
+// The ring: padded rows of each of channels planes, kRows of which are read at a time. The
+// padding around a row is written once. A ring of more rows is filled as a whole, so that
+// windows do not read words that have only just been written at another offset.
 template <int kRows>
 struct row_ring {
   zyn_scratch<int16_t> words;
   const int16_t* planes;
-  int64_t channels, width, height, pad_x, pad_y, pitch;
-  int64_t next = 0;  // first row not yet there, counted from -pad_y
+  int64_t channels, width, height, pad_x, pad_y, pitch, inside;
+  int64_t total;     // rows that the outputs read, counted from -pad_y
+  int64_t capacity;  // rows of the ring, a power of two
+  int64_t next = 0;  // first row not yet there
 
-  row_ring(const zyn_tensor* input, const zyn_conv_param& p, int64_t count, int64_t outputs)
-      : words(count * kRows * pitch_of(outputs, p.stride_h)),
+  // At most most_rows rows a plane, a power of two and at least kRows.
+  row_ring(const zyn_tensor* input, const zyn_tensor* output, const zyn_conv_param& p,
+           int64_t count, int64_t most_rows)
+      : words(zyn_scratch<int16_t>::zeroed(count * capacity_of(rows_of(output, p), most_rows) *
+                                           pitch_of(output->dims[0], p.stride_h))),
         planes(zyn_fpi_words(input)),
         channels(count),
         width(input->dims[0]),
         height(input->dims[1]),
         pad_x(p.pad_h),
         pad_y(p.pad_w),
-        pitch(pitch_of(outputs, p.stride_h)) {}
+        pitch(pitch_of(output->dims[0], p.stride_h)),
+        inside(pad_x >= pitch          ? 0
+               : width < pitch - pad_x ? width
+                                       : pitch - pad_x),
+        total(rows_of(output, p)),
+        capacity(capacity_of(total, most_rows)) {}
 
+  static int64_t rows_of(const zyn_tensor* output, const zyn_conv_param& p) {
+    return (output->dims[1] - int64_t{1}) * p.stride_w + kRows;
+  }
+  static int64_t capacity_of(int64_t rows, int64_t most_rows) {
+    while (most_rows / 2 >= rows) most_rows /= 2;
+    return most_rows;
+  }
   static int64_t pitch_of(int64_t outputs, int64_t stride) {
     return stride * ((outputs + kZynFpiLanes - 1) / kZynFpiLanes * kZynFpiLanes) + kSlack;
   }
@@ -120,24 +140,32 @@ struct row_ring {
   }
   // Lets rows first to first + kRows - 1, counted from -pad_y, be there.
   void advance(int64_t first) {
+    if (next >= first + kRows || inside == 0) return;
     if (next < first) next = first;
-    for (; next < first + kRows; next++)
-      for (int64_t c = 0; c < channels; c++)
-        zyn_fpi_copy_row(slot(c, next), pitch, planes + c * width * height, width, height,
-                         next - pad_y, pad_x);
+    const int64_t end = first + capacity < total ? first + capacity : total;
+    for (; next < end; next++)
+      for (int64_t c = 0; c < channels; c++) fill(slot(c, next) + pad_x, c, next - pad_y);
+  }
+  void fill(int16_t* to, int64_t c, int64_t y) const {
+    if (y >= 0 && y < height)
+      zyn_fpi_copy(to, planes + (c * height + y) * width, inside);
+    else
+      for (int64_t x = 0; x < inside; x++) to[x] = 0;
   }
   int16_t* slot(int64_t c, int64_t row) const {
-    return words.get() + (c * kRows + row % kRows) * pitch;
+    return words.get() + (c * capacity + (row & (capacity - 1))) * pitch;
   }
 };
 
-// 16 outputs at x of the channels first to first + count - 1.
+// 16 outputs at x of the channels first to first + count - 1. Whole vectors are stored
+// where room allows, beyond the end of a row: the next row comes later.
 template <int kStride>
 void dense_tile(int16_t* out, int64_t out_plane, const row_ring<3>& ring, int64_t row, int64_t x,
-                const zyn_fpi_plan* plan, int64_t first, int64_t count, int64_t valid) {
+                const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, int64_t first,
+                int64_t count, int64_t room) {
   alignas(32) __m256i sums[kChunk];
   const int64_t outputs = plan->param.out_channels;
-  const __m128i shift = _mm_cvtsi32_si128(plan->shift);
+  const __m256i shift = _mm256_set1_epi32(plan->shift);
   const __m256i constant = _mm256_set1_epi16(static_cast<int16_t>(factors_of(plan->shift).data));
   for (int64_t o = 0; o < count; o++) sums[o] = _mm256_setzero_si256();
   const int32_t* weights = plan->packed + first * kPairs;
@@ -149,52 +177,61 @@ void dense_tile(int16_t* out, int64_t out_plane, const row_ring<3>& ring, int64_
       sums[o] = _mm256_add_epi16(sums[o], convolve(in, load_weights(weights + o * kPairs), shift));
   }
   for (int64_t o = 0; o < count; o++)
-    zyn_fpi_store_part(out + o * out_plane, in_order<kStride>(sums[o]), valid);
+    zyn_fpi_store_part(out + o * out_plane,
+                       zyn_fpi_finisher(outlet, first + o)(in_order<kStride>(sums[o])), room);
 }
 
 template <int kStride>
-uint32_t dense(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input) {
+uint32_t dense(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+               const zyn_tensor* input) {
   const int64_t width = output->dims[0], height = output->dims[1];
   const int64_t outputs = plan->param.out_channels;
-  row_ring<3> ring(input, plan->param, plan->param.in_channels, width);
+  row_ring<3> ring(input, output, plan->param, plan->param.in_channels, 4);
   if (!ring.words) return ZYN_RET_ERR_MEMORY;
   for (int64_t y = 0; y < height; y++) {
     ring.advance(y * kStride);
     for (int64_t x = 0; x < width; x += kZynFpiLanes)
       for (int64_t first = 0; first < outputs; first += kChunk) {
         const int64_t count = outputs - first < kChunk ? outputs - first : kChunk;
-        dense_tile<kStride>(zyn_fpi_words(output) + first * width * height + y * width + x,
-                            width * height, ring, y * kStride, x, plan, first, count, width - x);
+        const int64_t at = y * width + x;
+        const int64_t room = at + kZynFpiLanes <= width * height ? kZynFpiLanes : width - x;
+        dense_tile<kStride>(zyn_fpi_words(output) + first * width * height + at, width * height,
+                            ring, y * kStride, x, plan, outlet, first, count, room);
       }
   }
   return ZYN_RET_OK;
 }
 
 template <int kStride>
-uint32_t depthwise(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input) {
+uint32_t depthwise(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+                   const zyn_tensor* input) {
   const int64_t width = output->dims[0], height = output->dims[1];
   const int64_t in_plane = static_cast<int64_t>(input->dims[0]) * input->dims[1];
-  row_ring<3> ring(input, plan->param, 1, width);
+  row_ring<3> ring(input, output, plan->param, 1, kBandRows);
   if (!ring.words) return ZYN_RET_ERR_MEMORY;
-  const __m128i shift = _mm_cvtsi32_si128(plan->shift);
+  const __m256i shift = _mm256_set1_epi32(plan->shift);
   const round_factors round = factors_of(plan->shift);
   const __m256i constant = _mm256_set1_epi16(static_cast<int16_t>(round.data));
-  int16_t* out = zyn_fpi_words(output);
+  int16_t* const out = zyn_fpi_words(output);
+  // Rows and planes follow each other: whole vectors are stored up to here.
+  const int64_t whole = output->count - kZynFpiLanes;
+  int64_t at = 0;
   for (int64_t c = 0; c < plan->param.out_channels; c++) {
     int32_t pairs[kPairs];
     pack_taps(pairs, plan->weights + c * kTaps, round.weight);
     const weight_pairs weights = load_weights(pairs);
+    const zyn_fpi_finisher finish(outlet, c);
     ring.start(zyn_fpi_words(input) + c * in_plane);
-    for (int64_t y = 0; y < height; y++, out += width) {
+    for (int64_t y = 0; y < height; y++, at += width) {
       const int64_t row = y * kStride;
       ring.advance(row);
       const int16_t* const rows[3] = {ring.slot(0, row), ring.slot(0, row + 1),
                                       ring.slot(0, row + 2)};
-      for (int64_t x = 0; x < width; x += kZynFpiLanes)
-        zyn_fpi_store_part(
-            out + x,
-            in_order<kStride>(convolve(gather<kStride>(rows, x, constant), weights, shift)),
-            width - x);
+      for (int64_t x = 0; x < width; x += kZynFpiLanes) {
+        const window in = gather<kStride>(rows, x, constant);
+        zyn_fpi_store_part(out + at + x, finish(in_order<kStride>(convolve(in, weights, shift))),
+                           at + x <= whole ? kZynFpiLanes : width - x);
+      }
     }
   }
   return ZYN_RET_OK;
@@ -203,7 +240,7 @@ uint32_t depthwise(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tenso
 // 16 outputs at x of one channel of the 6 x 6 kernel: its weights are pairs as they lie.
 __m256i tile_6x6(const row_ring<6>& ring, int64_t row, int64_t x, const int16_t* weights,
                  int32_t d) {
-  const __m128i shift = _mm_cvtsi32_si128(d);
+  const __m256i shift = _mm256_set1_epi32(d);
   const __m256i round = _mm256_set1_epi32(static_cast<int32_t>(zyn_fpi_round_term(d)));
   __m256i sum = _mm256_setzero_si256();
   for (int64_t i = 0; i < ring.channels; i++) {
@@ -235,19 +272,22 @@ void zyn_fpi_pack_3x3(zyn_fpi_plan* plan) {
       pack_taps(to, plan->weights + (o * p.in_channels + i) * kTaps, round_weight);
 }
 
-uint32_t zyn_fpi_run_3x3(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input) {
-  return plan->param.stride_h == 1 ? dense<1>(plan, output, input) : dense<2>(plan, output, input);
+uint32_t zyn_fpi_run_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+                         const zyn_tensor* input) {
+  return plan->param.stride_h == 1 ? dense<1>(plan, outlet, output, input)
+                                   : dense<2>(plan, outlet, output, input);
 }
 
-uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, zyn_tensor* output,
-                                   const zyn_tensor* input) {
-  return plan->param.stride_h == 1 ? depthwise<1>(plan, output, input)
-                                   : depthwise<2>(plan, output, input);
+uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
+                                   zyn_tensor* output, const zyn_tensor* input) {
+  return plan->param.stride_h == 1 ? depthwise<1>(plan, outlet, output, input)
+                                   : depthwise<2>(plan, outlet, output, input);
 }
 
-uint32_t zyn_fpi_run_6x6(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input) {
+uint32_t zyn_fpi_run_6x6(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+                         const zyn_tensor* input) {
   const int64_t width = output->dims[0], height = output->dims[1];
-  row_ring<6> ring(input, plan->param, plan->param.in_channels, width);
+  row_ring<6> ring(input, output, plan->param, plan->param.in_channels, 8);
   if (!ring.words) return ZYN_RET_ERR_MEMORY;
   for (int64_t y = 0; y < height; y++) {
     ring.advance(y);
@@ -255,7 +295,8 @@ uint32_t zyn_fpi_run_6x6(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn
       for (int64_t x = 0; x < width; x += kZynFpiLanes)
         zyn_fpi_store_part(
             zyn_fpi_words(output) + (o * height + y) * width + x,
-            tile_6x6(ring, y, x, plan->weights + o * 36 * plan->param.in_channels, plan->shift),
+            zyn_fpi_finisher(outlet, o)(tile_6x6(
+                ring, y, x, plan->weights + o * 36 * plan->param.in_channels, plan->shift)),
             width - x);
   }
   return ZYN_RET_OK;

@@ -4,8 +4,11 @@
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "cg/cpu/kernels/zyn_fpi.h"
 #include "cg/cpu/kernels/zyn_fpi_lanes.h"
+#include "cg/cpu/kernels/zyn_fpi_ops.h"
 
 namespace {
+
+constexpr int32_t kRelu = 1, kHardSwish = 2, kRelu6 = 3;  // activation codes
 
 bool is_kernel(const zyn_conv_param& p, int32_t size) {
   return p.kernel_h == size && p.kernel_w == size && p.dilation_h == 1 && p.dilation_w == 1;
@@ -64,9 +67,51 @@ void sum_row(uint32_t* sums, int64_t count, const int16_t* plane, int64_t width,
   }
 }
 
+zyn_fpi_outlet outlet_of(const zyn_fpi_epilogue* epilogue, int32_t q_weights, int32_t q_out) {
+  zyn_fpi_outlet outlet = {nullptr, q_weights, q_out, INT16_MIN, INT16_MAX};
+  if (!epilogue) return outlet;
+  outlet.bias = epilogue->bias;
+  if (epilogue->code == kRelu || epilogue->code == kRelu6) outlet.low = 0;
+  const int64_t six = int64_t{6} << (q_out & 31);
+  if (epilogue->code == kRelu6 && six < INT16_MAX) outlet.high = static_cast<int16_t>(six);
+  return outlet;
+}
+
+// The outlet over a whole output, for the kernels that do not apply it.
+void finish(const zyn_fpi_outlet& outlet, zyn_tensor* output) {
+  const int64_t pixels = static_cast<int64_t>(output->dims[0]) * output->dims[1];
+  int16_t* out = zyn_fpi_words(output);
+  for (int64_t c = 0; c < output->dims[2]; c++, out += pixels) {
+    const zyn_fpi_finisher finisher(outlet, c);
+    zyn_fpi_map(out, out, pixels, finisher);
+  }
+}
+
+uint32_t run_kernel(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+                    const zyn_tensor* input) {
+  switch (plan->kind) {
+    case ZYN_FPI_POINTWISE:
+      return zyn_fpi_run_1x1(plan, outlet, output, input);
+    case ZYN_FPI_DENSE_3X3:
+      return zyn_fpi_run_3x3(plan, outlet, output, input);
+    case ZYN_FPI_DENSE_6X6:
+      return zyn_fpi_run_6x6(plan, outlet, output, input);
+    case ZYN_FPI_DEPTHWISE_3X3:
+      return zyn_fpi_run_depthwise_3x3(plan, outlet, output, input);
+    case ZYN_FPI_DENSE_ANY:
+    case ZYN_FPI_DEPTHWISE_ANY:
+      return zyn_fpi_run_any(plan, outlet, output, input);
+    default:
+      memset(output->data, 0, static_cast<size_t>(output->byte_size));
+      finish(outlet, output);
+      return ZYN_RET_OK;
+  }
+}
+
 }  // namespace
 
-uint32_t zyn_fpi_run_any(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input) {
+uint32_t zyn_fpi_run_any(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+                         const zyn_tensor* input) {
   const zyn_conv_param& p = plan->param;
   const int64_t width = input->dims[0], height = input->dims[1];
   const int64_t out_width = output->dims[0], out_height = output->dims[1];
@@ -86,6 +131,7 @@ uint32_t zyn_fpi_run_any(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn
         for (int64_t x = 0; x < out_width; x++)
           out[x] = zyn_fpi_add1(out[x], zyn_fpi_narrow1(sums[x], plan->shift));
       }
+  finish(outlet, output);
   return ZYN_RET_OK;
 }
 
@@ -111,26 +157,17 @@ void zyn_fpi_drop_plan(zyn_fpi_plan* plan) {
   *plan = {};
 }
 
-uint32_t zyn_fpi_run_plan(const zyn_fpi_plan* plan, zyn_tensor* output, const zyn_tensor* input) {
+uint32_t zyn_fpi_run_plan(const zyn_fpi_plan* plan, zyn_tensor* output, int32_t q_out,
+                          const zyn_tensor* input, int32_t q_weights,
+                          const zyn_fpi_epilogue* epilogue) {
   if (!plan || !plan->weights || !output || !input || !output->data || !input->data ||
       output->dims[2] != plan->param.out_channels || input->dims[2] != plan->param.in_channels)
     return ZYN_RET_ERR_PARA;
-  switch (plan->kind) {
-    case ZYN_FPI_POINTWISE:
-      return zyn_fpi_run_1x1(plan, output, input);
-    case ZYN_FPI_DENSE_3X3:
-      return zyn_fpi_run_3x3(plan, output, input);
-    case ZYN_FPI_DENSE_6X6:
-      return zyn_fpi_run_6x6(plan, output, input);
-    case ZYN_FPI_DEPTHWISE_3X3:
-      return zyn_fpi_run_depthwise_3x3(plan, output, input);
-    case ZYN_FPI_DENSE_ANY:
-    case ZYN_FPI_DEPTHWISE_ANY:
-      return zyn_fpi_run_any(plan, output, input);
-    default:
-      memset(output->data, 0, static_cast<size_t>(output->byte_size));
-      return ZYN_RET_OK;
-  }
+  const zyn_fpi_outlet outlet = outlet_of(epilogue, q_weights, q_out);
+  const uint32_t code = run_kernel(plan, outlet, output, input);
+  if (code == ZYN_RET_OK && epilogue && epilogue->code == kHardSwish)
+    zyn_fpi_hard_swish(zyn_fpi_words(output), q_out, zyn_fpi_words(output), q_out, output->count);
+  return code;
 }
 
 uint32_t zyn_cg_fpi_conv2d(zyn_tensor* output, int32_t q_out, const zyn_tensor* input, int32_t q_in,
@@ -139,8 +176,7 @@ uint32_t zyn_cg_fpi_conv2d(zyn_tensor* output, int32_t q_out, const zyn_tensor* 
   if (!weights || !param) return ZYN_RET_ERR_PARA;
   zyn_fpi_plan plan = {};
   uint32_t code = zyn_fpi_make_plan(&plan, weights, param, q_in + q_weights - q_out);
-  if (code == ZYN_RET_OK) code = zyn_fpi_run_plan(&plan, output, input);
-  if (code == ZYN_RET_OK) code = zyn_fpi_finish(output, q_out, q_weights, epilogue);
+  if (code == ZYN_RET_OK) code = zyn_fpi_run_plan(&plan, output, q_out, input, q_weights, epilogue);
   zyn_fpi_drop_plan(&plan);
   return code;
 }

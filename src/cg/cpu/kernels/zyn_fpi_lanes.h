@@ -5,7 +5,7 @@
 #include <stdint.h>
 #include <string.h>
 
-#include "zyncore.h"
+#include "cg/cpu/kernels/zyn_fpi.h"
 
 inline constexpr int64_t kZynFpiLanes = 16;
 
@@ -40,21 +40,42 @@ inline int32_t zyn_fpi_pair(int32_t first, int32_t second) {
                               static_cast<uint32_t>(second) << 16);
 }
 
-// Both vectors shifted right, their low halves side by side: even[j] in lane 2j.
-inline __m256i zyn_fpi_interleave(__m256i even, __m256i odd, __m128i shift) {
-  odd = _mm256_slli_epi32(_mm256_sra_epi32(odd, shift), 16);
-  return _mm256_blend_epi16(_mm256_sra_epi32(even, shift), odd, 0xAA);
+// Both vectors shifted right, their low halves side by side: even[j] in lane 2j. The count
+// lies in every lane: such shifts are one operation, those by a register two.
+inline __m256i zyn_fpi_interleave(__m256i even, __m256i odd, __m256i shift) {
+  odd = _mm256_slli_epi32(_mm256_srav_epi32(odd, shift), 16);
+  return _mm256_blend_epi16(_mm256_srav_epi32(even, shift), odd, 0xAA);
 }
 
-// pitch elements of row y of a plane of w x h, from column -pad on; zeros outside.
-inline void zyn_fpi_copy_row(int16_t* to, int64_t pitch, const int16_t* plane, int64_t w, int64_t h,
-                             int64_t y, int64_t pad) {
-  const int64_t before = pad < pitch ? pad : pitch;
-  const int64_t room = pitch - before;
-  const int64_t inside = y < 0 || y >= h ? 0 : w < room ? w : room;
-  memset(to, 0, static_cast<size_t>(before) * sizeof(int16_t));
-  if (inside) memcpy(to + before, plane + y * w, static_cast<size_t>(inside) * sizeof(int16_t));
-  memset(to + before + inside, 0, static_cast<size_t>(room - inside) * sizeof(int16_t));
+// An outlet for one output channel.
+struct zyn_fpi_finisher {
+  __m256i bias, low, high;
+  zyn_fpi_finisher(const zyn_fpi_outlet& o, int64_t channel)
+      : bias(_mm256_set1_epi16(o.bias ? zyn_fpi_rescale1(o.bias[channel], o.q_weights, o.q_out)
+                                      : int16_t{0})),
+        low(_mm256_set1_epi16(o.low)),
+        high(_mm256_set1_epi16(o.high)) {}
+  __m256i operator()(__m256i sum) const {
+    return _mm256_min_epi16(_mm256_max_epi16(_mm256_add_epi16(sum, bias), low), high);
+  }
+};
+
+// Copies count values: short rows are too many for calls of memcpy. The last vector
+// overlaps the one before.
+inline void zyn_fpi_copy(int16_t* to, const int16_t* from, int64_t count) {
+  if (count >= kZynFpiLanes) {
+    for (int64_t i = 0; i + kZynFpiLanes < count; i += kZynFpiLanes)
+      zyn_fpi_store(to + i, zyn_fpi_load(from + i));
+    const int64_t last = count - kZynFpiLanes;
+    return zyn_fpi_store(to + last, zyn_fpi_load(from + last));
+  }
+  if (count >= 8) {
+    const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
+    const __m128i last = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + count - 8));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), first);
+    return _mm_storeu_si128(reinterpret_cast<__m128i*>(to + count - 8), last);
+  }
+  for (int64_t i = 0; i < count; i++) to[i] = from[i];
 }
 
 // Stores the first count of up to 16 lanes.
@@ -62,7 +83,23 @@ inline void zyn_fpi_store_part(int16_t* to, __m256i v, int64_t count) {
   if (count >= kZynFpiLanes) return zyn_fpi_store(to, v);
   alignas(32) int16_t lanes[kZynFpiLanes];
   _mm256_store_si256(reinterpret_cast<__m256i*>(lanes), v);
-  memcpy(to, lanes, static_cast<size_t>(count) * sizeof(int16_t));
+  zyn_fpi_copy(to, lanes, count);
+}
+
+// Up to 16 values; the idle lanes are 0.
+inline __m256i zyn_fpi_load_part(const int16_t* from, int64_t count) {
+  alignas(32) int16_t lanes[kZynFpiLanes] = {};
+  memcpy(lanes, from, static_cast<size_t>(count) * sizeof(int16_t));
+  return _mm256_load_si256(reinterpret_cast<const __m256i*>(lanes));
+}
+
+// out[i] = f(in[i]) on vectors of 16.
+template <typename Function>
+inline void zyn_fpi_map(int16_t* out, const int16_t* in, int64_t count, Function f) {
+  int64_t i = 0;
+  for (; i + kZynFpiLanes <= count; i += kZynFpiLanes)
+    zyn_fpi_store(out + i, f(zyn_fpi_load(in + i)));
+  if (i < count) zyn_fpi_store_part(out + i, f(zyn_fpi_load_part(in + i, count - i)), count - i);
 }
 
 inline int16_t* zyn_fpi_words(const zyn_tensor* t) { return static_cast<int16_t*>(t->data); }

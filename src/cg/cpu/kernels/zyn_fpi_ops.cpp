@@ -4,7 +4,6 @@
 
 #include <math.h>
 
-#include "cg/cpu/kernels/zyn_fpi.h"
 #include "cg/cpu/kernels/zyn_fpi_lanes.h"
 
 namespace {
@@ -12,23 +11,7 @@ namespace {
 constexpr int32_t kSigmoidBits = 15;
 constexpr int32_t kMostWord = 32767;
 
-// Up to 16 values; the idle lanes are 0.
-__m256i load_part(const int16_t* from, int64_t count) {
-  alignas(32) int16_t lanes[kZynFpiLanes] = {};
-  memcpy(lanes, from, static_cast<size_t>(count) * sizeof(int16_t));
-  return _mm256_load_si256(reinterpret_cast<const __m256i*>(lanes));
-}
-
-// out[i] = f(in[i]) on vectors of 16.
-template <typename Function>
-void map(int16_t* out, const int16_t* in, int64_t count, Function f) {
-  int64_t i = 0;
-  for (; i + kZynFpiLanes <= count; i += kZynFpiLanes)
-    zyn_fpi_store(out + i, f(zyn_fpi_load(in + i)));
-  if (i < count) zyn_fpi_store_part(out + i, f(load_part(in + i, count - i)), count - i);
-}
-
-// The same with two operands.
+// zyn_fpi_map with two operands.
 template <typename Function>
 void map2(int16_t* out, const zyn_fpi_operand& a, const zyn_fpi_operand& b, int64_t count,
           Function f) {
@@ -36,7 +19,7 @@ void map2(int16_t* out, const zyn_fpi_operand& a, const zyn_fpi_operand& b, int6
     return x.is_single ? _mm256_set1_epi16(*x.values) : zyn_fpi_load(x.values + i);
   };
   const auto part = [](const zyn_fpi_operand& x, int64_t i, int64_t left) {
-    return x.is_single ? _mm256_set1_epi16(*x.values) : load_part(x.values + i, left);
+    return x.is_single ? _mm256_set1_epi16(*x.values) : zyn_fpi_load_part(x.values + i, left);
   };
   int64_t i = 0;
   for (; i + kZynFpiLanes <= count; i += kZynFpiLanes)
@@ -96,23 +79,17 @@ void for_each_window(int16_t* out, const int16_t* in, const zyn_fpi_pool& s, Fin
     }
 }
 
-// The activation codes that have a function.
-void activate(int16_t* row, int64_t count, int32_t q, int32_t code) {
-  if (code == 1) zyn_fpi_relu(row, row, count);
-  if (code == 2) zyn_fpi_hard_swish(row, q, row, q, count);
-  if (code == 3) zyn_fpi_relu6(row, row, count, q);
-}
-
 }  // namespace
 
 void zyn_fpi_relu(int16_t* out, const int16_t* in, int64_t count) {
-  map(out, in, count, [](__m256i x) { return _mm256_max_epi16(x, _mm256_setzero_si256()); });
+  zyn_fpi_map(out, in, count,
+              [](__m256i x) { return _mm256_max_epi16(x, _mm256_setzero_si256()); });
 }
 
 void zyn_fpi_relu6(int16_t* out, const int16_t* in, int64_t count, int32_t q) {
   const int32_t six = 6 << q;
   const __m256i most = _mm256_set1_epi16(static_cast<int16_t>(six < kMostWord ? six : kMostWord));
-  map(out, in, count, [=](__m256i x) {
+  zyn_fpi_map(out, in, count, [=](__m256i x) {
     return _mm256_min_epi16(_mm256_max_epi16(x, _mm256_setzero_si256()), most);
   });
 }
@@ -130,7 +107,8 @@ void zyn_fpi_hard_swish(int16_t* out, int32_t q_out, const int16_t* in, int32_t 
     const __m256i gate = shift(_mm256_mullo_epi32(_mm256_min_epi32(open, six), sixth));
     return shift(_mm256_mullo_epi32(x, gate));
   };
-  map(out, in, count, [=](__m256i x) { return join(half(low_half(x)), half(high_half(x))); });
+  zyn_fpi_map(out, in, count,
+              [=](__m256i x) { return join(half(low_half(x)), half(high_half(x))); });
 }
 
 void zyn_fpi_sigmoid(int16_t* out, const int16_t* in, int32_t q_in, int64_t count) {
@@ -150,7 +128,8 @@ void zyn_fpi_rescale(int16_t* out, int32_t q_out, const int16_t* in, int32_t q_i
     return;
   }
   const rescale scale(q_in, q_out);
-  map(out, in, count, [=](__m256i x) { return join(scale(low_half(x)), scale(high_half(x))); });
+  zyn_fpi_map(out, in, count,
+              [=](__m256i x) { return join(scale(low_half(x)), scale(high_half(x))); });
 }
 
 void zyn_fpi_add(int16_t* out, int32_t q_out, const zyn_fpi_operand& a, const zyn_fpi_operand& b,
@@ -223,20 +202,4 @@ void zyn_fpi_apply_scale(int16_t* out, const int16_t* in, int64_t count,
   for (int64_t i = 0; i < count; i++)
     out[i] =
         static_cast<int16_t>((in[i] * int64_t{scale.multiplier} + scale.offset) >> scale.shift);
-}
-
-uint32_t zyn_fpi_finish(zyn_tensor* output, int32_t q_out, int32_t q_weights,
-                        const zyn_fpi_epilogue* epilogue) {
-  const bool has_function = epilogue && epilogue->code >= 1 && epilogue->code <= 3;
-  if (!epilogue || (!epilogue->bias && !has_function)) return ZYN_RET_OK;
-  const int64_t pixels = static_cast<int64_t>(output->dims[0]) * output->dims[1];
-  int16_t* plane = zyn_fpi_words(output);
-  for (int64_t c = 0; c < output->dims[2]; c++, plane += pixels) {
-    if (epilogue->bias) {
-      const __m256i bias = _mm256_set1_epi16(zyn_fpi_rescale1(epilogue->bias[c], q_weights, q_out));
-      map(plane, plane, pixels, [=](__m256i y) { return _mm256_add_epi16(y, bias); });
-    }
-    activate(plane, pixels, q_out, epilogue->code);
-  }
-  return ZYN_RET_OK;
 }
