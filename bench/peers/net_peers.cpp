@@ -1,10 +1,11 @@
 // Whole-network latency through OpenCV dnn, one thread.
 // Usage: net_peers FILE WIDTHxHEIGHT [--channels 3] [--isa avx2|native] [--runs n]
-//                  [--layers LAYERFILE] [--subject COMMAND --net NAME]
+//                  [--layers LAYERFILE] [--subject COMMAND --net NAME [--methods 2,1,0]]
 // FILE is an ONNX network, or a layer list (*.layers): then the network in which every
 // layer reads the latest output of its input shape, each a convolution with bias and ReLU.
 // The layer file only supplies the work count (OpenCV's own count is wrong for
-// depthwise layers). With a subject, its network is NAME, measured in turn.
+// depthwise layers). With a subject, its network is NAME under each of the methods, measured
+// in turn.
 #include <opencv2/core.hpp>
 #include <opencv2/dnn.hpp>
 
@@ -58,7 +59,7 @@ int main(int argc, char** argv) {
   if (sscanf(arg_pos(argc, argv, 1).c_str(), "%dx%d", &w, &h) != 2) {
     fprintf(stderr,
             "usage: net_peers FILE WIDTHxHEIGHT [--channels 3] [--isa avx2|native] [--runs n]"
-            " [--layers LAYERFILE] [--subject COMMAND --net NAME]\n");
+            " [--layers LAYERFILE] [--subject COMMAND --net NAME [--methods 2,1,0]]\n");
     return 2;
   }
   const int runs = static_cast<int>(arg_num(argc, argv, "--runs", 200));
@@ -82,11 +83,25 @@ int main(int argc, char** argv) {
   if (!lf.empty())
     for (const Layer& l : read_layers(lf)) flop += l.flop() * l.count;
 
-  Subject subject(arg_str(argc, argv, "--subject"));
-  const std::string name = arg_str(argc, argv, "--net");
-  const bool sub = subject.present() && subject.setup("net " + name);
-  Samples s, med;
-  double sub_min = 0;
+  // One process for each method: a process keeps one network.
+  struct Ours {
+    std::string method;
+    Subject process;
+    bool ready = false;
+    double min = 0;
+    Samples medians;
+    explicit Ours(const std::string& command) : process(command) {}
+  };
+  std::vector<std::unique_ptr<Ours>> ours;
+  const std::string command = arg_str(argc, argv, "--subject");
+  std::istringstream methods(arg_str(argc, argv, "--methods", "2"));
+  for (std::string m; !command.empty() && std::getline(methods, m, ',');) {
+    ours.emplace_back(new Ours(command));
+    ours.back()->method = m;
+    ours.back()->ready =
+        ours.back()->process.setup("net " + arg_str(argc, argv, "--net") + " " + m);
+  }
+  Samples s;
   Peak peak;
   const int rounds = 10;
   for (int r = 0; r < rounds; r++) {
@@ -98,7 +113,9 @@ int main(int argc, char** argv) {
       net.forward(res, outs);
       s.ns.push_back(now_ns() - t0);
     }
-    if (sub) subject.time((now_ns() - start) / 1e6, sub_min, med.ns);
+    const double ms = (now_ns() - start) / 1e6;
+    for (auto& o : ours)
+      if (o->ready) o->process.time(ms, o->min, o->medians.ns);
   }
   printf("isa %s: OpenCV avx2=%d avx512=%d; convolutions %.2f MFLOP; outputs:", isa_name(isa),
          cv::checkHardwareSupport(CV_CPU_AVX2), cv::checkHardwareSupport(CV_CPU_AVX512_SKX),
@@ -115,9 +132,12 @@ int main(int argc, char** argv) {
     printf("\n");
   };
   line("opencv-dnn", s.min(), s.median());
-  if (sub) {
-    line("subject", sub_min, med.median());
-    printf("  subject x%.2f of opencv-dnn\n", s.min() / sub_min);
+  bool failed = false;
+  for (auto& o : ours) {
+    failed |= o->process.failed();
+    if (!(o->min > 0)) continue;
+    line(("subject-m" + o->method).c_str(), o->min, o->medians.median());
+    printf("  subject-m%s x%.2f of opencv-dnn\n", o->method.c_str(), s.min() / o->min);
   }
-  return subject.failed() ? 1 : 0;
+  return failed ? 1 : 0;
 }

@@ -1,13 +1,14 @@
 // This library's side of the comparison: answers the harness's requests (protocol in
-// bench/README.md) through the exported functions; only the general multiply, which is
-// not exported, is called directly.
+// bench/README.md) through the exported functions; only the general multiply and the
+// matrix product, which are not exported, are called directly.
 #include <unistd.h>
 
 #include <iostream>
 
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
-#include "network.h"
 #include "common.h"
+#include "matrix/zyn_matrix_ops.h"
+#include "network.h"
 
 namespace subject {
 
@@ -58,6 +59,86 @@ Job sgemm_job(std::istringstream& request) {
           [=](size_t i) { return double((*c)[i]); }};
 }
 
+std::shared_ptr<zyn_matrix> matrix(int n, int type, uint32_t stream) {
+  const std::shared_ptr<zyn_matrix> m(zyn_create_matrix(n, n, 1, type), [](zyn_matrix* last) {
+    if (last) zyn_release_matrix(&last);
+  });
+  for (int i = 0; m && i < n * n; i++) {
+    const float value = peers::test_value(static_cast<uint32_t>(i), stream);
+    if (type == ZYN_TYPE_F32)
+      static_cast<float*>(m->data)[i] = value;
+    else
+      static_cast<double*>(m->data)[i] = value;
+  }
+  return m;
+}
+
+// "matmul n f32|f64": the matrix routines' own product.
+Job matmul_job(std::istringstream& request) {
+  int n = 0;
+  std::string type_name;
+  request >> n >> type_name;
+  const int type = type_name == "f64" ? ZYN_TYPE_F64 : ZYN_TYPE_F32;
+  const auto a = matrix(n, type, peers::kMatA), b = matrix(n, type, peers::kMatB),
+             c = matrix(n, type, 0);
+  if (!a || !b || !c) return {};
+  return {[=] { zyn_matrix_multiply(c.get(), a.get(), b.get(), 0); },
+          [=](size_t i) {
+            return type == ZYN_TYPE_F32 ? double(static_cast<float*>(c->data)[i])
+                                        : static_cast<double*>(c->data)[i];
+          }};
+}
+
+// One frame of a tracker: predicts and corrects n tracks, the pairing given.
+struct Tracker {
+  std::vector<zyn_detection> boxes;
+  std::vector<int32_t> ids;
+  zyn_sort_handle* sort = nullptr;
+  zyn_sort_match_info* pairs = nullptr;
+
+  explicit Tracker(int n) : boxes(n, {70, 75, 110, 135, 1}), ids(n) {
+    const zyn_sort_param param = {1, 1, 0.3f, 0};
+    sort = zyn_create_sort_handle(&param);
+    pairs = zyn_create_sort_match_info(0, n);
+    if (!ok()) return;
+    for (int i = 0; i < n; i++) pairs->unmatched[i] = i;
+    frame();  // every box becomes a track
+    zyn_release_sort_match_info(&pairs);
+    pairs = zyn_create_sort_match_info(n, 0);
+    boxes.assign(n, {85, 85, 115, 115, 1});
+    for (int i = 0; ok() && i < n; i++) pairs->matched[2 * i] = pairs->matched[2 * i + 1] = i;
+  }
+  Tracker(const Tracker&) = delete;
+  Tracker& operator=(const Tracker&) = delete;
+  ~Tracker() {
+    zyn_release_sort_match_info(&pairs);
+    zyn_release_sort_handle(&sort);
+  }
+  bool ok() const { return sort && pairs; }
+  void frame() {
+    zyn_track_info* predicted = zyn_create_sort_predict(sort);
+    zyn_sort_update_detection(boxes.data(), ids.data(), nullptr, static_cast<int>(boxes.size()),
+                              pairs, sort);
+    zyn_release_track_info(&predicted);
+  }
+  double coordinate(size_t i) const {
+    zyn_track_info* listed = zyn_sort_get_track_info(sort);
+    const bool known = listed && i < 4 * static_cast<size_t>(listed->count);
+    const double value = known ? double(listed->boxes[i]) : 0;
+    zyn_release_track_info(&listed);
+    return value;
+  }
+};
+
+Job track_job(std::istringstream& request) {
+  int n = 0;
+  request >> n;
+  if (n < 1) return {};
+  const auto tracker = std::make_shared<Tracker>(n);
+  if (!tracker->ok()) return {};
+  return {[=] { tracker->frame(); }, [=](size_t i) { return tracker->coordinate(i); }};
+}
+
 Job nms_job(std::istringstream& request) {
   int n = 0;
   float threshold = 0;
@@ -76,11 +157,8 @@ Job nms_job(std::istringstream& request) {
 const struct {
   const char* verb;
   Job (*make)(std::istringstream& request);
-} kJobs[] = {{"conv", conv_job},
-             {"sgemm", sgemm_job},
-             {"net", net_job},
-             {"image", image_job},
-             {"nms", nms_job}};
+} kJobs[] = {{"conv", conv_job},   {"sgemm", sgemm_job}, {"matmul", matmul_job}, {"net", net_job},
+             {"image", image_job}, {"nms", nms_job},     {"track", track_job}};
 
 Job make_job(const std::string& verb, std::istringstream& request) {
   for (const auto& job : kJobs)
