@@ -246,7 +246,7 @@ TEST(FixedPoint, ProductsInSixteenBitsAreExact) {
     for (int first = 0; first < (all ? kValues : kWeights); first += kWeights) {
       int16_t w[kWeights];
       for (int k = 0; k < kWeights; k++) w[k] = all ? low16(first + k) : any_word(random);
-      if (!all) w[0] = -32768, w[1] = 32767, w[2] = low16(1 << d), w[3] = low16(-(1 << d));
+      if (!all) w[0] = -32768, w[1] = 32767, w[2] = low16(int64_t{1} << d), w[3] = low16(-(int64_t{1} << d));
       ASSERT_EQ(zyn_cg_fpi_conv2d(out, 0, in, d, w, 0, &p, nullptr), 0u);
       const auto* got = static_cast<const int16_t*>(out->data);
       int64_t wrong = 0;
