@@ -440,7 +440,7 @@ ZYN_API int32_t zyn_cg_load_model(void* buffer, int32_t word_count, const char* 
 /* ------------------------------------------------------------------------ */
 
 /* Activation codes of types 12 and 13, applied after the convolution. Any other
- * code, 3 included, leaves the plain convolution without bias. */
+ * code, 3 included, leaves the plain convolution without bias (fixed point: 3 is ReLU6). */
 enum {
   ZYN_ACT_BIAS = 0,        /* bias only */
   ZYN_ACT_RELU = 1,        /* bias, then max(y, 0) */
@@ -468,10 +468,14 @@ enum {
  * It may lie anywhere 4-byte aligned. Weights are read by preparation, biases at
  * every run; type 13 reads everything by preparation.
  *
- * Codes: prepare 1 (no input or constant, constant too short), 2 (output below one
- * pixel, memory, or a shape that method 2 refuses: unequal pairs, dilation, groups
- * other than 1 and in_channels); run 1 (channel counts of record and tensors
- * differ), 4 (method 1 with a shape it has no kernel for). */
+ * In fixed point the constant is converted to 16 bits by preparation, and the code 3 of
+ * types 12 and 13 means ReLU6: see docs/fixed-point.md.
+ *
+ * Codes: prepare 1 (no input or constant, constant too short; fixed point: input not of
+ * 16 bits, q above 15, fewer fraction bits in input and weights than in the output), 2 (output
+ * below one pixel, memory, or a shape that method 2 refuses: unequal pairs, dilation, groups other
+ * than 1 and in_channels); run 1 (channel counts of record and tensors differ), 4 (method 1 with a
+ * shape it has no kernel for). */
 typedef struct zyn_conv_param {
   int32_t in_channels, out_channels;
   int32_t kernel_h, kernel_w;
@@ -525,13 +529,15 @@ ZYN_API void zyn_center_form_to_corner_form(float* boxes, int32_t count);
  * Returns the number written; 0 for null arguments and without memory (silent). */
 ZYN_API int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int32_t count,
                             float iou_threshold);
-/* The remaining operators. All compute on float tensors; those that move data (32 to
- * 35) take any type. "Input" is the output of the one predecessor that is not a constant,
+/* The remaining operators. All compute on float tensors, in fixed-point graphs on 16-bit
+ * ones as far as docs/operators.md lists them; those that move data (32 to 35) take any
+ * type in float graphs. "Input" is the output of the one predecessor that is not a constant,
  * or the tensor of a graph input (type 0). Unless said otherwise a type has exactly one
  * predecessor, and its codes are
  *   bind 1 (no record), 2 (no memory);
  *   prepare 1 (wrong number of predecessors, no input, not of floats, a record out of
- *   range, a constant that is too short), 2 (output or workspace could not be made),
+ *   range, a constant that is too short; fixed point: no Q list, input not of 16 bits,
+ *   a q above 15 or above what the operands have), 2 (output or workspace could not be made),
  *   4 (fixed-point graph: no 16-bit form of this type);
  *   run 1 (a tensor without data, or whose shape changed since preparation), 2 (no
  *   memory to bring a blocked input to planar order).
@@ -863,8 +869,8 @@ ZYN_API int32_t zyn_bind_base_net_conv_bn(uint32_t in_channels, uint32_t out_cha
                                           uint32_t stride, uint32_t node, zyn_cg_handle* graph);
 
 /* node: type 13, depthwise k 3, s stride, p 1, ReLU; node + 1: type 13, 1 x 1, ReLU. */
-ZYN_API int32_t zyn_bind_base_net_conv_dw(uint32_t channels, uint32_t out_channels,
-                                          uint32_t stride, uint32_t node, zyn_cg_handle* graph);
+ZYN_API int32_t zyn_bind_base_net_conv_dw(uint32_t channels, uint32_t out_channels, uint32_t stride,
+                                          uint32_t node, zyn_cg_handle* graph);
 
 /* node: type 12, depthwise k 3, s stride, p 1, bias, ReLU; node + 1: type 5 with
  * bias. */
@@ -906,8 +912,7 @@ ZYN_API void zyn_transform_image_data_for_ssd_detector_fp16(zyn_tensor* tensor,
                                                             const zyn_image* image);
 ZYN_API void zyn_transform_image_data_for_ssd_detector_rgb24_fp16(zyn_tensor* tensor,
                                                                   const zyn_image* image);
-ZYN_API void zyn_transform_image_data_for_pfld_detector(zyn_tensor* tensor,
-                                                        const zyn_image* image);
+ZYN_API void zyn_transform_image_data_for_pfld_detector(zyn_tensor* tensor, const zyn_image* image);
 ZYN_API void zyn_transform_image_data_for_pfld_detector_rgb24(zyn_tensor* tensor,
                                                               const zyn_image* image);
 ZYN_API void zyn_transform_image_data_for_pfld_detector_fp16(zyn_tensor* tensor,
@@ -918,8 +923,8 @@ ZYN_API void zyn_transform_image_data_for_pfld_detector_rgb24_fp16(zyn_tensor* t
 /* Drops the fourth byte of every pixel; rows without padding on both sides. Takes
  * width * height * 4 bytes, gives * 3; destination may be source. 1: null pointer
  * (silent). */
-ZYN_API int32_t zyn_convert_rgba_to_rgb(uint8_t* destination, const uint8_t* source,
-                                        int32_t width, int32_t height);
+ZYN_API int32_t zyn_convert_rgba_to_rgb(uint8_t* destination, const uint8_t* source, int32_t width,
+                                        int32_t height);
 
 /* Pads an image (format 0, 1 or 5) with black to height / width = ratio; the odd
  * pixel goes to the bottom or right. The four margins in pixels come back through

@@ -152,7 +152,10 @@ TEST(FixedPoint, DenseAndDepthwise3x3) {
       }
   Conv(20, 4, 2, 65).check();  // more output channels than one tile holds
   Conv(3, 40, 2, 2).stride(2, 2).pad(1, 9).check();
-  Conv(6, 3, 2, 2).pad(40, 30).check();
+  for (int groups : {1, 2}) {
+    Conv(6, 3, 2, 2).groups(groups).pad(40, 30).check();
+    Conv(20, 15, 2, 2).groups(groups).pad(0, 5).check();
+  }
 }
 
 TEST(FixedPoint, Pointwise) {
@@ -246,7 +249,9 @@ TEST(FixedPoint, ProductsInSixteenBitsAreExact) {
     for (int first = 0; first < (all ? kValues : kWeights); first += kWeights) {
       int16_t w[kWeights];
       for (int k = 0; k < kWeights; k++) w[k] = all ? low16(first + k) : any_word(random);
-      if (!all) w[0] = -32768, w[1] = 32767, w[2] = low16(int64_t{1} << d), w[3] = low16(-(int64_t{1} << d));
+      if (!all)
+        w[0] = -32768, w[1] = 32767, w[2] = low16(int64_t{1} << d),
+        w[3] = low16(-(int64_t{1} << d));
       ASSERT_EQ(zyn_cg_fpi_conv2d(out, 0, in, d, w, 0, &p, nullptr), 0u);
       const auto* got = static_cast<const int16_t*>(out->data);
       int64_t wrong = 0;

@@ -15,9 +15,10 @@ namespace {
 
 constexpr int64_t kTaps = 9;
 constexpr int64_t kPairs = 5;
-constexpr int64_t kChunk = 64;     // output channels whose sums stay on the stack
-constexpr int64_t kBandRows = 32;  // padded rows of one channel, depthwise
-constexpr int64_t kSlack = 24;     // what windows read behind the columns of their outputs
+constexpr int64_t kChunk = 64;        // output channels whose sums stay on the stack
+constexpr int64_t kBandRows = 32;     // padded rows of one channel, depthwise
+constexpr int64_t kFlatWords = 4096;  // of a padded plane that is worked on as a whole
+constexpr int64_t kSlack = 24;        // what windows read behind the columns of their outputs
 
 struct group {
   __m256i row0, row1, row2, third01, third2;
@@ -237,6 +238,50 @@ uint32_t depthwise(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_t
   return ZYN_RET_OK;
 }
 
+// Whether the windows of the whole padded plane are fewer vectors than its rows one by one
+// (by a tenth: results are copied once more).
+bool is_better_flat(int64_t width, int64_t height) {
+  const int64_t by_rows = (width + kZynFpiLanes - 1) / kZynFpiLanes * height;
+  const int64_t flat = ((width + 2) * height + kZynFpiLanes - 1) / kZynFpiLanes;
+  return 10 * flat <= 9 * by_rows && (width + 2) * (height + 2) <= kFlatWords;
+}
+
+// Stride 1, small planes with rows that fill vectors badly: the whole padded plane is one
+// run of windows; the two between the rows are computed in vain and not copied.
+uint32_t depthwise_flat(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+                        const zyn_tensor* input) {
+  const zyn_conv_param& p = plan->param;
+  const int64_t width = output->dims[0], height = output->dims[1];
+  const int64_t in_width = input->dims[0], in_height = input->dims[1];
+  const int64_t pitch = width + 2;
+  auto plane = zyn_scratch<int16_t>::zeroed(pitch * (height + 2) + kZynFpiLanes + kSlack);
+  zyn_scratch<int16_t> results(pitch * height + kZynFpiLanes);
+  if (!plane || !results) return ZYN_RET_ERR_MEMORY;
+  const round_factors round = factors_of(plan->shift);
+  const __m256i shift = _mm256_set1_epi32(plan->shift);
+  const __m256i constant = _mm256_set1_epi16(static_cast<int16_t>(round.data));
+  const int16_t* in = zyn_fpi_words(input);
+  int16_t* out = zyn_fpi_words(output);
+  for (int64_t c = 0; c < p.out_channels; c++) {
+    // The padding stays as it is. Rows and columns: what of the input windows can reach.
+    for (int64_t y = 0; y < in_height; y++, in += in_width)
+      if (y + p.pad_w < height + 2 && p.pad_h < pitch)
+        zyn_fpi_copy(plane.get() + (y + p.pad_w) * pitch + p.pad_h, in,
+                     in_width < pitch - p.pad_h ? in_width : pitch - p.pad_h);
+    int32_t pairs[kPairs];
+    pack_taps(pairs, plan->weights + c * kTaps, round.weight);
+    const weight_pairs weights = load_weights(pairs);
+    const zyn_fpi_finisher finish(outlet, c);
+    const int16_t* const rows[3] = {plane.get(), plane.get() + pitch, plane.get() + 2 * pitch};
+    for (int64_t i = 0; i < pitch * height; i += kZynFpiLanes)
+      zyn_fpi_store(results.get() + i,
+                    finish(convolve(gather<1>(rows, i, constant), weights, shift)));
+    for (int64_t y = 0; y < height; y++, out += width)
+      zyn_fpi_copy(out, results.get() + y * pitch, width);
+  }
+  return ZYN_RET_OK;
+}
+
 // 16 outputs at x of one channel of the 6 x 6 kernel: its weights are pairs as they lie.
 __m256i tile_6x6(const row_ring<6>& ring, int64_t row, int64_t x, const int16_t* weights,
                  int32_t d) {
@@ -280,6 +325,8 @@ uint32_t zyn_fpi_run_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
 
 uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
                                    zyn_tensor* output, const zyn_tensor* input) {
+  if (plan->param.stride_h == 1 && is_better_flat(output->dims[0], output->dims[1]))
+    return depthwise_flat(plan, outlet, output, input);
   return plan->param.stride_h == 1 ? depthwise<1>(plan, outlet, output, input)
                                    : depthwise<2>(plan, outlet, output, input);
 }
