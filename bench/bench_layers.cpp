@@ -1,4 +1,5 @@
-// Every layer of the given lists, and every list as a network, under all methods:
+// Every layer of the given lists, and every list as a network, under all methods and in
+// fixed point:
 //   bench_layers LAYERFILE... [--benchmark_filter=...]
 // Each layer is checked against a plain loop in double precision before it is timed.
 #include <benchmark/benchmark.h>
@@ -13,15 +14,20 @@ namespace {
 
 using peers::Layer;
 
-bool right(const bench::Network& network, const Layer& l) {
+bool right(const bench::Network& network, const Layer& l, bool fixed) {
   peers::Buffer<float> in(l.in_size()), w(l.w_size()), b(l.out_c);
   fill(in, peers::kInput);
   fill(w, peers::kWeights);
   fill(b, peers::kBias);
   const double scale = std::sqrt(double(l.k_len())) + 1;
-  for (size_t i : peers::probe_points(size_t(l.out_c) * l.out_h(), l.out_w()))
-    if (!peers::close_enough(network.output(i), peers::conv_ref(l, in.p, w.p, b.p, i), scale))
+  // Inputs are rounded, and every input channel's sum once more.
+  const double step = 1.0 / (1 << bench::kQ);
+  const double most = step * (1 + double(l.in_c) / l.groups + 0.5 * double(l.k_len()));
+  for (size_t i : peers::probe_points(size_t(l.out_c) * l.out_h(), l.out_w())) {
+    const double got = network.output(i), expected = peers::conv_ref(l, in.p, w.p, b.p, i);
+    if (fixed ? std::fabs(got - expected) > most : !peers::close_enough(got, expected, scale))
       return false;
+  }
   return true;
 }
 
@@ -34,7 +40,8 @@ double flop(const std::vector<Layer>& layers) {
 void run(benchmark::State& state, const std::vector<Layer>& layers, uint32_t method) {
   bench::Network network(layers, method, layers.size() > 1);
   if (!network.ok() || !network.run()) return state.SkipWithError("not supported");
-  if (layers.size() == 1 && !right(network, layers[0])) return state.SkipWithError("WRONG RESULT");
+  if (layers.size() == 1 && !right(network, layers[0], method == bench::kFixedPoint))
+    return state.SkipWithError("WRONG RESULT");
   for (auto _ : state) network.run();
   state.counters["GFLOP/s"] =
       benchmark::Counter(flop(layers) * 1e-9, benchmark::Counter::kIsIterationInvariantRate);
@@ -47,9 +54,11 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; i++) {
     const std::string file = argv[i];
     auto add = [](const std::string& name, const std::vector<Layer>& layers) {
-      for (uint32_t method = 0; method < 3; method++)
-        benchmark::RegisterBenchmark((name + "/method" + std::to_string(method)).c_str(), run,
-                                     layers, method)
+      for (uint32_t method = 0; method <= bench::kFixedPoint; method++)
+        benchmark::RegisterBenchmark(
+            (name + (method == bench::kFixedPoint ? "/fixed" : "/method" + std::to_string(method)))
+                .c_str(),
+            run, layers, method)
             ->Unit(benchmark::kMicrosecond);
     };
     for (const Layer& l : peers::read_layers(file)) add(l.str(), {l});
