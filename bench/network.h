@@ -14,10 +14,15 @@
 
 namespace bench {
 
+// In place of a convolution method: 16-bit fixed point, kFractionBits in every node (few
+// enough that the values of the scaled networks, up to some hundreds, do not wrap).
+constexpr uint32_t kFixedPoint = 3;
+constexpr uint32_t kFractionBits = 5;
+
 struct Tensor {
   zyn_tensor* t = nullptr;
-  Tensor(std::vector<int32_t> dims)
-      : t(zyn_create_tensor(static_cast<int32_t>(dims.size()), dims.data(), ZYN_TYPE_F32)) {}
+  Tensor(std::vector<int32_t> dims, uint32_t type = ZYN_TYPE_F32)
+      : t(zyn_create_tensor(static_cast<int32_t>(dims.size()), dims.data(), type)) {}
   Tensor(const Tensor&) = delete;
   Tensor& operator=(const Tensor&) = delete;
   ~Tensor() {
@@ -44,20 +49,6 @@ inline void make_blocked(zyn_tensor* t) {
   zyn_set_tensor_channel_layout(t, ZYN_LAYOUT_BLOCKED);
 }
 
-// In place of a method: the fixed-point backend, all nodes with kQ fraction bits.
-constexpr uint32_t kFixedPoint = 3;
-constexpr uint32_t kQ = 11;
-
-// The tensor's floats as 16-bit integers, in the first half of its block.
-inline void make_fixed(zyn_tensor* t) {
-  auto* data = static_cast<float*>(t->data);
-  auto* words = static_cast<int16_t*>(t->data);
-  const std::vector<float> floats(data, data + t->count);
-  for (size_t i = 0; i < floats.size(); i++)
-    words[i] = static_cast<int16_t>(std::lround(floats[i] * (1 << kQ)));
-  t->type = ZYN_TYPE_FPI16;
-}
-
 // A convolution of a graph: from is the index of the node that it reads, -1 the input.
 struct Node {
   int from;
@@ -81,11 +72,11 @@ class Graph {
     zyn_cg_create_param settings = {};
     settings.max_nodes = static_cast<int32_t>(2 * nodes.size() + 1);
     settings.thread_count = 1;
-    settings.fixed_point = method == kFixedPoint ? 1 : 0;
+    settings.fixed_point = method == kFixedPoint;
     graph_ = zyn_create_computation_graph_handle(&settings);
     if (!graph_) return false;
-    if (method == kFixedPoint ? !give_q(settings.max_nodes)
-                              : zyn_cg_set_conv_method(graph_, method))
+    if (method == kFixedPoint ? !give_fraction_bits(settings.max_nodes)
+                              : zyn_cg_set_conv_method(graph_, method) != ZYN_RET_OK)
       return false;
     for (size_t i = 0; i < nodes.size(); i++)
       if (zyn_add_one_edge_into_computation_graph(graph_, id(nodes[i].from), id(i)) ||
@@ -109,11 +100,11 @@ class Graph {
   static int32_t id(Index node) {
     return 2 * static_cast<int32_t>(node) + 2;
   }
-  bool give_q(int32_t count) {
-    auto* q = static_cast<uint32_t*>(zyn_malloc(int64_t{4} * count));
-    if (!q) return false;
-    for (int32_t i = 0; i < count; i++) q[i] = kQ;
-    return zyn_cg_set_ptr_q_list(graph_, q) == ZYN_RET_OK;
+  // The list becomes the graph's own.
+  bool give_fraction_bits(int32_t count) {
+    auto* list = static_cast<uint32_t*>(zyn_malloc(count * int64_t{sizeof(uint32_t)}));
+    for (int32_t i = 0; list && i < count; i++) list[i] = kFractionBits;
+    return list && zyn_cg_set_ptr_q_list(graph_, list) == ZYN_RET_OK;
   }
   bool bind(int32_t node, int32_t type, zyn_tensor* data, const void* param) {
     zyn_cg_node_desc desc = {};
@@ -133,7 +124,7 @@ class Network {
     const peers::Layer& first = layers.front();
     add_tensor({first.in_w, first.in_h, first.in_c}, peers::kInput, 0, 1);
     if (method == 1 && layers.size() == 1) make_blocked(tensors_[0]->t);
-    if (method == kFixedPoint) make_fixed(tensors_[0]->t);
+    if (method == kFixedPoint) make_fixed_point();
     for (size_t i = 0; i < layers.size(); i++) {
       nodes_.push_back(node(layers[i], source(layers, i), scaled));
       if (nodes_.back().from < -1) return;
@@ -146,9 +137,9 @@ class Network {
   // The last layer's output in planar order.
   float output(size_t i) const {
     const zyn_tensor* t = graph_.output(nodes_.size() - 1);
-    const auto* data = static_cast<const float*>(t->data);
     if (t->type == ZYN_TYPE_FPI16)
-      return static_cast<float>(static_cast<const int16_t*>(t->data)[i]) / (1 << kQ);
+      return static_cast<const int16_t*>(t->data)[i] / static_cast<float>(1 << kFractionBits);
+    const auto* data = static_cast<const float*>(t->data);
     return data[t->layout == ZYN_LAYOUT_BLOCKED ? blocked_index(t, i) : i];
   }
   zyn_tensor* input() const { return tensors_[0]->t; }
@@ -180,6 +171,16 @@ class Network {
     for (size_t i = 0; i < count; i++)
       tensors_.back()->data()[i] = scale * peers::test_value(static_cast<uint32_t>(i), stream);
     return tensors_.back()->data() + count;
+  }
+
+  void make_fixed_point() {
+    const zyn_tensor& from = *tensors_[0]->t;
+    std::unique_ptr<Tensor> words(
+        new Tensor({from.dims[0], from.dims[1], from.dims[2]}, ZYN_TYPE_FPI16));
+    for (int64_t i = 0; i < from.count; i++)
+      static_cast<int16_t*>(words->t->data)[i] =
+          static_cast<int16_t>(tensors_[0]->data()[i] * static_cast<float>(1 << kFractionBits));
+    tensors_[0] = std::move(words);
   }
 
   Node node(const peers::Layer& l, int from, bool scaled) {

@@ -21,8 +21,8 @@ for net in ssd320 pfld112; do
   size=320x240
   [ $net = pfld112 ] && size=112x112
   run "conv-$net" "$build/conv_peers" "$layers" --rounds "$rounds" --ms 4 --methods 2,1
-  run "net-$net" "$build/net_peers" "$layers" $size --runs $((20 * rounds)) --layers "$layers" \
-    --net "$layers" --methods 2,1,0
+  run "net-$net" "$build/net_peers" "$layers" $size --runs $((60 * rounds)) --layers "$layers" \
+    --net "$layers" --methods 2,1,0,3  # 3: fixed point
 done
 run sgemm "$build/sgemm_peers" --rounds "$rounds" --ms 6
 run image "$build/image_peers" --rounds "$rounds" --ms 10

@@ -105,6 +105,10 @@ def network(net):
             limit(f"whole {net}, method 0", times["subject-m0"], opencv, "opencv-dnn", 3)
         else:
             row(f"whole {net}, method 0", times["subject-m0"], opencv, "opencv-dnn", 0)
+    if large and "subject-m3" in times and "subject-m0" in times:
+        for other, most in (("0", 2), ("2", 3.5)):
+            limit(f"whole {net}, fixed point, over method {other}", times["subject-m3"], times[f"subject-m{other}"],
+                  f"method {other}", most)
 
 
 def products():

@@ -32,10 +32,11 @@ constexpr char kHelp[] =
     "the other nodes would have used in between: the sum of the nodes stays below the whole\n"
     "network's time; both are printed.\n"
     "\n"
-    "One warm-up run, then --rounds rounds of --ms milliseconds for each node, the methods in\n"
-    "turn. us: the fastest run; med: the median; % peak: of the best burst of 256-bit fused\n"
-    "multiply-adds between the rounds; ratio: to the first method's time. One thread; pin it\n"
-    "to a core (taskset -c 1) and compare ratios, not times, on a shared machine.\n"
+    "One warm-up run, then --rounds rounds of --ms milliseconds for each node (ten times that\n"
+    "for the whole network), the methods in turn. us: the fastest run; med: the median; % peak:\n"
+    "of the best burst of 256-bit fused multiply-adds between the rounds; ratio: to the first\n"
+    "method's time. One thread; pin it to a core (taskset -c 1) and compare ratios, not times,\n"
+    "on a shared machine.\n"
     "--json prints one JSON object instead of the table.\n";
 
 struct Options {
@@ -146,7 +147,7 @@ void measure(const Options& options, std::vector<Method>& methods, peers::Peak* 
     for (size_t i = 0; i <= nodes; i++) {
       if (i % 8 == 0) peak->probe();
       for (Method& m : methods)
-        peers::sample(m.times[i], options.ms, [&m, i, nodes] {
+        peers::sample(m.times[i], i < nodes ? options.ms : 10 * options.ms, [&m, i, nodes] {
           if (i < nodes)
             m.single[i]->run();
           else
