@@ -87,13 +87,15 @@ struct run_planes {
   const float* input;
   float* output;
   const float* bias;
+  int64_t first_channel;
   // The first and the last vector of a row.
   int64_t last_x = 0, stored = kVector;
   int first_edge = kNone, last_edge = kNone;
   __m256i first_masks[row_taps::kLoads] = {}, last_masks[row_taps::kLoads] = {};
 
-  run_planes(const zyn_conv_plan* plan_, const float* input_, float* output_, const float* bias_)
-      : plan(plan_), input(input_), output(output_), bias(bias_) {
+  run_planes(const zyn_conv_plan* plan_, const float* input_, float* output_, const float* bias_,
+             int64_t first_channel_ = 0)
+      : plan(plan_), input(input_), output(output_), bias(bias_), first_channel(first_channel_) {
     const int64_t width = plan->output_w;
     stored = smaller(width, kVector);
     last_x = width - stored;
@@ -212,7 +214,7 @@ struct run_planes {
   template <int kActivation>
   void run() const {
     const int64_t rows = plan->output_h;
-    for (int64_t c = 0; c < plan->input_channels; c++) {
+    for (int64_t c = first_channel; c < plan->input_channels; c++) {
       __m256 weights[kKernel * kKernel];
       ZYN_UNROLL for (int i = 0; i < kKernel * kKernel; i++) weights[i] =
           _mm256_broadcast_ss(plan->weights + c * kKernel * kKernel + i);
@@ -236,12 +238,14 @@ uint32_t zyn_conv_run_depthwise(float* output, const float* input, const zyn_con
                                 const zyn_conv_epilogue& epilogue) {
   const int32_t activation = epilogue.activation;
   const float* bias = epilogue.bias;
+  const int64_t done = zyn_conv_run_lanes(output, input, plan, epilogue);
+  if (done == plan->input_channels) return 0;
   switch (plan->kind) {
     case ZYN_PLAN_DEPTHWISE_3X3:
-      zyn_with_activation(activation, run_planes<3, 1>(plan, input, output, bias));
+      zyn_with_activation(activation, run_planes<3, 1>(plan, input, output, bias, done));
       break;
     case ZYN_PLAN_DEPTHWISE_3X3_S2:
-      zyn_with_activation(activation, run_planes<3, 2>(plan, input, output, bias));
+      zyn_with_activation(activation, run_planes<3, 2>(plan, input, output, bias, done));
       break;
     case ZYN_PLAN_DEPTHWISE_5X5:
       zyn_with_activation(activation, run_planes<5, 1>(plan, input, output, bias));
