@@ -191,8 +191,8 @@ TEST(PlannedConv, DepthwiseKindsOverSizes) {
         }
 }
 
-// Narrow planes are computed 8 channels at a time, high ones in strips of rows; what is
-// left of the channels goes the other way.
+// Narrow planes are computed 8 channels at a time; the channels left over and the other
+// planes go row by row.
 TEST(PlannedConv, DepthwiseByEightChannels) {
   for (int stride : {1, 2})
     for (int w : {1, 2, 3, 5, 7, 8, 10, 13, 16, 19, 20, 21})

@@ -1,5 +1,5 @@
 // Depthwise 3 x 3 convolutions of method 2 on small planes: 8 channels at a time, one per
-// lane. Strips of the 8 planes are transposed into [row][column][channel] with their zero
+// lane. The 8 planes are transposed into [row][column][channel] with their zero
 // border, so that no lane is lost at the ends of narrow rows and every load is aligned, and
 // the sums are transposed back on the way out. Every output is one accumulator that takes
 // its taps row by row.
@@ -14,41 +14,37 @@ namespace {
 
 constexpr int64_t kLanes = 8;
 constexpr int64_t kKernel = 3, kTaps = kKernel * kKernel;
-// Input and sums of a strip share the first cache level with the planes.
-constexpr int64_t kStripFloats = 6144;
-// Wider rows lose few lanes to their ends, and transposing costs more than it saves.
+// Input and sums share the first cache level with the planes; larger planes, wider rows and
+// rows that fill at least 8 of 9 lanes are faster row by row.
+constexpr int64_t kMostFloats = 6144;
 constexpr int64_t kMostWidth = 20;
-// Strips of fewer rows transpose too many input rows twice.
-constexpr int64_t kLeastRows = 4;
 
 int64_t smaller(int64_t a, int64_t b) { return a < b ? a : b; }
 
-// The scratch of a plan, in floats: the weights of 8 channels, the input strip, the sums,
-// and a table of where the pixels of the input strip go.
-struct strip_layout {
-  int64_t pitch, input_rows, rows;  // floats of one input row; rows of a whole strip
+// The scratch of a plan, in floats: the weights and bias of 8 channels, their padded planes,
+// the sums, and a table of where the pixels of a plane go.
+struct lanes_layout {
+  int64_t pitch;  // floats of one padded row
   int64_t input, sums, table, floats;
 
-  explicit strip_layout(const zyn_conv_plan* plan) {
-    const int64_t w = plan->input_w, out_w = plan->output_w, stride = plan->stride;
+  explicit lanes_layout(const zyn_conv_plan* plan) {
+    const int64_t w = plan->input_w, h = plan->input_h;
     pitch = (w + 2) * kLanes;
-    const int64_t each = stride * pitch + out_w * kLanes;
-    const int64_t most = (kStripFloats - (kKernel - stride) * pitch) / each;
-    rows = smaller(most, plan->output_h);
-    input_rows = (rows - 1) * stride + kKernel;
     input = (kTaps + 1) * kLanes;
-    sums = input + input_rows * pitch;
-    table = sums + rows * out_w * kLanes;
-    floats = table + input_rows * w;
-  }
-  // Of the last strip, too.
-  bool fits(const zyn_conv_plan* plan) const {
-    if (plan->input_w > kMostWidth || rows < smaller(kLeastRows, plan->output_h)) return false;
-    const int64_t last = (plan->output_h - 1) % rows + 1;
-    return plan->output_w * last >= kLanes &&
-           plan->input_w * smaller(plan->input_h, last) >= kLanes;
+    sums = input + (h + 2) * pitch;
+    table = sums + plan->output_pixels * kLanes;
+    floats = table + w * h;
   }
 };
+
+bool is_suitable(const zyn_conv_plan* plan) {
+  const int64_t w = plan->output_w, row_lanes = (w + kLanes - 1) / kLanes * kLanes;
+  if (plan->kernel != kKernel || plan->input_channels < kLanes) return false;
+  if (plan->input_w > kMostWidth || plan->input_h > kMostFloats) return false;
+  if (plan->output_pixels < kLanes || row_lanes * 8 <= w * 9) return false;
+  const lanes_layout layout(plan);
+  return layout.table - layout.input <= kMostFloats;
+}
 
 float* lanes_scratch(const zyn_conv_plan* plan) {
   return plan->weights + zyn_conv_plan_scratch(plan) + zyn_conv_zero_row(plan);
@@ -81,7 +77,7 @@ struct run_lanes {
   const float* input;
   float* output;
   const float* bias;
-  strip_layout layout{plan};
+  lanes_layout layout{plan};
   float* scratch = lanes_scratch(plan);
 
   // The weights of the channels c to c + 7, then their bias. A bias of -0 changes no sum.
@@ -92,28 +88,16 @@ struct run_lanes {
     for (int64_t i = 0; i < kLanes; i++) scratch[kTaps * kLanes + i] = bias ? bias[c + i] : -0.0f;
   }
 
-  // The input rows of the rows output rows from y on; the border columns stay zero.
-  void load_strip(const float* planes, int64_t y, int64_t rows) const {
-    const int64_t w = plan->input_w, h = plan->input_h, plane = w * h;
-    const int64_t top = y * kStride - 1, end = top + (rows - 1) * kStride + kKernel;
-    float* strip = scratch + layout.input;
-    if (top < 0) clear_row(strip);
-    if (end > h) clear_row(strip + (h - top) * layout.pitch);
-    const int64_t first = top < 0 ? 0 : top;
-    const int64_t count = (smaller(end, h) - first) * w;
-    const float* from = planes + first * w;
-    float* to = strip + (first - top) * layout.pitch + kLanes;
+  // Transposes 8 planes; their border is zero since the plan was made.
+  void load_planes(const float* planes) const {
+    const int64_t count = static_cast<int64_t>(plan->input_w) * plan->input_h;
     const int32_t* table = reinterpret_cast<const int32_t*>(scratch + layout.table);
     for (int64_t at = 0; at < count; at += kLanes) {
       at = smaller(at, count - kLanes);
       __m256 t[8];
-      transpose(from + at, plane, t);
-      ZYN_UNROLL for (int i = 0; i < 8; i++) _mm256_storeu_ps(to + table[at + i], t[i]);
+      transpose(planes + at, count, t);
+      ZYN_UNROLL for (int i = 0; i < 8; i++) _mm256_storeu_ps(scratch + table[at + i], t[i]);
     }
-  }
-  void clear_row(float* row) const {
-    for (int64_t i = 0; i < layout.pitch; i += kLanes)
-      _mm256_storeu_ps(row + i, _mm256_setzero_ps());
   }
 
   // kPixels sums next to each other, so many that their chains hide each other's latency.
@@ -165,17 +149,17 @@ struct run_lanes {
   }
 
   template <int kActivation>
-  void store_strip(float* out, int64_t count) const {
+  void store_planes(float* planes) const {
     const float* sums = scratch + layout.sums;
     const float* filter_bias = scratch + kTaps * kLanes;
-    const int64_t plane = plan->output_pixels;
+    const int64_t count = plan->output_pixels;
     for (int64_t at = 0; at < count; at += kLanes) {
       at = smaller(at, count - kLanes);
       __m256 t[8];
       transpose(sums + at * kLanes, kLanes, t);
       ZYN_UNROLL for (int i = 0; i < 8; i++) {
         const __m256 y = _mm256_add_ps(t[i], _mm256_broadcast_ss(filter_bias + i));
-        _mm256_storeu_ps(out + i * plane + at, zyn_activate<kActivation>(y));
+        _mm256_storeu_ps(planes + i * count + at, zyn_activate<kActivation>(y));
       }
     }
   }
@@ -186,14 +170,11 @@ struct run_lanes {
     const int64_t plane = static_cast<int64_t>(plan->input_w) * plan->input_h;
     for (int64_t c = 0; c + kLanes <= plan->input_channels; c += kLanes) {
       load_filter(c);
-      for (int64_t y = 0; y < out_h; y += layout.rows) {
-        const int64_t rows = smaller(layout.rows, out_h - y);
-        load_strip(input + c * plane, y, rows);
-        for (int64_t r = 0; r < rows; r++)
-          sum_row(scratch, scratch + layout.input + r * kStride * layout.pitch, layout.pitch,
-                  scratch + layout.sums + r * out_w * kLanes, out_w);
-        store_strip<kActivation>(output + c * pixels + y * out_w, rows * out_w);
-      }
+      load_planes(input + c * plane);
+      for (int64_t y = 0; y < out_h; y++)
+        sum_row(scratch, scratch + layout.input + y * kStride * layout.pitch, layout.pitch,
+                scratch + layout.sums + y * out_w * kLanes, out_w);
+      store_planes<kActivation>(output + c * pixels);
     }
   }
 };
@@ -201,21 +182,21 @@ struct run_lanes {
 }  // namespace
 
 int64_t zyn_conv_lanes_floats(const zyn_conv_plan* plan) {
-  if (plan->kernel != kKernel || plan->input_channels < kLanes) return 0;
-  const strip_layout layout(plan);
-  return layout.fits(plan) ? layout.floats : 0;
+  return is_suitable(plan) ? lanes_layout(plan).floats : 0;
 }
 
 void zyn_conv_fill_lanes(const zyn_conv_plan* plan) {
-  const strip_layout layout(plan);
+  const lanes_layout layout(plan);
+  const int64_t w = plan->input_w, h = plan->input_h;
   int32_t* table = reinterpret_cast<int32_t*>(lanes_scratch(plan) + layout.table);
-  for (int64_t i = 0; i < layout.input_rows * plan->input_w; i++)
-    table[i] = static_cast<int32_t>(i / plan->input_w * layout.pitch + i % plan->input_w * kLanes);
+  for (int64_t i = 0; i < w * h; i++)
+    table[i] =
+        static_cast<int32_t>(layout.input + (i / w + 1) * layout.pitch + (i % w + 1) * kLanes);
 }
 
 int64_t zyn_conv_run_lanes(float* output, const float* input, const zyn_conv_plan* plan,
                            const zyn_conv_epilogue& epilogue) {
-  if (zyn_conv_lanes_floats(plan) == 0) return 0;
+  if (!is_suitable(plan)) return 0;
   if (plan->stride == 1)
     zyn_with_activation(epilogue.activation, run_lanes<1>{plan, input, output, epilogue.bias});
   else
