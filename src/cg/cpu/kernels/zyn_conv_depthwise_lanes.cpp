@@ -54,10 +54,10 @@ float* lanes_scratch(const zyn_conv_plan* plan) {
 [[gnu::always_inline]] inline void transpose(const float* rows, int64_t pitch, __m256 (&t)[8]) {
   __m256 a[8], b[8];
   ZYN_UNROLL for (int i = 0; i < 4; i++) {
-    const float *low = rows + i * pitch, *high = low + 4 * pitch;
-    a[i] = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(low)), _mm_loadu_ps(high), 1);
-    a[i + 4] = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(low + 4)),
-                                    _mm_loadu_ps(high + 4), 1);
+    const __m256 low = _mm256_loadu_ps(rows + i * pitch);
+    const __m256 high = _mm256_loadu_ps(rows + (i + 4) * pitch);
+    a[i] = _mm256_permute2f128_ps(low, high, 0x20);
+    a[i + 4] = _mm256_permute2f128_ps(low, high, 0x31);
   }
   ZYN_UNROLL for (int i = 0; i < 8; i += 2) {
     b[i] = _mm256_unpacklo_ps(a[i], a[i + 1]);
