@@ -123,8 +123,7 @@ struct run_planes {
     const float* rows[kInputRows];  // at the column that tap 0 of output column 0 sees
     float* out;
     int64_t pitch;
-    bool has_bias;
-    __m256 bias;
+    __m256 bias;  // -0 where there is none: it changes no sum
   };
 
   // One vector of a group.
@@ -147,7 +146,7 @@ struct run_planes {
     float* to = g.out + x;
     ZYN_UNROLL for (int r = 0; r < kRows; r++) {
       const __m256 sum = _mm256_add_ps(row_taps::in_order(sums[r]), g.bias);
-      const __m256 y = zyn_activate<kActivation>(g.has_bias ? sum : row_taps::in_order(sums[r]));
+      const __m256 y = zyn_activate<kActivation>(sum);
       if (kEdge == kBoth && stored < kVector)
         _mm256_maskstore_ps(to, zyn_first_lanes(stored), y);
       else
@@ -201,8 +200,7 @@ struct run_planes {
     }
     g.out = output + (c * plan->output_h + y) * out_w;
     g.pitch = out_w;
-    g.has_bias = bias != nullptr;
-    g.bias = bias ? _mm256_broadcast_ss(bias + c) : _mm256_setzero_ps();
+    g.bias = bias ? _mm256_broadcast_ss(bias + c) : _mm256_set1_ps(-0.0f);
     edge_block<kRows, kActivation>(g, weights, 0, first_masks, first_edge);
     // With 5 taps a vector one column before the last would read past the row.
     const int64_t most = kStride == 1 ? last_x - kPad : last_x;
