@@ -191,6 +191,19 @@ TEST(PlannedConv, DepthwiseKindsOverSizes) {
         }
 }
 
+// Narrow planes are computed 8 channels at a time; the channels left over and the other
+// planes go row by row.
+TEST(PlannedConv, DepthwiseByEightChannels) {
+  for (int stride : {1, 2})
+    for (int w : {1, 2, 3, 5, 7, 8, 10, 13, 16, 19, 20, 21})
+      for (int h : {1, 2, 4, 7, 15, 40}) {
+        Planned p = Planned().kernel(3).pad(1).stride(stride).bias(w % 2).activation(h % 3);
+        p.in(w, h, 11).depthwise(11).check();
+      }
+  for (int channels : {7, 8, 16, 17})
+    Planned().in(6, 300, channels).depthwise(channels).kernel(3).pad(1).check();
+}
+
 TEST(PlannedConv, EveryActivationOnEveryKind) {
   const Planned kinds[] = {Planned().in(9, 5, 3).out(5),
                            Planned().in(2, 2, 3).out(6),
@@ -198,6 +211,7 @@ TEST(PlannedConv, EveryActivationOnEveryKind) {
                            Planned().in(30, 5, 3).out(6).kernel(5).pad(2).stride(2),
                            Planned().in(9, 5, 3).out(5).kernel(2),
                            Planned().in(19, 5, 3).depthwise(3).kernel(3).pad(1),
+                           Planned().in(9, 5, 8).depthwise(8).kernel(3).pad(1),
                            Planned().in(5, 5, 3).depthwise(3).kernel(5).pad(2).stride(2)};
   for (Planned p : kinds)
     for (int activation : {0, 1, 2, 4})

@@ -87,13 +87,15 @@ struct run_planes {
   const float* input;
   float* output;
   const float* bias;
+  int64_t first_channel;
   // The first and the last vector of a row.
   int64_t last_x = 0, stored = kVector;
   int first_edge = kNone, last_edge = kNone;
   __m256i first_masks[row_taps::kLoads] = {}, last_masks[row_taps::kLoads] = {};
 
-  run_planes(const zyn_conv_plan* plan_, const float* input_, float* output_, const float* bias_)
-      : plan(plan_), input(input_), output(output_), bias(bias_) {
+  run_planes(const zyn_conv_plan* plan_, const float* input_, float* output_, const float* bias_,
+             int64_t first_channel_ = 0)
+      : plan(plan_), input(input_), output(output_), bias(bias_), first_channel(first_channel_) {
     const int64_t width = plan->output_w;
     stored = smaller(width, kVector);
     last_x = width - stored;
@@ -121,8 +123,7 @@ struct run_planes {
     const float* rows[kInputRows];  // at the column that tap 0 of output column 0 sees
     float* out;
     int64_t pitch;
-    bool has_bias;
-    __m256 bias;
+    __m256 bias;  // -0 where there is none: it changes no sum
   };
 
   // One vector of a group.
@@ -145,7 +146,7 @@ struct run_planes {
     float* to = g.out + x;
     ZYN_UNROLL for (int r = 0; r < kRows; r++) {
       const __m256 sum = _mm256_add_ps(row_taps::in_order(sums[r]), g.bias);
-      const __m256 y = zyn_activate<kActivation>(g.has_bias ? sum : row_taps::in_order(sums[r]));
+      const __m256 y = zyn_activate<kActivation>(sum);
       if (kEdge == kBoth && stored < kVector)
         _mm256_maskstore_ps(to, zyn_first_lanes(stored), y);
       else
@@ -199,8 +200,7 @@ struct run_planes {
     }
     g.out = output + (c * plan->output_h + y) * out_w;
     g.pitch = out_w;
-    g.has_bias = bias != nullptr;
-    g.bias = bias ? _mm256_broadcast_ss(bias + c) : _mm256_setzero_ps();
+    g.bias = bias ? _mm256_broadcast_ss(bias + c) : _mm256_set1_ps(-0.0f);
     edge_block<kRows, kActivation>(g, weights, 0, first_masks, first_edge);
     // With 5 taps a vector one column before the last would read past the row.
     const int64_t most = kStride == 1 ? last_x - kPad : last_x;
@@ -212,7 +212,7 @@ struct run_planes {
   template <int kActivation>
   void run() const {
     const int64_t rows = plan->output_h;
-    for (int64_t c = 0; c < plan->input_channels; c++) {
+    for (int64_t c = first_channel; c < plan->input_channels; c++) {
       __m256 weights[kKernel * kKernel];
       ZYN_UNROLL for (int i = 0; i < kKernel * kKernel; i++) weights[i] =
           _mm256_broadcast_ss(plan->weights + c * kKernel * kKernel + i);
@@ -236,12 +236,14 @@ uint32_t zyn_conv_run_depthwise(float* output, const float* input, const zyn_con
                                 const zyn_conv_epilogue& epilogue) {
   const int32_t activation = epilogue.activation;
   const float* bias = epilogue.bias;
+  const int64_t done = zyn_conv_run_lanes(output, input, plan, epilogue);
+  if (done == plan->input_channels) return 0;
   switch (plan->kind) {
     case ZYN_PLAN_DEPTHWISE_3X3:
-      zyn_with_activation(activation, run_planes<3, 1>(plan, input, output, bias));
+      zyn_with_activation(activation, run_planes<3, 1>(plan, input, output, bias, done));
       break;
     case ZYN_PLAN_DEPTHWISE_3X3_S2:
-      zyn_with_activation(activation, run_planes<3, 2>(plan, input, output, bias));
+      zyn_with_activation(activation, run_planes<3, 2>(plan, input, output, bias, done));
       break;
     case ZYN_PLAN_DEPTHWISE_5X5:
       zyn_with_activation(activation, run_planes<5, 1>(plan, input, output, bias));

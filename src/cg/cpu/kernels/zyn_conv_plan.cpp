@@ -93,7 +93,7 @@ uint32_t zyn_cg_conv_plan(int32_t input_channels, int32_t output_channels, int32
   if (p.kind >= ZYN_PLAN_DENSE_3X3 && p.kind <= ZYN_PLAN_DENSE_5X5_S2)
     zyn_conv_plan_strip_sizes(&p);
   // Depthwise kinds read rows outside of the image from a row of zeros.
-  if (!is_dense(&p)) p.strip.floats = static_cast<int64_t>(input_w) + kPanelWidth;
+  if (!is_dense(&p)) p.strip.floats = zyn_conv_zero_row(&p) + zyn_conv_lanes_floats(&p);
   *plan = p;
   return 0;
 }
@@ -121,6 +121,8 @@ zyn_conv_plan* zyn_cg_conv_prepare_planned(const zyn_tensor* input, const zyn_te
     memset(block.get() + packed, 0, static_cast<size_t>(scratch) * sizeof(float));
     plan->weights = block.take();
     fill_weights(plan.get(), static_cast<const float*>(weights->data));
+    if (plan->kind >= ZYN_PLAN_DEPTHWISE_3X3 && zyn_conv_lanes_floats(plan.get()) > 0)
+      zyn_conv_fill_lanes(plan.get());
   }
   return plan.take();
 }

@@ -76,3 +76,16 @@ uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_con
                                 const zyn_conv_epilogue& epilogue);
 uint32_t zyn_conv_run_depthwise(float* output, const float* input, const zyn_conv_plan* plan,
                                 const zyn_conv_epilogue& epilogue);
+
+// Floats of the row of zeros at the begin of the scratch of depthwise plans.
+inline int64_t zyn_conv_zero_row(const zyn_conv_plan* plan) {
+  return (plan->input_w + static_cast<int64_t>(plan->panel_width) + 15) / 16 * 16;
+}
+
+// Depthwise 3 x 3 by 8 channels at a time, for planes small enough: the floats of scratch
+// that it needs (0: not for this plan), what prepare writes there, and the run, which gives
+// the number of channels that it has computed.
+int64_t zyn_conv_lanes_floats(const zyn_conv_plan* plan);
+void zyn_conv_fill_lanes(const zyn_conv_plan* plan);
+int64_t zyn_conv_run_lanes(float* output, const float* input, const zyn_conv_plan* plan,
+                           const zyn_conv_epilogue& epilogue);
