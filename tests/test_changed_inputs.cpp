@@ -1,10 +1,13 @@
-// Callers that change a graph's data between preparation and run: whatever the codes are, nothing outside the tensors is touched, and the
+// Callers that change a graph's data between preparation and run, or prepare again with
+// other shapes: whatever the codes are, nothing outside the tensors is touched, and the
 // graph works again once the data are back. Data end at an inaccessible page.
 #include "support/model.h"
 
+using zyn_test::Array;
 using zyn_test::kConvTypes;
 using zyn_test::kOperatorTypes;
 using zyn_test::Model;
+using zyn_test::Net;
 using zyn_test::PageEnd;
 
 namespace {
@@ -106,5 +109,58 @@ INSTANTIATE_TEST_SUITE_P(Conv, ChangedInputs, ::testing::ValuesIn(kConvTypes),
                          [](const auto& info) { return "Type" + std::to_string(info.param); });
 INSTANTIATE_TEST_SUITE_P(Ops, ChangedInputs, ::testing::ValuesIn(kOperatorTypes),
                          [](const auto& info) { return "Type" + std::to_string(info.param); });
+
+// The producer makes another output, the node after it in the order cannot be prepared,
+// and so the consumer is never told: it must not touch the output that is gone.
+TEST(PreparedAgain, NodesBehindAFailureRefuseToRunAndToBeRead) {
+  const int32_t twice[2] = {1, 1};
+  const zyn_func_param negate = {ZYN_FUNC_NEGATE, 0, 0};
+  const zyn_concat_param both = {2, 2, twice};
+  const std::vector<std::function<int(Net&)>> consumers = {
+      [&](Net& net) { return net.op(ZYN_OP_RELU, {1}); },
+      [&](Net& net) { return net.op(ZYN_OP_FUNCTION, negate, {1}); },
+      [&](Net& net) {
+        return net.op(ZYN_OP_ADD, {1, 1});
+      },
+      [&](Net& net) {
+        return net.op(ZYN_OP_CONCAT, both, {1, 1});
+      }};
+  for (size_t k = 0; k < consumers.size(); k++) {
+    SCOPED_TRACE(k);
+    Net net;
+    const int x = net.input(Array({12, 12, 8}, 1));
+    const int producer = net.op(ZYN_OP_FUNCTION, negate, {x});
+    ASSERT_EQ(producer, 1);
+    const int failing = net.op(ZYN_OP_MAX_POOL, zyn_pool_param{9, 9, 1, 1, 0}, {x});
+    const int consumer = consumers[k](net);
+    ASSERT_EQ(net.go(), 0);
+    {
+      const Disguise smaller(net.output_tensor(x), {4, 4, 8}, ZYN_TYPE_F32);
+      EXPECT_EQ(net.prepare(), ZYN_RET_ERR_MEMORY);
+      EXPECT_EQ(net.run(), ZYN_RET_ERR_PARA);
+      EXPECT_NE(net.output_tensor(producer), nullptr);
+      EXPECT_EQ(net.output_tensor(failing), nullptr);
+      EXPECT_EQ(net.output_tensor(consumer), nullptr);
+    }
+    EXPECT_EQ(net.run(), ZYN_RET_ERR_PARA);  // not before the next preparation
+    ASSERT_EQ(net.prepare(), 0);
+    EXPECT_EQ(net.run(), 0);
+    EXPECT_EQ(net.output(consumer).w(), 12);
+  }
+}
+
+// An edge that the sort has not seen, against the order: its producer's output of the
+// preparation before is about to be replaced.
+TEST(PreparedAgain, OutputsOfTheLastTimeAreNoInputs) {
+  const zyn_func_param negate = {ZYN_FUNC_NEGATE, 0, 0};
+  Net net;
+  const int x = net.input(Array({6, 5, 4}, 1));
+  const int first = net.op(ZYN_OP_ADD, {x, x});
+  const int second = net.op(ZYN_OP_FUNCTION, negate, {first});
+  ASSERT_EQ(net.go(), 0);
+  zyn_add_one_edge_into_computation_graph(net.graph(), second, first);
+  EXPECT_NE(net.prepare(), 0);
+  EXPECT_EQ(net.run(), ZYN_RET_ERR_PARA);
+}
 
 }  // namespace
