@@ -415,7 +415,10 @@ ZYN_API int32_t zyn_bind_operator_onto_computation_graph(zyn_cg_handle* graph, i
  * in order of execution. Weights are read here: change them and prepare again.
  * 0; 1: null graph or unbound node; else the code of the first operator that
  * fails, after printing "failed to prepare inference node:%d!!!" (2: output or
- * workspace could not be made; 4: not supported). */
+ * workspace could not be made; 4: not supported). Prepare again after changing an
+ * input's shape. A repeated preparation that fails leaves the failing operator and
+ * those behind it unusable until one succeeds: a run ends there with 1, and they have
+ * no output tensor. */
 ZYN_API int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph);
 
 /* Runs every node once, in order; the network's inputs are read from the tensors of
@@ -425,7 +428,8 @@ ZYN_API int32_t zyn_computation_graph_inference(zyn_cg_handle* graph);
 
 /* The output tensor of a node: the graph's, valid until it is released or prepared
  * again, rewritten by every run. Its layout field tells the channel order. Null for
- * a null graph, an id without an operator, data nodes, and before preparation. */
+ * a null graph, an id without an operator, data nodes, before preparation, and after
+ * a repeated one that failed before or at the node. */
 ZYN_API zyn_tensor* zyn_get_computation_node_inference_data(zyn_cg_handle* graph, int32_t node);
 
 /* Reads a model file: word_count little-endian 32-bit words, then the 16 bytes of

@@ -88,6 +88,7 @@ class Net {
     data_.push_back({own, nullptr});
     return static_cast<int>(nodes_.size()) - 1;
   }
+  bool is_data(int id) const { return nodes_[static_cast<size_t>(id)].data >= 0; }
   bool is_input(int id) const { return nodes_[static_cast<size_t>(id)].type == ZYN_OP_INPUT; }
   // An operator with its record (copied; lists it points at must outlive make()).
   template <typename Record>

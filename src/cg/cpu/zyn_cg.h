@@ -31,6 +31,15 @@ struct zyn_cg_operator {
 };
 static_assert(sizeof(zyn_cg_operator) == kZynOperatorSlots * sizeof(void*), "five pointers a row");
 
+// How far preparation has come with a node. Preparing again may release the outputs of an
+// earlier preparation, so that a node which it does not reach (because one before it
+// fails) must neither run nor be read: its inputs may be gone.
+enum zyn_cg_stage : uint8_t {
+  ZYN_STAGE_NEW,      // never tried: holds no tensors
+  ZYN_STAGE_CURRENT,  // tried by the latest preparation: its inputs are those of this one
+  ZYN_STAGE_STALE     // prepared by an earlier one only
+};
+
 struct zyn_cg_handle {
   int32_t max_nodes;
   zyn_darray* nodes;           // i32: every id of an edge, in order of appearance
@@ -43,6 +52,7 @@ struct zyn_cg_handle {
   zyn_darray** predecessors;   // the same, an operator's inputs in order
   zyn_cg_run_fn* run;          // by id
   void** extras;               // by id: one word for the operators' use
+  zyn_cg_stage* stages;        // by id
   zyn_cg_operator* operators;  // kZynOperatorTypes rows
   uint32_t thread_count;
   uint32_t conv_method;  // 0, 1 or 2
@@ -74,7 +84,7 @@ void* zyn_cg_record(const zyn_cg_handle* graph, int32_t node);
 int32_t zyn_cg_node_type(const zyn_cg_handle* graph, int32_t node);
 
 // What a consumer reads from a producer: a data node's tensor (types 0 and 2), else
-// the producer's output tensor. Null when there is none yet.
+// the producer's output tensor. Null when there is none (yet, or any more).
 zyn_tensor* zyn_cg_producer_tensor(zyn_cg_handle* graph, int32_t producer);
 
 // The predecessors of a node; null when the id is out of range.

@@ -30,14 +30,15 @@ template <typename Function>
 int32_t apply(activation_state* state, Function f) {
   const zyn_tensor* input = state->input;
   zyn_tensor* output = state->output;
-  if (!zyn_cg_ready(input, output)) return ZYN_RET_ERR_PARA;
+  if (!zyn_cg_ready(input, output) || input->type != ZYN_TYPE_F32) return ZYN_RET_ERR_PARA;
   zyn_map(zyn_cg_floats(output), zyn_cg_floats(input), output->count, f);
   return ZYN_RET_OK;
 }
 
 // The 16-bit forms. The sigmoid's result has 15 fraction bits whatever the node's q.
 int32_t apply_fixed(activation_state* state) {
-  if (!zyn_cg_ready(state->input, state->output)) return ZYN_RET_ERR_PARA;
+  if (!zyn_cg_ready(state->input, state->output) || state->input->type != ZYN_TYPE_FPI16)
+    return ZYN_RET_ERR_PARA;
   int16_t* out = zyn_fpi_words(state->output);
   const int16_t* in = zyn_fpi_words(state->input);
   const int64_t count = state->output->count;

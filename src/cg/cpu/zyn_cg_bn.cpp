@@ -43,7 +43,7 @@ template <typename Normalize>
 int32_t for_each_plane(bn_state* state, Normalize normalize) {
   const zyn_tensor* input = state->input;
   zyn_tensor* output = state->output;
-  if (!zyn_cg_ready(input, output) || !state->constant || !state->constant->data ||
+  if (!zyn_cg_ready(input, output) || !zyn_cg_ready(state->constant, output) ||
       !zyn_cg_same_dims(input, output) ||
       state->constant->count / kArrays != zyn_cg_channels(input))
     return ZYN_RET_ERR_PARA;

@@ -28,6 +28,13 @@ bool is_one_image(const zyn_tensor* tensor) {
   return true;
 }
 
+// The kernels take the output's size for one that follows from the input's: an input that
+// got another shape since preparation is refused.
+bool input_fits(const zyn_cg_conv_state* state) {
+  return zyn_cg_ready(state->input, state->output) &&
+         memcmp(state->input->dims, state->input_dims, sizeof(state->input_dims)) == 0;
+}
+
 bool is_dense(const zyn_conv_param& p) { return p.groups == 1; }
 
 bool is_1x1(const zyn_conv_param& p) { return p.kernel_h == 1 && p.kernel_w == 1; }
@@ -178,6 +185,7 @@ int32_t zyn_cg_conv_finish_prepare(zyn_cg_handle* graph, zyn_cg_conv_state* stat
   const zyn_tensor* input = state->input;
   int32_t dims[5];
   memcpy(dims, input->dims, sizeof(dims));
+  memcpy(state->input_dims, dims, sizeof(dims));
   dims[0] = out_h;
   dims[1] = out_w;
   dims[2] = state->param.out_channels;
@@ -194,8 +202,8 @@ int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilo
                         bool keep_standard) {
   const zyn_tensor* weights = state->weights;
   int64_t needed = 0;
-  if (!zyn_cg_ready(state->input, state->output) || state->input->type != ZYN_TYPE_F32 ||
-      !weights || !weights->data || !needed_constant(state->param, &needed) ||
+  if (!input_fits(state) || state->input->type != ZYN_TYPE_F32 ||
+      !zyn_cg_ready(weights, state->output) || !needed_constant(state->param, &needed) ||
       weights->count < needed)
     return ZYN_RET_ERR_PARA;
   const zyn_conv_param& p = state->param;
@@ -220,7 +228,8 @@ const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state) {
 
 int32_t zyn_cg_conv_run_fixed(zyn_cg_conv_state* state, bool has_bias, int32_t code) {
   zyn_tensor* output = state->output;
-  if (!zyn_cg_ready(state->input, output) || !state->fixed.weights) return ZYN_RET_ERR_PARA;
+  if (!input_fits(state) || state->input->type != ZYN_TYPE_FPI16 || !state->fixed.weights)
+    return ZYN_RET_ERR_PARA;
   const int16_t* bias =
       has_bias ? state->fixed.weights + zyn_conv_weight_count(&state->param) : nullptr;
   const zyn_fpi_epilogue epilogue = {bias, code};

@@ -10,8 +10,9 @@
 
 // Begins as the states of types 7 and 8 do, whose output slot is the same.
 struct zyn_cg_conv_state : zyn_cg_io_state {
-  zyn_tensor* weights;  // the constant's tensor, or folded
-  zyn_tensor* folded;   // type 13: weights and biases with the normalisation in them
+  zyn_tensor* weights;    // the constant's tensor, or folded
+  zyn_tensor* folded;     // type 13: weights and biases with the normalisation in them
+  int32_t input_dims[5];  // that output and workspace are made for
   int32_t input_q, output_q, weight_q;
   uint32_t method;
   zyn_conv_param param;

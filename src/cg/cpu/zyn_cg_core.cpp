@@ -106,13 +106,35 @@ bool make_binding_arrays(zyn_cg_handle* graph) {
   const int32_t count = zyn_cg_node_count(graph);
   zyn_scratch<zyn_cg_run_fn> run = zyn_scratch<zyn_cg_run_fn>::zeroed(count + 1);
   zyn_scratch<void*> extras = zyn_scratch<void*>::zeroed(count + 1);
+  zyn_scratch<zyn_cg_stage> stages = zyn_scratch<zyn_cg_stage>::zeroed(count + 1);
   zyn_scratch<void*> records = zyn_scratch<void*>::zeroed(count + 1);
-  if (!run || !extras || !records) return false;
+  if (!run || !extras || !stages || !records) return false;
   graph->run = run.take();
   graph->extras = extras.take();
+  graph->stages = stages.take();
   graph->records = records.take();
   graph->record_count = count;
   return true;
+}
+
+// From here on what nodes hold of earlier preparations is not to be used.
+void outdate_nodes(zyn_cg_handle* graph) {
+  for (int32_t id = 0; graph->stages && id < graph->record_count; id++)
+    if (graph->stages[id] == ZYN_STAGE_CURRENT) graph->stages[id] = ZYN_STAGE_STALE;
+}
+
+bool is_stale(const zyn_cg_handle* graph, int32_t node) {
+  return graph->stages && graph->stages[node] == ZYN_STAGE_STALE;
+}
+
+// Prepares a node that has a record. Where its first preparation fails it holds nothing
+// but tensors of this walk; where a later one fails, maybe some of the walk before.
+int32_t prepare_node(zyn_cg_handle* graph, int32_t node, int32_t type) {
+  const zyn_cg_prepare_fn prepare = graph->operators[type].prepare;
+  const bool first = graph->stages[node] == ZYN_STAGE_NEW;
+  const int32_t code = prepare ? prepare(graph, node) : ZYN_RET_OK;
+  graph->stages[node] = first || code == ZYN_RET_OK ? ZYN_STAGE_CURRENT : ZYN_STAGE_STALE;
+  return code;
 }
 
 int32_t store_data_node(zyn_cg_handle* graph, int32_t node, const zyn_cg_node_desc* desc) {
@@ -151,6 +173,7 @@ int32_t zyn_release_computation_graph_handle(zyn_cg_handle** handle) {
   release_edge_lists(graph, graph->predecessors);
   zyn_free(graph->run);
   zyn_free(graph->extras);
+  zyn_free(graph->stages);
   release_records(graph);
   if (graph->nodes) zyn_release_darray(&graph->nodes);
   zyn_free(graph->order);
@@ -217,6 +240,7 @@ int32_t zyn_bind_operator_onto_computation_graph(zyn_cg_handle* graph, int32_t n
 
 int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph) {
   if (!graph) return zyn_fail(kPrepareArgs, ZYN_RET_ERR_PARA);
+  outdate_nodes(graph);
   for (int32_t k = 0; k < zyn_cg_node_count(graph); k++) {
     // Nodes that no sort has seen are unbound.
     const int32_t id = k < graph->sorted_count ? graph->order[k] : -1;
@@ -225,8 +249,7 @@ int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph) {
       graph->prepared = 1;
       return ZYN_RET_ERR_PARA;
     }
-    const zyn_cg_prepare_fn prepare = graph->operators[type].prepare;
-    const int32_t code = prepare ? prepare(graph, id) : ZYN_RET_OK;
+    const int32_t code = prepare_node(graph, id, type);
     if (code != ZYN_RET_OK) {
       zyn_print("failed to prepare inference node:%d!!!", static_cast<int>(id));
       return code;
@@ -243,7 +266,7 @@ int32_t zyn_computation_graph_inference(zyn_cg_handle* graph) {
     const int32_t id = graph->order[k];
     void* record = zyn_cg_record(graph, id);
     if (!record || !graph->run[id]) continue;
-    const int32_t code = graph->run[id](record);
+    const int32_t code = is_stale(graph, id) ? ZYN_RET_ERR_PARA : graph->run[id](record);
     if (code != ZYN_RET_OK) {
       zyn_print("failed to inference: %d!!!", static_cast<int>(id));
       return code;
@@ -268,7 +291,8 @@ zyn_tensor* zyn_get_computation_node_inference_data(zyn_cg_handle* graph, int32_
     return nullptr;
   }
   const zyn_cg_output_fn output = graph->operators[type].output;
-  return graph->bound[node] && output ? output(graph, node) : nullptr;
+  const bool readable = graph->bound[node] && !is_stale(graph, node);
+  return readable && output ? output(graph, node) : nullptr;
 }
 
 void* zyn_cg_record(const zyn_cg_handle* graph, int32_t node) {
@@ -288,7 +312,7 @@ zyn_tensor* zyn_cg_producer_tensor(zyn_cg_handle* graph, int32_t producer) {
     return static_cast<zyn_tensor*>(
         static_cast<zyn_cg_data_record*>(zyn_cg_record(graph, producer))->data);
   const zyn_cg_output_fn output = graph->operators[type].output;
-  return output ? output(graph, producer) : nullptr;
+  return output && !is_stale(graph, producer) ? output(graph, producer) : nullptr;
 }
 
 void zyn_cg_install(zyn_cg_handle* graph, int32_t node, void* record, zyn_cg_run_fn run) {

@@ -81,7 +81,7 @@ int32_t run_linear(void* record) {
   const zyn_tensor* input = state->input;
   const zyn_tensor* weights = state->weights;
   zyn_tensor* output = state->output;
-  if (!zyn_cg_ready(input, output) || !weights || !weights->data || input->dim_count != 2 ||
+  if (!zyn_cg_ready(input, output) || !zyn_cg_ready(weights, output) || input->dim_count != 2 ||
       output->dim_count != 2 || input->dims[1] != output->dims[1] ||
       !constant_reaches(weights, input, state->param))
     return ZYN_RET_ERR_PARA;

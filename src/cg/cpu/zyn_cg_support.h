@@ -121,9 +121,10 @@ inline bool zyn_cg_same_dims(const zyn_tensor* a, const zyn_tensor* b) {
   return a->dim_count == b->dim_count && memcmp(a->dims, b->dims, sizeof(a->dims)) == 0;
 }
 
-// Both tensors are there and have data.
+// Both tensors are there and have data, of one type: the caller may have changed its own
+// since preparation.
 inline bool zyn_cg_ready(const zyn_tensor* a, const zyn_tensor* b) {
-  return a && b && a->data && b->data;
+  return a && b && a->data && b->data && a->type == b->type;
 }
 
 inline float* zyn_cg_floats(const zyn_tensor* t) { return static_cast<float*>(t->data); }

@@ -123,19 +123,24 @@ int32_t run_concat(void* record) {
   return ZYN_RET_OK;
 }
 
+// Blocks of all channels: the product of the extents behind the third.
+int64_t images_of(const zyn_tensor* tensor) {
+  return tensor->count / (zyn_cg_pixels(tensor) * zyn_cg_channels(tensor));
+}
+
 // Copies channel of(c) of the input to channel c of the output.
 template <typename Of>
 int32_t copy_channels(zyn_cg_io_state* io, Of of) {
   const zyn_tensor* input = io->input;
   zyn_tensor* output = io->output;
   if (!zyn_cg_ready(input, output) || input->dims[0] != output->dims[0] ||
-      input->dims[1] != output->dims[1] || input->element_size != output->element_size)
+      input->dims[1] != output->dims[1] || images_of(input) != images_of(output))
     return ZYN_RET_ERR_PARA;
   input = zyn_cg_planar(input, &io->planar);
   if (!input) return ZYN_RET_ERR_MEMORY;
   const int64_t plane = zyn_cg_pixels(input) * input->element_size;
   const int64_t channels = zyn_cg_channels(input);
-  const int64_t images = input->count / (zyn_cg_pixels(input) * channels);
+  const int64_t images = images_of(input);
   const auto* in = static_cast<const uint8_t*>(input->data);
   auto* out = static_cast<uint8_t*>(output->data);
   for (int64_t i = 0; i < images; i++, in += channels * plane) {
