@@ -49,3 +49,6 @@ target_compile_options(zyn_header_c PRIVATE -std=c99 -pedantic -Wall -Wextra -We
 # ZYN_MODEL_DIR).
 add_test(NAME faces COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_faces.sh
          $<TARGET_FILE:detect_faces> $<TARGET_FILE:zyn-quant> ${CMAKE_CROSSCOMPILING_EMULATOR})
+# The examples that need no model run and say what they should.
+add_test(NAME examples COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_examples.sh
+         $<TARGET_FILE:landmarks> $<TARGET_FILE:track_faces> ${CMAKE_CROSSCOMPILING_EMULATOR})
