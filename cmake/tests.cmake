@@ -52,3 +52,9 @@ add_test(NAME faces COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/t
 # The examples that need no model run and say what they should.
 add_test(NAME examples COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_examples.sh
          $<TARGET_FILE:landmarks> $<TARGET_FILE:track_faces> ${CMAKE_CROSSCOMPILING_EMULATOR})
+# What is installed serves a C and a C++ host (native builds; sanitizers would have to be
+# linked into the hosts too).
+if(NOT CMAKE_CROSSCOMPILING AND NOT CMAKE_CXX_FLAGS MATCHES "fsanitize|coverage")
+  add_test(NAME install COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_install.sh
+           ${CMAKE_COMMAND} ${PROJECT_BINARY_DIR})
+endif()
