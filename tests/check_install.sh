@@ -34,7 +34,7 @@ END
 cp "$work/host/host.c" "$work/host/host.cpp"
 
 quietly "$cmake" --install "$build" --prefix "$work/prefix"
-quietly "$cmake" -S "$work/host" -B "$work/out" -DCMAKE_PREFIX_PATH="$work/prefix"
+quietly "$cmake" -G Ninja -S "$work/host" -B "$work/out" -DCMAKE_PREFIX_PATH="$work/prefix"
 quietly "$cmake" --build "$work/out"
 for program in host_c host_static host_cpp; do
   "$work/out/$program" || { echo "$program: code $?"; exit 1; }
