@@ -135,53 +135,125 @@ struct tile_job {
   float* copy;    // copying tiles: the panel to fill
   int64_t count;  // tiles in the run, and what lies between one and the next
   int64_t next_x, next_weights, next_out, next_rows;
+  // Rows of B under the columns that come next, or null: each tile asks the cache for
+  // ahead_rows of them, channel_stride of the input apart.
+  const float* ahead;
+  int64_t ahead_rows, ahead_stride;
 };
 
-template <int kActivation, int kRows, int kVectors>
-[[gnu::always_inline]] inline void finish(const __m256 (&sums)[kRows][kVectors],
-                                          const tile_job& job, float* out, int64_t first_row) {
-  const int64_t rows = job.rows - first_row;
-  const float* biases = job.bias ? job.bias + first_row : nullptr;
+// Where a tile stands in the output, in registers: vector stores may alias what is not.
+struct tile_place {
+  float* out;
+  int64_t pitch, rows, columns, to[3];
+};
+
+template <int kRows, int kVectors>
+[[gnu::always_inline]] inline void resume(__m256 (&sums)[kRows][kVectors],
+                                          const tile_place& place) {
   ZYN_UNROLL for (int r = 0; r < kRows; r++) {
-    if (r >= rows) return;
+    if (r >= place.rows) return;
+    ZYN_UNROLL for (int v = 0; v < kVectors; v++) sums[r][v] =
+        _mm256_loadu_ps(place.out + r * place.pitch + place.to[v]);
+  }
+}
+
+// The sums of 4 rows by 4 columns, two rows to a vector, beside whole vectors of columns: a
+// plane whose last vector would be half empty (14 x 14, 5 x 4) ends with such a tile.
+struct half_vectors {
+  static constexpr int kPanelFloats = 8;
+  __m256 sums[2];
+
+  void clear() { sums[0] = sums[1] = _mm256_setzero_ps(); }
+  [[gnu::always_inline]] void multiply_add(const float* weights, const float* column, float* copy) {
+    const __m128* four = reinterpret_cast<const __m128*>(column);
+    const __m256 columns = _mm256_broadcast_ps(four);
+    if (copy) _mm_store_ps(copy, _mm256_castps256_ps128(columns));
+    const __m256 w = _mm256_broadcast_ps(reinterpret_cast<const __m128*>(weights));
+    const __m256i low = _mm256_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1);
+    const __m256i high = _mm256_setr_epi32(2, 2, 2, 2, 3, 3, 3, 3);
+    sums[0] = _mm256_fmadd_ps(_mm256_permutevar_ps(w, low), columns, sums[0]);
+    sums[1] = _mm256_fmadd_ps(_mm256_permutevar_ps(w, high), columns, sums[1]);
+  }
+  [[gnu::always_inline]] void resume(const tile_place& place) {
+    alignas(32) float rows[4][4] = {};
+    ZYN_UNROLL for (int r = 0; r < 4; r++) {
+      if (r < place.rows)
+        _mm_store_ps(rows[r], _mm_loadu_ps(place.out + r * place.pitch + place.to[2]));
+    }
+    sums[0] = _mm256_load_ps(rows[0]);
+    sums[1] = _mm256_load_ps(rows[2]);
+  }
+  template <int kActivation>
+  [[gnu::always_inline]] void finish(const tile_place& place, const float* biases) const {
+    ZYN_UNROLL for (int r = 0; r < 4; r++) {
+      if (r >= place.rows) return;
+      __m256 y = sums[r / 2];
+      if (biases) y = _mm256_add_ps(y, _mm256_broadcast_ss(biases + r));
+      y = zyn_activate<kActivation>(y);
+      _mm_storeu_ps(place.out + r * place.pitch + place.to[2],
+                    r % 2 ? _mm256_extractf128_ps(y, 1) : _mm256_castps256_ps128(y));
+    }
+  }
+};
+struct no_half_vectors {
+  static constexpr int kPanelFloats = 0;
+  void clear() {}
+  void multiply_add(const float*, const float*, float*) {}
+  void resume(const tile_place&) {}
+  template <int kActivation>
+  void finish(const tile_place&, const float*) const {}
+};
+
+template <int kActivation, int kRows, int kVectors, typename Half>
+[[gnu::always_inline]] inline void finish(const __m256 (&sums)[kRows][kVectors], const Half& half,
+                                          const tile_place& place, const float* biases) {
+  half.template finish<kActivation>(place, biases);
+  ZYN_UNROLL for (int r = 0; r < kRows; r++) {
+    if (r >= place.rows) return;
     const __m256 bias = biases ? _mm256_broadcast_ss(biases + r) : _mm256_setzero_ps();
     ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
       const __m256 sum = biases ? _mm256_add_ps(sums[r][v], bias) : sums[r][v];
       const __m256 y = zyn_activate<kActivation>(sum);
-      float* to = out + r * job.pitch + (v == 0 ? 0 : job.to[v]);
-      if (kVectors == 1 && job.columns < 8)
-        _mm256_maskstore_ps(to, zyn_first_lanes(job.columns), y);
+      float* to = place.out + r * place.pitch + place.to[v];
+      if (kVectors == 1 && place.columns < 8)
+        _mm256_maskstore_ps(to, zyn_first_lanes(place.columns), y);
       else
         _mm256_storeu_ps(to, y);
     }
   }
 }
 
-template <int kRows, int kVectors>
-[[gnu::always_inline]] inline void resume(__m256 (&sums)[kRows][kVectors], const tile_job& job,
-                                          const float* out, int64_t first_row) {
-  ZYN_UNROLL for (int r = 0; r < kRows; r++) {
-    if (r >= job.rows - first_row) return;
-    ZYN_UNROLL for (int v = 0; v < kVectors; v++) sums[r][v] =
-        _mm256_loadu_ps(out + r * job.pitch + (v == 0 ? 0 : job.to[v]));
-  }
-}
-
-// kBlocks weight blocks of kBlock rows by kVectors vectors of 8 columns.
-template <int kBlock, int kBlocks, int kVectors, bool kTaps, bool kCopy>
+// kBlocks weight blocks of kBlock rows by kVectors vectors of 8 columns, and by the half
+// vector that follows them where Half is half_vectors.
+template <int kBlock, int kBlocks, int kVectors, bool kTaps, bool kCopy,
+          typename Half = no_half_vectors>
 void tiles(const tile_job& job) {
   constexpr int kRows = kBlock * kBlocks;
+  constexpr bool kNarrow = kVectors == 1;
   const int64_t block_stride = job.block_stride, channel_stride = job.channel_stride;
-  const int64_t at[3] = {0, kVectors > 1 ? job.at[1] : 0, kVectors > 2 ? job.at[2] : 0};
+  const int64_t at[3] = {0, kNarrow ? 0 : job.at[1], kNarrow ? 0 : job.at[2]};
+  const int32_t activation = job.activation;
   const float* start = job.x;
   const float* first_weights = job.weights;
-  float* out = job.out;
+  const float* biases = job.bias;
+  const float* ahead = job.ahead;
+  tile_place place = {job.out, job.pitch, job.rows, job.columns, {0, job.to[1], job.to[2]}};
   float* copy = job.copy;
-  int64_t row = 0;
   for (int64_t n = job.count; n > 0; n--) {
+    if (!kNarrow && ahead) {
+      for (int64_t i = job.ahead_rows; i > 0; i--, ahead += job.ahead_stride) {
+        _mm_prefetch(reinterpret_cast<const char*>(ahead), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(ahead + 8 * kVectors - 1), _MM_HINT_T0);
+      }
+    }
     __m256 sums[kRows][kVectors];
+    Half half;
     clear(sums);
-    if (kVectors > 1 && job.resume) resume(sums, job, out, row);
+    half.clear();
+    if (!kNarrow && job.resume) {
+      resume(sums, place);
+      half.resume(place);
+    }
     const float* x = start;
     const float* weights = first_weights;
     auto step = [&](const float* from) __attribute__((always_inline)) {
@@ -191,44 +263,54 @@ void tiles(const tile_job& job) {
             return weights + r / kBlock * block_stride + r % kBlock;
           },
           [from, &at](int v) { return from + at[v]; }, copy);
+      half.multiply_add(weights, from + at[2], kCopy ? copy + 16 : nullptr);
       weights += kBlock;
-      if (kCopy) copy += 8 * kVectors;
+      if (kCopy) copy += 8 * kVectors + Half::kPanelFloats;
     };
     if (kTaps) {
       const int64_t* end = job.offsets + job.taps;
-      for (int64_t c = job.channels; c > 0; c--, x += channel_stride)
-        for (const int64_t* offset = job.offsets; offset < end; offset++) step(x + *offset);
+      for (int64_t c = job.channels; c > 0; c--, x += channel_stride) {
+        _Pragma("GCC unroll 9") for (const int64_t* offset = job.offsets; offset < end; offset++)
+            step(x + *offset);
+      }
     } else {
-      _Pragma("GCC unroll 4") for (int64_t c = job.channels; c > 0; c--, x += channel_stride)
-          step(x);
+      // Few rounds per tile: rows far apart miss the first cache level, and a loop's end
+      // that is guessed wrong then costs twice.
+      const int64_t rest = job.channels % 32;
+      _Pragma("GCC unroll 32") for (int64_t c = job.channels - rest; c > 0;
+                                    c--, x += channel_stride) step(x);
+      _Pragma("GCC unroll 8") for (int64_t c = rest; c > 0; c--, x += channel_stride) step(x);
     }
-    switch (job.activation) {
+    switch (activation) {
       case ZYN_EPILOGUE_RELU:
-        finish<ZYN_EPILOGUE_RELU>(sums, job, out, row);
+        finish<ZYN_EPILOGUE_RELU>(sums, half, place, biases);
         break;
       case ZYN_EPILOGUE_HARD_SWISH:
-        finish<ZYN_EPILOGUE_HARD_SWISH>(sums, job, out, row);
+        finish<ZYN_EPILOGUE_HARD_SWISH>(sums, half, place, biases);
         break;
       case ZYN_EPILOGUE_HARD_SIGMOID:
-        finish<ZYN_EPILOGUE_HARD_SIGMOID>(sums, job, out, row);
+        finish<ZYN_EPILOGUE_HARD_SIGMOID>(sums, half, place, biases);
         break;
       default:
-        finish<ZYN_EPILOGUE_NONE>(sums, job, out, row);
+        finish<ZYN_EPILOGUE_NONE>(sums, half, place, biases);
     }
     start += job.next_x;
     first_weights += job.next_weights;
-    out += job.next_out;
-    row += job.next_rows;
+    place.out += job.next_out;
+    place.rows -= job.next_rows;
+    if (biases) biases += job.next_rows;
   }
 }
 
-// The tiles for one block size: wide ones for the bulk of the columns, and tiles of one
-// vector that take 1, 2 or 3 blocks at once for the columns that remain.
+// The tiles for one block size: wide ones for the bulk of the columns, tiles of one vector
+// that take 1, 2 or 3 blocks at once for the columns that remain, and wide ones that end
+// with half a vector.
 using tile_function = void (*)(const tile_job& job);
 struct tile_set {
   int64_t block, wide_columns, most_blocks;
   tile_function wide[2][2];    // by whether B has taps, whether the tile copies
   tile_function narrow[2][3];  // by whether B has taps, number of blocks - 1
+  tile_function half[2];       // rows of B without taps; by whether the tile copies
 };
 template <int kBlock, int kBlocks, int kVectors, bool kCopy>
 constexpr tile_function pair[2] = {tiles<kBlock, kBlocks, kVectors, false, kCopy>,
@@ -240,20 +322,25 @@ constexpr tile_set kTiles4 = {
     {{pair<4, 1, 3, false>[0], pair<4, 1, 3, true>[0]},
      {pair<4, 1, 3, false>[1], pair<4, 1, 3, true>[1]}},
     {{pair<4, 1, 1, false>[0], pair<4, 2, 1, false>[0], pair<4, 3, 1, false>[0]},
-     {pair<4, 1, 1, false>[1], pair<4, 2, 1, false>[1], pair<4, 3, 1, false>[1]}}};
+     {pair<4, 1, 1, false>[1], pair<4, 2, 1, false>[1], pair<4, 3, 1, false>[1]}},
+    {tiles<4, 1, 2, false, false, half_vectors>, tiles<4, 1, 2, false, true, half_vectors>}};
 constexpr tile_set kTiles6 = {6,
                               16,
                               2,
                               {{pair<6, 1, 2, false>[0], pair<6, 1, 2, true>[0]},
                                {pair<6, 1, 2, false>[1], pair<6, 1, 2, true>[1]}},
                               {{pair<6, 1, 1, false>[0], pair<6, 2, 1, false>[0], nullptr},
-                               {pair<6, 1, 1, false>[1], pair<6, 2, 1, false>[1], nullptr}}};
+                               {pair<6, 1, 1, false>[1], pair<6, 2, 1, false>[1], nullptr}},
+                              {nullptr, nullptr}};
+constexpr int64_t kHalfColumns = 20;  // of a tile of two vectors and a half
 
 // Bytes of B that a group of columns may keep in the first-level cache (48 KB, of which
 // the weights and the output need their share); terms beyond are summed in parts, the
 // sums so far waiting in the output.
 constexpr int64_t kGroupBytes = 24 * 1024;
-constexpr int64_t kMostPartBytes = 32 * 1024;
+constexpr int64_t kMostPartBytes = 60 * 1024;
+// More channels than this, for two tiles, leave no room in the first-level cache.
+constexpr int64_t kMostChannelsAhead = 160;
 // Fewer row blocks than this do not earn the copy of the columns back.
 constexpr int64_t kCopyBlocks = 3;
 
@@ -326,8 +413,22 @@ struct walk {
       }
   }
 
-  // One wide tile whose vectors lie anywhere, all row blocks in one call.
-  void scattered(const zyn_gemm_vector* vectors) const {
+  // One wide tile whose vectors lie anywhere, all row blocks in one call. The tile that
+  // comes next, if it is known, has its first column at next (floats from base on, else 0).
+  void scattered(const zyn_gemm_vector* vectors, int64_t next = 0) const {
+    all_blocks(vectors, next, set.wide[b.taps > 1], set.wide[0][0]);
+  }
+
+  // The tile of the last columns, the last 4 of which are half a vector.
+  void half(int64_t column) const {
+    const zyn_gemm_vector vectors[3] = {
+        {column, column}, {column + 8, column + 8}, {column + 16, column + 16}};
+    all_blocks(vectors, 0, set.half, set.half[0]);
+  }
+
+  // by_copy: the tile for B in place, without and with copying; packed: for the copy.
+  void all_blocks(const zyn_gemm_vector* vectors, int64_t next, const tile_function* by_copy,
+                  tile_function packed) const {
     const bool copy = copies();
     for (int64_t first = 0; first < b.channels; first += part) {
       tile_job j = job(0, first, smaller(first + part, b.channels));
@@ -342,7 +443,12 @@ struct walk {
       j.next_out = set.block * j.pitch;
       j.next_rows = set.block;
       j.count = copy ? 1 : blocks;
-      set.wide[b.taps > 1][copy](j);
+      if (next > 0 && b.taps == 1 && b.channels <= kMostChannelsAhead) {
+        j.ahead = b.base + next;
+        j.ahead_stride = b.channel_stride;
+        j.ahead_rows = (b.channels + blocks - 1) / blocks;
+      }
+      by_copy[copy](j);
       if (!copy) continue;
       read_panel(&j);
       j.count = blocks - 1;
@@ -350,7 +456,8 @@ struct walk {
       j.out += j.next_out;
       j.rows -= j.next_rows;
       if (j.bias) j.bias += j.next_rows;
-      set.wide[0][0](j);
+      if (j.ahead) j.ahead += j.ahead_rows * j.ahead_stride;
+      packed(j);
     }
   }
 
@@ -379,11 +486,17 @@ void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* pac
                        const zyn_gemm_output& output) {
   const walk w = make_walk(b, packed, block, output);
   const int64_t width = w.set.wide_columns;
+  // A plane that ends with at most half a vector ends with a tile made for that.
+  const int64_t tail = columns % 8;
+  if (w.set.half[0] && b.taps == 1 && columns >= kHalfColumns && tail >= 1 && tail <= 4) {
+    w.half(columns - kHalfColumns);
+    columns -= kHalfColumns;
+  }
   const int64_t whole = columns / width * width, rest = columns - whole;
-  auto tile_at = [&w](int64_t column, int64_t last_vector) {
+  auto tile_at = [&w, columns, width](int64_t column, int64_t last_vector) {
     const zyn_gemm_vector vectors[3] = {
         {column, column}, {column + 8, column + 8}, {last_vector, last_vector}};
-    w.scattered(vectors);
+    w.scattered(vectors, column + 2 * width <= columns ? column + width : 0);
   };
   if (w.blocks < kCopyBlocks) {
     const int64_t group = larger(kGroupBytes / (b.channels * b.taps * 4) / width, 1) * width;
