@@ -146,7 +146,7 @@ class Planned {
 TEST(PlannedConv, PointwiseRoundEveryTileEdge) {
   // Columns round 8, 16 and 24, one pixel to several groups; channels round the blocks of
   // 4 and 6 and round two and three blocks at once.
-  for (int pixels : {1, 2, 7, 8, 9, 15, 16, 17, 20, 23, 24, 25, 31, 33, 41, 47, 80, 97})
+  for (int pixels : {1, 2, 7, 8, 9, 15, 16, 17, 20, 23, 24, 25, 28, 31, 33, 41, 47, 80, 97})
     for (int out : {1, 4, 5, 6, 8, 10, 12, 16, 18, 20})
       Planned().in(pixels, 1, 3).out(out).bias(true).activation(out % 2).check();
   for (int in : {1, 2, 3, 4, 5, 7, 64, 511, 512, 513, 1100}) Planned().in(5, 7, in).out(13).check();
@@ -189,6 +189,9 @@ TEST(PlannedConv, DepthwiseKindsOverSizes) {
           p.in(size, other, 3).depthwise(3).check();
           p.in(other, size, 2).depthwise(2).bias(true).activation(1).check();
         }
+  // More than the second cache level holds.
+  for (int stride : {1, 2})
+    Planned().in(420, 310, 5).depthwise(5).kernel(3).pad(1).stride(stride).check();
 }
 
 // Narrow planes are computed 8 channels at a time; the channels left over and the other

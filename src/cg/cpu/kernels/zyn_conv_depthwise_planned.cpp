@@ -14,6 +14,10 @@ namespace {
 #define ZYN_UNROLL _Pragma("GCC unroll 32")
 
 constexpr int64_t kVector = 8;
+constexpr int64_t kLine = 16;  // floats of a cache line
+// Input and output of more floats than this (2 MB) do not stay in the second cache level:
+// what the next rows need is asked for while these are computed.
+constexpr int64_t kMostCachedFloats = 512 * 1024;
 
 int64_t smaller(int64_t a, int64_t b) { return a < b ? a : b; }
 
@@ -81,13 +85,14 @@ struct run_planes {
   using row_taps = taps<kKernel, kStride>;
   static constexpr int kPad = kKernel / 2;
   // Output rows that go together: as many as there are registers for.
-  static constexpr int kRowGroup = kStride == 1 ? 4 : 2;
+  static constexpr int kRowGroup = kStride == 1 ? 4 : 3;
 
   const zyn_conv_plan* plan;
   const float* input;
   float* output;
   const float* bias;
   int64_t first_channel;
+  bool far = false;  // whether the tensors are larger than the second cache level
   // The first and the last vector of a row.
   int64_t last_x = 0, stored = kVector;
   int first_edge = kNone, last_edge = kNone;
@@ -97,6 +102,8 @@ struct run_planes {
              int64_t first_channel_ = 0)
       : plan(plan_), input(input_), output(output_), bias(bias_), first_channel(first_channel_) {
     const int64_t width = plan->output_w;
+    const int64_t in_plane = static_cast<int64_t>(plan->input_w) * plan->input_h;
+    far = (in_plane + plan->output_pixels) * plan->input_channels > kMostCachedFloats;
     stored = smaller(width, kVector);
     last_x = width - stored;
     first_edge = edge(0);
@@ -183,6 +190,17 @@ struct run_planes {
     }
   }
 
+  // Asks the cache for one vector's share of the rows that a group after this one reads and,
+  // where they are as many, writes.
+  template <int kRows>
+  [[gnu::always_inline]] static void ask_ahead(const float** in, const float** out) {
+    constexpr int64_t kShare = kRows * kVector;
+    ZYN_UNROLL for (int64_t i = 0; i < kShare * kStride * kStride; i += kLine, *in += kLine)
+        _mm_prefetch(reinterpret_cast<const char*>(*in), _MM_HINT_T0);
+    ZYN_UNROLL for (int64_t i = 0; kStride == 1 && i < kShare; i += kLine, *out += kLine)
+        _mm_prefetch(reinterpret_cast<const char*>(*out), _MM_HINT_T0);
+  }
+
   // kRows output rows of channel c from y on.
   template <int kRows, int kActivation>
   void row_group(int64_t c, int64_t y, const __m256 (&weights)[kKernel * kKernel]) const {
@@ -204,8 +222,12 @@ struct run_planes {
     edge_block<kRows, kActivation>(g, weights, 0, first_masks, first_edge);
     // With 5 taps a vector one column before the last would read past the row.
     const int64_t most = kStride == 1 ? last_x - kPad : last_x;
-    for (int64_t x = kVector; x < last_x; x += kVector)
+    const float* next_in = input + (c * h + first + kInputRows) * w;
+    const float* next_out = g.out + kRows * out_w;
+    for (int64_t x = kVector; x < last_x; x += kVector) {
+      if (far) ask_ahead<kRows>(&next_in, &next_out);
       block<kRows, kNone, kActivation>(g, weights, smaller(x, most), nullptr);
+    }
     if (last_x > 0) edge_block<kRows, kActivation>(g, weights, last_x, last_masks, last_edge);
   }
 
