@@ -13,6 +13,7 @@ namespace {
 #define ZYN_UNROLL _Pragma("GCC unroll 9")
 
 constexpr int64_t kLanes = 8;
+constexpr int64_t kLine = 16;  // floats of a cache line
 constexpr int64_t kKernel = 3, kTaps = kKernel * kKernel;
 // Input and sums share the first cache level with the planes; larger planes, wider rows and
 // rows that fill at least 8 of 9 lanes are faster row by row.
@@ -88,11 +89,15 @@ struct run_lanes {
     for (int64_t i = 0; i < kLanes; i++) scratch[kTaps * kLanes + i] = bias ? bias[c + i] : -0.0f;
   }
 
-  // Transposes 8 planes; their border is zero since the plan was made.
-  void load_planes(const float* planes) const {
+  // Transposes 8 planes; their border is zero since the plan was made. Meanwhile the second
+  // cache level is asked for the place of the results: within a network it has lost them since
+  // the last inference.
+  void load_planes(const float* planes, const float* results) const {
     const int64_t count = static_cast<int64_t>(plan->input_w) * plan->input_h;
     const int32_t* table = reinterpret_cast<const int32_t*>(scratch + layout.table);
     for (int64_t at = 0; at < count; at += kLanes) {
+      for (int64_t i = 0; kStride == 1 && i < kLanes * kLanes; i += kLine)
+        _mm_prefetch(reinterpret_cast<const char*>(results + at * kLanes + i), _MM_HINT_T1);
       at = smaller(at, count - kLanes);
       __m256 t[8];
       transpose(planes + at, count, t);
@@ -170,7 +175,7 @@ struct run_lanes {
     const int64_t plane = static_cast<int64_t>(plan->input_w) * plan->input_h;
     for (int64_t c = 0; c + kLanes <= plan->input_channels; c += kLanes) {
       load_filter(c);
-      load_planes(input + c * plane);
+      load_planes(input + c * plane, output + c * pixels);
       for (int64_t y = 0; y < out_h; y++)
         sum_row(scratch, scratch + layout.input + y * kStride * layout.pitch, layout.pitch,
                 scratch + layout.sums + y * out_w * kLanes, out_w);

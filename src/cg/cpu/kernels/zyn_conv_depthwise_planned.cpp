@@ -15,8 +15,7 @@ namespace {
 
 constexpr int64_t kVector = 8;
 constexpr int64_t kLine = 16;  // floats of a cache line
-// Input and output of more floats than this (2 MB) do not stay in the second cache level:
-// what the next rows need is asked for while these are computed.
+// Input and output of more floats than this (2 MB) do not stay in the second cache level.
 constexpr int64_t kMostCachedFloats = 512 * 1024;
 
 int64_t smaller(int64_t a, int64_t b) { return a < b ? a : b; }
@@ -190,15 +189,12 @@ struct run_planes {
     }
   }
 
-  // Asks the cache for one vector's share of the rows that a group after this one reads and,
-  // where they are as many, writes.
+  // Asks the cache for what 8 output columns of the rows after these need: the output, which
+  // within a network has left the caches since the last inference, and input that is large.
   template <int kRows>
-  [[gnu::always_inline]] static void ask_ahead(const float** in, const float** out) {
-    constexpr int64_t kShare = kRows * kVector;
-    ZYN_UNROLL for (int64_t i = 0; i < kShare * kStride * kStride; i += kLine, *in += kLine)
-        _mm_prefetch(reinterpret_cast<const char*>(*in), _MM_HINT_T0);
-    ZYN_UNROLL for (int64_t i = 0; kStride == 1 && i < kShare; i += kLine, *out += kLine)
-        _mm_prefetch(reinterpret_cast<const char*>(*out), _MM_HINT_T0);
+  [[gnu::always_inline]] static void ask_ahead(const float** at) {
+    ZYN_UNROLL for (int64_t i = 0; i < kRows * kVector; i += kLine, *at += kLine)
+        _mm_prefetch(reinterpret_cast<const char*>(*at), _MM_HINT_T0);
   }
 
   // kRows output rows of channel c from y on.
@@ -225,7 +221,8 @@ struct run_planes {
     const float* next_in = input + (c * h + first + kInputRows) * w;
     const float* next_out = g.out + kRows * out_w;
     for (int64_t x = kVector; x < last_x; x += kVector) {
-      if (far) ask_ahead<kRows>(&next_in, &next_out);
+      if (far) ask_ahead<kRows * kStride * kStride>(&next_in);
+      ask_ahead<kRows>(&next_out);
       block<kRows, kNone, kActivation>(g, weights, smaller(x, most), nullptr);
     }
     if (last_x > 0) edge_block<kRows, kActivation>(g, weights, last_x, last_masks, last_edge);

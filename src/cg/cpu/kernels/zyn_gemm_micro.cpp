@@ -223,6 +223,18 @@ template <int kActivation, int kRows, int kVectors, typename Half>
   }
 }
 
+// Within a network a tile's output has left the caches since the last inference: it comes
+// back while the tile is summed.
+template <int kRows, int kVectors>
+[[gnu::always_inline]] inline void ask_for_output(const tile_place& place) {
+  ZYN_UNROLL for (int r = 0; r < kRows; r++) {
+    if (r >= place.rows) return;
+    const float* row = place.out + r * place.pitch;
+    _mm_prefetch(reinterpret_cast<const char*>(row), _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char*>(row + 8 * kVectors - 1), _MM_HINT_T0);
+  }
+}
+
 // kBlocks weight blocks of kBlock rows by kVectors vectors of 8 columns, and by the half
 // vector that follows them where Half is half_vectors.
 template <int kBlock, int kBlocks, int kVectors, bool kTaps, bool kCopy,
@@ -246,6 +258,7 @@ void tiles(const tile_job& job) {
         _mm_prefetch(reinterpret_cast<const char*>(ahead + 8 * kVectors - 1), _MM_HINT_T0);
       }
     }
+    if (!kNarrow) ask_for_output<kRows, kVectors>(place);
     __m256 sums[kRows][kVectors];
     Half half;
     clear(sums);
