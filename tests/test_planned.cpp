@@ -467,6 +467,31 @@ TEST(Gemm, GeneralMultiplyInBlocksOf512) {
     }
 }
 
+// A layer with one output pixel has a path of its own: the sums of the general multiply, bit
+// by bit, with one block of terms and with several.
+TEST(Gemm, OnePixelSumsAsTheGeneralMultiplyDoes) {
+  for (int channels : {1, 5, 56, 57, 120})
+    for (int rows : {1, 7, 8, 9, 17, 33, 70}) {
+      SCOPED_TRACE(std::to_string(channels) + ">" + std::to_string(rows));
+      const int k = channels * 9;
+      PageEnd<float> input(k), weights(static_cast<size_t>(rows) * k), output(rows), want(rows);
+      fill(input, Fill::kReals, 1);
+      fill(weights, Fill::kReals, 2);
+      Planned layer = Planned().in(3, 3, channels).out(rows).kernel(3);
+      const zyn_conv_param p = layer.param();
+      const zyn_tensor in = layer.input_tensor(input.data());
+      const zyn_tensor w = tensor_over(weights.data(), static_cast<int>(weights.size()), 1, 1);
+      zyn_tensor out = tensor_over(output.data(), 1, 1, rows);
+      const uint32_t threads = 1;
+      zyn_conv_plan* plan = zyn_cg_conv_prepare_planned(&in, &w, &p, &threads);
+      ASSERT_EQ(zyn_cg_conv_run_planned(&out, &in, &w, &p, plan), 0u);
+      EXPECT_EQ(zyn_cg_conv_release_planned(&plan), 0u);
+      ASSERT_EQ(zyn_cg_sgemm(rows, 1, k, 1, 0, weights.data(), k, input.data(), 1, want.data(), 1),
+                0u);
+      for (int r = 0; r < rows; r++) EXPECT_EQ(output[r], want[r]) << "row " << r;
+    }
+}
+
 TEST(Gemm, GeneralMultiplyRefusalsAndMemory) {
   float a[4] = {1, 2, 3, 4}, b[4] = {1, 0, 0, 1}, c[4] = {9, 9, NAN, 9};
   EXPECT_EQ(zyn_cg_sgemm(2, 2, 2, 1, 0, nullptr, 2, b, 2, c, 2), 1u);

@@ -47,6 +47,9 @@ void fill_weights(const zyn_conv_plan* plan, const float* weights) {
     memcpy(plan->weights, weights, static_cast<size_t>(plan->padded_rows * k) * sizeof(float));
   else
     zyn_gemm_pack_weights(plan->output_channels, k, plan->channel_block, weights, k, plan->weights);
+  if (zyn_conv_is_by_vector(plan))
+    zyn_gemm_pack_weights(plan->output_channels, k, kZynVectorRows, weights, k,
+                          plan->weights + zyn_conv_plan_scratch(plan));
 }
 
 }  // namespace
@@ -92,6 +95,9 @@ uint32_t zyn_cg_conv_plan(int32_t input_channels, int32_t output_channels, int32
   if (is_dense(&p)) set_block(&p, p.output_channels);
   if (p.kind >= ZYN_PLAN_DENSE_3X3 && p.kind <= ZYN_PLAN_DENSE_5X5_S2)
     zyn_conv_plan_strip_sizes(&p);
+  if (zyn_conv_is_by_vector(&p))
+    p.strip.floats =
+        (output_channels + int64_t{kZynVectorRows} - 1) / kZynVectorRows * kZynVectorRows * k;
   // Depthwise kinds read rows outside of the image from a row of zeros.
   if (!is_dense(&p)) p.strip.floats = zyn_conv_zero_row(&p) + zyn_conv_lanes_floats(&p);
   *plan = p;

@@ -55,12 +55,19 @@ struct zyn_conv_plan {
   // The layer, for the run functions.
   int32_t input_channels, input_w, input_h;
   int32_t kernel, stride, pad;
-  zyn_conv_strip strip;  // kinds 1 to 4; of the depthwise kinds floats alone
+  zyn_conv_strip strip;  // kinds 1 to 4; of the others floats alone
 };
 
 // Where the scratch begins in the block of the packed weights, in floats: aligned.
 inline int64_t zyn_conv_plan_scratch(const zyn_conv_plan* plan) {
   return (static_cast<int64_t>(plan->padded_rows) * plan->weights_per_row + 15) / 16 * 16;
+}
+
+// Whether a plan of kind 0 has a single output pixel: its product is one by a vector, and the
+// scratch holds the weights in blocks of kZynVectorRows rows.
+enum { kZynVectorRows = 8 };
+inline bool zyn_conv_is_by_vector(const zyn_conv_plan* plan) {
+  return plan->kind == ZYN_PLAN_GENERIC && plan->output_pixels == 1;
 }
 
 // Sizes of the strip of a plan of kinds 1 to 4.

@@ -88,6 +88,12 @@ uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_
   zyn_scratch<float> columns(k * pixels);
   if (!columns) return 2;
   fill_columns(columns.get(), input, plan);
+  if (zyn_conv_is_by_vector(plan)) {
+    zyn_gemm_by_vector(plan->output_channels, k, plan->weights + zyn_conv_plan_scratch(plan),
+                       columns.get(), output);
+    zyn_conv_finish_rows(output, plan->output_channels, pixels, epilogue);
+    return 0;
+  }
   const uint32_t code = zyn_cg_sgemm(static_cast<int32_t>(plan->output_channels),
                                      static_cast<int32_t>(pixels), static_cast<int32_t>(k), 1.0f,
                                      0.0f, plan->weights, k, columns.get(), pixels, output, pixels);

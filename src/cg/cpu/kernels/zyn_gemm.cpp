@@ -2,6 +2,9 @@
 // into blocks of 512 (a block of A fits the second cache level) and N into panels of 24
 // columns, which are packed when they are used; A is read as it lies, 4 rows at a time:
 // a broadcast does not ask for neighbours.
+#include <immintrin.h>
+#include <string.h>
+
 #include "base/zyn_memory.h"
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "cg/cpu/kernels/zyn_gemm_pack.h"
@@ -72,7 +75,43 @@ void multiply_block(block_product p) {
   if (whole < rows) multiply_packed(p);
 }
 
+// kBlocks blocks of 8 rows by a vector of at most kBlockExtent terms.
+template <int kBlocks>
+void multiply_rows(const float* packed, int64_t block_stride, int64_t terms, const float* x,
+                   float* y, bool add) {
+  __m256 sums[kBlocks];
+  _Pragma("GCC unroll 8") for (int b = 0; b < kBlocks; b++) sums[b] = _mm256_setzero_ps();
+  for (int64_t i = 0; i < terms; i++, packed += kRowBlock) {
+    const __m256 value = _mm256_broadcast_ss(x + i);
+    _Pragma("GCC unroll 8") for (int b = 0; b < kBlocks; b++) sums[b] =
+        _mm256_fmadd_ps(_mm256_loadu_ps(packed + b * block_stride), value, sums[b]);
+  }
+  _Pragma("GCC unroll 8") for (int b = 0; b < kBlocks; b++) {
+    float* to = y + b * kRowBlock;
+    _mm256_storeu_ps(to, add ? _mm256_add_ps(sums[b], _mm256_loadu_ps(to)) : sums[b]);
+  }
+}
+
 }  // namespace
+
+void zyn_gemm_by_vector(int64_t rows, int64_t k, const float* packed, const float* x, float* y) {
+  const int64_t block_stride = k * kRowBlock;
+  alignas(32) float sums[8 * kRowBlock];
+  for (int64_t row = 0, count = 0; row < rows; row += count) {
+    const int64_t blocks = (rows - row + kRowBlock - 1) / kRowBlock;
+    const auto multiply = blocks >= 8   ? multiply_rows<8>
+                          : blocks >= 4 ? multiply_rows<4>
+                          : blocks >= 2 ? multiply_rows<2>
+                                        : multiply_rows<1>;
+    count = smaller(rows - row, kRowBlock * (blocks >= 8   ? 8
+                                             : blocks >= 4 ? 4
+                                                           : smaller(blocks, 2)));
+    for (int64_t term = 0; term < k; term += kBlockExtent)
+      multiply(packed + row * k + term * kRowBlock, block_stride, smaller(kBlockExtent, k - term),
+               x + term, sums, term > 0);
+    memcpy(y + row, sums, static_cast<size_t>(count) * sizeof(float));
+  }
+}
 
 void zyn_gemm_macro(int64_t rows, int64_t columns, int64_t k, float alpha, float beta,
                     float* output, int64_t pitch, const float* weights, const float* panels,

@@ -37,6 +37,9 @@ void zyn_gemm_rows_by_panel(int64_t rows, int64_t k, float alpha, float beta, co
                             int64_t lda, const float* panel, int64_t width, int64_t columns,
                             float* tile, int64_t pitch);
 
+// y = A x as the general multiply sums it; packed holds A in blocks of 8 rows, k-major.
+void zyn_gemm_by_vector(int64_t rows, int64_t k, const float* packed, const float* x, float* y);
+
 // Where the rows of B lie when they are read in place: row c * taps + t starts at
 // channel c, tap t: base + c * channel_stride + offsets[t].
 struct zyn_gemm_rows {
