@@ -1,7 +1,7 @@
 // The macro-kernel over packed operands, and the general multiply. That one cuts M and K
 // into blocks of 512 (a block of A fits the second cache level) and N into panels of 24
-// columns, which are packed when they are used; A is read as it lies, 4 rows at a time:
-// a broadcast does not ask for neighbours.
+// columns, which are packed when they are used; A is read as it lies, up to 4 rows at a
+// time: a broadcast does not ask for neighbours.
 #include <immintrin.h>
 #include <string.h>
 
@@ -12,8 +12,7 @@
 namespace {
 
 constexpr int64_t kBlockExtent = 512;  // of M, N and K
-constexpr int64_t kRowBlock = 8, kPanelWidth = 8;
-constexpr int64_t kTileRows = 4;  // of A as it lies
+constexpr int64_t kRowBlock = 8;       // of a product by a vector
 constexpr int64_t kMostTileFloats = 6 * 16;
 
 int64_t smaller(int64_t a, int64_t b) { return a < b ? a : b; }
@@ -29,7 +28,7 @@ void merge_tile(const float* tile, int64_t tile_pitch, int64_t rows, int64_t col
     }
 }
 
-// A product of at most 512 rows and terms, and the scratch of the general multiply.
+// A product of at most 512 rows and terms, and room for the columns of one tile.
 struct block_product {
   int64_t rows, columns, terms;
   float alpha, beta;
@@ -39,40 +38,17 @@ struct block_product {
   int64_t ldb;
   float* c;
   int64_t ldc;
-  float* weights;
-  float* panels;
+  float* panel;
 };
 
-// Rows in multiples of kTileRows, panel by panel.
-void multiply_tiles(const block_product& p) {
+void multiply_block(const block_product& p) {
   for (int64_t column = 0; column < p.columns; column += ZYN_GEMM_WIDE) {
     const int64_t here = smaller(ZYN_GEMM_WIDE, p.columns - column);
     const int64_t width = (here + 7) / 8 * 8;
-    zyn_gemm_pack_panels(p.terms, here, width, p.b + column, p.ldb, p.panels);
-    zyn_gemm_rows_by_panel(p.rows, p.terms, p.alpha, p.beta, p.a, p.lda, p.panels, width, here,
+    zyn_gemm_pack_panels(p.terms, here, width, p.b + column, p.ldb, p.panel);
+    zyn_gemm_rows_by_panel(p.rows, p.terms, p.alpha, p.beta, p.a, p.lda, p.panel, width, here,
                            p.c + column, p.ldc);
   }
-}
-
-// The few rows that are left over: both operands packed, 8 x 8 at a time.
-void multiply_packed(const block_product& p) {
-  zyn_gemm_pack_weights(p.rows, p.terms, kRowBlock, p.a, p.lda, p.weights);
-  for (int64_t column = 0; column < p.columns; column += kBlockExtent) {
-    const int64_t here = smaller(kBlockExtent, p.columns - column);
-    zyn_gemm_pack_panels(p.terms, here, kPanelWidth, p.b + column, p.ldb, p.panels);
-    zyn_gemm_macro(p.rows, here, p.terms, p.alpha, p.beta, p.c + column, p.ldc, p.weights, p.panels,
-                   kRowBlock, kPanelWidth, zyn_gemm_micro_8x8);
-  }
-}
-
-void multiply_block(block_product p) {
-  const int64_t rows = p.rows, whole = rows / kTileRows * kTileRows;
-  p.rows = whole;
-  if (whole > 0) multiply_tiles(p);
-  p.rows = rows - whole;
-  p.a += whole * p.lda;
-  p.c += whole * p.ldc;
-  if (whole < rows) multiply_packed(p);
 }
 
 // kBlocks blocks of 8 rows by a vector of at most kBlockExtent terms.
@@ -133,13 +109,13 @@ void zyn_gemm_macro(int64_t rows, int64_t columns, int64_t k, float alpha, float
 uint32_t zyn_cg_sgemm(int32_t m, int32_t n, int32_t k, float alpha, float beta, const float* a,
                       int64_t lda, const float* b, int64_t ldb, float* c, int64_t ldc) {
   if (!a || !b || !c || m < 1 || n < 1 || k < 1 || lda < k || ldb < n || ldc < n) return 1;
-  zyn_scratch<float> weights(kBlockExtent * kBlockExtent);
-  zyn_scratch<float> panels(kBlockExtent * kBlockExtent);
-  if (!weights || !panels) return 2;
+  // Small: memory of a megabyte and more comes from the system in fresh pages at every call.
+  zyn_scratch<float> panel(ZYN_GEMM_WIDE * smaller(k, kBlockExtent));
+  if (!panel) return 2;
   for (int64_t row = 0; row < m; row += kBlockExtent)
     for (int64_t term = 0; term < k; term += kBlockExtent)
       multiply_block({smaller(kBlockExtent, m - row), n, smaller(kBlockExtent, k - term), alpha,
                       term == 0 ? beta : 1.0f, a + row * lda + term, lda, b + term * ldb, ldb,
-                      c + row * ldc, ldc, weights.get(), panels.get()});
+                      c + row * ldc, ldc, panel.get()});
   return 0;
 }

@@ -559,12 +559,16 @@ void zyn_gemm_rows_by_panel(int64_t rows, int64_t k, float alpha, float beta, co
   const scaled_tile t = {k, alpha, beta, a, lda, panel, tile, pitch, columns};
   int64_t row = 0;
   if (width == 24) {
-    panel_rows<4, 3>(t, row, rows);
+    row = panel_rows<4, 3>(t, row, rows);
+    row = panel_rows<2, 3>(t, row, rows);
+    panel_rows<1, 3>(t, row, rows);
   } else if (width == 16) {
     row = panel_rows<6, 2>(t, row, rows);
-    panel_rows<2, 2>(t, row, rows);
+    row = panel_rows<2, 2>(t, row, rows);
+    panel_rows<1, 2>(t, row, rows);
   } else {
     row = panel_rows<8, 1>(t, row, rows);
-    panel_rows<4, 1>(t, row, rows);
+    row = panel_rows<4, 1>(t, row, rows);
+    panel_rows<1, 1>(t, row, rows);
   }
 }

@@ -31,8 +31,8 @@ void zyn_gemm_micro_4x16(int64_t k, float alpha, float beta, const float* weight
 void zyn_gemm_micro_8x8(int64_t k, float alpha, float beta, const float* weights,
                         const float* panel, float* tile, int64_t pitch);
 
-// tile = alpha * A x panel + beta * tile for rows (a multiple of 4) of A as they lie, lda
-// floats apart, and a panel of width 8, 16 or 24 columns, of which columns are written.
+// tile = alpha * A x panel + beta * tile for rows of A as they lie, lda floats apart, and a
+// panel of width 8, 16 or 24 columns, of which columns are written.
 void zyn_gemm_rows_by_panel(int64_t rows, int64_t k, float alpha, float beta, const float* a,
                             int64_t lda, const float* panel, int64_t width, int64_t columns,
                             float* tile, int64_t pitch);
