@@ -180,7 +180,7 @@ void random_view(Random& random, View* view, real* d) {
 
 TEST(Pose, RandomViews) {
   Random random(1);
-  const int cases = zyn_test::soak_cases(20000, 1000000);
+  const int cases = zyn_test::soak(20000, 1000000);
   int compared = 0, found = 0, poses = 0;
   double worst_distance = 0, worst_pixels = 0, worst_skew = 0;
   for (int i = 0; i < cases; i++) {
@@ -259,7 +259,7 @@ TEST(Pose, PointsOnAGrid) {
 // that are none: no solution or finite ones.
 TEST(Pose, DegenerateViews) {
   Random random(2);
-  const int cases = zyn_test::soak_cases(10000, 100000);
+  const int cases = zyn_test::soak(10000, 100000);
   for (int i = 0; i < cases; i++) {
     View view;
     real d[3];

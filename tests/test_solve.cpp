@@ -55,7 +55,7 @@ double relative_residual(const Matrix<T>& a, const Matrix<T>& x, const Matrix<T>
 TYPED_TEST(Solve, ResidualsStayAtRoundingLevel) {
   Random random(11);
   double worst = 0;
-  const int cases = zyn_test::soak_cases(4000, 100000);
+  const int cases = zyn_test::soak(4000, 100000);
   for (int i = 0; i < cases; i++) {
     const int n = random.integer(1, 12), columns = random.integer(1, 11);
     Matrix<TypeParam> a(n, n), x(n, columns), b(n, columns);

@@ -61,9 +61,6 @@ class PageEndImage {
   void* own_;
 };
 
-constexpr const char* kPara = "Your input params are wrong!";
-inline std::string codec_report(const std::string& message, int line) {
-  return report(message, "src/image/zyn_bmp_codec.cpp", line);
-}
+constexpr Reports codec_report{"src/image/zyn_bmp_codec.cpp"};
 
 }  // namespace zyn_test

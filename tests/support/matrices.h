@@ -1,9 +1,8 @@
-// Matrix records over buffers that end at an inaccessible page, and long runs.
+// Matrix records over buffers that end at an inaccessible page.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <math.h>
-#include <stdlib.h>
 
 #include <string>
 
@@ -11,12 +10,6 @@
 #include "zyncore.h"
 
 namespace zyn_test {
-
-// ZYN_SOAK=1 asks for the full number of random cases instead of a hundredth or so.
-inline int soak_cases(int quick, int full) {
-  const char* soak = getenv("ZYN_SOAK");
-  return soak && *soak && *soak != '0' ? full : quick;
-}
 
 // rows x cols of T whose rows lie pitch elements apart (0: cols); what lies between them
 // stays NaN.

@@ -3,19 +3,12 @@
 #pragma once
 
 #include <stdint.h>
-#include <stdlib.h>
 
 #include <cmath>
 #include <utility>
 #include <vector>
 
 namespace zyn_test {
-
-// ZYN_SOAK=1 asks for the full counts.
-inline int soak(int quick, int full) {
-  const char* text = getenv("ZYN_SOAK");
-  return text && *text == '1' ? full : quick;
-}
 
 template <typename T>
 struct Mat {
