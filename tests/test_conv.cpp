@@ -3,12 +3,9 @@
 // preparation keeps. Integer data make results exact in every order of summation.
 #include <gtest/gtest.h>
 
-#include <cmath>
-
 #include "cg/cpu/zyn_cg_operators.h"
-#include "support/conv_case.h"
 #include "support/ledger.h"
-#include "support/net.h"
+#include "support/reference.h"
 
 namespace {
 
@@ -84,20 +81,18 @@ class Layer {
     fill_constant(random);
     net_ = std::make_unique<Net>();
     net_->method(method_);
-    zyn_conv_param record = p;
-    if (folded()) {
-      record.word14.epsilon = epsilon_;
-      record.activation = activation_;
-    } else {
-      record.word14.activation = activation_;
-      record.activation = 99;
-    }
     const int in = net_->input(input_, layout_), constant = net_->constant(constant_);
     // The constant first: the last input that is none counts.
-    return net_->op(type_, record, {constant, in}), net_->make();
+    return net_->op(type_, record(), {constant, in}), net_->make();
   }
   Net& net() { return *net_; }
   Array& constant() { return constant_; }
+  // Makes the layer, which then answers with these codes.
+  void answers(int prepare, int run) {
+    ASSERT_EQ(make(), 0);
+    EXPECT_EQ(net_->prepare(), prepare) << text();
+    EXPECT_EQ(net_->run(), run) << text();
+  }
 
   void check() {
     SCOPED_TRACE(text());
@@ -112,10 +107,8 @@ class Layer {
     EXPECT_EQ(net_->output_tensor(2)->layout, blocked ? 3u : 0u);
   }
   void compare() {
-    Array expected({ow(), oh(), p.out_channels});
-    expected.v = plain();
     const double bound = activation_ == 2 || activation_ == 4 || epsilon_ == 0 ? 3e-7 : 0;
-    ASSERT_TRUE(zyn_test::agrees(net_->output(2), expected, bound)) << text();
+    ASSERT_TRUE(zyn_test::agrees(net_->output(2), expected(), bound)) << text();
   }
   std::string text() const {
     return "type " + std::to_string(type_) + " method " + std::to_string(method_) + " code " +
@@ -142,29 +135,25 @@ class Layer {
     }
   }
 
-  std::vector<double> plain() const {
-    const std::vector<double>& v = constant_.v;
-    std::vector<double> w(v.begin(), v.begin() + static_cast<int>(weights())), bias;
-    const size_t out = static_cast<size_t>(p.out_channels);
-    for (size_t c = 0; c < out; c++) {
-      double b = bias_count() ? v[weights() + c] : 0;
-      if (folded()) {
-        const double* s = v.data() + weights() + bias_count() + c;
-        const double epsilon = epsilon_ == 0 ? 1e-5 : static_cast<double>(epsilon_);
-        const double scale = s[0] / std::sqrt(s[3 * out] + epsilon);
-        b = (b - s[2 * out]) * scale + s[out];
-        for (size_t i = c * w.size() / out; i < (c + 1) * w.size() / out; i++) w[i] *= scale;
-      }
-      bias.push_back(b);
+  zyn_conv_param record() const {
+    zyn_conv_param r = p;
+    if (folded())
+      r.word14.epsilon = epsilon_;
+    else
+      r.word14.activation = activation_;
+    r.activation = folded() ? activation_ : 99;
+    return r;
+  }
+  Array expected() const {
+    zyn_conv_param r = record();
+    Array constant = constant_;
+    if (!zyn_test::has_kernel(p)) {  // other groups add nothing
+      r.groups = 1;
+      std::fill_n(constant.v.begin(), weights(), 0.0);
     }
-    auto y = zyn_test::plain_convolution(input_.v, w_, h_, w, p, ow(), oh());
-    const bool fused = type_ == ZYN_OP_CONV_ACT || folded();
-    const bool known = !fused || (activation_ >= 0 && activation_ <= 2) ||
-                       (activation_ == 4 && folded() && method_ == 2);
-    for (size_t i = 0; i < y.size() && known; i++)
-      y[i] = zyn_test::activate(y[i] + bias[i / static_cast<size_t>(ow() * oh())],
-                                fused ? activation_ : 0);
-    return y;
+    if (folded()) return zyn_test::reference_conv_bn(input_, constant, r, method_ == 2, ow(), oh());
+    if (type_ != ZYN_OP_CONV_ACT) r.word14.activation = 0;
+    return zyn_test::reference_conv_act(input_, constant, r, ow(), oh());
   }
 
   int type_ = ZYN_OP_CONV;
@@ -274,25 +263,17 @@ TEST_P(ConvMethod, FoldedEpsilonOfZeroMeansOneHundredThousandth) {
 
 TEST(Conv, FoldedConstantMustHaveExactlyItsElements) {
   for (int bias : {0, 1})
-    for (int extra : {-5, -1, 1, 5}) {
-      Layer layer;
-      layer.type(ZYN_OP_CONV_BN).bias(bias).extra(extra);
-      ASSERT_EQ(layer.make(), 0);
-      EXPECT_EQ(layer.net().prepare(), 1) << extra;
-      EXPECT_EQ(layer.net().run(), 1);
-    }
+    for (int extra : {-5, -1, 1, 5})
+      Layer().type(ZYN_OP_CONV_BN).bias(bias).extra(extra).answers(1, 1);
 }
 
 TEST_P(ConvMethod, ConstantsShorterThanTheRecordAreRefusedAndLongerOnesTaken) {
   for (int type : {ZYN_OP_CONV, ZYN_OP_CONV_POINTWISE, ZYN_OP_CONV_ACT})
     for (int bias : {0, 1})
       for (int extra : {-1, 0, 3}) {
-        Layer layer(conv_param(4, 6, type == ZYN_OP_CONV_POINTWISE ? 1 : 3, 1,
-                               type == ZYN_OP_CONV_POINTWISE ? 0 : 1));
-        layer.type(type).bias(bias).extra(extra).method(GetParam());
-        ASSERT_EQ(layer.make(), 0);
-        EXPECT_EQ(layer.net().prepare(), extra < 0 ? 1 : 0);
-        EXPECT_EQ(layer.net().run(), extra < 0 ? 1 : 0);
+        const int kernel = type == ZYN_OP_CONV_POINTWISE ? 1 : 3, code = extra < 0 ? 1 : 0;
+        Layer layer(conv_param(4, 6, kernel, 1, kernel / 2));
+        layer.type(type).bias(bias).extra(extra).method(GetParam()).answers(code, code);
       }
 }
 
@@ -309,15 +290,11 @@ TEST_P(ConvMethod, RecordsWithoutMeaningAreRefusedAtPreparation) {
       {&zyn_conv_param::in_channels, -3, 1},   {&zyn_conv_param::pad_h, INT32_MAX, 2},
       {&zyn_conv_param::dilation_h, 6, 2},     {&zyn_conv_param::dilation_w, INT32_MAX, 2}};
   for (const auto& c : cases) {
-    Layer layer;
-    layer.method(GetParam());
-    ASSERT_EQ(layer.make(), 0);
-    // The record is changed behind a constant made for the sound one.
-    zyn_conv_param record = layer.p;
+    zyn_conv_param record = conv_param(3, 5, 3, 1, 1);
     record.*c.member = c.value;
     Net net;
     net.method(GetParam());
-    const int in = net.input(Array({9, 7, 3})), constant = net.constant(layer.constant());
+    const int in = net.input(Array({9, 7, 3})), constant = net.constant(Array({5 * 3 * 9}));
     net.op(ZYN_OP_CONV, record, {in, constant});
     ASSERT_EQ(net.make(), 0);
     EXPECT_EQ(net.prepare(), c.code) << c.value;
@@ -325,23 +302,10 @@ TEST_P(ConvMethod, RecordsWithoutMeaningAreRefusedAtPreparation) {
   }
 }
 
-TEST_P(ConvMethod, OutputBelowOnePixelFailsInTheTensor) {
+TEST_P(ConvMethod, OutputsBelowOnePixelFailInTheTensorAndOtherChannelCountsAtTheRun) {
   for (int type : {ZYN_OP_CONV, ZYN_OP_CONV_ACT, ZYN_OP_CONV_BN}) {
-    Layer layer(conv_param(2, 2, 5, 1, 0));
-    layer.type(type).size(9, 3).method(GetParam());
-    ASSERT_EQ(layer.make(), 0);
-    EXPECT_EQ(layer.net().prepare(), 2);
-    EXPECT_EQ(layer.net().run(), 1);
-  }
-}
-
-TEST_P(ConvMethod, ChannelCountsThatDisagreeAreRefusedAtTheRun) {
-  for (int type : {ZYN_OP_CONV, ZYN_OP_CONV_ACT, ZYN_OP_CONV_BN}) {
-    Layer layer;
-    layer.type(type).channels(4).method(GetParam());
-    ASSERT_EQ(layer.make(), 0);
-    EXPECT_EQ(layer.net().prepare(), 0);
-    EXPECT_EQ(layer.net().run(), 1);
+    Layer(conv_param(2, 2, 5, 1, 0)).type(type).size(9, 3).method(GetParam()).answers(2, 1);
+    Layer().type(type).channels(4).method(GetParam()).answers(0, 1);
   }
 }
 
@@ -391,39 +355,32 @@ TEST(Conv, PlannedMethodRefusesItsShapesAtPreparation) {
 }
 
 TEST(Conv, MissingPiecesAreRefused) {
+  const zyn_conv_param p = conv_param(2, 2, 1, 1, 0);
   for (int type : {3, 4, 5, 12, 13}) {
-    const zyn_conv_param p = conv_param(2, 2, 1, 1, 0);
     Net lone, no_input, none;
     lone.op(type, p, {lone.input(Array({3, 3, 2}))});
-    ASSERT_EQ(lone.make(), 0);
-    EXPECT_EQ(lone.prepare(), 1) << type;
+    EXPECT_EQ(lone.go(), 1) << type;
     EXPECT_EQ(lone.run(), 1) << type;
     no_input.op(type, p, {no_input.constant(Array({40}))});
-    ASSERT_EQ(no_input.make(), 0);
-    EXPECT_EQ(no_input.prepare(), 1) << type;
+    EXPECT_EQ(no_input.go(), 1) << type;
     none.op(type, {none.input(Array({3, 3, 2}))});
     EXPECT_EQ(none.make(), 1) << type;  // no record
   }
   Net batch;
   const int in = batch.input(Array({3, 3, 2, 2})), constant = batch.constant(Array({4}));
-  batch.op(ZYN_OP_CONV, conv_param(2, 2, 1, 1, 0), {in, constant});
-  ASSERT_EQ(batch.make(), 0);
-  EXPECT_EQ(batch.prepare(), 1);  // one image only
+  batch.op(ZYN_OP_CONV, p, {in, constant});
+  EXPECT_EQ(batch.go(), 1);  // one image only
 }
 
 TEST(Conv, FoldedPreparationReportsMissingArguments) {
-  EXPECT_EQ(
-      printed([] { EXPECT_EQ(zyn_cg_prepare_conv_bn(nullptr, 0), 1); }),
-      zyn_test::report("Your input params are wrong!", "src/cg/cpu/zyn_cg_op_fusion.cpp", 301));
+  const zyn_test::Reports fusion_report{"src/cg/cpu/zyn_cg_op_fusion.cpp"};
   Layer layer;
   ASSERT_EQ(layer.make(), 0);
-  EXPECT_EQ(
-      printed([&] { EXPECT_EQ(zyn_cg_prepare_conv_bn(layer.net().graph(), -1), 1); }),
-      zyn_test::report("Your input params are wrong!", "src/cg/cpu/zyn_cg_op_fusion.cpp", 301));
-  for (int type : {3, 12}) {
-    const auto prepare = type == 3 ? zyn_cg_prepare_conv : zyn_cg_prepare_conv_act;
+  for (zyn_cg_handle* graph : {static_cast<zyn_cg_handle*>(nullptr), layer.net().graph()})
+    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_cg_prepare_conv_bn(graph, graph ? -1 : 0), 1); }),
+              fusion_report(zyn_test::kPara, 301));
+  for (auto* prepare : {zyn_cg_prepare_conv, zyn_cg_prepare_conv_act})
     EXPECT_EQ(printed([&] { EXPECT_EQ(prepare(nullptr, 0), 1); }), "");
-  }
 }
 
 // Weights are read by preparation (method 0: at the run), biases at every run.
@@ -497,24 +454,18 @@ TEST_P(ConvMethod, FailingAllocationsAnswerTwoAndTheNextAttemptWorks) {
 
 TEST(Conv, FailingAllocationOfABindingAnswersTwo) {
   for (int type : {3, 4, 5, 12, 13}) {
-    Layer layer(conv_param(2, 2, 1, 1, 0));
-    layer.type(type);
-    ASSERT_EQ(layer.make(), 0);
-    zyn_cg_handle* graph = nullptr;
-    printed([&] { graph = zyn_create_computation_graph_handle(nullptr); });
-    ASSERT_EQ(zyn_add_one_edge_into_computation_graph(graph, 0, 1), 0);
-    ASSERT_EQ(zyn_computation_graph_topo_sort(graph), 0);
+    Net net;
+    const zyn_conv_param p = conv_param(2, 2, 1, 1, 0);
+    net.op(type, {net.input(Array({3, 3, 2}))});
+    ASSERT_EQ(net.connect(), 0);
     zyn_cg_node_desc desc = {};
-    ASSERT_EQ(zyn_bind_operator_onto_computation_graph(graph, 0, &desc, nullptr), 0);
+    ASSERT_EQ(zyn_bind_operator_onto_computation_graph(net.graph(), 0, &desc, nullptr), 0);
     desc.type = type;
     {
-      zyn_test::Ledger ledger;
-      Ledger::fail(1, false);
-      EXPECT_EQ(zyn_bind_operator_onto_computation_graph(graph, 1, &desc, &layer.p), 2);
-      Ledger::fail(0, false);
+      const zyn_test::FailingAllocations failing(1);
+      EXPECT_EQ(zyn_bind_operator_onto_computation_graph(net.graph(), 1, &desc, &p), 2);
     }
-    EXPECT_EQ(zyn_prepare_inference_computation(graph), 1);  // no record
-    EXPECT_EQ(zyn_release_computation_graph_handle(&graph), 0);
+    EXPECT_EQ(net.prepare(), 1);  // no record
   }
 }
 

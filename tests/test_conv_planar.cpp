@@ -6,11 +6,12 @@
 #include <cmath>
 
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
-#include "support/conv_case.h"
 #include "support/failing.h"
+#include "support/reference.h"
 
 namespace {
 
+using zyn_test::Array;
 using zyn_test::conv_param;
 using zyn_test::PageEnd;
 using zyn_test::Random;
@@ -36,25 +37,26 @@ class Planar {
   void check() {
     SCOPED_TRACE(zyn_test::describe(p_, w_, h_) + " seed " + std::to_string(seed_));
     Random random(seed_);
-    const auto in = zyn_test::small_integers(random, size(p_.in_channels, w_, h_), 6);
-    const auto weights =
-        zyn_test::small_integers(random, static_cast<size_t>(zyn_test::weight_count(p_)), 4);
-    const auto bias = zyn_test::small_integers(random, size(p_.out_channels, 1, 1), 9);
-    PageEnd<float> input(in.size()), constant(weights.size()), biases(bias.size());
-    PageEnd<float> output(size(p_.out_channels, ow_, oh_));
-    std::copy(in.begin(), in.end(), input.data());
-    std::copy(weights.begin(), weights.end(), constant.data());
+    Array in({w_, h_, p_.in_channels}), weights({zyn_test::weight_count(p_)});
+    in.v = zyn_test::small_integers(random, in.v.size(), 6);
+    weights.v = zyn_test::small_integers(random, weights.v.size(), 4);
+    const size_t channels = static_cast<size_t>(p_.out_channels);
+    const auto bias = zyn_test::small_integers(random, channels, 9);
+    const Array expected = zyn_test::reference_conv(in, weights, p_, false, ow_, oh_);
+    PageEnd<float> input(in.v.size()), constant(weights.v.size()), biases(channels);
+    PageEnd<float> output(expected.v.size());
+    std::copy(in.v.begin(), in.v.end(), input.data());
+    std::copy(weights.v.begin(), weights.v.end(), constant.data());
     std::copy(bias.begin(), bias.end(), biases.data());
     const zyn_tensor from = view(input.data(), w_, h_, p_.in_channels);
     zyn_tensor to = view(output.data(), ow_, oh_, p_.out_channels);
     const zyn_conv_epilogue epilogue = {biases.data(), activation_};
     for (int round = 0; round < 2; round++) {  // what an earlier run left does not count
       ASSERT_EQ(run(&to, &from, constant.data(), fused_ ? &epilogue : nullptr), 0u);
-      const auto expected = zyn_test::plain_convolution(in, w_, h_, weights, p_, ow_, oh_);
-      for (size_t i = 0; i < expected.size(); i++) {
+      for (size_t i = 0; i < expected.v.size(); i++) {
         const size_t channel = i / static_cast<size_t>(ow_ * oh_);
         const double y =
-            zyn_test::activate(expected[i] + (fused_ ? bias[channel] : 0), activation_);
+            zyn_test::activate(expected.v[i] + (fused_ ? bias[channel] : 0), activation_);
         ASSERT_NEAR(static_cast<double>(output[i]), y, activation_ > 1 ? std::fabs(y) * 3e-7 : 0)
             << "element " << i << " of " << ow_ << "x" << oh_;
       }
@@ -69,7 +71,6 @@ class Planar {
   }
 
  private:
-  static size_t size(int c, int w, int h) { return static_cast<size_t>(c) * w * h; }
   zyn_conv_param p_;
   int w_, h_, ow_, oh_;
   int activation_ = ZYN_EPILOGUE_NONE;
@@ -83,20 +84,13 @@ TEST(ConvPlanar, FixedKernelsOnEveryWidthAndHeight) {
   uint64_t seed = 1;
   for (int kernel : {3, 5})
     for (int stride : {1, 2})
-      for (int h = 1; h <= 13; h++)
+      for (int h = 1; h <= 13; h++)  // six rows take the ring, five the small-image kernel
         for (int w : kWidths) {
           const int pad = kernel / 2;
           Planar(conv_param(3, 3, kernel, stride, pad, 3), w, h).seed(seed++).check();
-          Planar(conv_param(2, 1 + w % 5, kernel, stride, pad), w, h).seed(seed++).check();
+          Planar(conv_param(1 + h % 4, 1 + w % 7, kernel, stride, pad), w, h).seed(seed++).check();
           if (HasFatalFailure()) return;
         }
-}
-
-TEST(ConvPlanar, SixRowsTakeTheRingAndFiveTheSmallImageKernelWithTheSameResult) {
-  for (int h = 1; h <= 11; h++)
-    for (int out : {1, 2, 3, 7})
-      for (int in : {1, 4})
-        Planar(conv_param(in, out, 3, 1, 1), 13, h).seed(static_cast<uint64_t>(h)).check();
 }
 
 TEST(ConvPlanar, PointwiseOverEveryPixelAndChannelRemainder) {
@@ -150,19 +144,16 @@ TEST(ConvPlanar, EpilogueFollowsEveryKernel) {
 TEST(ConvPlanar, MissingArgumentsAndOtherChannelCountsAreRefused) {
   for (int kernel : {1, 3})
     for (int groups : {1, 4}) {
-      const zyn_conv_param p = conv_param(4, 4, kernel, 1, kernel / 2, groups);
+      const Planar layer(conv_param(4, 4, kernel, 1, kernel / 2, groups), 5, 6);
       std::vector<float> data(4 * 4 * 30, 7.0f), weights(200);
-      zyn_tensor in = view(data.data(), 5, 6, 4), out = view(data.data(), 5, 6, 4);
-      zyn_tensor empty = in, three = view(data.data(), 5, 6, 3);
+      zyn_tensor sound = view(data.data(), 5, 6, 4), three = view(data.data(), 5, 6, 3);
+      zyn_tensor empty = sound;
       empty.data = nullptr;
-      const Planar layer(p, 5, 6);
-      EXPECT_EQ(layer.run(nullptr, &in, weights.data(), nullptr), 1u);
-      EXPECT_EQ(layer.run(&out, nullptr, weights.data(), nullptr), 1u);
-      EXPECT_EQ(layer.run(&out, &in, nullptr, nullptr), 1u);
-      EXPECT_EQ(layer.run(&empty, &in, weights.data(), nullptr), 1u);
-      EXPECT_EQ(layer.run(&out, &empty, weights.data(), nullptr), 1u);
-      EXPECT_EQ(layer.run(&three, &in, weights.data(), nullptr), 1u);
-      EXPECT_EQ(layer.run(&out, &three, weights.data(), nullptr), 1u);
+      EXPECT_EQ(layer.run(&sound, &sound, nullptr, nullptr), 1u);
+      for (zyn_tensor* bad : {static_cast<zyn_tensor*>(nullptr), &empty, &three}) {
+        EXPECT_EQ(layer.run(bad, &sound, weights.data(), nullptr), 1u);
+        EXPECT_EQ(layer.run(&sound, bad, weights.data(), nullptr), 1u);
+      }
       for (float v : data) ASSERT_EQ(v, 7.0f);
     }
 }

@@ -139,31 +139,6 @@ TEST(DetectInput, TransformsGiveTheStatedBitsForEveryByteAndShape) {
   }
 }
 
-TEST(DetectInput, WorkedValues) {
-  Picture picture(2, 1, ZYN_IMAGE_BGR);
-  const uint8_t pixels[6] = {10, 20, 30, 40, 50, 60};
-  std::copy(pixels, pixels + 6, picture.plane(0).begin());
-  float planes[6];
-  zyn_tensor tensor{};
-  tensor.data = planes;
-  zyn_transform_image_data_for_ssd_detector(&tensor, picture.record());
-  const float expected[6] = {-0.76171875f, -0.52734375f, -0.83984375f,
-                             -0.60546875f, -0.91796875f, -0.68359375f};
-  for (int i = 0; i < 6; i++) EXPECT_EQ(planes[i], expected[i]) << i;
-
-  const uint8_t bytes[6] = {255, 254, 1, 128, 0, 2};
-  std::copy(bytes, bytes + 6, picture.plane(0).begin());
-  int16_t words[6];
-  tensor.data = words;
-  zyn_transform_image_data_for_pfld_detector_fp16(&tensor, picture.record());
-  const int16_t expected_words[6] = {16384, 8224, 16319, 0, 64, 128};
-  for (int i = 0; i < 6; i++) EXPECT_EQ(words[i], expected_words[i]) << i;
-  tensor.data = planes;
-  zyn_transform_image_data_for_pfld_detector(&tensor, picture.record());
-  EXPECT_EQ(planes[4], 0.0039216f);
-  EXPECT_EQ(planes[5], 0.0078431f);
-}
-
 TEST(DetectInput, TransformsPassOverMissingRecords) {
   Picture picture(2, 2, ZYN_IMAGE_BGR);
   zyn_tensor tensor{};
@@ -274,22 +249,6 @@ TEST(DetectInput, BordersOfEveryShapeAndFormat) {
         for (float ratio : {0.75f, 1.0f, 0.31f, 3.3f})
           for (int padding : {0, 3})
             ASSERT_NO_FATAL_FAILURE(check_border(width, height, format, ratio, padding));
-}
-
-TEST(DetectInput, BorderMarginsOfKnownImages) {
-  Picture picture(640, 480, ZYN_IMAGE_BGR), wide(4097, 1, ZYN_IMAGE_BGR);
-  Margins m{};
-  zyn_image* image =
-      zyn_create_border_image(&m.top, &m.bottom, &m.left, &m.right, picture.record(), 1.0f);
-  ASSERT_NE(image, nullptr);
-  EXPECT_EQ(m, (Margins{80, 80, 0, 0}));
-  zyn_release_matrix(&image);
-  image = zyn_create_border_image(&m.top, &m.bottom, &m.left, &m.right, picture.record(), 0.75f);
-  ASSERT_NE(image, nullptr);
-  EXPECT_EQ(m, (Margins{0, 0, 0, 0}));
-  zyn_release_matrix(&image);
-  EXPECT_EQ(zyn_create_border_image(&m.top, &m.bottom, &m.left, &m.right, wide.record(), 1.0f),
-            nullptr);
 }
 
 TEST(DetectInput, BorderRefusalsLeaveTheMargins) {

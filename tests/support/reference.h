@@ -2,6 +2,7 @@
 // evaluation that tests of operators and whole graphs compare with.
 #pragma once
 
+#include "support/conv_case.h"
 #include "support/net.h"
 
 namespace zyn_test {
@@ -214,14 +215,16 @@ inline Array reference_channels(const Array& in, const std::vector<int>& channel
 // Convolution with any groups: out channel o of a group sums over the group's inputs.
 // Transposed: every input pixel spreads over the output. Weights [out][in / groups] or
 // [in][out / groups], then [row][column].
+// Extents of the output that are not 0 replace the usual ones.
 inline Array reference_conv(const Array& in, const Array& constant, const zyn_conv_param& p,
-                            bool transposed = false) {
+                            bool transposed = false, int ow = 0, int oh = 0) {
   const auto extent = [&](int size, int k, int s, int pad, int d) {
     return transposed ? (size - 1) * s - 2 * pad + d * (k - 1) + 1
                       : (size - 1 + 2 * pad - (k - 1) * d) / s + 1;
   };
-  Array out({extent(in.w(), p.kernel_h, p.stride_h, p.pad_h, p.dilation_h),
-             extent(in.h(), p.kernel_w, p.stride_w, p.pad_w, p.dilation_w), p.out_channels});
+  Array out({ow ? ow : extent(in.w(), p.kernel_h, p.stride_h, p.pad_h, p.dilation_h),
+             oh ? oh : extent(in.h(), p.kernel_w, p.stride_w, p.pad_w, p.dilation_w),
+             p.out_channels});
   const int ig = p.in_channels / p.groups, og = p.out_channels / p.groups;
   const size_t weights = static_cast<size_t>(p.kernel_h * p.kernel_w * p.in_channels * og);
   for (int o = 0; o < p.out_channels && p.bias == 1; o++)
@@ -237,42 +240,34 @@ inline Array reference_conv(const Array& in, const Array& constant, const zyn_co
           const double w =
               constant.v[static_cast<size_t>((pair * p.kernel_w + r) * p.kernel_h + c)];
           // Walk the side that the stride counts on.
-          const Array& walked = transposed ? in : out;
-          for (int y = 0; y < walked.h(); y++)
+          const Array &walked = transposed ? in : out, &other = transposed ? out : in;
+          for (int y = 0; y < walked.h(); y++) {
+            const int fy = y * p.stride_w - p.pad_w + r * p.dilation_w;
+            if (fy < 0 || fy >= other.h()) continue;
+            double* to = &out.at(0, transposed ? fy : y, o);
+            const double* from = &in.v[in.index(0, transposed ? y : fy, i)];
             for (int x = 0; x < walked.w(); x++) {
               const int fx = x * p.stride_h - p.pad_h + c * p.dilation_h;
-              const int fy = y * p.stride_w - p.pad_w + r * p.dilation_w;
-              const Array& other = transposed ? out : in;
-              if (fx < 0 || fy < 0 || fx >= other.w() || fy >= other.h()) continue;
-              if (transposed)
-                out.at(fx, fy, o) += w * in.at(x, y, i);
-              else
-                out.at(x, y, o) += w * in.at(fx, fy, i);
+              if (fx >= 0 && fx < other.w())
+                to[transposed ? fx : x] += w * from[transposed ? x : fx];
             }
+          }
         }
   return out;
 }
 
-// Activation of types 12 and 13; other codes leave y as it is.
-inline double reference_code(double y, int code) {
-  const double gate = std::min(std::max(y + 3, 0.0), 6.0) / 6;
-  return code == ZYN_ACT_RELU           ? std::max(y, 0.0)
-         : code == ZYN_ACT_HARD_SWISH   ? y * gate
-         : code == ZYN_ACT_HARD_SIGMOID ? gate
-                                        : y;
-}
-
 // Type 12: bias for codes 0 to 2 where the record has one, then the activation.
-inline Array reference_conv_act(const Array& in, const Array& constant, zyn_conv_param p) {
+inline Array reference_conv_act(const Array& in, const Array& constant, zyn_conv_param p,
+                                int ow = 0, int oh = 0) {
   const int code = p.word14.activation;
   if (code < 0 || code > 2) p.bias = 0;
-  return map(reference_conv(in, constant, p),
-             [=](double y) { return reference_code(y, code <= 2 ? code : 0); });
+  return map(reference_conv(in, constant, p, false, ow, oh),
+             [=](double y) { return activate(y, code <= 2 ? code : 0); });
 }
 
 // Type 13: weights and bias folded with the statistics behind them.
 inline Array reference_conv_bn(const Array& in, const Array& constant, zyn_conv_param p,
-                               bool hard_sigmoid) {
+                               bool hard_sigmoid, int ow = 0, int oh = 0) {
   const size_t outputs = static_cast<size_t>(p.out_channels);
   const size_t biased = p.bias == 1 ? outputs : 0;
   const size_t weights = constant.v.size() - 4 * outputs - biased;
@@ -289,8 +284,8 @@ inline Array reference_conv_bn(const Array& in, const Array& constant, zyn_conv_
   const int code = p.activation;
   const bool known = (code >= 0 && code <= 2) || (code == ZYN_ACT_HARD_SIGMOID && hard_sigmoid);
   p.bias = known ? 1 : 0;
-  return map(reference_conv(in, folded, p),
-             [=](double y) { return known ? reference_code(y, code) : y; });
+  return map(reference_conv(in, folded, p, false, ow, oh),
+             [=](double y) { return known ? activate(y, code) : y; });
 }
 
 }  // namespace zyn_test
