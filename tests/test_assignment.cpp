@@ -36,7 +36,7 @@ struct Scores {
   Scores(int r, int c, int largest, Random* random) : rows(r), cols(c) {
     for (int i = 0; i < r * c; i++) v.push_back(random->integer(-largest / 4, largest));
   }
-  int at(int r, int c) const { return v[static_cast<size_t>(r * cols + c)]; }
+  int at(int r, int c) const { return v[r * cols + c]; }
   Pairs solve() const {
     zyn_matrix* m = zyn_create_matrix(rows, cols, 1, ZYN_TYPE_F32);
     for (size_t i = 0; i < v.size(); i++)
@@ -227,12 +227,12 @@ TEST(Association, MatchesAreThePairsWhoseOverlapExceedsTheThreshold) {
     // Every detection once, every track at most once, unmatched ascending.
     std::vector<int> seen(detections.size()), taken(tracks.size());
     for (auto [d, t] : info.matched()) {
-      ASSERT_EQ(seen[static_cast<size_t>(d)]++, 0);
-      ASSERT_EQ(taken[static_cast<size_t>(t)]++, 0);
+      ASSERT_EQ(seen[d]++, 0);
+      ASSERT_EQ(taken[t]++, 0);
     }
     const std::vector<int> unmatched = info.unmatched();
     ASSERT_TRUE(std::is_sorted(unmatched.begin(), unmatched.end()));
-    for (int d : unmatched) ASSERT_EQ(seen[static_cast<size_t>(d)]++, 0);
+    for (int d : unmatched) ASSERT_EQ(seen[d]++, 0);
     ASSERT_EQ(info.matched().size() + unmatched.size(), detections.size());
     // Without a threshold the total is the best possible one; the threshold takes the
     // pairs that do not exceed it away, and leaves the others in their order.
@@ -241,8 +241,7 @@ TEST(Association, MatchesAreThePairsWhoseOverlapExceedsTheThreshold) {
     auto next = some.begin();
     const Info all = associate(detections, tracks, -1);
     for (auto [d, t] : all.matched()) {
-      const double score =
-          overlap(detections[static_cast<size_t>(d)], tracks[static_cast<size_t>(t)]);
+      const double score = overlap(detections[d], tracks[t]);
       total += score;
       const bool kept = next != some.end() && *next == std::make_pair(d, t);
       if (fabs(score - threshold) > 1e-5) {
@@ -254,8 +253,7 @@ TEST(Association, MatchesAreThePairsWhoseOverlapExceedsTheThreshold) {
     Scores s(static_cast<int>(detections.size()), static_cast<int>(tracks.size()), 1, &random);
     for (int d = 0; d < s.rows; d++)
       for (int t = 0; t < s.cols; t++)
-        s.v[static_cast<size_t>(d * s.cols + t)] = static_cast<int>(
-            1e8 * overlap(detections[static_cast<size_t>(d)], tracks[static_cast<size_t>(t)]));
+        s.v[d * s.cols + t] = static_cast<int>(1e8 * overlap(detections[d], tracks[t]));
     ASSERT_NEAR(total, static_cast<double>(s.best()) * 1e-8, 1e-5);
   }
 }
@@ -372,8 +370,7 @@ TEST(Association, EveryAllocationMayFail) {
     bool made = false;
     const std::string text =
         printed([&] { made = static_cast<bool>(associate(detections, tracks, 0)); });
-    const std::string want =
-        n <= static_cast<int64_t>(texts.size()) ? texts[static_cast<size_t>(n - 1)] : "";
+    const std::string want = n <= static_cast<int64_t>(texts.size()) ? texts[n - 1] : "";
     EXPECT_EQ(text, want);
     return made;
   });

@@ -207,7 +207,7 @@ int bordered(Picture& source, size_t p, int top, int left, int bytes, int x, int
   const int64_t stride = p == 0   ? image.row_bytes
                          : p == 1 ? image.plane1_bytes
                                   : image.plane2_bytes;
-  return source.plane(p)[static_cast<size_t>(sy * stride + sx * bytes + b)];
+  return source.plane(p)[sy * stride + sx * bytes + b];
 }
 
 void check_border(int width, int height, uint32_t format, float ratio, int padding) {
@@ -329,9 +329,8 @@ Bytes expected_plane(const PageEnd<uint8_t>& target, int64_t stride, int cols, i
     return plane;
   for (int r = 0; r < p.size[1]; r++)
     for (int b = 0; b < w * bytes; b++)
-      plane[static_cast<size_t>(clamp_to(p.to[1] + r, rows) * stride + p.to[0] * bytes + b)] =
-          source[static_cast<size_t>(clamp_to(p.from[1] + r, source_rows) * source_stride +
-                                     p.from[0] * bytes + b)];
+      plane[clamp_to(p.to[1] + r, rows) * stride + p.to[0] * bytes + b] =
+          source[clamp_to(p.from[1] + r, source_rows) * source_stride + p.from[0] * bytes + b];
   return plane;
 }
 

@@ -249,10 +249,10 @@ Ids queue_order(const Edges& edges, int32_t count) {
   Ids open(static_cast<size_t>(count), 0), order;
   for (const auto& edge : edges) open.at(static_cast<size_t>(edge.second))++;
   for (int32_t id = 0; id < count; id++)
-    if (open[static_cast<size_t>(id)] == 0) order.push_back(id);
+    if (open[id] == 0) order.push_back(id);
   for (size_t k = 0; k < order.size(); k++)
     for (const auto& [from, to] : edges)
-      if (from == order[k] && --open[static_cast<size_t>(to)] == 0) order.push_back(to);
+      if (from == order[k] && --open[to] == 0) order.push_back(to);
   return order;
 }
 
@@ -269,8 +269,7 @@ TEST(GraphOrder, RandomGraphsFollowTheQueueAndCyclesAreSaid) {
     Edges edges;
     for (int32_t i = 1; i < count; i++)
       for (int32_t k = random.integer(1, 4); k > 0; k--)
-        edges.push_back(
-            {label[static_cast<size_t>(random.integer(0, i - 1))], label[static_cast<size_t>(i)]});
+        edges.push_back({label[random.integer(0, i - 1)], label[i]});
     Graph graph(edges, count);
     ASSERT_EQ(graph.sort(), 0) << seed;
     ASSERT_EQ(graph.order(), queue_order(edges, count)) << seed;

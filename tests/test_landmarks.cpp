@@ -11,20 +11,20 @@ using zyn_test::Array;
 using Node = LandmarkNetwork::Node;
 
 Array evaluate(const LandmarkNetwork& net, const Node& node, const std::vector<Array>& values) {
-  const Array& in = values[static_cast<size_t>(node.from[0])];
+  const Array& in = values[node.from[0]];
   Array constant;
   for (int from : node.from) {
-    const Node& source = net.nodes()[static_cast<size_t>(from)];
+    const Node& source = net.nodes()[from];
     if (source.type == ZYN_OP_CONSTANT) constant = zyn_test::Net::read(source.data);
   }
   switch (node.type) {
     case ZYN_OP_ADD:
-      return zyn_test::reference_add(in, values[static_cast<size_t>(node.from[1])]);
+      return zyn_test::reference_add(in, values[node.from[1]]);
     case ZYN_OP_AVERAGE_POOL:
       return zyn_test::reference_pool(in, node.record.pool, false);
     case ZYN_OP_CONCAT: {
       std::vector<const Array*> parts;
-      for (int from : node.from) parts.push_back(&values[static_cast<size_t>(from)]);
+      for (int from : node.from) parts.push_back(&values[from]);
       return zyn_test::reference_concat(parts, 2);
     }
     case ZYN_OP_RESHAPE:

@@ -169,11 +169,11 @@ TEST(Nms, SurvivesAnyBits) {
   Random random(77);
   for (int round = 0; round < 400; round++) {
     Boxes boxes(static_cast<size_t>(random.integer(1, 120)));
-    for (zyn_detection& b : boxes) {
-      uint32_t bits[5];
-      for (uint32_t& word : bits) word = static_cast<uint32_t>(random.next());
-      memcpy(&b, bits, sizeof(b));
-    }
+    for (zyn_detection& b : boxes)
+      for (float* field : {&b.x1, &b.y1, &b.x2, &b.y2, &b.score}) {
+        const auto bits = static_cast<uint32_t>(random.next());
+        memcpy(field, &bits, sizeof(bits));
+      }
     ASSERT_NO_FATAL_FAILURE(expect_as_defined(boxes, 0.4f, "random bits"));
   }
 }

@@ -46,7 +46,7 @@ std::vector<double> expected_priors(const Input& input, bool transposed) {
     }
     for (int j = 0; j < rows; j++)
       for (int i = 0; i < columns; i++)
-        for (int size : sizes[static_cast<size_t>(level)])
+        for (int size : sizes[level])
           for (double v :
                {(i + 0.5) / (w / shrink_x), (j + 0.5) / (h / shrink_y), size / w, size / h})
             values.push_back(clamped(v));

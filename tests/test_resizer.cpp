@@ -12,9 +12,7 @@ namespace {
 
 using namespace zyn_test;
 
-std::string resizer_report(const std::string& message, int line) {
-  return report(message, "src/image/zyn_image_resizer.cpp", line);
-}
+constexpr Reports resizer_report{"src/image/zyn_image_resizer.cpp"};
 
 // A plane of samples as the definition sees it.
 struct Plane {
@@ -116,10 +114,9 @@ class Resize {
     for (int y = 0; y < to.height; y++)
       for (int x = 0; x < to.width; x++)
         for (int c = 0; c < to.channels; c++) {
-          const int want =
-              neutral ? 128
-              : half  ? mean(from, x, y, c)
-                      : expected(from, xs[static_cast<size_t>(x)], ys[static_cast<size_t>(y)], c);
+          const int want = neutral ? 128
+                           : half  ? mean(from, x, y, c)
+                                   : expected(from, xs[x], ys[y], c);
           if (to.at(x, y, c) == want) continue;
           FAIL() << from_w_ << "x" << from_h_ << " to " << to_w_ << "x" << to_h_ << " format "
                  << format_ << " method " << method_ << " plane " << k << ": (" << x << ", " << y
@@ -158,16 +155,13 @@ TEST(Resizer, LargerSizesOfEveryRatioAndFormat) {
         Resize(s[0], s[1], s[2], s[3]).format(format).method(method).check();
 }
 
-TEST(Resizer, EqualSizesCopyWholePlanesAndASharedBufferIsDone) {
+TEST(Resizer, EqualSizesAndHalvesComeBeforeTheMethodAndASharedBufferIsDone) {
   for (uint32_t format : {0u, 1u, 2u, 5u, 8u, 11u}) {
-    Image from = make_image(7, 5, format), to = make_image(7, 5, format);
-    const size_t count = buffer_bytes(7, 5, format);
-    for (size_t i = 0; i < count; i++) bytes(from)[i] = static_cast<uint8_t>(i * 37);
-    memset(to->data, 0, count);
-    ASSERT_EQ(zyn_image_resizer(to.get(), from.get(), 7), 0);
-    Resize(7, 5, 7, 5).format(format).check();
-    EXPECT_EQ(memcmp(to->data, from->data, format == 5 ? 35 : count), 0);
-    EXPECT_EQ(zyn_image_resizer(from.get(), from.get(), 1), 0);
+    Resize(7, 5, 7, 5).format(format).method(7).check();
+    if (format != 5) Resize(14, 10, 7, 5).format(format).method(9).check();
+    Image image = make_image(7, 5, format);
+    memset(image->data, 0, buffer_bytes(7, 5, format));
+    EXPECT_EQ(zyn_image_resizer(image.get(), image.get(), 1), 0);
   }
   // The chroma column of an odd width comes along.
   Image from = make_image(7, 4, 5), to = make_image(7, 4, 5);
@@ -175,16 +169,6 @@ TEST(Resizer, EqualSizesCopyWholePlanesAndASharedBufferIsDone) {
   memset(to->data, 0, 48);
   EXPECT_EQ(zyn_image_resizer(to.get(), from.get(), 0), 0);
   EXPECT_EQ(static_cast<uint8_t*>(to->plane1)[3], 9);
-}
-
-TEST(Resizer, MeanOfTwoByTwoComesBeforeTheMethod) {
-  Image from = make_image(4, 4, 2), to = make_image(2, 2, 2);
-  for (int i = 0; i < 16; i++) bytes(from)[i] = static_cast<uint8_t>((i & 1) + 2 * (i >> 2 & 1));
-  for (int method : {0, 1, 9}) {
-    memset(to->data, 0xEE, 4);
-    EXPECT_EQ(zyn_image_resizer(to.get(), from.get(), method), 0);
-    for (int i = 0; i < 4; i++) EXPECT_EQ(bytes(to)[i], 2);
-  }
 }
 
 TEST(Resizer, OtherMethodsDoNothingOnPackedAndAreRefusedOn420) {

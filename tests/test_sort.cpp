@@ -77,11 +77,11 @@ class Sort {
     const int count = static_cast<int>(match.size());
     zyn_sort_match_info* info = zyn_create_sort_match_info(matched, count - matched);
     for (int d = 0, m = 0, u = 0; d < count; d++) {
-      if (match[static_cast<size_t>(d)] < 0) {
+      if (match[d] < 0) {
         info->unmatched[u++] = d;
       } else {
         info->matched[2 * m] = d;
-        info->matched[2 * m++ + 1] = match[static_cast<size_t>(d)];
+        info->matched[2 * m++ + 1] = match[d];
       }
     }
     ids->assign(match.size(), 77);
@@ -182,7 +182,7 @@ struct SortModel {
     }
     for (size_t d = 0; d < match.size(); d++) {
       if (match[d] < 0) continue;
-      TrackModel& t = tracks[static_cast<size_t>(match[d])];
+      TrackModel& t = tracks[match[d]];
       if (!mask || mask[d] == 1) t.update(box_of(boxes[d]));
       ids[d] = static_cast<int32_t>(t.id);
     }
@@ -288,7 +288,7 @@ class Scene {
       ASSERT_EQ(got, model_.update(boxes, match, used));
     } else {
       if (random_.integer(0, 19) == 0 && !ids.empty())
-        ids[static_cast<size_t>(random_.integer(0, static_cast<int>(ids.size()) - 1))] = 2000000000;
+        ids[random_.integer(0, static_cast<int>(ids.size()) - 1)] = 2000000000;
       Bytes payloads(match.size() * static_cast<size_t>(payload_) + 1);
       for (uint8_t& b : payloads) b = static_cast<uint8_t>(random_.next());
       const uint8_t* const given = random_.integer(0, 3) ? payloads.data() : nullptr;

@@ -128,9 +128,7 @@ struct PlainDetector {
                        : c.groups > 1 ? ZYN_OP_CONV_DEPTHWISE
                                       : ZYN_OP_CONV;
       const int table_node = static_cast<int>(last.size());
-      int node = net.op(
-          type, p,
-          {last[static_cast<size_t>(c.from)], constant(c.normalised ? c.weights() : c.words())});
+      int node = net.op(type, p, {last[c.from], constant(c.normalised ? c.weights() : c.words())});
       if (c.normalised)
         node = net.op(table_node % 2 ? ZYN_OP_BATCH_NORM : ZYN_OP_BATCH_NORM_FAST,
                       zyn_bn_param{1e-5f, 0}, {node, constant(c.words() - c.weights())});
@@ -159,8 +157,8 @@ struct PlainDetector {
     for (const int32_t head : heads) {
       const auto channels =
           static_cast<int32_t>(ssd320::convolutions()[static_cast<size_t>(head) - 1].out_channels);
-      const int columns = net.op(ZYN_OP_RESHAPE, zyn_reshape_param{3, {1, -1, channels}},
-                                 {last[static_cast<size_t>(head)]});
+      const int columns =
+          net.op(ZYN_OP_RESHAPE, zyn_reshape_param{3, {1, -1, channels}}, {last[head]});
       std::vector<int32_t> planes;
       for (int32_t c = 0; c < channels; c++) {
         lists_.push_back({c});

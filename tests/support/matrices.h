@@ -26,8 +26,8 @@ class Matrix {
     record_.data = block_.data();
     for (T& element : block_) element = static_cast<T>(NAN);
   }
-  T& at(int r, int c) { return block_[static_cast<size_t>(r * pitch_ + c)]; }
-  const T& at(int r, int c) const { return block_[static_cast<size_t>(r * pitch_ + c)]; }
+  T& at(int r, int c) { return block_[r * pitch_ + c]; }
+  const T& at(int r, int c) const { return block_[r * pitch_ + c]; }
   zyn_matrix* get() { return &record_; }
   int rows() const { return rows_; }
   int cols() const { return cols_; }

@@ -8,14 +8,13 @@
 namespace zyn_test {
 
 size_t Model::root(int id) const {
-  while (steps_[static_cast<size_t>(id)].in_place >= 0)
-    id = steps_[static_cast<size_t>(id)].in_place;
+  while (steps_[id].in_place >= 0) id = steps_[id].in_place;
   return static_cast<size_t>(id);
 }
 
 int Model::note(int id, int type, std::vector<int> from, Formula formula, int in_place) {
   std::vector<const Array*> inputs;
-  for (int f : from) inputs.push_back(&shapes_[static_cast<size_t>(f)]);
+  for (int f : from) inputs.push_back(&shapes_[f]);
   shapes_.push_back(formula(inputs));
   data_.emplace_back();
   steps_.push_back({from, formula, in_place});
@@ -43,8 +42,7 @@ int Model::constant(const Array& a) { return add_data(net.constant(a), ZYN_OP_CO
 
 void Model::refill() {
   for (int id = 0; id < size(); id++)
-    if (types_[static_cast<size_t>(id)] == ZYN_OP_INPUT)
-      net.fill(id, data_[static_cast<size_t>(id)]);
+    if (types_[id] == ZYN_OP_INPUT) net.fill(id, data_[id]);
 }
 
 // First in, first out, lower ids first: the order that the sort promises.
@@ -55,7 +53,7 @@ void Model::evaluate() {
   std::vector<std::vector<size_t>> next(n);
   for (size_t id = 0; id < n; id++)
     for (int f : steps_[id].from) {
-      next[static_cast<size_t>(f)].push_back(id);
+      next[f].push_back(id);
       open[id]++;
     }
   std::queue<size_t> ready;
@@ -78,7 +76,7 @@ void Model::evaluate() {
 void Model::check(double bound) {
   for (int id = 0; id < size(); id++)
     ASSERT_TRUE(agrees(net.output(id), value(id), bound))
-        << "node " << id << " of type " << types_[static_cast<size_t>(id)];
+        << "node " << id << " of type " << types_[id];
 }
 
 std::vector<int> Model::any_dims(size_t dim_count) {
@@ -93,7 +91,7 @@ std::vector<int> Model::any_dims(size_t dim_count) {
 int Model::pick(size_t dim_count, int largest) {
   for (int tries = 0; tries < 6 && size() > 0; tries++) {
     const int id = random.integer(std::max(0, size() - 12), size() - 1);
-    if (types_[static_cast<size_t>(id)] == ZYN_OP_CONSTANT) continue;
+    if (types_[id] == ZYN_OP_CONSTANT) continue;
     const Array& a = shape(id);
     if (a.dims.size() == dim_count && a.v.size() <= static_cast<size_t>(largest)) return id;
   }
@@ -103,8 +101,7 @@ int Model::pick(size_t dim_count, int largest) {
 // Another node with the given shape, or an input made for it.
 int Model::same_shape(int id, std::vector<int> dims) {
   for (int k = 0; k < size(); k++)
-    if (k != id && shape(k).dims == dims && types_[static_cast<size_t>(k)] != ZYN_OP_CONSTANT &&
-        random.integer(0, 1))
+    if (k != id && shape(k).dims == dims && types_[k] != ZYN_OP_CONSTANT && random.integer(0, 1))
       return k;
   return input(random_array(random, dims));
 }
@@ -149,8 +146,8 @@ int Model::add_norm(int type) {
   const int c = shape(in).c();
   Array stats = random_array(random, {4 * c}, -1, 1);
   for (int i = 0; i < c; i++) {
-    stats.v[static_cast<size_t>(i)] += 1.2;
-    double& variance = stats.v[static_cast<size_t>(3 * c + i)];
+    stats.v[i] += 1.2;
+    double& variance = stats.v[3 * c + i];
     variance = std::fabs(variance) + 0.4;
   }
   const zyn_bn_param p = {random.real(0, 0.01f), 77};
@@ -232,13 +229,13 @@ int Model::add_concat(int type) {
   std::vector<int> order = {first};
   for (int k = random.integer(0, 3); k > 0; k--) {
     std::vector<int> dims = shape(first).dims;
-    if (random.integer(0, 2)) dims[static_cast<size_t>(axis)] = random.integer(1, 9);
+    if (random.integer(0, 2)) dims[axis] = random.integer(1, 9);
     order.push_back(random.integer(0, 5) ? same_shape(-1, dims) : first);
   }
   // Edges in another order than the list's.
   std::vector<int> from = order;
   for (size_t i = from.size() - 1; i > 0; i--)
-    std::swap(from[i], from[static_cast<size_t>(random.integer(0, static_cast<int>(i)))]);
+    std::swap(from[i], from[random.integer(0, static_cast<int>(i))]);
   lists_.emplace_back(order.begin(), order.end());
   const zyn_concat_param p = {axis, static_cast<int32_t>(order.size()), lists_.back().data()};
   std::vector<size_t> places;
@@ -346,7 +343,7 @@ int Model::add_method_conv(int type) {
 void Model::use_leftovers() {
   std::vector<bool> used(static_cast<size_t>(size()), false);
   for (const Step& step : steps_)
-    for (int f : step.from) used[static_cast<size_t>(f)] = true;
+    for (int f : step.from) used[f] = true;
   const zyn_func_param p = {ZYN_FUNC_NEGATE, 0, 0};
   for (size_t id = 0; id < used.size(); id++)
     if (!used[id] && !steps_[id].formula)

@@ -71,7 +71,7 @@ class Model {
   const Array& value(int id) const { return values_[root(id)]; }
   // Compares all nodes after a run.
   void check(double bound);
-  const Array& shape(int id) const { return shapes_[static_cast<size_t>(id)]; }
+  const Array& shape(int id) const { return shapes_[id]; }
   int size() const { return static_cast<int>(shapes_.size()); }
 
  private:

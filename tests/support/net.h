@@ -88,8 +88,8 @@ class Net {
     data_.push_back({own, nullptr});
     return static_cast<int>(nodes_.size()) - 1;
   }
-  bool is_data(int id) const { return nodes_[static_cast<size_t>(id)].data >= 0; }
-  bool is_input(int id) const { return nodes_[static_cast<size_t>(id)].type == ZYN_OP_INPUT; }
+  bool is_data(int id) const { return nodes_[id].data >= 0; }
+  bool is_input(int id) const { return nodes_[id].type == ZYN_OP_INPUT; }
   // An operator with its record (copied; lists it points at must outlive make()).
   template <typename Record>
   int op(int type, const Record& record, std::vector<int> from) {
@@ -119,7 +119,7 @@ class Net {
       const Node& node = nodes_[id];
       zyn_cg_node_desc desc = {};
       desc.type = node.type;
-      if (node.data >= 0) desc.data = data_[static_cast<size_t>(node.data)].tensor;
+      if (node.data >= 0) desc.data = data_[node.data].tensor;
       const int32_t code = zyn_bind_operator_onto_computation_graph(
           graph_, static_cast<int32_t>(id), &desc,
           node.record.empty() ? nullptr : node.record.data());
@@ -152,13 +152,13 @@ class Net {
   // An operator's output, or a data node's tensor, in planar order.
   Array output(int id) { return read(output_tensor(id)); }
   zyn_tensor* output_tensor(int id) {
-    const Node& node = nodes_[static_cast<size_t>(id)];
-    return node.data >= 0 ? data_[static_cast<size_t>(node.data)].tensor
+    const Node& node = nodes_[id];
+    return node.data >= 0 ? data_[node.data].tensor
                           : zyn_get_computation_node_inference_data(graph_, id);
   }
   // Refills a data node in the layout that it has.
   void fill(int id, const Array& a) {
-    Data& data = data_[static_cast<size_t>(nodes_[static_cast<size_t>(id)].data)];
+    Data& data = data_[nodes_[id].data];
     write(data, a);
   }
   static Array read(const zyn_tensor* tensor) {

@@ -190,8 +190,7 @@ inline Array reference_reshape(const Array& in, const std::vector<int>& dims) {
 
 inline Array reference_concat(const std::vector<const Array*>& in, int axis) {
   std::vector<int> dims = in[0]->dims;
-  for (size_t i = 1; i < in.size(); i++)
-    dims[static_cast<size_t>(axis)] += in[i]->extent(static_cast<size_t>(axis));
+  for (size_t i = 1; i < in.size(); i++) dims[axis] += in[i]->extent(static_cast<size_t>(axis));
   Array out(dims);
   int at[3] = {0, 0, 0};
   for (const Array* a : in) {
@@ -207,8 +206,7 @@ inline Array reference_channels(const Array& in, const std::vector<int>& channel
   Array out({in.w(), in.h(), static_cast<int>(channels.size())});
   for (int z = 0; z < out.c(); z++)
     for (int y = 0; y < in.h(); y++)
-      for (int x = 0; x < in.w(); x++)
-        out.at(x, y, z) = in.at(x, y, channels[static_cast<size_t>(z)]);
+      for (int x = 0; x < in.w(); x++) out.at(x, y, z) = in.at(x, y, channels[z]);
   return out;
 }
 
@@ -229,16 +227,14 @@ inline Array reference_conv(const Array& in, const Array& constant, const zyn_co
   const size_t weights = static_cast<size_t>(p.kernel_h * p.kernel_w * p.in_channels * og);
   for (int o = 0; o < p.out_channels && p.bias == 1; o++)
     for (int i = 0; i < out.w() * out.h(); i++)
-      out.v[static_cast<size_t>(o * out.w() * out.h() + i)] =
-          constant.v[weights + static_cast<size_t>(o)];
+      out.v[o * out.w() * out.h() + i] = constant.v[weights + static_cast<size_t>(o)];
   for (int o = 0; o < p.out_channels; o++)
     for (int k = 0; k < ig; k++)
       for (int r = 0; r < p.kernel_w; r++)
         for (int c = 0; c < p.kernel_h; c++) {
           const int i = o / og * ig + k;
           const int pair = transposed ? i * og + o % og : o * ig + k;
-          const double w =
-              constant.v[static_cast<size_t>((pair * p.kernel_w + r) * p.kernel_h + c)];
+          const double w = constant.v[(pair * p.kernel_w + r) * p.kernel_h + c];
           // Walk the side that the stride counts on.
           const Array &walked = transposed ? in : out, &other = transposed ? out : in;
           for (int y = 0; y < walked.h(); y++) {
