@@ -326,7 +326,7 @@ TEST(Association, AnyFloatsAreTaken) {
   Random random(14);
   for (int i = 0; i < 600; i++) {
     auto boxes = [&](int count) {
-      Boxes result(static_cast<size_t>(count));
+      Boxes result(count);
       for (auto& b : result)
         for (float* x : {&b.x1, &b.y1, &b.x2, &b.y2, &b.score})
           *x = random.integer(0, 2) ? random.real(-50, 50) : special[random.integer(0, 8)];

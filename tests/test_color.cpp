@@ -31,7 +31,7 @@ class Convert {
   Convert(uint32_t from, uint32_t to, uint32_t code) : from_(from), to_(to), code_(code) {}
 
   void check(int width, int height) {
-    Random random(static_cast<uint64_t>(width * 100 + height));
+    Random random(width * 100 + height);
     check(width, height, [&](PageEndImage& image) { image.fill(random); });
   }
   template <typename Fill>
@@ -49,26 +49,13 @@ class Convert {
   }
 
  private:
-  struct View {
-    uint8_t* data;
-    int64_t stride;
-    uint8_t& at(int x, int y, int c = 0, int channels = 1) const {
-      return data[y * stride + x * channels + c];
-    }
-  };
-  static View view(PageEndImage& image, int k, uint8_t* base) {
-    void* const data[3] = {image->data, image->plane1, image->plane2};
-    const int64_t strides[3] = {image->row_bytes, image->plane1_bytes, image->plane2_bytes};
-    return {base + (static_cast<uint8_t*>(data[k]) - static_cast<uint8_t*>(image->data)),
-            strides[k]};
-  }
   void expect(PageEndImage& from, PageEndImage& to, std::vector<uint8_t>& want) {
     const int w = from->cols, h = from->rows;
-    const View s = view(from, 0, from.memory().data()), d = view(to, 0, want.data());
-    View sp[3] = {s, s, s}, dp[3] = {d, d, d};
+    const PlaneView s = plane_of(from.get(), 0), d = plane_of(to.get(), 0, want.data());
+    PlaneView sp[3] = {s, s, s}, dp[3] = {d, d, d};
     for (int k = 1; k < 3; k++) {
-      if (from->plane1) sp[k] = view(from, k, from.memory().data());
-      if (to->plane1) dp[k] = view(to, k, want.data());
+      if (from->plane1) sp[k] = plane_of(from.get(), k);
+      if (to->plane1) dp[k] = plane_of(to.get(), k, want.data());
     }
     if (code_ == 8) return expect_yuv(s, dp, w, h);
     for (int y = 0; y < h; y++)
@@ -100,13 +87,13 @@ class Convert {
         }
       }
   }
-  void exchange(const View& s, const View& d, int x, int y) const {
+  void exchange(const PlaneView& s, const PlaneView& d, int x, int y) const {
     const int bytes = from_ == 14 ? 6 : from_ == 3 || from_ == 4 ? 4 : 3;
     static const int kOrder[3][6] = {{2, 1, 0}, {2, 1, 0, 3}, {4, 5, 2, 3, 0, 1}};
     for (int c = 0; c < bytes; c++)
       d.at(x, y, c, bytes) = s.at(x, y, kOrder[bytes == 6 ? 2 : bytes - 3][c], bytes);
   }
-  static void expect_yuv(const View& s, const View d[3], int w, int h) {
+  static void expect_yuv(const PlaneView& s, const PlaneView d[3], int w, int h) {
     for (int y = 0; y < h; y++)
       for (int x = 0; x < w; x++) {
         const int ex = w > 1 && (w & 1) && x == w - 1 ? x - 1 : x;

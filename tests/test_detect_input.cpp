@@ -15,6 +15,7 @@
 #include "support/buffers.h"
 #include "support/capture.h"
 #include "support/failing.h"
+#include "support/images.h"
 #include "zyncore.h"
 
 namespace {
@@ -133,7 +134,7 @@ TEST(DetectInput, TransformsGiveTheStatedBitsForEveryByteAndShape) {
       for (int height : {1, 3})
         for (int padding : {0, 1, 13}) {
           Picture picture(width, height, ZYN_IMAGE_BGR, padding);
-          picture.fill(static_cast<uint64_t>(width));
+          picture.fill(width);
           ASSERT_NO_FATAL_FAILURE(check_transform(t, picture));
         }
   }
@@ -159,7 +160,7 @@ TEST(DetectInput, DroppingTheFourthByte) {
     for (int height : {1, 3}) {
       const auto pixels = static_cast<size_t>(width * height);
       PageEnd<uint8_t> source(4 * pixels), target(3 * pixels);
-      Random random(static_cast<uint64_t>(width));
+      Random random(width);
       for (uint8_t& byte : source) byte = static_cast<uint8_t>(random.next());
       ASSERT_EQ(zyn_convert_rgba_to_rgb(target.data(), source.data(), width, height), 0);
       for (size_t i = 0; i < target.size(); i++)
@@ -204,17 +205,14 @@ int bordered(Picture& source, size_t p, int top, int left, int bytes, int x, int
   const int sx = x - (left >> halving), sy = y - (top >> halving);
   if (sx < 0 || sy < 0 || sx >= image.cols >> halving || sy >= image.rows >> halving)
     return p ? 128 : 0;
-  const int64_t stride = p == 0   ? image.row_bytes
-                         : p == 1 ? image.plane1_bytes
-                                  : image.plane2_bytes;
-  return source.plane(p)[sy * stride + sx * bytes + b];
+  return zyn_test::plane_of(&image, static_cast<int>(p)).at(sx, sy, b, bytes);
 }
 
 void check_border(int width, int height, uint32_t format, float ratio, int padding) {
   SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height) + " format " +
                std::to_string(format) + " ratio " + std::to_string(ratio));
   Picture source(width, height, format, padding);
-  source.fill(static_cast<uint64_t>(width * 31 + height));
+  source.fill(width * 31 + height);
   Margins m{-1, -1, -1, -1};
   zyn_image* image =
       zyn_create_border_image(&m.top, &m.bottom, &m.left, &m.right, source.record(), ratio);
@@ -225,18 +223,12 @@ void check_border(int width, int height, uint32_t format, float ratio, int paddi
   ASSERT_EQ(image->rows, height + m.top + m.bottom);
   const int bytes = format == ZYN_IMAGE_I420 ? 1 : 3;
   for (size_t p = 0; p < source.planes(); p++) {
-    const auto* data = static_cast<const uint8_t*>(p == 0   ? image->data
-                                                   : p == 1 ? image->plane1
-                                                            : image->plane2);
-    const int64_t stride = p == 0   ? image->row_bytes
-                           : p == 1 ? image->plane1_bytes
-                                    : image->plane2_bytes;
+    const zyn_test::PlaneView plane = zyn_test::plane_of(image, static_cast<int>(p));
     const int halving = p ? 1 : 0;
     for (int y = 0; y < image->rows >> halving; y++)
       for (int x = 0; x < (image->cols >> halving); x++)
         for (int b = 0; b < bytes; b++)
-          ASSERT_EQ(data[y * stride + x * bytes + b],
-                    bordered(source, p, m.top, m.left, bytes, x, y, b))
+          ASSERT_EQ(plane.at(x, y, b, bytes), bordered(source, p, m.top, m.left, bytes, x, y, b))
               << "plane " << p << " at (" << x << ", " << y << ")";
   }
   zyn_release_matrix(&image);
@@ -346,7 +338,7 @@ void check_patch(Picture& target, Picture& source, const Patch& p) {
     const auto& plane = target.plane(i);
     const int halving = i ? 1 : 0;
     const auto stride = [&](const zyn_image& of) {
-      return i == 0 ? of.row_bytes : i == 1 ? of.plane1_bytes : of.plane2_bytes;
+      return zyn_test::plane_of(&of, static_cast<int>(i)).stride;
     };
     expected.push_back(
         !fits ? Bytes(plane.data(), plane.data() + plane.size())

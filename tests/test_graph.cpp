@@ -217,24 +217,14 @@ TEST(GraphEdges, IdsOutOfRangeStayNodes) {
   EXPECT_EQ(printed([&] { EXPECT_EQ(graph.sort(), 32); }), order_report(kCycle, 108));
 }
 
-TEST(GraphOrder, TiesFollowTheQueue) {
-  const struct {
-    Edges edges;
-    Ids order;  // empty: 32 and the report
-  } cases[] = {{{{0, 1}, {0, 2}, {2, 3}, {1, 3}}, {0, 1, 2, 3}},
-               {{{0, 2}, {0, 1}, {2, 3}, {1, 3}}, {0, 2, 1, 3}},
-               {{{4, 0}, {2, 0}, {3, 1}, {0, 1}}, {2, 3, 4, 0, 1}},
-               {{{0, 0}}, {}},
-               {{{0, 5}}, {}},           // ids with gaps, the second node beyond the count
-               {{{1, 2}}, {}},           // no node 0
-               {{{0, 7}, {7, 1}}, {}}};  // 0, 1 and 7
-  for (const auto& c : cases) {
-    Graph graph(c.edges);
-    const std::string text = printed([&] { EXPECT_EQ(graph.sort(), c.order.empty() ? 32 : 0); });
-    EXPECT_EQ(text, c.order.empty() ? order_report(kCycle, 108) : "");
-    if (c.order.empty()) continue;
-    EXPECT_EQ(graph.sort(), 0);  // again, in the same arrays
-    EXPECT_EQ(graph.order(), c.order);
+TEST(GraphOrder, CyclesAndGapsAreRefused) {
+  const Edges cases[] = {{{0, 0}},
+                         {{0, 5}},           // ids with gaps, the second node beyond the count
+                         {{1, 2}},           // no node 0
+                         {{0, 7}, {7, 1}}};  // 0, 1 and 7
+  for (const Edges& edges : cases) {
+    Graph graph(edges);
+    EXPECT_EQ(printed([&] { EXPECT_EQ(graph.sort(), 32); }), order_report(kCycle, 108));
   }
   Graph cycle({{0, 1}, {1, 2}, {2, 1}});
   printed([&] { cycle.sort(); });
@@ -247,7 +237,7 @@ TEST(GraphOrder, TiesFollowTheQueue) {
 // First in, first out, the lower id first, over edges in the order of their adding.
 Ids queue_order(const Edges& edges, int32_t count) {
   Ids open(static_cast<size_t>(count), 0), order;
-  for (const auto& edge : edges) open.at(static_cast<size_t>(edge.second))++;
+  for (const auto& edge : edges) open.at(edge.second)++;
   for (int32_t id = 0; id < count; id++)
     if (open[id] == 0) order.push_back(id);
   for (size_t k = 0; k < order.size(); k++)
@@ -260,7 +250,7 @@ TEST(GraphOrder, RandomGraphsFollowTheQueueAndCyclesAreSaid) {
   for (uint64_t seed = 1; seed <= 200; seed++) {
     zyn_test::Random random(seed);
     const int32_t count = random.integer(2, 40);
-    Ids label(static_cast<size_t>(count));  // hidden order of the ids
+    Ids label(count);  // hidden order of the ids
     for (size_t i = 0; i < label.size(); i++) {
       const auto place = static_cast<size_t>(random.integer(0, static_cast<int>(i)));
       label[i] = label[place];
@@ -271,8 +261,10 @@ TEST(GraphOrder, RandomGraphsFollowTheQueueAndCyclesAreSaid) {
       for (int32_t k = random.integer(1, 4); k > 0; k--)
         edges.push_back({label[random.integer(0, i - 1)], label[i]});
     Graph graph(edges, count);
-    ASSERT_EQ(graph.sort(), 0) << seed;
-    ASSERT_EQ(graph.order(), queue_order(edges, count)) << seed;
+    for (int again : {0, 1}) {  // in the same arrays
+      ASSERT_EQ(graph.sort(), 0) << seed << " " << again;
+      ASSERT_EQ(graph.order(), queue_order(edges, count)) << seed;
+    }
     // The last edge back closes a cycle.
     zyn_add_one_edge_into_computation_graph(graph.handle, edges.back().second, edges.back().first);
     EXPECT_EQ(printed([&] { EXPECT_EQ(graph.sort(), 32); }), order_report(kCycle, 108)) << seed;

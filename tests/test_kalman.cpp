@@ -20,7 +20,6 @@ using zyn_test::kSupport;
 using zyn_test::Mat;
 using zyn_test::printed;
 using zyn_test::Random;
-using zyn_test::TrackModel;
 
 constexpr zyn_test::Reports tracking_report{"src/tracking/zyn_tracking.cpp"};
 
@@ -342,59 +341,6 @@ TEST(BoxTracker, FailedCorrectionCountsTheDetectionAllTheSame) {
   track->filter->transition->cols = 6;
   printed([&] { EXPECT_EQ(zyn_box_tracker_predict(box.v, track.get()), 32); });
   EXPECT_EQ(track->age, 0);
-}
-
-TEST(BoxTracker, AnyFloatsAreTaken) {
-  const float special[] = {NAN, INFINITY, -INFINITY, 3e38f, -3e38f, 1e-40f, 0, -0.0f, 7};
-  Random random(3);
-  for (int i = 0; i < 300; i++) {
-    auto box = [&] {
-      Box b{};
-      for (float& x : b.v) x = special[random.integer(0, 8)];
-      return b;
-    };
-    Track track(box());
-    for (int step = 0; step < 5; step++) {
-      track.predict();
-      if (random.integer(0, 1)) track.update(box());
-    }
-    EXPECT_EQ(track->age, 5);
-  }
-}
-
-TEST(BoxTracker, FollowsAWalkAsTheFormulasSay) {
-  for (uint64_t seed = 1; seed <= 40; seed++) {
-    SCOPED_TRACE(seed);
-    Random random(seed);
-    float x = random.real(0, 500), y = random.real(0, 500), w = random.real(5, 200);
-    auto box = [&] {
-      x += random.real(-9, 12);
-      y += random.real(-9, 12);
-      w *= random.real(0.95f, 1.06f);
-      return Box{{x, y, x + w, y + w * random.real(0.7f, 1.5f)}};
-    };
-    const Box first = box();
-    Track track(first);
-    TrackModel model(first, 7);
-    for (int step = 0; step < 60; step++) {
-      const Box got = track.predict(), want = model.predict();
-      for (int i = 0; i < 4; i++) ASSERT_NEAR(got.v[i], want.v[i], 1e-3f * 300) << step;
-      ASSERT_EQ(track->hit_streak, model.streak);
-      ASSERT_EQ(track->time_since_update, model.since);
-      ASSERT_EQ(track->age, model.age);
-      ASSERT_EQ(track->hits, model.hits);
-      ASSERT_EQ(track->id, model.id);
-      if (random.integer(0, 3) == 0) continue;
-      const Box seen = box();
-      track.update(seen);
-      model.update(seen);
-      float corrected[4];
-      zyn_state_to_box(corrected, track.corrected());
-      const Box expected = TrackModel::box_of(model.filter.corrected);
-      for (int i = 0; i < 4; i++)
-        ASSERT_NEAR(corrected[i], expected.v[i], 1e-3f * fmaxf(1, fabsf(expected.v[i]))) << step;
-    }
-  }
 }
 
 }  // namespace

@@ -29,12 +29,12 @@ class Product {
   Product& reals() { return reals_ = true, *this; }
 
   void check() const {
-    Random random(static_cast<uint64_t>(m_ * 1000003 + n_ * 1009 + k_));
+    Random random(m_ * 1000003 + n_ * 1009 + k_);
     Matrix<T> a(m_, k_, k_ + extra_), c(m_, n_, n_ + extra_);
     Matrix<T> b(transposed_ ? n_ : k_, transposed_ ? k_ : n_, (transposed_ ? k_ : n_) + extra_);
     for (Matrix<T>* x : {&a, &b}) reals_ ? x->reals(random) : x->integers(random, 8);
     if (beta_ != 0) c.integers(random, 8);
-    std::vector<double> expected(static_cast<size_t>(m_ * n_)), magnitudes(expected.size());
+    std::vector<double> expected(m_ * n_), magnitudes(expected.size());
     for (int r = 0; r < m_; r++)
       for (int l = 0; l < k_; l++)
         for (int j = 0; j < n_; j++) {

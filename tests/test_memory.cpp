@@ -58,15 +58,6 @@ TEST(Memory, SizesThatCannotBeAreRefused) {
   zyn_set_system_allocator(&before);
 }
 
-TEST(Memory, ZeroedMemoryIsZero) {
-  void* used = zyn_malloc(4000);
-  memset(used, 0xFF, 4000);
-  zyn_free(used);
-  auto* bytes = static_cast<uint8_t*>(zyn_calloc(1000, 4));
-  for (int i = 0; i < 4000; i++) ASSERT_EQ(bytes[i], 0) << i;
-  zyn_free(bytes);
-}
-
 TEST(Memory, GrowingKeepsContentAndNeverShrinks) {
   auto* block = static_cast<uint8_t*>(zyn_grow(nullptr, 64));
   for (int i = 0; i < 64; i++) block[i] = static_cast<uint8_t>(i);

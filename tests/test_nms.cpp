@@ -157,7 +157,7 @@ TEST(Nms, SpecialCornersAndThresholds) {
   const auto pick = [&] { return values[random.integer(0, 11)]; };
   for (float threshold : {0.3f, 0.0f, 1.0f, -0.5f, kInf, -kInf, NAN})
     for (int round = 0; round < 150; round++) {
-      Boxes boxes(static_cast<size_t>(random.integer(1, 30)));
+      Boxes boxes(random.integer(1, 30));
       // min and max of the oracle are those of <algorithm>, with the pivot first: the
       // same rule for NaN as the library's.
       for (zyn_detection& b : boxes) b = {pick(), pick(), pick(), pick(), pick()};
@@ -168,7 +168,7 @@ TEST(Nms, SpecialCornersAndThresholds) {
 TEST(Nms, SurvivesAnyBits) {
   Random random(77);
   for (int round = 0; round < 400; round++) {
-    Boxes boxes(static_cast<size_t>(random.integer(1, 120)));
+    Boxes boxes(random.integer(1, 120));
     for (zyn_detection& b : boxes)
       for (float* field : {&b.x1, &b.y1, &b.x2, &b.y2, &b.score}) {
         const auto bits = static_cast<uint32_t>(random.next());

@@ -193,8 +193,6 @@ TEST(Pose, PointsOnAGrid) {
   EXPECT_LE(missed, views / 100);
 }
 
-// Points or pixels that coincide or lie on a line, cameras without a focal length, numbers
-// that are none: no solution or finite ones.
 TEST(Pose, DegenerateViews) {
   Random random(2);
   const int cases = zyn_test::soak(10000, 100000);
@@ -205,23 +203,24 @@ TEST(Pose, DegenerateViews) {
     float* const p = view.image;
     const float blend = random.real(-2, 2);
     const int a = random.integer(0, 2), b = (a + 1) % 3, c = (a + 2) % 3;
+    // Puts point a on the line of the others; with 0 onto point b.
+    const auto align = [&](float* points, int axes, float way) {
+      for (int k = 0; k < axes; k++) {
+        const float from = points[axes * b + k];
+        points[axes * a + k] = from + way * (points[axes * c + k] - from);
+      }
+    };
     switch (i % 10) {
-      case 0:  // world points on a line
-        for (int k = 0; k < 3; k++)
-          w[3 * a + k] = w[3 * b + k] + blend * (w[3 * c + k] - w[3 * b + k]);
-        break;
+      case 0:
       case 1:
-        for (int k = 0; k < 3; k++) w[3 * a + k] = w[3 * b + k];
+        align(w, 3, i % 10 ? 0 : blend);
         break;
       case 2:
-        for (int k = 0; k < 9; k++) w[k] = w[k % 3];
-        break;
-      case 3:  // pixels on a line
-        for (int k = 0; k < 2; k++)
-          p[2 * a + k] = p[2 * b + k] + blend * (p[2 * c + k] - p[2 * b + k]);
+      case 3:
+        align(p, 2, i % 10 == 3 ? 0 : blend);
         break;
       case 4:
-        for (int k = 0; k < 2; k++) p[2 * a + k] = p[2 * b + k];
+        for (int k = 0; k < 9; k++) w[k] = w[k % 3];
         break;
       case 5:
         for (int k = 0; k < 6; k++) p[k] = p[k % 2];

@@ -16,10 +16,9 @@ constexpr Reports resizer_report{"src/image/zyn_image_resizer.cpp"};
 
 // A plane of samples as the definition sees it.
 struct Plane {
-  const uint8_t* data;
-  int64_t stride;
+  PlaneView view;
   int width, height, channels;
-  int at(int x, int y, int c) const { return data[y * stride + x * channels + c]; }
+  int at(int x, int y, int c) const { return view.at(x, y, c, channels); }
 };
 
 // Where one output coordinate samples: the first index, and the second's weight.
@@ -67,7 +66,7 @@ class Images {
     auto& image = images_[{width, height, static_cast<int>(format)}];
     if (!image) {
       image = std::make_unique<PageEndImage>(width, height, format);
-      Random random(static_cast<uint64_t>(width * 977 + height));
+      Random random(width * 977 + height);
       image->fill(random);
     }
     return *image;
@@ -102,9 +101,7 @@ class Resize {
 
  private:
   static Plane plane(PageEndImage& image, int k, int width, int height, int channels) {
-    void* const data[3] = {image->data, image->plane1, image->plane2};
-    return {static_cast<uint8_t*>(data[k]), k ? image->row_bytes / 2 : image->row_bytes, width,
-            height, channels};
+    return {plane_of(image.get(), k), width, height, channels};
   }
   void compare(const Plane& from, const Plane& to, int k) {
     const bool neutral = from.width == 0 || from.height == 0;

@@ -143,7 +143,7 @@ struct SortModel {
   uint64_t frames = 0, next_id = 0;
   size_t capacity = 128, slots = 128;
 
-  Bytes zeros() const { return Bytes(static_cast<size_t>(payload)); }
+  Bytes zeros() const { return Bytes(payload); }
   // Tracks beyond the slots have no payload; those that come within start with zeros.
   void settle() {
     for (size_t k = 0; k < tracks.size(); k++) {
@@ -300,6 +300,11 @@ class Scene {
     ASSERT_EQ(static_cast<size_t>(sort_->count), model_.tracks.size());
     ASSERT_EQ(static_cast<size_t>(sort_->capacity), model_.capacity);
     ASSERT_EQ(static_cast<size_t>(sort_->payload_slots), payload_ ? model_.slots : 0);
+    for (size_t k = 0; k < model_.tracks.size(); k++) {
+      ASSERT_EQ(sort_->tracks[k]->age, model_.tracks[k].age);
+      ASSERT_EQ(sort_->tracks[k]->hits, model_.tracks[k].hits);
+      ASSERT_EQ(sort_->tracks[k]->hit_streak, model_.tracks[k].streak);
+    }
   }
   int tracks() const { return static_cast<int>(model_.tracks.size()); }
   Random& random() { return random_; }
@@ -559,20 +564,17 @@ TEST(Sort, EveryAllocationMayFail) {
             3);
   Sort sort(1, 1, 6);
   ASSERT_EQ(sort.add_ids(3), 0);
-  const auto released = [](zyn_track_info* info) {
-    const bool made = info != nullptr;
-    zyn_release_track_info(&info);
-    return made;
-  };
   uint64_t frames = 0;
-  for_each_failing_allocation([&](int64_t, bool) {
-    const bool made = released(zyn_create_sort_predict(sort.get()));
-    frames += made;
-    EXPECT_EQ(zyn_sort_get_frame_count(sort.get()), frames);
-    return made;
-  });
-  for_each_failing_allocation(
-      [&](int64_t, bool) { return released(zyn_sort_get_track_info(sort.get())); });
+  for (bool predict : {true, false})
+    for_each_failing_allocation([&](int64_t, bool) {
+      zyn_track_info* info =
+          predict ? zyn_create_sort_predict(sort.get()) : zyn_sort_get_track_info(sort.get());
+      const bool made = info != nullptr;
+      zyn_release_track_info(&info);
+      frames += predict && made;
+      EXPECT_EQ(zyn_sort_get_frame_count(sort.get()), frames);
+      return made;
+    });
 }
 
 TEST(Sort, EveryAllocationOfAnUpdateMayFail) {

@@ -1,11 +1,9 @@
-// The clock and the directory lister.
+// The directory lister.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "base/zyn_darray.h"
@@ -16,19 +14,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Names = std::vector<std::string>;
-
-TEST(Clock, CountsMilliseconds) {
-  // The shortest of three tries: another process may come between.
-  double shortest = 1e9;
-  for (int k = 0; k < 3; k++) {
-    const double first = zyn_get_current_system_time();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    const double elapsed = zyn_get_current_system_time() - first;
-    if (elapsed < shortest) shortest = elapsed;
-  }
-  EXPECT_GE(shortest, 19.0);
-  EXPECT_LT(shortest, 100.0);
-}
 
 class Lister : public ::testing::Test {
  protected:

@@ -19,7 +19,7 @@ using zyn_test::Random;
 struct Tensor {
   Tensor(std::vector<int32_t> dims, uint32_t type = ZYN_TYPE_F32, uint32_t layout = 0)
       : record(zyn_create_tensor_header(static_cast<int32_t>(dims.size()), dims.data(), type)),
-        bytes(static_cast<size_t>(record->byte_size)) {
+        bytes(record->byte_size) {
     zyn_set_tensor_data(record, bytes.data(), record->byte_size);
     record->layout = layout;
   }

@@ -17,10 +17,7 @@ template <typename T>
 class Matrix {
  public:
   Matrix(int rows, int cols, int pitch = 0)
-      : rows_(rows),
-        cols_(cols),
-        pitch_(pitch ? pitch : cols),
-        block_(static_cast<size_t>((rows - 1) * pitch_ + cols)) {
+      : rows_(rows), cols_(cols), pitch_(pitch ? pitch : cols), block_((rows - 1) * pitch_ + cols) {
     zyn_set_matrix_header(&record_, rows, cols, 1, sizeof(T) == 4 ? ZYN_TYPE_F32 : ZYN_TYPE_F64);
     record_.row_bytes = pitch_ * static_cast<int64_t>(sizeof(T));
     record_.data = block_.data();

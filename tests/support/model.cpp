@@ -239,8 +239,7 @@ int Model::add_concat(int type) {
   lists_.emplace_back(order.begin(), order.end());
   const zyn_concat_param p = {axis, static_cast<int32_t>(order.size()), lists_.back().data()};
   std::vector<size_t> places;
-  for (int id : order)
-    places.push_back(static_cast<size_t>(std::find(from.begin(), from.end(), id) - from.begin()));
+  for (int id : order) places.push_back(std::find(from.begin(), from.end(), id) - from.begin());
   return op(type, p, from, [=](Inputs arrays) {
     std::vector<const Array*> listed;
     for (size_t place : places) listed.push_back(arrays[place]);

@@ -190,14 +190,14 @@ inline Array reference_reshape(const Array& in, const std::vector<int>& dims) {
 
 inline Array reference_concat(const std::vector<const Array*>& in, int axis) {
   std::vector<int> dims = in[0]->dims;
-  for (size_t i = 1; i < in.size(); i++) dims[axis] += in[i]->extent(static_cast<size_t>(axis));
+  for (size_t i = 1; i < in.size(); i++) dims[axis] += in[i]->extent(axis);
   Array out(dims);
   int at[3] = {0, 0, 0};
   for (const Array* a : in) {
     for (int z = 0; z < a->c(); z++)
       for (int y = 0; y < a->h(); y++)
         for (int x = 0; x < a->w(); x++) out.at(x + at[0], y + at[1], z + at[2]) = a->at(x, y, z);
-    at[axis] += a->extent(static_cast<size_t>(axis));
+    at[axis] += a->extent(axis);
   }
   return out;
 }
