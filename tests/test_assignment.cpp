@@ -17,17 +17,14 @@
 
 namespace {
 
-using zyn_test::kMemory;
-using zyn_test::kPara;
-using zyn_test::printed;
-using zyn_test::Random;
+using namespace zyn_test;
 
 using Pairs = std::vector<std::pair<int, int>>;
 
 constexpr const char* kUnknown = "Unknown error!";
 constexpr const char* kInfeasible = "infeasible cost matrix\n";
 
-constexpr zyn_test::Reports tracking_report{"src/tracking/zyn_tracking.cpp"};
+constexpr Reports tracking_report{"src/tracking/zyn_tracking.cpp"};
 
 // Scores that are whole numbers, so that every sum is exact.
 struct Scores {
@@ -165,7 +162,7 @@ double overlap(const zyn_detection& a, const zyn_detection& b) {
 
 TEST(Assignment, IsOptimalAndDecidesEqualCostsInOrder) {
   Random random(11);
-  const int cases = zyn_test::soak(20000, 100000);
+  const int cases = soak(20000, 100000);
   for (int i = 0; i < cases; i++) {
     // Small ranges are full of ties, large ones have none.
     const Scores s(random.integer(1, 6), random.integer(1, 6),
@@ -211,7 +208,7 @@ TEST(Assignment, ColumnsWithoutANumberAreAvoidedAndWithoutAPathItSaysInfeasible)
 
 TEST(Association, MatchesAreThePairsWhoseOverlapExceedsTheThreshold) {
   Random random(13);
-  for (int i = 0; i < zyn_test::soak(1000, 20000); i++) {
+  for (int i = 0; i < soak(1000, 20000); i++) {
     auto boxes = [&](int count) {
       Boxes result;
       for (int k = 0; k < count; k++) {
@@ -291,9 +288,8 @@ TEST(Association, NullTracksAreLetThroughAndOverlapNothing) {
 TEST(Association, RefusesMissingDetectionsAndZeroCounts) {
   const zyn_detection box{0, 0, 1, 1, 0};
   const std::string refused = tracking_report(kPara, 1196);
-  const std::string no_matrix =
-      zyn_test::report("parameters error!", "src/matrix/zyn_matrix_core.cpp", 43) +
-      tracking_report(kMemory, 1202);
+  const std::string no_matrix = report("parameters error!", "src/matrix/zyn_matrix_core.cpp", 43) +
+                                tracking_report(kMemory, 1202);
   const struct {
     const zyn_detection* detections;
     int detection_count, track_count;
@@ -348,7 +344,7 @@ TEST(Association, EveryAllocationMayFail) {
   const Boxes detections{{0, 0, 9, 9, 0}, {50, 0, 59, 9, 0}, {90, 0, 99, 9, 0}};
   const Boxes tracks{{51, 0, 60, 9, 0}, {1, 0, 10, 9, 0}};
   auto matrix = [](const char* message, int line) {
-    return zyn_test::report(message, "src/matrix/zyn_matrix_core.cpp", line);
+    return report(message, "src/matrix/zyn_matrix_core.cpp", line);
   };
   const std::string no_scores = tracking_report(kMemory, 1202);
   const std::string unsolved = tracking_report(kUnknown, 1222);
@@ -366,7 +362,7 @@ TEST(Association, EveryAllocationMayFail) {
                                        "",
                                        "",
                                        ""};  // the record and its arrays
-  const int64_t needed = zyn_test::for_each_failing_allocation([&](int64_t n, bool) {
+  const int64_t needed = for_each_failing_allocation([&](int64_t n, bool) {
     bool made = false;
     const std::string text =
         printed([&] { made = static_cast<bool>(associate(detections, tracks, 0)); });

@@ -8,7 +8,7 @@
 
 namespace {
 
-using zyn_test::printed;
+using namespace zyn_test;
 
 // A chain of nodes 0 -> 1 -> ... -> 8, sorted, none bound.
 class Chain {

@@ -9,13 +9,7 @@
 
 namespace {
 
-using zyn_test::Array;
-using zyn_test::conv_param;
-using zyn_test::is_depthwise;
-using zyn_test::Ledger;
-using zyn_test::Net;
-using zyn_test::printed;
-using zyn_test::Random;
+using namespace zyn_test;
 
 constexpr uint32_t kMethods[] = {0, 1, 2};
 constexpr float kEpsilon = 0.25f;  // with variance 3.75 the divisor is 2
@@ -29,7 +23,7 @@ bool is(int a, int b, int value) { return a == value && b == value; }
 
 Codes codes_of(const zyn_conv_param& p, uint32_t method, int type) {
   const bool one = is(p.kernel_h, p.kernel_w, 1);
-  if (method == 0 || (method == 1 && !zyn_test::has_kernel(p))) return {0, 0};
+  if (method == 0 || (method == 1 && !has_kernel(p))) return {0, 0};
   if (method == 1) {
     const bool pointwise =
         one && p.groups == 1 && type != ZYN_OP_CONV && type != ZYN_OP_CONV_DEPTHWISE;
@@ -65,11 +59,11 @@ class Layer {
   bool folded() const { return type_ == ZYN_OP_CONV_BN; }
   int ow() const {
     return folded() ? (w_ - p.kernel_h + 2 * p.pad_h) / p.stride_h + 1
-                    : zyn_test::out_extent(w_, p.kernel_h, p.stride_h, p.pad_h, p.dilation_h);
+                    : out_extent(w_, p.kernel_h, p.stride_h, p.pad_h, p.dilation_h);
   }
   int oh() const {
     return folded() ? (h_ - p.kernel_w + 2 * p.pad_h) / p.stride_w + 1
-                    : zyn_test::out_extent(h_, p.kernel_w, p.stride_w, p.pad_w, p.dilation_w);
+                    : out_extent(h_, p.kernel_w, p.stride_w, p.pad_w, p.dilation_w);
   }
 
   // Nodes 0 input, 1 constant, 2 the layer.
@@ -77,7 +71,7 @@ class Layer {
     Random random(seed_);
     const int channels = channels_ ? channels_ : p.in_channels;
     input_ = Array({w_, h_, channels});
-    input_.v = zyn_test::small_integers(random, input_.v.size(), 4);
+    input_.v = small_integers(random, input_.v.size(), 4);
     fill_constant(random);
     net_ = std::make_unique<Net>();
     net_->method(method_);
@@ -109,30 +103,30 @@ class Layer {
       return;
     }
     compare();
-    const bool blocked = method_ == 1 && zyn_test::has_kernel(p);
+    const bool blocked = method_ == 1 && has_kernel(p);
     EXPECT_EQ(net_->output_tensor(2)->layout, blocked ? 3u : 0u);
   }
   void compare() {
     const double bound = activation_ == 2 || activation_ == 4 || epsilon_ == 0 ? 3e-7 : 0;
-    ASSERT_TRUE(zyn_test::agrees(net_->output(2), expected(), bound)) << text();
+    ASSERT_TRUE(agrees(net_->output(2), expected(), bound)) << text();
   }
   std::string text() const {
     return "type " + std::to_string(type_) + " method " + std::to_string(method_) + " code " +
            std::to_string(activation_) + " layout " + std::to_string(layout_) + " seed " +
-           std::to_string(seed_) + " " + zyn_test::describe(p, w_, h_);
+           std::to_string(seed_) + " " + describe(p, w_, h_);
   }
 
   zyn_conv_param p;
 
  private:
-  size_t weights() const { return static_cast<size_t>(zyn_test::weight_count(p)); }
+  size_t weights() const { return static_cast<size_t>(weight_count(p)); }
   size_t bias_count() const { return static_cast<size_t>(p.bias == 1 ? p.out_channels : 0); }
 
   void fill_constant(Random& random) {
     const size_t out = static_cast<size_t>(p.out_channels);
     const size_t count = weights() + bias_count() + (folded() ? 4 * out : 0);
     constant_ = Array({static_cast<int>(count) + extra_});
-    const auto values = zyn_test::small_integers(random, constant_.v.size(), 3);
+    const auto values = small_integers(random, constant_.v.size(), 3);
     constant_.v = values;
     for (size_t i = weights() + bias_count(); folded() && i < constant_.v.size(); i++) {
       const size_t which = (i - weights() - bias_count()) / out;
@@ -153,13 +147,13 @@ class Layer {
   Array expected() const {
     zyn_conv_param r = record();
     Array constant = constant_;
-    if (!zyn_test::has_kernel(p)) {  // other groups add nothing
+    if (!has_kernel(p)) {  // other groups add nothing
       r.groups = 1;
       std::fill_n(constant.v.begin(), weights(), 0.0);
     }
-    if (folded()) return zyn_test::reference_conv_bn(input_, constant, r, method_ == 2, ow(), oh());
+    if (folded()) return reference_conv_bn(input_, constant, r, method_ == 2, ow(), oh());
     if (type_ != ZYN_OP_CONV_ACT) r.word14.activation = 0;
-    return zyn_test::reference_conv_act(input_, constant, r, ow(), oh());
+    return reference_conv_act(input_, constant, r, ow(), oh());
   }
 
   int type_ = ZYN_OP_CONV;
@@ -208,7 +202,7 @@ TEST_P(ConvMethod, LayersOfNetworksOnSizesAroundTheThresholds) {
 TEST_P(ConvMethod, AnyRecordIsComputedOrRefusedWithItsCode) {
   Random random(GetParam() + 7);
   for (int i = 0; i < 250; i++) {
-    const zyn_test::AnyLayer l = zyn_test::any_layer(random);
+    const AnyLayer l = any_layer(random);
     // A pointwise kernel under type 3 keeps the routine of the larger kernels.
     static constexpr int kTypes[] = {ZYN_OP_CONV_ACT, 0, ZYN_OP_CONV_POINTWISE, ZYN_OP_CONV};
     int type = kTypes[random.integer(0, 3)];
@@ -342,12 +336,12 @@ TEST(Conv, MissingPiecesAreRefused) {
 }
 
 TEST(Conv, FoldedPreparationReportsMissingArguments) {
-  const zyn_test::Reports fusion_report{"src/cg/cpu/zyn_cg_op_fusion.cpp"};
+  const Reports fusion_report{"src/cg/cpu/zyn_cg_op_fusion.cpp"};
   Layer layer;
   ASSERT_EQ(layer.make(), 0);
   for (zyn_cg_handle* graph : {static_cast<zyn_cg_handle*>(nullptr), layer.net().graph()})
     EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_cg_prepare_conv_bn(graph, graph ? -1 : 0), 1); }),
-              fusion_report(zyn_test::kPara, 301));
+              fusion_report(kPara, 301));
   for (auto* prepare : {zyn_cg_prepare_conv, zyn_cg_prepare_conv_act})
     EXPECT_EQ(printed([&] { EXPECT_EQ(prepare(nullptr, 0), 1); }), "");
 }
@@ -398,7 +392,7 @@ TEST_P(ConvMethod, APreparationThatFailsLeavesANodeThatRefusesToRun) {
 
 TEST_P(ConvMethod, FailingAllocationsAnswerTwoAndTheNextAttemptWorks) {
   for (int type : {3, 4, 5, 12, 13})
-    zyn_test::until_it_succeeds([&](int n, bool lasting) {
+    until_it_succeeds([&](int n, bool lasting) {
       const bool depthwise = type == 4;
       const int k = type == 5 ? 1 : 3;
       Layer layer(conv_param(6, 6, k, 1, k / 2, depthwise ? 6 : 1));
@@ -431,7 +425,7 @@ TEST(Conv, FailingAllocationOfABindingAnswersTwo) {
     ASSERT_EQ(zyn_bind_operator_onto_computation_graph(net.graph(), 0, &desc, nullptr), 0);
     desc.type = type;
     {
-      const zyn_test::FailingAllocations failing(1);
+      const FailingAllocations failing(1);
       EXPECT_EQ(zyn_bind_operator_onto_computation_graph(net.graph(), 1, &desc, &p), 2);
     }
     EXPECT_EQ(net.prepare(), 1);  // no record
@@ -448,11 +442,10 @@ TEST(Conv, FoldedAllocationsAreReported) {
     const std::string text =
         printed([&] { zyn_prepare_inference_computation(layer.net().graph()); });
     Ledger::fail(0, false);
-    EXPECT_EQ(text,
-              zyn_test::report("Allocating memory failure! ", "src/matrix/zyn_tensor.cpp", 53) +
-                  zyn_test::report("Allocating memory error!\n", "src/cg/cpu/zyn_cg_op_fusion.cpp",
-                                   n == 1 ? 371 : 352) +
-                  "failed to prepare inference node:2!!!");
+    EXPECT_EQ(text, report("Allocating memory failure! ", "src/matrix/zyn_tensor.cpp", 53) +
+                        report("Allocating memory error!\n", "src/cg/cpu/zyn_cg_op_fusion.cpp",
+                               n == 1 ? 371 : 352) +
+                        "failed to prepare inference node:2!!!");
   }
 }
 

@@ -11,10 +11,7 @@
 
 namespace {
 
-using zyn_test::Array;
-using zyn_test::conv_param;
-using zyn_test::PageEnd;
-using zyn_test::Random;
+using namespace zyn_test;
 
 zyn_tensor view(float* data, int w, int h, int c) {
   const int32_t dims[3] = {w, h, c};
@@ -27,22 +24,22 @@ zyn_tensor view(float* data, int w, int h, int c) {
 class Planar {
  public:
   Planar(const zyn_conv_param& p, int w, int h) : p_(p), w_(w), h_(h) {
-    ow_ = zyn_test::out_extent(w, p.kernel_h, p.stride_h, p.pad_h, p.dilation_h);
-    oh_ = zyn_test::out_extent(h, p.kernel_w, p.stride_w, p.pad_w, p.dilation_w);
+    ow_ = out_extent(w, p.kernel_h, p.stride_h, p.pad_h, p.dilation_h);
+    oh_ = out_extent(h, p.kernel_w, p.stride_w, p.pad_w, p.dilation_w);
   }
   Planar& out(int ow, int oh) { return ow_ = ow, oh_ = oh, *this; }
   Planar& activation(int code) { return activation_ = code, fused_ = true, *this; }
   Planar& seed(uint64_t s) { return seed_ = s, *this; }
 
   void check() {
-    SCOPED_TRACE(zyn_test::describe(p_, w_, h_) + " seed " + std::to_string(seed_));
+    SCOPED_TRACE(describe(p_, w_, h_) + " seed " + std::to_string(seed_));
     Random random(seed_);
-    Array in({w_, h_, p_.in_channels}), weights({zyn_test::weight_count(p_)});
-    in.v = zyn_test::small_integers(random, in.v.size(), 6);
-    weights.v = zyn_test::small_integers(random, weights.v.size(), 4);
+    Array in({w_, h_, p_.in_channels}), weights({weight_count(p_)});
+    in.v = small_integers(random, in.v.size(), 6);
+    weights.v = small_integers(random, weights.v.size(), 4);
     const size_t channels = static_cast<size_t>(p_.out_channels);
-    const auto bias = zyn_test::small_integers(random, channels, 9);
-    const Array expected = zyn_test::reference_conv(in, weights, p_, false, ow_, oh_);
+    const auto bias = small_integers(random, channels, 9);
+    const Array expected = reference_conv(in, weights, p_, false, ow_, oh_);
     PageEnd<float> input(in.v.size()), constant(weights.v.size()), biases(channels);
     PageEnd<float> output(expected.v.size());
     std::copy(in.v.begin(), in.v.end(), input.data());
@@ -55,8 +52,7 @@ class Planar {
       ASSERT_EQ(run(&to, &from, constant.data(), fused_ ? &epilogue : nullptr), 0u);
       for (size_t i = 0; i < expected.v.size(); i++) {
         const size_t channel = i / static_cast<size_t>(ow_ * oh_);
-        const double y =
-            zyn_test::activate(expected.v[i] + (fused_ ? bias[channel] : 0), activation_);
+        const double y = activate(expected.v[i] + (fused_ ? bias[channel] : 0), activation_);
         ASSERT_NEAR(static_cast<double>(output[i]), y, activation_ > 1 ? std::fabs(y) * 3e-7 : 0)
             << "element " << i << " of " << ow_ << "x" << oh_;
       }
@@ -64,7 +60,7 @@ class Planar {
   }
   uint32_t run(zyn_tensor* to, const zyn_tensor* from, const float* constant,
                const zyn_conv_epilogue* epilogue) const {
-    if (zyn_test::is_depthwise(p_)) return zyn_cg_dwconv_planar(to, from, constant, &p_, epilogue);
+    if (is_depthwise(p_)) return zyn_cg_dwconv_planar(to, from, constant, &p_, epilogue);
     return p_.kernel_h == 1 && p_.kernel_w == 1
                ? zyn_cg_conv1x1_planar(to, from, constant, &p_, epilogue)
                : zyn_cg_conv_planar(to, from, constant, &p_, epilogue);
@@ -106,7 +102,7 @@ TEST(ConvPlanar, PointwiseOverEveryPixelAndChannelRemainder) {
 TEST(ConvPlanar, AnyPaddingStrideAndDilationIsTheStraightforwardConvolution) {
   Random random(11);
   for (int i = 0; i < 1500; i++) {
-    const zyn_test::AnyLayer l = zyn_test::any_layer(random);
+    const AnyLayer l = any_layer(random);
     Planar(l.p, l.w, l.h).seed(random.next()).check();
     if (HasFatalFailure()) return;
   }
@@ -166,9 +162,9 @@ TEST(ConvPlanar, CopiedRowsWithoutMemoryAnswerTwo) {
         std::vector<float> in_data(2 * 9 * 8, 1.0f), out_data(2 * 9 * 8), weights(36, 1.0f);
         const zyn_tensor in = view(in_data.data(), 9, h, 2);
         const int pad = groups == 1 ? 1 : 0;
-        zyn_tensor out = view(out_data.data(), zyn_test::out_extent(9, 3, stride, pad, 1),
-                              zyn_test::out_extent(h, 3, stride, pad, 1), 2);
-        const int64_t needed = zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+        zyn_tensor out = view(out_data.data(), out_extent(9, 3, stride, pad, 1),
+                              out_extent(h, 3, stride, pad, 1), 2);
+        const int64_t needed = for_each_failing_allocation([&](int64_t, bool) {
           const uint32_t code = Planar(p, 9, h).run(&out, &in, weights.data(), nullptr);
           EXPECT_TRUE(code == 0 || code == 2) << code;
           return code == 0;
@@ -190,9 +186,9 @@ TEST(ConvPlanar, PassesOverAFinishedOutput) {
     for (int groups : {1, 3})
       for (int w : {1, 7, 8, 19}) {
         const zyn_conv_param p = conv_param(3, 3, 2, 1, 0, groups);
-        const auto values = zyn_test::small_integers(random, static_cast<size_t>(9 * w), 5);
-        const auto bias = zyn_test::small_integers(random, 3, 5);
-        const size_t weights = static_cast<size_t>(zyn_test::weight_count(p));
+        const auto values = small_integers(random, static_cast<size_t>(9 * w), 5);
+        const auto bias = small_integers(random, 3, 5);
+        const size_t weights = static_cast<size_t>(weight_count(p));
         PageEnd<float> data(values.size()), other(values.size()), constant(weights + 3);
         std::copy(values.begin(), values.end(), data.data());
         std::fill(constant.begin(), constant.end(), 100.0f);
@@ -205,7 +201,7 @@ TEST(ConvPlanar, PassesOverAFinishedOutput) {
         ASSERT_EQ(pass.pass(&in, &in, constant.data(), &p), 0u);
         for (size_t i = 0; i < values.size(); i++) {
           const double sum = values[i] + bias[i / static_cast<size_t>(3 * w)];
-          ASSERT_NEAR(static_cast<double>(other[i]), zyn_test::activate(sum, pass.activation),
+          ASSERT_NEAR(static_cast<double>(other[i]), activate(sum, pass.activation),
                       pass.activation > 1 ? 3e-6 : 0);
           ASSERT_EQ(data[i], other[i]);
         }

@@ -20,8 +20,7 @@
 
 namespace {
 
-using zyn_test::PageEnd;
-using zyn_test::Random;
+using namespace zyn_test;
 using Bytes = std::vector<uint8_t>;
 
 // An image record over planes of its own, each ending at an inaccessible page; the
@@ -205,7 +204,7 @@ int bordered(Picture& source, size_t p, int top, int left, int bytes, int x, int
   const int sx = x - (left >> halving), sy = y - (top >> halving);
   if (sx < 0 || sy < 0 || sx >= image.cols >> halving || sy >= image.rows >> halving)
     return p ? 128 : 0;
-  return zyn_test::plane_of(&image, static_cast<int>(p)).at(sx, sy, b, bytes);
+  return plane_of(&image, static_cast<int>(p)).at(sx, sy, b, bytes);
 }
 
 void check_border(int width, int height, uint32_t format, float ratio, int padding) {
@@ -223,7 +222,7 @@ void check_border(int width, int height, uint32_t format, float ratio, int paddi
   ASSERT_EQ(image->rows, height + m.top + m.bottom);
   const int bytes = format == ZYN_IMAGE_I420 ? 1 : 3;
   for (size_t p = 0; p < source.planes(); p++) {
-    const zyn_test::PlaneView plane = zyn_test::plane_of(image, static_cast<int>(p));
+    const PlaneView plane = plane_of(image, static_cast<int>(p));
     const int halving = p ? 1 : 0;
     for (int y = 0; y < image->rows >> halving; y++)
       for (int x = 0; x < (image->cols >> halving); x++)
@@ -268,9 +267,8 @@ TEST(DetectInput, BorderRefusalsLeaveTheMargins) {
   refused(chroma, [](zyn_image* image) { image->plane1 = nullptr; });
   refused(chroma, [](zyn_image* image) { image->plane2_bytes = 3; });
   // A format that no image has is the creation's to report.
-  EXPECT_EQ(
-      zyn_test::printed([&] { refused(picture, [](zyn_image* image) { image->format = 15; }); }),
-      zyn_test::report("Your input params are wrong!", "src/image/zyn_bmp_codec.cpp", 472));
+  EXPECT_EQ(printed([&] { refused(picture, [](zyn_image* image) { image->format = 15; }); }),
+            report("Your input params are wrong!", "src/image/zyn_bmp_codec.cpp", 472));
   int32_t* const place = &m.top;
   EXPECT_EQ(zyn_create_border_image(nullptr, place, place, place, picture.record(), 1), nullptr);
   EXPECT_EQ(zyn_create_border_image(place, nullptr, place, place, picture.record(), 1), nullptr);
@@ -283,8 +281,8 @@ TEST(DetectInput, BorderRefusalsLeaveTheMargins) {
 TEST(DetectInput, BorderWithoutMemory) {
   for (uint32_t format : {ZYN_IMAGE_BGR, ZYN_IMAGE_I420}) {
     Picture picture(8, 8, format);
-    zyn_test::Capture capture;
-    const int64_t allocations = zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+    Capture capture;
+    const int64_t allocations = for_each_failing_allocation([&](int64_t, bool) {
       Margins m{7, 7, 7, 7};
       zyn_image* image =
           zyn_create_border_image(&m.top, &m.bottom, &m.left, &m.right, picture.record(), 2.0f);
@@ -338,7 +336,7 @@ void check_patch(Picture& target, Picture& source, const Patch& p) {
     const auto& plane = target.plane(i);
     const int halving = i ? 1 : 0;
     const auto stride = [&](const zyn_image& of) {
-      return zyn_test::plane_of(&of, static_cast<int>(i)).stride;
+      return plane_of(&of, static_cast<int>(i)).stride;
     };
     expected.push_back(
         !fits ? Bytes(plane.data(), plane.data() + plane.size())

@@ -18,14 +18,12 @@
 
 namespace {
 
-using zyn_test::kMemory;
-using zyn_test::kPara;
-using zyn_test::printed;
+using namespace zyn_test;
 using Edges = std::vector<std::pair<int32_t, int32_t>>;
 using Ids = std::vector<int32_t>;
 
-constexpr zyn_test::Reports core_report{"src/cg/cpu/zyn_cg_core.cpp"};
-constexpr zyn_test::Reports order_report{"src/cg/cpu/zyn_cg_top_order.cpp"};
+constexpr Reports core_report{"src/cg/cpu/zyn_cg_core.cpp"};
+constexpr Reports order_report{"src/cg/cpu/zyn_cg_top_order.cpp"};
 constexpr const char* kParams = "Params Error!\n";
 constexpr const char* kCycle = "There exists a cycle in the graph";
 constexpr const char* kFloatNotice = "zyn go to cpu backend!";
@@ -153,7 +151,7 @@ TEST(GraphHandle, FailedCreationIsReportedAndLeavesNothing) {
   const uint64_t before = zyn_get_current_memory_size_occupation();
   const int lines[] = {0, 0, 224, 225, 227, 231, 232, 231, 232, 231, 232, 236};  // 0: silent
   const zyn_cg_create_param param = {3, 1, {0, 0}, 0};
-  const int64_t needed = zyn_test::for_each_failing_allocation([&](int64_t n, bool) {
+  const int64_t needed = for_each_failing_allocation([&](int64_t n, bool) {
     zyn_cg_handle* graph = nullptr;
     const std::string text = printed([&] { graph = zyn_create_computation_graph_handle(&param); });
     if (graph) {
@@ -248,7 +246,7 @@ Ids queue_order(const Edges& edges, int32_t count) {
 
 TEST(GraphOrder, RandomGraphsFollowTheQueueAndCyclesAreSaid) {
   for (uint64_t seed = 1; seed <= 200; seed++) {
-    zyn_test::Random random(seed);
+    Random random(seed);
     const int32_t count = random.integer(2, 40);
     Ids label(count);  // hidden order of the ids
     for (size_t i = 0; i < label.size(); i++) {
@@ -282,7 +280,7 @@ std::unique_ptr<Graph> soundly_made(const Edges& edges) {
 }
 
 TEST(GraphOrder, FailedAllocationsLeaveAGraphThatSortsLater) {
-  const int64_t needed = zyn_test::for_each_failing_allocation([](int64_t n, bool) {
+  const int64_t needed = for_each_failing_allocation([](int64_t n, bool) {
     auto graph = soundly_made({{0, 1}, {1, 2}});
     const uint64_t used = zyn_get_current_memory_size_occupation();
     int32_t code = -1;
@@ -359,7 +357,7 @@ TEST(GraphBinding, DataNodesKeepACopyWithoutTheExtraField) {
 }
 
 TEST(GraphBinding, FailedAllocationsKeepTheGraphConsistent) {
-  const int64_t needed = zyn_test::for_each_failing_allocation([](int64_t n, bool) {
+  const int64_t needed = for_each_failing_allocation([](int64_t n, bool) {
     auto graph = soundly_made({{0, 1}});
     {
       SoundMemory sound;
@@ -387,7 +385,7 @@ TEST(GraphBinding, FailedAllocationsKeepTheGraphConsistent) {
 // An edge whose lists cannot grow is not reported; the graph stays usable.
 TEST(GraphEdges, FailedPushesAreIgnored) {
   Graph graph;
-  zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+  for_each_failing_allocation([&](int64_t, bool) {
     const auto id = static_cast<int32_t>(graph.handle->nodes->count);
     EXPECT_EQ(zyn_add_one_edge_into_computation_graph(graph.handle, id % 8, (id + 1) % 8), 0);
     return true;

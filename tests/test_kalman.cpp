@@ -13,15 +13,9 @@
 
 namespace {
 
-using zyn_test::Box;
-using zyn_test::kMemory;
-using zyn_test::kPara;
-using zyn_test::kSupport;
-using zyn_test::Mat;
-using zyn_test::printed;
-using zyn_test::Random;
+using namespace zyn_test;
 
-constexpr zyn_test::Reports tracking_report{"src/tracking/zyn_tracking.cpp"};
+constexpr Reports tracking_report{"src/tracking/zyn_tracking.cpp"};
 
 double element(const zyn_matrix* m, int64_t i) {
   return m->type == ZYN_TYPE_F32 ? static_cast<const float*>(m->data)[i]
@@ -115,7 +109,7 @@ class FilterPair {
   Random random_;
   uint32_t type_;
   zyn_kalman* filter_;
-  zyn_test::KalmanModel<double> model_;
+  KalmanModel<double> model_;
 };
 
 // A track at a box, released at the end.
@@ -216,7 +210,7 @@ TEST(Kalman, FailuresHaveTheReportOfTheirCode) {
   EXPECT_EQ(correct(), tracking_report(kSupport, 473));
   for (zyn_matrix* m : {f->predicted_state, f->transition, f->corrected_state}) m->type = 3;
   EXPECT_EQ(predict(),
-            zyn_test::report("ZYN_RET_ERR_NOT_SUPPORT", "src/matrix/zyn_matrix_basic_l3.cpp", 120) +
+            report("ZYN_RET_ERR_NOT_SUPPORT", "src/matrix/zyn_matrix_basic_l3.cpp", 120) +
                 tracking_report(kSupport, 300));
 
   // On purpose: a singular matrix has no report of its own.
@@ -231,7 +225,7 @@ TEST(Kalman, FailuresHaveTheReportOfTheirCode) {
 // many there are.
 template <typename Create, typename Release>
 int64_t without_memory(Create create, Release release, const std::string& last) {
-  return zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+  return for_each_failing_allocation([&](int64_t, bool) {
     auto* made = decltype(create()){};
     const std::string text = printed([&] { made = create(); });
     if (made) return release(&made) == 0;

@@ -7,7 +7,7 @@
 
 namespace {
 
-using zyn_test::Array;
+using namespace zyn_test;
 using Node = LandmarkNetwork::Node;
 
 Array evaluate(const LandmarkNetwork& net, const Node& node, const std::vector<Array>& values) {
@@ -15,31 +15,31 @@ Array evaluate(const LandmarkNetwork& net, const Node& node, const std::vector<A
   Array constant;
   for (int from : node.from) {
     const Node& source = net.nodes()[from];
-    if (source.type == ZYN_OP_CONSTANT) constant = zyn_test::Net::read(source.data);
+    if (source.type == ZYN_OP_CONSTANT) constant = Net::read(source.data);
   }
   switch (node.type) {
     case ZYN_OP_ADD:
-      return zyn_test::reference_add(in, values[node.from[1]]);
+      return reference_add(in, values[node.from[1]]);
     case ZYN_OP_AVERAGE_POOL:
-      return zyn_test::reference_pool(in, node.record.pool, false);
+      return reference_pool(in, node.record.pool, false);
     case ZYN_OP_CONCAT: {
       std::vector<const Array*> parts;
       for (int from : node.from) parts.push_back(&values[from]);
-      return zyn_test::reference_concat(parts, 2);
+      return reference_concat(parts, 2);
     }
     case ZYN_OP_RESHAPE:
-      return zyn_test::reference_reshape(in, {in.c(), 1});
+      return reference_reshape(in, {in.c(), 1});
     case ZYN_OP_LINEAR:
-      return zyn_test::reference_linear(in, constant, node.record.linear);
+      return reference_linear(in, constant, node.record.linear);
     default:
-      return zyn_test::reference_conv_act(in, constant, node.record.conv);
+      return reference_conv_act(in, constant, node.record.conv);
   }
 }
 
 TEST(Landmarks, EveryNodeOfTheExampleNetworkIsRight) {
   for (int divisor : {1, 4}) {
     LandmarkNetwork net(5, divisor);
-    const std::string text = zyn_test::printed([&] { ASSERT_EQ(net.build(), 0); });
+    const std::string text = printed([&] { ASSERT_EQ(net.build(), 0); });
     Array image({112, 112, 3});
     for (size_t i = 0; i < image.v.size(); i++) {
       const float value = static_cast<float>(i * 2654435761u % 256) / 255.0f;
@@ -56,7 +56,7 @@ TEST(Landmarks, EveryNodeOfTheExampleNetworkIsRight) {
         continue;
       }
       values.push_back(evaluate(net, node, values));
-      ASSERT_TRUE(zyn_test::agrees(zyn_test::Net::read(net.output(id)), values.back(), 5e-6))
+      ASSERT_TRUE(agrees(Net::read(net.output(id)), values.back(), 5e-6))
           << "node " << id << " of type " << node.type;
     }
   }

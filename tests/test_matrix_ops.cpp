@@ -14,10 +14,7 @@
 
 namespace {
 
-using zyn_test::Matrix;
-using zyn_test::printed;
-using zyn_test::Random;
-using zyn_test::report;
+using namespace zyn_test;
 
 template <typename T>
 class Product {
@@ -116,7 +113,7 @@ TYPED_TEST(MatrixOps, LargeProducts) {
 
 TYPED_TEST(MatrixOps, ProductsAboveTheLimitArePackedAndDoWithoutMemory) {
   const auto allocations = [](int m, int k) {
-    return zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+    return for_each_failing_allocation([&](int64_t, bool) {
       Product<TypeParam>().size(m, 2, k).factors(2, 0).check();
       return true;
     });

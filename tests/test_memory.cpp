@@ -12,6 +12,8 @@
 
 namespace {
 
+using namespace zyn_test;
+
 uint64_t in_use() { return zyn_get_current_memory_size_occupation(); }
 
 TEST(Memory, BlocksAreAlignedCountedAndCarryTheirHeader) {
@@ -67,7 +69,7 @@ TEST(Memory, GrowingKeepsContentAndNeverShrinks) {
   EXPECT_EQ(zyn_grow(block, -1), block);
   EXPECT_EQ(in_use(), before);
   {
-    zyn_test::FailingAllocations failing(1);
+    FailingAllocations failing(1);
     EXPECT_EQ(zyn_grow(block, 65), nullptr);
   }
   EXPECT_EQ(in_use(), before);
@@ -87,7 +89,7 @@ TEST(Array, RoomDoublesFromEightAndAFailedPushChangesNothing) {
   for (int i = 0; i < 100; i++) {
     if (array->count == array->capacity) {
       const zyn_darray copy = *array;
-      zyn_test::FailingAllocations failing(1);
+      FailingAllocations failing(1);
       EXPECT_EQ(zyn_darray_push(array, element), 2);
       EXPECT_EQ(memcmp(&copy, array, sizeof(copy)), 0);
     }
@@ -101,7 +103,7 @@ TEST(Array, RoomDoublesFromEightAndAFailedPushChangesNothing) {
   EXPECT_EQ(zyn_release_darray(&array), 1);
   EXPECT_EQ(zyn_release_darray(nullptr), 1);
   EXPECT_EQ(zyn_create_darray(nullptr), nullptr);
-  zyn_test::FailingAllocations failing(1);
+  FailingAllocations failing(1);
   EXPECT_EQ(zyn_create_darray(&type), nullptr);
 }
 

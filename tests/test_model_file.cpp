@@ -14,8 +14,7 @@
 
 namespace {
 
-using zyn_test::PageEnd;
-using zyn_test::printed;
+using namespace zyn_test;
 
 std::string digest_of(const std::string& text, size_t piece) {
   zyn_md5_ctx ctx;
@@ -64,7 +63,7 @@ TEST(Md5, PublishedVectorsAndLengthsAroundTheBlockInAnyPieces) {
 
 // A file that is written from its parts and removed again.
 struct File {
-  File(const std::string& name, const std::string& content) : path(zyn_test::temp_path(name)) {
+  File(const std::string& name, const std::string& content) : path(temp_path(name)) {
     FILE* file = zyn_platform_open(path.c_str(), "wb");
     EXPECT_NE(file, nullptr) << path;
     fwrite(content.data(), 1, content.size(), file);
@@ -201,7 +200,7 @@ TEST(ModelFile, FailedAllocationsLeaveNothing) {
   const std::string content = some_words(80);
   const File file("model", content + digest_of(content, 64));
   const uint64_t before = zyn_get_current_memory_size_occupation();
-  const int64_t needed = zyn_test::for_each_failing_allocation([&](int64_t n, bool) {
+  const int64_t needed = for_each_failing_allocation([&](int64_t n, bool) {
     uint8_t buffer[80];
     const Load result = load(file.path, 20, buffer);
     EXPECT_EQ(zyn_get_current_memory_size_occupation(), before);

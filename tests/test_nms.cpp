@@ -15,8 +15,7 @@
 
 namespace {
 
-using zyn_test::PageEnd;
-using zyn_test::Random;
+using namespace zyn_test;
 using Boxes = std::vector<zyn_detection>;
 
 constexpr float kInf = std::numeric_limits<float>::infinity();
@@ -193,7 +192,7 @@ TEST(Nms, NothingToDo) {
 
 TEST(Nms, WithoutMemoryNothingIsWritten) {
   const zyn_detection boxes[3] = {{0, 0, 1, 1, 0.5f}, {0, 0, 1, 1, 0.9f}, {5, 5, 6, 6, 0.1f}};
-  const int64_t allocations = zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+  const int64_t allocations = for_each_failing_allocation([&](int64_t, bool) {
     zyn_detection out[3] = {};
     const int32_t n = zyn_ssd_nms(out, boxes, 3, 0.5f);
     EXPECT_EQ(out[0].score, n ? 0.9f : 0.0f);

@@ -9,16 +9,7 @@
 #include "support/model.h"
 #include "support/reference.h"
 
-using zyn_test::agrees;
-using zyn_test::Array;
-using zyn_test::kOperatorTypes;
-using zyn_test::Model;
-using zyn_test::Net;
-using zyn_test::PageEnd;
-using zyn_test::printed;
-using zyn_test::Random;
-using zyn_test::random_array;
-using zyn_test::report;
+using namespace zyn_test;
 
 namespace {
 
@@ -82,8 +73,7 @@ TEST(Ops, PoolingOfLongRowsAndWideWindowsAndLessThanAWindow) {
       Net net;
       const int id = net.op(max ? ZYN_OP_MAX_POOL : ZYN_OP_AVERAGE_POOL, c.p, {net.input(in)});
       ASSERT_EQ(net.go(), 0);
-      EXPECT_TRUE(agrees(net.output(id), zyn_test::reference_pool(in, c.p, max), 2e-6))
-          << c.p.kernel_h;
+      EXPECT_TRUE(agrees(net.output(id), reference_pool(in, c.p, max), 2e-6)) << c.p.kernel_h;
     }
   const Array quad({2, 2, 1});
   for (zyn_pool_param bad : {zyn_pool_param{0, 2, 2, 2, 0}, zyn_pool_param{2, 0, 2, 2, 0},
@@ -234,7 +224,7 @@ TEST(Ops, ActivationsAtTheirEnds) {
     const Array got = net.output(id);
     for (size_t i = 0; i < in.v.size(); i++) {
       const double x = static_cast<double>(static_cast<float>(in.v[i]));
-      Array one = zyn_test::reference_activation(list({x}), type);
+      Array one = reference_activation(list({x}), type);
       if (type == ZYN_OP_MISH && x == -inf) one.v[0] = 0;
       if (std::isnan(x)) one.v[0] = NAN;
       if (std::isnan(one.v[0]))

@@ -2,9 +2,7 @@
 // the formulas in double precision, with inputs in every channel order.
 #include "support/model.h"
 
-using zyn_test::kConvTypes;
-using zyn_test::kOperatorTypes;
-using zyn_test::Model;
+using namespace zyn_test;
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 namespace {
 
-using zyn_test::Random;
+using namespace zyn_test;
 using real = long double;
 
 struct vec {
@@ -136,7 +136,7 @@ Pose random_view(Random& random, View* view) {
 
 TEST(Pose, RandomViews) {
   Random random(1);
-  const int cases = zyn_test::soak(20000, 1000000);
+  const int cases = soak(20000, 1000000);
   int missed = 0;
   for (int i = 0; i < cases; i++) {
     View view;
@@ -195,7 +195,7 @@ TEST(Pose, PointsOnAGrid) {
 
 TEST(Pose, DegenerateViews) {
   Random random(2);
-  const int cases = zyn_test::soak(10000, 100000);
+  const int cases = soak(10000, 100000);
   for (int i = 0; i < cases; i++) {
     View view;
     random_view(random, &view);

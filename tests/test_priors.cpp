@@ -13,8 +13,7 @@
 
 namespace {
 
-using zyn_test::PageEnd;
-using zyn_test::Random;
+using namespace zyn_test;
 
 struct Input {
   uint32_t width, height;
@@ -87,12 +86,10 @@ TEST(Priors, SizesWithoutAPixelDoNotFault) {
 TEST(Priors, WithoutMemoryForTheDataTheHeaderIsLostOnPurpose) {
   for (int n : {1, 2}) {
     const uint64_t before = zyn_get_current_memory_size_occupation();
-    zyn_test::Ledger ledger;
-    zyn_test::Ledger::fail(n, false);
-    const std::string text =
-        zyn_test::printed([] { EXPECT_EQ(zyn_generate_priors(96, 128, 0), nullptr); });
-    EXPECT_EQ(text,
-              zyn_test::report(zyn_test::kMemory, "src/matrix/zyn_tensor.cpp", n == 1 ? 53 : 123));
+    Ledger ledger;
+    Ledger::fail(n, false);
+    const std::string text = printed([] { EXPECT_EQ(zyn_generate_priors(96, 128, 0), nullptr); });
+    EXPECT_EQ(text, report(kMemory, "src/matrix/zyn_tensor.cpp", n == 1 ? 53 : 123));
     EXPECT_EQ(zyn_get_current_memory_size_occupation() - before, n == 1 ? 0 : sizeof(zyn_tensor));
   }
 }

@@ -11,9 +11,7 @@
 
 namespace {
 
-using zyn_test::Matrix;
-using zyn_test::printed;
-using zyn_test::Random;
+using namespace zyn_test;
 
 constexpr char kSingular[] = "\nIt's not a full rank matrix\n";
 
@@ -44,7 +42,7 @@ double relative_residual(const Matrix<T>& a, const Matrix<T>& x, const Matrix<T>
 TYPED_TEST(Solve, ResidualsStayAtRoundingLevel) {
   Random random(11);
   double worst = 0;
-  const int cases = zyn_test::soak(4000, 100000);
+  const int cases = soak(4000, 100000);
   for (int i = 0; i < cases; i++) {
     const int n = random.integer(1, 12), columns = random.integer(1, 11);
     Matrix<TypeParam> a(n, n), x(n, columns), b(n, columns);
@@ -118,9 +116,8 @@ TEST(SolveContracts, Refusals) {
   zyn_set_matrix_header(&m, 2, 2, 1, 0);
   silent(&m, &m, &m);
   m.data = bytes;
-  EXPECT_EQ(
-      printed([&] { EXPECT_EQ(zyn_solve_linear(&m, &m, &m), 4); }),
-      zyn_test::report("Current version can not support!", "src/matrix/zyn_solve_linear.cpp", 69));
+  EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_solve_linear(&m, &m, &m), 4); }),
+            report("Current version can not support!", "src/matrix/zyn_solve_linear.cpp", 69));
 }
 
 }  // namespace

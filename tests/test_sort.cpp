@@ -15,17 +15,12 @@
 
 namespace {
 
-using zyn_test::Box;
-using zyn_test::kMemory;
-using zyn_test::kPara;
-using zyn_test::printed;
-using zyn_test::Random;
-using zyn_test::TrackModel;
+using namespace zyn_test;
 
 using Bytes = std::vector<uint8_t>;
 using Boxes = std::vector<zyn_detection>;
 
-constexpr zyn_test::Reports tracking_report{"src/tracking/zyn_tracking.cpp"};
+constexpr Reports tracking_report{"src/tracking/zyn_tracking.cpp"};
 
 Box box_of(const zyn_detection& d) { return {{d.x1, d.y1, d.x2, d.y2}}; }
 
@@ -316,7 +311,7 @@ class Scene {
     return {x, y, x + fmaxf(b.v[2] - b.v[0] + jitter(), 3),
             y + fmaxf(b.v[3] - b.v[1] + jitter(), 3), random_.real(0, 1)};
   }
-  zyn_test::FailingAllocations dirty_{0};
+  FailingAllocations dirty_{0};
   Random random_;
   int payload_;
   Sort sort_;
@@ -324,7 +319,7 @@ class Scene {
 };
 
 TEST(Sort, FollowsTheModelOverRandomFrames) {
-  const int frames = zyn_test::soak(10000, 100000);
+  const int frames = soak(10000, 100000);
   const struct {
     int max_age, min_hits, payload;
     uint64_t first_id;  // the last ones wrap to zero, in the second variant alone
@@ -344,7 +339,7 @@ TEST(Sort, FollowsTheModelOverRandomFrames) {
 }
 
 TEST(Sort, FollowsTheModelThroughGrowth) {
-  for (uint64_t seed = 100; seed < static_cast<uint64_t>(zyn_test::soak(106, 200)); seed++) {
+  for (uint64_t seed = 100; seed < static_cast<uint64_t>(soak(106, 200)); seed++) {
     SCOPED_TRACE(seed);
     Scene scene(seed, 2, 1, 5, 0);
     for (int newcomers : {100, 60, 90, 40, 30, 0, 0})
@@ -553,7 +548,7 @@ TEST(Sort, AnyFloatsAreTaken) {
 }
 
 TEST(Sort, EveryAllocationMayFail) {
-  using zyn_test::for_each_failing_allocation;
+  using for_each_failing_allocation;
   const zyn_sort_param param{1, 1, 0.3f, 6};
   EXPECT_EQ(for_each_failing_allocation([&](int64_t, bool) {
               zyn_sort_handle* handle = nullptr;
@@ -585,7 +580,7 @@ TEST(Sort, EveryAllocationOfAnUpdateMayFail) {
     // 128 tracks: the next one needs room first. What a failure leaves is used further.
     Sort sorts[2] = {Sort(1, 1, 6), Sort(1, 1, 6)};
     for (Sort& sort : sorts) ASSERT_EQ(sort.add_ids(128), 0);
-    zyn_test::for_each_failing_allocation([&](int64_t, bool persistent) {
+    for_each_failing_allocation([&](int64_t, bool persistent) {
       Sort& sort = sorts[persistent];
       int32_t code = 0;
       const std::string text = printed([&] {

@@ -18,8 +18,7 @@ namespace {
 
 using ssd320::Detector;
 using ssd320::Tensor;
-using zyn_test::Array;
-using zyn_test::Net;
+using namespace zyn_test;
 
 constexpr uint32_t kMethods[] = {0, 1, 2};
 
@@ -84,7 +83,7 @@ void check_photo(Detector* detector, const std::string& photo) {
 }
 
 TEST(Ssd320, OutputsAndFacesFromTheGivenInput) {
-  const std::string folder = zyn_test::model_dir();
+  const std::string folder = model_dir();
   if (folder.empty()) return;
   for (uint32_t method : kMethods) {
     SCOPED_TRACE("method " + std::to_string(method));
@@ -119,10 +118,10 @@ struct PlainDetector {
     const ssd320::Block* block = ssd320::kBlocks;
     for (const ssd320::Convolution& c : ssd320::convolutions()) {
       const bool spatial = c.kernel == 3;  // each block has one such convolution
-      zyn_conv_param p = zyn_test::conv_param(
-          static_cast<int>(c.in_channels), static_cast<int>(c.out_channels),
-          static_cast<int>(c.kernel), spatial ? static_cast<int>((block++)->stride) : 1,
-          spatial ? 1 : 0, static_cast<int>(c.groups));
+      zyn_conv_param p =
+          conv_param(static_cast<int>(c.in_channels), static_cast<int>(c.out_channels),
+                     static_cast<int>(c.kernel), spatial ? static_cast<int>((block++)->stride) : 1,
+                     spatial ? 1 : 0, static_cast<int>(c.groups));
       p.bias = c.normalised ? 0 : 1;
       const int type = !spatial       ? ZYN_OP_CONV_POINTWISE
                        : c.groups > 1 ? ZYN_OP_CONV_DEPTHWISE
@@ -175,7 +174,7 @@ struct PlainDetector {
 };
 
 TEST(Ssd320, PlainNodesGiveTheSameOutputsInOneTensorEach) {
-  const std::string folder = zyn_test::model_dir();
+  const std::string folder = model_dir();
   if (folder.empty()) return;
   std::vector<float> words(264732);
   ASSERT_EQ(zyn_cg_load_model(words.data(), static_cast<int32_t>(words.size()),

@@ -12,13 +12,10 @@
 
 namespace {
 
-using zyn_test::kMemory;
-using zyn_test::kPara;
-using zyn_test::Ledger;
-using zyn_test::printed;
+using namespace zyn_test;
 
-constexpr zyn_test::Reports tensor_report{"src/matrix/zyn_tensor.cpp"};
-constexpr zyn_test::Reports matrix_report{"src/matrix/zyn_matrix_core.cpp"};
+constexpr Reports tensor_report{"src/matrix/zyn_tensor.cpp"};
+constexpr Reports matrix_report{"src/matrix/zyn_matrix_core.cpp"};
 constexpr const char* kLength = "Data length is not enough!";
 constexpr const char* kParameters = "parameters error!";
 
@@ -236,7 +233,7 @@ TEST(Matrix, DataOfTheCallerStayTheCallers) {
 
 TEST(Matrix, FailedAllocationsLeaveNothing) {
   const uint64_t before = zyn_get_current_memory_size_occupation();
-  zyn_test::for_each_failing_allocation([&](int64_t n, bool) {
+  for_each_failing_allocation([&](int64_t n, bool) {
     zyn_matrix* m = nullptr;
     const std::string text = printed([&] { m = zyn_create_matrix(2, 3, 1, 6); });
     EXPECT_EQ(text, n == 1   ? matrix_report("memory error!", 48)

@@ -12,8 +12,7 @@
 
 namespace {
 
-using zyn_test::PageEnd;
-using zyn_test::Random;
+using namespace zyn_test;
 
 // A tensor over a page-end buffer of its own.
 struct Tensor {
