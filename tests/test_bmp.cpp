@@ -284,11 +284,11 @@ TEST(BmpReader, FilesThatAreNoBmp) {
                             {'B', 'M'}};
   for (const Bytes& content : contents)
     EXPECT_EQ(printed([&] { EXPECT_FALSE(read(content, 0)); }), "");
-  EXPECT_EQ(printed([] { EXPECT_EQ(zyn_create_image_from_file(nullptr, 0), nullptr); }),
-            codec_report("file name is null!", 667));
+  EXPECT_SAYS(zyn_create_image_from_file(nullptr, 0), nullptr,
+              codec_report("file name is null!", 667));
   for (const std::string& name : {temp_path("missing/none.bmp"), temp_path("")})
-    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_create_image_from_file(name.c_str(), 0), nullptr); }),
-              "file name is " + name + "\n" + codec_report("open file error!", 682));
+    EXPECT_SAYS(zyn_create_image_from_file(name.c_str(), 0), nullptr,
+                "file name is " + name + "\n" + codec_report("open file error!", 682));
 }
 
 TEST(BmpReader, FailsCleanlyAtEveryAllocation) {

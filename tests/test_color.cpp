@@ -250,8 +250,7 @@ TEST(Color, ThreePlanesWithoutPlanePointers) {
 TEST(Color, Refusals) {
   const auto refused = [](zyn_image* to, zyn_image* from, uint32_t code, const char* message,
                           int line) {
-    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_image_color_space_convert(to, from, code), 1); }),
-              report(message, kPath, line));
+    EXPECT_SAYS(zyn_image_color_space_convert(to, from, code), 1, report(message, kPath, line));
   };
   const char* const planes = "Color space parameters error!";
   const struct {
@@ -286,10 +285,7 @@ TEST(Color, Refusals) {
   refused(image.get(), three.get(), 22, planes, 202);
   for (uint32_t code :
        {1u, 4u, 5u, 6u, 7u, 10u, 11u, 12u, 15u, 16u, 17u, 18u, 19u, 20u, 23u, 1000u})
-    EXPECT_EQ(printed([&] {
-                EXPECT_EQ(zyn_image_color_space_convert(image.get(), image.get(), code), 4) << code;
-              }),
-              "");
+    EXPECT_SAYS(zyn_image_color_space_convert(image.get(), image.get(), code), 4, "") << code;
 }
 
 }  // namespace

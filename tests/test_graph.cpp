@@ -28,10 +28,6 @@ constexpr const char* kParams = "Params Error!\n";
 constexpr const char* kCycle = "There exists a cycle in the graph";
 constexpr const char* kFloatNotice = "zyn go to cpu backend!";
 
-std::string repeated(int count, const std::string& text) {
-  return count ? text + repeated(count - 1, text) : "";
-}
-
 // The fake operator, type 6: every routine logs its letter and node; the codes with
 // which nodes fail are set by the tests.
 constexpr int32_t kFake = 6;
@@ -142,8 +138,7 @@ TEST(GraphHandle, DefaultsSettingsAndNotices) {
   }
   for (int32_t none : {0, -1, INT32_MIN}) {
     const zyn_cg_create_param param = {none, 1, {0, 0}, 0};
-    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_create_computation_graph_handle(&param), nullptr); }),
-              core_report(kMemory, 224));
+    EXPECT_SAYS(zyn_create_computation_graph_handle(&param), nullptr, core_report(kMemory, 224));
   }
 }
 
@@ -198,21 +193,18 @@ TEST(GraphEdges, NodesEnterInOrderOfAppearance) {
 TEST(GraphEdges, IdsOutOfRangeStayNodes) {
   Graph graph({{0, 1}});
   zyn_cg_handle* h = graph.handle;
-  EXPECT_EQ(printed([&] {
-              EXPECT_EQ(zyn_add_one_edge_into_computation_graph(h, 1, 8), 1);
-              EXPECT_EQ(zyn_add_one_edge_into_computation_graph(h, INT32_MAX, 0), 1);
-            }),
-            "");
+  const auto refused = [](zyn_cg_handle* of, int32_t from, int32_t to, const std::string& text) {
+    EXPECT_SAYS(zyn_add_one_edge_into_computation_graph(of, from, to), 1, text);
+  };
+  refused(h, 1, 8, "");
+  refused(h, INT32_MAX, 0, "");
   EXPECT_EQ(graph.nodes(), (Ids{0, 1, 8, INT32_MAX}));
   EXPECT_EQ(zyn_cg_inputs(h, 0)->count, 0);
-  EXPECT_EQ(printed([&] {
-              EXPECT_EQ(zyn_add_one_edge_into_computation_graph(nullptr, 0, 1), 1);
-              EXPECT_EQ(zyn_add_one_edge_into_computation_graph(h, -1, 1), 1);
-              EXPECT_EQ(zyn_add_one_edge_into_computation_graph(h, 1, -1), 1);
-            }),
-            repeated(3, core_report(kPara, 535)));
+  refused(nullptr, 0, 1, core_report(kPara, 535));
+  refused(h, -1, 1, core_report(kPara, 535));
+  refused(h, 1, -1, core_report(kPara, 535));
   EXPECT_EQ(graph.nodes().size(), 4u);
-  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.sort(), 32); }), order_report(kCycle, 108));
+  EXPECT_SAYS(graph.sort(), 32, order_report(kCycle, 108));
 }
 
 TEST(GraphOrder, CyclesAndGapsAreRefused) {
@@ -222,13 +214,12 @@ TEST(GraphOrder, CyclesAndGapsAreRefused) {
                          {{0, 7}, {7, 1}}};  // 0, 1 and 7
   for (const Edges& edges : cases) {
     Graph graph(edges);
-    EXPECT_EQ(printed([&] { EXPECT_EQ(graph.sort(), 32); }), order_report(kCycle, 108));
+    EXPECT_SAYS(graph.sort(), 32, order_report(kCycle, 108));
   }
   Graph cycle({{0, 1}, {1, 2}, {2, 1}});
   printed([&] { cycle.sort(); });
   EXPECT_EQ(cycle.order(), (Ids{0, 0, 0}));  // what was dequeued, the rest as it was
-  EXPECT_EQ(printed([] { EXPECT_EQ(zyn_computation_graph_topo_sort(nullptr), 1); }),
-            order_report(kPara, 59));
+  EXPECT_SAYS(zyn_computation_graph_topo_sort(nullptr), 1, order_report(kPara, 59));
   EXPECT_EQ(Graph().sort(), 0);
 }
 
@@ -265,7 +256,7 @@ TEST(GraphOrder, RandomGraphsFollowTheQueueAndCyclesAreSaid) {
     }
     // The last edge back closes a cycle.
     zyn_add_one_edge_into_computation_graph(graph.handle, edges.back().second, edges.back().first);
-    EXPECT_EQ(printed([&] { EXPECT_EQ(graph.sort(), 32); }), order_report(kCycle, 108)) << seed;
+    EXPECT_SAYS(graph.sort(), 32, order_report(kCycle, 108)) << seed;
   }
 }
 
@@ -290,7 +281,7 @@ TEST(GraphOrder, FailedAllocationsLeaveAGraphThatSortsLater) {
       EXPECT_EQ(code, 2);
       EXPECT_EQ(text, n == 2 ? order_report(kMemory, 126) : "");
       EXPECT_EQ(zyn_get_current_memory_size_occupation(), used);
-      EXPECT_EQ(printed([&] { EXPECT_EQ(graph->bind(0), 1); }), core_report(kParams, 680));
+      EXPECT_SAYS(graph->bind(0), 1, core_report(kParams, 680));
     }
     EXPECT_EQ(graph->sort(), 0);
     EXPECT_EQ(graph->order(), (Ids{0, 1, 2}));
@@ -304,24 +295,18 @@ TEST(GraphBinding, RefusalsAreReported) {
   Graph graph({{0, 1}, {1, 2}});
   zyn_cg_handle* h = graph.handle;
   const zyn_cg_node_desc desc = {kFake, nullptr, 0, nullptr, 0};
-  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.bind(0), 1); }), core_report(kParams, 680));  // no sort
+  EXPECT_SAYS(graph.bind(0), 1, core_report(kParams, 680));  // no sort
   EXPECT_EQ(graph.sort(), 0);
-  EXPECT_EQ(printed([&] {
-              EXPECT_EQ(zyn_bind_operator_onto_computation_graph(nullptr, 0, &desc, nullptr), 1);
-              EXPECT_EQ(zyn_bind_operator_onto_computation_graph(h, 0, nullptr, nullptr), 1);
-              EXPECT_EQ(graph.bind(0, 41), 1);
-              EXPECT_EQ(graph.bind(0, -1), 1);
-            }),
-            repeated(4, core_report(kParams, 675)));
-  EXPECT_EQ(printed([&] {
-              for (int32_t id : {3, -1, 8, INT32_MAX}) EXPECT_EQ(graph.bind(id), 1) << id;
-              EXPECT_EQ(Graph().bind(0), 1);  // no nodes at all
-            }),
-            repeated(5, core_report(kParams, 680)));
+  const std::string params = core_report(kParams, 675), node = core_report(kParams, 680);
+  EXPECT_SAYS(zyn_bind_operator_onto_computation_graph(nullptr, 0, &desc, nullptr), 1, params);
+  EXPECT_SAYS(zyn_bind_operator_onto_computation_graph(h, 0, nullptr, nullptr), 1, params);
+  for (int32_t type : {41, -1}) EXPECT_SAYS(graph.bind(0, type), 1, params);
+  for (int32_t id : {3, -1, 8, INT32_MAX}) EXPECT_SAYS(graph.bind(id), 1, node) << id;
+  EXPECT_SAYS(Graph().bind(0), 1, node);  // no nodes at all
   EXPECT_EQ(graph.bind(1), 0);
   const std::string twice =
       core_report("Params Error!", 684) + "the 1 th node operator has been bound!\n";
-  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.bind(1), 1); }), twice);
+  EXPECT_SAYS(graph.bind(1), 1, twice);
   // A bind routine that fails leaves its node bound, without a record.
   graph.fails('b', 2, 77);
   EXPECT_EQ(graph.bind(2), 77);
@@ -348,7 +333,7 @@ TEST(GraphBinding, DataNodesKeepACopyWithoutTheExtraField) {
     EXPECT_EQ(record->extra, nullptr);
     EXPECT_EQ(record->word_b, 22u);
     EXPECT_EQ(zyn_cg_producer_tensor(graph.handle, type), type == 1 ? nullptr : &tensor);
-    EXPECT_EQ(printed([&] { EXPECT_EQ(graph.output(type), nullptr); }), "");
+    EXPECT_SAYS(graph.output(type), nullptr, "");
   }
   EXPECT_EQ(graph.bind(3, 1), 0);
   EXPECT_EQ(graph.prepare(), 0);
@@ -410,11 +395,10 @@ TEST(GraphDriver, EveryStepFollowsTheOrder) {
 TEST(GraphDriver, AFailingNodeStopsTheWalk) {
   Graph graph({{2, 1}, {1, 0}});
   graph.ready().fails('p', 1, 5);
-  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.prepare(), 5); }),
-            "failed to prepare inference node:1!!!");
+  EXPECT_SAYS(graph.prepare(), 5, "failed to prepare inference node:1!!!");
   EXPECT_EQ(graph.handle->prepared, 0u);
   graph.fails('r', 1, 300);
-  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.run(), 300); }), "failed to inference: 1!!!");
+  EXPECT_SAYS(graph.run(), 300, "failed to inference: 1!!!");
   EXPECT_EQ(calls, "p2 p1 r2 r1 ");
 }
 
@@ -431,11 +415,8 @@ TEST(GraphDriver, AFailingReleaseLeavesTheLaterRecords) {
 }
 
 TEST(GraphDriver, GraphsThatAreNotReadyAreRefused) {
-  EXPECT_EQ(printed([] {
-              EXPECT_EQ(zyn_prepare_inference_computation(nullptr), 1);
-              EXPECT_EQ(zyn_computation_graph_inference(nullptr), 1);
-            }),
-            core_report(kParams, 701) + core_report(kParams, 741));
+  EXPECT_SAYS(zyn_prepare_inference_computation(nullptr), 1, core_report(kParams, 701));
+  EXPECT_SAYS(zyn_computation_graph_inference(nullptr), 1, core_report(kParams, 741));
   Graph empty;
   EXPECT_EQ(empty.prepare(), 0);
   EXPECT_EQ(empty.handle->prepared, 1u);
@@ -449,7 +430,7 @@ TEST(GraphDriver, GraphsThatAreNotReadyAreRefused) {
   graph.bind(0);
   graph.bind(2);
   graph.handle->prepared = 0;
-  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.prepare(), 1); }), "");
+  EXPECT_SAYS(graph.prepare(), 1, "");
   EXPECT_EQ(graph.handle->prepared, 1u);  // as the unbound node leaves it
   EXPECT_EQ(graph.run(), 0);
   EXPECT_EQ(calls, "b0 b2 p0 r0 r2 ");
@@ -458,7 +439,7 @@ TEST(GraphDriver, GraphsThatAreNotReadyAreRefused) {
   EXPECT_EQ(zyn_add_one_edge_into_computation_graph(graph.handle, 2, 3), 0);
   EXPECT_EQ(graph.prepare(), 1);
   EXPECT_EQ(graph.sort(), 0);
-  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.bind(3), 1); }), core_report(kParams, 680));
+  EXPECT_SAYS(graph.bind(3), 1, core_report(kParams, 680));
   EXPECT_EQ(graph.prepare(), 1);
   EXPECT_EQ(graph.run(), 0);
 }
@@ -466,25 +447,21 @@ TEST(GraphDriver, GraphsThatAreNotReadyAreRefused) {
 TEST(GraphOutput, OnlyBoundOperatorsHaveOne) {
   Graph graph({{0, 1}, {1, 2}});
   zyn_tensor tensor{};
-  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.output(0), nullptr); }), core_report(kParams, 810));
+  EXPECT_SAYS(graph.output(0), nullptr, core_report(kParams, 810));
   EXPECT_EQ(graph.sort(), 0);
   EXPECT_EQ(graph.bind(0, 1), 0);
   EXPECT_EQ(graph.bind(1, kFake, &tensor), 0);
   EXPECT_EQ(graph.output(1), &tensor);
   EXPECT_EQ(zyn_cg_producer_tensor(graph.handle, 1), &tensor);
   EXPECT_EQ(zyn_cg_producer_tensor(graph.handle, 2), nullptr);
-  EXPECT_EQ(printed([&] {
-              EXPECT_EQ(zyn_get_computation_node_inference_data(nullptr, 0), nullptr);
-              EXPECT_EQ(graph.output(-1), nullptr);
-              EXPECT_EQ(graph.output(4), nullptr);
-              EXPECT_EQ(graph.output(2), nullptr);  // unbound
-              EXPECT_EQ(graph.output(3), nullptr);  // one past the last: the spare record
-            }),
-            core_report(kParams, 797) + repeated(2, core_report(kParams, 804)) +
-                repeated(2, core_report(kParams, 810)));
-  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.output(0), nullptr); }), "");  // no output slot
+  EXPECT_SAYS(zyn_get_computation_node_inference_data(nullptr, 0), nullptr,
+              core_report(kParams, 797));
+  for (int32_t id : {-1, 4}) EXPECT_SAYS(graph.output(id), nullptr, core_report(kParams, 804));
+  // Unbound, and one past the last: the spare record.
+  for (int32_t id : {2, 3}) EXPECT_SAYS(graph.output(id), nullptr, core_report(kParams, 810));
+  EXPECT_SAYS(graph.output(0), nullptr, "");  // no output slot
   graph.handle->bound[1] = 0;
-  EXPECT_EQ(printed([&] { EXPECT_EQ(graph.output(1), nullptr); }), "");  // flag taken away
+  EXPECT_SAYS(graph.output(1), nullptr, "");  // flag taken away
 }
 
 // Types that the table leaves empty, and the two with a second output; what the other rows

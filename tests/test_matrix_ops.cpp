@@ -166,8 +166,9 @@ TEST(MatrixContracts, AddAndIdentityCountPagesAndChannels) {
 TEST(MatrixContracts, IdentityOfAnotherTypeIsClearedAndRefused) {
   float x[8] = {9, 9, 9, 9, 9, 9, 9, 9};
   zyn_matrix m = header(2, 2, 1, 14, x);
-  EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_matrix_set_identity(&m), 4); }),
-            report("Current version can not support!", "src/matrix/zyn_matrix_basic_l1.cpp", 2222));
+  EXPECT_SAYS(
+      zyn_matrix_set_identity(&m), 4,
+      report("Current version can not support!", "src/matrix/zyn_matrix_basic_l1.cpp", 2222));
   for (float element : x) EXPECT_EQ(element, 0.0f);
 }
 
@@ -196,7 +197,7 @@ TEST(MatrixContracts, RefusalsKeepTheirSites) {
   zyn_matrix small = header(2, 2, 1, 2, block);
   const float one = 1;
   const auto refused = [](auto call, int code, const std::string& text) {
-    EXPECT_EQ(printed([&] { EXPECT_EQ(call(), code); }), text);
+    EXPECT_SAYS(call(), code, text);
   };
   const auto add = [&](zyn_matrix* x, zyn_matrix* y, zyn_matrix* z, int code, const char* message,
                        int line) {
@@ -238,8 +239,7 @@ TEST(RandomContracts, RefusalsKeepTheirSites) {
   const std::string path = "src/matrix/zyn_random.cpp";
   float one = 1;
   const auto refused = [&](zyn_matrix* m, int code, const char* message, int line) {
-    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_random_norm(m, &one, &one), code); }),
-              report(message, path, line));
+    EXPECT_SAYS(zyn_random_norm(m, &one, &one), code, report(message, path, line));
   };
   zyn_matrix none = header(1, 1, 1, 6, nullptr), words = header(1, 1, 1, 13, &one);
   refused(nullptr, 1, "Your input params are wrong!", 166);

@@ -164,19 +164,6 @@ TEST(Nms, SpecialCornersAndThresholds) {
     }
 }
 
-TEST(Nms, SurvivesAnyBits) {
-  Random random(77);
-  for (int round = 0; round < 400; round++) {
-    Boxes boxes(random.integer(1, 120));
-    for (zyn_detection& b : boxes)
-      for (float* field : {&b.x1, &b.y1, &b.x2, &b.y2, &b.score}) {
-        const auto bits = static_cast<uint32_t>(random.next());
-        memcpy(field, &bits, sizeof(bits));
-      }
-    ASSERT_NO_FATAL_FAILURE(expect_as_defined(boxes, 0.4f, "random bits"));
-  }
-}
-
 TEST(Nms, NothingToDo) {
   const zyn_detection box{1, 2, 3, 4, 0.5f};
   zyn_detection out{};

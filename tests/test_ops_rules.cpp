@@ -241,9 +241,9 @@ TEST(Ops, SigmoidNeedsTwoDimensions) {
   Net net;
   net.op(ZYN_OP_SIGMOID, {net.input(ramp({4}))});
   ASSERT_EQ(net.make() + net.prepare(), 0);
-  EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_computation_graph_inference(net.graph()), 1); }),
-            report("parameters error!", "src/matrix/zyn_matrix_core.cpp", 109) +
-                "failed to inference: 1!!!");
+  EXPECT_SAYS(zyn_computation_graph_inference(net.graph()), 1,
+              report("parameters error!", "src/matrix/zyn_matrix_core.cpp", 109) +
+                  "failed to inference: 1!!!");
 }
 
 TEST(Ops, JoinsRefuseWhatDoesNotFit) {

@@ -174,8 +174,8 @@ TEST(Resizer, OtherMethodsDoNothingOnPackedAndAreRefusedOn420) {
   EXPECT_EQ(zyn_image_resizer(to.get(), from.get(), 2), 0);
   for (int i = 0; i < 60; i++) EXPECT_EQ(bytes(to)[i], 0x5A);
   Image planar = make_image(9, 9, 5), small = make_image(4, 5, 5);
-  EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_image_resizer(small.get(), planar.get(), 2), 4); }),
-            resizer_report("Current version can not support!", 742));
+  EXPECT_SAYS(zyn_image_resizer(small.get(), planar.get(), 2), 4,
+              resizer_report("Current version can not support!", 742));
 }
 
 TEST(Resizer, RefusesWhatIsNotListedOrHasAnotherLayout) {
@@ -184,15 +184,13 @@ TEST(Resizer, RefusesWhatIsNotListedOrHasAnotherLayout) {
                                {0, 5},   {0, 6},   {12, 0},  {5, 12}, {6, 5}, {0, 12}};
   for (const auto& pair : pairs) {
     Image to = make_image(4, 4, pair[0]), from = make_image(9, 9, pair[1]);
-    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_image_resizer(to.get(), from.get(), 1), 1); }),
-              resizer_report(kPara, 651))
+    EXPECT_SAYS(zyn_image_resizer(to.get(), from.get(), 1), 1, resizer_report(kPara, 651))
         << pair[0] << " from " << pair[1];
   }
   Image image = make_image(8, 8, 5), planeless = make_image(8, 8, 5);
   zyn_recreate_image(planeless.get(), 9, 9);
   const auto refused = [&](zyn_image* to, zyn_image* from) {
-    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_image_resizer(to, from, 0), 1); }),
-              resizer_report(kPara, 651));
+    EXPECT_SAYS(zyn_image_resizer(to, from, 0), 1, resizer_report(kPara, 651));
   };
   refused(nullptr, image.get());
   refused(image.get(), nullptr);

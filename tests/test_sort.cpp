@@ -379,8 +379,7 @@ TEST(Sort, NullArguments) {
   zyn_sort_match_info none{0, 0, nullptr, nullptr};
   zyn_sort_handle* gone = nullptr;
   zyn_track_info* info = nullptr;
-  EXPECT_EQ(printed([] { EXPECT_EQ(zyn_create_sort_handle(nullptr), nullptr); }),
-            tracking_report(kPara, 1034));
+  EXPECT_SAYS(zyn_create_sort_handle(nullptr), nullptr, tracking_report(kPara, 1034));
   const std::string text = printed([&] {
     EXPECT_EQ(zyn_release_sort_handle(nullptr), 1);
     EXPECT_EQ(zyn_release_sort_handle(&gone), 1);
@@ -403,8 +402,7 @@ TEST(Sort, NullArguments) {
   });
   EXPECT_EQ(text, "");
   EXPECT_EQ(sort->count, 0);
-  EXPECT_EQ(printed([] { EXPECT_EQ(zyn_sort_get_track_info(nullptr), nullptr); }),
-            tracking_report(kPara, 1551));
+  EXPECT_SAYS(zyn_sort_get_track_info(nullptr), nullptr, tracking_report(kPara, 1551));
 }
 
 TEST(Sort, IndicesOutsideTheirArraysChangeNothing) {
@@ -512,18 +510,15 @@ TEST(Sort, FailingFiltersReport) {
   zyn_kalman* filter = sort->tracks[1]->filter;
   memset(filter->measurement_noise->data, 0, 64);
   memset(filter->predicted_covariance->data, 0, 7 * 28);
-  EXPECT_EQ(printed([&] {
-              EXPECT_EQ(sort.update_ids(row_of_boxes(2), {0, 1}), 32);
-            }),
-            singular + tracking_report("Unknown error!", 1483));
+  EXPECT_SAYS(sort.update_ids(row_of_boxes(2), {0, 1}), 32,
+              singular + tracking_report("Unknown error!", 1483));
   std::vector<int32_t> ids;
-  EXPECT_EQ(printed([&] { EXPECT_EQ(sort.update(row_of_boxes(2), {0, 1}, &ids), 32); }), singular);
+  EXPECT_SAYS(sort.update(row_of_boxes(2), {0, 1}, &ids), 32, singular);
   EXPECT_EQ(ids, (std::vector<int32_t>{0, -1}));
   EXPECT_EQ(sort->count, 3) << "nothing was dropped";
 
   filter->transition->cols = 6;
-  EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_create_sort_predict(sort.get()), nullptr); }),
-            tracking_report(kPara, 300));
+  EXPECT_SAYS(zyn_create_sort_predict(sort.get()), nullptr, tracking_report(kPara, 300));
   EXPECT_EQ(zyn_sort_get_frame_count(sort.get()), 2u);
   EXPECT_EQ(sort->tracks[0]->age, 3);
   EXPECT_EQ(sort->tracks[2]->age, 2);
@@ -548,7 +543,6 @@ TEST(Sort, AnyFloatsAreTaken) {
 }
 
 TEST(Sort, EveryAllocationMayFail) {
-  using for_each_failing_allocation;
   const zyn_sort_param param{1, 1, 0.3f, 6};
   EXPECT_EQ(for_each_failing_allocation([&](int64_t, bool) {
               zyn_sort_handle* handle = nullptr;

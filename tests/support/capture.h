@@ -43,6 +43,10 @@ std::string printed(Action action) {
   return capture.text();
 }
 
+// Expects what a call answers and what it prints.
+#define EXPECT_SAYS(call, code, text) \
+  EXPECT_EQ(zyn_test::printed([&] { EXPECT_EQ(call, code); }), text)
+
 // A path in a folder for temporary files, with forward slashes.
 std::string temp_path(const std::string& name);
 
