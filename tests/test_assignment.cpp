@@ -1,13 +1,8 @@
 // The assignment against brute force and against a model in whole numbers, the overlap
 // score, the threshold and the match info.
-#include <gtest/gtest.h>
 #include <math.h>
-#include <string.h>
 
 #include <algorithm>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "support/buffers.h"
 #include "support/capture.h"

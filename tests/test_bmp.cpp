@@ -1,7 +1,6 @@
 // BMP files: every depth made by a writer of its own, damage of every kind, and what the
 // library writes, byte for byte.
 #include <stdio.h>
-#include <string.h>
 
 #include <functional>
 

@@ -1,9 +1,6 @@
 // The planar direct kernels on buffers that end at an inaccessible page: integers, so that
 // every order of summation gives the same, around every width and height that changes
 // what a kernel does.
-#include <gtest/gtest.h>
-
-#include <cmath>
 
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "support/failing.h"

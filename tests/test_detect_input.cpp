@@ -1,22 +1,13 @@
 // Images as network input: the eight transforms, borders and patches, pixel by pixel
 // against their definitions, on buffers that end at an inaccessible page.
-#include <gtest/gtest.h>
 #include <math.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 
 #include <algorithm>
 #include <functional>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "support/buffers.h"
-#include "support/capture.h"
 #include "support/failing.h"
 #include "support/images.h"
-#include "zyncore.h"
 
 namespace {
 

@@ -1,16 +1,12 @@
 // The graph engine: handle, edges, order, binding, and the loops that drive the
 // operators, seen through a fake operator that logs its calls.
-#include <gtest/gtest.h>
-#include <string.h>
 
 #include <algorithm>
 #include <memory>
 #include <set>
-#include <string>
 #include <utility>
 #include <vector>
 
-#include "base/zyn_memory.h"
 #include "cg/cpu/zyn_cg.h"
 #include "support/buffers.h"
 #include "support/capture.h"

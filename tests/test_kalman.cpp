@@ -1,9 +1,5 @@
 // The general Kalman filter and the box tracker against the formulas.
-#include <gtest/gtest.h>
 #include <math.h>
-#include <string.h>
-
-#include <string>
 
 #include "support/buffers.h"
 #include "support/capture.h"

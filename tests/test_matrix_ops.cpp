@@ -1,10 +1,7 @@
 // Addition, identity, transposition and products against sums in double. Small-integer
 // data make every product exact, whatever the order of its sums.
-#include <gtest/gtest.h>
-#include <math.h>
 
 #include <limits>
-#include <string>
 #include <vector>
 
 #include "matrix/zyn_matrix_ops.h"

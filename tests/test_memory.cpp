@@ -1,13 +1,8 @@
 // The counted allocator and the growable array.
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <string.h>
 
-#include <string>
 #include <vector>
 
 #include "base/zyn_darray.h"
-#include "base/zyn_memory.h"
 #include "support/failing.h"
 
 namespace {

@@ -1,9 +1,6 @@
 // Model files and their digest.
-#include <gtest/gtest.h>
 #include <stdio.h>
-#include <string.h>
 
-#include <string>
 #include <vector>
 
 #include "base/zyn_md5.h"

@@ -1,17 +1,13 @@
 // Non-maximum suppression against the definition: passes over a flag array with a
 // compaction after each, in plain single precision.
-#include <gtest/gtest.h>
 #include <math.h>
-#include <string.h>
 
 #include <algorithm>
 #include <limits>
-#include <string>
 #include <vector>
 
 #include "support/buffers.h"
 #include "support/failing.h"
-#include "zyncore.h"
 
 namespace {
 

@@ -1,5 +1,4 @@
 // The one-euro filter: each step against the formulas in long double.
-#include <gtest/gtest.h>
 #include <math.h>
 
 #include "support/buffers.h"

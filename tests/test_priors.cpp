@@ -1,10 +1,8 @@
 // Prior boxes and the decoding of locations, against the definitions in double
 // precision.
-#include <gtest/gtest.h>
 #include <math.h>
 
 #include <algorithm>
-#include <string>
 #include <vector>
 
 #include "support/buffers.h"

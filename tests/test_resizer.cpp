@@ -1,6 +1,5 @@
 // The resizer against the definition evaluated sample by sample.
 #include <math.h>
-#include <string.h>
 
 #include <array>
 #include <map>

@@ -1,9 +1,6 @@
 // The linear solver: residuals of random systems, pivoting, refusals.
-#include <gtest/gtest.h>
-#include <math.h>
 
 #include <limits>
-#include <string>
 
 #include "matrix/zyn_matrix_ops.h"
 #include "support/capture.h"

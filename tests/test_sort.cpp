@@ -1,11 +1,7 @@
 // The tracker against a literal model over random frames, and rule by rule.
-#include <gtest/gtest.h>
 #include <math.h>
-#include <string.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include "support/buffers.h"
 #include "support/capture.h"

@@ -1,16 +1,11 @@
 // The trained detector as the example builds it: raw outputs and faces from given input
 // tensors. Needs the folder in ZYN_MODEL_DIR.
-#include <gtest/gtest.h>
 #include <math.h>
 #include <stdio.h>
 
-#include <algorithm>
 #include <deque>
-#include <string>
-#include <vector>
 
 #include "../examples/ssd320.h"
-#include "support/capture.h"
 #include "support/conv_case.h"
 #include "support/net.h"
 

@@ -1,9 +1,7 @@
 // The directory lister.
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <string>
 #include <vector>
 
 #include "base/zyn_darray.h"

@@ -1,8 +1,5 @@
 // The tensor and matrix containers.
-#include <gtest/gtest.h>
-#include <string.h>
 
-#include <string>
 #include <vector>
 
 #include "matrix/zyn_matrix.h"

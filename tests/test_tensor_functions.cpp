@@ -1,8 +1,6 @@
 // Layout converters, softmax and fixed point to float, on buffers that end at an
 // inaccessible page.
-#include <gtest/gtest.h>
 #include <math.h>
-#include <string.h>
 
 #include <algorithm>
 #include <vector>
