@@ -172,18 +172,15 @@ TEST(Ops, ReshapeCopiesWhateverTheCountsAndClearsTheRest) {
     EXPECT_EQ(ask(ZYN_OP_RESHAPE, reshaped(c.dims), in), c.expected)
         << ::testing::PrintToString(c.dims);
   // Six extents are refused before anything is copied; two end with the caller's record.
-  PageEnd<int32_t> six(1), two(3);
-  six[0] = 6;
-  two[0] = 2;
-  two[1] = -1;
-  two[2] = 16;
-  for (int32_t* record : {six.data(), two.data()}) {
+  for (const std::vector<int32_t>& words : {std::vector<int32_t>{6}, {2, -1, 16}}) {
+    PageEnd<int32_t> record(words.size());
+    std::copy(words.begin(), words.end(), record.begin());
     Net short_net;
     short_net.op(ZYN_OP_RESHAPE, {short_net.input(in)});
     ASSERT_EQ(short_net.connect(), 0);
     zyn_cg_node_desc desc = {ZYN_OP_RESHAPE, nullptr, 0, nullptr, 0};
-    EXPECT_EQ(zyn_bind_operator_onto_computation_graph(short_net.graph(), 1, &desc, record),
-              record[0] == 6 ? 1 : 0);
+    EXPECT_EQ(zyn_bind_operator_onto_computation_graph(short_net.graph(), 1, &desc, record.data()),
+              words[0] == 6 ? 1 : 0);
   }
 }
 

@@ -159,12 +159,13 @@ TEST(Resizer, EqualSizesAndHalvesComeBeforeTheMethodAndASharedBufferIsDone) {
     memset(image->data, 0, buffer_bytes(7, 5, format));
     EXPECT_EQ(zyn_image_resizer(image.get(), image.get(), 1), 0);
   }
-  // The chroma column of an odd width comes along.
+  // The chroma column of an odd width comes along, and what lies between the rows.
   Image from = make_image(7, 4, 5), to = make_image(7, 4, 5);
   memset(from->data, 9, 48);
   memset(to->data, 0, 48);
   EXPECT_EQ(zyn_image_resizer(to.get(), from.get(), 0), 0);
   EXPECT_EQ(static_cast<uint8_t*>(to->plane1)[3], 9);
+  EXPECT_EQ(bytes(to)[7], 9);
 }
 
 TEST(Resizer, OtherMethodsDoNothingOnPackedAndAreRefusedOn420) {

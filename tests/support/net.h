@@ -43,6 +43,14 @@ struct Array {
   double at(int x, int y, int z) const { return v[index(x, y, z)]; }
 };
 
+// Calls f(x, y, z) for every element of a block.
+template <typename Function>
+void for_each_element(const Array& a, Function f) {
+  for (int z = 0; z < a.c(); z++)
+    for (int y = 0; y < a.h(); y++)
+      for (int x = 0; x < a.w(); x++) f(x, y, z);
+}
+
 inline Array random_array(Random& random, std::vector<int> dims, float low = -2, float high = 2) {
   Array a(dims);
   for (double& v : a.v) v = static_cast<double>(random.real(low, high));
@@ -167,12 +175,10 @@ class Net {
     const float* values = static_cast<const float*>(tensor->data);
     const int16_t* words = static_cast<const int16_t*>(tensor->data);
     const bool fixed = tensor->type == ZYN_TYPE_FPI16;
-    for (int z = 0; z < a.c(); z++)
-      for (int y = 0; y < a.h(); y++)
-        for (int x = 0; x < a.w(); x++) {
-          const size_t i = place(a, x, y, z, tensor->layout);
-          a.at(x, y, z) = fixed ? words[i] : static_cast<double>(values[i]);
-        }
+    for_each_element(a, [&](int x, int y, int z) {
+      const size_t i = place(a, x, y, z, tensor->layout);
+      a.at(x, y, z) = fixed ? words[i] : static_cast<double>(values[i]);
+    });
     return a;
   }
   zyn_cg_handle* graph() { return graph_; }
@@ -203,15 +209,13 @@ class Net {
   static void write(Data& data, const Array& a) {
     float* values = static_cast<float*>(data.tensor->data);
     int16_t* words = static_cast<int16_t*>(data.tensor->data);
-    for (int z = 0; z < a.c(); z++)
-      for (int y = 0; y < a.h(); y++)
-        for (int x = 0; x < a.w(); x++) {
-          const size_t i = place(a, x, y, z, data.tensor->layout);
-          if (data.tensor->type == ZYN_TYPE_FPI16)
-            words[i] = static_cast<int16_t>(a.at(x, y, z));
-          else
-            values[i] = static_cast<float>(a.at(x, y, z));
-        }
+    for_each_element(a, [&](int x, int y, int z) {
+      const size_t i = place(a, x, y, z, data.tensor->layout);
+      if (data.tensor->type == ZYN_TYPE_FPI16)
+        words[i] = static_cast<int16_t>(a.at(x, y, z));
+      else
+        values[i] = static_cast<float>(a.at(x, y, z));
+    });
   }
 
   int add_data(int type, const Array& a, uint32_t layout) {

@@ -64,14 +64,12 @@ inline Array reference_activation(const Array& in, int type) {
 inline Array reference_norm(const Array& in, const Array& stats, const zyn_bn_param& p) {
   Array out = in;
   const size_t c = stats.v.size() / 4;
-  for (int z = 0; z < in.c(); z++) {
+  for_each_element(in, [&](int x, int y, int z) {
     const double* s = stats.v.data() + z;
-    for (int y = 0; y < in.h(); y++)
-      for (int x = 0; x < in.w(); x++)
-        out.at(x, y, z) = (in.at(x, y, z) - s[2 * c]) * s[0] /
-                              std::sqrt(s[3 * c] + static_cast<double>(p.epsilon)) +
-                          s[c];
-  }
+    out.at(x, y, z) =
+        (in.at(x, y, z) - s[2 * c]) * s[0] / std::sqrt(s[3 * c] + static_cast<double>(p.epsilon)) +
+        s[c];
+  });
   return out;
 }
 
@@ -143,23 +141,21 @@ inline Array reference_resample(const Array& in, const zyn_resample_param& p) {
   const auto clamped = [&](int x, int y, int z) {
     return in.at(std::clamp(x, 0, in.w() - 1), std::clamp(y, 0, in.h() - 1), z);
   };
-  for (int z = 0; z < in.c(); z++)
-    for (int y = 0; y < oh; y++)
-      for (int x = 0; x < ow; x++) {
-        double& o = out.at(x, y, z);
-        if (global) {
-          for (int j = 0; j < in.h(); j++)
-            for (int i = 0; i < in.w(); i++) o += in.at(i, j, z) / (in.w() * in.h());
-        } else if (p.mode == ZYN_RESAMPLE_NEAREST) {
-          o = in.at(x * in.w() / ow, y * in.h() / oh, z);
-        } else {
-          const double sx = (x + 0.5) * in.w() / ow - 0.5, sy = (y + 0.5) * in.h() / oh - 0.5;
-          const int x0 = static_cast<int>(std::floor(sx)), y0 = static_cast<int>(std::floor(sy));
-          const double fx = sx - x0, fy = sy - y0;
-          o = (1 - fy) * ((1 - fx) * clamped(x0, y0, z) + fx * clamped(x0 + 1, y0, z)) +
-              fy * ((1 - fx) * clamped(x0, y0 + 1, z) + fx * clamped(x0 + 1, y0 + 1, z));
-        }
-      }
+  for_each_element(out, [&](int x, int y, int z) {
+    double& o = out.at(x, y, z);
+    if (global) {
+      for (int j = 0; j < in.h(); j++)
+        for (int i = 0; i < in.w(); i++) o += in.at(i, j, z) / (in.w() * in.h());
+    } else if (p.mode == ZYN_RESAMPLE_NEAREST) {
+      o = in.at(x * in.w() / ow, y * in.h() / oh, z);
+    } else {
+      const double sx = (x + 0.5) * in.w() / ow - 0.5, sy = (y + 0.5) * in.h() / oh - 0.5;
+      const int x0 = static_cast<int>(std::floor(sx)), y0 = static_cast<int>(std::floor(sy));
+      const double fx = sx - x0, fy = sy - y0;
+      o = (1 - fy) * ((1 - fx) * clamped(x0, y0, z) + fx * clamped(x0 + 1, y0, z)) +
+          fy * ((1 - fx) * clamped(x0, y0 + 1, z) + fx * clamped(x0 + 1, y0 + 1, z));
+    }
+  });
   return out;
 }
 
@@ -168,17 +164,15 @@ inline Array reference_affine(const Array& in, const Array& m, const zyn_affine_
   out.dims[0] = static_cast<int>(in.w() * static_cast<double>(p.factor_h));
   out.dims[1] = static_cast<int>(in.h() * static_cast<double>(p.factor_w));
   out.v.assign(Array::size_of(out.dims), 0);
-  for (int z = 0; z < in.c(); z++)
-    for (int y = 0; y < out.h(); y++)
-      for (int x = 0; x < out.w(); x++) {
-        const double sx = m.v[0] * x + m.v[1] * y + m.v[2];
-        const double sy = m.v[3] * x + m.v[4] * y + m.v[5];
-        // Every input pixel weighs in with a tent around it.
-        for (int j = 0; j < in.h(); j++)
-          for (int i = 0; i < in.w(); i++)
-            out.at(x, y, z) += in.at(i, j, z) * std::max(0.0, 1 - std::fabs(sx - i)) *
-                               std::max(0.0, 1 - std::fabs(sy - j));
-      }
+  for_each_element(out, [&](int x, int y, int z) {
+    const double sx = m.v[0] * x + m.v[1] * y + m.v[2];
+    const double sy = m.v[3] * x + m.v[4] * y + m.v[5];
+    // Every input pixel weighs in with a tent around it.
+    for (int j = 0; j < in.h(); j++)
+      for (int i = 0; i < in.w(); i++)
+        out.at(x, y, z) += in.at(i, j, z) * std::max(0.0, 1 - std::fabs(sx - i)) *
+                           std::max(0.0, 1 - std::fabs(sy - j));
+  });
   return out;
 }
 
@@ -194,9 +188,8 @@ inline Array reference_concat(const std::vector<const Array*>& in, int axis) {
   Array out(dims);
   int at[3] = {0, 0, 0};
   for (const Array* a : in) {
-    for (int z = 0; z < a->c(); z++)
-      for (int y = 0; y < a->h(); y++)
-        for (int x = 0; x < a->w(); x++) out.at(x + at[0], y + at[1], z + at[2]) = a->at(x, y, z);
+    for_each_element(
+        *a, [&](int x, int y, int z) { out.at(x + at[0], y + at[1], z + at[2]) = a->at(x, y, z); });
     at[axis] += a->extent(axis);
   }
   return out;
@@ -204,9 +197,7 @@ inline Array reference_concat(const std::vector<const Array*>& in, int axis) {
 
 inline Array reference_channels(const Array& in, const std::vector<int>& channels) {
   Array out({in.w(), in.h(), static_cast<int>(channels.size())});
-  for (int z = 0; z < out.c(); z++)
-    for (int y = 0; y < in.h(); y++)
-      for (int x = 0; x < in.w(); x++) out.at(x, y, z) = in.at(x, y, channels[z]);
+  for_each_element(out, [&](int x, int y, int z) { out.at(x, y, z) = in.at(x, y, channels[z]); });
   return out;
 }
 
