@@ -375,6 +375,7 @@ TEST(BmpWriter, NamesAndFormatsThatAreRefused) {
       {base + ".JPG", 2, 256, ""},
       {base + ".png", 14, 256, ""},
       {base + ".PNG", 3, 256, ""},
+      {base + ".PNG", 0, 256, ""},
       {base + ".Bmp", 0, 4, codec_report("Current version can not support!", 770)},
       {base + ".bmp.", 0, 4, codec_report("Current version can not support!", 770)},
       {base + ".bmp", 3, 256, codec_report("48 bit must save to be PNG format!\n", 758)},

@@ -1,6 +1,5 @@
 // Colour conversion against the formulas in plain integers: all colours, odd sizes,
 // strides, page-end buffers, refusals.
-
 #include <algorithm>
 
 #include "support/images.h"

@@ -1,7 +1,6 @@
 // Convolution operators (types 3, 4, 5, 12, 13) within graphs, through the exported
 // functions, under every method: results, activation codes, shapes, refusals, and what
 // preparation keeps. Integer data make results exact in every order of summation.
-
 #include "cg/cpu/zyn_cg_operators.h"
 #include "support/ledger.h"
 #include "support/reference.h"
@@ -389,18 +388,11 @@ TEST_P(ConvMethod, APreparationThatFailsLeavesANodeThatRefusesToRun) {
 }
 
 TEST_P(ConvMethod, FailingAllocationsAnswerTwoAndTheNextAttemptWorks) {
-  struct Case {
-    int type, stride, h;
-  };
-  std::vector<Case> cases = {{5, 1, 7}};
-  for (int type : {3, 4, 12, 13})
-    for (int stride : {1, 2})
-      for (int h : {4, 8}) cases.push_back({type, stride, h});
-  for (const Case& c : cases)
+  for (int type : {3, 4, 5, 12, 13})
     until_it_succeeds([&](int n, bool lasting) {
-      const int k = c.type == 5 ? 1 : 3;
-      Layer layer(conv_param(6, 6, k, c.stride, k / 2, c.type == 4 ? 6 : 1));
-      layer.type(c.type).size(9, c.h).bias(1).layout(ZYN_LAYOUT_BLOCKED).method(GetParam());
+      const int k = type == 5 ? 1 : 3;
+      Layer layer(conv_param(6, 6, k, 1, k / 2, type == 4 ? 6 : 1));
+      layer.type(type).bias(1).layout(ZYN_LAYOUT_BLOCKED).method(GetParam());
       EXPECT_EQ(layer.make(), 0);
       Ledger::fail(n, lasting);
       const int32_t prepared = layer.net().prepare();

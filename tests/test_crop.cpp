@@ -1,5 +1,4 @@
 // Cropped patches: every way of hanging over an edge, against clamped coordinates.
-
 #include <algorithm>
 
 #include "support/images.h"

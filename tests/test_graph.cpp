@@ -1,6 +1,5 @@
 // The graph engine: handle, edges, order, binding, and the loops that drive the
 // operators, seen through a fake operator that logs its calls.
-
 #include <algorithm>
 #include <memory>
 #include <set>

@@ -1,5 +1,4 @@
 // The image record: layout of every format, headers over a caller's memory, refusals.
-
 #include "support/failing.h"
 #include "support/images.h"
 

@@ -1,6 +1,5 @@
 // The landmark network of the examples, every node against its formula in double
 // precision, from the same weights.
-
 #include "../examples/landmark_network.h"
 #include "support/reference.h"
 

@@ -1,6 +1,5 @@
 // Addition, identity, transposition and products against sums in double. Small-integer
 // data make every product exact, whatever the order of its sums.
-
 #include <limits>
 #include <vector>
 

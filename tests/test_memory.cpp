@@ -1,5 +1,4 @@
 // The counted allocator and the growable array.
-
 #include <vector>
 
 #include "base/zyn_darray.h"

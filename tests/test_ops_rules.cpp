@@ -1,5 +1,4 @@
 // The operators' particular rules: what is refused and where, and what is odd on purpose.
-
 #include <set>
 
 #include "cg/cpu/kernels/zyn_cg_fpi_convert.h"

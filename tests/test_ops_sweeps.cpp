@@ -29,6 +29,24 @@ TEST_P(EveryType, FollowsItsFormulaInEveryChannelOrder) {
 INSTANTIATE_TEST_SUITE_P(Ops, EveryType, ::testing::ValuesIn(kOperatorTypes),
                          [](const auto& info) { return "Type" + std::to_string(info.param); });
 
+// Under method 1 the convolutions leave blocked tensors.
+TEST(Ops, ConvolutionsUnderEveryMethodAndChannelOrder) {
+  for (uint32_t method : {0u, 1u, 2u})
+    for (int type : kConvTypes)
+      for (uint64_t seed = 0; seed < 40; seed++) {
+        SCOPED_TRACE(testing::Message()
+                     << "method " << method << ", type " << type << ", seed " << seed);
+        Model model(seed * 31 + method);
+        model.layout = seed % 2 ? -1 : 0;
+        model.method(method);
+        model.add(type);
+        ASSERT_EQ(model.net.go(), 0);
+        model.evaluate();
+        model.check(1e-5);
+        if (HasFatalFailure()) return;
+      }
+}
+
 TEST(Ops, RandomGraphsAgreeWithTheirReference) {
   for (uint64_t seed = 0; seed < 600; seed++) {
     SCOPED_TRACE("seed " + std::to_string(seed));

@@ -1,7 +1,6 @@
 // The pose solver on views of known poses. Every pose that it finds must put the world
 // points on the pixels; the pose that made them must be among those poses. Where pixels are
 // rounded to floats, it is only nearly there.
-
 #include "support/capture.h"
 #include "support/matrices.h"
 

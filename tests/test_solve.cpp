@@ -1,5 +1,4 @@
 // The linear solver: residuals of random systems, pivoting, refusals.
-
 #include <limits>
 
 #include "matrix/zyn_matrix_ops.h"

@@ -1,5 +1,4 @@
 // The directory lister.
-
 #include <filesystem>
 #include <fstream>
 #include <vector>

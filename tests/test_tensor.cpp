@@ -1,5 +1,4 @@
 // The tensor and matrix containers.
-
 #include <vector>
 
 #include "matrix/zyn_matrix.h"
