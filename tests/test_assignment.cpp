@@ -250,6 +250,16 @@ TEST(Association, MatchesAreThePairsWhoseOverlapExceedsTheThreshold) {
   }
 }
 
+TEST(Association, BoxesAreEnlargedFiveTimes) {
+  // Unit squares side by side: enlarged to 5 x 5, apart by `gap` they share 5 - 1 - gap.
+  for (float gap : {0.0f, 3.5f}) {
+    const Boxes a{{0, 0, 1, 1, 0}}, b{{1 + gap, 0, 2 + gap, 1, 0}};
+    const float shared = (4 - gap) * 5, score = shared / (50 - shared);
+    EXPECT_EQ(associate(a, b, score * 0.999f).matched().size(), 1u) << gap;
+    EXPECT_EQ(associate(a, b, score * 1.001f).matched().size(), 0u) << gap;
+  }
+}
+
 TEST(Association, ScoreEqualToTheThresholdIsNoMatch) {
   const Boxes box{{0, 0, 100, 100, 0}};  // large: the margin in the union is lost, the score 1
   EXPECT_TRUE(associate(box, box, 1).matched().empty());

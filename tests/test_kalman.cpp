@@ -177,7 +177,7 @@ TEST(Kalman, RefusesBadSizes) {
   for (const auto& sizes : bad) EXPECT_SAYS(zyn_create_kalman(&sizes), nullptr, report);
 }
 
-TEST(Kalman, FailuresHaveTheReportOfTheirCode) {
+TEST(Kalman, FailuresHaveTheReportOfTheirCodeAndSingularOnesNone) {
   const zyn_kalman_sizes sizes{3, 2, 0, ZYN_TYPE_F32};
   zyn_kalman* f = zyn_create_kalman(&sizes);
   zyn_matrix* z = zyn_create_matrix(2, 1, 1, ZYN_TYPE_F32);
