@@ -525,6 +525,25 @@ TEST(Ops, PowersAreRightToTheLastPlace) {
     }
 }
 
+TEST(Ops, PreparingAgainKeepsOutputsOrFollowsNewShapes) {
+  Net net;
+  const int x = net.input(ramp({4, 4, 2}));
+  const int id = net.op(ZYN_OP_MAX_POOL, zyn_pool_param{2, 2, 2, 2, 0}, {x});
+  const int later = net.op(ZYN_OP_RELU, {id});
+  ASSERT_EQ(net.go(), 0);
+  const zyn_tensor* first = net.output_tensor(id);
+  ASSERT_EQ(net.prepare(), 0);
+  EXPECT_EQ(net.output_tensor(id), first);
+  zyn_tensor* input = net.output_tensor(x);
+  void* data = input->data;
+  const int32_t dims[3] = {2, 8, 2};
+  ASSERT_EQ(zyn_set_tensor_header(input, 3, dims, ZYN_TYPE_F32), 0);
+  EXPECT_EQ(net.run(), 1) << "no data";
+  ASSERT_EQ(zyn_set_tensor_data(input, data, 128), 0);
+  ASSERT_EQ(net.prepare() + net.run(), 0);
+  EXPECT_EQ(net.output(later).dims, (std::vector<int>{1, 4, 2}));
+}
+
 TEST(Ops, DeviceGraphsComputeNothing) {
   for (int type : {ZYN_OP_ADD, ZYN_OP_MULTIPLY, ZYN_OP_SIGMOID, ZYN_OP_HARD_SWISH, ZYN_OP_MISH,
                    ZYN_OP_AVERAGE_POOL, ZYN_OP_BATCH_NORM, ZYN_OP_CONCAT, ZYN_OP_LINEAR})
