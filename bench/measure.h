@@ -58,13 +58,24 @@ inline void sample(Samples& out, double budget_ms, const std::function<void()>& 
 
 // ------------------------------------------------------------------ FMA peak
 
-// 12 independent register-only chains of 256-bit FMA; returns GFLOP/s.
-inline double fma256_burst(double ms) {
-  const long iters = 2000;
+// Calls burst, which returns the operations that it did, for about ms; the best rate in
+// operations per nanosecond.
+template <typename Burst>
+double best_rate(double ms, Burst burst) {
   double best = 0;
   const double end = now_ns() + ms * 1e6;
   do {
     const double t0 = now_ns();
+    const double operations = burst();
+    best = std::max(best, operations / (now_ns() - t0));
+  } while (now_ns() < end);
+  return best;
+}
+
+// 12 independent register-only chains of 256-bit FMA; returns GFLOP/s.
+inline double fma256_burst(double ms) {
+  return best_rate(ms, [] {
+    const long iters = 2000;
     long n = iters;
     __asm__ volatile(
         "vxorps %%ymm12,%%ymm12,%%ymm12\n vxorps %%ymm13,%%ymm13,%%ymm13\n"
@@ -82,9 +93,8 @@ inline double fma256_burst(double ms) {
         :
         : "xmm0", "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7", "xmm8", "xmm9", "xmm10",
           "xmm11", "xmm12", "xmm13", "cc");
-    best = std::max(best, iters * 4.0 * 12 * 16 / (now_ns() - t0));
-  } while (now_ns() < end);
-  return best;
+    return iters * 4.0 * 12 * 16;
+  });
 }
 
 // The peak used for "% of peak": the best burst of the run, probed again

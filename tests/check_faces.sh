@@ -10,46 +10,28 @@ quant=$(realpath "$2")
 emulator=${3:-}
 models=${ZYN_MODEL_DIR:+$(realpath "$ZYN_MODEL_DIR")}
 unset ZYN_MODEL_DIR
+source "$(dirname "$0")/support/program.sh"
 # On Windows the library lies in the folder above the examples.
 cd "$(dirname "$program")/.."
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 
-quantises() { # code, what zyn-quant must say, arguments...
-  local code=0 wanted=$1 note=$2
-  shift 2
-  $emulator "$quant" "$@" >"$work/report" 2>"$work/notes" || code=$?
-  if [ "$code" != "$wanted" ] || ! grep -q "$note" "$work/notes" "$work/report"; then
-    echo "zyn-quant $*: code $code for $wanted, expected to say \"$note\", said:"
-    cat "$work/notes"
-    exit 1
-  fi
+quantises() { run "$1" "$2" "$quant" "${@:3}"; } # code, what zyn-quant must say, arguments...
+detects() { # code, what the example must say, arguments...
+  run "$1" "$2" "$program" --verbose "${@:3}"
+  [ "$1" = 2 ] || grep -q '^library memory in use at exit: 0 bytes' "$work/notes" || fail "memory is lost, said:"
 }
 
-run() { # code, what the notes must say, arguments...
-  local code=0 wanted=$1 note=$2
-  shift 2
-  $emulator "$program" --verbose "$@" >"$work/found" 2>"$work/notes" || code=$?
-  if [ "$code" != "$wanted" ] || ! grep -q "$note" "$work/notes" ||
-    { [ "$code" != 2 ] && ! grep -q '^library memory in use at exit: 0 bytes' "$work/notes"; }; then
-    echo "detect_faces $*: code $code for $wanted, expected to say \"$note\", said:"
-    cat "$work/notes"
-    exit 1
-  fi
-}
-
-run 0 'means nothing' --draw "$work/generated.bmp"
-[ -s "$work/generated.bmp" ] || { echo "nothing drawn"; exit 1; }
-run 0 'means nothing' "$work/generated.bmp"
-run 1 'cannot be read as a BMP file' "$work/missing.bmp"
-run 1 'not an ssd320 model' --model "$work/generated.bmp"
-run 1 'cannot be written' --draw "$work/picture.jpg"
-run 2 usage --method 3
-run 2 usage --model
-run 2 usage one.bmp two.bmp
-run 2 usage --unknown
+detects 0 'means nothing' --draw "$work/generated.bmp"
+[ -s "$work/generated.bmp" ] || fail "nothing drawn"
+detects 0 'means nothing' "$work/generated.bmp"
+detects 1 'cannot be read as a BMP file' "$work/missing.bmp"
+detects 1 'not an ssd320 model' --model "$work/generated.bmp"
+detects 1 'cannot be written' --draw "$work/picture.jpg"
+detects 2 usage --method 3
+detects 2 usage --model
+detects 2 usage one.bmp two.bmp
+detects 2 usage --unknown
 echo '7 16' >"$work/bad.q"
-run 1 'no list of fraction bits' --q-list "$work/bad.q" "$work/generated.bmp"
+detects 1 'no list of fraction bits' --q-list "$work/bad.q" "$work/generated.bmp"
 quantises 2 usage
 quantises 2 'margin' --model m --out q --margin 0.5 x.bmp
 quantises 1 'not an ssd320 model' --model "$work/generated.bmp" --out "$work/q" x.bmp
@@ -61,17 +43,17 @@ fi
 photos="$models/photo_a.bmp $models/photo_b.bmp"
 quantises 0 ' 0 values wrapped' --model "$models/ssd320.zynm" --out "$work/q.txt" --vary $photos
 echo '2 15' >"$work/high.q"
-run 1 'cannot be prepared' --model "$models/ssd320.zynm" --q-list "$work/high.q" "$work/generated.bmp"
+detects 1 'cannot be prepared' --model "$models/ssd320.zynm" --q-list "$work/high.q" "$work/generated.bmp"
 quantises 1 'node 1: its values reach' --model "$models/ssd320.zynm" --out "$work/none" --margin 1e6 $photos
 
 check() { # photo, least overlap, options of the example...
   local photo=$1 least=$2
   shift 2
   local bmp=$models/$photo.bmp
-  run 0 'boxes in a photo' --model "$models/ssd320.zynm" --draw "$work/$photo.bmp" "$@" "$bmp"
-  [ "$(stat -L -c %s "$work/$photo.bmp")" = "$(stat -L -c %s "$bmp")" ] || { echo "$photo: no picture"; exit 1; }
+  detects 0 'boxes in a photo' --model "$models/ssd320.zynm" --draw "$work/$photo.bmp" "$@" "$bmp"
+  [ "$(stat -L -c %s "$work/$photo.bmp")" = "$(stat -L -c %s "$bmp")" ] || fail "$photo: no picture"
   read -r width height < <(od -An -td4 -j18 -N8 "$bmp")
-  tr -d '\r' <"$work/found" | grep -E '^(-?[0-9.]+ ){4}[0-9.]+$' >"$work/faces" || true
+  tr -d '\r' <"$work/out" | grep -E '^(-?[0-9.]+ ){4}[0-9.]+$' >"$work/faces" || true
   awk -v name="$photo $*" -v least_overlap="$least" -v width="$width" -v height="$height" '
     function least(a, b) { return a < b ? a : b }
     function most(a, b) { return a > b ? a : b }

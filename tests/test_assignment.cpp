@@ -1,13 +1,8 @@
 // The assignment against brute force and against a model in whole numbers, the overlap
 // score, the threshold and the match info.
-#include <gtest/gtest.h>
 #include <math.h>
-#include <string.h>
 
 #include <algorithm>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "support/buffers.h"
 #include "support/capture.h"
@@ -17,19 +12,14 @@
 
 namespace {
 
-using zyn_test::printed;
-using zyn_test::Random;
+using namespace zyn_test;
 
 using Pairs = std::vector<std::pair<int, int>>;
 
-constexpr const char* kPara = "Your input params are wrong!";
-constexpr const char* kMemory = "Allocating memory failure! ";
 constexpr const char* kUnknown = "Unknown error!";
 constexpr const char* kInfeasible = "infeasible cost matrix\n";
 
-std::string tracking_report(const char* message, int line) {
-  return zyn_test::report(message, "src/tracking/zyn_tracking.cpp", line);
-}
+constexpr Reports tracking_report{"src/tracking/zyn_tracking.cpp"};
 
 // Scores that are whole numbers, so that every sum is exact.
 struct Scores {
@@ -38,7 +28,7 @@ struct Scores {
   Scores(int r, int c, int largest, Random* random) : rows(r), cols(c) {
     for (int i = 0; i < r * c; i++) v.push_back(random->integer(-largest / 4, largest));
   }
-  int at(int r, int c) const { return v[static_cast<size_t>(r * cols + c)]; }
+  int at(int r, int c) const { return v[r * cols + c]; }
   Pairs solve() const {
     zyn_matrix* m = zyn_create_matrix(rows, cols, 1, ZYN_TYPE_F32);
     for (size_t i = 0; i < v.size(); i++)
@@ -167,7 +157,7 @@ double overlap(const zyn_detection& a, const zyn_detection& b) {
 
 TEST(Assignment, IsOptimalAndDecidesEqualCostsInOrder) {
   Random random(11);
-  const int cases = zyn_test::soak(20000, 100000);
+  const int cases = soak(20000, 100000);
   for (int i = 0; i < cases; i++) {
     // Small ranges are full of ties, large ones have none.
     const Scores s(random.integer(1, 6), random.integer(1, 6),
@@ -185,40 +175,35 @@ TEST(Assignment, IsOptimalAndDecidesEqualCostsInOrder) {
   }
 }
 
-TEST(Assignment, WithoutAPathSaysInfeasible) {
+TEST(Assignment, ColumnsWithoutANumberAreAvoidedAndWithoutAPathItSaysInfeasible) {
   const struct {
     const char* label;
     int rows, cols;
     float scores[6];
+    bool solved = false;
   } cases[] = {{"more rows than columns", 3, 2, {1, 2, 3, 4, 5, 6}},
                {"no number at all", 2, 3, {NAN, NAN, NAN, NAN, NAN, NAN}},
                {"a row without a number", 2, 3, {1, 2, 3, NAN, NAN, NAN}},
                {"a row of infinite costs", 2, 3, {1, 2, 3, -INFINITY, -INFINITY, -INFINITY}},
-               {"infinitely better than the rest", 2, 3, {INFINITY, 1, 2, 3, 4, 5}}};
+               {"infinitely better than the rest", 2, 3, {INFINITY, 1, 2, 3, 4, 5}},
+               {"a column without a number", 2, 3, {NAN, 1, 2, NAN, 5, 9}, true}};
   for (const auto& c : cases) {
     zyn_matrix* m = zyn_create_matrix(c.rows, c.cols, 1, ZYN_TYPE_F32);
     memcpy(m->data, c.scores, sizeof(c.scores));
-    int32_t columns[3] = {};
-    EXPECT_EQ(printed([&] { EXPECT_EQ(zyn_solve_assignment(m, columns), 256) << c.label; }),
-              kInfeasible);
+    int32_t columns[3] = {}, code = 0;
+    EXPECT_EQ(printed([&] { code = zyn_solve_assignment(m, columns); }),
+              c.solved ? "" : kInfeasible);
+    EXPECT_EQ(code, c.solved ? 0 : 256) << c.label;
+    if (c.solved) {
+      EXPECT_TRUE(columns[0] == 1 && columns[1] == 2);
+    }
     zyn_release_matrix(&m);
   }
 }
 
-TEST(Assignment, ColumnsWithoutANumberAreAvoided) {
-  zyn_matrix* m = zyn_create_matrix(2, 3, 1, ZYN_TYPE_F32);
-  const float values[6] = {NAN, 1, 2, NAN, 5, 9};
-  memcpy(m->data, values, sizeof(values));
-  int32_t columns[2];
-  EXPECT_EQ(zyn_solve_assignment(m, columns), 0);
-  EXPECT_EQ(columns[0], 1);
-  EXPECT_EQ(columns[1], 2);
-  zyn_release_matrix(&m);
-}
-
 TEST(Association, MatchesAreThePairsWhoseOverlapExceedsTheThreshold) {
   Random random(13);
-  for (int i = 0; i < zyn_test::soak(1000, 20000); i++) {
+  for (int i = 0; i < soak(1000, 20000); i++) {
     auto boxes = [&](int count) {
       Boxes result;
       for (int k = 0; k < count; k++) {
@@ -234,40 +219,45 @@ TEST(Association, MatchesAreThePairsWhoseOverlapExceedsTheThreshold) {
     // Every detection once, every track at most once, unmatched ascending.
     std::vector<int> seen(detections.size()), taken(tracks.size());
     for (auto [d, t] : info.matched()) {
-      ASSERT_EQ(seen[static_cast<size_t>(d)]++, 0);
-      ASSERT_EQ(taken[static_cast<size_t>(t)]++, 0);
-      ASSERT_GT(overlap(detections[static_cast<size_t>(d)], tracks[static_cast<size_t>(t)]),
-                threshold - 1e-5);
+      ASSERT_EQ(seen[d]++, 0);
+      ASSERT_EQ(taken[t]++, 0);
     }
     const std::vector<int> unmatched = info.unmatched();
     ASSERT_TRUE(std::is_sorted(unmatched.begin(), unmatched.end()));
-    for (int d : unmatched) ASSERT_EQ(seen[static_cast<size_t>(d)]++, 0);
+    for (int d : unmatched) ASSERT_EQ(seen[d]++, 0);
     ASSERT_EQ(info.matched().size() + unmatched.size(), detections.size());
-    // Without a threshold the total is the best possible one.
+    // Without a threshold the total is the best possible one; the threshold takes the
+    // pairs that do not exceed it away, and leaves the others in their order.
     double total = 0;
+    const Pairs some = info.matched();
+    auto next = some.begin();
     const Info all = associate(detections, tracks, -1);
-    for (auto [d, t] : all.matched())
-      total += overlap(detections[static_cast<size_t>(d)], tracks[static_cast<size_t>(t)]);
+    for (auto [d, t] : all.matched()) {
+      const double score = overlap(detections[d], tracks[t]);
+      total += score;
+      const bool kept = next != some.end() && *next == std::make_pair(d, t);
+      if (fabs(score - threshold) > 1e-5) {
+        ASSERT_EQ(kept, score > threshold);
+      }
+      if (kept) ++next;
+    }
+    ASSERT_EQ(next, some.end());
     Scores s(static_cast<int>(detections.size()), static_cast<int>(tracks.size()), 1, &random);
     for (int d = 0; d < s.rows; d++)
       for (int t = 0; t < s.cols; t++)
-        s.v[static_cast<size_t>(d * s.cols + t)] = static_cast<int>(
-            1e8 * overlap(detections[static_cast<size_t>(d)], tracks[static_cast<size_t>(t)]));
+        s.v[d * s.cols + t] = static_cast<int>(1e8 * overlap(detections[d], tracks[t]));
     ASSERT_NEAR(total, static_cast<double>(s.best()) * 1e-8, 1e-5);
   }
 }
 
 TEST(Association, BoxesAreEnlargedFiveTimes) {
   // Unit squares side by side: enlarged to 5 x 5, apart by `gap` they share 5 - 1 - gap.
-  for (float gap : {0.0f, 2.0f, 3.5f}) {
+  for (float gap : {0.0f, 3.5f}) {
     const Boxes a{{0, 0, 1, 1, 0}}, b{{1 + gap, 0, 2 + gap, 1, 0}};
     const float shared = (4 - gap) * 5, score = shared / (50 - shared);
     EXPECT_EQ(associate(a, b, score * 0.999f).matched().size(), 1u) << gap;
     EXPECT_EQ(associate(a, b, score * 1.001f).matched().size(), 0u) << gap;
   }
-  const Info apart = associate({{0, 0, 1, 1, 0}}, {{5, 0, 6, 1, 0}}, 0);
-  EXPECT_TRUE(apart.matched().empty());
-  EXPECT_EQ(apart.unmatched(), std::vector<int>{0});
 }
 
 TEST(Association, ScoreEqualToTheThresholdIsNoMatch) {
@@ -292,14 +282,6 @@ TEST(Association, MoreDetectionsThanTracksLeaveSomeUnmatched) {
   EXPECT_EQ(info.unmatched(), std::vector<int>{1});
 }
 
-TEST(Association, OfEqualDetectionsTheFirstGetsTheTrack) {
-  const Boxes same{{0, 0, 10, 10, 0}, {0, 0, 10, 10, 0}, {0, 0, 10, 10, 0}};
-  const Info one = associate(same, {same[0]}, 0.3f);
-  EXPECT_EQ(one.matched(), (Pairs{{0, 0}}));
-  EXPECT_EQ(one.unmatched(), (std::vector<int>{1, 2}));
-  EXPECT_EQ(associate({same[0]}, same, 0.3f).matched(), (Pairs{{0, 0}}));
-}
-
 TEST(Association, NullTracksAreLetThroughAndOverlapNothing) {
   const Boxes boxes{{-1, -1, 1, 1, 0}, {0, 0, 1, 1, 0}};
   const Info info(zyn_associate_detections_to_trackers(boxes.data(), 2, nullptr, 1, 0));
@@ -311,21 +293,21 @@ TEST(Association, NullTracksAreLetThroughAndOverlapNothing) {
 TEST(Association, RefusesMissingDetectionsAndZeroCounts) {
   const zyn_detection box{0, 0, 1, 1, 0};
   const std::string refused = tracking_report(kPara, 1196);
-  auto text = [&](const zyn_detection* detections, int detection_count, int track_count) {
-    return printed([&] {
-      EXPECT_EQ(
-          zyn_associate_detections_to_trackers(detections, detection_count, &box, track_count, 0),
-          nullptr);
-    });
-  };
-  EXPECT_EQ(text(nullptr, 1, 1), refused);
-  EXPECT_EQ(text(&box, 0, 1), refused);
-  EXPECT_EQ(text(&box, 1, 0), refused);
-  const std::string no_matrix =
-      zyn_test::report("parameters error!", "src/matrix/zyn_matrix_core.cpp", 43) +
-      tracking_report(kMemory, 1202);
-  EXPECT_EQ(text(&box, -1, 1), no_matrix);
-  EXPECT_EQ(text(&box, 1, -3), no_matrix);
+  const std::string no_matrix = report("parameters error!", "src/matrix/zyn_matrix_core.cpp", 43) +
+                                tracking_report(kMemory, 1202);
+  const struct {
+    const zyn_detection* detections;
+    int detection_count, track_count;
+    const std::string& text;
+  } cases[] = {{nullptr, 1, 1, refused},
+               {&box, 0, 1, refused},
+               {&box, 1, 0, refused},
+               {&box, -1, 1, no_matrix},
+               {&box, 1, -3, no_matrix}};
+  for (const auto& c : cases)
+    EXPECT_SAYS(zyn_associate_detections_to_trackers(c.detections, c.detection_count, &box,
+                                                     c.track_count, 0),
+                nullptr, c.text);
 }
 
 TEST(Association, ScoresThatAreNoNumbersGiveTwoMessages) {
@@ -343,16 +325,15 @@ TEST(Association, AnyFloatsAreTaken) {
   Random random(14);
   for (int i = 0; i < 600; i++) {
     auto boxes = [&](int count) {
-      Boxes result(static_cast<size_t>(count));
+      Boxes result(count);
       for (auto& b : result)
         for (float* x : {&b.x1, &b.y1, &b.x2, &b.y2, &b.score})
           *x = random.integer(0, 2) ? random.real(-50, 50) : special[random.integer(0, 8)];
       return result;
     };
     const Boxes detections = boxes(random.integer(1, 5)), tracks = boxes(random.integer(1, 5));
-    std::string text;
     bool made = false;
-    text = printed([&] {
+    const std::string text = printed([&] {
       const Info info = associate(detections, tracks, 0.1f);
       made = static_cast<bool>(info);
       if (!made) return;
@@ -366,7 +347,7 @@ TEST(Association, EveryAllocationMayFail) {
   const Boxes detections{{0, 0, 9, 9, 0}, {50, 0, 59, 9, 0}, {90, 0, 99, 9, 0}};
   const Boxes tracks{{51, 0, 60, 9, 0}, {1, 0, 10, 9, 0}};
   auto matrix = [](const char* message, int line) {
-    return zyn_test::report(message, "src/matrix/zyn_matrix_core.cpp", line);
+    return report(message, "src/matrix/zyn_matrix_core.cpp", line);
   };
   const std::string no_scores = tracking_report(kMemory, 1202);
   const std::string unsolved = tracking_report(kUnknown, 1222);
@@ -384,12 +365,11 @@ TEST(Association, EveryAllocationMayFail) {
                                        "",
                                        "",
                                        ""};  // the record and its arrays
-  const int64_t needed = zyn_test::for_each_failing_allocation([&](int64_t n, bool) {
+  const int64_t needed = for_each_failing_allocation([&](int64_t n, bool) {
     bool made = false;
     const std::string text =
         printed([&] { made = static_cast<bool>(associate(detections, tracks, 0)); });
-    const std::string want =
-        n <= static_cast<int64_t>(texts.size()) ? texts[static_cast<size_t>(n - 1)] : "";
+    const std::string want = n <= static_cast<int64_t>(texts.size()) ? texts[n - 1] : "";
     EXPECT_EQ(text, want);
     return made;
   });

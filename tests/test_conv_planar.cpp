@@ -1,19 +1,13 @@
 // The planar direct kernels on buffers that end at an inaccessible page: integers, so that
 // every order of summation gives the same, around every width and height that changes
 // what a kernel does.
-#include <gtest/gtest.h>
-
-#include <cmath>
-
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
-#include "support/conv_case.h"
 #include "support/failing.h"
+#include "support/reference.h"
 
 namespace {
 
-using zyn_test::conv_param;
-using zyn_test::PageEnd;
-using zyn_test::Random;
+using namespace zyn_test;
 
 zyn_tensor view(float* data, int w, int h, int c) {
   const int32_t dims[3] = {w, h, c};
@@ -26,35 +20,35 @@ zyn_tensor view(float* data, int w, int h, int c) {
 class Planar {
  public:
   Planar(const zyn_conv_param& p, int w, int h) : p_(p), w_(w), h_(h) {
-    ow_ = zyn_test::out_extent(w, p.kernel_h, p.stride_h, p.pad_h, p.dilation_h);
-    oh_ = zyn_test::out_extent(h, p.kernel_w, p.stride_w, p.pad_w, p.dilation_w);
+    ow_ = out_extent(w, p.kernel_h, p.stride_h, p.pad_h, p.dilation_h);
+    oh_ = out_extent(h, p.kernel_w, p.stride_w, p.pad_w, p.dilation_w);
   }
   Planar& out(int ow, int oh) { return ow_ = ow, oh_ = oh, *this; }
   Planar& activation(int code) { return activation_ = code, fused_ = true, *this; }
   Planar& seed(uint64_t s) { return seed_ = s, *this; }
 
   void check() {
-    SCOPED_TRACE(zyn_test::describe(p_, w_, h_) + " seed " + std::to_string(seed_));
+    SCOPED_TRACE(describe(p_, w_, h_) + " seed " + std::to_string(seed_));
     Random random(seed_);
-    const auto in = zyn_test::small_integers(random, size(p_.in_channels, w_, h_), 6);
-    const auto weights =
-        zyn_test::small_integers(random, static_cast<size_t>(zyn_test::weight_count(p_)), 4);
-    const auto bias = zyn_test::small_integers(random, size(p_.out_channels, 1, 1), 9);
-    PageEnd<float> input(in.size()), constant(weights.size()), biases(bias.size());
-    PageEnd<float> output(size(p_.out_channels, ow_, oh_));
-    std::copy(in.begin(), in.end(), input.data());
-    std::copy(weights.begin(), weights.end(), constant.data());
+    Array in({w_, h_, p_.in_channels}), weights({weight_count(p_)});
+    in.v = small_integers(random, in.v.size(), 6);
+    weights.v = small_integers(random, weights.v.size(), 4);
+    const size_t channels = static_cast<size_t>(p_.out_channels);
+    const auto bias = small_integers(random, channels, 9);
+    const Array expected = reference_conv(in, weights, p_, false, ow_, oh_);
+    PageEnd<float> input(in.v.size()), constant(weights.v.size()), biases(channels);
+    PageEnd<float> output(expected.v.size());
+    std::copy(in.v.begin(), in.v.end(), input.data());
+    std::copy(weights.v.begin(), weights.v.end(), constant.data());
     std::copy(bias.begin(), bias.end(), biases.data());
     const zyn_tensor from = view(input.data(), w_, h_, p_.in_channels);
     zyn_tensor to = view(output.data(), ow_, oh_, p_.out_channels);
     const zyn_conv_epilogue epilogue = {biases.data(), activation_};
     for (int round = 0; round < 2; round++) {  // what an earlier run left does not count
       ASSERT_EQ(run(&to, &from, constant.data(), fused_ ? &epilogue : nullptr), 0u);
-      const auto expected = zyn_test::plain_convolution(in, w_, h_, weights, p_, ow_, oh_);
-      for (size_t i = 0; i < expected.size(); i++) {
+      for (size_t i = 0; i < expected.v.size(); i++) {
         const size_t channel = i / static_cast<size_t>(ow_ * oh_);
-        const double y =
-            zyn_test::activate(expected[i] + (fused_ ? bias[channel] : 0), activation_);
+        const double y = activate(expected.v[i] + (fused_ ? bias[channel] : 0), activation_);
         ASSERT_NEAR(static_cast<double>(output[i]), y, activation_ > 1 ? std::fabs(y) * 3e-7 : 0)
             << "element " << i << " of " << ow_ << "x" << oh_;
       }
@@ -62,14 +56,13 @@ class Planar {
   }
   uint32_t run(zyn_tensor* to, const zyn_tensor* from, const float* constant,
                const zyn_conv_epilogue* epilogue) const {
-    if (zyn_test::is_depthwise(p_)) return zyn_cg_dwconv_planar(to, from, constant, &p_, epilogue);
+    if (is_depthwise(p_)) return zyn_cg_dwconv_planar(to, from, constant, &p_, epilogue);
     return p_.kernel_h == 1 && p_.kernel_w == 1
                ? zyn_cg_conv1x1_planar(to, from, constant, &p_, epilogue)
                : zyn_cg_conv_planar(to, from, constant, &p_, epilogue);
   }
 
  private:
-  static size_t size(int c, int w, int h) { return static_cast<size_t>(c) * w * h; }
   zyn_conv_param p_;
   int w_, h_, ow_, oh_;
   int activation_ = ZYN_EPILOGUE_NONE;
@@ -83,20 +76,13 @@ TEST(ConvPlanar, FixedKernelsOnEveryWidthAndHeight) {
   uint64_t seed = 1;
   for (int kernel : {3, 5})
     for (int stride : {1, 2})
-      for (int h = 1; h <= 13; h++)
+      for (int h = 1; h <= 13; h++)  // six rows take the ring, five the small-image kernel
         for (int w : kWidths) {
           const int pad = kernel / 2;
           Planar(conv_param(3, 3, kernel, stride, pad, 3), w, h).seed(seed++).check();
-          Planar(conv_param(2, 1 + w % 5, kernel, stride, pad), w, h).seed(seed++).check();
+          Planar(conv_param(1 + h % 4, 1 + w % 7, kernel, stride, pad), w, h).seed(seed++).check();
           if (HasFatalFailure()) return;
         }
-}
-
-TEST(ConvPlanar, SixRowsTakeTheRingAndFiveTheSmallImageKernelWithTheSameResult) {
-  for (int h = 1; h <= 11; h++)
-    for (int out : {1, 2, 3, 7})
-      for (int in : {1, 4})
-        Planar(conv_param(in, out, 3, 1, 1), 13, h).seed(static_cast<uint64_t>(h)).check();
 }
 
 TEST(ConvPlanar, PointwiseOverEveryPixelAndChannelRemainder) {
@@ -112,7 +98,7 @@ TEST(ConvPlanar, PointwiseOverEveryPixelAndChannelRemainder) {
 TEST(ConvPlanar, AnyPaddingStrideAndDilationIsTheStraightforwardConvolution) {
   Random random(11);
   for (int i = 0; i < 1500; i++) {
-    const zyn_test::AnyLayer l = zyn_test::any_layer(random);
+    const AnyLayer l = any_layer(random);
     Planar(l.p, l.w, l.h).seed(random.next()).check();
     if (HasFatalFailure()) return;
   }
@@ -150,19 +136,16 @@ TEST(ConvPlanar, EpilogueFollowsEveryKernel) {
 TEST(ConvPlanar, MissingArgumentsAndOtherChannelCountsAreRefused) {
   for (int kernel : {1, 3})
     for (int groups : {1, 4}) {
-      const zyn_conv_param p = conv_param(4, 4, kernel, 1, kernel / 2, groups);
+      const Planar layer(conv_param(4, 4, kernel, 1, kernel / 2, groups), 5, 6);
       std::vector<float> data(4 * 4 * 30, 7.0f), weights(200);
-      zyn_tensor in = view(data.data(), 5, 6, 4), out = view(data.data(), 5, 6, 4);
-      zyn_tensor empty = in, three = view(data.data(), 5, 6, 3);
+      zyn_tensor sound = view(data.data(), 5, 6, 4), three = view(data.data(), 5, 6, 3);
+      zyn_tensor empty = sound;
       empty.data = nullptr;
-      const Planar layer(p, 5, 6);
-      EXPECT_EQ(layer.run(nullptr, &in, weights.data(), nullptr), 1u);
-      EXPECT_EQ(layer.run(&out, nullptr, weights.data(), nullptr), 1u);
-      EXPECT_EQ(layer.run(&out, &in, nullptr, nullptr), 1u);
-      EXPECT_EQ(layer.run(&empty, &in, weights.data(), nullptr), 1u);
-      EXPECT_EQ(layer.run(&out, &empty, weights.data(), nullptr), 1u);
-      EXPECT_EQ(layer.run(&three, &in, weights.data(), nullptr), 1u);
-      EXPECT_EQ(layer.run(&out, &three, weights.data(), nullptr), 1u);
+      EXPECT_EQ(layer.run(&sound, &sound, nullptr, nullptr), 1u);
+      for (zyn_tensor* bad : {static_cast<zyn_tensor*>(nullptr), &empty, &three}) {
+        EXPECT_EQ(layer.run(bad, &sound, weights.data(), nullptr), 1u);
+        EXPECT_EQ(layer.run(&sound, bad, weights.data(), nullptr), 1u);
+      }
       for (float v : data) ASSERT_EQ(v, 7.0f);
     }
 }
@@ -171,13 +154,13 @@ TEST(ConvPlanar, CopiedRowsWithoutMemoryAnswerTwo) {
   for (int h : {4, 8})
     for (int stride : {1, 2})
       for (int groups : {1, 2}) {
-        const zyn_conv_param p = conv_param(2, 2, 3, stride, groups == 1 ? 1 : 0, groups);
+        const int pad = groups == 1 ? 1 : 0;
+        const zyn_conv_param p = conv_param(2, 2, 3, stride, pad, groups);
         std::vector<float> in_data(2 * 9 * 8, 1.0f), out_data(2 * 9 * 8), weights(36, 1.0f);
         const zyn_tensor in = view(in_data.data(), 9, h, 2);
-        const int pad = groups == 1 ? 1 : 0;
-        zyn_tensor out = view(out_data.data(), zyn_test::out_extent(9, 3, stride, pad, 1),
-                              zyn_test::out_extent(h, 3, stride, pad, 1), 2);
-        const int64_t needed = zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+        zyn_tensor out = view(out_data.data(), out_extent(9, 3, stride, pad, 1),
+                              out_extent(h, 3, stride, pad, 1), 2);
+        const int64_t needed = for_each_failing_allocation([&](int64_t, bool) {
           const uint32_t code = Planar(p, 9, h).run(&out, &in, weights.data(), nullptr);
           EXPECT_TRUE(code == 0 || code == 2) << code;
           return code == 0;
@@ -199,9 +182,9 @@ TEST(ConvPlanar, PassesOverAFinishedOutput) {
     for (int groups : {1, 3})
       for (int w : {1, 7, 8, 19}) {
         const zyn_conv_param p = conv_param(3, 3, 2, 1, 0, groups);
-        const auto values = zyn_test::small_integers(random, static_cast<size_t>(9 * w), 5);
-        const auto bias = zyn_test::small_integers(random, 3, 5);
-        const size_t weights = static_cast<size_t>(zyn_test::weight_count(p));
+        const auto values = small_integers(random, static_cast<size_t>(9 * w), 5);
+        const auto bias = small_integers(random, 3, 5);
+        const size_t weights = static_cast<size_t>(weight_count(p));
         PageEnd<float> data(values.size()), other(values.size()), constant(weights + 3);
         std::copy(values.begin(), values.end(), data.data());
         std::fill(constant.begin(), constant.end(), 100.0f);
@@ -214,7 +197,7 @@ TEST(ConvPlanar, PassesOverAFinishedOutput) {
         ASSERT_EQ(pass.pass(&in, &in, constant.data(), &p), 0u);
         for (size_t i = 0; i < values.size(); i++) {
           const double sum = values[i] + bias[i / static_cast<size_t>(3 * w)];
-          ASSERT_NEAR(static_cast<double>(other[i]), zyn_test::activate(sum, pass.activation),
+          ASSERT_NEAR(static_cast<double>(other[i]), activate(sum, pass.activation),
                       pass.activation > 1 ? 3e-6 : 0);
           ASSERT_EQ(data[i], other[i]);
         }

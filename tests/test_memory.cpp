@@ -1,16 +1,12 @@
 // The counted allocator and the growable array.
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <string>
 #include <vector>
 
 #include "base/zyn_darray.h"
-#include "base/zyn_memory.h"
 #include "support/failing.h"
 
 namespace {
+
+using namespace zyn_test;
 
 uint64_t in_use() { return zyn_get_current_memory_size_occupation(); }
 
@@ -58,15 +54,6 @@ TEST(Memory, SizesThatCannotBeAreRefused) {
   zyn_set_system_allocator(&before);
 }
 
-TEST(Memory, ZeroedMemoryIsZero) {
-  void* used = zyn_malloc(4000);
-  memset(used, 0xFF, 4000);
-  zyn_free(used);
-  auto* bytes = static_cast<uint8_t*>(zyn_calloc(1000, 4));
-  for (int i = 0; i < 4000; i++) ASSERT_EQ(bytes[i], 0) << i;
-  zyn_free(bytes);
-}
-
 TEST(Memory, GrowingKeepsContentAndNeverShrinks) {
   auto* block = static_cast<uint8_t*>(zyn_grow(nullptr, 64));
   for (int i = 0; i < 64; i++) block[i] = static_cast<uint8_t>(i);
@@ -76,7 +63,7 @@ TEST(Memory, GrowingKeepsContentAndNeverShrinks) {
   EXPECT_EQ(zyn_grow(block, -1), block);
   EXPECT_EQ(in_use(), before);
   {
-    zyn_test::FailingAllocations failing(1);
+    FailingAllocations failing(1);
     EXPECT_EQ(zyn_grow(block, 65), nullptr);
   }
   EXPECT_EQ(in_use(), before);
@@ -96,7 +83,7 @@ TEST(Array, RoomDoublesFromEightAndAFailedPushChangesNothing) {
   for (int i = 0; i < 100; i++) {
     if (array->count == array->capacity) {
       const zyn_darray copy = *array;
-      zyn_test::FailingAllocations failing(1);
+      FailingAllocations failing(1);
       EXPECT_EQ(zyn_darray_push(array, element), 2);
       EXPECT_EQ(memcmp(&copy, array, sizeof(copy)), 0);
     }
@@ -110,7 +97,7 @@ TEST(Array, RoomDoublesFromEightAndAFailedPushChangesNothing) {
   EXPECT_EQ(zyn_release_darray(&array), 1);
   EXPECT_EQ(zyn_release_darray(nullptr), 1);
   EXPECT_EQ(zyn_create_darray(nullptr), nullptr);
-  zyn_test::FailingAllocations failing(1);
+  FailingAllocations failing(1);
   EXPECT_EQ(zyn_create_darray(&type), nullptr);
 }
 

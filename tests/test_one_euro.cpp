@@ -1,6 +1,4 @@
-// The one-euro filter: each step against the formulas in long double, and what a sequence
-// of steps does to a signal.
-#include <gtest/gtest.h>
+// The one-euro filter: each step against the formulas in long double.
 #include <math.h>
 
 #include "support/buffers.h"
@@ -13,7 +11,7 @@ TEST(OneEuro, EveryStepFollowsTheFormulas) {
   for (int i = 0; i < 20000; i++) {
     const zyn_one_euro_param p = {random.real(0.005f, 0.2f), random.real(0.1f, 5),
                                   random.real(0.05f, 5), random.real(0, 0.1f)};
-    const float x = random.real(-500, 500), last = random.real(-500, 500);
+    const float x = random.real(-500, 500), last = i % 10 ? random.real(-500, 500) : x;
     const float last_derivative = random.real(-100, 100);
     float derivative = NAN;
     const float value = zyn_one_euro_filter_v2(x, last, last_derivative, &p, &derivative);
@@ -41,22 +39,6 @@ TEST(OneEuro, TwoPiHasSevenDecimals) {
   EXPECT_EQ(derivative, r / (r + 1) * 128);
   const float pi = 6.283185482025146f * 0x1p-17f;
   EXPECT_NE(derivative, pi / (pi + 1) * 128);
-}
-
-TEST(OneEuro, RestStaysAtRestAndSpeedOpensTheFilter) {
-  const zyn_one_euro_param slow = {1 / 30.0f, 1, 1, 0}, quick = {1 / 30.0f, 1, 1, 10};
-  float derivative = NAN;
-  EXPECT_EQ(zyn_one_euro_filter_v2(7.5f, 7.5f, 0, &slow, &derivative), 7.5f);
-  EXPECT_EQ(derivative, 0.0f);
-  float lagging = 0, following = 0, slow_speed = 0, quick_speed = 0;
-  for (int i = 1; i <= 60; i++) {
-    const float x = static_cast<float>(4 * i);
-    lagging = zyn_one_euro_filter_v2(x, lagging, slow_speed, &slow, &slow_speed);
-    following = zyn_one_euro_filter_v2(x, following, quick_speed, &quick, &quick_speed);
-  }
-  EXPECT_LT(lagging, 225);
-  EXPECT_NEAR(following, 240, 0.1);
-  EXPECT_NEAR(quick_speed, 120, 2);
 }
 
 }  // namespace

@@ -2,9 +2,7 @@
 // the formulas in double precision, with inputs in every channel order.
 #include "support/model.h"
 
-using zyn_test::kConvTypes;
-using zyn_test::kOperatorTypes;
-using zyn_test::Model;
+using namespace zyn_test;
 
 namespace {
 
@@ -31,28 +29,22 @@ TEST_P(EveryType, FollowsItsFormulaInEveryChannelOrder) {
 INSTANTIATE_TEST_SUITE_P(Ops, EveryType, ::testing::ValuesIn(kOperatorTypes),
                          [](const auto& info) { return "Type" + std::to_string(info.param); });
 
-// Methods 0 to 2 in turn: under method 1 the convolutions leave blocked tensors.
-void check_convolutions(uint32_t method) {
-  for (int type : kConvTypes)
-    for (uint64_t seed = 0; seed < 40; seed++) {
-      SCOPED_TRACE("type " + std::to_string(type) + ", seed " + std::to_string(seed));
-      Model model(seed * 31 + method);
-      model.layout = seed % 2 ? -1 : 0;
-      model.method(method);
-      model.add(type);
-      ASSERT_EQ(model.net.go(), 0);
-      model.evaluate();
-      model.check(1e-5);
-      if (::testing::Test::HasFatalFailure()) return;
-    }
-}
-
+// Under method 1 the convolutions leave blocked tensors.
 TEST(Ops, ConvolutionsUnderEveryMethodAndChannelOrder) {
-  for (uint32_t method : {0u, 1u, 2u}) {
-    SCOPED_TRACE("method " + std::to_string(method));
-    check_convolutions(method);
-    if (HasFatalFailure()) return;
-  }
+  for (uint32_t method : {0u, 1u, 2u})
+    for (int type : kConvTypes)
+      for (uint64_t seed = 0; seed < 40; seed++) {
+        SCOPED_TRACE(testing::Message()
+                     << "method " << method << ", type " << type << ", seed " << seed);
+        Model model(seed * 31 + method);
+        model.layout = seed % 2 ? -1 : 0;
+        model.method(method);
+        model.add(type);
+        ASSERT_EQ(model.net.go(), 0);
+        model.evaluate();
+        model.check(1e-5);
+        if (HasFatalFailure()) return;
+      }
 }
 
 TEST(Ops, RandomGraphsAgreeWithTheirReference) {

@@ -1,22 +1,17 @@
 // Prior boxes and the decoding of locations, against the definitions in double
 // precision.
-#include <gtest/gtest.h>
 #include <math.h>
-#include <stdlib.h>
 
 #include <algorithm>
-#include <string>
 #include <vector>
 
-#include "base/zyn_memory.h"
 #include "support/buffers.h"
 #include "support/capture.h"
-#include "zyncore.h"
+#include "support/ledger.h"
 
 namespace {
 
-using zyn_test::PageEnd;
-using zyn_test::Random;
+using namespace zyn_test;
 
 struct Input {
   uint32_t width, height;
@@ -48,7 +43,7 @@ std::vector<double> expected_priors(const Input& input, bool transposed) {
     }
     for (int j = 0; j < rows; j++)
       for (int i = 0; i < columns; i++)
-        for (int size : sizes[static_cast<size_t>(level)])
+        for (int size : sizes[level])
           for (double v :
                {(i + 0.5) / (w / shrink_x), (j + 0.5) / (h / shrink_y), size / w, size / h})
             values.push_back(clamped(v));
@@ -77,16 +72,6 @@ TEST(Priors, EveryInputSizeAndItsTurnedForm) {
     }
 }
 
-TEST(Priors, AnInputOf320By240Has4420) {
-  zyn_tensor* priors = zyn_generate_priors(240, 320, 0);
-  ASSERT_NE(priors, nullptr);
-  EXPECT_EQ(priors->dims[1], 4420);
-  const auto* first = static_cast<const float*>(priors->data);
-  const float expected[4] = {0.0125f, 0.5f / 30, 10.0f / 320, 10.0f / 240};
-  for (int i = 0; i < 4; i++) EXPECT_FLOAT_EQ(first[i], expected[i]) << i;
-  zyn_release_tensor(&priors);
-}
-
 TEST(Priors, SizesWithoutAPixelDoNotFault) {
   for (uint32_t side : {0u, 1u, 0xFFFFFFFFu}) {
     zyn_tensor* priors = zyn_generate_priors(side, side, 1);
@@ -96,37 +81,14 @@ TEST(Priors, SizesWithoutAPixelDoNotFault) {
   }
 }
 
-// Fails the n-th allocation and remembers the block before it, so that a test can give
-// back what the library loses on purpose.
-struct Remembering {
-  static inline int left;
-  static inline uint8_t* last;
-  static void* allocate(size_t bytes) {
-    if (--left == 0) return nullptr;
-    return last = static_cast<uint8_t*>(malloc(bytes));
-  }
-  // The library's block starts at the first multiple of 32 behind its two header words.
-  static void free_last() {
-    uint8_t* block = last + 16;
-    while (reinterpret_cast<uintptr_t>(block) % 32) block++;
-    zyn_free(block);
-  }
-};
-
 TEST(Priors, WithoutMemoryForTheDataTheHeaderIsLostOnPurpose) {
-  const std::string memory = "Allocating memory failure! ", path = "src/matrix/zyn_tensor.cpp";
-  const zyn_system_allocator failing = {Remembering::allocate, free};
   for (int n : {1, 2}) {
     const uint64_t before = zyn_get_current_memory_size_occupation();
-    Remembering::left = n;
-    const std::string text = zyn_test::printed([&] {
-      const zyn_system_allocator own = zyn_set_system_allocator(&failing);
-      EXPECT_EQ(zyn_generate_priors(96, 128, 0), nullptr);
-      zyn_set_system_allocator(&own);
-    });
-    EXPECT_EQ(text, zyn_test::report(memory, path, n == 1 ? 53 : 123));
+    Ledger ledger;
+    Ledger::fail(n, false);
+    const std::string text = printed([] { EXPECT_EQ(zyn_generate_priors(96, 128, 0), nullptr); });
+    EXPECT_EQ(text, report(kMemory, "src/matrix/zyn_tensor.cpp", n == 1 ? 53 : 123));
     EXPECT_EQ(zyn_get_current_memory_size_occupation() - before, n == 1 ? 0 : sizeof(zyn_tensor));
-    if (n == 2) Remembering::free_last();
   }
 }
 
@@ -163,17 +125,6 @@ TEST(Priors, DecodingFollowsTheFormulas) {
         ASSERT_NEAR(boxes[i + k], expected, 1e-6 * std::max(1.0, std::fabs(expected))) << i + k;
       }
   }
-}
-
-TEST(Priors, ZeroOffsetsGiveThePriors) {
-  zyn_tensor* priors = zyn_generate_priors(120, 160, 0);
-  ASSERT_NE(priors, nullptr);
-  const auto* values = static_cast<const float*>(priors->data);
-  const std::vector<float> zeros(static_cast<size_t>(priors->count), 0.0f);
-  std::vector<float> boxes(zeros.size());
-  zyn_convert_locations_to_boxes(boxes.data(), zeros.data(), values, priors->dims[1], 0.1f, 0.2f);
-  EXPECT_TRUE(std::equal(boxes.begin(), boxes.end(), values));
-  zyn_release_tensor(&priors);
 }
 
 TEST(Priors, ACountBelowOneDoesNothing) {

@@ -1,7 +1,6 @@
-// The message table and the report format.
+// The message table.
 #include <gtest/gtest.h>
 
-#include "support/capture.h"
 #include "zyncore.h"
 
 namespace {
@@ -21,14 +20,6 @@ TEST(Report, TableHoldsTheTextsByteForByte) {
                                     "Data not found!",
                                     "Faled to lock thread"};
   for (int i = 0; i < 13; i++) EXPECT_STREQ(zyn_error_string[i], expected[i]) << i;
-}
-
-TEST(Report, GraphReportBreaksTheFirstLineAfterItsMessage) {
-  const std::string text =
-      zyn_test::printed([] { EXPECT_EQ(zyn_computation_graph_inference(nullptr), 1); });
-  EXPECT_EQ(text,
-            "Error occurred: Params Error!\n \nError position:\n"
-            "File:src/cg/cpu/zyn_cg_core.cpp:741\n");
 }
 
 }  // namespace

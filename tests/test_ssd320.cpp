@@ -1,16 +1,11 @@
 // The trained detector as the example builds it: raw outputs and faces from given input
 // tensors. Needs the folder in ZYN_MODEL_DIR.
-#include <gtest/gtest.h>
 #include <math.h>
 #include <stdio.h>
 
-#include <algorithm>
 #include <deque>
-#include <string>
-#include <vector>
 
 #include "../examples/ssd320.h"
-#include "support/capture.h"
 #include "support/conv_case.h"
 #include "support/net.h"
 
@@ -18,8 +13,7 @@ namespace {
 
 using ssd320::Detector;
 using ssd320::Tensor;
-using zyn_test::Array;
-using zyn_test::Net;
+using namespace zyn_test;
 
 constexpr uint32_t kMethods[] = {0, 1, 2};
 
@@ -84,7 +78,7 @@ void check_photo(Detector* detector, const std::string& photo) {
 }
 
 TEST(Ssd320, OutputsAndFacesFromTheGivenInput) {
-  const std::string folder = zyn_test::model_dir();
+  const std::string folder = model_dir();
   if (folder.empty()) return;
   for (uint32_t method : kMethods) {
     SCOPED_TRACE("method " + std::to_string(method));
@@ -119,18 +113,16 @@ struct PlainDetector {
     const ssd320::Block* block = ssd320::kBlocks;
     for (const ssd320::Convolution& c : ssd320::convolutions()) {
       const bool spatial = c.kernel == 3;  // each block has one such convolution
-      zyn_conv_param p = zyn_test::conv_param(
-          static_cast<int>(c.in_channels), static_cast<int>(c.out_channels),
-          static_cast<int>(c.kernel), spatial ? static_cast<int>((block++)->stride) : 1,
-          spatial ? 1 : 0, static_cast<int>(c.groups));
+      zyn_conv_param p =
+          conv_param(static_cast<int>(c.in_channels), static_cast<int>(c.out_channels),
+                     static_cast<int>(c.kernel), spatial ? static_cast<int>((block++)->stride) : 1,
+                     spatial ? 1 : 0, static_cast<int>(c.groups));
       p.bias = c.normalised ? 0 : 1;
       const int type = !spatial       ? ZYN_OP_CONV_POINTWISE
                        : c.groups > 1 ? ZYN_OP_CONV_DEPTHWISE
                                       : ZYN_OP_CONV;
       const int table_node = static_cast<int>(last.size());
-      int node = net.op(
-          type, p,
-          {last[static_cast<size_t>(c.from)], constant(c.normalised ? c.weights() : c.words())});
+      int node = net.op(type, p, {last[c.from], constant(c.normalised ? c.weights() : c.words())});
       if (c.normalised)
         node = net.op(table_node % 2 ? ZYN_OP_BATCH_NORM : ZYN_OP_BATCH_NORM_FAST,
                       zyn_bn_param{1e-5f, 0}, {node, constant(c.words() - c.weights())});
@@ -159,8 +151,8 @@ struct PlainDetector {
     for (const int32_t head : heads) {
       const auto channels =
           static_cast<int32_t>(ssd320::convolutions()[static_cast<size_t>(head) - 1].out_channels);
-      const int columns = net.op(ZYN_OP_RESHAPE, zyn_reshape_param{3, {1, -1, channels}},
-                                 {last[static_cast<size_t>(head)]});
+      const int columns =
+          net.op(ZYN_OP_RESHAPE, zyn_reshape_param{3, {1, -1, channels}}, {last[head]});
       std::vector<int32_t> planes;
       for (int32_t c = 0; c < channels; c++) {
         lists_.push_back({c});
@@ -177,7 +169,7 @@ struct PlainDetector {
 };
 
 TEST(Ssd320, PlainNodesGiveTheSameOutputsInOneTensorEach) {
-  const std::string folder = zyn_test::model_dir();
+  const std::string folder = model_dir();
   if (folder.empty()) return;
   std::vector<float> words(264732);
   ASSERT_EQ(zyn_cg_load_model(words.data(), static_cast<int32_t>(words.size()),

@@ -1,11 +1,6 @@
-// The clock and the directory lister.
-#include <gtest/gtest.h>
-
-#include <chrono>
+// The directory lister.
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <thread>
 #include <vector>
 
 #include "base/zyn_darray.h"
@@ -14,26 +9,15 @@
 
 namespace {
 
+using namespace zyn_test;
+
 namespace fs = std::filesystem;
 using Names = std::vector<std::string>;
-
-TEST(Clock, CountsMilliseconds) {
-  // The shortest of three tries: another process may come between.
-  double shortest = 1e9;
-  for (int k = 0; k < 3; k++) {
-    const double first = zyn_get_current_system_time();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    const double elapsed = zyn_get_current_system_time() - first;
-    if (elapsed < shortest) shortest = elapsed;
-  }
-  EXPECT_GE(shortest, 19.0);
-  EXPECT_LT(shortest, 100.0);
-}
 
 class Lister : public ::testing::Test {
  protected:
   void SetUp() override {
-    folder = zyn_test::temp_path("list");
+    folder = temp_path("list");
     fs::create_directories(folder + "/sub.bmp/inner.bmp");
     for (const char* name : {"b.bmp", "a.BMP", "c.txt", "noextension"})
       std::ofstream(folder + "/" + name) << "x";
@@ -47,7 +31,7 @@ class Lister : public ::testing::Test {
   // Lists into fresh array; what is printed goes to text.
   Names list(const std::string& directory, const char* pattern) {
     zyn_darray* array = zyn_create_darray(&zyn_darray_str_type);
-    text = zyn_test::printed(
+    text = printed(
         [&] { code = zyn_get_specfic_files_for_given_dir(array, directory.c_str(), pattern); });
     Names names;
     for (int64_t i = 0; i < array->count; i++) names.push_back(static_cast<char**>(array->data)[i]);
@@ -111,11 +95,10 @@ TEST_F(Lister, NamesTooLongForTheirBufferAreLeftOut) {
 }
 
 TEST_F(Lister, FailedAllocationsLeaveNothing) {
-  zyn_test::for_each_failing_allocation([&](int64_t, bool) {
+  for_each_failing_allocation([&](int64_t, bool) {
     const uint64_t used = zyn_get_current_memory_size_occupation();
     zyn_darray list = {0, 0, zyn_darray_str_type, nullptr};
-    zyn_test::printed(
-        [&] { code = zyn_get_specfic_files_for_given_dir(&list, folder.c_str(), "*.bmp"); });
+    printed([&] { code = zyn_get_specfic_files_for_given_dir(&list, folder.c_str(), "*.bmp"); });
     EXPECT_EQ(fs::current_path(), before);
     const int64_t count = list.count;
     for (int64_t i = 0; i < count; i++)

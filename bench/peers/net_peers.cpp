@@ -6,10 +6,7 @@
 // The layer file only supplies the work count (OpenCV's own count is wrong for
 // depthwise layers). With a subject, its network is NAME under each of the methods, measured
 // in turn.
-#include <opencv2/core.hpp>
-#include <opencv2/dnn.hpp>
-
-#include "common.h"
+#include "opencv_layer.h"
 #include "subject.h"
 
 using namespace peers;
@@ -29,19 +26,7 @@ cv::dnn::Net network_of_layers(const std::vector<Layer>& layers) {
     fill(w, kWeights);
     fill(b, kBias);
     for (size_t k = 0; k < w.n; k++) w[k] *= std::sqrt(24.0f / l.k_len());
-    const int shape[] = {l.out_c, l.in_c / l.groups, l.k, l.k};
-    cv::dnn::LayerParams p, relu;
-    p.set("kernel_h", l.k);
-    p.set("kernel_w", l.k);
-    p.set("stride_h", l.stride);
-    p.set("stride_w", l.stride);
-    p.set("pad_h", l.pad);
-    p.set("pad_w", l.pad);
-    p.set("num_output", l.out_c);
-    p.set("group", l.groups);
-    p.set("bias_term", true);
-    p.blobs.push_back(cv::Mat(4, shape, CV_32F, w.p).clone());
-    p.blobs.push_back(cv::Mat(1, l.out_c, CV_32F, b.p).clone());
+    cv::dnn::LayerParams p = opencv_convolution(l, w.p, b.p), relu;
     const std::string name = std::to_string(i);
     const int conv = net.addLayer("c" + name, "Convolution", p);
     net.connect(from, 0, conv, 0);

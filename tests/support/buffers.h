@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <stdint.h>
+#include <stdlib.h>
 #include <string.h>
 #ifdef _WIN32
 #include <windows.h>
@@ -96,5 +97,11 @@ class Random {
  private:
   uint64_t state_;
 };
+
+// ZYN_SOAK=1 asks for the full number of random cases instead of a part of them.
+inline int soak(int quick, int full) {
+  const char* text = getenv("ZYN_SOAK");
+  return text && *text && *text != '0' ? full : quick;
+}
 
 }  // namespace zyn_test

@@ -24,6 +24,17 @@ class Capture {
 // The report of a site, as one text.
 std::string report(const std::string& message, const std::string& path, int line);
 
+// The reports of one source file.
+struct Reports {
+  const char* path;
+  std::string operator()(const std::string& message, int line) const {
+    return report(message, path, line);
+  }
+};
+constexpr const char* kPara = "Your input params are wrong!";
+constexpr const char* kMemory = "Allocating memory failure! ";
+constexpr const char* kSupport = "Current version can not support!";
+
 // Runs action and returns what it printed.
 template <typename Action>
 std::string printed(Action action) {
@@ -31,6 +42,10 @@ std::string printed(Action action) {
   action();
   return capture.text();
 }
+
+// Expects what a call answers and what it prints.
+#define EXPECT_SAYS(call, code, text) \
+  EXPECT_EQ(zyn_test::printed([&] { EXPECT_EQ(call, code); }), text)
 
 // A path in a folder for temporary files, with forward slashes.
 std::string temp_path(const std::string& name);

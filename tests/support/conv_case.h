@@ -1,5 +1,4 @@
-// Convolution records and a plain convolution in double precision, tap by tap from the
-// definition: what every test of convolution layers compares with.
+// Convolution records, sizes and data for the tests of convolution layers.
 #pragma once
 
 #include <algorithm>
@@ -42,31 +41,6 @@ inline std::string describe(const zyn_conv_param& p, int w, int h) {
          pair("kernel", p.kernel_h, p.kernel_w) + pair("stride", p.stride_h, p.stride_w) +
          pair("pad", p.pad_h, p.pad_w) + pair("dilation", p.dilation_h, p.dilation_w) + " bias " +
          std::to_string(p.bias);
-}
-
-// Planes in, planes out; the first member of every pair belongs to the row direction.
-// Groups other than dense and depthwise give zeros.
-inline std::vector<double> plain_convolution(const std::vector<double>& in, int w, int h,
-                                             const std::vector<double>& weights,
-                                             const zyn_conv_param& p, int ow, int oh) {
-  std::vector<double> out(static_cast<size_t>(p.out_channels) * ow * oh, 0.0);
-  const int inputs = is_depthwise(p) ? 1 : p.in_channels;
-  for (int oc = 0; oc < p.out_channels && has_kernel(p); oc++)
-    for (int k = 0; k < inputs; k++)
-      for (int r = 0; r < p.kernel_w; r++)
-        for (int c = 0; c < p.kernel_h; c++) {
-          const double tap =
-              weights[static_cast<size_t>(((oc * inputs + k) * p.kernel_w + r) * p.kernel_h + c)];
-          const double* plane = in.data() + (is_depthwise(p) ? oc : k) * w * h;
-          for (int y = 0; y < oh; y++)
-            for (int x = 0; x < ow; x++) {
-              const int iy = y * p.stride_w - p.pad_w + r * p.dilation_w;
-              const int ix = x * p.stride_h - p.pad_h + c * p.dilation_h;
-              if (iy >= 0 && iy < h && ix >= 0 && ix < w)
-                out[static_cast<size_t>((oc * oh + y) * ow + x)] += tap * plane[iy * w + ix];
-            }
-        }
-  return out;
 }
 
 // What an activation code does to a sum with its bias.

@@ -1,9 +1,13 @@
-// Makes library allocations fail: the n-th one, once or from there on.
+// Makes library allocations fail: the n-th one, once or from there on. Memory that comes
+// is full of rubbish.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <stdlib.h>
+#include <string.h>
+
+#include <string>
 
 #include "base/zyn_memory.h"
 
@@ -13,16 +17,27 @@ class FailingAllocations {
  public:
   // The n-th allocation from now on (1 is the next) fails; persistent: all later ones
   // too. n = 0 only counts.
-  explicit FailingAllocations(int64_t n, bool persistent = false) {
-    state() = {n, persistent, 0};
-    static constexpr zyn_system_allocator kFailing = {allocate, free};
-    before_ = zyn_set_system_allocator(&kFailing);
+  explicit FailingAllocations(int64_t n, bool persistent = false,
+                              zyn_system_allocator hooks = {allocate, free}) {
+    fail(n, persistent);
+    before_ = zyn_set_system_allocator(&hooks);
   }
   ~FailingAllocations() { zyn_set_system_allocator(&before_); }
   FailingAllocations(const FailingAllocations&) = delete;
   FailingAllocations& operator=(const FailingAllocations&) = delete;
 
   static int64_t seen() { return state().seen; }
+  // Counts again from now on.
+  static void fail(int64_t n, bool persistent) { state() = {n, persistent, 0}; }
+
+ protected:
+  static void* allocate(size_t bytes) {
+    State& s = state();
+    s.seen++;
+    if (s.n > 0 && (s.persistent ? s.seen >= s.n : s.seen == s.n)) return nullptr;
+    void* block = malloc(bytes);
+    return block ? memset(block, 0xCD, bytes) : nullptr;
+  }
 
  private:
   struct State {
@@ -33,12 +48,6 @@ class FailingAllocations {
   static State& state() {
     static State value;
     return value;
-  }
-  static void* allocate(size_t bytes) {
-    State& s = state();
-    s.seen++;
-    if (s.n > 0 && (s.persistent ? s.seen >= s.n : s.seen == s.n)) return nullptr;
-    return malloc(bytes);
   }
   zyn_system_allocator before_;
 };

@@ -33,6 +33,21 @@ inline size_t buffer_bytes(int width, int height, uint32_t format) {
   return static_cast<size_t>((width + 3) / 4 * 4) * rows * 3 / 2;
 }
 
+// Plane k of an image, or of another block of its layout.
+struct PlaneView {
+  uint8_t* data;
+  int64_t stride;
+  uint8_t& at(int x, int y, int c = 0, int channels = 1) const {
+    return data[y * stride + x * channels + c];
+  }
+};
+inline PlaneView plane_of(const zyn_image* image, int k, uint8_t* block = nullptr) {
+  void* const planes[3] = {image->data, image->plane1, image->plane2};
+  const int64_t strides[3] = {image->row_bytes, image->plane1_bytes, image->plane2_bytes};
+  uint8_t* data = static_cast<uint8_t*>(planes[k]);
+  return {block ? block + (data - static_cast<uint8_t*>(image->data)) : data, strides[k]};
+}
+
 // An image of the library's layout in a buffer that ends at an inaccessible page.
 class PageEndImage {
  public:
@@ -61,9 +76,6 @@ class PageEndImage {
   void* own_;
 };
 
-constexpr const char* kPara = "Your input params are wrong!";
-inline std::string codec_report(const std::string& message, int line) {
-  return report(message, "src/image/zyn_bmp_codec.cpp", line);
-}
+constexpr Reports codec_report{"src/image/zyn_bmp_codec.cpp"};
 
 }  // namespace zyn_test

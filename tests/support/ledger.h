@@ -2,25 +2,16 @@
 // blocks came and did not go.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
 #include <map>
-#include <string>
 
-#include "base/zyn_memory.h"
+#include "support/failing.h"
+#include "zyncore.h"
 
 namespace zyn_test {
 
-// Fails allocations and remembers which blocks came and did not go.
-class Ledger {
+class Ledger : public FailingAllocations {
  public:
-  Ledger() {
-    static constexpr zyn_system_allocator kHooks = {allocate, release};
-    before_ = zyn_set_system_allocator(&kHooks);
-    live().clear();
-    fail(0, false);
-  }
+  Ledger() : FailingAllocations(0, false, {remembered, forgotten}) { live().clear(); }
   ~Ledger() {
     // What is left are lost tensor headers: they are handed back for the next test.
     EXPECT_LE(live().size(), 1u);
@@ -30,39 +21,23 @@ class Ledger {
       while (reinterpret_cast<uintptr_t>(block) % 32) block++;
       zyn_free(block);
     }
-    zyn_set_system_allocator(&before_);
   }
-  // The n-th allocation from now on fails; 0: none.
-  static void fail(int n, bool lasting) { state() = {n, lasting, 0}; }
-  static int seen() { return state().seen; }
+  static int seen() { return static_cast<int>(FailingAllocations::seen()); }
 
  private:
-  struct State {
-    int n;
-    bool lasting;
-    int seen;
-  };
-  static State& state() {
-    static State value;
-    return value;
-  }
   static std::map<void*, size_t>& live() {
     static std::map<void*, size_t> blocks;
     return blocks;
   }
-  static void* allocate(size_t bytes) {
-    State& s = state();
-    s.seen++;
-    if (s.n > 0 && (s.lasting ? s.seen >= s.n : s.seen == s.n)) return nullptr;
-    void* block = malloc(bytes);
-    live()[block] = bytes;
+  static void* remembered(size_t bytes) {
+    void* block = allocate(bytes);
+    if (block) live()[block] = bytes;
     return block;
   }
-  static void release(void* block) {
+  static void forgotten(void* block) {
     live().erase(block);
     free(block);
   }
-  zyn_system_allocator before_;
 };
 
 // Calls attempt(n) with the n-th allocation failing until it meets no failure.

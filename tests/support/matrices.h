@@ -1,9 +1,8 @@
-// Matrix records over buffers that end at an inaccessible page, and long runs.
+// Matrix records over buffers that end at an inaccessible page.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <math.h>
-#include <stdlib.h>
 
 #include <string>
 
@@ -12,29 +11,20 @@
 
 namespace zyn_test {
 
-// ZYN_SOAK=1 asks for the full number of random cases instead of a hundredth or so.
-inline int soak_cases(int quick, int full) {
-  const char* soak = getenv("ZYN_SOAK");
-  return soak && *soak && *soak != '0' ? full : quick;
-}
-
 // rows x cols of T whose rows lie pitch elements apart (0: cols); what lies between them
 // stays NaN.
 template <typename T>
 class Matrix {
  public:
   Matrix(int rows, int cols, int pitch = 0)
-      : rows_(rows),
-        cols_(cols),
-        pitch_(pitch ? pitch : cols),
-        block_(static_cast<size_t>((rows - 1) * pitch_ + cols)) {
+      : rows_(rows), cols_(cols), pitch_(pitch ? pitch : cols), block_((rows - 1) * pitch_ + cols) {
     zyn_set_matrix_header(&record_, rows, cols, 1, sizeof(T) == 4 ? ZYN_TYPE_F32 : ZYN_TYPE_F64);
     record_.row_bytes = pitch_ * static_cast<int64_t>(sizeof(T));
     record_.data = block_.data();
     for (T& element : block_) element = static_cast<T>(NAN);
   }
-  T& at(int r, int c) { return block_[static_cast<size_t>(r * pitch_ + c)]; }
-  const T& at(int r, int c) const { return block_[static_cast<size_t>(r * pitch_ + c)]; }
+  T& at(int r, int c) { return block_[r * pitch_ + c]; }
+  const T& at(int r, int c) const { return block_[r * pitch_ + c]; }
   zyn_matrix* get() { return &record_; }
   int rows() const { return rows_; }
   int cols() const { return cols_; }

@@ -1,5 +1,6 @@
 #include "support/model.h"
 
+#include <map>
 #include <queue>
 
 #include "support/reference.h"
@@ -7,14 +8,13 @@
 namespace zyn_test {
 
 size_t Model::root(int id) const {
-  while (steps_[static_cast<size_t>(id)].in_place >= 0)
-    id = steps_[static_cast<size_t>(id)].in_place;
+  while (steps_[id].in_place >= 0) id = steps_[id].in_place;
   return static_cast<size_t>(id);
 }
 
 int Model::note(int id, int type, std::vector<int> from, Formula formula, int in_place) {
   std::vector<const Array*> inputs;
-  for (int f : from) inputs.push_back(&shapes_[static_cast<size_t>(f)]);
+  for (int f : from) inputs.push_back(&shapes_[f]);
   shapes_.push_back(formula(inputs));
   data_.emplace_back();
   steps_.push_back({from, formula, in_place});
@@ -22,32 +22,27 @@ int Model::note(int id, int type, std::vector<int> from, Formula formula, int in
   return id;
 }
 
-int Model::input(const Array& a) {
-  const uint32_t code = static_cast<uint32_t>(layout < 0 ? random.integer(0, 2) : layout);
-  static constexpr uint32_t kCodes[3] = {ZYN_LAYOUT_PLANAR, ZYN_LAYOUT_INTERLEAVED,
-                                         ZYN_LAYOUT_BLOCKED};
-  const int id = net.input(a, layout < 0 ? kCodes[code] : code);
+int Model::add_data(int id, int type, const Array& a) {
   // What the library reads is rounded to float.
   shapes_.push_back(map(a, [](double v) { return static_cast<double>(static_cast<float>(v)); }));
   data_.push_back(shapes_.back());
   steps_.push_back({{}, nullptr, -1});
-  types_.push_back(ZYN_OP_INPUT);
+  types_.push_back(type);
   return id;
 }
 
-int Model::constant(const Array& a) {
-  const int id = net.constant(a);
-  shapes_.push_back(map(a, [](double v) { return static_cast<double>(static_cast<float>(v)); }));
-  data_.push_back(shapes_.back());
-  steps_.push_back({{}, nullptr, -1});
-  types_.push_back(ZYN_OP_CONSTANT);
-  return id;
+int Model::input(const Array& a) {
+  static constexpr uint32_t kCodes[3] = {ZYN_LAYOUT_PLANAR, ZYN_LAYOUT_INTERLEAVED,
+                                         ZYN_LAYOUT_BLOCKED};
+  const uint32_t code = layout < 0 ? kCodes[random.integer(0, 2)] : static_cast<uint32_t>(layout);
+  return add_data(net.input(a, code), ZYN_OP_INPUT, a);
 }
+
+int Model::constant(const Array& a) { return add_data(net.constant(a), ZYN_OP_CONSTANT, a); }
 
 void Model::refill() {
   for (int id = 0; id < size(); id++)
-    if (types_[static_cast<size_t>(id)] == ZYN_OP_INPUT)
-      net.fill(id, data_[static_cast<size_t>(id)]);
+    if (types_[id] == ZYN_OP_INPUT) net.fill(id, data_[id]);
 }
 
 // First in, first out, lower ids first: the order that the sort promises.
@@ -58,7 +53,7 @@ void Model::evaluate() {
   std::vector<std::vector<size_t>> next(n);
   for (size_t id = 0; id < n; id++)
     for (int f : steps_[id].from) {
-      next[static_cast<size_t>(f)].push_back(id);
+      next[f].push_back(id);
       open[id]++;
     }
   std::queue<size_t> ready;
@@ -81,7 +76,7 @@ void Model::evaluate() {
 void Model::check(double bound) {
   for (int id = 0; id < size(); id++)
     ASSERT_TRUE(agrees(net.output(id), value(id), bound))
-        << "node " << id << " of type " << types_[static_cast<size_t>(id)];
+        << "node " << id << " of type " << types_[id];
 }
 
 std::vector<int> Model::any_dims(size_t dim_count) {
@@ -96,7 +91,7 @@ std::vector<int> Model::any_dims(size_t dim_count) {
 int Model::pick(size_t dim_count, int largest) {
   for (int tries = 0; tries < 6 && size() > 0; tries++) {
     const int id = random.integer(std::max(0, size() - 12), size() - 1);
-    if (types_[static_cast<size_t>(id)] == ZYN_OP_CONSTANT) continue;
+    if (types_[id] == ZYN_OP_CONSTANT) continue;
     const Array& a = shape(id);
     if (a.dims.size() == dim_count && a.v.size() <= static_cast<size_t>(largest)) return id;
   }
@@ -106,8 +101,7 @@ int Model::pick(size_t dim_count, int largest) {
 // Another node with the given shape, or an input made for it.
 int Model::same_shape(int id, std::vector<int> dims) {
   for (int k = 0; k < size(); k++)
-    if (k != id && shape(k).dims == dims && types_[static_cast<size_t>(k)] != ZYN_OP_CONSTANT &&
-        random.integer(0, 1))
+    if (k != id && shape(k).dims == dims && types_[k] != ZYN_OP_CONSTANT && random.integer(0, 1))
       return k;
   return input(random_array(random, dims));
 }
@@ -121,15 +115,12 @@ int Model::add_function(bool gentle) {
   const bool positive = p.function == ZYN_FUNC_SQRT || p.function == ZYN_FUNC_LOG ||
                         p.function == ZYN_FUNC_RECIPROCAL || p.function == ZYN_FUNC_POWER;
   const int in = positive ? input(random_array(random, any_dims(3), 0.1f, 4)) : pick(3);
-  return op(ZYN_OP_FUNCTION, p, {in},
-            [p](const std::vector<const Array*>& a) { return reference_function(*a[0], p); });
+  return op(ZYN_OP_FUNCTION, p, {in}, [p](Inputs a) { return reference_function(*a[0], p); });
 }
 
 int Model::add_activation(int type) {
   const int in = pick(3);
-  const auto f = [type](const std::vector<const Array*>& a) {
-    return reference_activation(*a[0], type);
-  };
+  const auto f = [type](Inputs a) { return reference_activation(*a[0], type); };
   return note(net.op(type, {in}), type, {in}, f, in);
 }
 
@@ -144,7 +135,7 @@ int Model::add_join(int type) {
   if (type == ZYN_OP_ADD && dims[0] == 1 && dims[1] == 1) other = dims;
   int b = same_shape(a, other);
   if (type == ZYN_OP_MULTIPLY && form == 3) std::swap(a, b);
-  const auto f = [type](const std::vector<const Array*>& in) {
+  const auto f = [type](Inputs in) {
     return type == ZYN_OP_ADD ? reference_add(*in[0], *in[1]) : reference_multiply(*in[0], *in[1]);
   };
   return note(net.op(type, {a, b}), type, {a, b}, f, -1);
@@ -155,14 +146,13 @@ int Model::add_norm(int type) {
   const int c = shape(in).c();
   Array stats = random_array(random, {4 * c}, -1, 1);
   for (int i = 0; i < c; i++) {
-    stats.v[static_cast<size_t>(i)] += 1.2;
-    double& variance = stats.v[static_cast<size_t>(3 * c + i)];
+    stats.v[i] += 1.2;
+    double& variance = stats.v[3 * c + i];
     variance = std::fabs(variance) + 0.4;
   }
   const zyn_bn_param p = {random.real(0, 0.01f), 77};
   const int k = constant(stats);
-  return op(type, p, {in, k},
-            [p](const std::vector<const Array*>& a) { return reference_norm(*a[0], *a[1], p); });
+  return op(type, p, {in, k}, [p](Inputs a) { return reference_norm(*a[0], *a[1], p); });
 }
 
 int Model::add_pool(int type) {
@@ -174,12 +164,10 @@ int Model::add_pool(int type) {
   p.stride_w = random.integer(0, 3) ? p.kernel_w : random.integer(1, 4);
   if (a.w() < p.kernel_h || a.h() < p.kernel_w) p = {1, 1, 1, 1, 0};
   const bool max = type == ZYN_OP_MAX_POOL;
-  return op(type, p, {in}, [=](const std::vector<const Array*>& arrays) {
-    return reference_pool(*arrays[0], p, max);
-  });
+  return op(type, p, {in}, [=](Inputs arrays) { return reference_pool(*arrays[0], p, max); });
 }
 
-int Model::add_linear() {
+int Model::add_linear(int type) {
   const int in = pick(2);
   const Array& a = shape(in);
   const zyn_linear_param p = {static_cast<uint32_t>(a.w()),
@@ -189,12 +177,11 @@ int Model::add_linear() {
   const int k = constant(random_array(
       random, {a.w() * static_cast<int>(p.out_features) + static_cast<int>(p.out_features)}, -scale,
       scale));
-  return op(ZYN_OP_LINEAR, p, {k, in}, [p](const std::vector<const Array*>& arrays) {
-    return reference_linear(*arrays[1], *arrays[0], p);
-  });
+  return op(type, p, {k, in},
+            [p](Inputs arrays) { return reference_linear(*arrays[1], *arrays[0], p); });
 }
 
-int Model::add_resample() {
+int Model::add_resample(int type) {
   const int in = pick(3, 1200);
   static constexpr float kFactors[7] = {0.5f, 1, 2, 3, 1.5f, 0.37f, 1.27f};
   zyn_resample_param p = {random.integer(0, 2), kFactors[random.integer(0, 6)],
@@ -202,12 +189,10 @@ int Model::add_resample() {
   const Array& a = shape(in);
   if (static_cast<float>(a.w()) * p.factor_h < 1) p.factor_h = 1;
   if (static_cast<float>(a.h()) * p.factor_w < 1) p.factor_w = 1;
-  return op(ZYN_OP_RESAMPLE, p, {in}, [p](const std::vector<const Array*>& arrays) {
-    return reference_resample(*arrays[0], p);
-  });
+  return op(type, p, {in}, [p](Inputs arrays) { return reference_resample(*arrays[0], p); });
 }
 
-int Model::add_affine() {
+int Model::add_affine(int type) {
   const int in = pick(3, 1200);
   const Array& a = shape(in);
   Array m = random_array(random, {6}, -1, 1);
@@ -217,12 +202,11 @@ int Model::add_affine() {
   m.v[5] *= a.h();
   const zyn_affine_param p = {random.real(1, 1.6f), random.real(1, 1.6f)};
   const int k = random.integer(0, 1) ? constant(m) : input(m);
-  return op(ZYN_OP_AFFINE, p, {in, k}, [p](const std::vector<const Array*>& arrays) {
-    return reference_affine(*arrays[0], *arrays[1], p);
-  });
+  return op(type, p, {in, k},
+            [p](Inputs arrays) { return reference_affine(*arrays[0], *arrays[1], p); });
 }
 
-int Model::add_reshape() {
+int Model::add_reshape(int type) {
   const int in = pick(random.integer(2, 3));
   const int count = static_cast<int>(shape(in).v.size());
   int part = random.integer(1, 12);
@@ -236,30 +220,27 @@ int Model::add_reshape() {
   zyn_reshape_param p = {static_cast<int32_t>(dims.size()), {}};
   std::copy(dims.begin(), dims.end(), p.dims);
   if (random.integer(0, 1)) p.dims[random.integer(0, p.count - 1)] = -1;
-  return op(ZYN_OP_RESHAPE, p, {in}, [dims](const std::vector<const Array*>& arrays) {
-    return reference_reshape(*arrays[0], dims);
-  });
+  return op(type, p, {in}, [dims](Inputs arrays) { return reference_reshape(*arrays[0], dims); });
 }
 
-int Model::add_concat() {
+int Model::add_concat(int type) {
   const int axis = random.integer(0, 2);
   const int first = pick(3);
   std::vector<int> order = {first};
   for (int k = random.integer(0, 3); k > 0; k--) {
     std::vector<int> dims = shape(first).dims;
-    if (random.integer(0, 2)) dims[static_cast<size_t>(axis)] = random.integer(1, 9);
+    if (random.integer(0, 2)) dims[axis] = random.integer(1, 9);
     order.push_back(random.integer(0, 5) ? same_shape(-1, dims) : first);
   }
   // Edges in another order than the list's.
   std::vector<int> from = order;
   for (size_t i = from.size() - 1; i > 0; i--)
-    std::swap(from[i], from[static_cast<size_t>(random.integer(0, static_cast<int>(i)))]);
+    std::swap(from[i], from[random.integer(0, static_cast<int>(i))]);
   lists_.emplace_back(order.begin(), order.end());
   const zyn_concat_param p = {axis, static_cast<int32_t>(order.size()), lists_.back().data()};
   std::vector<size_t> places;
-  for (int id : order)
-    places.push_back(static_cast<size_t>(std::find(from.begin(), from.end(), id) - from.begin()));
-  return op(ZYN_OP_CONCAT, p, from, [=](const std::vector<const Array*>& arrays) {
+  for (int id : order) places.push_back(std::find(from.begin(), from.end(), id) - from.begin());
+  return op(type, p, from, [=](Inputs arrays) {
     std::vector<const Array*> listed;
     for (size_t place : places) listed.push_back(arrays[place]);
     return reference_concat(listed, axis);
@@ -274,9 +255,7 @@ int Model::add_channels(int type) {
     for (int k = random.integer(1, 2 * c); k > 0; k--) channels.push_back(random.integer(0, c - 1));
     lists_.emplace_back(channels.begin(), channels.end());
     const zyn_gather_param p = {static_cast<int32_t>(channels.size()), lists_.back().data()};
-    return op(type, p, {in}, [channels](const std::vector<const Array*>& a) {
-      return reference_channels(*a[0], channels);
-    });
+    return op(type, p, {in}, [channels](Inputs a) { return reference_channels(*a[0], channels); });
   }
   zyn_slice_param p = {-5, random.integer(1, c), 0, 0, 99};
   const int taken = c / p.parts;
@@ -284,9 +263,7 @@ int Model::add_channels(int type) {
   p.step = random.integer(0, step);
   p.first = random.integer(0, c - 1 - p.step * (taken - 1));
   for (int k = 0; k < taken; k++) channels.push_back(p.first + k * p.step);
-  return op(type, p, {in}, [channels](const std::vector<const Array*>& a) {
-    return reference_channels(*a[0], channels);
-  });
+  return op(type, p, {in}, [channels](Inputs a) { return reference_channels(*a[0], channels); });
 }
 
 int Model::add_conv(int type) {
@@ -317,9 +294,8 @@ int Model::add_conv(int type) {
   const float scale = 1 / std::sqrt(static_cast<float>(taps));
   const int k =
       constant(random_array(random, {taps * p.out_channels + p.out_channels}, -scale, scale));
-  return op(type, p, {in, k}, [=](const std::vector<const Array*>& arrays) {
-    return reference_conv(*arrays[0], *arrays[1], p, transposed);
-  });
+  return op(type, p, {in, k},
+            [=](Inputs arrays) { return reference_conv(*arrays[0], *arrays[1], p, transposed); });
 }
 
 // Shapes that every method has a kernel for: square, padded to keep the size.
@@ -334,21 +310,9 @@ int Model::add_method_conv(int type) {
                                                    : 2;
   const int kernel = form == 2 ? 1 : method_ == 1 ? 3 : 2 * random.integer(1, 2) + 1;
   const int stride = form == 2 ? 1 : random.integer(1, 2);
-  zyn_conv_param p = {c,
-                      form == 1 ? c : random.integer(1, 20),
-                      kernel,
-                      kernel,
-                      stride,
-                      stride,
-                      kernel / 2,
-                      kernel / 2,
-                      {0, 0},
-                      1,
-                      1,
-                      form == 1 ? c : 1,
-                      random.integer(0, 2),
-                      {0},
-                      0};
+  zyn_conv_param p = conv_param(c, form == 1 ? c : random.integer(1, 20), kernel, stride,
+                                kernel / 2, form == 1 ? c : 1);
+  p.bias = random.integer(0, 2);
   const int taps = kernel * kernel * c / p.groups;
   const int stats = bn ? 4 * p.out_channels : 0;
   const int bias = p.bias == 1 ? p.out_channels : 0;
@@ -368,7 +332,7 @@ int Model::add_method_conv(int type) {
   }
   const bool hard_sigmoid = method_ == 2;
   const int k = constant(values);
-  return op(type, p, {in, k}, [=](const std::vector<const Array*>& a) {
+  return op(type, p, {in, k}, [=](Inputs a) {
     return bn      ? reference_conv_bn(*a[0], *a[1], p, hard_sigmoid)
            : fused ? reference_conv_act(*a[0], *a[1], p)
                    : reference_conv(*a[0], *a[1], p);
@@ -378,52 +342,39 @@ int Model::add_method_conv(int type) {
 void Model::use_leftovers() {
   std::vector<bool> used(static_cast<size_t>(size()), false);
   for (const Step& step : steps_)
-    for (int f : step.from) used[static_cast<size_t>(f)] = true;
+    for (int f : step.from) used[f] = true;
   const zyn_func_param p = {ZYN_FUNC_NEGATE, 0, 0};
   for (size_t id = 0; id < used.size(); id++)
     if (!used[id] && !steps_[id].formula)
       op(ZYN_OP_FUNCTION, p, {static_cast<int>(id)},
-         [p](const std::vector<const Array*>& a) { return reference_function(*a[0], p); });
+         [p](Inputs a) { return reference_function(*a[0], p); });
 }
 
 int Model::add(int type, bool gentle) {
-  switch (type) {
-    case ZYN_OP_CONV_GROUPED:
-    case ZYN_OP_CONV_TRANSPOSED:
-      return add_conv(type);
-    case ZYN_OP_CONV:
-    case ZYN_OP_CONV_DEPTHWISE:
-    case ZYN_OP_CONV_POINTWISE:
-    case ZYN_OP_CONV_ACT:
-    case ZYN_OP_CONV_BN:
-      return add_method_conv(type);
-    case ZYN_OP_FUNCTION:
-      return add_function(gentle);
-    case ZYN_OP_BATCH_NORM:
-    case ZYN_OP_BATCH_NORM_FAST:
-      return add_norm(type);
-    case ZYN_OP_MAX_POOL:
-    case ZYN_OP_AVERAGE_POOL:
-      return add_pool(type);
-    case ZYN_OP_LINEAR:
-      return add_linear();
-    case ZYN_OP_ADD:
-    case ZYN_OP_MULTIPLY:
-      return add_join(type);
-    case ZYN_OP_RESAMPLE:
-      return add_resample();
-    case ZYN_OP_AFFINE:
-      return add_affine();
-    case ZYN_OP_RESHAPE:
-      return add_reshape();
-    case ZYN_OP_CONCAT:
-      return add_concat();
-    case ZYN_OP_CHANNEL_SLICE:
-    case ZYN_OP_CHANNEL_GATHER:
-      return add_channels(type);
-    default:
-      return add_activation(type);
-  }
+  if (type == ZYN_OP_FUNCTION) return add_function(gentle);
+  static const std::map<int, int (Model::*)(int)> kAdders = {
+      {ZYN_OP_CONV_GROUPED, &Model::add_conv},
+      {ZYN_OP_CONV_TRANSPOSED, &Model::add_conv},
+      {ZYN_OP_CONV, &Model::add_method_conv},
+      {ZYN_OP_CONV_DEPTHWISE, &Model::add_method_conv},
+      {ZYN_OP_CONV_POINTWISE, &Model::add_method_conv},
+      {ZYN_OP_CONV_ACT, &Model::add_method_conv},
+      {ZYN_OP_CONV_BN, &Model::add_method_conv},
+      {ZYN_OP_BATCH_NORM, &Model::add_norm},
+      {ZYN_OP_BATCH_NORM_FAST, &Model::add_norm},
+      {ZYN_OP_MAX_POOL, &Model::add_pool},
+      {ZYN_OP_AVERAGE_POOL, &Model::add_pool},
+      {ZYN_OP_LINEAR, &Model::add_linear},
+      {ZYN_OP_ADD, &Model::add_join},
+      {ZYN_OP_MULTIPLY, &Model::add_join},
+      {ZYN_OP_RESAMPLE, &Model::add_resample},
+      {ZYN_OP_AFFINE, &Model::add_affine},
+      {ZYN_OP_RESHAPE, &Model::add_reshape},
+      {ZYN_OP_CONCAT, &Model::add_concat},
+      {ZYN_OP_CHANNEL_SLICE, &Model::add_channels},
+      {ZYN_OP_CHANNEL_GATHER, &Model::add_channels}};
+  const auto adder = kAdders.find(type);
+  return adder == kAdders.end() ? add_activation(type) : (this->*adder->second)(type);
 }
 
 }  // namespace zyn_test

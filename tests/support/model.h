@@ -38,7 +38,8 @@ inline constexpr int kOperatorTypes[] = {ZYN_OP_CONV_GROUPED,
 
 class Model {
  public:
-  using Formula = std::function<Array(const std::vector<const Array*>&)>;
+  using Inputs = const std::vector<const Array*>&;
+  using Formula = std::function<Array(Inputs)>;
 
   explicit Model(uint64_t seed, uint32_t fixed_point = 0) : random(seed), net(fixed_point) {}
 
@@ -70,7 +71,7 @@ class Model {
   const Array& value(int id) const { return values_[root(id)]; }
   // Compares all nodes after a run.
   void check(double bound);
-  const Array& shape(int id) const { return shapes_[static_cast<size_t>(id)]; }
+  const Array& shape(int id) const { return shapes_[id]; }
   int size() const { return static_cast<int>(shapes_.size()); }
 
  private:
@@ -84,6 +85,7 @@ class Model {
   int op(int type, const Record& record, std::vector<int> from, Formula formula) {
     return note(net.op(type, record, from), type, from, formula, -1);
   }
+  int add_data(int id, int type, const Array& a);
   int note(int id, int type, std::vector<int> from, Formula formula, int in_place);
   size_t root(int id) const;
   int pick(size_t dim_count, int largest = 4000);
@@ -95,11 +97,11 @@ class Model {
   int add_join(int type);
   int add_norm(int type);
   int add_pool(int type);
-  int add_linear();
-  int add_resample();
-  int add_affine();
-  int add_reshape();
-  int add_concat();
+  int add_linear(int type);
+  int add_resample(int type);
+  int add_affine(int type);
+  int add_reshape(int type);
+  int add_concat(int type);
   int add_channels(int type);
   int add_conv(int type);
   int add_method_conv(int type);

@@ -43,6 +43,14 @@ struct Array {
   double at(int x, int y, int z) const { return v[index(x, y, z)]; }
 };
 
+// Calls f(x, y, z) for every element of a block.
+template <typename Function>
+void for_each_element(const Array& a, Function f) {
+  for (int z = 0; z < a.c(); z++)
+    for (int y = 0; y < a.h(); y++)
+      for (int x = 0; x < a.w(); x++) f(x, y, z);
+}
+
 inline Array random_array(Random& random, std::vector<int> dims, float low = -2, float high = 2) {
   Array a(dims);
   for (double& v : a.v) v = static_cast<double>(random.real(low, high));
@@ -88,8 +96,8 @@ class Net {
     data_.push_back({own, nullptr});
     return static_cast<int>(nodes_.size()) - 1;
   }
-  bool is_data(int id) const { return nodes_[static_cast<size_t>(id)].data >= 0; }
-  bool is_input(int id) const { return nodes_[static_cast<size_t>(id)].type == ZYN_OP_INPUT; }
+  bool is_data(int id) const { return nodes_[id].data >= 0; }
+  bool is_input(int id) const { return nodes_[id].type == ZYN_OP_INPUT; }
   // An operator with its record (copied; lists it points at must outlive make()).
   template <typename Record>
   int op(int type, const Record& record, std::vector<int> from) {
@@ -119,7 +127,7 @@ class Net {
       const Node& node = nodes_[id];
       zyn_cg_node_desc desc = {};
       desc.type = node.type;
-      if (node.data >= 0) desc.data = data_[static_cast<size_t>(node.data)].tensor;
+      if (node.data >= 0) desc.data = data_[node.data].tensor;
       const int32_t code = zyn_bind_operator_onto_computation_graph(
           graph_, static_cast<int32_t>(id), &desc,
           node.record.empty() ? nullptr : node.record.data());
@@ -152,13 +160,13 @@ class Net {
   // An operator's output, or a data node's tensor, in planar order.
   Array output(int id) { return read(output_tensor(id)); }
   zyn_tensor* output_tensor(int id) {
-    const Node& node = nodes_[static_cast<size_t>(id)];
-    return node.data >= 0 ? data_[static_cast<size_t>(node.data)].tensor
+    const Node& node = nodes_[id];
+    return node.data >= 0 ? data_[node.data].tensor
                           : zyn_get_computation_node_inference_data(graph_, id);
   }
   // Refills a data node in the layout that it has.
   void fill(int id, const Array& a) {
-    Data& data = data_[static_cast<size_t>(nodes_[static_cast<size_t>(id)].data)];
+    Data& data = data_[nodes_[id].data];
     write(data, a);
   }
   static Array read(const zyn_tensor* tensor) {
@@ -167,12 +175,10 @@ class Net {
     const float* values = static_cast<const float*>(tensor->data);
     const int16_t* words = static_cast<const int16_t*>(tensor->data);
     const bool fixed = tensor->type == ZYN_TYPE_FPI16;
-    for (int z = 0; z < a.c(); z++)
-      for (int y = 0; y < a.h(); y++)
-        for (int x = 0; x < a.w(); x++) {
-          const size_t i = place(a, x, y, z, tensor->layout);
-          a.at(x, y, z) = fixed ? words[i] : static_cast<double>(values[i]);
-        }
+    for_each_element(a, [&](int x, int y, int z) {
+      const size_t i = place(a, x, y, z, tensor->layout);
+      a.at(x, y, z) = fixed ? words[i] : static_cast<double>(values[i]);
+    });
     return a;
   }
   zyn_cg_handle* graph() { return graph_; }
@@ -203,15 +209,13 @@ class Net {
   static void write(Data& data, const Array& a) {
     float* values = static_cast<float*>(data.tensor->data);
     int16_t* words = static_cast<int16_t*>(data.tensor->data);
-    for (int z = 0; z < a.c(); z++)
-      for (int y = 0; y < a.h(); y++)
-        for (int x = 0; x < a.w(); x++) {
-          const size_t i = place(a, x, y, z, data.tensor->layout);
-          if (data.tensor->type == ZYN_TYPE_FPI16)
-            words[i] = static_cast<int16_t>(a.at(x, y, z));
-          else
-            values[i] = static_cast<float>(a.at(x, y, z));
-        }
+    for_each_element(a, [&](int x, int y, int z) {
+      const size_t i = place(a, x, y, z, data.tensor->layout);
+      if (data.tensor->type == ZYN_TYPE_FPI16)
+        words[i] = static_cast<int16_t>(a.at(x, y, z));
+      else
+        values[i] = static_cast<float>(a.at(x, y, z));
+    });
   }
 
   int add_data(int type, const Array& a, uint32_t layout) {

@@ -2,6 +2,7 @@
 // evaluation that tests of operators and whole graphs compare with.
 #pragma once
 
+#include "support/conv_case.h"
 #include "support/net.h"
 
 namespace zyn_test {
@@ -63,14 +64,12 @@ inline Array reference_activation(const Array& in, int type) {
 inline Array reference_norm(const Array& in, const Array& stats, const zyn_bn_param& p) {
   Array out = in;
   const size_t c = stats.v.size() / 4;
-  for (int z = 0; z < in.c(); z++) {
+  for_each_element(in, [&](int x, int y, int z) {
     const double* s = stats.v.data() + z;
-    for (int y = 0; y < in.h(); y++)
-      for (int x = 0; x < in.w(); x++)
-        out.at(x, y, z) = (in.at(x, y, z) - s[2 * c]) * s[0] /
-                              std::sqrt(s[3 * c] + static_cast<double>(p.epsilon)) +
-                          s[c];
-  }
+    out.at(x, y, z) =
+        (in.at(x, y, z) - s[2 * c]) * s[0] / std::sqrt(s[3 * c] + static_cast<double>(p.epsilon)) +
+        s[c];
+  });
   return out;
 }
 
@@ -142,23 +141,21 @@ inline Array reference_resample(const Array& in, const zyn_resample_param& p) {
   const auto clamped = [&](int x, int y, int z) {
     return in.at(std::clamp(x, 0, in.w() - 1), std::clamp(y, 0, in.h() - 1), z);
   };
-  for (int z = 0; z < in.c(); z++)
-    for (int y = 0; y < oh; y++)
-      for (int x = 0; x < ow; x++) {
-        double& o = out.at(x, y, z);
-        if (global) {
-          for (int j = 0; j < in.h(); j++)
-            for (int i = 0; i < in.w(); i++) o += in.at(i, j, z) / (in.w() * in.h());
-        } else if (p.mode == ZYN_RESAMPLE_NEAREST) {
-          o = in.at(x * in.w() / ow, y * in.h() / oh, z);
-        } else {
-          const double sx = (x + 0.5) * in.w() / ow - 0.5, sy = (y + 0.5) * in.h() / oh - 0.5;
-          const int x0 = static_cast<int>(std::floor(sx)), y0 = static_cast<int>(std::floor(sy));
-          const double fx = sx - x0, fy = sy - y0;
-          o = (1 - fy) * ((1 - fx) * clamped(x0, y0, z) + fx * clamped(x0 + 1, y0, z)) +
-              fy * ((1 - fx) * clamped(x0, y0 + 1, z) + fx * clamped(x0 + 1, y0 + 1, z));
-        }
-      }
+  for_each_element(out, [&](int x, int y, int z) {
+    double& o = out.at(x, y, z);
+    if (global) {
+      for (int j = 0; j < in.h(); j++)
+        for (int i = 0; i < in.w(); i++) o += in.at(i, j, z) / (in.w() * in.h());
+    } else if (p.mode == ZYN_RESAMPLE_NEAREST) {
+      o = in.at(x * in.w() / ow, y * in.h() / oh, z);
+    } else {
+      const double sx = (x + 0.5) * in.w() / ow - 0.5, sy = (y + 0.5) * in.h() / oh - 0.5;
+      const int x0 = static_cast<int>(std::floor(sx)), y0 = static_cast<int>(std::floor(sy));
+      const double fx = sx - x0, fy = sy - y0;
+      o = (1 - fy) * ((1 - fx) * clamped(x0, y0, z) + fx * clamped(x0 + 1, y0, z)) +
+          fy * ((1 - fx) * clamped(x0, y0 + 1, z) + fx * clamped(x0 + 1, y0 + 1, z));
+    }
+  });
   return out;
 }
 
@@ -167,17 +164,15 @@ inline Array reference_affine(const Array& in, const Array& m, const zyn_affine_
   out.dims[0] = static_cast<int>(in.w() * static_cast<double>(p.factor_h));
   out.dims[1] = static_cast<int>(in.h() * static_cast<double>(p.factor_w));
   out.v.assign(Array::size_of(out.dims), 0);
-  for (int z = 0; z < in.c(); z++)
-    for (int y = 0; y < out.h(); y++)
-      for (int x = 0; x < out.w(); x++) {
-        const double sx = m.v[0] * x + m.v[1] * y + m.v[2];
-        const double sy = m.v[3] * x + m.v[4] * y + m.v[5];
-        // Every input pixel weighs in with a tent around it.
-        for (int j = 0; j < in.h(); j++)
-          for (int i = 0; i < in.w(); i++)
-            out.at(x, y, z) += in.at(i, j, z) * std::max(0.0, 1 - std::fabs(sx - i)) *
-                               std::max(0.0, 1 - std::fabs(sy - j));
-      }
+  for_each_element(out, [&](int x, int y, int z) {
+    const double sx = m.v[0] * x + m.v[1] * y + m.v[2];
+    const double sy = m.v[3] * x + m.v[4] * y + m.v[5];
+    // Every input pixel weighs in with a tent around it.
+    for (int j = 0; j < in.h(); j++)
+      for (int i = 0; i < in.w(); i++)
+        out.at(x, y, z) += in.at(i, j, z) * std::max(0.0, 1 - std::fabs(sx - i)) *
+                           std::max(0.0, 1 - std::fabs(sy - j));
+  });
   return out;
 }
 
@@ -189,90 +184,77 @@ inline Array reference_reshape(const Array& in, const std::vector<int>& dims) {
 
 inline Array reference_concat(const std::vector<const Array*>& in, int axis) {
   std::vector<int> dims = in[0]->dims;
-  for (size_t i = 1; i < in.size(); i++)
-    dims[static_cast<size_t>(axis)] += in[i]->extent(static_cast<size_t>(axis));
+  for (size_t i = 1; i < in.size(); i++) dims[axis] += in[i]->extent(axis);
   Array out(dims);
   int at[3] = {0, 0, 0};
   for (const Array* a : in) {
-    for (int z = 0; z < a->c(); z++)
-      for (int y = 0; y < a->h(); y++)
-        for (int x = 0; x < a->w(); x++) out.at(x + at[0], y + at[1], z + at[2]) = a->at(x, y, z);
-    at[axis] += a->extent(static_cast<size_t>(axis));
+    for_each_element(
+        *a, [&](int x, int y, int z) { out.at(x + at[0], y + at[1], z + at[2]) = a->at(x, y, z); });
+    at[axis] += a->extent(axis);
   }
   return out;
 }
 
 inline Array reference_channels(const Array& in, const std::vector<int>& channels) {
   Array out({in.w(), in.h(), static_cast<int>(channels.size())});
-  for (int z = 0; z < out.c(); z++)
-    for (int y = 0; y < in.h(); y++)
-      for (int x = 0; x < in.w(); x++)
-        out.at(x, y, z) = in.at(x, y, channels[static_cast<size_t>(z)]);
+  for_each_element(out, [&](int x, int y, int z) { out.at(x, y, z) = in.at(x, y, channels[z]); });
   return out;
 }
 
 // Convolution with any groups: out channel o of a group sums over the group's inputs.
 // Transposed: every input pixel spreads over the output. Weights [out][in / groups] or
 // [in][out / groups], then [row][column].
+// Extents of the output that are not 0 replace the usual ones.
 inline Array reference_conv(const Array& in, const Array& constant, const zyn_conv_param& p,
-                            bool transposed = false) {
+                            bool transposed = false, int ow = 0, int oh = 0) {
   const auto extent = [&](int size, int k, int s, int pad, int d) {
     return transposed ? (size - 1) * s - 2 * pad + d * (k - 1) + 1
                       : (size - 1 + 2 * pad - (k - 1) * d) / s + 1;
   };
-  Array out({extent(in.w(), p.kernel_h, p.stride_h, p.pad_h, p.dilation_h),
-             extent(in.h(), p.kernel_w, p.stride_w, p.pad_w, p.dilation_w), p.out_channels});
+  Array out({ow ? ow : extent(in.w(), p.kernel_h, p.stride_h, p.pad_h, p.dilation_h),
+             oh ? oh : extent(in.h(), p.kernel_w, p.stride_w, p.pad_w, p.dilation_w),
+             p.out_channels});
   const int ig = p.in_channels / p.groups, og = p.out_channels / p.groups;
   const size_t weights = static_cast<size_t>(p.kernel_h * p.kernel_w * p.in_channels * og);
   for (int o = 0; o < p.out_channels && p.bias == 1; o++)
     for (int i = 0; i < out.w() * out.h(); i++)
-      out.v[static_cast<size_t>(o * out.w() * out.h() + i)] =
-          constant.v[weights + static_cast<size_t>(o)];
+      out.v[o * out.w() * out.h() + i] = constant.v[weights + static_cast<size_t>(o)];
   for (int o = 0; o < p.out_channels; o++)
     for (int k = 0; k < ig; k++)
       for (int r = 0; r < p.kernel_w; r++)
         for (int c = 0; c < p.kernel_h; c++) {
           const int i = o / og * ig + k;
           const int pair = transposed ? i * og + o % og : o * ig + k;
-          const double w =
-              constant.v[static_cast<size_t>((pair * p.kernel_w + r) * p.kernel_h + c)];
+          const double w = constant.v[(pair * p.kernel_w + r) * p.kernel_h + c];
           // Walk the side that the stride counts on.
-          const Array& walked = transposed ? in : out;
-          for (int y = 0; y < walked.h(); y++)
+          const Array &walked = transposed ? in : out, &other = transposed ? out : in;
+          for (int y = 0; y < walked.h(); y++) {
+            const int fy = y * p.stride_w - p.pad_w + r * p.dilation_w;
+            if (fy < 0 || fy >= other.h()) continue;
+            double* to = &out.at(0, transposed ? fy : y, o);
+            const double* from = &in.v[in.index(0, transposed ? y : fy, i)];
             for (int x = 0; x < walked.w(); x++) {
               const int fx = x * p.stride_h - p.pad_h + c * p.dilation_h;
-              const int fy = y * p.stride_w - p.pad_w + r * p.dilation_w;
-              const Array& other = transposed ? out : in;
-              if (fx < 0 || fy < 0 || fx >= other.w() || fy >= other.h()) continue;
-              if (transposed)
-                out.at(fx, fy, o) += w * in.at(x, y, i);
-              else
-                out.at(x, y, o) += w * in.at(fx, fy, i);
+              if (fx >= 0 && fx < other.w())
+                to[transposed ? fx : x] += w * from[transposed ? x : fx];
             }
+          }
         }
   return out;
 }
 
-// Activation of types 12 and 13; other codes leave y as it is.
-inline double reference_code(double y, int code) {
-  const double gate = std::min(std::max(y + 3, 0.0), 6.0) / 6;
-  return code == ZYN_ACT_RELU           ? std::max(y, 0.0)
-         : code == ZYN_ACT_HARD_SWISH   ? y * gate
-         : code == ZYN_ACT_HARD_SIGMOID ? gate
-                                        : y;
-}
-
 // Type 12: bias for codes 0 to 2 where the record has one, then the activation.
-inline Array reference_conv_act(const Array& in, const Array& constant, zyn_conv_param p) {
+inline Array reference_conv_act(const Array& in, const Array& constant, zyn_conv_param p,
+                                int ow = 0, int oh = 0) {
   const int code = p.word14.activation;
   if (code < 0 || code > 2) p.bias = 0;
-  return map(reference_conv(in, constant, p),
-             [=](double y) { return reference_code(y, code <= 2 ? code : 0); });
+  return map(reference_conv(in, constant, p, false, ow, oh),
+             [=](double y) { return activate(y, code <= 2 ? code : 0); });
 }
 
 // Type 13: weights and bias folded with the statistics behind them.
 inline Array reference_conv_bn(const Array& in, const Array& constant, zyn_conv_param p,
-                               bool hard_sigmoid) {
+                               bool hard_sigmoid, int ow = 0, int oh = 0) {
   const size_t outputs = static_cast<size_t>(p.out_channels);
   const size_t biased = p.bias == 1 ? outputs : 0;
   const size_t weights = constant.v.size() - 4 * outputs - biased;
@@ -289,8 +271,8 @@ inline Array reference_conv_bn(const Array& in, const Array& constant, zyn_conv_
   const int code = p.activation;
   const bool known = (code >= 0 && code <= 2) || (code == ZYN_ACT_HARD_SIGMOID && hard_sigmoid);
   p.bias = known ? 1 : 0;
-  return map(reference_conv(in, folded, p),
-             [=](double y) { return known ? reference_code(y, code) : y; });
+  return map(reference_conv(in, folded, p, false, ow, oh),
+             [=](double y) { return known ? activate(y, code) : y; });
 }
 
 }  // namespace zyn_test

@@ -3,19 +3,12 @@
 #pragma once
 
 #include <stdint.h>
-#include <stdlib.h>
 
 #include <cmath>
 #include <utility>
 #include <vector>
 
 namespace zyn_test {
-
-// ZYN_SOAK=1 asks for the full counts.
-inline int soak(int quick, int full) {
-  const char* text = getenv("ZYN_SOAK");
-  return text && *text == '1' ? full : quick;
-}
 
 template <typename T>
 struct Mat {
@@ -124,7 +117,7 @@ struct TrackModel {
   static void set_box(Mat<float>* state, const Box& b) {
     const float w = std::fmax(b.v[2] - b.v[0], 1e-7f), h = std::fmax(b.v[3] - b.v[1], 1e-7f);
     const float z[4] = {b.v[0] + w / 2, b.v[1] + h / 2, w * h, w / h};
-    for (int i = 0; i < 4; i++) state->v[static_cast<size_t>(i)] = z[i];
+    for (int i = 0; i < 4; i++) state->v[i] = z[i];
   }
   static Box box_of(const Mat<float>& state) {
     const float w = std::fmax(std::sqrt(state.v[2] * state.v[3]), 1e-7f), h = state.v[2] / w;

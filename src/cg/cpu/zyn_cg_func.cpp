@@ -209,9 +209,8 @@ int32_t zyn_cg_bind_multiply(zyn_cg_handle* graph, int32_t node, const void* par
 
 int32_t zyn_cg_prepare_join(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<join_state>(graph, node);
-  const zyn_darray* inputs = state ? zyn_cg_inputs(graph, node) : nullptr;
-  if (!inputs || inputs->count != 2) return ZYN_RET_ERR_PARA;
-  const int32_t* ids = zyn_darray_ids(inputs);
+  const int32_t* ids = state ? zyn_cg_two_inputs(graph, node) : nullptr;
+  if (!ids) return ZYN_RET_ERR_PARA;
   zyn_tensor* a = zyn_cg_producer_tensor(graph, ids[0]);
   zyn_tensor* b = zyn_cg_producer_tensor(graph, ids[1]);
   state->input = nullptr;

@@ -3,6 +3,11 @@
 
 #include "cg/cpu/kernels/zyn_cg_fpi_convert.h"
 
+const int32_t* zyn_cg_two_inputs(const zyn_cg_handle* graph, int32_t node) {
+  const zyn_darray* inputs = zyn_cg_inputs(graph, node);
+  return inputs && inputs->count == 2 ? zyn_darray_ids(inputs) : nullptr;
+}
+
 zyn_tensor* zyn_cg_input_tensor(zyn_cg_handle* graph, int32_t producer) {
   const int32_t type = zyn_cg_node_type(graph, producer);
   return type == ZYN_OP_CONSTANT ? nullptr : zyn_cg_producer_tensor(graph, producer);

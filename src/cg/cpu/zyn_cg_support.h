@@ -61,6 +61,9 @@ struct zyn_cg_sources {
 };
 zyn_cg_sources zyn_cg_find_sources(zyn_cg_handle* graph, int32_t node);
 
+// The two producers of a node that has exactly two, else null.
+const int32_t* zyn_cg_two_inputs(const zyn_cg_handle* graph, int32_t node);
+
 // What an operator that takes no constant reads from a producer: a graph input's
 // tensor, else the producer's output. Null when there is none.
 zyn_tensor* zyn_cg_input_tensor(zyn_cg_handle* graph, int32_t producer);

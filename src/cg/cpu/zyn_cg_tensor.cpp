@@ -179,13 +179,18 @@ int32_t make_channels(zyn_cg_io_state* io, int64_t channels) {
   return code;
 }
 
-// The input of a node that moves data of any type; in fixed point of 16 bits.
-int32_t moved_input(zyn_cg_handle* graph, int32_t node, zyn_tensor** input, int32_t* producer) {
+// The input of a node that moves data of any type, in fixed point of 16 bits, and the node's
+// Q after it. The state has no input until its preparation succeeds.
+int32_t moved_input(zyn_cg_handle* graph, int32_t node, zyn_cg_io_state* state,
+                    zyn_tensor** input) {
+  if (!state) return ZYN_RET_ERR_PARA;
+  state->input = nullptr;
   const zyn_cg_sources sources = zyn_cg_find_sources(graph, node);
   *input = sources.count > 1 ? nullptr : sources.input;
-  *producer = sources.producer;
   if (!*input) return ZYN_RET_ERR_PARA;
-  return zyn_cg_is_fixed_point(graph) ? zyn_cg_check_input(graph, *input) : ZYN_RET_OK;
+  if (zyn_cg_is_fixed_point(graph) && zyn_cg_check_input(graph, *input) != ZYN_RET_OK)
+    return ZYN_RET_ERR_PARA;
+  return zyn_cg_inherit_q(graph, node, sources.producer);
 }
 
 bool contains(const int32_t* ids, int64_t count, int32_t id) {
@@ -257,13 +262,8 @@ int32_t zyn_cg_bind_reshape(zyn_cg_handle* graph, int32_t node, const void* para
 
 int32_t zyn_cg_prepare_reshape(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<reshape_state>(graph, node);
-  if (!state) return ZYN_RET_ERR_PARA;
   zyn_tensor* input = nullptr;
-  int32_t producer = -1;
-  state->input = nullptr;
-  int32_t code = moved_input(graph, node, &input, &producer);
-  if (code != ZYN_RET_OK) return code;
-  code = zyn_cg_inherit_q(graph, node, producer);
+  int32_t code = moved_input(graph, node, state, &input);
   if (code != ZYN_RET_OK) return code;
   state->device_type = graph->device_type;
   int32_t dims[kMaxDims] = {};
@@ -342,12 +342,8 @@ int32_t zyn_cg_bind_slice(zyn_cg_handle* graph, int32_t node, const void* param)
 
 int32_t zyn_cg_prepare_slice(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<slice_state>(graph, node);
-  if (!state) return ZYN_RET_ERR_PARA;
   zyn_tensor* input = nullptr;
-  state->input = nullptr;
-  int32_t producer = -1;
-  int32_t code = moved_input(graph, node, &input, &producer);
-  if (code == ZYN_RET_OK) code = zyn_cg_inherit_q(graph, node, producer);
+  const int32_t code = moved_input(graph, node, state, &input);
   if (code != ZYN_RET_OK) return code;
   const zyn_slice_param& param = state->param;
   const int64_t channels = input->dims[2];
@@ -379,12 +375,8 @@ int32_t zyn_cg_bind_gather(zyn_cg_handle* graph, int32_t node, const void* param
 
 int32_t zyn_cg_prepare_gather(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<gather_state>(graph, node);
-  if (!state) return ZYN_RET_ERR_PARA;
   zyn_tensor* input = nullptr;
-  state->input = nullptr;
-  int32_t producer = -1;
-  int32_t code = moved_input(graph, node, &input, &producer);
-  if (code == ZYN_RET_OK) code = zyn_cg_inherit_q(graph, node, producer);
+  const int32_t code = moved_input(graph, node, state, &input);
   if (code != ZYN_RET_OK) return code;
   if (input->dim_count < 3) return ZYN_RET_ERR_PARA;
   for (int32_t i = 0; i < state->count; i++)
