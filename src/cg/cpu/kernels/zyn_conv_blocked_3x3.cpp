@@ -9,7 +9,6 @@
 // fewer kernel rows, the first and last column a slower path.
 #include <string.h>
 
-#include "base/zyn_memory.h"
 #include "cg/cpu/kernels/zyn_conv_blocked.h"
 #include "cg/cpu/kernels/zyn_conv_blocked_tile.h"
 
@@ -130,8 +129,8 @@ struct interior {
   int32_t y;
   const tap_list& taps;
   template <int Pixels>
-  void run(int32_t x) const {
-    any_tile<OB, IB, Blocks, Pixels, Stride>(p, y, x, taps);
+  void run(int32_t x, int64_t count) const {
+    for (; count > 0; count--, x += Pixels) any_tile<OB, IB, Blocks, Pixels, Stride>(p, y, x, taps);
   }
 };
 
@@ -143,8 +142,9 @@ struct edge {
   int32_t x;
   const tap_list& taps;
   template <int Pixels>
-  void run(int32_t y) const {
-    tile<OB, IB, Blocks, Pixels, Stride, true>(p, y, x, taps);
+  void run(int32_t y, int64_t count) const {
+    for (; count > 0; count--, y += Pixels)
+      tile<OB, IB, Blocks, Pixels, Stride, true>(p, y, x, taps);
   }
 };
 
@@ -193,24 +193,14 @@ void load_weights(float* local, const float* packed) {
   }
 }
 
-// Everything that stays the same over a layer.
-struct layer {
-  const float* in;
-  int32_t in_channels, width, height;
-  float* out;
-  int32_t out_width, out_height;
-  const float* packed;
-  const zyn_conv_epilogue* epilogue;
-};
-
 // Adds a group of input blocks of IB channels to Blocks output blocks over a strip of
 // rows.
 template <int OB, int IB, int Blocks, int Stride>
-void accumulate(const layer& l, int32_t oc, int32_t ic, int32_t group, int32_t y0, int32_t y1) {
+void accumulate(const zyn_blocked_layer& l, int32_t oc, int32_t ic, int32_t group, int32_t y0,
+                int32_t y1) {
   constexpr int kSubBlock = OB * IB * kTaps;
   alignas(32) float local[Blocks * kGroupBlocks * kSubBlock];
-  const int64_t in_plane = static_cast<int64_t>(l.width) * l.height;
-  const int64_t out_plane = static_cast<int64_t>(l.out_width) * l.out_height;
+  const int64_t in_plane = l.in_plane(), out_plane = l.out_plane();
   for (int b = 0; b < Blocks; b++)
     for (int n = 0; n < group; n++)
       load_weights<OB, IB>(local + (b * group + n) * kSubBlock,
@@ -237,7 +227,7 @@ void accumulate(const layer& l, int32_t oc, int32_t ic, int32_t group, int32_t y
 }
 
 template <int OB, int Blocks, int Stride>
-void output_blocks(const layer& l, int32_t oc) {
+void output_blocks(const zyn_blocked_layer& l, int32_t oc) {
   const int64_t row_bytes = static_cast<int64_t>(l.out_width) * OB * Blocks * sizeof(float);
   const int64_t fitting = kStripBytes / row_bytes;
   const int32_t strip = fitting < 4 ? 4 : static_cast<int32_t>(fitting);
@@ -260,28 +250,10 @@ void output_blocks(const layer& l, int32_t oc) {
 }
 
 template <int Stride>
-uint32_t drive(zyn_tensor* output, const zyn_tensor* input, const zyn_conv_direct* workspace,
-               const zyn_conv_param* param, const zyn_conv_epilogue* epilogue) {
-  if (!output || !input || !workspace || !workspace->packed || !param || !output->data ||
-      !input->data)
-    return ZYN_RET_ERR_PARA;
-  const int32_t width = (input->dims[0] - 1) / Stride + 1;
-  const int32_t height = (input->dims[1] - 1) / Stride + 1;
-  if (const uint32_t code = zyn_blocked_check(output, input, param, width, height)) return code;
-  memset(output->data, 0, static_cast<size_t>(output->byte_size));
-  zyn_blocked_input blocked;
-  if (!blocked.open(input)) return ZYN_RET_ERR_MEMORY;
-  const layer l = {blocked.data(),
-                   input->dims[2],
-                   input->dims[0],
-                   input->dims[1],
-                   static_cast<float*>(output->data),
-                   width,
-                   height,
-                   static_cast<const float*>(workspace->packed->data),
-                   epilogue};
-  for (int32_t oc = 0, blocks = 0; oc < param->out_channels; oc += blocks) {
-    const int32_t left = param->out_channels - oc;
+void run(const zyn_blocked_layer& l) {
+  memset(l.out, 0, sizeof(float) * static_cast<size_t>(l.out_plane()) * l.out_channels);
+  for (int32_t oc = 0, blocks = 0; oc < l.out_channels; oc += blocks) {
+    const int32_t left = l.out_channels - oc;
     blocks = left >= 16 ? 16 : zyn_block_width(left);
     if (blocks == 16)
       output_blocks<8, 2, Stride>(l, oc);
@@ -292,8 +264,16 @@ uint32_t drive(zyn_tensor* output, const zyn_tensor* input, const zyn_conv_direc
     else
       output_blocks<1, 1, Stride>(l, oc);
   }
-  output->layout = ZYN_LAYOUT_BLOCKED;
-  return ZYN_RET_OK;
+}
+
+// What is left where there is no memory for the input's copy: an output of zeros.
+template <int Stride>
+uint32_t drive(zyn_tensor* output, const zyn_tensor* input, const zyn_conv_direct* workspace,
+               const zyn_conv_param* param, const zyn_conv_epilogue* epilogue) {
+  const uint32_t code =
+      zyn_blocked_drive(output, input, workspace->packed, param, epilogue, Stride, run<Stride>);
+  if (code == ZYN_RET_ERR_MEMORY) memset(output->data, 0, static_cast<size_t>(output->byte_size));
+  return code;
 }
 
 }  // namespace
