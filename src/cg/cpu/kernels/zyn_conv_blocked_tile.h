@@ -68,7 +68,11 @@ template <int Most, typename Body>
 inline void zyn_balanced_tiles(int64_t first, int64_t end, const Body& body) {
   if (first >= end) return;
   const int64_t tiles = (end - first + Most - 1) / Most;
-  const int64_t size = (end - first) / tiles, larger = (end - first) % tiles;
-  if (larger > 0) zyn_run_tiles<Most>(body, size + 1, first, larger);
-  zyn_run_tiles<Most>(body, size, first + larger * (size + 1), tiles - larger);
+  const int64_t small = (end - first) / tiles, larger = (end - first) % tiles;
+  // One call in a loop, so that the tiles' code is there once.
+  for (int64_t size = small + 1; size >= small; size--) {
+    const int64_t count = size > small ? larger : tiles - larger;
+    if (count > 0) zyn_run_tiles<Most>(body, size, first, count);
+    first += count * size;
+  }
 }
