@@ -44,7 +44,7 @@ struct tiles {
   // Values are copied to locals first: vector stores may alias anything in memory. A function
   // of its own for every size: gcc shares the registers out badly among several loops.
   template <int Pixels>
-  [[gnu::noinline]] void run(int32_t pixel, int64_t count) const {
+  [[gnu::noinline]] void run(int64_t pixel, int64_t count) const {
     using lanes = zyn_lanes<OB>;
     const int64_t pixels = l.in_plane();
     const int32_t in_channels = l.in_channels;
@@ -61,7 +61,7 @@ struct tiles {
         w[b] = packed + b * weight_block;
         zyn_own_pointer(w[b]);
       }
-      const float* eight = in + static_cast<int64_t>(pixel) * 8;
+      const float* eight = in + pixel * 8;
       for (int32_t n = in_channels / 8; n > 0; n--, eight += pixels * 8)
         add_inputs<OB, 8>(sum, eight, w);
       int32_t ic = in_channels / 8 * 8;
@@ -100,13 +100,13 @@ struct tiles<1, 1> {
   zyn_tile_epilogue epilogue;
 
   template <int Pixels>
-  [[gnu::noinline]] void run(int32_t pixel, int64_t count) const {
+  [[gnu::noinline]] void run(int64_t pixel, int64_t count) const {
     const int64_t pixels = l.in_plane();
     const float* w = l.packed + static_cast<int64_t>(oc) * l.in_channels;
     const int32_t eights = l.in_channels / 8;
     for (; count > 0; count--, pixel += Pixels) {
       float total[Pixels] = {};
-      add_dots<8>(total, l.in + static_cast<int64_t>(pixel) * 8, pixels * 8, w, eights);
+      add_dots<8>(total, l.in + pixel * 8, pixels * 8, w, eights);
       int32_t ic = eights * 8;
       if (l.in_channels - ic >= 4) {
         add_dots<4>(total, l.in + ic * pixels + pixel * 4, pixels * 4, w + ic, 1);

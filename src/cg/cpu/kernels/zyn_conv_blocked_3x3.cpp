@@ -98,7 +98,7 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
     const float* w[Blocks];
     ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
       w[b] = p.weights + taps.weight[t] + b * p.weight_block;
-      if (IB > 1) zyn_own_pointer(w[b]);  // of one input each, the sums take too little time
+      if (IB > 1) zyn_own_pointer(w[b]);  // for one input a tap it costs more than it saves
     }
     const auto add_input = [&](int ic) __attribute__((always_inline)) {
       typename lanes::type weight[Blocks];
@@ -151,9 +151,10 @@ struct line {
   int32_t y, x;
   const tap_list& taps;
   template <int Pixels>
-  void run(int32_t first, int64_t count) const {
+  void run(int64_t first, int64_t count) const {
     for (; count > 0; count--, first += Pixels) {
-      const int32_t row = Down ? first : y, column = Down ? x : first;
+      const auto at = static_cast<int32_t>(first);
+      const int32_t row = Down ? at : y, column = Down ? x : at;
       if constexpr (OB == 1)
         dot_tile<IB, Pixels, Stride, Down>(p, row, column, taps);
       else

@@ -59,7 +59,7 @@ inline void zyn_run_tiles(const Body& body, int64_t size, int64_t first, int64_t
       return;
     }
   }
-  body.template run<Most>(static_cast<int32_t>(first), count);
+  body.template run<Most>(first, count);
 }
 
 // Covers [first, end) with tiles of at most Most pixels, all within one of each other, so
