@@ -226,8 +226,8 @@ TEST(ConvBlocked, EveryHeightOfRowPairs) {
 
 // Images larger than what a strip of pixels or rows holds.
 TEST(ConvBlocked, StripsMeet) {
-  Blocked().channels(40, 29).sides(17, 17).kernel(1).check();
-  Blocked().channels(300, 21).sides(7, 11).kernel(1).input_layout(ZYN_LAYOUT_BLOCKED).check();
+  Blocked().channels(40, 29).sides(41, 53).kernel(1).check();
+  Blocked().channels(700, 21).sides(11, 11).kernel(1).input_layout(ZYN_LAYOUT_BLOCKED).check();
   for (int stride : {1, 2}) Blocked().channels(37, 21).sides(33, 140).stride(stride).check();
 }
 
