@@ -210,9 +210,25 @@ TEST(ConvBlocked, EveryTileSizeOfARow) {
   for (int w = 1; w <= 32; w++)
     for (int stride : {1, 2}) {
       Blocked().channels(8, 24).sides(w, 3).stride(stride).seed(w).check();
+      Blocked().channels(9, 21).sides(3, w).stride(stride).seed(w).check();
       Blocked().depthwise(8).sides(w, 3).stride(stride).seed(w).check();
       Blocked().channels(9, 21).sides(w, 1).kernel(1).seed(w).check();
     }
+}
+
+// Depthwise rows go in pairs: every height by every end of a row.
+TEST(ConvBlocked, EveryHeightOfRowPairs) {
+  for (int h = 1; h <= 9; h++)
+    for (int w = 1; w <= 8; w++)
+      for (int stride : {1, 2})
+        Blocked().depthwise(13).sides(w, h).stride(stride).seed(h * 8 + w).check();
+}
+
+// Images larger than what a strip of pixels or rows holds.
+TEST(ConvBlocked, StripsMeet) {
+  Blocked().channels(40, 29).sides(41, 53).kernel(1).check();
+  Blocked().channels(700, 21).sides(11, 11).kernel(1).input_layout(ZYN_LAYOUT_BLOCKED).check();
+  for (int stride : {1, 2}) Blocked().channels(37, 21).sides(33, 140).stride(stride).check();
 }
 
 TEST(ConvBlocked, EpilogueIsAppliedOnceWhereTheLastSumArrives) {
@@ -322,8 +338,10 @@ TEST(ConvBlocked, ThreadCountIsClampedAndFailuresLoseNothing) {
     const zyn_tensor blocked = view(in.data(), 5, 5, 8, ZYN_LAYOUT_BLOCKED);
     {
       zyn_test::FailingAllocations failing(1);
+      out.assign(out.size(), 5.0f);
       EXPECT_EQ(zyn_cg_conv3x3(&output, &planar, workspace, &p), 2u);
       EXPECT_EQ(output.layout, 0u);
+      EXPECT_EQ(out, std::vector<float>(out.size(), 0.0f)) << "nothing but zeros written";
     }
     zyn_test::FailingAllocations failing(1);
     EXPECT_EQ(zyn_cg_conv3x3(&output, &blocked, workspace, &p), 0u) << "no copy of blocked inputs";

@@ -1,7 +1,8 @@
-// Dispatch of the blocked direct kernels by kernel and stride, and the passes over a
-// finished blocked output.
+// Dispatch of the blocked direct kernels by kernel and stride, the frame of their
+// drivers, and the passes over a finished blocked output.
 #include "cg/cpu/kernels/zyn_conv_blocked.h"
 
+#include "base/zyn_memory.h"
 #include "cg/cpu/kernels/zyn_conv_blocked_tile.h"
 
 namespace {
@@ -20,6 +21,11 @@ driver choose(const zyn_conv_param* p, driver stride1, driver stride2) {
   return is_pair(p->stride_h, p->stride_w, 2) ? stride2 : nullptr;
 }
 
+// Whether the input has to be copied into blocked order first.
+bool needs_copy(const zyn_tensor* input) {
+  return input->layout != ZYN_LAYOUT_BLOCKED && !zyn_block_is_planar(input->dims[2]);
+}
+
 template <int Width>
 void add_to_block(float* values, int64_t pixels, const zyn_tile_epilogue& epilogue) {
   using lanes = zyn_lanes<Width>;
@@ -28,6 +34,39 @@ void add_to_block(float* values, int64_t pixels, const zyn_tile_epilogue& epilog
 }
 
 }  // namespace
+
+uint32_t zyn_blocked_drive(zyn_tensor* output, const zyn_tensor* input, const zyn_tensor* packed,
+                           const zyn_conv_param* param, const zyn_conv_epilogue* epilogue,
+                           int32_t stride, void (*run)(const zyn_blocked_layer&)) {
+  if (!output || !input || !packed || !param || !output->data || !input->data || !packed->data)
+    return ZYN_RET_ERR_PARA;
+  if (output->dims[2] != param->out_channels || input->dims[2] != param->in_channels)
+    return ZYN_RET_ERR_PARA;
+  zyn_blocked_layer layer = {static_cast<const float*>(input->data),
+                             input->dims[2],
+                             input->dims[0],
+                             input->dims[1],
+                             static_cast<float*>(output->data),
+                             output->dims[2],
+                             (input->dims[0] - 1) / stride + 1,
+                             (input->dims[1] - 1) / stride + 1,
+                             static_cast<const float*>(packed->data),
+                             epilogue};
+  if (param->dilation_h > 1 || param->dilation_w > 1) return ZYN_RET_ERR_NOT_SUPPORT;
+  if (output->dims[0] != layer.out_width || output->dims[1] != layer.out_height)
+    return ZYN_RET_ERR_NOT_SUPPORT;
+  if (needs_copy(input)) {
+    const zyn_scratch<float> copy(input->count);
+    if (!copy) return ZYN_RET_ERR_MEMORY;
+    zyn_block_planes(copy.get(), layer.in, layer.in_channels, layer.in_plane());
+    layer.in = copy.get();
+    run(layer);
+  } else {
+    run(layer);
+  }
+  output->layout = ZYN_LAYOUT_BLOCKED;
+  return ZYN_RET_OK;
+}
 
 uint32_t zyn_cg_conv3x3(zyn_tensor* output, const zyn_tensor* input,
                         const zyn_conv_direct* workspace, const zyn_conv_param* param,

@@ -94,24 +94,26 @@ struct zyn_lanes<1> {
 #define ZYN_UNROLL _Pragma("GCC unroll 16")
 #endif
 
-// The input in blocked order: its own block, or a scratch copy of a planar one.
-// False when the copy cannot be made.
-class zyn_blocked_input {
- public:
-  bool open(const zyn_tensor* input);
-  ~zyn_blocked_input() { zyn_free(copy_); }
-  const float* data() const { return data_; }
+// A convolution with padding 1 (3x3) or 0 (1x1) whose tensors have been checked.
+struct zyn_blocked_layer {
+  const float* in;  // in blocked order
+  int32_t in_channels, width, height;
+  float* out;
+  int32_t out_channels, out_width, out_height;
+  const float* packed;
+  const zyn_conv_epilogue* epilogue;  // null: none
 
- private:
-  const float* data_ = nullptr;
-  float* copy_ = nullptr;
+  int64_t in_plane() const { return static_cast<int64_t>(width) * height; }
+  int64_t out_plane() const { return static_cast<int64_t>(out_width) * out_height; }
 };
 
-// Codes of the checks that every driver begins with: 1 for missing tensors, data or
-// channel counts that differ from the record, 4 when the output is not width x height
-// pixels or the record asks for dilation.
-uint32_t zyn_blocked_check(const zyn_tensor* output, const zyn_tensor* input,
-                           const zyn_conv_param* param, int32_t width, int32_t height);
+// The frame of every driver: checks the arguments, makes a blocked copy of a planar
+// input, runs and marks the output as blocked. 1: missing tensors, data or weights, or
+// channel counts that differ from the record; 4: the output is not as large as the
+// stride makes it, or the record asks for dilation; 2: no memory for the copy.
+uint32_t zyn_blocked_drive(zyn_tensor* output, const zyn_tensor* input, const zyn_tensor* packed,
+                           const zyn_conv_param* param, const zyn_conv_epilogue* epilogue,
+                           int32_t stride, void (*run)(const zyn_blocked_layer&));
 
 // Planar to blocked and back: channels planes of count pixels.
 void zyn_block_planes(float* blocked, const float* planar, int32_t channels, int64_t count);

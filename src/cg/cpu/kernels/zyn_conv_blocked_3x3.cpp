@@ -5,11 +5,11 @@
 // the output once. Two 8-channel output blocks by 6 pixels are 12 accumulators: with
 // two FMA ports and a latency of 4 cycles, 8 would do; the rest hides the loads.
 // Single output channels put the input channels into the lanes instead and sum the
-// lanes at the end. Taps outside the image are left out: the first and last row take
-// fewer kernel rows, the first and last column a slower path.
+// lanes at the end. The first input blocks' sums start at zero, the later ones' at the
+// output. Taps outside the image are left out: the first and last row take fewer kernel
+// rows, the first and last column are run through downwards.
 #include <string.h>
 
-#include "base/zyn_memory.h"
 #include "cg/cpu/kernels/zyn_conv_blocked.h"
 #include "cg/cpu/kernels/zyn_conv_blocked_tile.h"
 
@@ -17,6 +17,7 @@ namespace {
 
 constexpr int kTaps = 9;
 constexpr int kTilePixels = 6;
+constexpr int kEdgePixels = 4;       // of an edge column: few pixels, so less code
 constexpr int32_t kGroupBlocks = 4;  // input blocks added per load and store of an output value
 constexpr int64_t kStripBytes = 64 * 1024;  // output rows of one block pair kept in L1
 
@@ -31,8 +32,23 @@ struct planes {
   int32_t out_width;
   const float* weights;        // sub-blocks of the first output block, local
   int64_t weight_block;        // floats from one output block's sub-blocks to the next
+  bool first;                  // whether sums start at zero, not at the output
   zyn_tile_epilogue epilogue;  // active on the last input block only
 };
+
+alignas(32) constexpr float kZeros[8] = {};
+
+// Kernel rows of an output row that lie inside the image: begin to end - 1.
+struct kernel_rows {
+  int begin, end;
+  bool operator==(const kernel_rows& o) const { return begin == o.begin && end == o.end; }
+};
+
+template <int Stride>
+kernel_rows rows_inside(const planes& p, int32_t y) {
+  const int32_t top = y * Stride - 1;
+  return {top < 0 ? -top : 0, p.height - top < 3 ? p.height - top : 3};
+}
 
 // The taps that a run of pixels takes, over every input block of the group: offsets in
 // floats from the pixel's top left tap and from the first weight.
@@ -42,18 +58,16 @@ struct tap_list {
   int32_t weight[kTaps * kGroupBlocks];
 };
 
-// Taps of kernel columns kx0 to kx1 - 1 in the kernel rows of output row y that lie
-// inside the image.
-template <int OB, int IB, int Stride>
-tap_list taps_of(const planes& p, int32_t y, int kx0, int kx1) {
-  const int32_t top = y * Stride - 1;
+// Taps of kernel columns kx0 to kx1 - 1 in the given kernel rows.
+template <int OB, int IB>
+tap_list taps_of(const planes& p, kernel_rows ky, int kx0, int kx1) {
   tap_list taps;
   taps.count = 0;
   for (int32_t n = 0; n < p.in_blocks; n++)
-    for (int ky = top < 0 ? -top : 0; ky < 3 && top + ky < p.height; ky++)
+    for (int k = ky.begin; k < ky.end; k++)
       for (int kx = kx0; kx < kx1; kx++, taps.count++) {
-        taps.in[taps.count] = n * p.in_block + (static_cast<int64_t>(ky) * p.width + kx) * IB;
-        taps.weight[taps.count] = (n * kTaps + ky * 3 + kx) * (IB * OB);
+        taps.in[taps.count] = n * p.in_block + (static_cast<int64_t>(k) * p.width + kx) * IB;
+        taps.weight[taps.count] = (n * kTaps + k * 3 + kx) * (IB * OB);
       }
   return taps;
 }
@@ -72,23 +86,34 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
   const int64_t out_step = Down ? static_cast<int64_t>(p.out_width) * OB : OB;
   typename lanes::type sum[Blocks][Pixels];
   float* out = p.out + (static_cast<int64_t>(y) * p.out_width + x) * OB;
+  const float* from = p.first ? kZeros : out;
+  const int64_t from_block = p.first ? 0 : p.out_block, from_step = p.first ? 0 : out_step;
   ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
     ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[b][i] =
-        lanes::load(out + b * p.out_block + i * out_step);
+        lanes::load(from + b * from_block + i * from_step);
   }
   const int64_t first = corner<IB, Stride>(p, y, x);
   for (int32_t t = 0; t < taps.count; t++) {
     const float* in = p.in + (first + taps.in[t]);
-    const float* w = p.weights + taps.weight[t];
-    ZYN_UNROLL for (int ic = 0; ic < IB; ic++) {
+    const float* w[Blocks];
+    ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
+      w[b] = p.weights + taps.weight[t] + b * p.weight_block;
+      if (IB > 1) zyn_own_pointer(w[b]);  // for one input a tap it costs more than it saves
+    }
+    const auto add_input = [&](int ic) __attribute__((always_inline)) {
       typename lanes::type weight[Blocks];
-      ZYN_UNROLL for (int b = 0; b < Blocks; b++) weight[b] =
-          lanes::load(w + b * p.weight_block + ic * OB);
+      ZYN_UNROLL for (int b = 0; b < Blocks; b++) weight[b] = lanes::load(w[b] + ic * OB);
       ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
         const typename lanes::type value = lanes::spread(in + i * in_step + ic);
         ZYN_UNROLL for (int b = 0; b < Blocks; b++) sum[b][i] =
             lanes::fma(value, weight[b], sum[b][i]);
       }
+    };
+    if constexpr (Down) {  // few pixels: small code rather than the last cycles
+#pragma GCC unroll 1
+      for (int ic = 0; ic < IB; ic++) add_input(ic);
+    } else {
+      ZYN_UNROLL for (int ic = 0; ic < IB; ic++) add_input(ic);
     }
   }
   ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
@@ -98,9 +123,11 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
 }
 
 // Single output channel: the lanes are the input channels.
-template <int IB, int Pixels, int Stride>
+template <int IB, int Pixels, int Stride, bool Down>
 inline void dot_tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
   using lanes = zyn_lanes<IB>;
+  const int64_t in_step = Down ? static_cast<int64_t>(Stride) * p.width * IB : Stride * IB;
+  const int64_t out_step = Down ? p.out_width : 1;
   typename lanes::type sum[Pixels];
   ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[i] = lanes::zero();
   const int64_t first = corner<IB, Stride>(p, y, x);
@@ -108,77 +135,66 @@ inline void dot_tile(const planes& p, int32_t y, int32_t x, const tap_list& taps
     const float* in = p.in + (first + taps.in[t]);
     const typename lanes::type weight = lanes::load(p.weights + taps.weight[t]);
     ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[i] =
-        lanes::fma(lanes::load(in + i * Stride * IB), weight, sum[i]);
+        lanes::fma(lanes::load(in + i * in_step), weight, sum[i]);
   }
   float* out = p.out + static_cast<int64_t>(y) * p.out_width + x;
-  ZYN_UNROLL for (int i = 0; i < Pixels; i++) out[i] =
-      p.epilogue.apply<1>(out[i] + lanes::sum(sum[i]), 0);
+  ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
+    const float before = p.first ? 0.0f : out[i * out_step];
+    out[i * out_step] = p.epilogue.apply<1>(before + lanes::sum(sum[i]), 0);
+  }
 }
 
-template <int OB, int IB, int Blocks, int Pixels, int Stride>
-void any_tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
-  if constexpr (OB == 1)
-    dot_tile<IB, Pixels, Stride>(p, y, x, taps);
-  else
-    tile<OB, IB, Blocks, Pixels, Stride>(p, y, x, taps);
-}
-
-// The interior of a row in tiles of nearly equal size.
-template <int OB, int IB, int Blocks, int Stride>
-struct interior {
+// Tiles of one row from column x on, or of one column from row y on.
+template <int OB, int IB, int Blocks, int Stride, bool Down>
+struct line {
   const planes& p;
-  int32_t y;
+  int32_t y, x;
   const tap_list& taps;
   template <int Pixels>
-  void run(int32_t x) const {
-    any_tile<OB, IB, Blocks, Pixels, Stride>(p, y, x, taps);
-  }
-};
-
-// One pixel column of an edge, downwards in tiles of nearly equal size: one pixel alone
-// would wait for its own sums.
-template <int OB, int IB, int Blocks, int Stride>
-struct edge {
-  const planes& p;
-  int32_t x;
-  const tap_list& taps;
-  template <int Pixels>
-  void run(int32_t y) const {
-    tile<OB, IB, Blocks, Pixels, Stride, true>(p, y, x, taps);
-  }
-};
-
-// Column x of rows y0 to y1 - 1 with kernel columns kx0 to kx1 - 1.
-template <int OB, int IB, int Blocks, int Stride>
-void edge_column(const planes& p, int32_t x, int32_t y0, int32_t y1, int kx0, int kx1) {
-  const auto one = [&](int32_t y) {
-    any_tile<OB, IB, Blocks, 1, Stride>(p, y, x, taps_of<OB, IB, Stride>(p, y, kx0, kx1));
-  };
-  if constexpr (OB == 8 && IB == 8) {
-    const int32_t inside = (p.height - 2) / Stride + 1;  // one past the last row with all taps
-    if (y0 == 0) one(y0++);
-    const int32_t end = p.height < 2 ? y0 : inside < y1 ? inside : y1;
-    if (end > y0) {
-      const tap_list taps = taps_of<OB, IB, Stride>(p, y0, kx0, kx1);
-      zyn_balanced_tiles<kTilePixels>(y0, end, edge<OB, IB, Blocks, Stride>{p, x, taps});
-      y0 = end;
+  void run(int64_t first, int64_t count) const {
+    for (; count > 0; count--, first += Pixels) {
+      const auto at = static_cast<int32_t>(first);
+      const int32_t row = Down ? at : y, column = Down ? x : at;
+      if constexpr (OB == 1)
+        dot_tile<IB, Pixels, Stride, Down>(p, row, column, taps);
+      else
+        tile<OB, IB, Blocks, Pixels, Stride, Down>(p, row, column, taps);
     }
   }
-  for (; y0 < y1; y0++) one(y0);
+};
+
+// Column x of rows y0 to y1 - 1, downwards: one pixel alone would wait for its own sums.
+template <int OB, int IB, int Blocks, int Stride>
+[[gnu::noinline]] void edge_column(const planes& p, int32_t x, int32_t y0, int32_t y1,
+                                   const tap_list& taps) {
+  zyn_balanced_tiles<kEdgePixels>(y0, y1, line<OB, IB, Blocks, Stride, true>{p, 0, x, taps});
 }
 
-// Rows y0 to y1 - 1: the columns whose taps all lie inside, then the edges.
+// Rows y0 to y1 - 1, which take the same kernel rows: the columns whose taps all lie
+// inside, then the edges.
 template <int OB, int IB, int Blocks, int Stride>
-void rows(const planes& p, int32_t y0, int32_t y1) {
+void equal_rows(const planes& p, int32_t y0, int32_t y1, kernel_rows ky) {
   // One past the last column with all taps; column 0 never has them.
   const int32_t end = p.width < 2 ? 1 : (p.width - 2) / Stride + 1;
-  if (end > 1)
-    for (int32_t y = y0; y < y1; y++) {
-      const tap_list taps = taps_of<OB, IB, Stride>(p, y, 0, 3);
-      zyn_balanced_tiles<kTilePixels>(1, end, interior<OB, IB, Blocks, Stride>{p, y, taps});
-    }
-  edge_column<OB, IB, Blocks, Stride>(p, 0, y0, y1, 1, p.width > 1 ? 3 : 2);
-  if (end < p.out_width) edge_column<OB, IB, Blocks, Stride>(p, end, y0, y1, 0, 2);
+  if (end > 1) {
+    const tap_list taps = taps_of<OB, IB>(p, ky, 0, 3);
+    for (int32_t y = y0; y < y1; y++)
+      zyn_balanced_tiles<kTilePixels>(1, end, line<OB, IB, Blocks, Stride, false>{p, y, 0, taps});
+  }
+  edge_column<OB, IB, Blocks, Stride>(p, 0, y0, y1, taps_of<OB, IB>(p, ky, 1, p.width > 1 ? 3 : 2));
+  if (end < p.out_width)
+    edge_column<OB, IB, Blocks, Stride>(p, end, y0, y1, taps_of<OB, IB>(p, ky, 0, 2));
+}
+
+template <int OB, int IB, int Blocks, int Stride>
+void rows(const planes& p, int32_t y0, int32_t y1) {
+  while (y0 < y1) {
+    const kernel_rows ky = rows_inside<Stride>(p, y0);
+    int32_t end = y0 + 1;
+    while (end < y1 && rows_inside<Stride>(p, end) == ky) end++;
+    equal_rows<OB, IB, Blocks, Stride>(p, y0, end, ky);
+    y0 = end;
+  }
 }
 
 // The sub-blocks of one input block for Blocks output blocks, in an aligned local
@@ -193,24 +209,14 @@ void load_weights(float* local, const float* packed) {
   }
 }
 
-// Everything that stays the same over a layer.
-struct layer {
-  const float* in;
-  int32_t in_channels, width, height;
-  float* out;
-  int32_t out_width, out_height;
-  const float* packed;
-  const zyn_conv_epilogue* epilogue;
-};
-
 // Adds a group of input blocks of IB channels to Blocks output blocks over a strip of
 // rows.
 template <int OB, int IB, int Blocks, int Stride>
-void accumulate(const layer& l, int32_t oc, int32_t ic, int32_t group, int32_t y0, int32_t y1) {
+void accumulate(const zyn_blocked_layer& l, int32_t oc, int32_t ic, int32_t group, int32_t y0,
+                int32_t y1) {
   constexpr int kSubBlock = OB * IB * kTaps;
   alignas(32) float local[Blocks * kGroupBlocks * kSubBlock];
-  const int64_t in_plane = static_cast<int64_t>(l.width) * l.height;
-  const int64_t out_plane = static_cast<int64_t>(l.out_width) * l.out_height;
+  const int64_t in_plane = l.in_plane(), out_plane = l.out_plane();
   for (int b = 0; b < Blocks; b++)
     for (int n = 0; n < group; n++)
       load_weights<OB, IB>(local + (b * group + n) * kSubBlock,
@@ -228,6 +234,7 @@ void accumulate(const layer& l, int32_t oc, int32_t ic, int32_t group, int32_t y
                     l.out_width,
                     local,
                     group * kSubBlock,
+                    ic == 0,
                     zyn_tile_epilogue(last ? l.epilogue : nullptr, oc, OB * Blocks)};
   rows<OB, IB, Blocks, Stride>(p, y0, y1);
   const int64_t first = static_cast<int64_t>(y0) * l.out_width * OB;
@@ -237,7 +244,7 @@ void accumulate(const layer& l, int32_t oc, int32_t ic, int32_t group, int32_t y
 }
 
 template <int OB, int Blocks, int Stride>
-void output_blocks(const layer& l, int32_t oc) {
+void output_blocks(const zyn_blocked_layer& l, int32_t oc) {
   const int64_t row_bytes = static_cast<int64_t>(l.out_width) * OB * Blocks * sizeof(float);
   const int64_t fitting = kStripBytes / row_bytes;
   const int32_t strip = fitting < 4 ? 4 : static_cast<int32_t>(fitting);
@@ -260,28 +267,9 @@ void output_blocks(const layer& l, int32_t oc) {
 }
 
 template <int Stride>
-uint32_t drive(zyn_tensor* output, const zyn_tensor* input, const zyn_conv_direct* workspace,
-               const zyn_conv_param* param, const zyn_conv_epilogue* epilogue) {
-  if (!output || !input || !workspace || !workspace->packed || !param || !output->data ||
-      !input->data)
-    return ZYN_RET_ERR_PARA;
-  const int32_t width = (input->dims[0] - 1) / Stride + 1;
-  const int32_t height = (input->dims[1] - 1) / Stride + 1;
-  if (const uint32_t code = zyn_blocked_check(output, input, param, width, height)) return code;
-  memset(output->data, 0, static_cast<size_t>(output->byte_size));
-  zyn_blocked_input blocked;
-  if (!blocked.open(input)) return ZYN_RET_ERR_MEMORY;
-  const layer l = {blocked.data(),
-                   input->dims[2],
-                   input->dims[0],
-                   input->dims[1],
-                   static_cast<float*>(output->data),
-                   width,
-                   height,
-                   static_cast<const float*>(workspace->packed->data),
-                   epilogue};
-  for (int32_t oc = 0, blocks = 0; oc < param->out_channels; oc += blocks) {
-    const int32_t left = param->out_channels - oc;
+void run(const zyn_blocked_layer& l) {
+  for (int32_t oc = 0, blocks = 0; oc < l.out_channels; oc += blocks) {
+    const int32_t left = l.out_channels - oc;
     blocks = left >= 16 ? 16 : zyn_block_width(left);
     if (blocks == 16)
       output_blocks<8, 2, Stride>(l, oc);
@@ -292,8 +280,16 @@ uint32_t drive(zyn_tensor* output, const zyn_tensor* input, const zyn_conv_direc
     else
       output_blocks<1, 1, Stride>(l, oc);
   }
-  output->layout = ZYN_LAYOUT_BLOCKED;
-  return ZYN_RET_OK;
+}
+
+// What is left where there is no memory for the input's copy: an output of zeros.
+template <int Stride>
+uint32_t drive(zyn_tensor* output, const zyn_tensor* input, const zyn_conv_direct* workspace,
+               const zyn_conv_param* param, const zyn_conv_epilogue* epilogue) {
+  const uint32_t code =
+      zyn_blocked_drive(output, input, workspace->packed, param, epilogue, Stride, run<Stride>);
+  if (code == ZYN_RET_ERR_MEMORY) memset(output->data, 0, static_cast<size_t>(output->byte_size));
+  return code;
 }
 
 }  // namespace

@@ -117,17 +117,6 @@ void zyn_unblock_planes(float* planar, const float* blocked, int32_t channels, i
   }
 }
 
-bool zyn_blocked_input::open(const zyn_tensor* input) {
-  data_ = static_cast<const float*>(input->data);
-  if (input->layout == ZYN_LAYOUT_BLOCKED || zyn_block_is_planar(input->dims[2])) return true;
-  copy_ = static_cast<float*>(zyn_malloc(input->byte_size));
-  if (!copy_) return false;
-  zyn_block_planes(copy_, data_, input->dims[2],
-                   static_cast<int64_t>(input->dims[0]) * input->dims[1]);
-  data_ = copy_;
-  return true;
-}
-
 uint32_t zyn_cg_block_channels(zyn_tensor* output, const zyn_tensor* input) {
   if (!output || !input || !output->data || !input->data) return ZYN_RET_ERR_PARA;
   if (output->count != input->count || input->layout != ZYN_LAYOUT_PLANAR || input->dim_count < 3)
@@ -135,14 +124,5 @@ uint32_t zyn_cg_block_channels(zyn_tensor* output, const zyn_tensor* input) {
   zyn_block_planes(static_cast<float*>(output->data), static_cast<const float*>(input->data),
                    input->dims[2], static_cast<int64_t>(input->dims[0]) * input->dims[1]);
   output->layout = ZYN_LAYOUT_BLOCKED;
-  return ZYN_RET_OK;
-}
-
-uint32_t zyn_blocked_check(const zyn_tensor* output, const zyn_tensor* input,
-                           const zyn_conv_param* param, int32_t width, int32_t height) {
-  if (output->dims[2] != param->out_channels || input->dims[2] != param->in_channels)
-    return ZYN_RET_ERR_PARA;
-  if (param->dilation_h > 1 || param->dilation_w > 1) return ZYN_RET_ERR_NOT_SUPPORT;
-  if (output->dims[0] != width || output->dims[1] != height) return ZYN_RET_ERR_NOT_SUPPORT;
   return ZYN_RET_OK;
 }

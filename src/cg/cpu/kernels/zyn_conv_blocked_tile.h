@@ -1,8 +1,13 @@
-// What the blocked micro-kernels share: the epilogue of a tile in registers and the
-// split of a row into tiles of nearly equal size.
+// What the blocked micro-kernels share: the epilogue of a tile in registers, the split of
+// a row into tiles of nearly equal size, and pointers that keep their registers.
 #pragma once
 
 #include "cg/cpu/kernels/zyn_conv_blocked.h"
+
+// Makes a pointer's origin unknown. Where several pointers of a loop come from one base,
+// gcc computes every address as that base plus an offset of its own: offsets beyond the
+// registers go to the stack, and multiply-adds with indexed operands take two issue slots.
+inline void zyn_own_pointer(const float*& pointer) { __asm__("" : "+r"(pointer)); }
 
 // The epilogue for a run of up to 16 output channels. Bias and ReLU are applied to
 // values in registers without a branch: where there is no bias -0 is added, which
@@ -45,27 +50,29 @@ class zyn_tile_epilogue {
   int32_t pass_ = ZYN_EPILOGUE_NONE;
 };
 
-// Calls body.run<size>(x) for a size known at run time, 1 to Most.
+// Calls body.run<size>(first, count) for a size known at run time, 1 to Most.
 template <int Most, typename Body>
-inline void zyn_run_tile(const Body& body, int64_t size, int32_t x) {
+inline void zyn_run_tiles(const Body& body, int64_t size, int64_t first, int64_t count) {
   if constexpr (Most > 1) {
     if (size < Most) {
-      zyn_run_tile<Most - 1>(body, size, x);
+      zyn_run_tiles<Most - 1>(body, size, first, count);
       return;
     }
   }
-  body.template run<Most>(x);
+  body.template run<Most>(first, count);
 }
 
-// Covers [first, end) with tiles of at most Most pixels, all within one of each other,
-// so that no tile is left with too few accumulators.
+// Covers [first, end) with tiles of at most Most pixels, all within one of each other, so
+// that no tile is left with too few accumulators. Tiles of one size follow in one call.
 template <int Most, typename Body>
 inline void zyn_balanced_tiles(int64_t first, int64_t end, const Body& body) {
-  int64_t tiles = (end - first + Most - 1) / Most;
-  while (first < end) {
-    const int64_t size = (end - first + tiles - 1) / tiles;
-    zyn_run_tile<Most>(body, size, static_cast<int32_t>(first));
-    first += size;
-    tiles--;
+  if (first >= end) return;
+  const int64_t tiles = (end - first + Most - 1) / Most;
+  const int64_t small = (end - first) / tiles, larger = (end - first) % tiles;
+  // One call in a loop, so that the tiles' code is there once.
+  for (int64_t size = small + 1; size >= small; size--) {
+    const int64_t count = size > small ? larger : tiles - larger;
+    if (count > 0) zyn_run_tiles<Most>(body, size, first, count);
+    first += count * size;
   }
 }
