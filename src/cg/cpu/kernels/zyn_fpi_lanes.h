@@ -60,8 +60,18 @@ struct zyn_fpi_finisher {
   }
 };
 
-// Copies count values: short rows are too many for calls of memcpy. The last vector
-// overlaps the one before.
+// Copies the first and the last T's worth of count values, which may overlap.
+template <typename T>
+inline void zyn_fpi_copy_ends(int16_t* to, const int16_t* from, int64_t count) {
+  const int64_t rest = count - static_cast<int64_t>(sizeof(T) / sizeof(int16_t));
+  T first, last;
+  memcpy(&first, from, sizeof(T));
+  memcpy(&last, from + rest, sizeof(T));
+  memcpy(to, &first, sizeof(T));
+  memcpy(to + rest, &last, sizeof(T));
+}
+
+// Copies count values: short rows are too many for calls of memcpy.
 inline void zyn_fpi_copy(int16_t* to, const int16_t* from, int64_t count) {
   if (count >= kZynFpiLanes) {
     for (int64_t i = 0; i + kZynFpiLanes < count; i += kZynFpiLanes)
@@ -69,12 +79,8 @@ inline void zyn_fpi_copy(int16_t* to, const int16_t* from, int64_t count) {
     const int64_t last = count - kZynFpiLanes;
     return zyn_fpi_store(to + last, zyn_fpi_load(from + last));
   }
-  if (count >= 8) {
-    const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
-    const __m128i last = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + count - 8));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), first);
-    return _mm_storeu_si128(reinterpret_cast<__m128i*>(to + count - 8), last);
-  }
+  if (count >= 8) return zyn_fpi_copy_ends<__m128i>(to, from, count);
+  if (count >= 4) return zyn_fpi_copy_ends<int64_t>(to, from, count);
   for (int64_t i = 0; i < count; i++) to[i] = from[i];
 }
 
