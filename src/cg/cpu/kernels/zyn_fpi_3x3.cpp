@@ -1,4 +1,4 @@
-// Fixed-point 3 x 3 convolutions, stride 1 or 2, dense and depthwise, 16 pixels at a time.
+// Fixed-point dense 3 x 3 convolution, stride 1 or 2, 16 pixels at a time.
 // Products are added in pairs into 32-bit lanes (madd). A window holds what 16 outputs
 // read from one input channel: pairs of neighbouring columns of each row, then the third
 // column of two rows, then that of the last row beside a constant that brings in r: five
@@ -13,10 +13,8 @@ namespace {
 
 constexpr int64_t kTaps = 9;
 constexpr int64_t kPairs = 5;
-constexpr int64_t kChunk = 64;        // output channels whose sums stay on the stack
-constexpr int64_t kBandRows = 32;     // padded rows of one channel, depthwise
-constexpr int64_t kFlatWords = 4096;  // of a padded plane that is worked on as a whole
-constexpr int64_t kSlack = 24;        // what windows read behind the columns of their outputs
+constexpr int64_t kChunk = 64;  // output channels whose sums stay on the stack
+constexpr int64_t kSlack = 24;  // what windows read behind the columns of their outputs
 
 struct group {
   __m256i row0, row1, row2, third01, third2;
@@ -146,85 +144,6 @@ uint32_t dense(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tenso
   return ZYN_RET_OK;
 }
 
-template <int kStride>
-uint32_t depthwise(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
-                   const zyn_tensor* input) {
-  const int64_t width = output->dims[0], height = output->dims[1];
-  const int64_t in_plane = static_cast<int64_t>(input->dims[0]) * input->dims[1];
-  zyn_fpi_rows ring = make_ring<kStride>(input, output, plan->param, 1, kBandRows);
-  if (!ring.words) return ZYN_RET_ERR_MEMORY;
-  const __m256i shift = _mm256_set1_epi32(plan->shift);
-  const round_factors round = factors_of(plan->shift);
-  const __m256i constant = _mm256_set1_epi16(static_cast<int16_t>(round.data));
-  int16_t* const out = zyn_fpi_words(output);
-  // Rows and planes follow each other: whole vectors are stored up to here.
-  const int64_t whole = output->count - kZynFpiLanes;
-  int64_t at = 0;
-  for (int64_t c = 0; c < plan->param.out_channels; c++) {
-    int32_t pairs[kPairs];
-    pack_taps(pairs, plan->weights + c * kTaps, round.weight);
-    const weight_pairs weights = load_weights(pairs);
-    const zyn_fpi_finisher finish(outlet, c);
-    ring.start(zyn_fpi_words(input) + c * in_plane);
-    for (int64_t y = 0; y < height; y++, at += width) {
-      const int64_t row = y * kStride;
-      ring.advance(row);
-      const int16_t* const rows[3] = {ring.slot(0, row), ring.slot(0, row + 1),
-                                      ring.slot(0, row + 2)};
-      for (int64_t x = 0; x < width; x += kZynFpiLanes) {
-        const window in = gather<kStride>(rows, x, constant);
-        zyn_fpi_store_part(out + at + x, finish(in_order<kStride>(convolve(in, weights, shift))),
-                           at + x <= whole ? kZynFpiLanes : width - x);
-      }
-    }
-  }
-  return ZYN_RET_OK;
-}
-
-// Whether the windows of the whole padded plane are fewer vectors than its rows one by one
-// (by a tenth: results are copied once more).
-bool is_better_flat(int64_t width, int64_t height) {
-  const int64_t by_rows = (width + kZynFpiLanes - 1) / kZynFpiLanes * height;
-  const int64_t flat = ((width + 2) * height + kZynFpiLanes - 1) / kZynFpiLanes;
-  return 10 * flat <= 9 * by_rows && (width + 2) * (height + 2) <= kFlatWords;
-}
-
-// Stride 1, small planes with rows that fill vectors badly: the whole padded plane is one
-// run of windows; the two between the rows are computed in vain and not copied.
-uint32_t depthwise_flat(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
-                        const zyn_tensor* input) {
-  const zyn_conv_param& p = plan->param;
-  const int64_t width = output->dims[0], height = output->dims[1];
-  const int64_t in_width = input->dims[0], in_height = input->dims[1];
-  const int64_t pitch = width + 2;
-  auto plane = zyn_scratch<int16_t>::zeroed(pitch * (height + 2) + kZynFpiLanes + kSlack);
-  zyn_scratch<int16_t> results(pitch * height + kZynFpiLanes);
-  if (!plane || !results) return ZYN_RET_ERR_MEMORY;
-  const round_factors round = factors_of(plan->shift);
-  const __m256i shift = _mm256_set1_epi32(plan->shift);
-  const __m256i constant = _mm256_set1_epi16(static_cast<int16_t>(round.data));
-  const int16_t* in = zyn_fpi_words(input);
-  int16_t* out = zyn_fpi_words(output);
-  for (int64_t c = 0; c < p.out_channels; c++) {
-    // The padding stays as it is. Rows and columns: what of the input windows can reach.
-    for (int64_t y = 0; y < in_height; y++, in += in_width)
-      if (y + p.pad_w < height + 2 && p.pad_h < pitch)
-        zyn_fpi_copy(plane.get() + (y + p.pad_w) * pitch + p.pad_h, in,
-                     in_width < pitch - p.pad_h ? in_width : pitch - p.pad_h);
-    int32_t pairs[kPairs];
-    pack_taps(pairs, plan->weights + c * kTaps, round.weight);
-    const weight_pairs weights = load_weights(pairs);
-    const zyn_fpi_finisher finish(outlet, c);
-    const int16_t* const rows[3] = {plane.get(), plane.get() + pitch, plane.get() + 2 * pitch};
-    for (int64_t i = 0; i < pitch * height; i += kZynFpiLanes)
-      zyn_fpi_store(results.get() + i,
-                    finish(convolve(gather<1>(rows, i, constant), weights, shift)));
-    for (int64_t y = 0; y < height; y++, out += width)
-      zyn_fpi_copy(out, results.get() + y * pitch, width);
-  }
-  return ZYN_RET_OK;
-}
-
 }  // namespace
 
 int64_t zyn_fpi_packed_3x3(const zyn_conv_param* param) {
@@ -244,12 +163,4 @@ uint32_t zyn_fpi_run_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
                          const zyn_tensor* input) {
   return plan->param.stride_h == 1 ? dense<1>(plan, outlet, output, input)
                                    : dense<2>(plan, outlet, output, input);
-}
-
-uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
-                                   zyn_tensor* output, const zyn_tensor* input) {
-  if (plan->param.stride_h == 1 && is_better_flat(output->dims[0], output->dims[1]))
-    return depthwise_flat(plan, outlet, output, input);
-  return plan->param.stride_h == 1 ? depthwise<1>(plan, outlet, output, input)
-                                   : depthwise<2>(plan, outlet, output, input);
 }

@@ -58,10 +58,6 @@ struct zyn_fpi_rows {
                ? all
                : -1;
   }
-  void start(const int16_t* first_plane) {
-    planes = first_plane;
-    next = 0;
-  }
   // Lets rows first to first + rows - 1, counted from -pad_y, be there.
   void advance(int64_t first) {
     if (next >= first + rows || inside == 0) return;

@@ -1,0 +1,266 @@
+// Fixed-point 3 x 3 depthwise convolution, stride 1 or 2, 16 outputs at a time. The three
+// products of a row are added in pairs (madd): two neighbouring columns, then the third
+// beside nothing. There are two groups of 8 outputs: the even and the odd ones of a row
+// (stride 1), its first and second 8, or, in narrow planes, those of two rows (stride 2).
+//
+// Every plane passes through a padded copy, a band of rows at a time. The vectors of one
+// column follow each other down the band; with stride 1 a row is loaded once, and added to
+// the three outputs that read it: vectors that cross a cache line are what loads cost most.
+#include "base/zyn_memory.h"
+#include "cg/cpu/kernels/zyn_fpi.h"
+#include "cg/cpu/kernels/zyn_fpi_lanes.h"
+
+namespace {
+
+constexpr int64_t kTaps = 9;
+constexpr int64_t kBandWords = 4096;
+constexpr int64_t kSlack = 3 * kZynFpiLanes;  // what idle lanes read behind the last row
+
+// Up to d = 16 the low half of sum >> d is a part of the sum, so that the bias may join it
+// and the odd groups may shift to the left.
+constexpr int32_t kMostSmallShift = 16;
+
+enum layout { kEvenOdd, kHalves, kTwoRows };
+
+struct channel {
+  const int16_t* weights;
+  int32_t start;  // of the sums: r, and where the shift is small the bias
+  int16_t bias;   // for the results otherwise
+};
+
+channel make_channel(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, int64_t c) {
+  const int16_t bias =
+      outlet.bias ? zyn_fpi_rescale1(outlet.bias[c], outlet.q_weights, outlet.q_out) : int16_t{0};
+  const uint32_t round = zyn_fpi_round_term(plan->shift);
+  const int16_t* weights = plan->weights + c * kTaps;
+  if (plan->shift > kMostSmallShift) return {weights, static_cast<int32_t>(round), bias};
+  return {weights, static_cast<int32_t>(round + (static_cast<uint32_t>(bias) << plan->shift)), 0};
+}
+
+// What the vectors of all channels have in common.
+struct limits {
+  __m256i right, left;  // shifts of even and odd groups
+  __m256i low, high;
+};
+
+struct row_taps {
+  __m256i pair, third;
+  explicit row_taps(const int16_t* w)
+      : pair(broadcast(w)), third(_mm256_srli_epi32(broadcast(w + 1), 16)) {}
+  static __m256i broadcast(const int16_t* two) {
+    int32_t word;
+    memcpy(&word, two, sizeof(word));
+    return _mm256_set1_epi32(word);
+  }
+  __m256i sum(__m256i columns01, __m256i columns2) const {
+    return _mm256_add_epi32(_mm256_madd_epi16(columns01, pair), _mm256_madd_epi16(columns2, third));
+  }
+  __m256i sum(const int16_t* row) const { return sum(zyn_fpi_load(row), zyn_fpi_load(row + 2)); }
+};
+
+struct filter {
+  row_taps upper, middle, lower;
+  __m256i start, bias;
+  limits ends;
+  filter(const channel& c, const limits& given)
+      : upper(c.weights),
+        middle(c.weights + 3),
+        lower(c.weights + 6),
+        start(_mm256_set1_epi32(c.start)),
+        bias(_mm256_set1_epi16(c.bias)),
+        ends(given) {}
+};
+
+// Results of 16 finished sums, even[j] in lane 2 j.
+template <bool kSmallShift>
+inline __m256i narrow(__m256i even, __m256i odd, const filter& f) {
+  const __m256i v = kSmallShift
+                        ? _mm256_blend_epi16(_mm256_srlv_epi32(even, f.ends.right),
+                                             _mm256_sllv_epi32(odd, f.ends.left), 0xAA)
+                        : _mm256_add_epi16(zyn_fpi_interleave(even, odd, f.ends.right), f.bias);
+  return _mm256_min_epi16(_mm256_max_epi16(v, f.ends.low), f.ends.high);
+}
+
+// The even lanes, then the odd ones.
+inline __m256i part(__m256i v) {
+  const __m256i order = _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15, 0, 1,
+                                         4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
+  return _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, order), 0xD8);
+}
+
+// A column of vectors: rows of input and of output lie these words apart.
+struct column {
+  const int16_t* in;
+  int16_t* out;
+  int64_t pitch, out_pitch, rows;
+};
+
+// The sums of a group that still miss rows: one has had two, the other one.
+struct pending {
+  __m256i two, one;
+};
+
+inline __m256i take_row(pending& sums, const int16_t* row, const filter& f) {
+  const __m256i columns01 = zyn_fpi_load(row), columns2 = zyn_fpi_load(row + 2);
+  const __m256i done = _mm256_add_epi32(sums.two, f.lower.sum(columns01, columns2));
+  sums.two = _mm256_add_epi32(sums.one, f.middle.sum(columns01, columns2));
+  sums.one = _mm256_add_epi32(f.start, f.upper.sum(columns01, columns2));
+  return done;
+}
+
+template <bool kSmallShift>
+void filter_stride1(const column& c, const channel& of, const limits& ends) {
+  const filter f(of, ends);
+  const int16_t* in = c.in;
+  int16_t* out = c.out;
+  const int64_t pitch = c.pitch, out_pitch = c.out_pitch;
+  pending even = {}, odd = {};
+  for (int i = 0; i < 2; i++, in += pitch) {
+    take_row(even, in, f);
+    take_row(odd, in + 1, f);
+  }
+  for (int64_t rows = c.rows; rows > 0; rows--, in += pitch, out += out_pitch) {
+    const __m256i done = take_row(even, in, f);
+    zyn_fpi_store(out, narrow<kSmallShift>(done, take_row(odd, in + 1, f), f));
+  }
+}
+
+// One addition and one multiplication less than by rows, for loads that stride 1 could not
+// afford: the third columns of the upper two rows make a pair.
+inline __m256i sum_of(const int16_t* r0, int64_t pitch, __m256i third01, const filter& f) {
+  const int16_t *r1 = r0 + pitch, *r2 = r1 + pitch;
+  const __m256i columns2 = _mm256_blend_epi16(zyn_fpi_load(r0 + 2), zyn_fpi_load(r1 + 1), 0xAA);
+  const __m256i upper = _mm256_add_epi32(_mm256_madd_epi16(zyn_fpi_load(r0), f.upper.pair),
+                                         _mm256_madd_epi16(zyn_fpi_load(r1), f.middle.pair));
+  const __m256i thirds = _mm256_add_epi32(_mm256_madd_epi16(columns2, third01), f.start);
+  return _mm256_add_epi32(_mm256_add_epi32(upper, thirds), f.lower.sum(r2));
+}
+
+template <layout kLayout, bool kSmallShift>
+void filter_stride2(const column& c, const channel& of, const limits& ends) {
+  constexpr int64_t kRows = kLayout == kTwoRows ? 2 : 1;
+  const filter f(of, ends);
+  const __m256i third01 = _mm256_blend_epi16(row_taps::broadcast(of.weights + 2),
+                                             row_taps::broadcast(of.weights + 4), 0xAA);
+  const int16_t* in = c.in;
+  int16_t* out = c.out;
+  const int64_t pitch = c.pitch, out_pitch = c.out_pitch;
+  const int64_t second = kLayout == kTwoRows ? 2 * pitch : kZynFpiLanes;
+  for (int64_t rows = c.rows; rows > 0; rows -= kRows) {
+    const __m256i v = part(narrow<kSmallShift>(sum_of(in, pitch, third01, f),
+                                               sum_of(in + second, pitch, third01, f), f));
+    if (kLayout == kHalves) {
+      zyn_fpi_store(out, v);
+    } else {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(v));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + out_pitch), _mm256_extracti128_si256(v, 1));
+    }
+    in += kRows * 2 * pitch;
+    out += kRows * out_pitch;
+  }
+}
+
+using filter_function = void(const column& c, const channel& of, const limits& ends);
+
+filter_function* choose_filter(layout how, bool is_small) {
+  static constexpr filter_function* kFilters[][2] = {
+      {filter_stride1<false>, filter_stride1<true>},
+      {filter_stride2<kHalves, false>, filter_stride2<kHalves, true>},
+      {filter_stride2<kTwoRows, false>, filter_stride2<kTwoRows, true>}};
+  return kFilters[how][is_small];
+}
+
+// How the planes of a layer are worked on.
+struct scheme {
+  filter_function* run;
+  limits ends;
+  int64_t stride, width, height;
+  int64_t pitch;   // of the padded copy
+  int64_t band;    // output rows at a time
+  int64_t inside;  // words of an input row that windows reach
+};
+
+scheme make_scheme(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, const zyn_tensor* output,
+                   const zyn_tensor* input) {
+  const zyn_conv_param& p = plan->param;
+  const int64_t width = output->dims[0], height = output->dims[1], stride = p.stride_h;
+  const int64_t columns = stride * (width - 1) + 3;
+  const int64_t pitch = (columns + kZynFpiLanes - 1) / kZynFpiLanes * kZynFpiLanes;
+  const int64_t most = (kBandWords / pitch - 3) / stride + 1;
+  const int64_t reach = columns - p.pad_h;
+  const layout how = stride == 1 ? kEvenOdd : 2 * width <= kZynFpiLanes ? kTwoRows : kHalves;
+  const bool is_small = plan->shift <= kMostSmallShift;
+  const limits ends = {_mm256_set1_epi32(plan->shift),
+                       _mm256_set1_epi32(kMostSmallShift - plan->shift),
+                       _mm256_set1_epi16(outlet.low), _mm256_set1_epi16(outlet.high)};
+  return {choose_filter(how, is_small),
+          ends,
+          stride,
+          width,
+          height,
+          pitch,
+          height <= most ? height
+          : most < 2     ? 2
+                         : most / 2 * 2,
+          reach < input->dims[0] ? reach : input->dims[0]};
+}
+
+// Rows first to first + count - 1 of a padded plane, counted from the first of the input.
+void fill(int16_t* to, const scheme& s, const int16_t* plane, const zyn_tensor* input,
+          int64_t first, int64_t count) {
+  if (s.inside <= 0) return;
+  const int64_t width = input->dims[0], height = input->dims[1], end = first + count;
+  const int64_t pitch = s.pitch, inside = s.inside;
+  const int64_t begin = first < 0 ? 0 : first;
+  int16_t* row = to + (begin - first) * pitch;
+  for (int64_t y = begin; y < height && y < end; y++, row += pitch)
+    zyn_fpi_copy(row, plane + y * width, inside);
+  if (s.band == s.height) return;  // nothing but zeros has been in the other rows
+  for (int64_t y = first; y < end; y++, to += pitch)
+    if (y < 0 || y >= height) memset(to, 0, static_cast<size_t>(inside) * sizeof(int16_t));
+}
+
+// The outputs of a band. Vectors reach beyond the end of rows that are shorter than they are.
+void filter_band(const scheme& s, const int16_t* band, int16_t* out, int64_t out_pitch,
+                 int64_t rows, const channel& of) {
+  const int64_t last = s.width > kZynFpiLanes ? s.width - kZynFpiLanes : 0;
+  for (int64_t x = 0; x < s.width; x += kZynFpiLanes) {
+    const int64_t at = x < last ? x : last;
+    s.run({band + s.stride * at, out + at, s.pitch, out_pitch, rows}, of, s.ends);
+  }
+}
+
+}  // namespace
+
+uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
+                                   zyn_tensor* output, const zyn_tensor* input) {
+  const zyn_conv_param& p = plan->param;
+  const scheme s = make_scheme(plan, outlet, output, input);
+  // So that copied rows begin at the start of a vector. Two rows at once may be one too many.
+  const int64_t lead = -p.pad_h & (kZynFpiLanes - 1);
+  auto band = zyn_scratch<int16_t>::zeroed(lead + s.pitch * ((s.band + 1) * s.stride + 1) + kSlack);
+  zyn_scratch<int16_t> results(kZynFpiLanes * (s.band + 1));
+  if (!band || !results) return ZYN_RET_ERR_MEMORY;
+  const int64_t in_plane = int64_t{input->dims[0]} * input->dims[1];
+  const int16_t* const end = zyn_fpi_words(output) + output->count;
+  int16_t* out = zyn_fpi_words(output);
+  for (int64_t c = 0; c < p.out_channels; c++) {
+    const channel of = make_channel(plan, outlet, c);
+    for (int64_t y = 0; y < s.height; y += s.band) {
+      const int64_t rows = s.height - y < s.band ? s.height - y : s.band;
+      fill(band.get() + lead + p.pad_h, s, zyn_fpi_words(input) + c * in_plane, input,
+           y * s.stride - p.pad_w, (rows - 1) * s.stride + 3);
+      int16_t* const next = out + rows * s.width;
+      // What lies behind short rows is written later, but for the last ones of all.
+      if (s.width >= kZynFpiLanes || end - next >= 2 * kZynFpiLanes) {
+        filter_band(s, band.get() + lead, out, s.width, rows, of);
+      } else {
+        filter_band(s, band.get() + lead, results.get(), kZynFpiLanes, rows, of);
+        for (int64_t i = 0; i < rows; i++)
+          zyn_fpi_copy(out + i * s.width, results.get() + i * kZynFpiLanes, s.width);
+      }
+      out = next;
+    }
+  }
+  return ZYN_RET_OK;
+}
