@@ -22,7 +22,9 @@ int Model::note(int id, int type, std::vector<int> from, Formula formula, int in
   return id;
 }
 
-int Model::input(const Array& a) {
+int Model::input(const Array& given) {
+  // Words that use some bits: the formulas know floats only, and nobody compares.
+  const Array a = fixed_point_ ? map(given, [](double v) { return std::round(100 * v); }) : given;
   const uint32_t code = static_cast<uint32_t>(layout < 0 ? random.integer(0, 2) : layout);
   static constexpr uint32_t kCodes[3] = {ZYN_LAYOUT_PLANAR, ZYN_LAYOUT_INTERLEAVED,
                                          ZYN_LAYOUT_BLOCKED};
@@ -42,6 +44,18 @@ int Model::constant(const Array& a) {
   steps_.push_back({{}, nullptr, -1});
   types_.push_back(ZYN_OP_CONSTANT);
   return id;
+}
+
+int32_t Model::prepare() {
+  const int32_t code = net.make();
+  if (!code && fixed_point_) net.q_list(8);
+  return code ? code : net.prepare();
+}
+
+std::vector<std::vector<double>> Model::outputs() {
+  std::vector<std::vector<double>> values;
+  for (int id = 0; id < size(); id++) values.push_back(net.output(id).v);
+  return values;
 }
 
 void Model::refill() {
