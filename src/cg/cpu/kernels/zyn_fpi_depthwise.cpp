@@ -238,9 +238,10 @@ uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outle
   const scheme s = make_scheme(plan, outlet, output, input);
   // So that copied rows begin at the start of a vector. Two rows at once may be one too many.
   const int64_t lead = -p.pad_h & (kZynFpiLanes - 1);
-  auto band = zyn_scratch<int16_t>::zeroed(lead + s.pitch * ((s.band + 1) * s.stride + 1) + kSlack);
-  zyn_scratch<int16_t> results(kZynFpiLanes * (s.band + 1));
-  if (!band || !results) return ZYN_RET_ERR_MEMORY;
+  const int64_t copied = lead + s.pitch * ((s.band + 1) * s.stride + 1) + kSlack;
+  auto words = zyn_scratch<int16_t>::zeroed(copied + kZynFpiLanes * (s.band + 1));
+  if (!words) return ZYN_RET_ERR_MEMORY;
+  int16_t *const band = words.get() + lead, *const results = words.get() + copied;
   const int64_t in_plane = int64_t{input->dims[0]} * input->dims[1];
   const int16_t* const end = zyn_fpi_words(output) + output->count;
   int16_t* out = zyn_fpi_words(output);
@@ -248,16 +249,16 @@ uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outle
     const channel of = make_channel(plan, outlet, c);
     for (int64_t y = 0; y < s.height; y += s.band) {
       const int64_t rows = s.height - y < s.band ? s.height - y : s.band;
-      fill(band.get() + lead + p.pad_h, s, zyn_fpi_words(input) + c * in_plane, input,
-           y * s.stride - p.pad_w, (rows - 1) * s.stride + 3);
+      fill(band + p.pad_h, s, zyn_fpi_words(input) + c * in_plane, input, y * s.stride - p.pad_w,
+           (rows - 1) * s.stride + 3);
       int16_t* const next = out + rows * s.width;
       // What lies behind short rows is written later, but for the last ones of all.
       if (s.width >= kZynFpiLanes || end - next >= 2 * kZynFpiLanes) {
-        filter_band(s, band.get() + lead, out, s.width, rows, of);
+        filter_band(s, band, out, s.width, rows, of);
       } else {
-        filter_band(s, band.get() + lead, results.get(), kZynFpiLanes, rows, of);
+        filter_band(s, band, results, kZynFpiLanes, rows, of);
         for (int64_t i = 0; i < rows; i++)
-          zyn_fpi_copy(out + i * s.width, results.get() + i * kZynFpiLanes, s.width);
+          zyn_fpi_copy(out + i * s.width, results + i * kZynFpiLanes, s.width);
       }
       out = next;
     }
