@@ -164,7 +164,7 @@ inline std::vector<Layer> read_layers(const std::string& path, bool merge = true
 // -------------------------------------------------------------- fixed point
 
 // Fraction bits of input and output of a single layer; its sums stay below 2^5.
-constexpr int kLayerFractionBits = 10;
+constexpr uint32_t kLayerFractionBits = 10;
 
 // How far such a layer's outputs may be off: six standard deviations of what comes from
 // rounding the inputs and every input channel's sum, test values taken as random ones, and
