@@ -18,8 +18,8 @@ enum zyn_fpi_kind : uint32_t {
   ZYN_FPI_POINTWISE,  // 1 x 1, stride 1, no padding
   ZYN_FPI_DENSE_3X3,  // stride 1 or 2, rows that fill vectors well enough
   ZYN_FPI_DENSE_CHANNELS,
-  ZYN_FPI_DENSE_ANY,      // kernels of a large extent
-  ZYN_FPI_DEPTHWISE_3X3,  // stride 1 or 2
+  ZYN_FPI_DENSE_ANY,  // kernels of a large extent
+  ZYN_FPI_DEPTHWISE,  // stride 1 or 2
   ZYN_FPI_DEPTHWISE_ANY
 };
 
@@ -75,8 +75,8 @@ void zyn_fpi_pack_3x3(zyn_fpi_plan* plan);
 int64_t zyn_fpi_packed_3x3(const zyn_conv_param* param);
 uint32_t zyn_fpi_run_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
                          const zyn_tensor* input);
-uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
-                                   zyn_tensor* output, const zyn_tensor* input);
+uint32_t zyn_fpi_run_depthwise(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
+                               zyn_tensor* output, const zyn_tensor* input);
 void zyn_fpi_pack_channels(zyn_fpi_plan* plan);
 int64_t zyn_fpi_packed_channels(const zyn_conv_param* param);
 uint32_t zyn_fpi_run_channels(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,

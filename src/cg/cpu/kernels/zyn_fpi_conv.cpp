@@ -29,18 +29,18 @@ bool is_better_by_pixels(const zyn_conv_param& p, int64_t width) {
 }
 
 zyn_fpi_kind choose(const zyn_conv_param& p, int64_t width) {
-  const bool is_3x3 = is_kernel(p, 3) && (has_stride(p, 1) || has_stride(p, 2));
-  const bool unpadded = p.pad_h == 0 && p.pad_w == 0 && has_stride(p, 1);
+  const bool known_stride = has_stride(p, 1) || has_stride(p, 2);
+  const bool is_narrow = (p.kernel_h - int64_t{1}) * p.dilation_h < kMostReach &&
+                         (p.kernel_w - int64_t{1}) * p.dilation_w < kMostReach &&
+                         p.stride_h <= kMostReach;
   if (p.groups == 1) {
+    const bool unpadded = p.pad_h == 0 && p.pad_w == 0 && has_stride(p, 1);
     if (p.kernel_h == 1 && p.kernel_w == 1 && unpadded) return ZYN_FPI_POINTWISE;
-    if (is_3x3 && is_better_by_pixels(p, width)) return ZYN_FPI_DENSE_3X3;
-    const bool is_narrow = (p.kernel_h - int64_t{1}) * p.dilation_h < kMostReach &&
-                           (p.kernel_w - int64_t{1}) * p.dilation_w < kMostReach &&
-                           p.stride_h <= kMostReach;
+    if (is_kernel(p, 3) && known_stride && is_better_by_pixels(p, width)) return ZYN_FPI_DENSE_3X3;
     return is_narrow ? ZYN_FPI_DENSE_CHANNELS : ZYN_FPI_DENSE_ANY;
   }
   if (!zyn_conv_is_depthwise(&p)) return ZYN_FPI_NONE;
-  return is_3x3 ? ZYN_FPI_DEPTHWISE_3X3 : ZYN_FPI_DEPTHWISE_ANY;
+  return known_stride && is_narrow ? ZYN_FPI_DEPTHWISE : ZYN_FPI_DEPTHWISE_ANY;
 }
 
 // The outputs x of a row whose input x * stride + offset lies in 0 to width - 1.
@@ -108,8 +108,8 @@ uint32_t run_kernel(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_
       return zyn_fpi_run_3x3(plan, outlet, output, input);
     case ZYN_FPI_DENSE_CHANNELS:
       return zyn_fpi_run_channels(plan, outlet, output, input);
-    case ZYN_FPI_DEPTHWISE_3X3:
-      return zyn_fpi_run_depthwise_3x3(plan, outlet, output, input);
+    case ZYN_FPI_DEPTHWISE:
+      return zyn_fpi_run_depthwise(plan, outlet, output, input);
     case ZYN_FPI_DENSE_ANY:
     case ZYN_FPI_DEPTHWISE_ANY:
       return zyn_fpi_run_any(plan, outlet, output, input);

@@ -1,10 +1,10 @@
-// Fixed-point 3 x 3 depthwise convolution, stride 1 or 2, 16 outputs at a time. The three
-// products of a row are added in pairs (madd): two neighbouring columns, then the third
+// Fixed-point depthwise convolution, stride 1 or 2, 16 outputs at a time. The products of a
+// row are added in pairs (madd): two neighbouring columns, then the third of a 3 x 3 kernel
 // beside nothing. There are two groups of 8 outputs: the even and the odd ones of a row
 // (stride 1), its first and second 8, or, in narrow planes, those of two rows (stride 2).
 //
 // Every plane passes through a padded copy, a band of rows at a time. The vectors of one
-// column follow each other down the band; with stride 1 a row is loaded once, and added to
+// column follow each other down the band; 3 x 3 with stride 1 loads a row once, and adds it to
 // the three outputs that read it: vectors that cross a cache line are what loads cost most.
 #include "base/zyn_memory.h"
 #include "cg/cpu/kernels/zyn_fpi.h"
@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr int64_t kTaps = 9;
 constexpr int64_t kBandWords = 4096;
 constexpr int64_t kSlack = 3 * kZynFpiLanes;  // what idle lanes read behind the last row
 
@@ -23,18 +22,41 @@ constexpr int32_t kMostSmallShift = 16;
 enum layout { kEvenOdd, kHalves, kTwoRows };
 
 struct channel {
+  const zyn_conv_param* param;
   const int16_t* weights;
-  int32_t start;  // of the sums: r, and where the shift is small the bias
-  int16_t bias;   // for the results otherwise
+  const int32_t* pairs;  // of weights, row by row; kernels other than 3 x 3
+  int32_t start;         // of the sums: r, and where the shift is small the bias
+  int16_t bias;          // for the results otherwise
 };
 
-channel make_channel(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, int64_t c) {
+// Columns of a pair: dilated taps have no neighbour.
+int64_t step_of(const zyn_conv_param& p) { return p.dilation_h == 1 ? 2 : 1; }
+int64_t pairs_of(const zyn_conv_param& p) {
+  return (p.kernel_h + step_of(p) - 1) / step_of(p) * p.kernel_w;
+}
+bool is_3x3(const zyn_conv_param& p) {
+  return p.kernel_h == 3 && p.kernel_w == 3 && p.dilation_h == 1 && p.dilation_w == 1;
+}
+
+void pack_pairs(int32_t* to, const int16_t* weights, const zyn_conv_param& p) {
+  for (int64_t y = 0; y < p.kernel_w; y++, weights += p.kernel_h)
+    for (int64_t x = 0; x < p.kernel_h; x += step_of(p)) {
+      const bool has_next = step_of(p) == 2 && x + 1 < p.kernel_h;
+      *to++ = zyn_fpi_pair(weights[x], has_next ? weights[x + 1] : 0);
+    }
+}
+
+channel make_channel(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, int64_t c,
+                     int32_t* pairs) {
+  const zyn_conv_param& p = plan->param;
   const int16_t bias =
       outlet.bias ? zyn_fpi_rescale1(outlet.bias[c], outlet.q_weights, outlet.q_out) : int16_t{0};
   const uint32_t round = zyn_fpi_round_term(plan->shift);
-  const int16_t* weights = plan->weights + c * kTaps;
-  if (plan->shift > kMostSmallShift) return {weights, static_cast<int32_t>(round), bias};
-  return {weights, static_cast<int32_t>(round + (static_cast<uint32_t>(bias) << plan->shift)), 0};
+  const int16_t* weights = plan->weights + c * p.kernel_h * p.kernel_w;
+  if (!is_3x3(p)) pack_pairs(pairs, weights, p);
+  if (plan->shift > kMostSmallShift) return {&p, weights, pairs, static_cast<int32_t>(round), bias};
+  const uint32_t start = round + (static_cast<uint32_t>(bias) << plan->shift);
+  return {&p, weights, pairs, static_cast<int32_t>(start), 0};
 }
 
 // What the vectors of all channels have in common.
@@ -73,12 +95,11 @@ struct filter {
 
 // Results of 16 finished sums, even[j] in lane 2 j.
 template <bool kSmallShift>
-inline __m256i narrow(__m256i even, __m256i odd, const filter& f) {
-  const __m256i v = kSmallShift
-                        ? _mm256_blend_epi16(_mm256_srlv_epi32(even, f.ends.right),
-                                             _mm256_sllv_epi32(odd, f.ends.left), 0xAA)
-                        : _mm256_add_epi16(zyn_fpi_interleave(even, odd, f.ends.right), f.bias);
-  return _mm256_min_epi16(_mm256_max_epi16(v, f.ends.low), f.ends.high);
+inline __m256i narrow(__m256i even, __m256i odd, __m256i bias, const limits& ends) {
+  const __m256i v = kSmallShift ? _mm256_blend_epi16(_mm256_srlv_epi32(even, ends.right),
+                                                     _mm256_sllv_epi32(odd, ends.left), 0xAA)
+                                : _mm256_add_epi16(zyn_fpi_interleave(even, odd, ends.right), bias);
+  return _mm256_min_epi16(_mm256_max_epi16(v, ends.low), ends.high);
 }
 
 // The even lanes, then the odd ones.
@@ -121,7 +142,7 @@ void filter_stride1(const column& c, const channel& of, const limits& ends) {
   }
   for (int64_t rows = c.rows; rows > 0; rows--, in += pitch, out += out_pitch) {
     const __m256i done = take_row(even, in, f);
-    zyn_fpi_store(out, narrow<kSmallShift>(done, take_row(odd, in + 1, f), f));
+    zyn_fpi_store(out, narrow<kSmallShift>(done, take_row(odd, in + 1, f), f.bias, f.ends));
   }
 }
 
@@ -147,8 +168,8 @@ void filter_stride2(const column& c, const channel& of, const limits& ends) {
   const int64_t pitch = c.pitch, out_pitch = c.out_pitch;
   const int64_t second = kLayout == kTwoRows ? 2 * pitch : kZynFpiLanes;
   for (int64_t rows = c.rows; rows > 0; rows -= kRows) {
-    const __m256i v = part(narrow<kSmallShift>(sum_of(in, pitch, third01, f),
-                                               sum_of(in + second, pitch, third01, f), f));
+    const __m256i v = part(narrow<kSmallShift>(
+        sum_of(in, pitch, third01, f), sum_of(in + second, pitch, third01, f), f.bias, f.ends));
     if (kLayout == kHalves) {
       zyn_fpi_store(out, v);
     } else {
@@ -160,14 +181,45 @@ void filter_stride2(const column& c, const channel& of, const limits& ends) {
   }
 }
 
+// Any kernel, the two groups those of a row.
+template <int kStride, bool kSmallShift>
+void filter_any(const column& c, const channel& of, const limits& given) {
+  constexpr int64_t kSecond = kStride == 1 ? 1 : kZynFpiLanes;
+  const zyn_conv_param p = *of.param;
+  const limits ends = given;
+  const __m256i start = _mm256_set1_epi32(of.start), bias = _mm256_set1_epi16(of.bias);
+  const int64_t step = step_of(p);
+  const int16_t* in = c.in;
+  int16_t* out = c.out;
+  for (int64_t rows = c.rows; rows > 0; rows--, in += kStride * c.pitch, out += c.out_pitch) {
+    __m256i even = start, odd = start;
+    const int32_t* pair = of.pairs;
+    const int16_t* row = in;
+    for (int64_t y = 0; y < p.kernel_w; y++, row += p.dilation_w * c.pitch)
+      for (int64_t x = 0; x < p.kernel_h; x += step, pair++) {
+        const int16_t* at = row + x * p.dilation_h;
+        const __m256i w = _mm256_set1_epi32(*pair);
+        even = _mm256_add_epi32(even, _mm256_madd_epi16(zyn_fpi_load(at), w));
+        odd = _mm256_add_epi32(odd, _mm256_madd_epi16(zyn_fpi_load(at + kSecond), w));
+      }
+    const __m256i v = narrow<kSmallShift>(even, odd, bias, ends);
+    zyn_fpi_store(out, kStride == 1 ? v : part(v));
+  }
+}
+
 using filter_function = void(const column& c, const channel& of, const limits& ends);
 
-filter_function* choose_filter(layout how, bool is_small) {
-  static constexpr filter_function* kFilters[][2] = {
+filter_function* choose_filter(const zyn_conv_param& p, int64_t width, bool is_small) {
+  static constexpr filter_function* k3x3[][2] = {
       {filter_stride1<false>, filter_stride1<true>},
       {filter_stride2<kHalves, false>, filter_stride2<kHalves, true>},
       {filter_stride2<kTwoRows, false>, filter_stride2<kTwoRows, true>}};
-  return kFilters[how][is_small];
+  static constexpr filter_function* kAny[][2] = {{filter_any<1, false>, filter_any<1, true>},
+                                                 {filter_any<2, false>, filter_any<2, true>}};
+  if (!is_3x3(p)) return kAny[p.stride_h - 1][is_small];
+  return k3x3[p.stride_h == 1             ? kEvenOdd
+              : 2 * width <= kZynFpiLanes ? kTwoRows
+                                          : kHalves][is_small];
 }
 
 // How the planes of a layer are worked on.
@@ -175,6 +227,7 @@ struct scheme {
   filter_function* run;
   limits ends;
   int64_t stride, width, height;
+  int64_t reach;   // input rows of an output row
   int64_t pitch;   // of the padded copy
   int64_t band;    // output rows at a time
   int64_t inside;  // words of an input row that windows reach
@@ -184,25 +237,26 @@ scheme make_scheme(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, const
                    const zyn_tensor* input) {
   const zyn_conv_param& p = plan->param;
   const int64_t width = output->dims[0], height = output->dims[1], stride = p.stride_h;
-  const int64_t columns = stride * (width - 1) + 3;
+  const int64_t columns = stride * (width - 1) + (p.kernel_h - int64_t{1}) * p.dilation_h + 1;
+  const int64_t reach = (p.kernel_w - int64_t{1}) * p.dilation_w + 1;
   const int64_t pitch = (columns + kZynFpiLanes - 1) / kZynFpiLanes * kZynFpiLanes;
-  const int64_t most = (kBandWords / pitch - 3) / stride + 1;
-  const int64_t reach = columns - p.pad_h;
-  const layout how = stride == 1 ? kEvenOdd : 2 * width <= kZynFpiLanes ? kTwoRows : kHalves;
+  const int64_t most = (kBandWords / pitch - reach) / stride + 1;
+  const int64_t inside = columns - p.pad_h;
   const bool is_small = plan->shift <= kMostSmallShift;
   const limits ends = {_mm256_set1_epi32(plan->shift),
                        _mm256_set1_epi32(kMostSmallShift - plan->shift),
                        _mm256_set1_epi16(outlet.low), _mm256_set1_epi16(outlet.high)};
-  return {choose_filter(how, is_small),
+  return {choose_filter(p, width, is_small),
           ends,
           stride,
           width,
           height,
+          reach,
           pitch,
           height <= most ? height
           : most < 2     ? 2
                          : most / 2 * 2,
-          reach < input->dims[0] ? reach : input->dims[0]};
+          inside < input->dims[0] ? inside : input->dims[0]};
 }
 
 // Rows first to first + count - 1 of a padded plane, counted from the first of the input.
@@ -232,25 +286,28 @@ void filter_band(const scheme& s, const int16_t* band, int16_t* out, int64_t out
 
 }  // namespace
 
-uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
-                                   zyn_tensor* output, const zyn_tensor* input) {
+uint32_t zyn_fpi_run_depthwise(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
+                               zyn_tensor* output, const zyn_tensor* input) {
   const zyn_conv_param& p = plan->param;
   const scheme s = make_scheme(plan, outlet, output, input);
-  // So that copied rows begin at the start of a vector. Two rows at once may be one too many.
+  // One block: pairs of weights, the copy, results. The copied rows begin at the start of a
+  // vector; two rows at once may be one too many.
+  const int64_t packed = is_3x3(p) ? 0 : (2 * pairs_of(p) + kZynFpiLanes) & -kZynFpiLanes;
   const int64_t lead = -p.pad_h & (kZynFpiLanes - 1);
-  const int64_t copied = lead + s.pitch * ((s.band + 1) * s.stride + 1) + kSlack;
+  const int64_t copied = packed + lead + s.pitch * (s.band * s.stride + s.reach) + kSlack;
   auto words = zyn_scratch<int16_t>::zeroed(copied + kZynFpiLanes * (s.band + 1));
   if (!words) return ZYN_RET_ERR_MEMORY;
-  int16_t *const band = words.get() + lead, *const results = words.get() + copied;
+  int16_t *const band = words.get() + packed + lead, *const results = words.get() + copied;
+  auto* const pairs = reinterpret_cast<int32_t*>(words.get());
   const int64_t in_plane = int64_t{input->dims[0]} * input->dims[1];
   const int16_t* const end = zyn_fpi_words(output) + output->count;
   int16_t* out = zyn_fpi_words(output);
   for (int64_t c = 0; c < p.out_channels; c++) {
-    const channel of = make_channel(plan, outlet, c);
+    const channel of = make_channel(plan, outlet, c, pairs);
     for (int64_t y = 0; y < s.height; y += s.band) {
       const int64_t rows = s.height - y < s.band ? s.height - y : s.band;
       fill(band + p.pad_h, s, zyn_fpi_words(input) + c * in_plane, input, y * s.stride - p.pad_w,
-           (rows - 1) * s.stride + 3);
+           (rows - 1) * s.stride + s.reach);
       int16_t* const next = out + rows * s.width;
       // What lies behind short rows is written later, but for the last ones of all.
       if (s.width >= kZynFpiLanes || end - next >= 2 * kZynFpiLanes) {
