@@ -266,9 +266,9 @@ void fill(int16_t* to, const scheme& s, const int16_t* plane, const zyn_tensor* 
   const int64_t width = input->dims[0], height = input->dims[1], end = first + count;
   const int64_t pitch = s.pitch, inside = s.inside;
   const int64_t begin = first < 0 ? 0 : first;
-  int16_t* row = to + (begin - first) * pitch;
-  for (int64_t y = begin; y < height && y < end; y++, row += pitch)
-    zyn_fpi_copy(row, plane + y * width, inside);
+  const int64_t behind = height < end ? height : end;
+  zyn_fpi_copy_rows(to + (begin - first) * pitch, pitch, plane + begin * width, width, inside,
+                    behind - begin);
   if (s.band == s.height) return;  // nothing but zeros has been in the other rows
   for (int64_t y = first; y < end; y++, to += pitch)
     if (y < 0 || y >= height) memset(to, 0, static_cast<size_t>(inside) * sizeof(int16_t));
@@ -314,8 +314,7 @@ uint32_t zyn_fpi_run_depthwise(const zyn_fpi_plan* plan, const zyn_fpi_outlet& o
         filter_band(s, band, out, s.width, rows, of);
       } else {
         filter_band(s, band, results, kZynFpiLanes, rows, of);
-        for (int64_t i = 0; i < rows; i++)
-          zyn_fpi_copy(out + i * s.width, results + i * kZynFpiLanes, s.width);
+        zyn_fpi_copy_rows(out, s.width, results, kZynFpiLanes, s.width, rows);
       }
       out = next;
     }

@@ -84,6 +84,16 @@ inline void zyn_fpi_copy(int16_t* to, const int16_t* from, int64_t count) {
   for (int64_t i = 0; i < count; i++) to[i] = from[i];
 }
 
+// The same for rows, whose beginnings lie pitch values apart: one choice for all.
+inline void zyn_fpi_copy_rows(int16_t* to, int64_t to_pitch, const int16_t* from,
+                              int64_t from_pitch, int64_t count, int64_t rows) {
+  if (count >= 8 && count < kZynFpiLanes)
+    for (; rows > 0; rows--, to += to_pitch, from += from_pitch)
+      zyn_fpi_copy_ends<__m128i>(to, from, count);
+  else
+    for (; rows > 0; rows--, to += to_pitch, from += from_pitch) zyn_fpi_copy(to, from, count);
+}
+
 // Stores the first count of up to 16 lanes.
 inline void zyn_fpi_store_part(int16_t* to, __m256i v, int64_t count) {
   if (count >= kZynFpiLanes) return zyn_fpi_store(to, v);

@@ -72,11 +72,10 @@ struct zyn_fpi_rows {
     if (!exists && total <= capacity) return;
     int16_t* to = slot(0, row) + pad_x;
     const int16_t* from = planes + y * width;
-    for (int64_t c = 0; c < channels; c++, to += capacity * pitch, from += width * height)
-      if (exists)
-        zyn_fpi_copy(to, from, inside);
-      else
-        memset(to, 0, static_cast<size_t>(inside) * sizeof(int16_t));
+    if (exists)
+      return zyn_fpi_copy_rows(to, capacity * pitch, from, width * height, inside, channels);
+    for (int64_t c = 0; c < channels; c++, to += capacity * pitch)
+      memset(to, 0, static_cast<size_t>(inside) * sizeof(int16_t));
   }
   int16_t* slot(int64_t c, int64_t row) const {
     return words.get() + (c * capacity + (row & (capacity - 1))) * pitch;
