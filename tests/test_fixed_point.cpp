@@ -140,7 +140,7 @@ class Conv {
 
 TEST(FixedPoint, DenseAndDepthwise3x3) {
   for (int stride : {1, 2})
-    for (int w : {1, 2, 15, 16, 17, 31, 34, 65})
+    for (int w : {1, 2, 8, 15, 16, 17, 31, 34, 65})
       for (int pad : {0, 1, 2}) {
         if (w + 2 * pad < 3) continue;
         for (int shift : {0, 1, 8, 15, 16, 17, 30, 31}) {

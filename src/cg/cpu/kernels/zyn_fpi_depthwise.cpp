@@ -109,11 +109,12 @@ inline __m256i part(__m256i v) {
   return _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, order), 0xD8);
 }
 
-// A column of vectors: rows of input and of output lie these words apart.
+// A column of vectors: rows of input and of output lie these words apart. A split one is a
+// vector of 8 outputs of a row and 8 of another, which lies skipped rows below.
 struct column {
   const int16_t* in;
   int16_t* out;
-  int64_t pitch, out_pitch, rows;
+  int64_t pitch, out_pitch, rows, skipped;
 };
 
 // The sums of a group that still miss rows: one has had two, the other one.
@@ -121,28 +122,46 @@ struct pending {
   __m256i two, one;
 };
 
-inline __m256i take_row(pending& sums, const int16_t* row, const filter& f) {
-  const __m256i columns01 = zyn_fpi_load(row), columns2 = zyn_fpi_load(row + 2);
+inline __m256i take_row(pending& sums, __m256i columns01, __m256i columns2, const filter& f) {
   const __m256i done = _mm256_add_epi32(sums.two, f.lower.sum(columns01, columns2));
   sums.two = _mm256_add_epi32(sums.one, f.middle.sum(columns01, columns2));
   sums.one = _mm256_add_epi32(f.start, f.upper.sum(columns01, columns2));
   return done;
 }
 
-template <bool kSmallShift>
+template <bool kSplit>
+inline __m256i load(const int16_t* at, int64_t other) {
+  if (!kSplit) return zyn_fpi_load(at);
+  return _mm256_inserti128_si256(
+      _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(at))),
+      _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + other)), 1);
+}
+
+inline void store_halves(int16_t* low, int16_t* high, __m256i v) {
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(low), _mm256_castsi256_si128(v));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(high), _mm256_extracti128_si256(v, 1));
+}
+
+template <bool kSplit, bool kSmallShift>
 void filter_stride1(const column& c, const channel& of, const limits& ends) {
   const filter f(of, ends);
   const int16_t* in = c.in;
   int16_t* out = c.out;
   const int64_t pitch = c.pitch, out_pitch = c.out_pitch;
+  const int64_t other = c.skipped * pitch, out_other = c.skipped * out_pitch;
   pending even = {}, odd = {};
   for (int i = 0; i < 2; i++, in += pitch) {
-    take_row(even, in, f);
-    take_row(odd, in + 1, f);
+    take_row(even, load<kSplit>(in, other), load<kSplit>(in + 2, other), f);
+    take_row(odd, load<kSplit>(in + 1, other), load<kSplit>(in + 3, other), f);
   }
   for (int64_t rows = c.rows; rows > 0; rows--, in += pitch, out += out_pitch) {
-    const __m256i done = take_row(even, in, f);
-    zyn_fpi_store(out, narrow<kSmallShift>(done, take_row(odd, in + 1, f), f.bias, f.ends));
+    const __m256i first = take_row(even, load<kSplit>(in, other), load<kSplit>(in + 2, other), f);
+    const __m256i next = take_row(odd, load<kSplit>(in + 1, other), load<kSplit>(in + 3, other), f);
+    const __m256i v = narrow<kSmallShift>(first, next, f.bias, f.ends);
+    if (kSplit)
+      store_halves(out, out + out_other, v);
+    else
+      zyn_fpi_store(out, v);
   }
 }
 
@@ -170,12 +189,10 @@ void filter_stride2(const column& c, const channel& of, const limits& ends) {
   for (int64_t rows = c.rows; rows > 0; rows -= kRows) {
     const __m256i v = part(narrow<kSmallShift>(
         sum_of(in, pitch, third01, f), sum_of(in + second, pitch, third01, f), f.bias, f.ends));
-    if (kLayout == kHalves) {
+    if (kLayout == kHalves)
       zyn_fpi_store(out, v);
-    } else {
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(v));
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + out_pitch), _mm256_extracti128_si256(v, 1));
-    }
+    else
+      store_halves(out, out + out_pitch, v);
     in += kRows * 2 * pitch;
     out += kRows * out_pitch;
   }
@@ -211,7 +228,7 @@ using filter_function = void(const column& c, const channel& of, const limits& e
 
 filter_function* choose_filter(const zyn_conv_param& p, int64_t width, bool is_small) {
   static constexpr filter_function* k3x3[][2] = {
-      {filter_stride1<false>, filter_stride1<true>},
+      {filter_stride1<false, false>, filter_stride1<false, true>},
       {filter_stride2<kHalves, false>, filter_stride2<kHalves, true>},
       {filter_stride2<kTwoRows, false>, filter_stride2<kTwoRows, true>}};
   static constexpr filter_function* kAny[][2] = {{filter_any<1, false>, filter_any<1, true>},
@@ -225,6 +242,7 @@ filter_function* choose_filter(const zyn_conv_param& p, int64_t width, bool is_s
 // How the planes of a layer are worked on.
 struct scheme {
   filter_function* run;
+  filter_function* run_split;  // or null
   limits ends;
   int64_t stride, width, height;
   int64_t reach;   // input rows of an output row
@@ -246,7 +264,10 @@ scheme make_scheme(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, const
   const limits ends = {_mm256_set1_epi32(plan->shift),
                        _mm256_set1_epi32(kMostSmallShift - plan->shift),
                        _mm256_set1_epi16(outlet.low), _mm256_set1_epi16(outlet.high)};
+  filter_function* const split =
+      is_small ? filter_stride1<true, true> : filter_stride1<true, false>;
   return {choose_filter(p, width, is_small),
+          is_3x3(p) && stride == 1 ? split : nullptr,
           ends,
           stride,
           width,
@@ -277,10 +298,17 @@ void fill(int16_t* to, const scheme& s, const int16_t* plane, const zyn_tensor* 
 // The outputs of a band. Vectors reach beyond the end of rows that are shorter than they are.
 void filter_band(const scheme& s, const int16_t* band, int16_t* out, int64_t out_pitch,
                  int64_t rows, const channel& of) {
+  constexpr int64_t kHalf = kZynFpiLanes / 2;
   const int64_t last = s.width > kZynFpiLanes ? s.width - kZynFpiLanes : 0;
   for (int64_t x = 0; x < s.width; x += kZynFpiLanes) {
+    if (s.run_split && s.width >= kHalf && s.width - x <= kHalf) {
+      // The last columns of the upper and of the lower rows, which share one if they are odd.
+      const int64_t at = s.width - kHalf, upper = (rows + 1) / 2;
+      return s.run_split({band + at, out + at, s.pitch, out_pitch, upper, rows - upper}, of,
+                         s.ends);
+    }
     const int64_t at = x < last ? x : last;
-    s.run({band + s.stride * at, out + at, s.pitch, out_pitch, rows}, of, s.ends);
+    s.run({band + s.stride * at, out + at, s.pitch, out_pitch, rows, 0}, of, s.ends);
   }
 }
 
