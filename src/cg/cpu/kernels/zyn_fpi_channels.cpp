@@ -3,8 +3,8 @@
 // however small the plane is. A tap's input is broadcast, two neighbouring columns at a
 // time where the kernel has both (madd).
 //
-// The sums of an output row lie in memory, and every input channel adds to all of them:
-// so its weights are read once per row.
+// The sums of an output row, or of a small plane, lie in memory, and every input channel
+// adds to all of them: so its weights are read once for each.
 #include "cg/cpu/kernels/zyn_fpi_rows.h"
 
 namespace {
@@ -12,15 +12,9 @@ namespace {
 constexpr int64_t kBlock = 8;         // output channels of a vector
 constexpr int64_t kSmallPlane = 128;  // pixels
 
-// Columns of a pair: dilated taps have no neighbour.
-int64_t step_of(const zyn_conv_param& p) { return p.dilation_h == 1 ? 2 : 1; }
-int64_t pairs_of(const zyn_conv_param& p) {
-  return (p.kernel_h + step_of(p) - 1) / step_of(p) * p.kernel_w;
-}
 bool is_3x3(const zyn_conv_param& p) {
-  return p.kernel_h == 3 && p.kernel_w == 3 && step_of(p) == 2;
+  return p.kernel_h == 3 && p.kernel_w == 3 && zyn_fpi_pair_step(p) == 2;
 }
-int64_t taps_of(const zyn_conv_param& p) { return int64_t{p.kernel_h} * p.kernel_w; }
 int64_t blocks_of(const zyn_conv_param& p) { return (p.out_channels + kBlock - 1) / kBlock; }
 
 // Pixels whose sums are made together: a row, or all of a small plane, so that weights
@@ -31,12 +25,6 @@ struct pixel_job {
   int64_t pairs, pixels;
   __m256i round, shift;
 };
-
-inline __m256i broadcast(const int16_t* pair) {
-  int32_t word;
-  memcpy(&word, pair, sizeof(word));
-  return _mm256_set1_epi32(word);
-}
 
 inline void add_rounded(int32_t* sum, __m256i taps, __m256i shift) {
   zyn_fpi_store(sum, _mm256_add_epi32(zyn_fpi_load(sum), _mm256_srav_epi32(taps, shift)));
@@ -52,12 +40,12 @@ inline void add_3x3(int32_t* sums, const int16_t* in, const int32_t* weights,
   const __m256i round = job.round, shift = job.shift;
   for (int64_t x = 0; x < job.pixels; x++, sums += kBlock) {
     const int64_t at = job.places[x];
-    const __m256i t0 = _mm256_add_epi32(_mm256_madd_epi16(broadcast(r0 + at), w00),
-                                        _mm256_madd_epi16(broadcast(r0 + at + 2), w01));
-    const __m256i t1 = _mm256_add_epi32(_mm256_madd_epi16(broadcast(r1 + at), w10),
-                                        _mm256_madd_epi16(broadcast(r1 + at + 2), w11));
-    const __m256i t2 = _mm256_add_epi32(_mm256_madd_epi16(broadcast(r2 + at), w20),
-                                        _mm256_madd_epi16(broadcast(r2 + at + 2), w21));
+    const __m256i t0 = _mm256_add_epi32(_mm256_madd_epi16(zyn_fpi_broadcast(r0 + at), w00),
+                                        _mm256_madd_epi16(zyn_fpi_broadcast(r0 + at + 2), w01));
+    const __m256i t1 = _mm256_add_epi32(_mm256_madd_epi16(zyn_fpi_broadcast(r1 + at), w10),
+                                        _mm256_madd_epi16(zyn_fpi_broadcast(r1 + at + 2), w11));
+    const __m256i t2 = _mm256_add_epi32(_mm256_madd_epi16(zyn_fpi_broadcast(r2 + at), w20),
+                                        _mm256_madd_epi16(zyn_fpi_broadcast(r2 + at + 2), w21));
     add_rounded(sums, _mm256_add_epi32(_mm256_add_epi32(t0, t1), _mm256_add_epi32(t2, round)),
                 shift);
   }
@@ -75,7 +63,7 @@ inline void add_tile(int32_t* sums, const int16_t* in, const int64_t* places,
     const int16_t* at = in + job.offsets[t];
 #pragma GCC unroll 4
     for (int p = 0; p < kPixels; p++)
-      taps[p] = _mm256_add_epi32(taps[p], _mm256_madd_epi16(broadcast(at + places[p]), w));
+      taps[p] = _mm256_add_epi32(taps[p], _mm256_madd_epi16(zyn_fpi_broadcast(at + places[p]), w));
   }
 #pragma GCC unroll 4
   for (int p = 0; p < kPixels; p++) add_rounded(sums + p * kBlock, taps[p], job.shift);
@@ -124,23 +112,19 @@ void finish(const int32_t* sums, int64_t pixels, const zyn_fpi_outlet& outlet, i
 // Per block of 8 output channels, for every input channel the pairs of the kernel, each
 // for all channels of the block; absent taps and channels are 0.
 int64_t zyn_fpi_packed_channels(const zyn_conv_param* param) {
-  return blocks_of(*param) * param->in_channels * pairs_of(*param) * kBlock;
+  return blocks_of(*param) * param->in_channels * zyn_fpi_pair_count(*param) * kBlock;
 }
 
 void zyn_fpi_pack_channels(zyn_fpi_plan* plan) {
   const zyn_conv_param& p = plan->param;
-  const int64_t step = step_of(p);
   int32_t* to = plan->packed;
   for (int64_t first = 0; first < p.out_channels; first += kBlock)
     for (int64_t i = 0; i < p.in_channels; i++)
       for (int64_t y = 0; y < p.kernel_w; y++)
-        for (int64_t x = 0; x < p.kernel_h; x += step)
-          for (int64_t o = first; o < first + kBlock; o++, to++) {
-            const int16_t* w =
-                plan->weights + (o * p.in_channels + i) * taps_of(p) + y * p.kernel_h + x;
-            const bool exists = o < p.out_channels;
-            const bool has_next = exists && step == 2 && x + 1 < p.kernel_h;
-            *to = zyn_fpi_pair(exists ? w[0] : 0, has_next ? w[1] : 0);
+        for (int64_t x = 0; x < p.kernel_h; x += zyn_fpi_pair_step(p))
+          for (int64_t o = first; o < first + kBlock; o++) {
+            const int64_t row = ((o * p.in_channels + i) * p.kernel_w + y) * p.kernel_h;
+            *to++ = o < p.out_channels ? zyn_fpi_pair_at(plan->weights + row, x, p) : 0;
           }
 }
 
@@ -148,7 +132,7 @@ uint32_t zyn_fpi_run_channels(const zyn_fpi_plan* plan, const zyn_fpi_outlet& ou
                               zyn_tensor* output, const zyn_tensor* input) {
   const zyn_conv_param& p = plan->param;
   const int64_t width = output->dims[0], height = output->dims[1], plane = width * height;
-  const int64_t pairs = pairs_of(p), pixels = plane <= kSmallPlane ? plane : width;
+  const int64_t pairs = zyn_fpi_pair_count(p), pixels = plane <= kSmallPlane ? plane : width;
   zyn_fpi_reach reach = {(p.kernel_w - int64_t{1}) * p.dilation_w + 1, 0, 1};
   reach.rows += (pixels / width - 1) * p.stride_w;
   // One more column, the second of a pair that has none.
@@ -172,7 +156,7 @@ uint32_t zyn_fpi_run_channels(const zyn_fpi_plan* plan, const zyn_fpi_outlet& ou
     ring.advance(row);
     int64_t* to = offsets.get();
     for (int64_t ky = 0; ky < p.kernel_w; ky++)
-      for (int64_t kx = 0; kx < p.kernel_h; kx += step_of(p))
+      for (int64_t kx = 0; kx < p.kernel_h; kx += zyn_fpi_pair_step(p))
         *to++ = ring.slot(0, row + ky * p.dilation_w) + kx * p.dilation_h - ring.slot(0, 0);
     const int32_t* weights = plan->packed;
     for (int64_t first = 0; first < p.out_channels; first += kBlock) {

@@ -29,21 +29,14 @@ struct channel {
   int16_t bias;          // for the results otherwise
 };
 
-// Columns of a pair: dilated taps have no neighbour.
-int64_t step_of(const zyn_conv_param& p) { return p.dilation_h == 1 ? 2 : 1; }
-int64_t pairs_of(const zyn_conv_param& p) {
-  return (p.kernel_h + step_of(p) - 1) / step_of(p) * p.kernel_w;
-}
 bool is_3x3(const zyn_conv_param& p) {
   return p.kernel_h == 3 && p.kernel_w == 3 && p.dilation_h == 1 && p.dilation_w == 1;
 }
 
 void pack_pairs(int32_t* to, const int16_t* weights, const zyn_conv_param& p) {
   for (int64_t y = 0; y < p.kernel_w; y++, weights += p.kernel_h)
-    for (int64_t x = 0; x < p.kernel_h; x += step_of(p)) {
-      const bool has_next = step_of(p) == 2 && x + 1 < p.kernel_h;
-      *to++ = zyn_fpi_pair(weights[x], has_next ? weights[x + 1] : 0);
-    }
+    for (int64_t x = 0; x < p.kernel_h; x += zyn_fpi_pair_step(p))
+      *to++ = zyn_fpi_pair_at(weights, x, p);
 }
 
 channel make_channel(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, int64_t c,
@@ -68,12 +61,7 @@ struct limits {
 struct row_taps {
   __m256i pair, third;
   explicit row_taps(const int16_t* w)
-      : pair(broadcast(w)), third(_mm256_srli_epi32(broadcast(w + 1), 16)) {}
-  static __m256i broadcast(const int16_t* two) {
-    int32_t word;
-    memcpy(&word, two, sizeof(word));
-    return _mm256_set1_epi32(word);
-  }
+      : pair(zyn_fpi_broadcast(w)), third(_mm256_srli_epi32(zyn_fpi_broadcast(w + 1), 16)) {}
   __m256i sum(__m256i columns01, __m256i columns2) const {
     return _mm256_add_epi32(_mm256_madd_epi16(columns01, pair), _mm256_madd_epi16(columns2, third));
   }
@@ -180,8 +168,8 @@ template <layout kLayout, bool kSmallShift>
 void filter_stride2(const column& c, const channel& of, const limits& ends) {
   constexpr int64_t kRows = kLayout == kTwoRows ? 2 : 1;
   const filter f(of, ends);
-  const __m256i third01 = _mm256_blend_epi16(row_taps::broadcast(of.weights + 2),
-                                             row_taps::broadcast(of.weights + 4), 0xAA);
+  const __m256i third01 = _mm256_blend_epi16(zyn_fpi_broadcast(of.weights + 2),
+                                             zyn_fpi_broadcast(of.weights + 4), 0xAA);
   const int16_t* in = c.in;
   int16_t* out = c.out;
   const int64_t pitch = c.pitch, out_pitch = c.out_pitch;
@@ -205,7 +193,7 @@ void filter_any(const column& c, const channel& of, const limits& given) {
   const zyn_conv_param p = *of.param;
   const limits ends = given;
   const __m256i start = _mm256_set1_epi32(of.start), bias = _mm256_set1_epi16(of.bias);
-  const int64_t step = step_of(p);
+  const int64_t step = zyn_fpi_pair_step(p);
   const int16_t* in = c.in;
   int16_t* out = c.out;
   for (int64_t rows = c.rows; rows > 0; rows--, in += kStride * c.pitch, out += c.out_pitch) {
@@ -320,7 +308,7 @@ uint32_t zyn_fpi_run_depthwise(const zyn_fpi_plan* plan, const zyn_fpi_outlet& o
   const scheme s = make_scheme(plan, outlet, output, input);
   // One block: pairs of weights, the copy, results. The copied rows begin at the start of a
   // vector; two rows at once may be one too many.
-  const int64_t packed = is_3x3(p) ? 0 : (2 * pairs_of(p) + kZynFpiLanes) & -kZynFpiLanes;
+  const int64_t packed = is_3x3(p) ? 0 : (2 * zyn_fpi_pair_count(p) + kZynFpiLanes) & -kZynFpiLanes;
   const int64_t lead = -p.pad_h & (kZynFpiLanes - 1);
   const int64_t copied = packed + lead + s.pitch * (s.band * s.stride + s.reach) + kSlack;
   auto words = zyn_scratch<int16_t>::zeroed(copied + kZynFpiLanes * (s.band + 1));

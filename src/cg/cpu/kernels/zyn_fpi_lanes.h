@@ -40,6 +40,25 @@ inline int32_t zyn_fpi_pair(int32_t first, int32_t second) {
                               static_cast<uint32_t>(second) << 16);
 }
 
+// Two neighbouring values in every 32-bit lane.
+inline __m256i zyn_fpi_broadcast(const int16_t* pair) {
+  int32_t word;
+  memcpy(&word, pair, sizeof(word));
+  return _mm256_set1_epi32(word);
+}
+
+// Pairs of taps in the rows of a kernel, the last one beside nothing where their number is
+// odd: columns of a pair (dilated taps have no neighbour), pairs of a kernel, and the pair
+// that begins at column x of a row of weights.
+inline int64_t zyn_fpi_pair_step(const zyn_conv_param& p) { return p.dilation_h == 1 ? 2 : 1; }
+inline int64_t zyn_fpi_pair_count(const zyn_conv_param& p) {
+  return (p.kernel_h + zyn_fpi_pair_step(p) - 1) / zyn_fpi_pair_step(p) * p.kernel_w;
+}
+inline int32_t zyn_fpi_pair_at(const int16_t* row, int64_t x, const zyn_conv_param& p) {
+  const bool has_next = zyn_fpi_pair_step(p) == 2 && x + 1 < p.kernel_h;
+  return zyn_fpi_pair(row[x], has_next ? row[x + 1] : 0);
+}
+
 // Both vectors shifted right, their low halves side by side: even[j] in lane 2j. The count
 // lies in every lane: such shifts are one operation, those by a register two.
 inline __m256i zyn_fpi_interleave(__m256i even, __m256i odd, __m256i shift) {
