@@ -12,7 +12,7 @@
 
 #include "zyncore.h"
 
-// Which kernel serves a record; kNone clears the output.
+// Which kernel serves a record; ZYN_FPI_NONE clears the output.
 enum zyn_fpi_kind : uint32_t {
   ZYN_FPI_NONE,
   ZYN_FPI_POINTWISE,  // 1 x 1, stride 1, no padding

@@ -74,29 +74,12 @@ inline __m256i convolve(const window& in, const weight_pairs& w, __m256i shift) 
   return zyn_fpi_interleave(sum_of(in.a, w), sum_of(in.b, w), shift);
 }
 
-// The outputs of a window in their order.
-template <int kStride>
-inline __m256i in_order(__m256i v) {
-  if (kStride == 1) return v;
-  const __m256i first = _mm256_and_si256(v, _mm256_set1_epi32(0xFFFF));
-  const __m256i packed = _mm256_packus_epi32(first, _mm256_srli_epi32(v, 16));
-  return _mm256_permute4x64_epi64(packed, 0xD8);
-}
-
 void pack_taps(int32_t* to, const int16_t* w, int32_t round_weight) {
   to[0] = zyn_fpi_pair(w[0], w[1]);
   to[1] = zyn_fpi_pair(w[3], w[4]);
   to[2] = zyn_fpi_pair(w[6], w[7]);
   to[3] = zyn_fpi_pair(w[2], w[5]);
   to[4] = zyn_fpi_pair(w[8], round_weight);
-}
-
-// Padded rows for count planes; windows read slack columns behind those of their outputs.
-template <int kStride>
-zyn_fpi_rows make_ring(const zyn_tensor* input, const zyn_tensor* output, const zyn_conv_param& p,
-                       int64_t count, int64_t most_rows) {
-  const int64_t vectors = (output->dims[0] + kZynFpiLanes - 1) / kZynFpiLanes;
-  return {input, output, p, count, {3, kStride * vectors * kZynFpiLanes + kSlack, most_rows}};
 }
 
 // 16 outputs at x of the channels first to first + count - 1. Whole vectors are stored
@@ -119,8 +102,9 @@ void dense_tile(int16_t* out, int64_t out_plane, const zyn_fpi_rows& ring, int64
       sums[o] = _mm256_add_epi16(sums[o], convolve(in, load_weights(weights + o * kPairs), shift));
   }
   for (int64_t o = 0; o < count; o++)
-    zyn_fpi_store_part(out + o * out_plane,
-                       zyn_fpi_finisher(outlet, first + o)(in_order<kStride>(sums[o])), room);
+    zyn_fpi_store_part(
+        out + o * out_plane,
+        zyn_fpi_finisher(outlet, first + o)(kStride == 1 ? sums[o] : zyn_fpi_part(sums[o])), room);
 }
 
 template <int kStride>
@@ -128,7 +112,9 @@ uint32_t dense(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tenso
                const zyn_tensor* input) {
   const int64_t width = output->dims[0], height = output->dims[1];
   const int64_t outputs = plan->param.out_channels;
-  zyn_fpi_rows ring = make_ring<kStride>(input, output, plan->param, plan->param.in_channels, 4);
+  const int64_t vectors = (width + kZynFpiLanes - 1) / kZynFpiLanes;
+  const zyn_fpi_reach reach = {3, kStride * vectors * kZynFpiLanes + kSlack, 4};
+  zyn_fpi_rows ring(input, output, plan->param, plan->param.in_channels, reach);
   if (!ring.words) return ZYN_RET_ERR_MEMORY;
   for (int64_t y = 0; y < height; y++) {
     ring.advance(y * kStride);

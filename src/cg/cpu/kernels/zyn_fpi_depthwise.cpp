@@ -90,13 +90,6 @@ inline __m256i narrow(__m256i even, __m256i odd, __m256i bias, const limits& end
   return _mm256_min_epi16(_mm256_max_epi16(v, ends.low), ends.high);
 }
 
-// The even lanes, then the odd ones.
-inline __m256i part(__m256i v) {
-  const __m256i order = _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15, 0, 1,
-                                         4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
-  return _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, order), 0xD8);
-}
-
 // A column of vectors: rows of input and of output lie these words apart. A split one is a
 // vector of 8 outputs of a row and 8 of another, which lies skipped rows below.
 struct column {
@@ -175,7 +168,7 @@ void filter_stride2(const column& c, const channel& of, const limits& ends) {
   const int64_t pitch = c.pitch, out_pitch = c.out_pitch;
   const int64_t second = kLayout == kTwoRows ? 2 * pitch : kZynFpiLanes;
   for (int64_t rows = c.rows; rows > 0; rows -= kRows) {
-    const __m256i v = part(narrow<kSmallShift>(
+    const __m256i v = zyn_fpi_part(narrow<kSmallShift>(
         sum_of(in, pitch, third01, f), sum_of(in + second, pitch, third01, f), f.bias, f.ends));
     if (kLayout == kHalves)
       zyn_fpi_store(out, v);
@@ -208,7 +201,7 @@ void filter_any(const column& c, const channel& of, const limits& given) {
         odd = _mm256_add_epi32(odd, _mm256_madd_epi16(zyn_fpi_load(at + kSecond), w));
       }
     const __m256i v = narrow<kSmallShift>(even, odd, bias, ends);
-    zyn_fpi_store(out, kStride == 1 ? v : part(v));
+    zyn_fpi_store(out, kStride == 1 ? v : zyn_fpi_part(v));
   }
 }
 

@@ -66,6 +66,13 @@ inline __m256i zyn_fpi_interleave(__m256i even, __m256i odd, __m256i shift) {
   return _mm256_blend_epi16(_mm256_srav_epi32(even, shift), odd, 0xAA);
 }
 
+// The even lanes, then the odd ones: undoes zyn_fpi_interleave.
+inline __m256i zyn_fpi_part(__m256i v) {
+  const __m256i order = _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15, 0, 1,
+                                         4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
+  return _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, order), 0xD8);
+}
+
 // An outlet for one output channel.
 struct zyn_fpi_finisher {
   __m256i bias, low, high;
