@@ -20,12 +20,10 @@ bool right(const bench::Network& network, const Layer& l, bool fixed) {
   fill(w, peers::kWeights);
   fill(b, peers::kBias);
   const double scale = std::sqrt(double(l.k_len())) + 1;
-  // Inputs are rounded, and every input channel's sum once more.
-  const double step = 1.0 / (1 << bench::kFractionBits);
-  const double most = step * (1 + double(l.in_c) / l.groups + 0.5 * double(l.k_len()));
   for (size_t i : peers::probe_points(size_t(l.out_c) * l.out_h(), l.out_w())) {
     const double got = network.output(i), expected = peers::conv_ref(l, in.p, w.p, b.p, i);
-    if (fixed ? std::fabs(got - expected) > most : !peers::close_enough(got, expected, scale))
+    if (fixed ? std::fabs(got - expected) > peers::fixed_point_tolerance(l)
+              : !peers::close_enough(got, expected, scale))
       return false;
   }
   return true;

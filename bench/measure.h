@@ -171,6 +171,20 @@ inline std::vector<Layer> read_layers(const std::string& path, bool merge = true
   return v;
 }
 
+// -------------------------------------------------------------- fixed point
+
+// Fraction bits of input and output of a single layer; its sums stay below 2^5.
+constexpr uint32_t kLayerFractionBits = 10;
+
+// How far such a layer's outputs may be off: six standard deviations of what comes from
+// rounding the inputs and every input channel's sum, test values taken as random ones, and
+// one step for the bias.
+inline double fixed_point_tolerance(const Layer& l) {
+  const double steps =
+      1 + 0.5 * std::sqrt(double(l.k_len())) + 1.75 * std::sqrt(double(l.in_c) / l.groups);
+  return steps / (1 << kLayerFractionBits);
+}
+
 // ---------------------------------------------------------------- test data
 
 // Value i of stream s, exactly representable, in [-0.5, 0.5). The comparison

@@ -14,10 +14,10 @@
 
 namespace bench {
 
-// In place of a convolution method: 16-bit fixed point, kFractionBits in every node (few
-// enough that the values of the scaled networks, up to some hundreds, do not wrap).
+// In place of a convolution method: 16-bit fixed point, kNetworkFractionBits in every node of
+// a network (few enough that the values of the scaled ones, up to some hundreds, do not wrap).
 constexpr uint32_t kFixedPoint = 3;
-constexpr uint32_t kFractionBits = 5;
+constexpr uint32_t kNetworkFractionBits = 5;
 
 struct Tensor {
   zyn_tensor* t = nullptr;
@@ -67,15 +67,17 @@ class Graph {
   ~Graph() {
     if (graph_) zyn_release_computation_graph_handle(&graph_);
   }
-  // Whether the graph could be made and prepared.
-  bool create(zyn_tensor* input, const std::vector<Node>& nodes, uint32_t method) {
+  // Whether the graph could be made and prepared; in fixed point with the fraction bits q of
+  // the input and of every node, kNetworkFractionBits where there are none.
+  bool create(zyn_tensor* input, const std::vector<Node>& nodes, uint32_t method,
+              const std::vector<uint32_t>& q = {}) {
     zyn_cg_create_param settings = {};
     settings.max_nodes = static_cast<int32_t>(2 * nodes.size() + 1);
     settings.thread_count = 1;
     settings.fixed_point = method == kFixedPoint;
     graph_ = zyn_create_computation_graph_handle(&settings);
     if (!graph_) return false;
-    if (method == kFixedPoint ? !give_fraction_bits(settings.max_nodes)
+    if (method == kFixedPoint ? !give_fraction_bits(settings.max_nodes, q)
                               : zyn_cg_set_conv_method(graph_, method) != ZYN_RET_OK)
       return false;
     for (size_t i = 0; i < nodes.size(); i++)
@@ -100,10 +102,11 @@ class Graph {
   static int32_t id(Index node) {
     return 2 * static_cast<int32_t>(node) + 2;
   }
-  // The list becomes the graph's own.
-  bool give_fraction_bits(int32_t count) {
+  // The list becomes the graph's own. Constants need none.
+  bool give_fraction_bits(int32_t count, const std::vector<uint32_t>& q) {
     auto* list = static_cast<uint32_t*>(zyn_malloc(count * int64_t{sizeof(uint32_t)}));
-    for (int32_t i = 0; list && i < count; i++) list[i] = kFractionBits;
+    for (int32_t i = 0; list && i < count; i++) list[i] = kNetworkFractionBits;
+    for (size_t i = 0; list && i < q.size(); i++) list[2 * i] = q[i];
     return list && zyn_cg_set_ptr_q_list(graph_, list) == ZYN_RET_OK;
   }
   bool bind(int32_t node, int32_t type, zyn_tensor* data, const void* param) {
@@ -119,17 +122,28 @@ class Graph {
 class Network {
  public:
   // scaled: for whole networks; else weights are the test values as they are. A single
-  // layer under method 1 gets its input in channel blocks, as within a network.
-  Network(const std::vector<peers::Layer>& layers, uint32_t method, bool scaled) {
+  // layer under method 1 gets its input in channel blocks, as within a network. words: what
+  // the constants hold instead, one behind the other. q: fraction bits of the input and of
+  // every layer.
+  Network(const std::vector<peers::Layer>& layers, uint32_t method, bool scaled,
+          const float* words = nullptr, const std::vector<uint32_t>& q = {})
+      : q_(q) {
+    const bool single = layers.size() == 1;
+    if (q_.empty())
+      q_.assign(layers.size() + 1, single ? peers::kLayerFractionBits : kNetworkFractionBits);
     const peers::Layer& first = layers.front();
     add_tensor({first.in_w, first.in_h, first.in_c}, peers::kInput, 0, 1);
-    if (method == 1 && layers.size() == 1) make_blocked(tensors_[0]->t);
+    if (method == 1 && single) make_blocked(tensors_[0]->t);
     if (method == kFixedPoint) make_fixed_point();
     for (size_t i = 0; i < layers.size(); i++) {
       nodes_.push_back(node(layers[i], source(layers, i), scaled));
       if (nodes_.back().from < -1) return;
+      if (!words) continue;
+      const Tensor& constant = *tensors_.back();
+      std::copy(words, words + constant.t->count, constant.data());
+      words += constant.t->count;
     }
-    ok_ = graph_.create(tensors_[0]->t, nodes_, method);
+    ok_ = graph_.create(tensors_[0]->t, nodes_, method, q_);
   }
 
   bool ok() const { return ok_; }
@@ -138,7 +152,8 @@ class Network {
   float output(size_t i) const {
     const zyn_tensor* t = graph_.output(nodes_.size() - 1);
     if (t->type == ZYN_TYPE_FPI16)
-      return static_cast<const int16_t*>(t->data)[i] / static_cast<float>(1 << kFractionBits);
+      return std::ldexp(static_cast<float>(static_cast<const int16_t*>(t->data)[i]),
+                        -static_cast<int>(q_.back()));
     const auto* data = static_cast<const float*>(t->data);
     return data[t->layout == ZYN_LAYOUT_BLOCKED ? blocked_index(t, i) : i];
   }
@@ -178,8 +193,8 @@ class Network {
     std::unique_ptr<Tensor> words(
         new Tensor({from.dims[0], from.dims[1], from.dims[2]}, ZYN_TYPE_FPI16));
     for (int64_t i = 0; i < from.count; i++)
-      static_cast<int16_t*>(words->t->data)[i] =
-          static_cast<int16_t>(tensors_[0]->data()[i] * static_cast<float>(1 << kFractionBits));
+      static_cast<int16_t*>(words->t->data)[i] = static_cast<int16_t>(
+          std::lrint(std::ldexp(tensors_[0]->data()[i], static_cast<int>(q_[0]))));
     tensors_[0] = std::move(words);
   }
 
@@ -206,6 +221,7 @@ class Network {
   std::vector<std::unique_ptr<Tensor>> tensors_;
   std::vector<Node> nodes_;
   Graph graph_;
+  std::vector<uint32_t> q_;
   bool ok_ = false;
 };
 

@@ -36,6 +36,21 @@ quantises 2 usage
 quantises 2 'margin' --model m --out q --margin 0.5 x.bmp
 quantises 1 'not an ssd320 model' --model "$work/generated.bmp" --out "$work/q" x.bmp
 
+# A layer list: 116 words of 1.0 and their digest are a model, 128 of them a sample.
+printf '2 4 8 8 3 1 1 1\n4 4 8 8 3 1 1 4\n' >"$work/net.layers"
+words() { for ((i = 0; i < $1; i++)); do printf '\x00\x00\x80\x3f'; done; }
+words 128 >"$work/in.f32"
+words 116 >"$work/net.zynm"
+words 5 >"$work/short.f32"
+printf "$(md5sum <"$work/net.zynm" | cut -c1-32 | sed 's/../\\x&/g')" >>"$work/net.zynm"
+listed=(--layers "$work/net.layers" --out "$work/net.q")
+quantises 0 ' 0 values wrapped' "${listed[@]}" --model "$work/net.zynm" "$work/in.f32"
+# 1.5 times 1, 2 * 9 + 1 and 9 * 19 + 1 in 16 bits.
+[ "$(grep -v '#' "$work/net.q" | tr '\n' ' ')" = '0 14 2 10 4 6 ' ] || { cat "$work/net.q"; exit 1; }
+quantises 1 'not a model of these layers' "${listed[@]}" --model "$work/in.f32" "$work/in.f32"
+quantises 1 'does not hold the 128 numbers' "${listed[@]}" --model "$work/net.zynm" "$work/short.f32"
+quantises 2 'for the detector' "${listed[@]}" --model "$work/net.zynm" --vary "$work/in.f32"
+
 if [ -z "$models" ]; then
   echo "ZYN_MODEL_DIR is not set: the check with the trained model is passed over"
   exit 0

@@ -13,8 +13,8 @@ namespace {
 
 class WithoutMemory : public ::testing::TestWithParam<int> {};
 
-Model& with_node(Model& model, int type) {
-  model.layout = ZYN_LAYOUT_BLOCKED;
+Model& with_node(Model& model, int type, bool fixed = false) {
+  model.layout = fixed ? ZYN_LAYOUT_PLANAR : ZYN_LAYOUT_BLOCKED;
   for (int k = 0; model.add(type) < 0 && k < 20;) k++;
   model.use_leftovers();
   return model;
@@ -43,6 +43,32 @@ TEST_P(WithoutMemory, PreparationAndRunAnswerTwoAndWorkTheNextTime) {
     });
 }
 
+TEST_P(WithoutMemory, InFixedPointTheSame) {
+  for (uint64_t seed : {1, 2, 3}) {
+    Model usual(seed, 1);
+    const int32_t refused = with_node(usual, GetParam(), true).prepare();
+    if (refused == 4) return;  // a type without a 16-bit form
+    ASSERT_EQ(refused + usual.net.run(), 0);
+    until_it_succeeds([&](int n, bool lasting) {
+      Model model(seed, 1);
+      EXPECT_EQ(with_node(model, GetParam(), true).net.make(), 0);
+      model.net.q_list(8);
+      Ledger::fail(n, lasting);
+      int32_t code = model.net.prepare();
+      if (!code) code = model.net.run();
+      const int seen = Ledger::seen();
+      EXPECT_EQ(code, seen >= n ? ZYN_RET_ERR_MEMORY : 0);
+      Ledger::fail(0, false);
+      if (code) {
+        model.refill();
+        EXPECT_EQ(model.net.prepare() + model.net.run(), 0);
+      }
+      EXPECT_EQ(model.outputs(), usual.outputs());
+      return seen;
+    });
+  }
+}
+
 TEST_P(WithoutMemory, BindingAnswersTwo) {
   until_it_succeeds([&](int n, bool lasting) {
     Model model(5);
@@ -57,6 +83,8 @@ TEST_P(WithoutMemory, BindingAnswersTwo) {
   });
 }
 
+INSTANTIATE_TEST_SUITE_P(Conv, WithoutMemory, ::testing::ValuesIn(zyn_test::kConvTypes),
+                         [](const auto& info) { return "Type" + std::to_string(info.param); });
 INSTANTIATE_TEST_SUITE_P(Ops, WithoutMemory, ::testing::ValuesIn(zyn_test::kOperatorTypes),
                          [](const auto& info) { return "Type" + std::to_string(info.param); });
 

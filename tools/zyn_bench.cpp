@@ -12,10 +12,11 @@ constexpr char kNowhere[] = "NUL";
 constexpr char kNowhere[] = "/dev/null";
 #endif
 
-#include "../bench/network.h"
-#include "../examples/ssd320.h"
+#include "whole.h"
 
 namespace {
+
+using tools::Whole;
 
 constexpr char kUsage[] =
     "usage: zyn-bench [LAYERFILE] [--methods 2,1,0] [--rounds 15] [--ms 2] [--json]\n";
@@ -47,60 +48,6 @@ struct Options {
   bool json = false;
 };
 
-// A network under one method. Node i of the list is the convolution whose output
-// output(i) gives; its id is first_id + i * id_step.
-struct Whole {
-  std::vector<bench::Node> nodes;
-  zyn_tensor* input = nullptr;
-  std::function<bool()> run;
-  std::function<zyn_tensor*(size_t)> output;
-  int first_id = 0, id_step = 1;
-};
-
-bool make_ssd320(uint32_t method, Whole* whole) {
-  const auto detector = std::make_shared<ssd320::Detector>();
-  if (!detector->create(method)) return false;
-  detector->generate_weights(1);
-  auto* pixels = static_cast<float*>(detector->input()->data);
-  for (int64_t i = 0; i < detector->input()->count; i++)
-    pixels[i] = peers::test_value(static_cast<uint32_t>(i), peers::kInput);
-  if (!detector->prepare()) return false;
-  for (const ssd320::Convolution& c : ssd320::convolutions()) {
-    zyn_conv_param p = {};
-    p.in_channels = static_cast<int32_t>(c.in_channels);
-    p.out_channels = static_cast<int32_t>(c.out_channels);
-    p.kernel_h = p.kernel_w = static_cast<int32_t>(c.kernel);
-    p.stride_h = p.stride_w = static_cast<int32_t>(c.stride);
-    p.pad_h = p.pad_w = static_cast<int32_t>(c.kernel / 2);
-    p.dilation_h = p.dilation_w = 1;
-    p.groups = static_cast<int32_t>(c.groups);
-    p.bias = c.normalised ? 0 : 1;
-    if (c.type == ZYN_OP_CONV_BN)
-      p.activation = ZYN_ACT_RELU;
-    else
-      p.word14.activation = ZYN_ACT_RELU;
-    whole->nodes.push_back({c.from - 1, c.type, p, detector->constant(whole->nodes.size())});
-  }
-  whole->input = detector->input();
-  whole->run = [detector] { return detector->run(); };
-  whole->output = [detector](size_t i) {
-    return zyn_get_computation_node_inference_data(detector->graph(), static_cast<int32_t>(i + 1));
-  };
-  whole->first_id = 1;
-  return true;
-}
-
-bool make_listed(const std::vector<peers::Layer>& layers, uint32_t method, Whole* whole) {
-  const auto network = std::make_shared<bench::Network>(layers, method, true);
-  if (!network->ok()) return false;
-  whole->nodes = network->nodes();
-  whole->input = network->input();
-  whole->run = [network] { return network->run(); };
-  whole->output = [network](size_t i) { return network->graph().output(i); };
-  whole->first_id = whole->id_step = 2;
-  return true;
-}
-
 // One method's graphs and times; the last entry of times is the whole network.
 struct Method {
   uint32_t number;
@@ -118,9 +65,7 @@ bool same(const zyn_tensor* a, const zyn_tensor* b) {
 // or a lone node gives something else.
 bool make_method(const std::vector<peers::Layer>& layers, Method* m) {
   Whole& whole = m->whole;
-  const bool made =
-      layers.empty() ? make_ssd320(m->number, &whole) : make_listed(layers, m->number, &whole);
-  if (!made || !whole.run()) {
+  if (!tools::make_whole(layers, {m->number, nullptr, {}}, &whole) || !whole.run()) {
     fprintf(stderr, "method %u: the network cannot be run\n", m->number);
     return false;
   }
@@ -187,8 +132,7 @@ std::vector<Row> rows(const Whole& whole) {
              p.groups > 1 ? " dw" : "");
     const zyn_tensor* t = whole.output(i);
     const double terms = double(p.in_channels) / p.groups * p.kernel_h * p.kernel_w;
-    all.push_back({whole.first_id + static_cast<int>(i) * whole.id_step,
-                   type_name(whole.nodes[i].type) + std::string(kernel), t->dims,
+    all.push_back({whole.id(i), type_name(whole.nodes[i].type) + std::string(kernel), t->dims,
                    2 * terms * static_cast<double>(t->count)});
   }
   return all;

@@ -1,12 +1,13 @@
-// Chooses the fraction bits of the ssd320 detector for the fixed-point backend: runs the
-// float network over sample inputs, takes for every node the largest q that holds what
-// was seen, writes the list, and reports how well the fixed-point network then does.
+// Chooses the fraction bits of a network for the fixed-point backend: runs the float
+// network over sample inputs, takes for every node the largest q that holds what was seen,
+// writes the list, and reports how well the fixed-point network then does.
 //
-//   zyn-quant --model FILE.zynm --out LIST [--margin 1.5] [--vary] SAMPLE...
+//   zyn-quant [--layers FILE] --model FILE.zynm --out LIST [--margin 1.5] [--vary] SAMPLE...
 //
-// A sample is a BMP photo or a raw file of 320 x 240 x 3 floats (.f32). --vary calibrates
-// on flips, crops and brightness changes of the samples instead of the samples. The list
-// goes to LIST ("node q" a line), the report to the standard output.
+// The network is the ssd320 detector or that of a layer list. A sample is a raw file with the
+// floats of its input (.f32); for the detector, a BMP photo too. --vary calibrates the
+// detector on flips, crops and brightness changes of the samples instead of the samples. The
+// list goes to LIST ("node q" a line), the report to the standard output.
 #include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -16,36 +17,35 @@
 #include <string>
 #include <vector>
 
-#include "../examples/ssd320.h"
+#include "whole.h"
 
 namespace {
 
-using ssd320::Convolution;
-using ssd320::Detector;
-using ssd320::Graph;
-using ssd320::Tensor;
+using tools::Whole;
 using Floats = std::vector<float>;
 
 constexpr float kDefaultMargin = 1.5f;
 constexpr double kMostWord = 32767;
 constexpr int32_t kMostBits = 15;
 constexpr uint32_t kMethod = 0;
-constexpr float kEpsilon = 1e-5f;  // of the normalised convolutions
+constexpr float kEpsilon = 1e-5f;  // of the normalised convolutions whose record has none
 constexpr int32_t kColour = 2;     // reading mode: blue, green, red
 
 enum Exit { kDone = 0, kFailed = 1, kUsage = 2 };
 
 struct Options {
-  std::string model, out;
+  std::string layers, model, out;
   std::vector<std::string> samples;
   float margin = kDefaultMargin;
   bool vary = false;
 };
 
 bool usage(const std::string& complaint) {
-  fprintf(stderr,
-          "%s\nusage: zyn-quant --model FILE.zynm --out LIST [--margin 1.5] [--vary] SAMPLE...\n",
-          complaint.c_str());
+  fprintf(
+      stderr,
+      "%s\nusage: zyn-quant [--layers FILE] --model FILE.zynm --out LIST [--margin 1.5] [--vary] "
+      "SAMPLE...\n",
+      complaint.c_str());
   return false;
 }
 
@@ -57,9 +57,12 @@ bool failed(const std::string& complaint) {
 bool parse(int argc, char** argv, Options* options) {
   for (int i = 1; i < argc; i++) {
     const std::string argument = argv[i];
-    const bool takes_value = argument == "--model" || argument == "--out" || argument == "--margin";
+    const bool takes_value = argument == "--layers" || argument == "--model" ||
+                             argument == "--out" || argument == "--margin";
     if (takes_value && i + 1 == argc) return usage(argument + " needs a value");
-    if (argument == "--model") {
+    if (argument == "--layers") {
+      options->layers = argv[++i];
+    } else if (argument == "--model") {
       options->model = argv[++i];
     } else if (argument == "--out") {
       options->out = argv[++i];
@@ -76,6 +79,7 @@ bool parse(int argc, char** argv, Options* options) {
   }
   if (options->model.empty() || options->out.empty() || options->samples.empty())
     return usage("a model, a file for the list and samples are needed");
+  if (options->vary && !options->layers.empty()) return usage("--vary is for the detector");
   return true;
 }
 
@@ -83,14 +87,17 @@ bool parse(int argc, char** argv, Options* options) {
 
 constexpr size_t kInputs = size_t{3} * ssd320::kWidth * ssd320::kHeight;
 
-bool read_raw(const std::string& path, Floats* values) {
+bool read_raw(const std::string& path, size_t count, Floats* values) {
   FILE* file = fopen(path.c_str(), "rb");
   if (!file) return failed(path + " cannot be read");
-  values->resize(kInputs);
-  const bool whole = fread(values->data(), sizeof(float), kInputs, file) == kInputs;
+  values->resize(count);
+  const bool whole = fread(values->data(), sizeof(float), count, file) == count;
   const bool more = fgetc(file) != EOF;
   fclose(file);
-  return (whole && !more) || failed(path + " does not hold 320 x 240 x 3 floats");
+  const bool finite =
+      std::all_of(values->begin(), values->end(), [](float v) { return std::isfinite(v); });
+  return (whole && !more && finite) ||
+         failed(path + " does not hold the " + std::to_string(count) + " numbers of an input");
 }
 
 bool read_photo(const std::string& path, zyn_tensor* input, Floats* values) {
@@ -152,71 +159,19 @@ void add_variants(const Floats& from, std::vector<Floats>* samples) {
   samples->push_back(brighten(from, 1.35f));
 }
 
-bool read_samples(const Options& options, Detector* network, std::vector<Floats>* samples) {
+bool read_samples(const Options& options, zyn_tensor* input, std::vector<Floats>* samples) {
+  const auto count = static_cast<size_t>(input->count);
   for (const std::string& path : options.samples) {
     Floats values;
     const bool raw = path.size() > 4 && path.substr(path.size() - 4) == ".f32";
-    if (!(raw ? read_raw(path, &values) : read_photo(path, network->input(), &values)))
-      return false;
+    if (!raw && !options.layers.empty()) return failed(path + ": photos are for the detector");
+    if (!(raw ? read_raw(path, count, &values) : read_photo(path, input, &values))) return false;
     if (options.vary)
       add_variants(values, samples);
     else
       samples->push_back(values);
   }
   return true;
-}
-
-// ---- one convolution by itself, without its activation
-
-// What a fixed-point node must hold is the sum before the activation: a value beyond 16
-// bits changes its sign there.
-class Probe {
- public:
-  bool create(const Convolution& layer, const zyn_tensor* input, float* words);
-  // The sums for what the input holds at the moment.
-  const zyn_tensor* run() {
-    if (zyn_computation_graph_inference(graph_.get()) != ZYN_RET_OK) return nullptr;
-    return zyn_get_computation_node_inference_data(graph_.get(), 2);
-  }
-
- private:
-  bool bind(int32_t node, int32_t type, void* data, const void* param) {
-    zyn_cg_node_desc desc{};
-    desc.type = type;
-    desc.data = data;
-    return zyn_bind_operator_onto_computation_graph(graph_.get(), node, &desc, param) == ZYN_RET_OK;
-  }
-  Tensor constant_;
-  Graph graph_;
-};
-
-bool Probe::create(const Convolution& layer, const zyn_tensor* input, float* words) {
-  zyn_conv_param p{};
-  p.in_channels = static_cast<int32_t>(layer.in_channels);
-  p.out_channels = static_cast<int32_t>(layer.out_channels);
-  p.kernel_h = p.kernel_w = static_cast<int32_t>(layer.kernel);
-  p.stride_h = p.stride_w = static_cast<int32_t>(layer.stride);
-  p.pad_h = p.pad_w = p.kernel_h / 2;
-  p.dilation_h = p.dilation_w = 1;
-  p.groups = static_cast<int32_t>(layer.groups);
-  p.bias = layer.normalised ? 0 : 1;
-  if (layer.normalised) p.word14.epsilon = kEpsilon;
-  zyn_cg_create_param settings{};
-  settings.max_nodes = 3;
-  settings.thread_count = 1;
-  const int32_t count = layer.words();
-  constant_.reset(zyn_create_tensor_header(1, &count, ZYN_TYPE_F32));
-  graph_.reset(zyn_create_computation_graph_handle(&settings));
-  zyn_cg_handle* graph = graph_.get();
-  return constant_ && graph && zyn_cg_set_conv_method(graph, kMethod) == ZYN_RET_OK &&
-         zyn_set_tensor_data(constant_.get(), words, int64_t{4} * count) == ZYN_RET_OK &&
-         zyn_add_one_edge_into_computation_graph(graph, 0, 2) == ZYN_RET_OK &&
-         zyn_add_one_edge_into_computation_graph(graph, 1, 2) == ZYN_RET_OK &&
-         zyn_computation_graph_topo_sort(graph) == ZYN_RET_OK &&
-         bind(0, ZYN_OP_INPUT, const_cast<zyn_tensor*>(input), nullptr) &&
-         bind(1, ZYN_OP_CONSTANT, constant_.get(), nullptr) &&
-         bind(2, layer.normalised ? ZYN_OP_CONV_BN : ZYN_OP_CONV, nullptr, &p) &&
-         zyn_prepare_inference_computation(graph) == ZYN_RET_OK;
 }
 
 // ---- the choice
@@ -229,12 +184,26 @@ struct Node {
   int64_t wrapped = 0;
 };
 
-// The q that preparation gives to the weights and biases of a layer; -1: none.
-int32_t weight_bits(const Convolution& layer, const float* words) {
-  const int32_t weights = layer.weights(),
-                per_channel = weights / static_cast<int32_t>(layer.out_channels);
-  const auto channels = static_cast<int32_t>(layer.out_channels);
-  const float* after = words + weights;
+bool is_normalised(const bench::Node& node) { return node.type == ZYN_OP_CONV_BN; }
+
+// A node without its activation. What a fixed-point node must hold is the sum before it: a
+// value beyond 16 bits changes its sign there.
+bench::Node sums_of(bench::Node node) {
+  node.from = -1;
+  node.param.activation = 0;
+  if (is_normalised(node)) return node;
+  node.type = ZYN_OP_CONV;
+  node.param.word14.activation = 0;
+  return node;
+}
+
+// The q that preparation gives to the weights and biases of a node; -1: none.
+int32_t weight_bits(const bench::Node& node) {
+  const zyn_conv_param& p = node.param;
+  const int32_t channels = p.out_channels;
+  const int32_t per_channel = p.in_channels / p.groups * p.kernel_h * p.kernel_w;
+  const auto* words = static_cast<const float*>(node.constant->data);
+  const float* after = words + int64_t{per_channel} * channels;
   float low = 0, high = 0;
   const auto note = [&](float v) {
     low = std::min(low, v);
@@ -242,8 +211,9 @@ int32_t weight_bits(const Convolution& layer, const float* words) {
   };
   for (int32_t c = 0; c < channels; c++) {
     float scale = 1, bias = after[c];
-    if (layer.normalised) {  // scale, shift, mean and variance
-      scale = after[c] / sqrtf(after[3 * channels + c] + kEpsilon);
+    if (is_normalised(node)) {  // scale, shift, mean and variance
+      const float epsilon = p.word14.epsilon != 0.0f ? p.word14.epsilon : kEpsilon;
+      scale = after[c] / sqrtf(after[3 * channels + c] + epsilon);
       bias = after[channels + c] - after[2 * channels + c] * scale;
     }
     note(bias);
@@ -256,7 +226,12 @@ int32_t weight_bits(const Convolution& layer, const float* words) {
   return -1;
 }
 
-std::string name_of(size_t node) { return "node " + std::to_string(node); }
+// The largest q that holds values up to extreme; -1: none.
+int32_t bits_for(double extreme) {
+  int32_t q = kMostBits;
+  while (q >= 0 && !(ldexp(extreme, q) <= kMostWord)) q--;
+  return q;
+}
 
 // The float network, its layers one by one, and what was seen of them.
 class Quantiser {
@@ -268,32 +243,51 @@ class Quantiser {
   void report() const;
 
  private:
+  bool load(const std::string& model);
   bool run(const Floats& sample);
-  void compare(size_t i, const Detector& fixed, const zyn_tensor* sums);
-  std::vector<uint32_t> list() const;
+  void compare(size_t i, const zyn_tensor* words, const zyn_tensor* sums);
+  // Node 0 is the input, layer i is node i + 1.
+  int id_of(size_t node) const { return node ? float_.id(node - 1) : 0; }
+  std::string name_of(size_t node) const { return "node " + std::to_string(id_of(node)); }
+  const Node& producer_of(size_t node) const {
+    return nodes_[static_cast<size_t>(float_.nodes[node - 1].from + 1)];
+  }
 
-  std::vector<Convolution> layers_ = ssd320::convolutions();
-  std::vector<Node> nodes_;  // node 0 is the input, layer i is node i + 1
-  Detector float_;
-  std::vector<Probe> probes_;
+  std::vector<peers::Layer> layers_;  // none: the detector
+  Floats words_;
+  std::vector<Node> nodes_;
+  Whole float_;
+  std::vector<std::unique_ptr<bench::Graph>> probes_;
   std::vector<Floats> samples_;
 };
 
+bool Quantiser::load(const std::string& model) {
+  if (!tools::make_whole(layers_, {kMethod, nullptr, {}}, &float_))
+    return failed("the network cannot be built");
+  words_.resize(static_cast<size_t>(float_.words()));
+  if (zyn_cg_load_model(words_.data(), float_.words(), model.c_str()) != ZYN_RET_OK)
+    return failed(model + " cannot be read or is not " +
+                  (layers_.empty() ? "an ssd320 model" : "a model of these layers"));
+  return tools::make_whole(layers_, {kMethod, words_.data(), {}}, &float_) ||
+         failed("the network cannot be prepared");
+}
+
 bool Quantiser::create(const Options& options) {
-  if (!float_.create(kMethod)) return failed("the network cannot be built");
-  if (zyn_cg_load_model(float_.weights(), float_.weight_count(), options.model.c_str()) !=
-      ZYN_RET_OK)
-    return failed(options.model + " cannot be read or is not an ssd320 model");
-  if (!float_.prepare()) return failed("the network cannot be prepared");
-  if (!read_samples(options, &float_, &samples_)) return false;
-  nodes_.resize(layers_.size() + 1);
-  probes_.resize(layers_.size());
-  float* words = float_.weights();
-  for (size_t i = 0; i < layers_.size(); words += layers_[i++].words()) {
-    const int32_t from = layers_[i].from;
-    if (!probes_[i].create(layers_[i], from ? float_.output(from) : float_.input(), words))
+  if (!options.layers.empty()) {
+    layers_ = peers::read_layers(options.layers, false);
+    if (!bench::Network::connected(layers_))
+      return failed(options.layers + ": a layer has nothing to read");
+  }
+  if (!load(options.model) || !read_samples(options, float_.input, &samples_)) return false;
+  nodes_.resize(float_.nodes.size() + 1);
+  for (size_t i = 0; i < float_.nodes.size(); i++) {
+    const bench::Node& node = float_.nodes[i];
+    zyn_tensor* const input =
+        node.from < 0 ? float_.input : float_.output(static_cast<size_t>(node.from));
+    probes_.emplace_back(new bench::Graph);
+    if (!probes_[i]->create(input, {sums_of(node)}, kMethod))
       return failed(name_of(i + 1) + " cannot be built by itself");
-    nodes_[i + 1].q_weights = weight_bits(layers_[i], words);
+    nodes_[i + 1].q_weights = weight_bits(node);
     if (nodes_[i + 1].q_weights < 0)
       return failed(name_of(i + 1) + ": its weights do not fit 16 bits with any q");
   }
@@ -302,66 +296,68 @@ bool Quantiser::create(const Options& options) {
 }
 
 bool Quantiser::run(const Floats& sample) {
-  std::copy(sample.begin(), sample.end(), static_cast<float*>(float_.input()->data));
+  std::copy(sample.begin(), sample.end(), static_cast<float*>(float_.input->data));
   return float_.run() || failed("the network cannot be run");
 }
 
 // The largest q that holds margin times what was seen, and no more fraction bits than a
 // product has: q of the input + q of the weights.
 bool Quantiser::choose(float margin) {
+  const auto note = [](Node* node, const float* values, int64_t count) {
+    const auto range = std::minmax_element(values, values + count);
+    node->low = std::min(node->low, *range.first);
+    node->high = std::max(node->high, *range.second);
+  };
   for (const Floats& sample : samples_) {
     if (!run(sample)) return false;
-    for (size_t i = 0; i < layers_.size(); i++) {
-      const zyn_tensor* sums = probes_[i].run();
-      if (!sums) return failed(name_of(i + 1) + " cannot be run by itself");
-      const auto* values = static_cast<const float*>(sums->data);
-      const auto range = std::minmax_element(values, values + sums->count);
-      nodes_[i + 1].low = std::min(nodes_[i + 1].low, *range.first);
-      nodes_[i + 1].high = std::max(nodes_[i + 1].high, *range.second);
+    note(&nodes_[0], sample.data(), static_cast<int64_t>(sample.size()));
+    for (size_t i = 0; i < probes_.size(); i++) {
+      if (!probes_[i]->run()) return failed(name_of(i + 1) + " cannot be run by itself");
+      const zyn_tensor* sums = probes_[i]->output(0);
+      note(&nodes_[i + 1], static_cast<const float*>(sums->data), sums->count);
     }
   }
-  nodes_[0].q = ssd320::kInputQ;
-  nodes_[0].low = -127 / 128.0f;
-  nodes_[0].high = 1;
-  for (size_t i = 1; i < nodes_.size(); i++) {
+  for (size_t i = 0; i < nodes_.size(); i++) {
     Node& node = nodes_[i];
     const double extreme = static_cast<double>(margin) * std::max(-node.low, node.high);
-    node.q = kMostBits;
-    while (node.q >= 0 && !(ldexp(extreme, node.q) <= kMostWord)) node.q--;
+    node.q = i == 0 && layers_.empty() ? static_cast<int32_t>(ssd320::kInputQ) : bits_for(extreme);
     if (node.q < 0)
       return failed(name_of(i) + ": its values reach " + std::to_string(extreme / margin) +
                     ", which with the margin no q can hold");
-    const Node& from = nodes_[static_cast<size_t>(layers_[i - 1].from)];
-    node.q = std::min(node.q, from.q + node.q_weights);
+    if (i > 0) node.q = std::min(node.q, producer_of(i).q + node.q_weights);
   }
   return true;
 }
 
 // Fixed point beside float, on the samples.
 bool Quantiser::measure() {
-  Detector fixed;
-  if (!fixed.create(kMethod, list())) return failed("the fixed-point network cannot be built");
+  std::vector<uint32_t> q;
+  for (const Node& node : nodes_) q.push_back(static_cast<uint32_t>(node.q));
+  Whole fixed;
+  const bool made = tools::make_whole(layers_, {bench::kFixedPoint, words_.data(), q}, &fixed);
   printf("\n");
-  std::copy(float_.weights(), float_.weights() + float_.weight_count(), fixed.weights());
-  if (!fixed.prepare()) return failed("the fixed-point network refuses the list");
+  if (!made) return failed("the fixed-point network refuses the list");
   for (const Floats& sample : samples_) {
-    auto* words = static_cast<int16_t*>(fixed.input()->data);
-    for (size_t i = 0; i < kInputs; i++)
-      words[i] = static_cast<int16_t>(floorf(sample[i] * 128 + 0.5f));  // byte - 127
+    auto* words = static_cast<int16_t*>(fixed.input->data);
+    for (size_t i = 0; i < sample.size(); i++) {  // of the detector: byte - 127
+      const double exact = floor(ldexp(static_cast<double>(sample[i]), nodes_[0].q) + 0.5);
+      words[i] = static_cast<int16_t>(std::clamp(exact, -kMostWord - 1, kMostWord));
+    }
     if (!run(sample)) return false;
     if (!fixed.run()) return failed("the fixed-point network cannot be run");
-    for (size_t i = 0; i < layers_.size(); i++) compare(i, fixed, probes_[i].run());
+    for (size_t i = 0; i < probes_.size(); i++) {
+      probes_[i]->run();
+      compare(i, fixed.output(i), probes_[i]->output(0));
+    }
   }
   return true;
 }
 
 // The outputs of layer i, and the values that leave 16 bits: by the sums, and by outputs
 // that are further from the float network's than half the range.
-void Quantiser::compare(size_t i, const Detector& fixed, const zyn_tensor* sums) {
+void Quantiser::compare(size_t i, const zyn_tensor* words, const zyn_tensor* sums) {
   Node& node = nodes_[i + 1];
-  const auto id = static_cast<int32_t>(i) + 1;
-  const zyn_tensor* words = fixed.output(id);
-  const auto* expected = static_cast<const float*>(float_.output(id)->data);
+  const auto* expected = static_cast<const float*>(float_.output(i)->data);
   const auto* got = static_cast<const int16_t*>(words->data);
   const auto* sum = static_cast<const float*>(sums->data);
   const double unit = ldexp(1, -node.q);
@@ -376,19 +372,11 @@ void Quantiser::compare(size_t i, const Detector& fixed, const zyn_tensor* sums)
   }
 }
 
-std::vector<uint32_t> Quantiser::list() const {
-  // Constants need none: the graph chooses the q of weights by itself.
-  std::vector<uint32_t> q(1 + 2 * layers_.size(), 0);
-  for (size_t i = 0; i < nodes_.size(); i++) q[i] = static_cast<uint32_t>(nodes_[i].q);
-  return q;
-}
-
 bool Quantiser::write(const std::string& path) const {
   FILE* file = fopen(path.c_str(), "w");
   if (!file) return failed(path + " cannot be written");
-  fprintf(file, "# fraction bits of the ssd320 detector: node q\n");
-  for (size_t i = 0; i < nodes_.size(); i++)
-    fprintf(file, "%d %d\n", static_cast<int>(i), nodes_[i].q);
+  fprintf(file, "# fraction bits of the nodes: node q\n");
+  for (size_t i = 0; i < nodes_.size(); i++) fprintf(file, "%d %d\n", id_of(i), nodes_[i].q);
   return fclose(file) == 0 || failed(path + " cannot be written");
 }
 
@@ -401,14 +389,15 @@ void Quantiser::report() const {
   double worst = INFINITY;
   for (size_t i = 1; i < nodes_.size(); i++) {
     const Node& n = nodes_[i];
-    const Convolution& c = layers_[i - 1];
+    const bench::Node& node = float_.nodes[i - 1];
+    const zyn_conv_param& p = node.param;
     char layer[64];
-    snprintf(layer, sizeof(layer), "%ux%u%s %u > %u", c.kernel, c.kernel, c.groups > 1 ? " dw" : "",
-             c.in_channels, c.out_channels);
+    snprintf(layer, sizeof(layer), "%dx%d%s %d > %d", p.kernel_h, p.kernel_w,
+             p.groups > 1 ? " dw" : "", p.in_channels, p.out_channels);
     const double snr = 10 * log10(n.signal / n.noise);
-    const int32_t shift = nodes_[static_cast<size_t>(c.from)].q + n.q_weights - n.q;
-    printf("%4d %4d  %-16s %9.3f %9.3f   %2d         %2d     %2d  %6.1f  %7lld\n",
-           static_cast<int>(i), c.from, layer, static_cast<double>(n.low),
+    const int32_t shift = producer_of(i).q + n.q_weights - n.q;
+    printf("%4d %4d  %-16s %9.3f %9.3f   %2d         %2d     %2d  %6.1f  %7lld\n", id_of(i),
+           id_of(static_cast<size_t>(node.from + 1)), layer, static_cast<double>(n.low),
            static_cast<double>(n.high), n.q, n.q_weights, shift, snr,
            static_cast<long long>(n.wrapped));
     wrapped += n.wrapped;

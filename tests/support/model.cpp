@@ -31,7 +31,9 @@ int Model::add_data(int id, int type, const Array& a) {
   return id;
 }
 
-int Model::input(const Array& a) {
+int Model::input(const Array& given) {
+  // Words that use some bits: the formulas know floats only, and nobody compares.
+  const Array a = fixed_point_ ? map(given, [](double v) { return std::round(100 * v); }) : given;
   static constexpr uint32_t kCodes[3] = {ZYN_LAYOUT_PLANAR, ZYN_LAYOUT_INTERLEAVED,
                                          ZYN_LAYOUT_BLOCKED};
   const uint32_t code = layout < 0 ? kCodes[random.integer(0, 2)] : static_cast<uint32_t>(layout);
@@ -39,6 +41,18 @@ int Model::input(const Array& a) {
 }
 
 int Model::constant(const Array& a) { return add_data(net.constant(a), ZYN_OP_CONSTANT, a); }
+
+int32_t Model::prepare() {
+  const int32_t code = net.make();
+  if (!code && fixed_point_) net.q_list(8);
+  return code ? code : net.prepare();
+}
+
+std::vector<std::vector<double>> Model::outputs() {
+  std::vector<std::vector<double>> values;
+  for (int id = 0; id < size(); id++) values.push_back(net.output(id).v);
+  return values;
+}
 
 void Model::refill() {
   for (int id = 0; id < size(); id++)

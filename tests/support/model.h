@@ -41,7 +41,8 @@ class Model {
   using Inputs = const std::vector<const Array*>&;
   using Formula = std::function<Array(Inputs)>;
 
-  explicit Model(uint64_t seed, uint32_t fixed_point = 0) : random(seed), net(fixed_point) {}
+  explicit Model(uint64_t seed, uint32_t fixed_point = 0)
+      : random(seed), net(fixed_point), fixed_point_(fixed_point) {}
 
   Random random;
   Net net;
@@ -63,6 +64,10 @@ class Model {
   void use_leftovers();
   int input(const Array& a);
   int constant(const Array& a);
+  // Makes and prepares the graph, in fixed point with q 8 for every node.
+  int32_t prepare();
+  // Every node's tensor.
+  std::vector<std::vector<double>> outputs();
   // Writes the inputs' first values again.
   void refill();
   // Computes every node's value in the library's order of execution.
@@ -106,7 +111,7 @@ class Model {
   int add_conv(int type);
   int add_method_conv(int type);
 
-  uint32_t method_ = 2;
+  uint32_t fixed_point_, method_ = 2;
   std::vector<Step> steps_;
   std::vector<Array> shapes_;  // eager values: right in shape only
   std::vector<Array> data_;

@@ -113,9 +113,9 @@ int32_t make_fixed(zyn_cg_conv_state* state) {
   uint32_t q = 0;
   if (const int32_t code = zyn_cg_quantize(&state->quantized, state->weights, &q)) return code;
   state->weight_q = static_cast<int32_t>(q);
-  return static_cast<int32_t>(
-      zyn_fpi_make_plan(&state->fixed, static_cast<const int16_t*>(state->quantized->data),
-                        &state->param, state->input_q + state->weight_q - state->output_q));
+  return static_cast<int32_t>(zyn_fpi_make_plan(
+      &state->fixed, static_cast<const int16_t*>(state->quantized->data), &state->param,
+      state->input_q + state->weight_q - state->output_q, state->output->dims[0]));
 }
 
 // Run functions of types 3, 4 and 5: bias where the record has it.

@@ -12,14 +12,14 @@
 
 #include "zyncore.h"
 
-// Which kernel serves a record; kNone clears the output.
+// Which kernel serves a record; ZYN_FPI_NONE clears the output.
 enum zyn_fpi_kind : uint32_t {
   ZYN_FPI_NONE,
   ZYN_FPI_POINTWISE,  // 1 x 1, stride 1, no padding
-  ZYN_FPI_DENSE_3X3,  // stride 1 or 2
-  ZYN_FPI_DENSE_6X6,  // stride 1, no padding
-  ZYN_FPI_DENSE_ANY,
-  ZYN_FPI_DEPTHWISE_3X3,  // stride 1 or 2
+  ZYN_FPI_DENSE_3X3,  // stride 1 or 2, rows that fill vectors well enough
+  ZYN_FPI_DENSE_CHANNELS,
+  ZYN_FPI_DENSE_ANY,  // kernels of a large extent
+  ZYN_FPI_DEPTHWISE,  // stride 1 or 2
   ZYN_FPI_DEPTHWISE_ANY
 };
 
@@ -40,10 +40,11 @@ struct zyn_fpi_epilogue {
   int32_t code;
 };
 
-// Chooses the kernel and packs the weights, which must outlive the plan. 1: shift
-// outside 0 to 31; 2: no memory. The record makes sense (see zyn_cg_conv_open).
+// Chooses the kernel, the fastest for output rows of width pixels, and packs the weights,
+// which must outlive the plan. 1: shift outside 0 to 31; 2: no memory. The record makes
+// sense (see zyn_cg_conv_open).
 uint32_t zyn_fpi_make_plan(zyn_fpi_plan* plan, const int16_t* weights, const zyn_conv_param* param,
-                           int32_t shift);
+                           int32_t shift, int64_t width);
 void zyn_fpi_drop_plan(zyn_fpi_plan* plan);
 
 // Runs the plan's kernel, then the epilogue (null: none). 1: missing argument, channel
@@ -74,9 +75,11 @@ void zyn_fpi_pack_3x3(zyn_fpi_plan* plan);
 int64_t zyn_fpi_packed_3x3(const zyn_conv_param* param);
 uint32_t zyn_fpi_run_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
                          const zyn_tensor* input);
-uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
-                                   zyn_tensor* output, const zyn_tensor* input);
-uint32_t zyn_fpi_run_6x6(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
-                         const zyn_tensor* input);
+uint32_t zyn_fpi_run_depthwise(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
+                               zyn_tensor* output, const zyn_tensor* input);
+void zyn_fpi_pack_channels(zyn_fpi_plan* plan);
+int64_t zyn_fpi_packed_channels(const zyn_conv_param* param);
+uint32_t zyn_fpi_run_channels(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
+                              zyn_tensor* output, const zyn_tensor* input);
 uint32_t zyn_fpi_run_any(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
                          const zyn_tensor* input);

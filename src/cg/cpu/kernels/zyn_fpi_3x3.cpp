@@ -1,4 +1,4 @@
-// Fixed-point 3 x 3 convolutions, stride 1 or 2, dense and depthwise, and the dense 6 x 6.
+// Fixed-point dense 3 x 3 convolution, stride 1 or 2, 16 pixels at a time.
 // Products are added in pairs into 32-bit lanes (madd). A window holds what 16 outputs
 // read from one input channel: pairs of neighbouring columns of each row, then the third
 // column of two rows, then that of the last row beside a constant that brings in r: five
@@ -7,18 +7,14 @@
 // unaligned load or a blend of two.
 //
 // Input rows pass through a ring of rows with zeros around them.
-#include "base/zyn_memory.h"
-#include "cg/cpu/kernels/zyn_fpi.h"
-#include "cg/cpu/kernels/zyn_fpi_lanes.h"
+#include "cg/cpu/kernels/zyn_fpi_rows.h"
 
 namespace {
 
 constexpr int64_t kTaps = 9;
 constexpr int64_t kPairs = 5;
-constexpr int64_t kChunk = 64;        // output channels whose sums stay on the stack
-constexpr int64_t kBandRows = 32;     // padded rows of one channel, depthwise
-constexpr int64_t kFlatWords = 4096;  // of a padded plane that is worked on as a whole
-constexpr int64_t kSlack = 24;        // what windows read behind the columns of their outputs
+constexpr int64_t kChunk = 64;  // output channels whose sums stay on the stack
+constexpr int64_t kSlack = 24;  // what windows read behind the columns of their outputs
 
 struct group {
   __m256i row0, row1, row2, third01, third2;
@@ -78,15 +74,6 @@ inline __m256i convolve(const window& in, const weight_pairs& w, __m256i shift) 
   return zyn_fpi_interleave(sum_of(in.a, w), sum_of(in.b, w), shift);
 }
 
-// The outputs of a window in their order.
-template <int kStride>
-inline __m256i in_order(__m256i v) {
-  if (kStride == 1) return v;
-  const __m256i first = _mm256_and_si256(v, _mm256_set1_epi32(0xFFFF));
-  const __m256i packed = _mm256_packus_epi32(first, _mm256_srli_epi32(v, 16));
-  return _mm256_permute4x64_epi64(packed, 0xD8);
-}
-
 void pack_taps(int32_t* to, const int16_t* w, int32_t round_weight) {
   to[0] = zyn_fpi_pair(w[0], w[1]);
   to[1] = zyn_fpi_pair(w[3], w[4]);
@@ -95,73 +82,10 @@ void pack_taps(int32_t* to, const int16_t* w, int32_t round_weight) {
   to[4] = zyn_fpi_pair(w[8], round_weight);
 }
 
-// The ring: padded rows of each of channels planes, kRows of which are read at a time. The
-// padding around a row is written once. A ring of more rows is filled as a whole, so that
-// windows do not read words that have only just been written at another offset.
-template <int kRows>
-struct row_ring {
-  zyn_scratch<int16_t> words;
-  const int16_t* planes;
-  int64_t channels, width, height, pad_x, pad_y, pitch, inside;
-  int64_t total;     // rows that the outputs read, counted from -pad_y
-  int64_t capacity;  // rows of the ring, a power of two
-  int64_t next = 0;  // first row not yet there
-
-  // At most most_rows rows a plane, a power of two and at least kRows.
-  row_ring(const zyn_tensor* input, const zyn_tensor* output, const zyn_conv_param& p,
-           int64_t count, int64_t most_rows)
-      : words(zyn_scratch<int16_t>::zeroed(count * capacity_of(rows_of(output, p), most_rows) *
-                                           pitch_of(output->dims[0], p.stride_h))),
-        planes(zyn_fpi_words(input)),
-        channels(count),
-        width(input->dims[0]),
-        height(input->dims[1]),
-        pad_x(p.pad_h),
-        pad_y(p.pad_w),
-        pitch(pitch_of(output->dims[0], p.stride_h)),
-        inside(pad_x >= pitch          ? 0
-               : width < pitch - pad_x ? width
-                                       : pitch - pad_x),
-        total(rows_of(output, p)),
-        capacity(capacity_of(total, most_rows)) {}
-
-  static int64_t rows_of(const zyn_tensor* output, const zyn_conv_param& p) {
-    return (output->dims[1] - int64_t{1}) * p.stride_w + kRows;
-  }
-  static int64_t capacity_of(int64_t rows, int64_t most_rows) {
-    while (most_rows / 2 >= rows) most_rows /= 2;
-    return most_rows;
-  }
-  static int64_t pitch_of(int64_t outputs, int64_t stride) {
-    return stride * ((outputs + kZynFpiLanes - 1) / kZynFpiLanes * kZynFpiLanes) + kSlack;
-  }
-  void start(const int16_t* first_plane) {
-    planes = first_plane;
-    next = 0;
-  }
-  // Lets rows first to first + kRows - 1, counted from -pad_y, be there.
-  void advance(int64_t first) {
-    if (next >= first + kRows || inside == 0) return;
-    if (next < first) next = first;
-    const int64_t end = first + capacity < total ? first + capacity : total;
-    for (; next < end; next++)
-      for (int64_t c = 0; c < channels; c++) fill(slot(c, next) + pad_x, c, next - pad_y);
-  }
-  void fill(int16_t* to, int64_t c, int64_t y) const {
-    if (y >= 0 && y < height)
-      zyn_fpi_copy(to, planes + (c * height + y) * width, inside);
-    else
-      for (int64_t x = 0; x < inside; x++) to[x] = 0;
-  }
-  int16_t* slot(int64_t c, int64_t row) const {
-    return words.get() + (c * capacity + (row & (capacity - 1))) * pitch;
-  }
-};
-
 // 16 outputs at x of the channels first to first + count - 1. Whole vectors are stored
 // where room allows, beyond the end of a row: the next row comes later.
 template <int kStride>
-void dense_tile(int16_t* out, int64_t out_plane, const row_ring<3>& ring, int64_t row, int64_t x,
+void dense_tile(int16_t* out, int64_t out_plane, const zyn_fpi_rows& ring, int64_t row, int64_t x,
                 const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, int64_t first,
                 int64_t count, int64_t room) {
   alignas(32) __m256i sums[kChunk];
@@ -178,8 +102,9 @@ void dense_tile(int16_t* out, int64_t out_plane, const row_ring<3>& ring, int64_
       sums[o] = _mm256_add_epi16(sums[o], convolve(in, load_weights(weights + o * kPairs), shift));
   }
   for (int64_t o = 0; o < count; o++)
-    zyn_fpi_store_part(out + o * out_plane,
-                       zyn_fpi_finisher(outlet, first + o)(in_order<kStride>(sums[o])), room);
+    zyn_fpi_store_part(
+        out + o * out_plane,
+        zyn_fpi_finisher(outlet, first + o)(kStride == 1 ? sums[o] : zyn_fpi_part(sums[o])), room);
 }
 
 template <int kStride>
@@ -187,7 +112,9 @@ uint32_t dense(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tenso
                const zyn_tensor* input) {
   const int64_t width = output->dims[0], height = output->dims[1];
   const int64_t outputs = plan->param.out_channels;
-  row_ring<3> ring(input, output, plan->param, plan->param.in_channels, 4);
+  const int64_t vectors = (width + kZynFpiLanes - 1) / kZynFpiLanes;
+  const zyn_fpi_reach reach = {3, kStride * vectors * kZynFpiLanes + kSlack, 4};
+  zyn_fpi_rows ring(input, output, plan->param, plan->param.in_channels, reach);
   if (!ring.words) return ZYN_RET_ERR_MEMORY;
   for (int64_t y = 0; y < height; y++) {
     ring.advance(y * kStride);
@@ -201,105 +128,6 @@ uint32_t dense(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tenso
       }
   }
   return ZYN_RET_OK;
-}
-
-template <int kStride>
-uint32_t depthwise(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
-                   const zyn_tensor* input) {
-  const int64_t width = output->dims[0], height = output->dims[1];
-  const int64_t in_plane = static_cast<int64_t>(input->dims[0]) * input->dims[1];
-  row_ring<3> ring(input, output, plan->param, 1, kBandRows);
-  if (!ring.words) return ZYN_RET_ERR_MEMORY;
-  const __m256i shift = _mm256_set1_epi32(plan->shift);
-  const round_factors round = factors_of(plan->shift);
-  const __m256i constant = _mm256_set1_epi16(static_cast<int16_t>(round.data));
-  int16_t* const out = zyn_fpi_words(output);
-  // Rows and planes follow each other: whole vectors are stored up to here.
-  const int64_t whole = output->count - kZynFpiLanes;
-  int64_t at = 0;
-  for (int64_t c = 0; c < plan->param.out_channels; c++) {
-    int32_t pairs[kPairs];
-    pack_taps(pairs, plan->weights + c * kTaps, round.weight);
-    const weight_pairs weights = load_weights(pairs);
-    const zyn_fpi_finisher finish(outlet, c);
-    ring.start(zyn_fpi_words(input) + c * in_plane);
-    for (int64_t y = 0; y < height; y++, at += width) {
-      const int64_t row = y * kStride;
-      ring.advance(row);
-      const int16_t* const rows[3] = {ring.slot(0, row), ring.slot(0, row + 1),
-                                      ring.slot(0, row + 2)};
-      for (int64_t x = 0; x < width; x += kZynFpiLanes) {
-        const window in = gather<kStride>(rows, x, constant);
-        zyn_fpi_store_part(out + at + x, finish(in_order<kStride>(convolve(in, weights, shift))),
-                           at + x <= whole ? kZynFpiLanes : width - x);
-      }
-    }
-  }
-  return ZYN_RET_OK;
-}
-
-// Whether the windows of the whole padded plane are fewer vectors than its rows one by one
-// (by a tenth: results are copied once more).
-bool is_better_flat(int64_t width, int64_t height) {
-  const int64_t by_rows = (width + kZynFpiLanes - 1) / kZynFpiLanes * height;
-  const int64_t flat = ((width + 2) * height + kZynFpiLanes - 1) / kZynFpiLanes;
-  return 10 * flat <= 9 * by_rows && (width + 2) * (height + 2) <= kFlatWords;
-}
-
-// Stride 1, small planes with rows that fill vectors badly: the whole padded plane is one
-// run of windows; the two between the rows are computed in vain and not copied.
-uint32_t depthwise_flat(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
-                        const zyn_tensor* input) {
-  const zyn_conv_param& p = plan->param;
-  const int64_t width = output->dims[0], height = output->dims[1];
-  const int64_t in_width = input->dims[0], in_height = input->dims[1];
-  const int64_t pitch = width + 2;
-  auto plane = zyn_scratch<int16_t>::zeroed(pitch * (height + 2) + kZynFpiLanes + kSlack);
-  zyn_scratch<int16_t> results(pitch * height + kZynFpiLanes);
-  if (!plane || !results) return ZYN_RET_ERR_MEMORY;
-  const round_factors round = factors_of(plan->shift);
-  const __m256i shift = _mm256_set1_epi32(plan->shift);
-  const __m256i constant = _mm256_set1_epi16(static_cast<int16_t>(round.data));
-  const int16_t* in = zyn_fpi_words(input);
-  int16_t* out = zyn_fpi_words(output);
-  for (int64_t c = 0; c < p.out_channels; c++) {
-    // The padding stays as it is. Rows and columns: what of the input windows can reach.
-    for (int64_t y = 0; y < in_height; y++, in += in_width)
-      if (y + p.pad_w < height + 2 && p.pad_h < pitch)
-        zyn_fpi_copy(plane.get() + (y + p.pad_w) * pitch + p.pad_h, in,
-                     in_width < pitch - p.pad_h ? in_width : pitch - p.pad_h);
-    int32_t pairs[kPairs];
-    pack_taps(pairs, plan->weights + c * kTaps, round.weight);
-    const weight_pairs weights = load_weights(pairs);
-    const zyn_fpi_finisher finish(outlet, c);
-    const int16_t* const rows[3] = {plane.get(), plane.get() + pitch, plane.get() + 2 * pitch};
-    for (int64_t i = 0; i < pitch * height; i += kZynFpiLanes)
-      zyn_fpi_store(results.get() + i,
-                    finish(convolve(gather<1>(rows, i, constant), weights, shift)));
-    for (int64_t y = 0; y < height; y++, out += width)
-      zyn_fpi_copy(out, results.get() + y * pitch, width);
-  }
-  return ZYN_RET_OK;
-}
-
-// 16 outputs at x of one channel of the 6 x 6 kernel: its weights are pairs as they lie.
-__m256i tile_6x6(const row_ring<6>& ring, int64_t row, int64_t x, const int16_t* weights,
-                 int32_t d) {
-  const __m256i shift = _mm256_set1_epi32(d);
-  const __m256i round = _mm256_set1_epi32(static_cast<int32_t>(zyn_fpi_round_term(d)));
-  __m256i sum = _mm256_setzero_si256();
-  for (int64_t i = 0; i < ring.channels; i++) {
-    __m256i even = round, odd = round;
-    for (int64_t r = 0; r < 6; r++)
-      for (int64_t k = 0; k < 6; k += 2, weights += 2) {
-        const int16_t* at = ring.slot(i, row + r) + x + k;
-        const __m256i w = _mm256_set1_epi32(zyn_fpi_pair(weights[0], weights[1]));
-        even = _mm256_add_epi32(even, _mm256_madd_epi16(zyn_fpi_load(at), w));
-        odd = _mm256_add_epi32(odd, _mm256_madd_epi16(zyn_fpi_load(at + 1), w));
-      }
-    sum = _mm256_add_epi16(sum, zyn_fpi_interleave(even, odd, shift));
-  }
-  return sum;
 }
 
 }  // namespace
@@ -321,30 +149,4 @@ uint32_t zyn_fpi_run_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
                          const zyn_tensor* input) {
   return plan->param.stride_h == 1 ? dense<1>(plan, outlet, output, input)
                                    : dense<2>(plan, outlet, output, input);
-}
-
-uint32_t zyn_fpi_run_depthwise_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
-                                   zyn_tensor* output, const zyn_tensor* input) {
-  if (plan->param.stride_h == 1 && is_better_flat(output->dims[0], output->dims[1]))
-    return depthwise_flat(plan, outlet, output, input);
-  return plan->param.stride_h == 1 ? depthwise<1>(plan, outlet, output, input)
-                                   : depthwise<2>(plan, outlet, output, input);
-}
-
-uint32_t zyn_fpi_run_6x6(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
-                         const zyn_tensor* input) {
-  const int64_t width = output->dims[0], height = output->dims[1];
-  row_ring<6> ring(input, output, plan->param, plan->param.in_channels, 8);
-  if (!ring.words) return ZYN_RET_ERR_MEMORY;
-  for (int64_t y = 0; y < height; y++) {
-    ring.advance(y);
-    for (int64_t o = 0; o < plan->param.out_channels; o++)
-      for (int64_t x = 0; x < width; x += kZynFpiLanes)
-        zyn_fpi_store_part(
-            zyn_fpi_words(output) + (o * height + y) * width + x,
-            zyn_fpi_finisher(outlet, o)(tile_6x6(
-                ring, y, x, plan->weights + o * 36 * plan->param.in_channels, plan->shift)),
-            width - x);
-  }
-  return ZYN_RET_OK;
 }

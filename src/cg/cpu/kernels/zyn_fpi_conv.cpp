@@ -9,6 +9,7 @@
 namespace {
 
 constexpr int32_t kRelu = 1, kHardSwish = 2, kRelu6 = 3;  // activation codes
+constexpr int64_t kMostReach = 32;  // extents and strides that are worth padded copies
 
 bool is_kernel(const zyn_conv_param& p, int32_t size) {
   return p.kernel_h == size && p.kernel_w == size && p.dilation_h == 1 && p.dilation_w == 1;
@@ -18,17 +19,28 @@ bool has_stride(const zyn_conv_param& p, int32_t stride) {
   return p.stride_h == stride && p.stride_w == stride;
 }
 
-zyn_fpi_kind choose(const zyn_conv_param& p) {
-  const bool is_3x3 = is_kernel(p, 3) && (has_stride(p, 1) || has_stride(p, 2));
-  const bool unpadded = p.pad_h == 0 && p.pad_w == 0 && has_stride(p, 1);
+// Whether rows of width outputs cost 16 pixels of one output channel at a time less than one
+// pixel of 8: idle lanes, and the vector operations for 16 sums.
+bool is_better_by_pixels(const zyn_conv_param& p, int64_t width) {
+  const int64_t pixels = (width + 15) / 16 * p.out_channels;
+  const int64_t channels = width * ((p.out_channels + int64_t{7}) / 8);
+  constexpr int64_t kPixelsCost = 22, kChannelsCost = 15;
+  return pixels * kPixelsCost <= channels * kChannelsCost;
+}
+
+zyn_fpi_kind choose(const zyn_conv_param& p, int64_t width) {
+  const bool known_stride = has_stride(p, 1) || has_stride(p, 2);
+  const bool is_narrow = (p.kernel_h - int64_t{1}) * p.dilation_h < kMostReach &&
+                         (p.kernel_w - int64_t{1}) * p.dilation_w < kMostReach &&
+                         p.stride_h <= kMostReach;
   if (p.groups == 1) {
-    if (p.kernel_h == 1 && p.kernel_w == 1) return unpadded ? ZYN_FPI_POINTWISE : ZYN_FPI_DENSE_ANY;
-    if (is_3x3) return ZYN_FPI_DENSE_3X3;
-    // On purpose the one other size with a kernel of its own.
-    return is_kernel(p, 6) && unpadded ? ZYN_FPI_DENSE_6X6 : ZYN_FPI_DENSE_ANY;
+    const bool unpadded = p.pad_h == 0 && p.pad_w == 0 && has_stride(p, 1);
+    if (p.kernel_h == 1 && p.kernel_w == 1 && unpadded) return ZYN_FPI_POINTWISE;
+    if (is_kernel(p, 3) && known_stride && is_better_by_pixels(p, width)) return ZYN_FPI_DENSE_3X3;
+    return is_narrow ? ZYN_FPI_DENSE_CHANNELS : ZYN_FPI_DENSE_ANY;
   }
   if (!zyn_conv_is_depthwise(&p)) return ZYN_FPI_NONE;
-  return is_3x3 ? ZYN_FPI_DEPTHWISE_3X3 : ZYN_FPI_DEPTHWISE_ANY;
+  return known_stride && is_narrow ? ZYN_FPI_DEPTHWISE : ZYN_FPI_DEPTHWISE_ANY;
 }
 
 // The outputs x of a row whose input x * stride + offset lies in 0 to width - 1.
@@ -94,10 +106,10 @@ uint32_t run_kernel(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_
       return zyn_fpi_run_1x1(plan, outlet, output, input);
     case ZYN_FPI_DENSE_3X3:
       return zyn_fpi_run_3x3(plan, outlet, output, input);
-    case ZYN_FPI_DENSE_6X6:
-      return zyn_fpi_run_6x6(plan, outlet, output, input);
-    case ZYN_FPI_DEPTHWISE_3X3:
-      return zyn_fpi_run_depthwise_3x3(plan, outlet, output, input);
+    case ZYN_FPI_DENSE_CHANNELS:
+      return zyn_fpi_run_channels(plan, outlet, output, input);
+    case ZYN_FPI_DEPTHWISE:
+      return zyn_fpi_run_depthwise(plan, outlet, output, input);
     case ZYN_FPI_DENSE_ANY:
     case ZYN_FPI_DEPTHWISE_ANY:
       return zyn_fpi_run_any(plan, outlet, output, input);
@@ -107,6 +119,17 @@ uint32_t run_kernel(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_
       return ZYN_RET_OK;
   }
 }
+
+// The kernels that have an order of weights of their own.
+struct packing {
+  zyn_fpi_kind kind;
+  int64_t (*words)(const zyn_conv_param* param);
+  void (*pack)(zyn_fpi_plan* plan);
+};
+constexpr packing kPackings[] = {
+    {ZYN_FPI_POINTWISE, zyn_fpi_packed_1x1, zyn_fpi_pack_1x1},
+    {ZYN_FPI_DENSE_3X3, zyn_fpi_packed_3x3, zyn_fpi_pack_3x3},
+    {ZYN_FPI_DENSE_CHANNELS, zyn_fpi_packed_channels, zyn_fpi_pack_channels}};
 
 }  // namespace
 
@@ -136,19 +159,21 @@ uint32_t zyn_fpi_run_any(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
 }
 
 uint32_t zyn_fpi_make_plan(zyn_fpi_plan* plan, const int16_t* weights, const zyn_conv_param* param,
-                           int32_t shift) {
+                           int32_t shift, int64_t width) {
   if (shift < 0 || shift > 31) return ZYN_RET_ERR_PARA;
   zyn_fpi_drop_plan(plan);
-  *plan = {choose(*param), shift, *param, weights, nullptr};
-  const bool is_1x1 = plan->kind == ZYN_FPI_POINTWISE;
-  if (!is_1x1 && plan->kind != ZYN_FPI_DENSE_3X3) return ZYN_RET_OK;
-  const int64_t words = is_1x1 ? zyn_fpi_packed_1x1(param) : zyn_fpi_packed_3x3(param);
-  plan->packed = static_cast<int32_t*>(zyn_malloc(words * static_cast<int64_t>(sizeof(int32_t))));
+  *plan = {choose(*param, width), shift, *param, weights, nullptr};
+  const packing* found = nullptr;
+  for (const packing& candidate : kPackings)
+    if (candidate.kind == plan->kind) found = &candidate;
+  if (!found) return ZYN_RET_OK;
+  const int64_t bytes = found->words(param) * static_cast<int64_t>(sizeof(int32_t));
+  plan->packed = static_cast<int32_t*>(zyn_malloc(bytes));
   if (!plan->packed) {
     *plan = {};
     return ZYN_RET_ERR_MEMORY;
   }
-  is_1x1 ? zyn_fpi_pack_1x1(plan) : zyn_fpi_pack_3x3(plan);
+  found->pack(plan);
   return ZYN_RET_OK;
 }
 
@@ -173,9 +198,10 @@ uint32_t zyn_fpi_run_plan(const zyn_fpi_plan* plan, zyn_tensor* output, int32_t 
 uint32_t zyn_cg_fpi_conv2d(zyn_tensor* output, int32_t q_out, const zyn_tensor* input, int32_t q_in,
                            const int16_t* weights, int32_t q_weights, const zyn_conv_param* param,
                            const zyn_fpi_epilogue* epilogue) {
-  if (!weights || !param) return ZYN_RET_ERR_PARA;
+  if (!weights || !param || !output) return ZYN_RET_ERR_PARA;
   zyn_fpi_plan plan = {};
-  uint32_t code = zyn_fpi_make_plan(&plan, weights, param, q_in + q_weights - q_out);
+  uint32_t code =
+      zyn_fpi_make_plan(&plan, weights, param, q_in + q_weights - q_out, output->dims[0]);
   if (code == ZYN_RET_OK) code = zyn_fpi_run_plan(&plan, output, q_out, input, q_weights, epilogue);
   zyn_fpi_drop_plan(&plan);
   return code;

@@ -40,11 +40,37 @@ inline int32_t zyn_fpi_pair(int32_t first, int32_t second) {
                               static_cast<uint32_t>(second) << 16);
 }
 
+// Two neighbouring values in every 32-bit lane.
+inline __m256i zyn_fpi_broadcast(const int16_t* pair) {
+  int32_t word;
+  memcpy(&word, pair, sizeof(word));
+  return _mm256_set1_epi32(word);
+}
+
+// Pairs of taps in the rows of a kernel, the last one beside nothing where their number is
+// odd: columns of a pair (dilated taps have no neighbour), pairs of a kernel, and the pair
+// that begins at column x of a row of weights.
+inline int64_t zyn_fpi_pair_step(const zyn_conv_param& p) { return p.dilation_h == 1 ? 2 : 1; }
+inline int64_t zyn_fpi_pair_count(const zyn_conv_param& p) {
+  return (p.kernel_h + zyn_fpi_pair_step(p) - 1) / zyn_fpi_pair_step(p) * p.kernel_w;
+}
+inline int32_t zyn_fpi_pair_at(const int16_t* row, int64_t x, const zyn_conv_param& p) {
+  const bool has_next = zyn_fpi_pair_step(p) == 2 && x + 1 < p.kernel_h;
+  return zyn_fpi_pair(row[x], has_next ? row[x + 1] : 0);
+}
+
 // Both vectors shifted right, their low halves side by side: even[j] in lane 2j. The count
 // lies in every lane: such shifts are one operation, those by a register two.
 inline __m256i zyn_fpi_interleave(__m256i even, __m256i odd, __m256i shift) {
   odd = _mm256_slli_epi32(_mm256_srav_epi32(odd, shift), 16);
   return _mm256_blend_epi16(_mm256_srav_epi32(even, shift), odd, 0xAA);
+}
+
+// The even lanes, then the odd ones: undoes zyn_fpi_interleave.
+inline __m256i zyn_fpi_part(__m256i v) {
+  const __m256i order = _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15, 0, 1,
+                                         4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
+  return _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, order), 0xD8);
 }
 
 // An outlet for one output channel.
@@ -60,8 +86,18 @@ struct zyn_fpi_finisher {
   }
 };
 
-// Copies count values: short rows are too many for calls of memcpy. The last vector
-// overlaps the one before.
+// Copies the first and the last T's worth of count values, which may overlap.
+template <typename T>
+inline void zyn_fpi_copy_ends(int16_t* to, const int16_t* from, int64_t count) {
+  const int64_t rest = count - static_cast<int64_t>(sizeof(T) / sizeof(int16_t));
+  T first, last;
+  memcpy(&first, from, sizeof(T));
+  memcpy(&last, from + rest, sizeof(T));
+  memcpy(to, &first, sizeof(T));
+  memcpy(to + rest, &last, sizeof(T));
+}
+
+// Copies count values: short rows are too many for calls of memcpy.
 inline void zyn_fpi_copy(int16_t* to, const int16_t* from, int64_t count) {
   if (count >= kZynFpiLanes) {
     for (int64_t i = 0; i + kZynFpiLanes < count; i += kZynFpiLanes)
@@ -69,13 +105,19 @@ inline void zyn_fpi_copy(int16_t* to, const int16_t* from, int64_t count) {
     const int64_t last = count - kZynFpiLanes;
     return zyn_fpi_store(to + last, zyn_fpi_load(from + last));
   }
-  if (count >= 8) {
-    const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
-    const __m128i last = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + count - 8));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), first);
-    return _mm_storeu_si128(reinterpret_cast<__m128i*>(to + count - 8), last);
-  }
+  if (count >= 8) return zyn_fpi_copy_ends<__m128i>(to, from, count);
+  if (count >= 4) return zyn_fpi_copy_ends<int64_t>(to, from, count);
   for (int64_t i = 0; i < count; i++) to[i] = from[i];
+}
+
+// The same for rows, whose beginnings lie pitch values apart: one choice for all.
+inline void zyn_fpi_copy_rows(int16_t* to, int64_t to_pitch, const int16_t* from,
+                              int64_t from_pitch, int64_t count, int64_t rows) {
+  if (count >= 8 && count < kZynFpiLanes)
+    for (; rows > 0; rows--, to += to_pitch, from += from_pitch)
+      zyn_fpi_copy_ends<__m128i>(to, from, count);
+  else
+    for (; rows > 0; rows--, to += to_pitch, from += from_pitch) zyn_fpi_copy(to, from, count);
 }
 
 // Stores the first count of up to 16 lanes.
