@@ -212,7 +212,7 @@ TEST(ConvBlocked, EveryTileSizeOfARow) {
       Blocked().channels(8, 24).sides(w, 3).stride(stride).seed(w).check();
       Blocked().channels(9, 21).sides(3, w).stride(stride).seed(w).check();
       Blocked().depthwise(8).sides(w, 3).stride(stride).seed(w).check();
-      Blocked().channels(9, 21).sides(w, 1).kernel(1).seed(w).check();
+      for (int out : {21, 24, 61}) Blocked().channels(9, out).sides(w, 1).kernel(1).seed(w).check();
     }
 }
 

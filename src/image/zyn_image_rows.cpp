@@ -270,6 +270,8 @@ void zyn_swap48_row(uint8_t* destination, const uint8_t* source, int64_t count) 
 void zyn_split_row(uint8_t* p0, uint8_t* p1, uint8_t* p2, const uint8_t* packed, int64_t count) {
   int64_t i = 0;
   for (; i + kZynBlock <= count; i += kZynBlock) {
+    uint8_t* const planes[] = {p0, p1, p2};
+    for (const uint8_t* plane : planes) ask_ahead<kZynBlock>(plane + i + kWriteAhead);
     const zyn_packed_block block = zyn_load_block(packed + 3 * i);
     zyn_store(p0 + i, zyn_channel<0>(block));
     zyn_store(p1 + i, zyn_channel<1>(block));

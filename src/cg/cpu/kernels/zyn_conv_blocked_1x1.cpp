@@ -10,10 +10,11 @@ namespace {
 // Input strip of all channels. Strips that fit into the first level were 1 % slower: every
 // strip takes all weights from the second level again.
 constexpr int64_t kStripBytes = 160 * 1024;
-// Sums of a tile of one or two output blocks: with two FMA ports and a latency of 4 cycles,
-// 8 would do; the rest hides the loads. 3 blocks by 4 pixels load less, but leave gcc no
-// register to spare and end up on the stack.
+// Sums of a tile: with two FMA ports and a latency of 4 cycles, 8 would do; the rest hides the
+// loads. Tiles are 2 blocks by 6 pixels; 3 blocks by 4 pixels leave gcc no register to spare,
+// but are faster where a small plane has no whole sixes.
 constexpr int kTileSums = 12;
+constexpr int64_t kSmallStrip = 96;  // pixels
 constexpr int kDotPixels = 6;
 
 // Adds IB input channels to a tile of Blocks output blocks. w is at the first weight of
@@ -140,10 +141,14 @@ void run(const zyn_blocked_layer& l) {
   const int64_t step = tiles * kTileSums;
   for (int64_t first = 0; first < pixels; first += step) {
     const int64_t end = first + step < pixels ? first + step : pixels;
+    const int64_t here = end - first;
+    const bool by_four = here < kSmallStrip && here % 4 == 0 && here % 6 != 0;
     for (int32_t oc = 0, channels = 0; oc < l.out_channels; oc += channels) {
       const int32_t left = l.out_channels - oc;
-      channels = left >= 16 ? 16 : zyn_block_width(left);
-      if (channels == 16)
+      channels = by_four && left >= 24 ? 24 : left >= 16 ? 16 : zyn_block_width(left);
+      if (channels == 24)
+        strip<8, 3>(l, oc, first, end);
+      else if (channels == 16)
         strip<8, 2>(l, oc, first, end);
       else if (channels == 8)
         strip<8, 1>(l, oc, first, end);

@@ -9,7 +9,7 @@
 // registers go to the stack, and multiply-adds with indexed operands take two issue slots.
 inline void zyn_own_pointer(const float*& pointer) { __asm__("" : "+r"(pointer)); }
 
-// The epilogue for a run of up to 16 output channels. Bias and ReLU are applied to
+// The epilogue for a run of up to 24 output channels. Bias and ReLU are applied to
 // values in registers without a branch: where there is no bias -0 is added, which
 // changes no value, and where there is no ReLU the floor is -infinity. The other
 // activations follow as a pass over values that have just been stored.
@@ -45,7 +45,7 @@ class zyn_tile_epilogue {
   }
 
  private:
-  alignas(32) float bias_[16];
+  alignas(32) float bias_[24];
   float floor_;
   int32_t pass_ = ZYN_EPILOGUE_NONE;
 };

@@ -13,7 +13,7 @@ namespace {
 #define ZYN_UNROLL _Pragma("GCC unroll 9")
 
 constexpr int64_t kLanes = 8;
-constexpr int64_t kLine = 16;  // floats of a cache line
+constexpr int64_t kLinePair = 32;  // floats of two cache lines, which come together
 constexpr int64_t kKernel = 3, kTaps = kKernel * kKernel;
 // Input and sums share the first cache level with the planes; larger planes, wider rows and
 // rows that fill at least 8 of 9 lanes are faster row by row.
@@ -96,7 +96,7 @@ struct run_lanes {
     const int64_t count = static_cast<int64_t>(plan->input_w) * plan->input_h;
     const int32_t* table = reinterpret_cast<const int32_t*>(scratch + layout.table);
     for (int64_t at = 0; at < count; at += kLanes) {
-      for (int64_t i = 0; kStride == 1 && i < kLanes * kLanes; i += kLine)
+      for (int64_t i = 0; kStride == 1 && i < kLanes * kLanes; i += kLinePair)
         _mm_prefetch(reinterpret_cast<const char*>(results + at * kLanes + i), _MM_HINT_T1);
       at = smaller(at, count - kLanes);
       __m256 t[8];
