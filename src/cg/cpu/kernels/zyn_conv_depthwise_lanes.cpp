@@ -10,7 +10,7 @@
 
 namespace {
 
-#define ZYN_UNROLL _Pragma("GCC unroll 9")
+#define ZYN_UNROLL _Pragma("GCC unroll 17")
 
 constexpr int64_t kLanes = 8;
 constexpr int64_t kLinePair = 32;  // floats of two cache lines, which come together
@@ -111,11 +111,18 @@ struct run_lanes {
                                                 int64_t pitch, float* out) {
     __m256 sums[kPixels];
     ZYN_UNROLL for (int p = 0; p < kPixels; p++) sums[p] = _mm256_setzero_ps();
-    ZYN_UNROLL for (int tap = 0; tap < kTaps; tap++) {
-      const __m256 weight = _mm256_loadu_ps(weights + tap * kLanes);
-      const float* x = in + tap / kKernel * pitch + tap % kKernel * kLanes;
-      ZYN_UNROLL for (int p = 0; p < kPixels; p++) sums[p] =
-          _mm256_fmadd_ps(weight, _mm256_loadu_ps(x + p * kStride * kLanes), sums[p]);
+    ZYN_UNROLL for (int ky = 0; ky < kKernel; ky++, weights += kKernel * kLanes, in += pitch) {
+      __m256 weight[kKernel];
+      ZYN_UNROLL for (int kx = 0; kx < kKernel; kx++) weight[kx] =
+          _mm256_loadu_ps(weights + kx * kLanes);
+      // Every value is loaded once for all the sums that take it.
+      ZYN_UNROLL for (int x = 0; x < (kPixels - 1) * kStride + kKernel; x++) {
+        const __m256 value = _mm256_loadu_ps(in + x * kLanes);
+        ZYN_UNROLL for (int p = 0; p < kPixels; p++) {
+          const int kx = x - p * kStride;
+          if (kx >= 0 && kx < kKernel) sums[p] = _mm256_fmadd_ps(weight[kx], value, sums[p]);
+        }
+      }
     }
     ZYN_UNROLL for (int p = 0; p < kPixels; p++) _mm256_storeu_ps(out + p * kLanes, sums[p]);
   }
