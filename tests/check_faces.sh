@@ -46,7 +46,7 @@ printf "$(md5sum <"$work/net.zynm" | cut -c1-32 | sed 's/../\\x&/g')" >>"$work/n
 listed=(--layers "$work/net.layers" --out "$work/net.q")
 quantises 0 ' 0 values wrapped' "${listed[@]}" --model "$work/net.zynm" "$work/in.f32"
 # 1.5 times 1, 2 * 9 + 1 and 9 * 19 + 1 in 16 bits.
-[ "$(grep -v '#' "$work/net.q" | tr '\n' ' ')" = '0 14 2 10 4 6 ' ] || { cat "$work/net.q"; exit 1; }
+[ "$(grep -v '#' "$work/net.q" | tr -d '\r' | tr '\n' ' ')" = '0 14 2 10 4 6 ' ] || { cat "$work/net.q"; exit 1; }
 quantises 1 'not a model of these layers' "${listed[@]}" --model "$work/in.f32" "$work/in.f32"
 quantises 1 'does not hold the 128 numbers' "${listed[@]}" --model "$work/net.zynm" "$work/short.f32"
 quantises 2 'for the detector' "${listed[@]}" --model "$work/net.zynm" --vary "$work/in.f32"

@@ -106,12 +106,14 @@ uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_con
   const int64_t pixels = plan->output_pixels, k = plan->k, width = plan->panel_width;
   zyn_gemm_rows b = {input, pixels, k, 1, nullptr, nullptr};
   const zyn_gemm_output out = {output, pixels, plan->output_channels, epilogue};
-  const bool aligned = pixels % kVector == 0 && reinterpret_cast<uintptr_t>(input) % 32 == 0;
-  if (aligned && !rows_collide(k, pixels)) {
+  // At steps of 16 bytes one vector in four straddles cache lines, which costs nothing; planes
+  // of one tile are read often enough to be copied even so.
+  const bool aligned = pixels % kVector == 0 || (pixels % 4 == 0 && pixels > ZYN_GEMM_WIDE);
+  if (aligned && reinterpret_cast<uintptr_t>(input) % 16 == 0 && !rows_collide(k, pixels)) {
     zyn_gemm_in_place(b, pixels, plan->weights, plan->channel_block, out);
     return 0;
   }
-  // Columns are copied where vectors read in place would straddle cache lines or rows
+  // Columns are copied where vectors read in place would often straddle cache lines, where rows
   // share few cache sets, and where a plane has less than one vector. One slice of scratch
   // per thread.
   const int64_t strip = larger((plan->output_w + width - 1) / width * width, ZYN_GEMM_WIDE);
