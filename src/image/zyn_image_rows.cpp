@@ -13,21 +13,12 @@
 
 namespace {
 
-// Asks the cache for a block that is read or written some steps from here: what does not fit
-// the second cache level is bound by memory, and pages end the processor's own look-ahead.
-constexpr int kReadAhead = 1536, kWriteAhead = 512;
-template <int Bytes>
-inline void ask_ahead(const uint8_t* block) {
-  for (int i = 0; i < Bytes; i += 64)
-    _mm_prefetch(reinterpret_cast<const char*>(block + i), _MM_HINT_T0);
-}
-
 // block(out, in) for every 32 pixels of InBytes and OutBytes.
 template <int InBytes, int OutBytes, typename Block>
 inline void each_block(uint8_t* out, const uint8_t* in, int64_t count, Block block) {
   for (; count >= kZynBlock; count -= kZynBlock) {
-    ask_ahead<kZynBlock * InBytes>(in + kReadAhead);
-    ask_ahead<kZynBlock * OutBytes>(out + kWriteAhead);
+    zyn_ask_ahead<kZynBlock * InBytes>(in + kZynReadAhead);
+    zyn_ask_ahead<kZynBlock * OutBytes>(out + kZynWriteAhead);
     block(out, in);
     in += kZynBlock * InBytes;
     out += kZynBlock * OutBytes;
@@ -271,7 +262,7 @@ void zyn_split_row(uint8_t* p0, uint8_t* p1, uint8_t* p2, const uint8_t* packed,
   int64_t i = 0;
   for (; i + kZynBlock <= count; i += kZynBlock) {
     uint8_t* const planes[] = {p0, p1, p2};
-    for (const uint8_t* plane : planes) ask_ahead<kZynBlock>(plane + i + kWriteAhead);
+    for (const uint8_t* plane : planes) zyn_ask_ahead<kZynBlock>(plane + i + kZynWriteAhead);
     const zyn_packed_block block = zyn_load_block(packed + 3 * i);
     zyn_store(p0 + i, zyn_channel<0>(block));
     zyn_store(p1 + i, zyn_channel<1>(block));
@@ -288,7 +279,7 @@ void zyn_merge_row(uint8_t* packed, const uint8_t* p0, const uint8_t* p1, const 
                    int64_t count) {
   int64_t i = 0;
   for (; i + kZynBlock <= count; i += kZynBlock) {
-    ask_ahead<3 * kZynBlock>(packed + 3 * i + kWriteAhead);
+    zyn_ask_ahead<3 * kZynBlock>(packed + 3 * i + kZynWriteAhead);
     zyn_store_block(packed + 3 * i,
                     zyn_interleave(zyn_load(p0 + i), zyn_load(p1 + i), zyn_load(p2 + i)));
   }

@@ -242,6 +242,9 @@ template <int Block, typename Function>
 void half_row(uint8_t* out, const uint8_t* upper, const uint8_t* lower, int64_t samples,
               Function block) {
   for (; samples >= Block; samples -= Block) {
+    zyn_ask_ahead<2 * Block>(upper + kZynReadAhead);
+    zyn_ask_ahead<2 * Block>(lower + kZynReadAhead);
+    zyn_ask_ahead<Block>(out + kZynWriteAhead);
     block(out, upper, lower);
     out += Block;
     upper += 2 * Block;

@@ -19,6 +19,15 @@ inline __m256i zyn_load(const void* p) {
 }
 inline void zyn_store(void* p, __m256i v) { _mm256_storeu_si256(static_cast<__m256i*>(p), v); }
 
+// Asks the cache for a block that is read or written some steps from here: what does not fit
+// the second cache level is bound by memory, and pages end the processor's own look-ahead.
+inline constexpr int kZynReadAhead = 1536, kZynWriteAhead = 512;
+template <int Bytes>
+inline void zyn_ask_ahead(const uint8_t* block) {
+  for (int i = 0; i < Bytes; i += 64)
+    _mm_prefetch(reinterpret_cast<const char*>(block + i), _MM_HINT_T0);
+}
+
 // A shuffle of the 16 bytes of a lane, the same in both. Indices outside of 0 to 15 give
 // 0, so that one index expression can serve several source vectors.
 struct zyn_shuffle {
