@@ -67,8 +67,9 @@ inline void zyn_run_tiles(const Body& body, int64_t size, int64_t first, int64_t
 template <int Most, typename Body>
 inline void zyn_balanced_tiles(int64_t first, int64_t end, const Body& body) {
   if (first >= end) return;
-  const int64_t tiles = (end - first + Most - 1) / Most;
-  const int64_t small = (end - first) / tiles, larger = (end - first) % tiles;
+  const auto pixels = static_cast<uint32_t>(end - first);  // 32-bit divisions are the fast ones
+  const uint32_t tiles = (pixels + Most - 1) / Most;
+  const int64_t small = pixels / tiles, larger = pixels % tiles;
   // One call in a loop, so that the tiles' code is there once.
   for (int64_t size = small + 1; size >= small; size--) {
     const int64_t count = size > small ? larger : tiles - larger;
