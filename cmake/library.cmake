@@ -6,10 +6,19 @@ target_include_directories(zyn_objects PUBLIC ${PROJECT_SOURCE_DIR}/include
                                        PRIVATE ${PROJECT_SOURCE_DIR}/src)
 target_compile_definitions(zyn_objects PRIVATE ZYN_BUILDING)
 target_compile_options(zyn_objects PRIVATE
-  -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility=hidden -mavx2 -mfma
+  -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility=hidden
   -ffp-contract=off -Wall -Wextra
   # Constants and scratch are aligned by hand; errno of mathematics is not read.
   -fno-math-errno)
+
+# The foundation (src/base) needs no more than plain x86-64, so that a host can load the
+# library, ask for its version and allocate on any processor; all else is built for the
+# vectors of 256 bits. src/base comes first in the list of objects: of inline functions
+# that both use, the linker keeps the first copy.
+set(ZYN_VECTOR_FLAGS -mavx2 -mfma)
+set(zyn_vector_sources ${zyn_sources})
+list(FILTER zyn_vector_sources EXCLUDE REGEX "/src/base/")
+set_property(SOURCE ${zyn_vector_sources} APPEND PROPERTY COMPILE_OPTIONS ${ZYN_VECTOR_FLAGS})
 
 # Exactly the exports that exports.txt names, whatever else is visible.
 set(zyn_exports ${PROJECT_SOURCE_DIR}/src/exports.txt)

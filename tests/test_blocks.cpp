@@ -3,7 +3,7 @@
 
 #include <functional>
 
-#include "cg/cpu/zyn_cg_conv.h"
+#include "cg/cpu/ops/zyn_cg_conv.h"
 #include "support/capture.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // Convolution operators (types 3, 4, 5, 12, 13) within graphs, through the exported
 // functions, under every method: results, activation codes, shapes, refusals, and what
 // preparation keeps. Integer data make results exact in every order of summation.
-#include "cg/cpu/zyn_cg_operators.h"
+#include "cg/cpu/ops/zyn_cg_operators.h"
 #include "support/ledger.h"
 #include "support/reference.h"
 

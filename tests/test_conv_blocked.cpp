@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "cg/cpu/kernels/zyn_conv_blocked.h"
+#include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
 #include "support/buffers.h"
 #include "support/failing.h"
 

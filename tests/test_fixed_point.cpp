@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include "cg/cpu/kernels/zyn_fpi.h"
+#include "cg/cpu/kernels/fixed/zyn_fpi.h"
 #include "support/net.h"
 
 namespace {

@@ -1,9 +1,9 @@
 // The operators' particular rules: what is refused and where, and what is odd on purpose.
 #include <set>
 
-#include "cg/cpu/kernels/zyn_cg_fpi_convert.h"
+#include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
 #include "cg/cpu/zyn_cg.h"
-#include "cg/cpu/zyn_cg_power.h"
+#include "cg/cpu/ops/zyn_cg_power.h"
 #include "support/model.h"
 #include "support/reference.h"
 

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
-#include "cg/cpu/kernels/zyn_conv_plan.h"
-#include "cg/cpu/kernels/zyn_gemm_pack.h"
+#include "cg/cpu/kernels/planned/zyn_conv_plan.h"
+#include "cg/cpu/kernels/gemm/zyn_gemm_pack.h"
 #include "matrix/zyn_tensor.h"
 #include "support/buffers.h"
 #include "support/failing.h"

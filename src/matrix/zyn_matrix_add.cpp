@@ -2,7 +2,7 @@
 #include <stdint.h>
 
 #include "base/zyn_report.h"
-#include "matrix/zyn_lanes.h"
+#include "simd/zyn_lanes.h"
 #include "matrix/zyn_matrix_ops.h"
 
 namespace {

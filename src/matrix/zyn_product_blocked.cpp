@@ -9,7 +9,7 @@
 #include <stdint.h>
 
 #include "base/zyn_memory.h"
-#include "matrix/zyn_lanes.h"
+#include "simd/zyn_lanes.h"
 #include "matrix/zyn_matrix_product.h"
 
 namespace {

@@ -2,7 +2,7 @@
 // last one repeat it and are not stored. Column and depth tails: masked loads.
 #include <stdint.h>
 
-#include "matrix/zyn_lanes.h"
+#include "simd/zyn_lanes.h"
 #include "matrix/zyn_matrix_product.h"
 
 namespace {

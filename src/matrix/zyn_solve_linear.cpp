@@ -3,7 +3,7 @@
 #include <string.h>
 
 #include "base/zyn_report.h"
-#include "matrix/zyn_lanes.h"
+#include "simd/zyn_lanes.h"
 #include "matrix/zyn_matrix.h"
 #include "matrix/zyn_matrix_ops.h"
 

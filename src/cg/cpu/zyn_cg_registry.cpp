@@ -1,7 +1,7 @@
 // The operator table: which routine serves which type and slot. Types that share a
 // routine have states that agree in the fields the routine touches.
 #include "base/zyn_memory.h"
-#include "cg/cpu/zyn_cg_operators.h"
+#include "cg/cpu/ops/zyn_cg_operators.h"
 #include "cg/cpu/zyn_cg_support.h"
 
 namespace {

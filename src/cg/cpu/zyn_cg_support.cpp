@@ -1,7 +1,7 @@
 // Inputs, outputs and release, as every operator family needs them.
 #include "cg/cpu/zyn_cg_support.h"
 
-#include "cg/cpu/kernels/zyn_cg_fpi_convert.h"
+#include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
 
 const int32_t* zyn_cg_two_inputs(const zyn_cg_handle* graph, int32_t node) {
   const zyn_darray* inputs = zyn_cg_inputs(graph, node);

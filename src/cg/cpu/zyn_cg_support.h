@@ -9,6 +9,7 @@
 #include "base/zyn_report.h"
 #include "cg/cpu/zyn_cg.h"
 #include "cg/cpu/zyn_cg_layout.h"
+#include "simd/zyn_vectors.h"
 
 // The first fields of every one-input state. Types 7, 8, 22, 23 and 30 share one
 // release, which frees exactly these.
@@ -150,19 +151,13 @@ zyn_tensor* zyn_cg_output_if(zyn_cg_handle* graph, int32_t node) {
 // Fixed-point runs of the families that have none: their prepare ends here.
 inline int32_t zyn_cg_no_fixed_point() { return ZYN_RET_ERR_NOT_SUPPORT; }
 
-// Mask of the first count lanes, count 0 to 8.
-inline __m256i zyn_tail_mask(int64_t count) {
-  const __m256i index = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
-  return _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int32_t>(count)), index);
-}
-
 // out[i] = f(in[i]); in place is fine. Tails are masked, with zeros in the idle lanes.
 template <typename Function>
 void zyn_map(float* out, const float* in, int64_t count, Function f) {
   int64_t i = 0;
   for (; i + 8 <= count; i += 8) _mm256_storeu_ps(out + i, f(_mm256_loadu_ps(in + i)));
   if (i == count) return;
-  const __m256i mask = zyn_tail_mask(count - i);
+  const __m256i mask = zyn_first_lanes(count - i);
   _mm256_maskstore_ps(out + i, mask, f(_mm256_maskload_ps(in + i, mask)));
 }
 
@@ -173,7 +168,7 @@ void zyn_map2(float* out, const float* a, const float* b, int64_t count, Functio
   for (; i + 8 <= count; i += 8)
     _mm256_storeu_ps(out + i, f(_mm256_loadu_ps(a + i), _mm256_loadu_ps(b + i)));
   if (i == count) return;
-  const __m256i mask = zyn_tail_mask(count - i);
+  const __m256i mask = zyn_first_lanes(count - i);
   _mm256_maskstore_ps(out + i, mask,
                       f(_mm256_maskload_ps(a + i, mask), _mm256_maskload_ps(b + i, mask)));
 }

@@ -7,7 +7,7 @@
 
 #include <stdint.h>
 
-#include "cg/cpu/kernels/zyn_gemm_micro.h"
+#include "cg/cpu/kernels/gemm/zyn_gemm_micro.h"
 #include "zyncore.h"
 
 // Whether the record describes a depthwise layer: groups = both channel counts. One

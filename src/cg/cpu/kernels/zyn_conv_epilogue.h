@@ -5,7 +5,8 @@
 
 #include <immintrin.h>
 
-#include "cg/cpu/kernels/zyn_gemm_micro.h"
+#include "cg/cpu/kernels/gemm/zyn_gemm_micro.h"
+#include "simd/zyn_vectors.h"
 
 template <int kActivation>
 inline __m256 zyn_activate(__m256 y) {
@@ -18,12 +19,6 @@ inline __m256 zyn_activate(__m256 y) {
     return _mm256_mul_ps(scaled, _mm256_set1_ps(1.0f / 6.0f));
   }
   return y;
-}
-
-// The lanes 0 to count - 1 of a mask, count 0 to 8.
-inline __m256i zyn_first_lanes(int64_t count) {
-  const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
-  return _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int32_t>(count)), lane);
 }
 
 // Calls action with the activation as a template value: action.template run<code>().

@@ -1,0 +1,307 @@
+// Dense 3x3 convolution, stride 1 and 2, padding 1, on channel-blocked tensors.
+//
+// One micro-kernel family: a tile of Pixels output pixels by Blocks output blocks of
+// OB channels accumulates one input block of IB channels in registers and adds to
+// the output once. Two 8-channel output blocks by 6 pixels are 12 accumulators: with
+// two FMA ports and a latency of 4 cycles, 8 would do; the rest hides the loads.
+// Single output channels put the input channels into the lanes instead and sum the
+// lanes at the end. The first input blocks' sums start at zero, the later ones' at the
+// output. Taps outside the image are left out: the first and last row take fewer kernel
+// rows, the first and last column are run through downwards.
+#include <string.h>
+
+#include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
+#include "cg/cpu/kernels/blocked/zyn_conv_blocked_tile.h"
+
+namespace {
+
+constexpr int kTaps = 9;
+constexpr int kTilePixels = 6;
+constexpr int kEdgePixels = 4;       // of an edge column: few pixels, so less code
+constexpr int32_t kGroupBlocks = 4;  // input blocks added per load and store of an output value
+constexpr int64_t kStripBytes = 64 * 1024;  // output rows of one block pair kept in L1
+
+// One call's planes: a group of input blocks and up to two output blocks.
+struct planes {
+  const float* in;
+  int32_t in_blocks;      // input blocks of the group
+  int64_t in_block;       // floats from one input block to the next
+  int32_t width, height;  // input
+  float* out;             // first output block
+  int64_t out_block;      // floats from one output block to the next
+  int32_t out_width;
+  const float* weights;        // sub-blocks of the first output block, local
+  int64_t weight_block;        // floats from one output block's sub-blocks to the next
+  bool first;                  // whether sums start at zero, not at the output
+  zyn_tile_epilogue epilogue;  // active on the last input block only
+};
+
+alignas(32) constexpr float kZeros[8] = {};
+
+// Kernel rows of an output row that lie inside the image: begin to end - 1.
+struct kernel_rows {
+  int begin, end;
+  bool operator==(const kernel_rows& o) const { return begin == o.begin && end == o.end; }
+};
+
+template <int Stride>
+kernel_rows rows_inside(const planes& p, int32_t y) {
+  const int32_t top = y * Stride - 1;
+  return {top < 0 ? -top : 0, p.height - top < 3 ? p.height - top : 3};
+}
+
+// The taps that a run of pixels takes, over every input block of the group: offsets in
+// floats from the pixel's top left tap and from the first weight.
+struct tap_list {
+  int32_t count;
+  int64_t in[kTaps * kGroupBlocks];
+  int32_t weight[kTaps * kGroupBlocks];
+};
+
+// Taps of kernel columns kx0 to kx1 - 1 in the given kernel rows.
+template <int OB, int IB>
+tap_list taps_of(const planes& p, kernel_rows ky, int kx0, int kx1) {
+  tap_list taps;
+  taps.count = 0;
+  for (int32_t n = 0; n < p.in_blocks; n++)
+    for (int k = ky.begin; k < ky.end; k++)
+      for (int kx = kx0; kx < kx1; kx++, taps.count++) {
+        taps.in[taps.count] = n * p.in_block + (static_cast<int64_t>(k) * p.width + kx) * IB;
+        taps.weight[taps.count] = (n * kTaps + k * 3 + kx) * (IB * OB);
+      }
+  return taps;
+}
+
+// Floats from the input block's start to the top left tap of pixel (x, y).
+template <int IB, int Stride>
+int64_t corner(const planes& p, int32_t y, int32_t x) {
+  return (static_cast<int64_t>(y * Stride - 1) * p.width + x * Stride - 1) * IB;
+}
+
+// Pixels output pixels from (x, y) on, rightwards or downwards.
+template <int OB, int IB, int Blocks, int Pixels, int Stride, bool Down = false>
+inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
+  using lanes = zyn_block_lanes<OB>;
+  const int64_t in_step = Down ? static_cast<int64_t>(Stride) * p.width * IB : Stride * IB;
+  const int64_t out_step = Down ? static_cast<int64_t>(p.out_width) * OB : OB;
+  typename lanes::type sum[Blocks][Pixels];
+  float* out = p.out + (static_cast<int64_t>(y) * p.out_width + x) * OB;
+  const float* from = p.first ? kZeros : out;
+  const int64_t from_block = p.first ? 0 : p.out_block, from_step = p.first ? 0 : out_step;
+  ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
+    ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[b][i] =
+        lanes::load(from + b * from_block + i * from_step);
+  }
+  const int64_t first = corner<IB, Stride>(p, y, x);
+  for (int32_t t = 0; t < taps.count; t++) {
+    const float* in = p.in + (first + taps.in[t]);
+    const float* w[Blocks];
+    ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
+      w[b] = p.weights + taps.weight[t] + b * p.weight_block;
+      if (IB > 1) zyn_own_pointer(w[b]);  // for one input a tap it costs more than it saves
+    }
+    const auto add_input = [&](int ic) __attribute__((always_inline)) {
+      typename lanes::type weight[Blocks];
+      ZYN_UNROLL for (int b = 0; b < Blocks; b++) weight[b] = lanes::load(w[b] + ic * OB);
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
+        const typename lanes::type value = lanes::spread(in + i * in_step + ic);
+        ZYN_UNROLL for (int b = 0; b < Blocks; b++) sum[b][i] =
+            lanes::fma(value, weight[b], sum[b][i]);
+      }
+    };
+    if constexpr (Down) {  // few pixels: small code rather than the last cycles
+#pragma GCC unroll 1
+      for (int ic = 0; ic < IB; ic++) add_input(ic);
+    } else {
+      ZYN_UNROLL for (int ic = 0; ic < IB; ic++) add_input(ic);
+    }
+  }
+  ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
+    ZYN_UNROLL for (int i = 0; i < Pixels; i++)
+        lanes::store(out + b * p.out_block + i * out_step, p.epilogue.apply<OB>(sum[b][i], b));
+  }
+}
+
+// Single output channel: the lanes are the input channels.
+template <int IB, int Pixels, int Stride, bool Down>
+inline void dot_tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
+  using lanes = zyn_block_lanes<IB>;
+  const int64_t in_step = Down ? static_cast<int64_t>(Stride) * p.width * IB : Stride * IB;
+  const int64_t out_step = Down ? p.out_width : 1;
+  typename lanes::type sum[Pixels];
+  ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[i] = lanes::zero();
+  const int64_t first = corner<IB, Stride>(p, y, x);
+  for (int32_t t = 0; t < taps.count; t++) {
+    const float* in = p.in + (first + taps.in[t]);
+    const typename lanes::type weight = lanes::load(p.weights + taps.weight[t]);
+    ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[i] =
+        lanes::fma(lanes::load(in + i * in_step), weight, sum[i]);
+  }
+  float* out = p.out + static_cast<int64_t>(y) * p.out_width + x;
+  ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
+    const float before = p.first ? 0.0f : out[i * out_step];
+    out[i * out_step] = p.epilogue.apply<1>(before + lanes::sum(sum[i]), 0);
+  }
+}
+
+// Tiles of one row from column x on, or of one column from row y on.
+template <int OB, int IB, int Blocks, int Stride, bool Down>
+struct line {
+  const planes& p;
+  int32_t y, x;
+  const tap_list& taps;
+  template <int Pixels>
+  void run(int64_t first, int64_t count) const {
+    for (; count > 0; count--, first += Pixels) {
+      const auto at = static_cast<int32_t>(first);
+      const int32_t row = Down ? at : y, column = Down ? x : at;
+      if constexpr (OB == 1)
+        dot_tile<IB, Pixels, Stride, Down>(p, row, column, taps);
+      else
+        tile<OB, IB, Blocks, Pixels, Stride, Down>(p, row, column, taps);
+    }
+  }
+};
+
+// Column x of rows y0 to y1 - 1, downwards: one pixel alone would wait for its own sums.
+template <int OB, int IB, int Blocks, int Stride>
+[[gnu::noinline]] void edge_column(const planes& p, int32_t x, int32_t y0, int32_t y1,
+                                   const tap_list& taps) {
+  zyn_balanced_tiles<kEdgePixels>(y0, y1, line<OB, IB, Blocks, Stride, true>{p, 0, x, taps});
+}
+
+// Rows y0 to y1 - 1, which take the same kernel rows: the columns whose taps all lie
+// inside, then the edges.
+template <int OB, int IB, int Blocks, int Stride>
+void equal_rows(const planes& p, int32_t y0, int32_t y1, kernel_rows ky) {
+  // One past the last column with all taps; column 0 never has them.
+  const int32_t end = p.width < 2 ? 1 : (p.width - 2) / Stride + 1;
+  if (end > 1) {
+    const tap_list taps = taps_of<OB, IB>(p, ky, 0, 3);
+    for (int32_t y = y0; y < y1; y++)
+      zyn_balanced_tiles<kTilePixels>(1, end, line<OB, IB, Blocks, Stride, false>{p, y, 0, taps});
+  }
+  edge_column<OB, IB, Blocks, Stride>(p, 0, y0, y1, taps_of<OB, IB>(p, ky, 1, p.width > 1 ? 3 : 2));
+  if (end < p.out_width)
+    edge_column<OB, IB, Blocks, Stride>(p, end, y0, y1, taps_of<OB, IB>(p, ky, 0, 2));
+}
+
+template <int OB, int IB, int Blocks, int Stride>
+void rows(const planes& p, int32_t y0, int32_t y1) {
+  while (y0 < y1) {
+    const kernel_rows ky = rows_inside<Stride>(p, y0);
+    int32_t end = y0 + 1;
+    while (end < y1 && rows_inside<Stride>(p, end) == ky) end++;
+    equal_rows<OB, IB, Blocks, Stride>(p, y0, end, ky);
+    y0 = end;
+  }
+}
+
+// The sub-blocks of one input block for Blocks output blocks, in an aligned local
+// buffer; [output][tap] becomes [tap][output].
+template <int OB, int IB>
+void load_weights(float* local, const float* packed) {
+  if (IB == 1 && OB > 1) {
+    for (int t = 0; t < kTaps; t++)
+      for (int o = 0; o < OB; o++) local[t * OB + o] = packed[o * kTaps + t];
+  } else {
+    memcpy(local, packed, sizeof(float) * OB * IB * kTaps);
+  }
+}
+
+// Adds a group of input blocks of IB channels to Blocks output blocks over a strip of
+// rows.
+template <int OB, int IB, int Blocks, int Stride>
+void accumulate(const zyn_blocked_layer& l, int32_t oc, int32_t ic, int32_t group, int32_t y0,
+                int32_t y1) {
+  constexpr int kSubBlock = OB * IB * kTaps;
+  alignas(32) float local[Blocks * kGroupBlocks * kSubBlock];
+  const int64_t in_plane = l.in_plane(), out_plane = l.out_plane();
+  for (int b = 0; b < Blocks; b++)
+    for (int n = 0; n < group; n++)
+      load_weights<OB, IB>(local + (b * group + n) * kSubBlock,
+                           l.packed + (static_cast<int64_t>(oc + b * OB) * l.in_channels +
+                                       static_cast<int64_t>(ic + n * IB) * OB) *
+                                          kTaps);
+  const bool last = ic + group * IB == l.in_channels;
+  const planes p = {l.in + ic * in_plane,
+                    group,
+                    in_plane * IB,
+                    l.width,
+                    l.height,
+                    l.out + oc * out_plane,
+                    out_plane * OB,
+                    l.out_width,
+                    local,
+                    group * kSubBlock,
+                    ic == 0,
+                    zyn_tile_epilogue(last ? l.epilogue : nullptr, oc, OB * Blocks)};
+  rows<OB, IB, Blocks, Stride>(p, y0, y1);
+  const int64_t first = static_cast<int64_t>(y0) * l.out_width * OB;
+  for (int b = 0; b < Blocks; b++)
+    p.epilogue.finish(p.out + b * p.out_block + first,
+                      static_cast<int64_t>(y1 - y0) * l.out_width * OB);
+}
+
+template <int OB, int Blocks, int Stride>
+void output_blocks(const zyn_blocked_layer& l, int32_t oc) {
+  const int64_t row_bytes = static_cast<int64_t>(l.out_width) * OB * Blocks * sizeof(float);
+  const int64_t fitting = kStripBytes / row_bytes;
+  const int32_t strip = fitting < 4 ? 4 : static_cast<int32_t>(fitting);
+  for (int32_t y = 0; y < l.out_height; y += strip) {
+    const int32_t end = y + strip < l.out_height ? y + strip : l.out_height;
+    for (int32_t ic = 0, step = 0; ic < l.in_channels; ic += step) {
+      const int32_t left = l.in_channels - ic;
+      const int32_t width = zyn_block_width(left);
+      const int32_t whole = left / width;
+      const int32_t group = whole < kGroupBlocks ? whole : kGroupBlocks;
+      step = group * width;
+      if (width == 8)
+        accumulate<OB, 8, Blocks, Stride>(l, oc, ic, group, y, end);
+      else if (width == 4)
+        accumulate<OB, 4, Blocks, Stride>(l, oc, ic, group, y, end);
+      else
+        accumulate<OB, 1, Blocks, Stride>(l, oc, ic, group, y, end);
+    }
+  }
+}
+
+template <int Stride>
+void run(const zyn_blocked_layer& l) {
+  for (int32_t oc = 0, blocks = 0; oc < l.out_channels; oc += blocks) {
+    const int32_t left = l.out_channels - oc;
+    blocks = left >= 16 ? 16 : zyn_block_width(left);
+    if (blocks == 16)
+      output_blocks<8, 2, Stride>(l, oc);
+    else if (blocks == 8)
+      output_blocks<8, 1, Stride>(l, oc);
+    else if (blocks == 4)
+      output_blocks<4, 1, Stride>(l, oc);
+    else
+      output_blocks<1, 1, Stride>(l, oc);
+  }
+}
+
+// What is left where there is no memory for the input's copy: an output of zeros.
+template <int Stride>
+uint32_t drive(zyn_tensor* output, const zyn_tensor* input, const zyn_conv_direct* workspace,
+               const zyn_conv_param* param, const zyn_conv_epilogue* epilogue) {
+  const uint32_t code =
+      zyn_blocked_drive(output, input, workspace->packed, param, epilogue, Stride, run<Stride>);
+  if (code == ZYN_RET_ERR_MEMORY) memset(output->data, 0, static_cast<size_t>(output->byte_size));
+  return code;
+}
+
+}  // namespace
+
+uint32_t zyn_cg_conv3x3_s1(zyn_tensor* output, const zyn_tensor* input,
+                           const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                           const zyn_conv_epilogue* epilogue) {
+  return drive<1>(output, input, workspace, param, epilogue);
+}
+
+uint32_t zyn_cg_conv3x3_s2(zyn_tensor* output, const zyn_tensor* input,
+                           const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                           const zyn_conv_epilogue* epilogue) {
+  return drive<2>(output, input, workspace, param, epilogue);
+}

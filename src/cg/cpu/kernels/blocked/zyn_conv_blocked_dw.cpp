@@ -1,0 +1,161 @@
+// Depthwise 3x3 convolution, stride 1 and 2, padding 1, on channel-blocked tensors. Two
+// output rows are made at a time, two pixels of each: every input value of the two rows
+// is loaded once for all the sums it belongs to, and four sums beside nine filter vectors
+// are what the registers hold. Taps outside the image are left out.
+#include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
+#include "cg/cpu/kernels/blocked/zyn_conv_blocked_tile.h"
+
+namespace {
+
+constexpr int kTaps = 9;
+constexpr int kTileRows = 2;
+constexpr int kTilePixels = 2;
+
+// One channel block.
+struct planes {
+  const float* in;
+  int32_t width, height;
+  float* out;
+  int32_t out_width, out_height;
+  const float* weights;  // [tap][lane]
+  zyn_tile_epilogue epilogue;
+};
+
+template <int Width>
+struct filter {
+  typename zyn_block_lanes<Width>::type tap[kTaps], bias, floor;
+
+  explicit filter(const planes& p)
+      : bias(p.epilogue.bias<Width>(0)), floor(p.epilogue.floor<Width>()) {
+    ZYN_UNROLL for (int t = 0; t < kTaps; t++) tap[t] =
+        zyn_block_lanes<Width>::load(p.weights + t * Width);
+  }
+};
+
+// What a strip of Rows output rows takes: kernel rows from Ky0 on in the first of them and
+// up to Ky1 - 1 in the last. Input row 0 belongs to the first row's kernel row 0.
+template <int Width, int Stride, int Rows, int Ky0, int Ky1>
+struct strip {
+  static constexpr int kInputs = (Rows - 1) * Stride + Ky1;
+  const float* in[kInputs];  // at column x * Stride of the next output pixel x
+  float* out;                // at pixel x of the first output row
+  int64_t out_pitch;
+
+  strip(const planes& p, int32_t y) {
+    const int64_t pitch = static_cast<int64_t>(p.width) * Width;
+    ZYN_UNROLL for (int r = Ky0; r < kInputs; r++) in[r] = p.in + (y * Stride - 1 + r) * pitch;
+    out_pitch = static_cast<int64_t>(p.out_width) * Width;
+    out = p.out + y * out_pitch;
+    advance(0);
+  }
+
+  void advance(int32_t pixels) {
+    ZYN_UNROLL for (int r = Ky0; r < kInputs; r++) {
+      in[r] += pixels * Stride * Width;
+      zyn_own_pointer(in[r]);
+    }
+    out += pixels * Width;
+  }
+
+  // The next Pixels pixels of every row, with kernel columns from Kx0 on in the first of
+  // them and up to Kx1 - 1 in the last. Every sum takes its taps in their order.
+  template <int Pixels, int Kx0, int Kx1>
+  void tile(const filter<Width>& f) {
+    using lanes = zyn_block_lanes<Width>;
+    typename lanes::type sum[Rows][Pixels];
+    ZYN_UNROLL for (int r = 0; r < Rows; r++) {
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[r][i] = lanes::zero();
+    }
+    ZYN_UNROLL for (int y = Ky0; y < kInputs; y++) {
+      ZYN_UNROLL for (int x = Kx0; x < (Pixels - 1) * Stride + Kx1; x++) {
+        const typename lanes::type value = lanes::load(in[y] + (x - 1) * Width);
+        ZYN_UNROLL for (int r = 0; r < Rows; r++) {
+          ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
+            const int ky = y - r * Stride, kx = x - i * Stride;
+            if (ky >= 0 && ky < 3 && kx >= 0 && kx < 3)
+              sum[r][i] = lanes::fma(value, f.tap[ky * 3 + kx], sum[r][i]);
+          }
+        }
+      }
+    }
+    ZYN_UNROLL for (int r = 0; r < Rows; r++) {
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) lanes::store(
+          out + r * out_pitch + i * Width, lanes::max(f.floor, lanes::add(sum[r][i], f.bias)));
+    }
+    advance(Pixels);
+  }
+};
+
+template <int Width, int Stride, int Rows, int Ky0, int Ky1>
+void rows(const planes& p, int32_t y) {
+  const filter<Width> f(p);
+  strip<Width, Stride, Rows, Ky0, Ky1> s(p, y);
+  if (p.width == 1) {
+    s.template tile<1, 1, 2>(f);
+    return;
+  }
+  s.template tile<1, 1, 3>(f);
+  int32_t inside = (p.width - 2) / Stride;  // pixels with all columns
+  const bool edge = 1 + inside < p.out_width;
+  for (; inside >= kTilePixels; inside -= kTilePixels) s.template tile<kTilePixels, 0, 3>(f);
+  for (; inside > 0; inside--) s.template tile<1, 0, 3>(f);
+  if (edge) s.template tile<1, 0, 2>(f);
+}
+
+// Rows output rows from y on.
+template <int Width, int Stride, int Rows>
+void some_rows(const planes& p, int32_t y) {
+  const bool above = y > 0;
+  const bool below = (y + Rows - 1) * Stride + 1 < p.height;
+  if (above && below)
+    rows<Width, Stride, Rows, 0, 3>(p, y);
+  else if (above)
+    rows<Width, Stride, Rows, 0, 2>(p, y);
+  else if (below)
+    rows<Width, Stride, Rows, 1, 3>(p, y);
+  else
+    rows<Width, Stride, Rows, 1, 2>(p, y);
+}
+
+template <int Width, int Stride>
+void channel_block(const zyn_blocked_layer& l, int32_t c) {
+  const planes p = {l.in + c * l.in_plane(),
+                    l.width,
+                    l.height,
+                    l.out + c * l.out_plane(),
+                    l.out_width,
+                    l.out_height,
+                    l.packed + static_cast<int64_t>(c) * kTaps,
+                    zyn_tile_epilogue(l.epilogue, c, Width)};
+  int32_t y = 0;
+  for (; y + kTileRows <= p.out_height; y += kTileRows) some_rows<Width, Stride, kTileRows>(p, y);
+  for (; y < p.out_height; y++) some_rows<Width, Stride, 1>(p, y);
+  p.epilogue.finish(p.out, l.out_plane() * Width);
+}
+
+template <int Stride>
+void run(const zyn_blocked_layer& l) {
+  for (int32_t c = 0, block = 0; c < l.out_channels; c += block) {
+    block = zyn_block_width(l.out_channels - c);
+    if (block == 8)
+      channel_block<8, Stride>(l, c);
+    else if (block == 4)
+      channel_block<4, Stride>(l, c);
+    else
+      channel_block<1, Stride>(l, c);
+  }
+}
+
+}  // namespace
+
+uint32_t zyn_cg_dwconv3x3_s1(zyn_tensor* output, const zyn_tensor* input,
+                             const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                             const zyn_conv_epilogue* epilogue) {
+  return zyn_blocked_drive(output, input, workspace->packed, param, epilogue, 1, run<1>);
+}
+
+uint32_t zyn_cg_dwconv3x3_s2(zyn_tensor* output, const zyn_tensor* input,
+                             const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                             const zyn_conv_epilogue* epilogue) {
+  return zyn_blocked_drive(output, input, workspace->packed, param, epilogue, 2, run<2>);
+}

@@ -1,0 +1,98 @@
+// The plan of one convolution layer under method 2: kernel kind, sizes, packed weights.
+#pragma once
+
+#include <stdint.h>
+
+#include "cg/cpu/kernels/gemm/zyn_gemm_micro.h"
+#include "zyncore.h"
+
+// Kernel kinds.
+enum {
+  ZYN_PLAN_GENERIC = 0,       // column matrix and general multiply
+  ZYN_PLAN_DENSE_3X3 = 1,     // padding 1, stride 1
+  ZYN_PLAN_DENSE_3X3_S2 = 2,  // padding 1, stride 2
+  ZYN_PLAN_DENSE_5X5 = 3,     // padding 2, stride 1
+  ZYN_PLAN_DENSE_5X5_S2 = 4,  // padding 2, stride 2
+  ZYN_PLAN_POINTWISE = 5,     // padding 0, stride 1
+  ZYN_PLAN_DEPTHWISE_3X3 = 6,
+  ZYN_PLAN_DEPTHWISE_3X3_S2 = 7,
+  ZYN_PLAN_DEPTHWISE_5X5 = 8,
+  ZYN_PLAN_DEPTHWISE_5X5_S2 = 9
+};
+
+// Kinds 1 to 4 copy a strip of input rows with their zero border, channel by channel,
+// and read the columns of the product from there. Stride 2 splits a strip by the parity
+// of padded row and column into 4 phases, so that neighbouring output columns read
+// neighbouring floats in every phase.
+struct zyn_conv_strip {
+  int64_t rows;            // output rows per strip
+  int64_t phase_rows;      // rows of one phase
+  int64_t pitch;           // floats of one row of a phase
+  bool flat;               // the strip's rows are one run of columns, border included
+  int64_t channel_floats;  // from one channel to the next
+  int64_t phase_floats;    // from one phase to the next
+  int64_t floats;          // of the whole strip
+  int64_t panel_floats;    // of the aligned copy of some of the product's columns
+  int64_t flat_floats;     // of the products of a flat strip, border included; else 0
+};
+
+struct zyn_conv_plan {
+  uint32_t channel_block;  // output channels per tile: 6 or 4; 0 in depthwise plans
+  uint32_t panel_width;    // 16
+  zyn_gemm_micro micro;    // of the channel block; null in depthwise plans
+  uint32_t output_pixels;
+  uint32_t k;  // input channels * kernel * kernel
+  uint32_t output_w, output_h;
+  uint32_t weights_per_output;  // k
+  uint32_t output_channels;
+  uint32_t weights_per_row;  // k
+  uint32_t padded_rows;      // rows of the packed weights: a multiple of the channel block
+                             // (kinds 1 to 5), all channels (0), 1 (depthwise)
+  float* weights;            // padded_rows * k floats, the strip scratch behind them
+  int32_t kind;              // ZYN_PLAN_*
+  uint32_t threads;
+
+  // The layer, for the run functions.
+  int32_t input_channels, input_w, input_h;
+  int32_t kernel, stride, pad;
+  zyn_conv_strip strip;  // kinds 1 to 4; of the others floats alone
+};
+
+// Where the scratch begins in the block of the packed weights, in floats: aligned.
+inline int64_t zyn_conv_plan_scratch(const zyn_conv_plan* plan) {
+  return (static_cast<int64_t>(plan->padded_rows) * plan->weights_per_row + 15) / 16 * 16;
+}
+
+// Whether a plan of kind 0 has a single output pixel: its product is one by a vector, and the
+// scratch holds the weights in blocks of kZynVectorRows rows.
+enum { kZynVectorRows = 8 };
+inline bool zyn_conv_is_by_vector(const zyn_conv_plan* plan) {
+  return plan->kind == ZYN_PLAN_GENERIC && plan->output_pixels == 1;
+}
+
+// Sizes of the strip of a plan of kinds 1 to 4.
+void zyn_conv_plan_strip_sizes(zyn_conv_plan* plan);
+
+// The kinds. Arguments have been checked against the plan. 0, or 2 when scratch memory
+// is short.
+uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_plan* plan,
+                              const zyn_conv_epilogue& epilogue);
+uint32_t zyn_conv_run_dense(float* output, const float* input, const zyn_conv_plan* plan,
+                            const zyn_conv_epilogue& epilogue);
+uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_conv_plan* plan,
+                                const zyn_conv_epilogue& epilogue);
+uint32_t zyn_conv_run_depthwise(float* output, const float* input, const zyn_conv_plan* plan,
+                                const zyn_conv_epilogue& epilogue);
+
+// Floats of the row of zeros at the begin of the scratch of depthwise plans.
+inline int64_t zyn_conv_zero_row(const zyn_conv_plan* plan) {
+  return (plan->input_w + static_cast<int64_t>(plan->panel_width) + 15) / 16 * 16;
+}
+
+// Depthwise 3 x 3 by 8 channels at a time, for planes small enough: the floats of scratch
+// that it needs (0: not for this plan), what prepare writes there, and the run, which gives
+// the number of channels that it has computed.
+int64_t zyn_conv_lanes_floats(const zyn_conv_plan* plan);
+void zyn_conv_fill_lanes(const zyn_conv_plan* plan);
+int64_t zyn_conv_run_lanes(float* output, const float* input, const zyn_conv_plan* plan,
+                           const zyn_conv_epilogue& epilogue);

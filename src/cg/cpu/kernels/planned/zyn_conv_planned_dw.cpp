@@ -1,0 +1,273 @@
+// Depthwise convolutions of method 2: 3 x 3 and 5 x 5, padding half the kernel, stride 1
+// and 2. A group of output rows goes along the plane together, so that an input row is
+// loaded once for all taps that use it. Every output is one accumulator that takes its
+// taps row by row. Rows above and below the image are read from a row of zeros; vectors
+// that touch the left or right border load by mask; the last vector of a row overlaps the
+// one before it.
+#include <immintrin.h>
+
+#include "cg/cpu/kernels/zyn_conv_epilogue.h"
+#include "cg/cpu/kernels/planned/zyn_conv_plan.h"
+
+namespace {
+
+constexpr int64_t kVector = 8;
+constexpr int64_t kLine = 16;  // floats of a cache line
+// Input and output of more floats than this (2 MB) do not stay in the second cache level.
+constexpr int64_t kMostCachedFloats = 512 * 1024;
+
+int64_t smaller(int64_t a, int64_t b) { return a < b ? a : b; }
+
+// Which borders of the image a vector touches.
+enum { kNone = 0, kLeft = 1, kRight = 2, kBoth = 3 };
+
+// Lanes i of a vector at column x for which 0 <= x + i < width.
+__m256i inside(int64_t x, int64_t width) {
+  const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+  const __m256i column = _mm256_add_epi32(lane, _mm256_set1_epi32(static_cast<int32_t>(x)));
+  const __m256i low = _mm256_cmpgt_epi32(column, _mm256_set1_epi32(-1));
+  const __m256i high = _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int32_t>(width)), column);
+  return _mm256_and_si256(low, high);
+}
+
+// What the taps of one kernel row see under 8 neighbouring output pixels: tap kx of pixel
+// i the input column i * stride + kx, from the first column that tap 0 sees. A load is
+// named by its distance from there; masks holds the lanes of load i that lie inside the
+// image.
+template <int kKernel, int kStride>
+struct taps;
+
+template <int kKernel>
+struct taps<kKernel, 1> {
+  static constexpr int kLoads = kKernel, kPad = kKernel / 2;
+  static constexpr int distance(int i) { return i; }
+  static constexpr bool masked(int i, int edge) {
+    return edge == kBoth || (edge == kLeft && i < kPad) || (edge == kRight && i > kPad);
+  }
+  template <int kEdge, typename Load>
+  [[gnu::always_inline]] static void take(const Load& load, __m256 (&x)[kKernel]) {
+    ZYN_UNROLL for (int i = 0; i < kKernel; i++) x[i] = load(i);
+  }
+  static __m256 in_order(__m256 y) { return y; }
+};
+
+// Stride 2 takes the taps from pairs of loads, those at even and those at odd places. The
+// lanes of all taps, and so of the sums, are in the order that in_order undoes.
+template <int kKernel>
+struct taps<kKernel, 2> {
+  static constexpr int kLoads = kKernel + 1, kPad = kKernel / 2;
+  static constexpr int distance(int i) {
+    return (i < 2 ? 0 : i / 2 * 2 - 1) + i % 2 * static_cast<int>(kVector);
+  }
+  static constexpr bool masked(int i, int edge) {
+    return edge == kBoth || (edge == kLeft && distance(i) < kPad) ||
+           (edge == kRight && i % 2 == 1 && i > 1);
+  }
+  template <int kEdge, typename Load>
+  [[gnu::always_inline]] static void take(const Load& load, __m256 (&x)[kKernel]) {
+    x[0] = _mm256_shuffle_ps(load(0), load(1), 0x88);
+    ZYN_UNROLL for (int i = 2; i < kLoads; i += 2) {
+      const __m256 low = load(i), high = load(i + 1);
+      x[i - 1] = _mm256_shuffle_ps(low, high, 0x88);
+      x[i] = _mm256_shuffle_ps(low, high, 0xDD);
+    }
+  }
+  static __m256 in_order(__m256 y) {
+    return _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(y), 0xD8));
+  }
+};
+
+template <int kKernel, int kStride>
+struct run_planes {
+  using row_taps = taps<kKernel, kStride>;
+  static constexpr int kPad = kKernel / 2;
+  // Output rows that go together: as many as there are registers for.
+  static constexpr int kRowGroup = kStride == 1 ? 4 : 3;
+
+  const zyn_conv_plan* plan;
+  const float* input;
+  float* output;
+  const float* bias;
+  int64_t first_channel;
+  bool far = false;  // whether the tensors are larger than the second cache level
+  // The first and the last vector of a row.
+  int64_t last_x = 0, stored = kVector;
+  int first_edge = kNone, last_edge = kNone;
+  __m256i first_masks[row_taps::kLoads] = {}, last_masks[row_taps::kLoads] = {};
+
+  run_planes(const zyn_conv_plan* plan_, const float* input_, float* output_, const float* bias_,
+             int64_t first_channel_ = 0)
+      : plan(plan_), input(input_), output(output_), bias(bias_), first_channel(first_channel_) {
+    const int64_t width = plan->output_w;
+    const int64_t in_plane = static_cast<int64_t>(plan->input_w) * plan->input_h;
+    far = (in_plane + plan->output_pixels) * plan->input_channels > kMostCachedFloats;
+    stored = smaller(width, kVector);
+    last_x = width - stored;
+    first_edge = edge(0);
+    last_edge = edge(last_x);
+    ZYN_UNROLL for (int i = 0; i < row_taps::kLoads; i++) {
+      first_masks[i] = inside(row_taps::distance(i) - kPad, plan->input_w);
+      last_masks[i] = inside(last_x * kStride + row_taps::distance(i) - kPad, plan->input_w);
+    }
+  }
+
+  // Borders that the loads of the vector at output column x touch.
+  int edge(int64_t x) const {
+    const int64_t first = x * kStride - kPad;
+    const int64_t end = first + row_taps::distance(row_taps::kLoads - 1) + kVector;
+    const int64_t low_end = first + row_taps::distance(row_taps::kLoads - kStride) + kVector;
+    if (low_end > plan->input_w && (kStride == 2 || first < 0)) return kBoth;
+    return (first < 0 ? kLeft : 0) + (end > plan->input_w ? kRight : 0);
+  }
+
+  // The rows of one group.
+  template <int kRows>
+  struct group {
+    static constexpr int kInputRows = (kRows - 1) * kStride + kKernel;
+    const float* rows[kInputRows];  // at the column that tap 0 of output column 0 sees
+    float* out;
+    int64_t pitch;
+    __m256 bias;  // -0 where there is none: it changes no sum
+  };
+
+  // One vector of a group.
+  template <int kRows, int kEdge, int kActivation>
+  [[gnu::always_inline]] void block(const group<kRows>& g,
+                                    const __m256 (&weights)[kKernel * kKernel], int64_t x,
+                                    const __m256i* masks) const {
+    __m256 sums[kRows];
+    ZYN_UNROLL for (int r = 0; r < kRows; r++) sums[r] = _mm256_setzero_ps();
+    ZYN_UNROLL for (int i = 0; i < group<kRows>::kInputRows; i++) {
+      __m256 v[kKernel];
+      load_row<kEdge>(g.rows[i] + x * kStride, masks, v);
+      ZYN_UNROLL for (int r = 0; r < kRows; r++) {
+        const int ky = i - r * kStride;
+        if (ky < 0 || ky >= kKernel) continue;
+        ZYN_UNROLL for (int kx = 0; kx < kKernel; kx++) sums[r] =
+            _mm256_fmadd_ps(weights[ky * kKernel + kx], v[kx], sums[r]);
+      }
+    }
+    float* to = g.out + x;
+    ZYN_UNROLL for (int r = 0; r < kRows; r++) {
+      const __m256 sum = _mm256_add_ps(row_taps::in_order(sums[r]), g.bias);
+      const __m256 y = zyn_activate<kActivation>(sum);
+      if (kEdge == kBoth && stored < kVector)
+        _mm256_maskstore_ps(to, zyn_first_lanes(stored), y);
+      else
+        _mm256_storeu_ps(to, y);
+      to += g.pitch;
+    }
+  }
+
+  template <int kEdge>
+  [[gnu::always_inline]] static void load_row(const float* row, const __m256i* masks,
+                                              __m256 (&x)[kKernel]) {
+    row_taps::template take<kEdge>(
+        [ row, masks ](int load) __attribute__((always_inline)) {
+          const float* from = row + row_taps::distance(load);
+          return row_taps::masked(load, kEdge) ? _mm256_maskload_ps(from, masks[load])
+                                               : _mm256_loadu_ps(from);
+        },
+        x);
+  }
+
+  template <int kRows, int kActivation>
+  [[gnu::always_inline]] void edge_block(const group<kRows>& g,
+                                         const __m256 (&weights)[kKernel * kKernel], int64_t x,
+                                         const __m256i* masks, int edges) const {
+    switch (edges) {
+      case kNone:
+        return block<kRows, kNone, kActivation>(g, weights, x, masks);
+      case kLeft:
+        return block<kRows, kLeft, kActivation>(g, weights, x, masks);
+      case kRight:
+        return block<kRows, kRight, kActivation>(g, weights, x, masks);
+      default:
+        return block<kRows, kBoth, kActivation>(g, weights, x, masks);
+    }
+  }
+
+  // Asks the cache for what 8 output columns of the rows after these need: the output, which
+  // within a network has left the caches since the last inference, and input that is large.
+  template <int kRows>
+  [[gnu::always_inline]] static void ask_ahead(const float** at) {
+    ZYN_UNROLL for (int64_t i = 0; i < kRows * kVector; i += kLine, *at += kLine)
+        _mm_prefetch(reinterpret_cast<const char*>(*at), _MM_HINT_T0);
+  }
+
+  // kRows output rows of channel c from y on.
+  template <int kRows, int kActivation>
+  void row_group(int64_t c, int64_t y, const __m256 (&weights)[kKernel * kKernel]) const {
+    constexpr int kInputRows = group<kRows>::kInputRows;
+    const int64_t w = plan->input_w, h = plan->input_h, out_w = plan->output_w;
+    const int64_t first = y * kStride - kPad;
+    group<kRows> g;
+    const float* row = input + (c * h + first) * w - kPad;
+    ZYN_UNROLL for (int i = 0; i < kInputRows; i++, row += w) g.rows[i] = row;
+    if (first < 0 || first + kInputRows > h) {
+      const float* zeros = plan->weights + zyn_conv_plan_scratch(plan) - kPad;
+      ZYN_UNROLL for (int i = 0; i < kInputRows; i++) {
+        if (first + i < 0 || first + i >= h) g.rows[i] = zeros;
+      }
+    }
+    g.out = output + (c * plan->output_h + y) * out_w;
+    g.pitch = out_w;
+    g.bias = bias ? _mm256_broadcast_ss(bias + c) : _mm256_set1_ps(-0.0f);
+    edge_block<kRows, kActivation>(g, weights, 0, first_masks, first_edge);
+    // With 5 taps a vector one column before the last would read past the row.
+    const int64_t most = kStride == 1 ? last_x - kPad : last_x;
+    const float* next_in = input + (c * h + first + kInputRows) * w;
+    const float* next_out = g.out + kRows * out_w;
+    for (int64_t x = kVector; x < last_x; x += kVector) {
+      if (far) ask_ahead<kRows * kStride * kStride>(&next_in);
+      ask_ahead<kRows>(&next_out);
+      block<kRows, kNone, kActivation>(g, weights, smaller(x, most), nullptr);
+    }
+    if (last_x > 0) edge_block<kRows, kActivation>(g, weights, last_x, last_masks, last_edge);
+  }
+
+  template <int kActivation>
+  void run() const {
+    const int64_t rows = plan->output_h;
+    for (int64_t c = first_channel; c < plan->input_channels; c++) {
+      __m256 weights[kKernel * kKernel];
+      ZYN_UNROLL for (int i = 0; i < kKernel * kKernel; i++) weights[i] =
+          _mm256_broadcast_ss(plan->weights + c * kKernel * kKernel + i);
+      int64_t y = 0;
+      for (; y + kRowGroup <= rows; y += kRowGroup)
+        row_group<kRowGroup, kActivation>(c, y, weights);
+      // One row less than a group: a group that overlaps the one before.
+      if (rows > kRowGroup && rows - y == kRowGroup - 1 && kRowGroup > 2) {
+        row_group<kRowGroup, kActivation>(c, rows - kRowGroup, weights);
+        continue;
+      }
+      for (; y + 2 <= rows; y += 2) row_group<2, kActivation>(c, y, weights);
+      if (y < rows) row_group<1, kActivation>(c, y, weights);
+    }
+  }
+};
+
+}  // namespace
+
+uint32_t zyn_conv_run_depthwise(float* output, const float* input, const zyn_conv_plan* plan,
+                                const zyn_conv_epilogue& epilogue) {
+  const int32_t activation = epilogue.activation;
+  const float* bias = epilogue.bias;
+  const int64_t done = zyn_conv_run_lanes(output, input, plan, epilogue);
+  if (done == plan->input_channels) return 0;
+  switch (plan->kind) {
+    case ZYN_PLAN_DEPTHWISE_3X3:
+      zyn_with_activation(activation, run_planes<3, 1>(plan, input, output, bias, done));
+      break;
+    case ZYN_PLAN_DEPTHWISE_3X3_S2:
+      zyn_with_activation(activation, run_planes<3, 2>(plan, input, output, bias, done));
+      break;
+    case ZYN_PLAN_DEPTHWISE_5X5:
+      zyn_with_activation(activation, run_planes<5, 1>(plan, input, output, bias));
+      break;
+    default:
+      zyn_with_activation(activation, run_planes<5, 2>(plan, input, output, bias));
+      break;
+  }
+  return 0;
+}

@@ -1,0 +1,62 @@
+// The convolution operators' common state and steps; types 3, 4, 5 and 12, 13 differ
+// in what their constant holds, their output's shape and what follows the convolution.
+#pragma once
+
+#include "cg/cpu/kernels/zyn_cg_kernels.h"
+#include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
+#include "cg/cpu/kernels/zyn_conv_epilogue.h"
+#include "cg/cpu/kernels/fixed/zyn_fpi.h"
+#include "cg/cpu/zyn_cg_support.h"
+
+// Begins as the states of types 7 and 8 do, whose output slot is the same.
+struct zyn_cg_conv_state : zyn_cg_io_state {
+  zyn_tensor* weights;    // the constant's tensor, or folded
+  zyn_tensor* folded;     // type 13: weights and biases with the normalisation in them
+  int32_t input_dims[5];  // that output and workspace are made for
+  int32_t input_q, output_q, weight_q;
+  uint32_t method;
+  zyn_conv_param param;
+  uint32_t thread_count;
+  uint32_t fixed_point;
+  uint32_t device_type;
+  zyn_conv_direct* direct;  // method 1
+  zyn_conv_plan* plan;      // method 2
+  zyn_tensor* quantized;    // fixed point: weights and biases with weight_q fraction bits
+  zyn_fpi_plan fixed;       // fixed point: the kernel, whatever the method
+};
+
+// bind of every type: copies the record and the graph's settings.
+int32_t zyn_cg_bind_conv_state(zyn_cg_handle* graph, int32_t node, const void* param, uint32_t type,
+                               zyn_cg_run_fn run);
+
+// The first step of prepare: releases what an earlier one made except the output, so that
+// a node whose preparation fails refuses to run, then finds the input and the constant and
+// checks that there is one image, that the record makes sense and that the constant holds
+// at least the weights and the biases that bias asks for. 1 otherwise. In fixed point it
+// also reads the q of the input and of the node.
+int32_t zyn_cg_conv_open(zyn_cg_handle* graph, int32_t node, zyn_cg_conv_state* state);
+
+// Output extent of types 3, 4, 5 and 12 along one axis; 0 where int32_t does not hold it.
+int32_t zyn_cg_conv_extent(int32_t extent, int32_t kernel, int32_t pad, int32_t stride,
+                           int32_t dilation);
+
+// The last step: makes the output, {out_h, out_w, out_channels} and the input's further
+// extents, and the workspace of the node's method; in fixed point the 16-bit weights. 2
+// when one cannot be made, after the report of site (null: silent) for the output; 1
+// when the weights fit no q or input and weights have fewer fraction bits than the output.
+int32_t zyn_cg_conv_finish_prepare(zyn_cg_handle* graph, zyn_cg_conv_state* state, int32_t out_h,
+                                   int32_t out_w, const zyn_site* site);
+
+// Runs the node's kernel, then what epilogue says. keep_standard: 3x3 kernels serve 1x1
+// layers under method 1 as well, that is, refuse them.
+int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue,
+                        bool keep_standard);
+
+// The same in fixed point: code is the activation code, has_bias whether biases lie behind
+// the weights.
+int32_t zyn_cg_conv_run_fixed(zyn_cg_conv_state* state, bool has_bias, int32_t code);
+
+// The biases behind the weights, where the record has some; null otherwise.
+const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state);
+
+int32_t zyn_cg_conv_release(void** record);

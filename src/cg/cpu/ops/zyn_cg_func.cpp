@@ -1,0 +1,254 @@
+// Addition (27) and multiplication (28) of two tensors, with one value per channel as
+// broadcast form, and element-wise functions of one tensor (9). All carry the input's
+// channel order on where every element stays in its place; a broadcast, and inputs
+// that lie in different orders, are computed in planar order.
+#include "cg/cpu/kernels/fixed/zyn_fpi_lanes.h"
+#include "cg/cpu/kernels/fixed/zyn_fpi_ops.h"
+#include "cg/cpu/ops/zyn_cg_operators.h"
+#include "cg/cpu/ops/zyn_cg_power.h"
+#include "cg/cpu/zyn_cg_support.h"
+#include "matrix/zyn_math.h"
+
+namespace {
+
+constexpr const char* kPath = "src/cg/cpu/zyn_cg_func.cpp";
+constexpr zyn_site kFuncOutput{kPath, 121, ZYN_MSG_OPERATOR_MEMORY};
+constexpr zyn_site kJoinOutput{kPath, 236, ZYN_MSG_OPERATOR_MEMORY};
+
+// input is the first tensor, a; planar is b in planar order.
+struct join_state : zyn_cg_io_state {
+  zyn_tensor* b;
+  int32_t q_a, q_b, q_output;  // fixed point
+  uint32_t fixed_point;
+  uint32_t device_type;
+};
+
+struct func_state : zyn_cg_io_state {
+  zyn_func_param param;
+};
+
+using fixed_join = void (*)(int16_t* out, int32_t q_out, const zyn_fpi_operand& a,
+                            const zyn_fpi_operand& b, int64_t count);
+
+struct add_op {
+  static constexpr fixed_join kFixed = zyn_fpi_add;
+  __m256 operator()(__m256 a, __m256 b) const { return _mm256_add_ps(a, b); }
+};
+
+struct multiply_op {
+  static constexpr fixed_join kFixed = zyn_fpi_multiply;
+  __m256 operator()(__m256 a, __m256 b) const { return _mm256_mul_ps(a, b); }
+};
+
+// The output has a's shape and b as many elements: element by element.
+template <typename Op>
+int32_t join_elements(join_state* state, Op op) {
+  const zyn_tensor* a = state->input;
+  const zyn_tensor* b = state->b;
+  zyn_tensor* output = state->output;
+  if (state->fixed_point == 1) {
+    Op::kFixed(zyn_fpi_words(output), state->q_output, {zyn_fpi_words(a), state->q_a, false},
+               {zyn_fpi_words(b), state->q_b, false}, output->count);
+    return ZYN_RET_OK;
+  }
+  const uint32_t order = zyn_cg_order(a);
+  const bool in_place = order == ZYN_LAYOUT_PLANAR || zyn_cg_same_dims(a, b);
+  if (order == zyn_cg_order(b) && in_place) {
+    zyn_map2(zyn_cg_floats(output), zyn_cg_floats(a), zyn_cg_floats(b), output->count, op);
+    output->layout = a->layout;
+    return ZYN_RET_OK;
+  }
+  b = zyn_cg_planar(b, &state->planar);
+  if (!b) return ZYN_RET_ERR_MEMORY;
+  zyn_cg_copy_planar(output->data, a);
+  zyn_map2(zyn_cg_floats(output), zyn_cg_floats(output), zyn_cg_floats(b), output->count, op);
+  output->layout = ZYN_LAYOUT_PLANAR;
+  return ZYN_RET_OK;
+}
+
+// out = op(data, values[c]) over every channel plane c; the output has data's shape.
+template <typename Op>
+int32_t join_channels(join_state* state, const zyn_tensor* data, const zyn_tensor* values, Op op) {
+  zyn_tensor* output = state->output;
+  if (state->fixed_point == 1) {
+    const bool swapped = values == state->input;
+    const int64_t plane = zyn_cg_pixels(data);
+    for (int64_t c = 0; c < zyn_cg_channels(data); c++)
+      Op::kFixed(zyn_fpi_words(output) + c * plane, state->q_output,
+                 {zyn_fpi_words(data) + c * plane, swapped ? state->q_b : state->q_a, false},
+                 {zyn_fpi_words(values) + c, swapped ? state->q_a : state->q_b, true}, plane);
+    return ZYN_RET_OK;
+  }
+  values = zyn_cg_planar(values, &state->planar);
+  if (!values) return ZYN_RET_ERR_MEMORY;
+  const float* source = zyn_cg_floats(data);
+  if (zyn_cg_order(data) != ZYN_LAYOUT_PLANAR) {
+    zyn_cg_copy_planar(output->data, data);
+    source = zyn_cg_floats(output);
+  }
+  const int64_t pixels = zyn_cg_pixels(data);
+  for (int64_t c = 0; c < zyn_cg_channels(data); c++) {
+    const __m256 value = _mm256_set1_ps(zyn_cg_floats(values)[c]);
+    zyn_map(zyn_cg_floats(output) + c * pixels, source + c * pixels, pixels,
+            [=](__m256 x) { return op(x, value); });
+  }
+  output->layout = ZYN_LAYOUT_PLANAR;
+  return ZYN_RET_OK;
+}
+
+bool has_one_pixel(const zyn_tensor* t) { return t->dims[0] == 1 && t->dims[1] == 1; }
+
+bool is_on_device(uint32_t device_type) { return device_type >= 1 && device_type <= 3; }
+
+int32_t run_add(void* record) {
+  auto* state = static_cast<join_state*>(record);
+  if (!state) return ZYN_RET_ERR_PARA;
+  if (is_on_device(state->device_type)) return ZYN_RET_OK;
+  const zyn_tensor* a = state->input;
+  const zyn_tensor* b = state->b;
+  const zyn_tensor* output = state->output;
+  if (!zyn_cg_ready(a, b) || !zyn_cg_ready(output, a) || !zyn_cg_same_dims(output, a))
+    return ZYN_RET_ERR_PARA;
+  if (a->count == b->count) return join_elements(state, add_op());
+  if (b->count != zyn_cg_channels(a) || output->dim_count != 3) return ZYN_RET_ERR_PARA;
+  return join_channels(state, a, b, add_op());
+}
+
+int32_t run_multiply(void* record) {
+  auto* state = static_cast<join_state*>(record);
+  if (!state) return ZYN_RET_ERR_PARA;
+  if (is_on_device(state->device_type)) return ZYN_RET_OK;
+  const zyn_tensor* a = state->input;
+  const zyn_tensor* b = state->b;
+  const zyn_tensor* output = state->output;
+  if (!zyn_cg_ready(a, b) || !zyn_cg_ready(output, a)) return ZYN_RET_ERR_PARA;
+  const zyn_tensor* values = has_one_pixel(a) ? a : has_one_pixel(b) ? b : nullptr;
+  const zyn_tensor* data = values == a ? b : a;
+  if (!zyn_cg_same_dims(output, data)) return ZYN_RET_ERR_PARA;
+  if (!values)
+    return zyn_cg_same_dims(a, b) ? join_elements(state, multiply_op()) : ZYN_RET_ERR_PARA;
+  if (data->dim_count > 3 || values->count != zyn_cg_channels(data)) return ZYN_RET_ERR_PARA;
+  return join_channels(state, data, values, multiply_op());
+}
+
+// The three q of a node; false where one is missing, or where a product has fewer
+// fraction bits than its result shall have.
+bool read_join_q(const zyn_cg_handle* graph, int32_t node, const int32_t* ids, join_state* state) {
+  return zyn_cg_read_q(graph, ids[0], &state->q_a) && zyn_cg_read_q(graph, ids[1], &state->q_b) &&
+         zyn_cg_read_q(graph, node, &state->q_output) &&
+         (state->type != ZYN_OP_MULTIPLY || state->q_a + state->q_b >= state->q_output);
+}
+
+// One function over a whole tensor.
+struct mapper {
+  float* out;
+  const float* in;
+  int64_t count;
+  template <typename Function>
+  int32_t operator()(Function f) const {
+    zyn_map(out, in, count, f);
+    return ZYN_RET_OK;
+  }
+};
+
+int32_t apply(const mapper& map, const zyn_func_param& param) {
+  const __m256 a = _mm256_set1_ps(param.a);
+  const __m256 b = _mm256_set1_ps(param.b);
+  const __m256 sign = _mm256_set1_ps(-0.0f);
+  switch (param.function) {
+    case ZYN_FUNC_ABS:
+      return map([=](__m256 x) { return _mm256_andnot_ps(sign, x); });
+    case ZYN_FUNC_NEGATE:
+      return map([=](__m256 x) { return _mm256_xor_ps(sign, x); });
+    case ZYN_FUNC_SQUARE:
+      return map([](__m256 x) { return _mm256_mul_ps(x, x); });
+    case ZYN_FUNC_SQRT:
+      return map([](__m256 x) { return _mm256_sqrt_ps(x); });
+    case ZYN_FUNC_RECIPROCAL:
+      return map([](__m256 x) { return _mm256_div_ps(_mm256_set1_ps(1.0f), x); });
+    case ZYN_FUNC_EXP:
+      return map([](__m256 x) { return zyn_exp8(x); });
+    case ZYN_FUNC_LOG:
+      return map([](__m256 x) { return zyn_log8(x); });
+    case ZYN_FUNC_TANH:
+      return map([](__m256 x) { return zyn_tanh8(x); });
+    case ZYN_FUNC_POWER:
+      return map([=](__m256 x) { return zyn_power8(x, param.a); });
+    case ZYN_FUNC_CLIP:  // operands in this order let NaN through
+      return map([=](__m256 x) { return _mm256_min_ps(b, _mm256_max_ps(a, x)); });
+    case ZYN_FUNC_SCALE_SHIFT:
+      return map([=](__m256 x) { return _mm256_fmadd_ps(x, a, b); });
+    default:
+      return ZYN_RET_ERR_PARA;
+  }
+}
+
+int32_t run_func(void* record) {
+  auto* state = static_cast<func_state*>(record);
+  const zyn_tensor* input = state->input;
+  zyn_tensor* output = state->output;
+  if (!zyn_cg_ready(input, output) || !zyn_cg_same_dims(input, output)) return ZYN_RET_ERR_PARA;
+  output->layout = input->layout;
+  return apply({zyn_cg_floats(output), zyn_cg_floats(input), output->count}, state->param);
+}
+
+bool is_known(const zyn_func_param& param) {
+  if (param.function < ZYN_FUNC_ABS || param.function > ZYN_FUNC_SCALE_SHIFT) return false;
+  return param.function != ZYN_FUNC_POWER || isfinite(param.a);
+}
+
+}  // namespace
+
+int32_t zyn_cg_bind_add(zyn_cg_handle* graph, int32_t node, const void* param) {
+  return zyn_cg_bind_plain<join_state, ZYN_OP_ADD, run_add>(graph, node, param);
+}
+
+int32_t zyn_cg_bind_multiply(zyn_cg_handle* graph, int32_t node, const void* param) {
+  return zyn_cg_bind_plain<join_state, ZYN_OP_MULTIPLY, run_multiply>(graph, node, param);
+}
+
+int32_t zyn_cg_prepare_join(zyn_cg_handle* graph, int32_t node) {
+  auto* state = zyn_cg_state<join_state>(graph, node);
+  const int32_t* ids = state ? zyn_cg_two_inputs(graph, node) : nullptr;
+  if (!ids) return ZYN_RET_ERR_PARA;
+  zyn_tensor* a = zyn_cg_producer_tensor(graph, ids[0]);
+  zyn_tensor* b = zyn_cg_producer_tensor(graph, ids[1]);
+  state->input = nullptr;
+  if (zyn_cg_check_input(graph, a) || zyn_cg_check_input(graph, b)) return ZYN_RET_ERR_PARA;
+  state->fixed_point = graph->fixed_point;
+  state->device_type = graph->device_type;
+  if (zyn_cg_is_fixed_point(graph) && !read_join_q(graph, node, ids, state))
+    return ZYN_RET_ERR_PARA;
+  const zyn_tensor* shape = has_one_pixel(a) ? b : a;
+  const int32_t code = zyn_cg_make_output_like(graph, &state->output, shape, &kJoinOutput);
+  if (code != ZYN_RET_OK) return code;
+  state->output->layout = shape->layout;
+  state->input = a;
+  state->b = b;
+  return ZYN_RET_OK;
+}
+
+int32_t zyn_cg_bind_func(zyn_cg_handle* graph, int32_t node, const void* param) {
+  return zyn_cg_bind_record<func_state, ZYN_OP_FUNCTION, run_func>(graph, node, param);
+}
+
+int32_t zyn_cg_prepare_func(zyn_cg_handle* graph, int32_t node) {
+  auto* state = zyn_cg_state<func_state>(graph, node);
+  if (!state || !is_known(state->param)) return ZYN_RET_ERR_PARA;
+  zyn_cg_io_state* io = state;
+  int32_t code = zyn_cg_only_input(graph, node, &io->input, nullptr);
+  if (code != ZYN_RET_OK) return code;
+  code = zyn_cg_make_output_like(graph, &io->output, io->input, &kFuncOutput);
+  if (code != ZYN_RET_OK) return code;
+  io->output->layout = io->input->layout;
+  return zyn_cg_is_fixed_point(graph) ? zyn_cg_no_fixed_point() : ZYN_RET_OK;
+}
+
+int32_t zyn_cg_release_func(void** record) { return zyn_cg_release_io(record); }
+
+int32_t zyn_cg_release_join(void** record) { return zyn_cg_release_io(record); }
+
+zyn_tensor* zyn_cg_output_func(zyn_cg_handle* graph, int32_t node) {
+  return zyn_cg_output_if<zyn_cg_io_state, ZYN_OP_FUNCTION, ZYN_OP_LINEAR, ZYN_OP_ADD,
+                          ZYN_OP_MULTIPLY, 29>(graph, node);
+}

@@ -1,0 +1,49 @@
+// Vector helpers that every folder shares: masks of some lanes, the transposition of a
+// square of floats, loops that the compiler must unroll.
+#pragma once
+
+#include <immintrin.h>
+#include <stdint.h>
+
+// Before a loop with a compile-time count of at most 32: the body stands there once for
+// every value, so that arrays indexed by the counter stay in registers.
+#if defined(__clang__)
+#define ZYN_UNROLL _Pragma("unroll")
+#else
+#define ZYN_UNROLL _Pragma("GCC unroll 32")
+#endif
+
+// The numbers of the lanes.
+inline __m256i zyn_lane_numbers() { return _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7); }
+
+// All ones in the lanes 0 to count - 1; counts above 8 mean all lanes.
+inline __m256i zyn_first_lanes(int64_t count) {
+  return _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int32_t>(count)), zyn_lane_numbers());
+}
+
+// All ones in the lanes i for which first + i lies in 0 to extent - 1.
+inline __m256i zyn_lanes_within(int32_t first, int32_t extent) {
+  const __m256i at = _mm256_add_epi32(_mm256_set1_epi32(first), zyn_lane_numbers());
+  return _mm256_and_si256(_mm256_cmpgt_epi32(at, _mm256_set1_epi32(-1)),
+                          _mm256_cmpgt_epi32(_mm256_set1_epi32(extent), at));
+}
+
+// Lane j of row i becomes lane i of row j.
+inline void zyn_transpose_8x8(__m256 (&row)[8]) {
+  __m256 pair[8];
+  ZYN_UNROLL for (int i = 0; i < 8; i += 2) {
+    pair[i] = _mm256_unpacklo_ps(row[i], row[i + 1]);
+    pair[i + 1] = _mm256_unpackhi_ps(row[i], row[i + 1]);
+  }
+  ZYN_UNROLL for (int i = 0; i < 8; i += 4) {
+    row[i] = _mm256_shuffle_ps(pair[i], pair[i + 2], 0x44);
+    row[i + 1] = _mm256_shuffle_ps(pair[i], pair[i + 2], 0xEE);
+    row[i + 2] = _mm256_shuffle_ps(pair[i + 1], pair[i + 3], 0x44);
+    row[i + 3] = _mm256_shuffle_ps(pair[i + 1], pair[i + 3], 0xEE);
+  }
+  ZYN_UNROLL for (int i = 0; i < 4; i++) {
+    pair[i] = _mm256_permute2f128_ps(row[i], row[i + 4], 0x20);
+    pair[i + 4] = _mm256_permute2f128_ps(row[i], row[i + 4], 0x31);
+  }
+  ZYN_UNROLL for (int i = 0; i < 8; i++) row[i] = pair[i];
+}
