@@ -41,6 +41,15 @@ __attribute__((format(printf, 1, 2)))
 #endif
 void zyn_print(const char* format, ...);
 
+// While one exists, nothing that this thread does is printed.
+class zyn_quiet {
+ public:
+  zyn_quiet();
+  ~zyn_quiet();
+  zyn_quiet(const zyn_quiet&) = delete;
+  zyn_quiet& operator=(const zyn_quiet&) = delete;
+};
+
 // Prints the report of a site.
 void zyn_report(const zyn_site& site);
 

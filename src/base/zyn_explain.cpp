@@ -1,0 +1,47 @@
+// The explanation of every thread.
+#include "base/zyn_explain.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
+namespace {
+
+thread_local char explanation[kZynExplanationBytes];
+
+void set_explanation(const char* format, va_list arguments) {
+  vsnprintf(explanation, sizeof(explanation), format, arguments);
+  // One line, whatever a file name or message holds.
+  for (char* c = explanation; *c; c++)
+    if (static_cast<unsigned char>(*c) < ' ') *c = ' ';
+}
+
+}  // namespace
+
+const char* zyn_error_detail(void) { return explanation; }
+
+void zyn_explain(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  set_explanation(format, arguments);
+  va_end(arguments);
+}
+
+int32_t zyn_refuse(int32_t code, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  set_explanation(format, arguments);
+  va_end(arguments);
+  return code;
+}
+
+void zyn_explain_where(const char* format, ...) {
+  char what[kZynExplanationBytes];
+  memcpy(what, explanation, sizeof(what));
+  va_list arguments;
+  va_start(arguments, format);
+  set_explanation(format, arguments);
+  va_end(arguments);
+  const size_t used = strlen(explanation);
+  snprintf(explanation + used, sizeof(explanation) - used, "%s", what);
+}

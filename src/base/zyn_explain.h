@@ -1,0 +1,27 @@
+// Explanations of failures: one line for each thread, which zyn_error_detail hands out.
+// Whoever refuses says what was expected and what was found; a report that is printed
+// (zyn_report.h) explains itself by its message until something better is said.
+#pragma once
+
+#include <stdint.h>
+
+#include "zyncore_net.h"
+
+#if defined(__MINGW32__)
+#define ZYN_FORMAT(text, first) __attribute__((__format__(gnu_printf, text, first)))
+#else
+#define ZYN_FORMAT(text, first) __attribute__((__format__(printf, text, first)))
+#endif
+
+// Bytes of an explanation, its zero included; longer ones are cut.
+inline constexpr int32_t kZynExplanationBytes = 512;
+
+// Makes the text this thread's explanation.
+ZYN_FORMAT(1, 2) void zyn_explain(const char* format, ...);
+
+// The same, and returns code.
+ZYN_FORMAT(2, 3) int32_t zyn_refuse(int32_t code, const char* format, ...);
+
+// Puts a text in front of this thread's explanation: where the failure happened, said by
+// the caller of what failed.
+ZYN_FORMAT(1, 2) void zyn_explain_where(const char* format, ...);

@@ -1,0 +1,190 @@
+// Networks: loading, ports, running, release.
+#include <stdio.h>
+#include <string.h>
+
+#include <new>
+
+#include "base/zyn_explain.h"
+#include "base/zyn_memory.h"
+#include "base/zyn_platform.h"
+#include "base/zyn_report.h"
+#include "cg/cpu/zyn_cg_layout.h"
+#include "net/zyn_net_graph.h"
+
+namespace {
+
+constexpr zyn_net_options kDefaults = ZYN_NET_DEFAULTS;
+constexpr int64_t kMostFileBytes = int64_t{1} << 31;
+
+int32_t no_memory() { return zyn_refuse(ZYN_RET_ERR_MEMORY, "no memory for the network"); }
+
+int32_t check_options(const zyn_net_options& options) {
+  if (options.method < ZYN_NET_TIMED || options.method > 2)
+    return zyn_refuse(ZYN_RET_ERR_PARA,
+                      "method %d: ZYN_NET_AUTOMATIC, ZYN_NET_TIMED, 0, 1 or 2 "
+                      "is expected",
+                      options.method);
+  if (options.memory_limit < 0) return zyn_refuse(ZYN_RET_ERR_PARA, "the memory limit is negative");
+  return ZYN_RET_OK;
+}
+
+// A file's bytes; null with an explanation. The frame is read first, so that a file of
+// another kind is not read whole.
+void* read_file(const char* path, int64_t* size) {
+  FILE* file = zyn_platform_open(path, "rb");
+  if (!file) {
+    zyn_explain("'%s' cannot be opened", path);
+    return nullptr;
+  }
+  zyn_file_frame frame = {};
+  const bool framed = fread(&frame, sizeof(frame), 1, file) == 1 &&
+                      memcmp(frame.magic, kZynFileMagic, sizeof(frame.magic)) == 0;
+  const bool usual = framed && frame.byte_order == kZynFileByteOrder;
+  if (framed && usual && frame.size > static_cast<uint64_t>(kMostFileBytes)) {
+    zyn_explain("'%s' says that it has %llu bytes; at most 2^31 are read", path,
+                static_cast<unsigned long long>(frame.size));
+    fclose(file);
+    return nullptr;
+  }
+  // One byte more than the frame says: what is behind the end is noticed. A file without a
+  // frame is read as far as it takes to say what is wrong with it.
+  const int64_t least = sizeof(frame) + kZynFileDigestBytes;
+  int64_t bytes = usual ? static_cast<int64_t>(frame.size) : least;
+  if (bytes < least) bytes = least;
+  zyn_scratch<uint8_t> data(bytes + 1);
+  if (!data) no_memory();
+  if (data) {
+    rewind(file);
+    *size = static_cast<int64_t>(fread(data.get(), 1, static_cast<size_t>(bytes) + 1, file));
+  }
+  fclose(file);
+  return data.take();
+}
+
+void release(zyn_net* net) {
+  if (net->graph) zyn_release_computation_graph_handle(&net->graph);
+  for (int32_t id = 0; net->tensors && id < net->description.node_count; id++)
+    if (net->tensors[id]) zyn_release_tensor(&net->tensors[id]);
+  for (int32_t i = 0; net->outputs && i < net->description.output_count; i++)
+    if (net->outputs[i]) zyn_release_tensor(&net->outputs[i]);
+  void* blocks[] = {net->tensors, net->outputs,  net->texts,   net->ports,
+                    net->nodes,   net->metadata, net->methods, net->bytes};
+  for (void* block : blocks) zyn_free(block);
+  zyn_free(net);
+}
+
+int32_t release_net(zyn_net** net) {
+  release(*net);
+  *net = nullptr;
+  return ZYN_RET_OK;
+}
+using net_guard = zyn_guard<zyn_net, release_net>;
+
+// Tables by node and output, and the methods that the options and the file ask for.
+int32_t make_tables(zyn_net* net) {
+  if (const int32_t code = zyn_net_describe_file(net)) return code;
+  const zyn_net_description& d = net->description;
+  net->tensors = static_cast<zyn_tensor**>(zyn_calloc(d.node_count, sizeof(zyn_tensor*)));
+  net->outputs = static_cast<zyn_tensor**>(zyn_calloc(d.output_count, sizeof(zyn_tensor*)));
+  net->methods = static_cast<int32_t*>(zyn_calloc(d.node_count, sizeof(int32_t)));
+  return net->tensors && net->outputs && net->methods ? ZYN_RET_OK : no_memory();
+}
+
+int32_t prepare(zyn_net* net) {
+  if (const int32_t code = make_tables(net)) return code;
+  zyn_net_choose_methods(net);
+  if (const int32_t code = zyn_net_build(net)) return code;
+  if (const int32_t code = zyn_prepare_inference_computation(net->graph)) return code;
+  zyn_net_describe_nodes(net);
+  return ZYN_RET_OK;
+}
+
+// Takes bytes over. Null with an explanation.
+zyn_net* load(void* bytes, int64_t size, const zyn_net_options& options) {
+  const zyn_quiet quiet;
+  void* block = zyn_malloc(sizeof(zyn_net));
+  if (!block) {
+    zyn_free(bytes);
+    no_memory();
+    return nullptr;
+  }
+  net_guard net(new (block) zyn_net{});
+  net->bytes = bytes;
+  net->options = options;
+  if (check_options(options) != ZYN_RET_OK || net->file.open(bytes, size) != ZYN_RET_OK ||
+      prepare(net.get()) != ZYN_RET_OK)
+    return nullptr;
+  return net.take();
+}
+
+const zyn_net_port* find_port(const zyn_net_port* ports, int32_t count, const char* name) {
+  for (int32_t i = 0; i < count; i++)
+    if (!name || strcmp(ports[i].name, name) == 0) return &ports[i];
+  return nullptr;
+}
+
+}  // namespace
+
+zyn_net* zyn_net_load(const char* path, const zyn_net_options* options) {
+  if (!path) {
+    zyn_explain("the file's name is null");
+    return nullptr;
+  }
+  int64_t size = 0;
+  void* bytes = read_file(path, &size);
+  return bytes ? load(bytes, size, options ? *options : kDefaults) : nullptr;
+}
+
+zyn_net* zyn_net_load_memory(const void* data, int64_t size, const zyn_net_options* options) {
+  if (!data || size < 1) {
+    zyn_explain("there is no file at null, or of %lld bytes", static_cast<long long>(size));
+    return nullptr;
+  }
+  zyn_scratch<uint8_t> bytes(size);
+  if (!bytes) {
+    no_memory();
+    return nullptr;
+  }
+  memcpy(bytes.get(), data, static_cast<size_t>(size));
+  return load(bytes.take(), size, options ? *options : kDefaults);
+}
+
+int32_t zyn_net_release(zyn_net** net) {
+  if (!net || !*net) return zyn_refuse(ZYN_RET_ERR_PARA, "the network is null");
+  return release_net(net);
+}
+
+zyn_tensor* zyn_net_input(zyn_net* net, const char* name) {
+  const zyn_net_port* port =
+      net ? find_port(net->description.inputs, net->description.input_count, name) : nullptr;
+  if (port) return net->tensors[port->node];
+  zyn_explain("the network has no input '%s'", name ? name : "");
+  return nullptr;
+}
+
+int32_t zyn_net_run(zyn_net* net) {
+  if (!net) return zyn_refuse(ZYN_RET_ERR_PARA, "the network is null");
+  const zyn_quiet quiet;
+  return zyn_computation_graph_inference(net->graph);
+}
+
+const zyn_tensor* zyn_net_output(zyn_net* net, const char* name) {
+  const zyn_net_port* port =
+      net ? find_port(net->description.outputs, net->description.output_count, name) : nullptr;
+  if (!port) {
+    zyn_explain("the network has no output '%s'", name ? name : "");
+    return nullptr;
+  }
+  const zyn_quiet quiet;
+  const zyn_tensor* tensor = zyn_get_computation_node_inference_data(net->graph, port->node);
+  if (!tensor) return nullptr;
+  zyn_tensor** planar = &net->outputs[port - net->description.outputs];
+  const zyn_tensor* output = zyn_cg_planar(tensor, planar);
+  if (!output) no_memory();
+  return output;
+}
+
+zyn_cg_handle* zyn_net_graph(zyn_net* net) {
+  if (!net) zyn_explain("the network is null");
+  return net ? net->graph : nullptr;
+}

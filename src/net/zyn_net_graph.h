@@ -1,0 +1,42 @@
+// From a checked network file to a graph that is bound: what the loader and its choices
+// (methods, memory) share.
+#pragma once
+
+#include <stdint.h>
+
+#include "base/zyn_list.h"
+#include "net/zyn_net_file.h"
+#include "zyncore_net.h"
+
+// What a network owns; released in zyn_net_release.
+struct zyn_net {
+  zyn_cg_handle* graph;
+  void* bytes;            // the file, or null once nothing points into it
+  zyn_net_file file;      // a view of bytes
+  zyn_tensor** tensors;   // by node: inputs and constants, else null
+  zyn_tensor** outputs;   // by output: a planar copy where the node's is blocked, or null
+  char* texts;            // every text of the file with a zero behind it
+  zyn_net_port* ports;    // inputs, then outputs
+  zyn_net_node* nodes;    // by id
+  const char** metadata;  // keys, then values
+  int32_t* methods;       // by id: of convolutions 0, 1, 2; else -1
+  zyn_net_options options;
+  zyn_net_description description;
+};
+
+// Chooses net->methods by the options and the file.
+void zyn_net_choose_methods(zyn_net* net);
+
+// The graph of the network's file, every operator bound; convolutions take their method from
+// net->methods. 0 or a code with an explanation; what was made stays in net.
+int32_t zyn_net_build(zyn_net* net);
+
+// Names, ports, metadata, made before the graph; shapes and sizes of the prepared nodes.
+int32_t zyn_net_describe_file(zyn_net* net);
+void zyn_net_describe_nodes(zyn_net* net);
+
+// Whether nodes of a type compute by one of the methods.
+inline bool zyn_net_has_method(uint32_t type) {
+  return type == ZYN_OP_CONV || type == ZYN_OP_CONV_DEPTHWISE || type == ZYN_OP_CONV_POINTWISE ||
+         type == ZYN_OP_CONV_ACT || type == ZYN_OP_CONV_BN;
+}
