@@ -68,7 +68,7 @@ void release(zyn_net* net) {
   for (int32_t i = 0; net->outputs && i < net->description.output_count; i++)
     if (net->outputs[i]) zyn_release_tensor(&net->outputs[i]);
   void* blocks[] = {net->tensors, net->outputs,  net->texts,   net->ports,
-                    net->nodes,   net->metadata, net->methods, net->bytes};
+                    net->nodes,   net->metadata, net->methods, net->bytes, net->block};
   for (void* block : blocks) zyn_free(block);
   zyn_free(net);
 }
@@ -96,7 +96,7 @@ int32_t prepare(zyn_net* net) {
   if (const int32_t code = zyn_net_build(net)) return code;
   if (const int32_t code = zyn_prepare_inference_computation(net->graph)) return code;
   zyn_net_describe_nodes(net);
-  return ZYN_RET_OK;
+  return zyn_net_share_memory(net);
 }
 
 // Takes bytes over. Null with an explanation.

@@ -15,6 +15,7 @@ struct zyn_net {
   zyn_net_file file;      // a view of bytes
   zyn_tensor** tensors;   // by node: inputs and constants, else null
   zyn_tensor** outputs;   // by output: a planar copy where the node's is blocked, or null
+  void* block;              // all outputs of the graph share it
   char* texts;            // every text of the file with a zero behind it
   zyn_net_port* ports;    // inputs, then outputs
   zyn_net_node* nodes;    // by id
@@ -30,6 +31,9 @@ void zyn_net_choose_methods(zyn_net* net);
 // The graph of the network's file, every operator bound; convolutions take their method from
 // net->methods. 0 or a code with an explanation; what was made stays in net.
 int32_t zyn_net_build(zyn_net* net);
+
+// Puts the outputs of the prepared graph into one block, net->block. 0 or 2.
+int32_t zyn_net_share_memory(zyn_net* net);
 
 // Names, ports, metadata, made before the graph; shapes and sizes of the prepared nodes.
 int32_t zyn_net_describe_file(zyn_net* net);

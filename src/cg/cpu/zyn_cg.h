@@ -92,6 +92,11 @@ inline const zyn_darray* zyn_cg_inputs(const zyn_cg_handle* graph, int32_t node)
   return node >= 0 && node < graph->max_nodes ? graph->predecessors[node] : nullptr;
 }
 
+// The nodes that read a node; null when the id is out of range.
+inline const zyn_darray* zyn_cg_readers(const zyn_cg_handle* graph, int32_t node) {
+  return node >= 0 && node < graph->max_nodes ? graph->successors[node] : nullptr;
+}
+
 // Stores a fresh record and its run function for a node being bound.
 void zyn_cg_install(zyn_cg_handle* graph, int32_t node, void* record, zyn_cg_run_fn run);
 

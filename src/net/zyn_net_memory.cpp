@@ -1,0 +1,171 @@
+// One block for all outputs. An output lives from the node that writes it to the last node
+// that reads it; outputs that live at the same time lie apart, others share their place.
+// Offsets by falling size, each as low as those already placed allow (Pisarchyk and Lee,
+// "Efficient Memory Management for Deep Neural Net Inference", 2020).
+#include <string.h>
+
+#include "base/zyn_explain.h"
+#include "base/zyn_list.h"
+#include "cg/cpu/zyn_cg.h"
+#include "net/zyn_net_graph.h"
+
+namespace {
+
+constexpr int64_t kAlignment = 64;  // a cache line, and the widest vector
+// Placing compares every output with every other: larger networks keep one block for each.
+constexpr int64_t kMostNodes = 16384;
+
+struct buffer {
+  zyn_tensor* tensor;
+  int64_t bytes;
+  int32_t first, last;  // positions in the order of execution, both included
+  int64_t offset;
+};
+
+int32_t no_memory() { return zyn_refuse(ZYN_RET_ERR_MEMORY, "no memory for the network"); }
+
+int64_t round_up(int64_t bytes) { return (bytes + kAlignment - 1) / kAlignment * kAlignment; }
+
+bool overlap_in_time(const buffer& a, const buffer& b) {
+  return a.first <= b.last && b.first <= a.last;
+}
+
+class planner {
+ public:
+  explicit planner(zyn_net* net) : net_(net), graph_(net->graph) {}
+
+  // 0, or 2 without memory.
+  int32_t run() {
+    if (!find_positions() || !find_buffers()) return no_memory();
+    const int64_t bytes = place();
+    if (bytes < 0) return no_memory();
+    if (bytes == 0) return ZYN_RET_OK;
+    net_->block = zyn_malloc(bytes + kAlignment);
+    if (!net_->block) return no_memory();
+    auto* base = static_cast<uint8_t*>(net_->block);
+    base += (kAlignment - reinterpret_cast<uintptr_t>(base) % kAlignment) % kAlignment;
+    memset(base, 0, static_cast<size_t>(bytes));
+    for (int64_t i = 0; i < buffers_.count(); i++) {
+      const buffer& b = buffers_[i];
+      if (const int32_t code =
+              zyn_set_tensor_data(b.tensor, base + b.offset, b.tensor->byte_size))
+        return code;
+    }
+    return ZYN_RET_OK;
+  }
+
+ private:
+  bool find_positions() {
+    const int32_t count = net_->description.node_count;
+    for (int32_t k = 0; k < count; k++)
+      if (!positions_.push(k)) return false;
+    for (int32_t k = 0; k < count; k++) positions_[graph_->order[k]] = k;
+    return true;
+  }
+
+  // The tensors that nodes write, one row each; in-place operators share their input's.
+  bool find_buffers() {
+    const int32_t count = net_->description.node_count;
+    zyn_scratch<int32_t> row_of(count);
+    if (!row_of) return false;
+    for (int32_t k = 0; k < count; k++) {
+      const int32_t id = graph_->order[k];
+      row_of[id] = -1;
+      const zyn_net_node& node = net_->nodes[id];
+      if (node.type == ZYN_OP_INPUT || node.type == ZYN_OP_CONSTANT) continue;
+      zyn_tensor* tensor = zyn_get_computation_node_inference_data(graph_, id);
+      if (!tensor || is_input(tensor)) continue;
+      row_of[id] = shared_row(id, tensor, row_of.get());
+      if (row_of[id] < 0) {
+        row_of[id] = static_cast<int32_t>(buffers_.count());
+        if (!buffers_.push({tensor, round_up(tensor->byte_size), k, k, 0})) return false;
+      }
+      buffer& b = buffers_[row_of[id]];
+      const int32_t last = last_reader(id);
+      if (last > b.last) b.last = last;
+    }
+    return true;
+  }
+
+  // The row of a predecessor that has the same tensor, or -1.
+  int32_t shared_row(int32_t id, const zyn_tensor* tensor, const int32_t* row_of) const {
+    const zyn_darray* reads = zyn_cg_inputs(graph_, id);
+    for (int64_t i = 0; reads && i < reads->count; i++) {
+      const int32_t row = row_of[zyn_darray_ids(reads)[i]];
+      if (row >= 0 && buffers_[row].tensor == tensor) return row;
+    }
+    return -1;
+  }
+
+  bool is_input(const zyn_tensor* tensor) const {
+    for (int32_t i = 0; i < net_->description.input_count; i++)
+      if (net_->tensors[net_->description.inputs[i].node] == tensor) return true;
+    return false;
+  }
+
+  // The position of the last node that reads a node's output; the end for what stays
+  // readable.
+  int32_t last_reader(int32_t id) const {
+    const int32_t end = net_->description.node_count;
+    if (net_->options.keep_all == 1) return end;
+    for (int32_t i = 0; i < net_->description.output_count; i++)
+      if (net_->description.outputs[i].node == id) return end;
+    int32_t last = 0;
+    const zyn_darray* readers = zyn_cg_readers(graph_, id);
+    for (int64_t i = 0; readers && i < readers->count; i++) {
+      const int32_t at = positions_[zyn_darray_ids(readers)[i]];
+      if (at > last) last = at;
+    }
+    return last;
+  }
+
+  // Gives every buffer its offset; the bytes of the block, -1 without memory.
+  int64_t place() {
+    // By falling size; a stable order of equal ones keeps the result the same everywhere.
+    for (int64_t i = 1; i < buffers_.count(); i++) {
+      const buffer b = buffers_[i];
+      int64_t at = i;
+      for (; at > 0 && buffers_[at - 1].bytes < b.bytes; at--) buffers_[at] = buffers_[at - 1];
+      buffers_[at] = b;
+    }
+    if (!placed_.reserve(buffers_.count())) return -1;
+    int64_t end = 0;
+    for (int64_t i = 0; i < buffers_.count(); i++) {
+      const int64_t behind = place_lowest(static_cast<int32_t>(i));
+      if (behind > end) end = behind;
+    }
+    return end;
+  }
+
+  // Puts a buffer at the lowest offset where it meets none of those placed before; where it
+  // ends.
+  int64_t place_lowest(int32_t row) {
+    buffer& b = buffers_[row];
+    for (int64_t i = 0; i < placed_.count(); i++) {
+      const buffer& other = buffers_[placed_[i]];
+      if (!overlap_in_time(other, b)) continue;
+      if (other.offset >= b.offset + b.bytes) break;
+      const int64_t behind = other.offset + other.bytes;
+      if (behind > b.offset) b.offset = behind;
+    }
+    placed_.push(row);  // room was made before
+    int64_t at = placed_.count() - 1;
+    for (; at > 0 && buffers_[placed_[at - 1]].offset > b.offset; at--)
+      placed_[at] = placed_[at - 1];
+    placed_[at] = row;
+    return b.offset + b.bytes;
+  }
+
+  zyn_net* net_;
+  zyn_cg_handle* graph_;
+  zyn_list<buffer> buffers_;
+  zyn_list<int32_t> positions_;  // by node: where it stands in the order of execution
+  zyn_list<int32_t> placed_;     // rows by rising offset
+};
+
+}  // namespace
+
+int32_t zyn_net_share_memory(zyn_net* net) {
+  if (net->description.node_count > kMostNodes) return ZYN_RET_OK;
+  return planner(net).run();
+}
