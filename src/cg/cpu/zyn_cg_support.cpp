@@ -60,6 +60,18 @@ int32_t zyn_cg_inherit_q(zyn_cg_handle* graph, int32_t node, int32_t producer) {
   return ZYN_RET_OK;
 }
 
+int32_t zyn_cg_moved_input(zyn_cg_handle* graph, int32_t node, zyn_cg_io_state* state,
+                           zyn_tensor** input) {
+  if (!state) return ZYN_RET_ERR_PARA;
+  state->input = nullptr;
+  const zyn_cg_sources sources = zyn_cg_find_sources(graph, node);
+  *input = sources.count > 1 ? nullptr : sources.input;
+  if (!*input) return ZYN_RET_ERR_PARA;
+  if (zyn_cg_is_fixed_point(graph) && zyn_cg_check_input(graph, *input) != ZYN_RET_OK)
+    return ZYN_RET_ERR_PARA;
+  return zyn_cg_inherit_q(graph, node, sources.producer);
+}
+
 int32_t zyn_cg_quantize(zyn_tensor** quantized, const zyn_tensor* constant, uint32_t* q) {
   const int32_t code = zyn_cg_make_output(nullptr, quantized, constant->dim_count, constant->dims,
                                           ZYN_TYPE_FPI16, nullptr);
