@@ -10,8 +10,8 @@ using namespace zyn_test;
 namespace {
 
 zyn_conv_param conv(int in, int out, int kernel, int stride = 1, int groups = 1) {
-  return {in, out, kernel, kernel, stride, stride, kernel / 2, kernel / 2, {0, 0},
-          1,  1,   groups, 1,      {0},    0};
+  return {in,     out, kernel, kernel, stride, stride, kernel / 2, kernel / 2,
+          {0, 0}, 1,   1,      groups, 1,      {0},    0};
 }
 
 // Every finding as "error TEXT" or "warning TEXT".
@@ -65,30 +65,65 @@ TEST(Check, TextsOfMistakesInTheConstantAndTheRecord) {
     uint32_t method;
     Texts texts;
   } cases[] = {
-      {"constant one channel short", ZYN_OP_CONV, conv(4, 5, 3), 5 * 3 * 9 + 5, 2,
+      {"constant one channel short",
+       ZYN_OP_CONV,
+       conv(4, 5, 3),
+       5 * 3 * 9 + 5,
+       2,
        {"error node 2 CONV: constant holds 140 floats, 5 x 4 x 3 x 3 weights + 5 biases = 185 are "
         "needed"}},
-      {"constant too long", ZYN_OP_CONV, conv(4, 5, 3), 200, 2,
+      {"constant too long",
+       ZYN_OP_CONV,
+       conv(4, 5, 3),
+       200,
+       2,
        {"warning node 2 CONV: constant holds 200 floats, 5 x 4 x 3 x 3 weights + 5 biases = 185 "
         "are read and the rest is ignored"}},
-      {"in_channels", ZYN_OP_CONV, conv(3, 5, 3), 5 * 3 * 9 + 5, 2,
+      {"in_channels",
+       ZYN_OP_CONV,
+       conv(3, 5, 3),
+       5 * 3 * 9 + 5,
+       2,
        {"error node 2 CONV: in_channels is 3, the input (node 0) has 4 channels"}},
-      {"no constant", ZYN_OP_CONV, conv(4, 5, 3), 0, 2,
+      {"no constant",
+       ZYN_OP_CONV,
+       conv(4, 5, 3),
+       0,
+       2,
        {"error node 1 CONV: it has no constant: the edge from the node with its weights is "
         "missing"}},
-      {"kernel too large", ZYN_OP_CONV, {4, 5, 9, 9, 1, 1, 0, 0, {0, 0}, 1, 1, 1, 0, {0}, 0}, 1620,
+      {"kernel too large",
+       ZYN_OP_CONV,
+       {4, 5, 9, 9, 1, 1, 0, 0, {0, 0}, 1, 1, 1, 0, {0}, 0},
+       1620,
        2,
        {"error node 2 CONV: the output would be 0 x -2: a kernel of 9 x 9 on 8 x 6 with padding 0, "
         "0"}},
-      {"stride 0", ZYN_OP_CONV, {4, 5, 3, 3, 0, 1, 1, 1, {0, 0}, 1, 1, 1, 0, {0}, 0}, 180, 2,
+      {"stride 0",
+       ZYN_OP_CONV,
+       {4, 5, 3, 3, 0, 1, 1, 1, {0, 0}, 1, 1, 1, 0, {0}, 0},
+       180,
+       2,
        {"error node 2 CONV: stride_h is 0, at least 1 is needed"}},
-      {"a 1 x 1 kernel as type 3 under method 1", ZYN_OP_CONV, conv(4, 5, 1), 25, 1,
+      {"a 1 x 1 kernel as type 3 under method 1",
+       ZYN_OP_CONV,
+       conv(4, 5, 1),
+       25,
+       1,
        {"error node 2 CONV: method 1 computes 3 x 3 with padding 1 and strides 1 and 2, found 1 x "
         "1 with padding 0 and stride 1; choose method 0 for this node"}},
-      {"depthwise 7 x 7 under method 2", ZYN_OP_CONV_DEPTHWISE, conv(4, 4, 7, 1, 4), 200, 2,
+      {"depthwise 7 x 7 under method 2",
+       ZYN_OP_CONV_DEPTHWISE,
+       conv(4, 4, 7, 1, 4),
+       200,
+       2,
        {"error node 2 CONV_DEPTHWISE: method 2 computes depthwise kernels 3 with padding 1 and 5 "
         "with padding 2, strides 1 and 2, found 7 with 3 and 1; choose method 0 for this node"}},
-      {"two groups", ZYN_OP_CONV, conv(4, 4, 3, 1, 2), 300, 2,
+      {"two groups",
+       ZYN_OP_CONV,
+       conv(4, 4, 3, 1, 2),
+       300,
+       2,
        {"error node 2 CONV: 2 groups of 4 channels to 4: this type computes 1 group, or as many as "
         "both channel counts; CONV_GROUPED computes any"}},
   };
@@ -110,8 +145,7 @@ TEST(Check, TextsOfMistakesInEdgesAndBindings) {
   const auto make = [&](std::vector<std::pair<int, int>> edges, bool sort) {
     printed([&] {
       graph = zyn_create_computation_graph_handle(&settings);
-      for (const auto& [from, to] : edges)
-        zyn_add_one_edge_into_computation_graph(graph, from, to);
+      for (const auto& [from, to] : edges) zyn_add_one_edge_into_computation_graph(graph, from, to);
       if (sort) zyn_computation_graph_topo_sort(graph);
     });
     const Texts texts = findings(graph);
@@ -129,11 +163,10 @@ TEST(Check, TextsOfMistakesInEdgesAndBindings) {
                    "it with max_nodes of at least 5"}));
   EXPECT_EQ(make({{0, 1}, {1, 2}, {2, 3}, {3, 1}}, true),
             Texts({"error the edges lead in a circle: 1 < 3 < 2 < 1"}));
-  EXPECT_EQ(make({{0, 1}}, true),
-            Texts({"error node 0 NOTHING: has not been bound: call "
-                   "zyn_bind_operator_onto_computation_graph for it",
-                   "error node 1 NOTHING: has not been bound: call "
-                   "zyn_bind_operator_onto_computation_graph for it"}));
+  EXPECT_EQ(make({{0, 1}}, true), Texts({"error node 0 NOTHING: has not been bound: call "
+                                         "zyn_bind_operator_onto_computation_graph for it",
+                                         "error node 1 NOTHING: has not been bound: call "
+                                         "zyn_bind_operator_onto_computation_graph for it"}));
 }
 
 TEST(Check, TextsOfSharedInputsAndPooling) {

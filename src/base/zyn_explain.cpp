@@ -8,9 +8,11 @@
 namespace {
 
 thread_local char explanation[kZynExplanationBytes];
+thread_local uint64_t explanations = 0;  // how many there have been
 
 void set_explanation(const char* format, va_list arguments) {
   vsnprintf(explanation, sizeof(explanation), format, arguments);
+  explanations++;
   // One line, whatever a file name or message holds.
   for (char* c = explanation; *c; c++)
     if (static_cast<unsigned char>(*c) < ' ') *c = ' ';
@@ -45,3 +47,6 @@ void zyn_explain_where(const char* format, ...) {
   const size_t used = strlen(explanation);
   snprintf(explanation + used, sizeof(explanation) - used, "%s", what);
 }
+
+zyn_explanation_mark::zyn_explanation_mark() : count_(explanations) {}
+bool zyn_explanation_mark::passed() const { return explanations != count_; }

@@ -25,3 +25,14 @@ ZYN_FORMAT(2, 3) int32_t zyn_refuse(int32_t code, const char* format, ...);
 // Puts a text in front of this thread's explanation: where the failure happened, said by
 // the caller of what failed.
 ZYN_FORMAT(1, 2) void zyn_explain_where(const char* format, ...);
+
+// Tells whether this thread has explained anything since the mark was made: whoever called
+// what failed can say something general where nothing better was said.
+class zyn_explanation_mark {
+ public:
+  zyn_explanation_mark();
+  bool passed() const;
+
+ private:
+  uint64_t count_;
+};

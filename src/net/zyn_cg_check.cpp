@@ -22,8 +22,8 @@ bool is_in_place(int32_t type) {
 
 bool is_conv(int32_t type) {
   return type == ZYN_OP_CONV || type == ZYN_OP_CONV_DEPTHWISE || type == ZYN_OP_CONV_POINTWISE ||
-         type == ZYN_OP_CONV_GROUPED || type == ZYN_OP_CONV_TRANSPOSED ||
-         type == ZYN_OP_CONV_ACT || type == ZYN_OP_CONV_BN;
+         type == ZYN_OP_CONV_GROUPED || type == ZYN_OP_CONV_TRANSPOSED || type == ZYN_OP_CONV_ACT ||
+         type == ZYN_OP_CONV_BN;
 }
 
 const zyn_tensor* data_tensor(const zyn_cg_handle* graph, int32_t node) {
@@ -150,7 +150,8 @@ bool zyn_checker::check_order() {
     return false;
   }
   // Takes away what nothing leads to until only cycles and what follows them are left.
-  for (int32_t i = 0; i < count; i++) open[i] = static_cast<int32_t>(zyn_cg_inputs(graph_, i) ? zyn_cg_inputs(graph_, i)->count : 0);
+  for (int32_t i = 0; i < count; i++)
+    open[i] = static_cast<int32_t>(zyn_cg_inputs(graph_, i) ? zyn_cg_inputs(graph_, i)->count : 0);
   int32_t left = count;
   for (bool changed = true; changed;) {
     changed = false;
@@ -185,8 +186,7 @@ bool zyn_checker::check_order() {
     used += snprintf(path + used, sizeof(path) - static_cast<size_t>(used), " < %d", node);
     if (node == at) break;
   }
-  error(ZYN_CHECK_CYCLE, -1, "the edges lead in a circle: %s%s", path,
-        used >= 100 ? " < ..." : "");
+  error(ZYN_CHECK_CYCLE, -1, "the edges lead in a circle: %s%s", path, used >= 100 ? " < ..." : "");
   return false;
 }
 
@@ -194,8 +194,9 @@ void zyn_checker::check_bound() {
   for (int32_t node = 0; node < zyn_cg_node_count(graph_); node++) {
     const bool bound = graph_->bound && graph_->bound[node];
     if (!bound)
-      error(ZYN_CHECK_UNBOUND, node, "has not been bound: call "
-                                     "zyn_bind_operator_onto_computation_graph for it");
+      error(ZYN_CHECK_UNBOUND, node,
+            "has not been bound: call "
+            "zyn_bind_operator_onto_computation_graph for it");
     else if (!zyn_cg_record(graph_, node))
       error(ZYN_CHECK_TYPE, node, "its binding was refused, or its type computes nothing");
   }
@@ -206,8 +207,7 @@ bool zyn_checker::check_data_node(int32_t node) {
   const int32_t type = zyn_cg_node_type(graph_, node);
   const zyn_tensor* tensor = data_tensor(graph_, node);
   const zyn_darray* readers = zyn_cg_readers(graph_, node);
-  if (!readers || readers->count == 0)
-    warn(ZYN_CHECK_UNUSED, node, "no operator reads it");
+  if (!readers || readers->count == 0) warn(ZYN_CHECK_UNUSED, node, "no operator reads it");
   const zyn_check_shape shape = shape_of(tensor);
   if (!tensor || tensor->kind != ZYN_KIND_TENSOR || !shape.known()) {
     error(ZYN_CHECK_DATA, node, "its descriptor's data is no tensor");

@@ -30,11 +30,11 @@ struct zyn_check_shape {
 struct zyn_check_node {
   int32_t id;
   int32_t type;
-  const void* param;        // the record that it was bound with; null for types without
-  const zyn_darray* reads;  // ids of its predecessors
-  zyn_check_shape input;    // of the last predecessor that is not a constant
-  int32_t producer;         // its id, -1: there is none
-  int32_t producers;        // how many predecessors are not constants
+  const void* param;           // the record that it was bound with; null for types without
+  const zyn_darray* reads;     // ids of its predecessors
+  zyn_check_shape input;       // of the last predecessor that is not a constant
+  int32_t producer;            // its id, -1: there is none
+  int32_t producers;           // how many predecessors are not constants
   const zyn_tensor* constant;  // of the last constant, or null
   int32_t constants;
   uint32_t method;  // convolutions: 0, 1, 2

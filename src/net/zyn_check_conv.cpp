@@ -26,11 +26,16 @@ bool check_record(zyn_checker* check, const zyn_check_node& node) {
   const struct {
     const char* name;
     int32_t value, least;
-  } fields[] = {{"in_channels", p.in_channels, 1}, {"out_channels", p.out_channels, 1},
-                {"kernel_h", p.kernel_h, 1},       {"kernel_w", p.kernel_w, 1},
-                {"stride_h", p.stride_h, 1},       {"stride_w", p.stride_w, 1},
-                {"dilation_h", p.dilation_h, 1},   {"dilation_w", p.dilation_w, 1},
-                {"pad_h", p.pad_h, 0},             {"pad_w", p.pad_w, 0},
+  } fields[] = {{"in_channels", p.in_channels, 1},
+                {"out_channels", p.out_channels, 1},
+                {"kernel_h", p.kernel_h, 1},
+                {"kernel_w", p.kernel_w, 1},
+                {"stride_h", p.stride_h, 1},
+                {"stride_w", p.stride_w, 1},
+                {"dilation_h", p.dilation_h, 1},
+                {"dilation_w", p.dilation_w, 1},
+                {"pad_h", p.pad_h, 0},
+                {"pad_w", p.pad_w, 0},
                 {"groups", p.groups, has_groups(node) ? 1 : INT32_MIN}};
   bool good = true;
   for (const auto& field : fields) {
@@ -181,17 +186,18 @@ void check_activation(zyn_checker* check, const zyn_check_node& node) {
   const bool act = node.type == ZYN_OP_CONV_ACT, bn = node.type == ZYN_OP_CONV_BN;
   if (!act && !bn) return;
   const int32_t code = act ? p.word14.activation : p.activation;
-  const bool known = (code >= ZYN_ACT_BIAS && code <= ZYN_ACT_HARD_SWISH) ||
-                     (check->is_fixed_point() && code == kFixedRelu6) ||
-                     (bn && code == ZYN_ACT_HARD_SIGMOID && !check->is_fixed_point() &&
-                      node.method == 2);
+  const bool known =
+      (code >= ZYN_ACT_BIAS && code <= ZYN_ACT_HARD_SWISH) ||
+      (check->is_fixed_point() && code == kFixedRelu6) ||
+      (bn && code == ZYN_ACT_HARD_SIGMOID && !check->is_fixed_point() && node.method == 2);
   if (!known)
     check->warn(ZYN_CHECK_ACTIVATION, node.id,
                 "activation code %d computes nothing here: the output is the plain convolution "
                 "without bias; codes are 0 (bias), 1 (ReLU), 2 (hard-swish)%s",
-                code, check->is_fixed_point() ? ", 3 (ReLU6)"
-                      : bn && node.method == 2 ? ", 4 (hard-sigmoid)"
-                                               : "");
+                code,
+                check->is_fixed_point()  ? ", 3 (ReLU6)"
+                : bn && node.method == 2 ? ", 4 (hard-sigmoid)"
+                                         : "");
 }
 
 // The fraction bits of input and weights reach the output's. The weights' follow from the

@@ -91,9 +91,8 @@ void check_pooling(zyn_checker* check, const zyn_check_node& node, zyn_check_sha
   if (!zyn_check_reads(check, node, false)) return;
   const auto& p = record<zyn_pool_param>(node);
   if (p.kernel_h < 1 || p.kernel_w < 1 || p.stride_h < 1 || p.stride_w < 1) {
-    check->error(ZYN_CHECK_RECORD, node.id,
-                 "kernel %d x %d and stride %d, %d: each is at least 1", p.kernel_h, p.kernel_w,
-                 p.stride_h, p.stride_w);
+    check->error(ZYN_CHECK_RECORD, node.id, "kernel %d x %d and stride %d, %d: each is at least 1",
+                 p.kernel_h, p.kernel_w, p.stride_h, p.stride_w);
     return;
   }
   *output = node.input;
@@ -135,16 +134,14 @@ void check_linear(zyn_checker* check, const zyn_check_node& node, zyn_check_shap
   if (held < needed)
     check->error(ZYN_CHECK_CONSTANT_SHORT, node.id,
                  "constant holds %lld floats, %u x %lld weights + %lld biases = %lld are needed",
-                 static_cast<long long>(held), p.out_features,
-                 static_cast<long long>(in.extent(0)), static_cast<long long>(biases),
-                 static_cast<long long>(needed));
+                 static_cast<long long>(held), p.out_features, static_cast<long long>(in.extent(0)),
+                 static_cast<long long>(biases), static_cast<long long>(needed));
   if (held > needed)
     check->warn(ZYN_CHECK_CONSTANT_LONG, node.id,
                 "constant holds %lld floats, %u x %lld weights + %lld biases = %lld are read and "
                 "the rest is ignored",
-                static_cast<long long>(held), p.out_features,
-                static_cast<long long>(in.extent(0)), static_cast<long long>(biases),
-                static_cast<long long>(needed));
+                static_cast<long long>(held), p.out_features, static_cast<long long>(in.extent(0)),
+                static_cast<long long>(biases), static_cast<long long>(needed));
   if (in.extent(1) > 1 && p.bias == 1)
     check->warn(ZYN_CHECK_SHAPE, node.id, "the bias is added to the first of %lld rows alone",
                 static_cast<long long>(in.extent(1)));
@@ -243,8 +240,9 @@ void check_reshape(zyn_checker* check, const zyn_check_node& node, zyn_check_sha
     if (p.dims[i] == -1 && open < 0) {
       open = i;
     } else if (p.dims[i] < 1) {
-      check->error(ZYN_CHECK_RECORD, node.id, "extent %d is %d: one may be -1, the others are at "
-                                              "least 1",
+      check->error(ZYN_CHECK_RECORD, node.id,
+                   "extent %d is %d: one may be -1, the others are at "
+                   "least 1",
                    i, p.dims[i]);
       output->dim_count = 0;
       return;
@@ -282,16 +280,15 @@ void check_concat(zyn_checker* check, const zyn_check_node& node, zyn_check_shap
     if (!in.known()) return;
     if (j == 0) first = in;
     if (p.axis < 0 || p.axis >= first.dim_count || first.dim_count > 3) {
-      check->error(ZYN_CHECK_RECORD, node.id, "axis %d of %s: the axis is one of at most 3",
-                   p.axis, extents_text(first).text);
+      check->error(ZYN_CHECK_RECORD, node.id, "axis %d of %s: the axis is one of at most 3", p.axis,
+                   extents_text(first).text);
       return;
     }
     for (int32_t d = 0; d < 5; d++)
       if (d != p.axis && in.extent(d) != first.extent(d)) {
-        check->error(ZYN_CHECK_SHAPE, node.id,
-                     "%s (node %d) and %s (node %d) differ beside axis %d",
-                     extents_text(first).text, p.nodes[0], extents_text(in).text, p.nodes[j],
-                     p.axis);
+        check->error(
+            ZYN_CHECK_SHAPE, node.id, "%s (node %d) and %s (node %d) differ beside axis %d",
+            extents_text(first).text, p.nodes[0], extents_text(in).text, p.nodes[j], p.axis);
         return;
       }
     along += in.extent(p.axis);
@@ -336,26 +333,25 @@ struct rule_row {
   bool has_record;
   rule check;
 };
-constexpr rule_row kRules[] = {
-    {ZYN_OP_FUNCTION, true, check_function},
-    {ZYN_OP_BATCH_NORM, true, check_normalisation},
-    {ZYN_OP_BATCH_NORM_FAST, true, check_normalisation},
-    {ZYN_OP_SIGMOID, false, check_activation},
-    {ZYN_OP_RELU, false, check_activation},
-    {ZYN_OP_RELU6, false, check_activation},
-    {ZYN_OP_HARD_SWISH, false, check_activation},
-    {ZYN_OP_MISH, false, check_activation},
-    {ZYN_OP_MAX_POOL, true, check_pooling},
-    {ZYN_OP_AVERAGE_POOL, true, check_pooling},
-    {ZYN_OP_LINEAR, true, check_linear},
-    {ZYN_OP_ADD, false, check_join},
-    {ZYN_OP_MULTIPLY, false, check_join},
-    {ZYN_OP_RESAMPLE, true, check_resample},
-    {ZYN_OP_AFFINE, true, check_affine},
-    {ZYN_OP_RESHAPE, true, check_reshape},
-    {ZYN_OP_CONCAT, true, check_concat},
-    {ZYN_OP_CHANNEL_SLICE, true, check_slice},
-    {ZYN_OP_CHANNEL_GATHER, true, check_gather}};
+constexpr rule_row kRules[] = {{ZYN_OP_FUNCTION, true, check_function},
+                               {ZYN_OP_BATCH_NORM, true, check_normalisation},
+                               {ZYN_OP_BATCH_NORM_FAST, true, check_normalisation},
+                               {ZYN_OP_SIGMOID, false, check_activation},
+                               {ZYN_OP_RELU, false, check_activation},
+                               {ZYN_OP_RELU6, false, check_activation},
+                               {ZYN_OP_HARD_SWISH, false, check_activation},
+                               {ZYN_OP_MISH, false, check_activation},
+                               {ZYN_OP_MAX_POOL, true, check_pooling},
+                               {ZYN_OP_AVERAGE_POOL, true, check_pooling},
+                               {ZYN_OP_LINEAR, true, check_linear},
+                               {ZYN_OP_ADD, false, check_join},
+                               {ZYN_OP_MULTIPLY, false, check_join},
+                               {ZYN_OP_RESAMPLE, true, check_resample},
+                               {ZYN_OP_AFFINE, true, check_affine},
+                               {ZYN_OP_RESHAPE, true, check_reshape},
+                               {ZYN_OP_CONCAT, true, check_concat},
+                               {ZYN_OP_CHANNEL_SLICE, true, check_slice},
+                               {ZYN_OP_CHANNEL_GATHER, true, check_gather}};
 
 }  // namespace
 
@@ -380,10 +376,10 @@ bool zyn_check_reads(zyn_checker* check, const zyn_check_node& node, bool with_c
                  static_cast<long long>(node.reads->count));
     good = false;
   }
-  if (good && node.constant && node.constant->type != ZYN_TYPE_F32 &&
-      node.type != ZYN_OP_LINEAR) {
-    check->error(ZYN_CHECK_DATA, node.id, "its constant has element type %u, floats (type %d) are "
-                                          "needed",
+  if (good && node.constant && node.constant->type != ZYN_TYPE_F32 && node.type != ZYN_OP_LINEAR) {
+    check->error(ZYN_CHECK_DATA, node.id,
+                 "its constant has element type %u, floats (type %d) are "
+                 "needed",
                  node.constant->type, ZYN_TYPE_F32);
     good = false;
   }

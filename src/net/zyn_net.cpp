@@ -67,8 +67,8 @@ void release(zyn_net* net) {
     if (net->tensors[id]) zyn_release_tensor(&net->tensors[id]);
   for (int32_t i = 0; net->outputs && i < net->description.output_count; i++)
     if (net->outputs[i]) zyn_release_tensor(&net->outputs[i]);
-  void* blocks[] = {net->tensors, net->outputs,  net->texts,   net->ports,
-                    net->nodes,   net->metadata, net->methods, net->bytes, net->block};
+  void* blocks[] = {net->tensors,  net->outputs, net->texts, net->ports, net->nodes,
+                    net->metadata, net->methods, net->bytes, net->block};
   for (void* block : blocks) zyn_free(block);
   zyn_free(net);
 }
@@ -79,6 +79,18 @@ int32_t release_net(zyn_net** net) {
   return ZYN_RET_OK;
 }
 using net_guard = zyn_guard<zyn_net, release_net>;
+
+// Refuses a graph with errors; the first is the explanation.
+int32_t check_graph(const zyn_net* net) {
+  zyn_cg_report* report = nullptr;
+  if (const int32_t code = zyn_cg_check(net->graph, &report)) return code;
+  if (report->errors == 1) zyn_explain("%s", report->findings[0].text);
+  if (report->errors > 1)
+    zyn_explain("%s (and %d more)", report->findings[0].text, report->errors - 1);
+  const int32_t code = report->errors > 0 ? ZYN_RET_ERR_PARA : ZYN_RET_OK;
+  zyn_release_cg_report(&report);
+  return code;
+}
 
 // Tables by node and output, and the methods that the options and the file ask for.
 int32_t make_tables(zyn_net* net) {
@@ -94,6 +106,7 @@ int32_t prepare(zyn_net* net) {
   if (const int32_t code = make_tables(net)) return code;
   zyn_net_choose_methods(net);
   if (const int32_t code = zyn_net_build(net)) return code;
+  if (const int32_t code = check_graph(net)) return code;
   if (const int32_t code = zyn_prepare_inference_computation(net->graph)) return code;
   zyn_net_describe_nodes(net);
   return zyn_net_share_memory(net);

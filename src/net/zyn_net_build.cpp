@@ -30,6 +30,9 @@ int32_t make_graph(zyn_net* net) {
   net->graph = zyn_create_computation_graph_handle(&settings);
   if (!net->graph) return no_memory();
   for (int32_t id = 0; id < settings.max_nodes; id++) {
+    if (net->nodes[id].name[0] &&
+        zyn_cg_set_node_name(net->graph, id, net->nodes[id].name) != ZYN_RET_OK)
+      return no_memory();
     const zyn_file_node node = net->file.node(id);
     for (uint32_t i = 0; i < node.inputs.count; i++)
       if (const int32_t code = zyn_add_one_edge_into_computation_graph(

@@ -16,6 +16,8 @@ constexpr int64_t kMostElements = INT32_MAX;
 constexpr int32_t kRefused = ZYN_RET_ERR_PARA;
 // Most inputs, outputs and metadata: their names are compared with each other.
 constexpr int64_t kMostNamed = 1024;
+// Edges and shared memory are found by comparing nodes with each other.
+constexpr int64_t kMostNodes = 16384;
 
 const char* const kSectionNames[ZYN_FILE_SECTIONS] = {
     "",       "texts",   "nodes",         "words",   "constants", "data",
@@ -210,9 +212,10 @@ int32_t zyn_net_file::check_constants() const {
 }
 
 int32_t zyn_net_file::check_nodes() const {
-  if (count(ZYN_FILE_NODES) > INT32_MAX)
-    return zyn_refuse(kRefused, "too many nodes: %lld",
-                      static_cast<long long>(count(ZYN_FILE_NODES)));
+  if (count(ZYN_FILE_NODES) > kMostNodes)
+    return zyn_refuse(kRefused, "the file has %lld nodes, at most %lld are read",
+                      static_cast<long long>(count(ZYN_FILE_NODES)),
+                      static_cast<long long>(kMostNodes));
   int64_t inputs_seen = 0, words_used = 0;
   for (int64_t id = 0; id < count(ZYN_FILE_NODES); id++) {
     const zyn_file_node n = node(id);

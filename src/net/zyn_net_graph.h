@@ -15,7 +15,7 @@ struct zyn_net {
   zyn_net_file file;      // a view of bytes
   zyn_tensor** tensors;   // by node: inputs and constants, else null
   zyn_tensor** outputs;   // by output: a planar copy where the node's is blocked, or null
-  void* block;              // all outputs of the graph share it
+  void* block;            // all outputs of the graph share it
   char* texts;            // every text of the file with a zero behind it
   zyn_net_port* ports;    // inputs, then outputs
   zyn_net_node* nodes;    // by id

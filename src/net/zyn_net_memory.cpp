@@ -12,8 +12,6 @@
 namespace {
 
 constexpr int64_t kAlignment = 64;  // a cache line, and the widest vector
-// Placing compares every output with every other: larger networks keep one block for each.
-constexpr int64_t kMostNodes = 16384;
 
 struct buffer {
   zyn_tensor* tensor;
@@ -47,8 +45,7 @@ class planner {
     memset(base, 0, static_cast<size_t>(bytes));
     for (int64_t i = 0; i < buffers_.count(); i++) {
       const buffer& b = buffers_[i];
-      if (const int32_t code =
-              zyn_set_tensor_data(b.tensor, base + b.offset, b.tensor->byte_size))
+      if (const int32_t code = zyn_set_tensor_data(b.tensor, base + b.offset, b.tensor->byte_size))
         return code;
     }
     return ZYN_RET_OK;
@@ -165,7 +162,4 @@ class planner {
 
 }  // namespace
 
-int32_t zyn_net_share_memory(zyn_net* net) {
-  if (net->description.node_count > kMostNodes) return ZYN_RET_OK;
-  return planner(net).run();
-}
+int32_t zyn_net_share_memory(zyn_net* net) { return planner(net).run(); }

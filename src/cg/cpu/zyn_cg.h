@@ -40,6 +40,12 @@ enum zyn_cg_stage : uint8_t {
   ZYN_STAGE_STALE   // tried in vain, or prepared by an earlier preparation only
 };
 
+// What a node was bound with, for whoever examines the graph.
+struct zyn_cg_binding {
+  void* param;      // a copy of the record, lists behind it; null without
+  uint32_t method;  // the graph's convolution method then
+};
+
 struct zyn_cg_handle {
   int32_t max_nodes;
   zyn_darray* nodes;           // i32: every id of an edge, in order of appearance
@@ -59,10 +65,13 @@ struct zyn_cg_handle {
   uint32_t fixed_point;  // 1: fixed point; anything else: float
   uint32_t* q_list;      // by id, max_nodes entries, or null
   // What follows is not of the described record.
-  int32_t record_count;  // number of nodes at the first binding; later ones have no room
-  int32_t sorted_count;  // number of nodes at the last sort
-  int32_t list_count;    // ids with room for edge lists
-  zyn_cg_stage* stages;  // by id
+  int32_t record_count;      // number of nodes at the first binding; later ones have no room
+  int32_t sorted_count;      // number of nodes at the last sort
+  int32_t list_count;        // ids with room for edge lists
+  zyn_cg_stage* stages;      // by id
+  zyn_cg_binding* bindings;  // by id, record_count entries
+  char** names;              // by id, name_count entries: null where a node has none
+  int32_t name_count;
 };
 
 // A stored data node (types 0, 1, 2): a copy of its descriptor with extra cleared.
@@ -94,9 +103,9 @@ inline const zyn_darray* zyn_cg_inputs(const zyn_cg_handle* graph, int32_t node)
   return node >= 0 && node < graph->list_count ? graph->predecessors[node] : nullptr;
 }
 
-// The nodes that read a node; null when the id is out of range.
+// The nodes that read a node; null when no edge has named an id that far.
 inline const zyn_darray* zyn_cg_readers(const zyn_cg_handle* graph, int32_t node) {
-  return node >= 0 && node < graph->max_nodes ? graph->successors[node] : nullptr;
+  return node >= 0 && node < graph->list_count ? graph->successors[node] : nullptr;
 }
 
 // Stores a fresh record and its run function for a node being bound.

@@ -3,8 +3,11 @@
 // the operator table; nothing here knows an operator's inside.
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "base/zyn_report.h"
+#include "cg/cpu/zyn_cg_names.h"
+#include "cg/cpu/zyn_cg_records.h"
 #include "cg/cpu/zyn_cg_support.h"
 
 namespace {
@@ -94,6 +97,14 @@ void release_records(zyn_cg_handle* graph) {
   zyn_free(graph->records);
 }
 
+void release_bindings(zyn_cg_handle* graph) {
+  for (int32_t id = 0; graph->bindings && id < graph->record_count; id++)
+    zyn_free(graph->bindings[id].param);
+  zyn_free(graph->bindings);
+  for (int32_t id = 0; id < graph->name_count; id++) zyn_free(graph->names[id]);
+  zyn_free(graph->names);
+}
+
 bool has_node(const zyn_darray* nodes, int32_t node) {
   const int32_t* ids = zyn_darray_ids(nodes);
   for (int64_t i = 0; i < nodes->count; i++)
@@ -144,7 +155,9 @@ bool make_binding_arrays(zyn_cg_handle* graph) {
   zyn_scratch<void*> extras = zyn_scratch<void*>::zeroed(count + 1);
   zyn_scratch<zyn_cg_stage> stages = zyn_scratch<zyn_cg_stage>::zeroed(count + 1);
   zyn_scratch<void*> records = zyn_scratch<void*>::zeroed(count + 1);
-  if (!run || !extras || !stages || !records) return false;
+  zyn_scratch<zyn_cg_binding> bindings = zyn_scratch<zyn_cg_binding>::zeroed(count + 1);
+  if (!run || !extras || !stages || !records || !bindings) return false;
+  graph->bindings = bindings.take();
   graph->run = run.take();
   graph->extras = extras.take();
   graph->stages = stages.take();
@@ -163,10 +176,22 @@ bool is_stale(const zyn_cg_handle* graph, int32_t node) {
   return graph->stages && graph->stages[node] == ZYN_STAGE_STALE;
 }
 
+// Says which node failed with a code, in front of what its operator said; code.
+int32_t explain_node(const zyn_cg_handle* graph, int32_t node, int32_t type, int32_t code,
+                     const zyn_explanation_mark& mark) {
+  if (!mark.passed()) zyn_explain("failed with code %d", code);
+  char name[kZynExplanationBytes];
+  zyn_cg_name_node(graph, node, type, name, sizeof(name));
+  zyn_explain_where("%s", name);
+  return code;
+}
+
 // Prepares a node that has a record.
 int32_t prepare_node(zyn_cg_handle* graph, int32_t node, int32_t type) {
   const zyn_cg_prepare_fn prepare = graph->operators[type].prepare;
+  const zyn_explanation_mark mark;
   const int32_t code = prepare ? prepare(graph, node) : ZYN_RET_OK;
+  if (code != ZYN_RET_OK) explain_node(graph, node, type, code, mark);
   graph->stages[node] = code == ZYN_RET_OK ? ZYN_STAGE_READY : ZYN_STAGE_STALE;
   return code;
 }
@@ -214,6 +239,7 @@ int32_t zyn_release_computation_graph_handle(zyn_cg_handle** handle) {
   zyn_free(graph->run);
   zyn_free(graph->extras);
   zyn_free(graph->stages);
+  release_bindings(graph);
   release_records(graph);
   if (graph->nodes) zyn_release_darray(&graph->nodes);
   zyn_free(graph->order);
@@ -275,7 +301,14 @@ int32_t zyn_bind_operator_onto_computation_graph(zyn_cg_handle* graph, int32_t n
   graph->bound[node] = 1;  // On purpose before the operator: a refusal leaves it bound.
   if (is_data_type(static_cast<uint32_t>(desc->type))) return store_data_node(graph, node, desc);
   const zyn_cg_bind_fn bind = graph->operators[desc->type].bind;
-  return bind ? bind(graph, node, param) : ZYN_RET_OK;
+  if (!bind) return ZYN_RET_OK;
+  zyn_cg_binding* binding = &graph->bindings[node];
+  binding->method = graph->conv_method;
+  if (!zyn_cg_copy_record(desc->type, param, &binding->param))
+    return zyn_refuse(ZYN_RET_ERR_MEMORY, "no memory for the record of node %d", node);
+  const zyn_explanation_mark mark;
+  const int32_t code = bind(graph, node, param);
+  return code == ZYN_RET_OK ? code : explain_node(graph, node, desc->type, code, mark);
 }
 
 int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph) {

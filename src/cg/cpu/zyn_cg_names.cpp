@@ -1,7 +1,12 @@
-// Names of operators.
+// Names of operators and nodes.
 #include "cg/cpu/zyn_cg_names.h"
 
-#include "zyncore.h"
+#include <stdio.h>
+#include <string.h>
+
+#include "base/zyn_explain.h"
+#include "base/zyn_memory.h"
+#include "cg/cpu/zyn_cg.h"
 
 const char* zyn_cg_operation_name(int32_t type) {
   static constexpr struct {
@@ -41,4 +46,35 @@ const char* zyn_cg_operation_name(int32_t type) {
   for (const auto& row : kNames)
     if (row.type == type) return row.name;
   return "NOTHING";
+}
+
+int zyn_cg_name_node(const zyn_cg_handle* graph, int32_t node, int32_t type, char* buffer,
+                     size_t size) {
+  const char* name = graph && node >= 0 && node < graph->name_count ? graph->names[node] : nullptr;
+  const int used = snprintf(buffer, size, name ? "node %d '%s' %s: " : "node %d%s %s: ", node,
+                            name ? name : "", type >= 0 ? zyn_cg_operation_name(type) : "unbound");
+  return used < static_cast<int>(size) ? used : static_cast<int>(size) - 1;
+}
+
+int32_t zyn_cg_set_node_name(zyn_cg_handle* graph, int32_t node, const char* name) {
+  if (!graph || !name || node < 0 || node >= graph->max_nodes)
+    return zyn_refuse(ZYN_RET_ERR_PARA, "a graph, one of its node ids and a name are needed");
+  if (node >= graph->name_count) {
+    const int64_t before = graph->name_count;
+    const int64_t after =
+        2 * int64_t{node} + 8 < graph->max_nodes ? 2 * int64_t{node} + 8 : graph->max_nodes;
+    auto* names =
+        static_cast<char**>(zyn_grow(graph->names, after * static_cast<int64_t>(sizeof(char*))));
+    if (!names) return zyn_refuse(ZYN_RET_ERR_MEMORY, "no memory for a name");
+    memset(names + before, 0, static_cast<size_t>(after - before) * sizeof(char*));
+    graph->names = names;
+    graph->name_count = static_cast<int32_t>(after);
+  }
+  const size_t bytes = strlen(name) + 1;
+  auto* copy = static_cast<char*>(zyn_malloc(static_cast<int64_t>(bytes)));
+  if (!copy) return zyn_refuse(ZYN_RET_ERR_MEMORY, "no memory for a name");
+  memcpy(copy, name, bytes);
+  zyn_free(graph->names[node]);
+  graph->names[node] = copy;
+  return ZYN_RET_OK;
 }
