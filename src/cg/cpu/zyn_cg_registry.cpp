@@ -7,25 +7,18 @@
 namespace {
 
 void register_convolutions(zyn_cg_operator* rows) {
-  rows[3] = {zyn_cg_bind_conv, zyn_cg_prepare_conv, zyn_cg_release_conv, zyn_cg_output_conv,
-             nullptr};
-  rows[4] = rows[3];
-  rows[4].bind = zyn_cg_bind_conv_depthwise;
-  rows[5] = {zyn_cg_bind_conv_pointwise, zyn_cg_prepare_conv_pointwise,
-             zyn_cg_release_conv_pointwise, zyn_cg_output_conv, nullptr};
-  rows[12] = {zyn_cg_bind_conv_act, zyn_cg_prepare_conv_act, zyn_cg_release_conv_act,
-              zyn_cg_output_conv_act, nullptr};
-  rows[13] = {zyn_cg_bind_conv_bn, zyn_cg_prepare_conv_bn, zyn_cg_release_conv_bn,
-              zyn_cg_output_conv_bn, nullptr};
+  rows[ZYN_OP_CONV] = zyn_cg_conv_row;
+  rows[ZYN_OP_CONV_DEPTHWISE] = zyn_cg_conv_depthwise_row;
+  rows[ZYN_OP_CONV_POINTWISE] = zyn_cg_conv_pointwise_row;
+  rows[ZYN_OP_CONV_GROUPED] = zyn_cg_conv_grouped_row;
+  rows[ZYN_OP_CONV_TRANSPOSED] = zyn_cg_conv_transposed_row;
+  rows[ZYN_OP_CONV_ACT] = zyn_cg_conv_act_row;
+  rows[ZYN_OP_CONV_BN] = zyn_cg_conv_bn_row;
 }
 
 // Operators that are not one of the convolutions above.
 void register_plain_operators(zyn_cg_operator* rows) {
-  const zyn_cg_release_fn io = zyn_cg_release_io;  // types 7, 8, 22, 23, 30
-  rows[7] = {zyn_cg_bind_conv_grouped, zyn_cg_prepare_conv_grouped, io, zyn_cg_output_conv,
-             nullptr};
-  rows[8] = {zyn_cg_bind_conv_transposed, zyn_cg_prepare_conv_transposed, io, zyn_cg_output_conv,
-             nullptr};
+  const zyn_cg_release_fn io = zyn_cg_release_io;  // types 22, 23, 30
   rows[9] = {zyn_cg_bind_func, zyn_cg_prepare_func, zyn_cg_release_func, zyn_cg_output_func,
              nullptr};
   rows[10] = {zyn_cg_bind_bn, zyn_cg_prepare_bn, zyn_cg_release_bn, zyn_cg_output_bn, nullptr};

@@ -42,10 +42,14 @@ int32_t zyn_cg_only_input(zyn_cg_handle* graph, int32_t node, zyn_tensor** input
   return ZYN_RET_OK;
 }
 
+bool zyn_cg_read_fraction_bits(const zyn_cg_handle* graph, int32_t node, int32_t* q) {
+  if (!graph->q_list || node < 0 || node >= graph->max_nodes) return false;
+  *q = static_cast<int32_t>(graph->q_list[node]);
+  return true;
+}
+
 bool zyn_cg_read_q(const zyn_cg_handle* graph, int32_t node, int32_t* q) {
-  const uint32_t listed = zyn_cg_get_q_from_list(graph, node);
-  *q = static_cast<int32_t>(listed);
-  return listed <= 15;
+  return zyn_cg_read_fraction_bits(graph, node, q) && *q >= 0 && *q <= 15;
 }
 
 int32_t zyn_cg_inherit_q(zyn_cg_handle* graph, int32_t node, int32_t producer) {

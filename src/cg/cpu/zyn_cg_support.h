@@ -84,6 +84,10 @@ inline int32_t zyn_cg_check_input(const zyn_cg_handle* graph, const zyn_tensor* 
   return usable ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
 }
 
+// The Q list's entry of a node as a signed count, in no range; false without a list or for an
+// id outside it.
+bool zyn_cg_read_fraction_bits(const zyn_cg_handle* graph, int32_t node, int32_t* q);
+
 // The Q list's entry of a node; false unless it is 0 to 15, the fraction bits that 16-bit
 // values can have.
 bool zyn_cg_read_q(const zyn_cg_handle* graph, int32_t node, int32_t* q);

@@ -4,33 +4,20 @@
 
 #include "cg/cpu/zyn_cg.h"
 
-// zyn_cg_conv.cpp: standard, depthwise and pointwise convolution (types 3, 4, 5).
-int32_t zyn_cg_bind_conv(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_bind_conv_depthwise(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_bind_conv_pointwise(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_conv(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_prepare_conv_pointwise(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_conv(void** record);
-int32_t zyn_cg_release_conv_pointwise(void** record);
+// zyn_cg_conv.cpp: standard, depthwise and pointwise convolution.
+extern const zyn_cg_operator zyn_cg_conv_row;
+extern const zyn_cg_operator zyn_cg_conv_depthwise_row;
+extern const zyn_cg_operator zyn_cg_conv_pointwise_row;
+// Slot 3 of types 3, 4, 5, 7 and 8, whose states begin alike.
 zyn_tensor* zyn_cg_output_conv(zyn_cg_handle* graph, int32_t node);
 
-// zyn_cg_op_fusion.cpp: convolution with activation (12), with folded normalisation
-// and activation (13).
-int32_t zyn_cg_bind_conv_act(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_conv_act(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_conv_act(void** record);
-zyn_tensor* zyn_cg_output_conv_act(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_bind_conv_bn(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_conv_bn(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_conv_bn(void** record);
-zyn_tensor* zyn_cg_output_conv_bn(zyn_cg_handle* graph, int32_t node);
+// zyn_cg_op_fusion.cpp: convolution with activation, and with normalisation before it.
+extern const zyn_cg_operator zyn_cg_conv_act_row;
+extern const zyn_cg_operator zyn_cg_conv_bn_row;
 
-// zyn_cg_group_conv.cpp: grouped (7) and transposed (8) convolution. Their output slot is
-// zyn_cg_output_conv, their release zyn_cg_release_io.
-int32_t zyn_cg_bind_conv_grouped(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_conv_grouped(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_bind_conv_transposed(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_conv_transposed(zyn_cg_handle* graph, int32_t node);
+// zyn_cg_group_conv.cpp: convolution in groups and transposed convolution.
+extern const zyn_cg_operator zyn_cg_conv_grouped_row;
+extern const zyn_cg_operator zyn_cg_conv_transposed_row;
 
 // zyn_cg_func.cpp: functions (9), addition (27), multiplication (28).
 int32_t zyn_cg_bind_func(zyn_cg_handle* graph, int32_t node, const void* param);
