@@ -492,8 +492,8 @@ TEST(FixedPoint, PreparationRefusesListsThatDoNotFitAndTheNodeDoesNotRun) {
       const int32_t code = linear ? c.linear : c.conv;
       EXPECT_EQ(net.prepare(), code)
           << type << ": " << c.weight << ", " << c.q_in << " " << c.q_out;
-      const int32_t ran = net.run();
-      EXPECT_TRUE(linear || ran == code) << type << ": " << c.weight << ", " << c.q_in;
+      if (linear) continue;
+      EXPECT_EQ(net.run(), code) << type << ": " << c.weight << ", " << c.q_in;
     }
 }
 

@@ -326,8 +326,8 @@ packing pack_rule(const group_conv_state* state) {
 int64_t packed_size(const group_conv_state* state) {
   const zyn_conv_param& p = state->param;
   int64_t packed = 0, most = 0;
-  if (!zyn_multiply(state->input->count / p.groups + state->output->count / p.groups,
-                    kPackedFactor, &most) ||
+  if (!zyn_multiply(state->input->count / p.groups + state->output->count / p.groups, kPackedFactor,
+                    &most) ||
       !zyn_sum(most, kPackedFloats, &most))
     most = INT64_MAX;
   const bool fits = zyn_multiply(state->rows.row_size, state->height, &packed) &&
