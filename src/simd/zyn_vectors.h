@@ -1,5 +1,5 @@
 // Vector helpers that every folder shares: masks of some lanes, the transposition of a
-// square of floats, loops that the compiler must unroll.
+// square of floats, loops that the compiler unrolls.
 #pragma once
 
 #include <immintrin.h>
@@ -9,16 +9,24 @@
 // every value, so that arrays indexed by the counter stay in registers.
 #if defined(__clang__)
 #define ZYN_UNROLL _Pragma("unroll")
+#define ZYN_PRAGMA_UNROLL(n) ZYN_PRAGMA(unroll n)
 #else
 #define ZYN_UNROLL _Pragma("GCC unroll 32")
+#define ZYN_PRAGMA_UNROLL(n) ZYN_PRAGMA(GCC unroll n)
 #endif
+
+// Before a loop whose count is known only when it runs: n bodies a round, then the rest,
+// so that the loop's own instructions weigh little beside those of a short body.
+#define ZYN_UNROLL_BY(n) ZYN_PRAGMA_UNROLL(n)
+#define ZYN_PRAGMA(text) _Pragma(#text)
 
 // The numbers of the lanes.
 inline __m256i zyn_lane_numbers() { return _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7); }
 
-// All ones in the lanes 0 to count - 1; counts above 8 mean all lanes.
+// All ones in the lanes 0 to count - 1; counts above 8 mean all lanes, whatever their size.
 inline __m256i zyn_first_lanes(int64_t count) {
-  return _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int32_t>(count)), zyn_lane_numbers());
+  const int32_t lanes = static_cast<int32_t>(count < 8 ? count : 8);
+  return _mm256_cmpgt_epi32(_mm256_set1_epi32(lanes), zyn_lane_numbers());
 }
 
 // All ones in the lanes i for which first + i lies in 0 to extent - 1.
