@@ -48,7 +48,7 @@ bool load(const std::string& path, Bytes* content) {
 struct Bmp {
   int width = 5, height = 3, bits = 24;
   bool top_down = false, gray = false;
-  uint32_t header = 40, compression = 0, colours = 0, gap = 0;
+  uint32_t header = 40, compression = 0, colours = 0, gap = 0, odd = 0;
   uint32_t masks[3] = {0, 0, 0};
 
   // Raw value of pixel (x, y), y from the top: any value that the depth holds.
@@ -61,6 +61,7 @@ struct Bmp {
   void entry(uint32_t i, uint8_t out[3]) const {
     for (int c = 0; c < 3; c++) out[c] = static_cast<uint8_t>(gray ? i * 7 + 3 : i * 7 + 40 * c);
     if (i >= entries()) out[0] = out[1] = out[2] = 0;
+    if (odd && i == odd) out[1]++;
   }
   static int widen(uint32_t value, int bits) {
     return static_cast<int>(value << (8 - bits) | value >> (2 * bits - 8));
@@ -140,7 +141,7 @@ void check(const Bmp& bmp) {
                                     << " header " << bmp.header << " mode " << mode);
     Image image(zyn_create_image_from_file(path.c_str(), mode));
     ASSERT_TRUE(image);
-    const bool gray = mode == 1 || (mode == 0 && bmp.gray);
+    const bool gray = mode == 1 || (mode == 0 && bmp.gray && !bmp.odd);
     ASSERT_EQ(image->format, gray ? 2u : 0u);
     ASSERT_TRUE(image->cols == bmp.width && image->rows == bmp.height);
     int wrong = 0;
@@ -161,25 +162,29 @@ void check(const Bmp& bmp) {
 
 std::vector<Bmp> every_kind() {
   std::vector<Bmp> kinds;
+  const auto add = [&](Bmp bmp, uint32_t header) { bmp.header = header, kinds.push_back(bmp); };
   for (int bits : {1, 4, 8, 16, 24, 32, 15}) {
     Bmp bmp;
     bmp.bits = bits;
-    kinds.push_back(bmp);
+    add(bmp, 40);
     bmp.top_down = true;
     bmp.gap = 5;
     for (uint32_t header : {40u, 124u, 36u})
-      if (bmp.header = header; bits > 8 || header > 36) kinds.push_back(bmp);
+      if (bits > 8 || header > 36) add(bmp, header);
     if (bits > 8) continue;
     bmp = Bmp();
     bmp.bits = bits;
     bmp.gray = true;
-    for (uint32_t header : {40u, 12u}) bmp.header = header, kinds.push_back(bmp);
-    bmp.header = 40;
+    for (uint32_t header : {40u, 12u}) add(bmp, header);
     bmp.gray = false;
     bmp.colours = bits == 1 ? 1 : 3;  // indices beyond it are black
-    kinds.push_back(bmp);
-    bmp.colours = 600;  // more than pixels can name
-    kinds.push_back(bmp);
+    add(bmp, 40);
+    bmp.gray = true;
+    for (uint32_t odd : {0u, 299u}) {  // more than pixels can name, of which one may decide
+      bmp.colours = 600;
+      bmp.odd = odd;
+      add(bmp, 40);
+    }
   }
   Bmp fields;
   fields.bits = 16;
@@ -188,8 +193,7 @@ std::vector<Bmp> every_kind() {
   for (const auto& m : masks)
     for (uint32_t header : {40u, 108u}) {
       memcpy(fields.masks, m, sizeof(m));
-      fields.header = header;
-      kinds.push_back(fields);
+      add(fields, header);
     }
   return kinds;
 }
