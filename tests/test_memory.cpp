@@ -34,12 +34,12 @@ TEST(Memory, BlocksAreAlignedCountedAndCarryTheirHeader) {
 
 TEST(Memory, ThreadsCountTogether) {
   const uint64_t before = in_use();
-  const auto work = [] {
-    for (int i = 0; i < 200000; i++) zyn_free(zyn_malloc(i % 7 + 1));
-  };
-  std::thread other(work);
-  work();
-  other.join();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; t++)
+    threads.emplace_back([] {
+      for (int i = 0; i < 300000; i++) zyn_free(zyn_malloc(i % 7 + 1));
+    });
+  for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(in_use(), before);
 }
 
