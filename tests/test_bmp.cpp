@@ -269,26 +269,23 @@ TEST(BmpReader, HostileFieldsAreRefused) {
   }
 }
 
-TEST(BmpReader, RefusesRunLengthOtherDepthsAndBitFieldsElsewhere) {
-  const auto refused = [](int bits, uint32_t compression, uint32_t header) {
+TEST(BmpReader, RefusesOtherFilesRunLengthOtherDepthsAndBitFieldsElsewhere) {
+  std::vector<Bytes> contents = {{0x89, 'P', 'N', 'G', 13, 10, 26, 10, 0, 0, 0, 0},
+                                 {0xFF, 0xD8, 0xFF, 0xE0},
+                                 {},
+                                 {'B'},
+                                 {'B', 'M'}};
+  const auto add = [&](int bits, uint32_t compression, uint32_t header) {
     Bmp bmp;
     bmp.bits = bits;
     bmp.compression = compression;
     bmp.header = header;
-    EXPECT_EQ(printed([&] { EXPECT_FALSE(read(bmp.file(), 0)); }), "") << bmp.bits;
+    contents.push_back(bmp.file());
   };
   for (int bits : {1, 4, 8, 24, 32})
-    for (uint32_t compression : {1u, 2u, 3u, 4u}) refused(bits, compression, 40);
-  for (int bits : {2, 12}) refused(bits, 0, 40);
-  refused(24, 0, 12);  // 24 bits have no place in a core header
-}
-
-TEST(BmpReader, FilesThatAreNoBmp) {
-  const Bytes contents[] = {{0x89, 'P', 'N', 'G', 13, 10, 26, 10, 0, 0, 0, 0},
-                            {0xFF, 0xD8, 0xFF, 0xE0},
-                            {},
-                            {'B'},
-                            {'B', 'M'}};
+    for (uint32_t compression : {1u, 2u, 3u, 4u}) add(bits, compression, 40);
+  for (int bits : {2, 12}) add(bits, 0, 40);
+  add(24, 0, 12);  // 24 bits have no place in a core header
   for (const Bytes& content : contents)
     EXPECT_EQ(printed([&] { EXPECT_FALSE(read(content, 0)); }), "");
   EXPECT_SAYS(zyn_create_image_from_file(nullptr, 0), nullptr,
@@ -296,18 +293,6 @@ TEST(BmpReader, FilesThatAreNoBmp) {
   for (const std::string& name : {temp_path("missing/none.bmp"), temp_path("")})
     EXPECT_SAYS(zyn_create_image_from_file(name.c_str(), 0), nullptr,
                 "file name is " + name + "\n" + codec_report("open file error!", 682));
-}
-
-TEST(BmpReader, FailsCleanlyAtEveryAllocation) {
-  const std::string path = temp_path("memory.bmp");
-  save(path, Bmp().file());
-  printed([&] {
-    EXPECT_GE(for_each_failing_allocation([&](int64_t, bool) {
-                return Image(zyn_create_image_from_file(path.c_str(), 1)) != nullptr;
-              }),
-              4);  // opening a file takes one more on Windows
-  });
-  remove(path.c_str());
 }
 
 int write(const std::string& name, zyn_image* image, std::string* text) {
@@ -388,11 +373,16 @@ TEST(BmpWriter, AFileThatCannotBeWrittenIsRemovedAndADeviceStays) {
 }
 #endif
 
-TEST(BmpWriter, WithoutMemoryForThePixelsOfFormat5) {
+TEST(BmpReader, AndWriterFailCleanlyAtEveryAllocation) {
   Image image = make_image(6, 4, 5);
   memset(image->data, 0, buffer_bytes(6, 4, 5));
   const std::string path = temp_path("short.bmp");
+  save(path, Bmp().file());
   printed([&] {
+    EXPECT_GE(for_each_failing_allocation([&](int64_t, bool) {
+                return Image(zyn_create_image_from_file(path.c_str(), 1)) != nullptr;
+              }),
+              4);  // opening a file takes one more on Windows
     for_each_failing_allocation([&](int64_t n, bool) {
       const int code = zyn_image_write_to_file_with_level(path.c_str(), image.get());
       EXPECT_EQ(code == 2, n < 3) << n;
@@ -410,9 +400,13 @@ TEST(BmpWriter, BytesOfSmallFiles) {
   for (int i = 0; i < 18; i++) bytes(colour)[i] = static_cast<uint8_t>(i + 1);
   EXPECT_EQ(write(path, colour.get(), &text), 0);
   ASSERT_TRUE(load(path, &file));
-  Bytes want = {'B', 'M', 78, 0, 0, 0, 0, 0, 0, 0, 54, 0, 0, 0,  40,
-                0,   0,   0,  3, 0, 0, 0, 2, 0, 0, 0,  1, 0, 24, 0};
-  want.resize(54);
+  Bytes want(54);
+  const auto describe = [&](uint32_t size, uint32_t at, uint32_t w, uint32_t h, uint32_t bits) {
+    const uint32_t fields[][3] = {{0, 0x4D42, 2}, {2, size, 4}, {10, at, 4}, {14, 40, 4},
+                                  {18, w, 4},     {22, h, 4},   {26, 1, 2},  {28, bits, 2}};
+    for (const auto& f : fields) patch(want, f[0], f[1], static_cast<int>(f[2]));
+  };
+  describe(78, 54, 3, 2, 24);
   want.insert(want.end(), {10, 11, 12, 13, 14, 15, 16, 17, 18, 0, 0, 0});
   want.insert(want.end(), {1, 2, 3, 4, 5, 6, 7, 8, 9, 0, 0, 0});
   EXPECT_EQ(file, want);
@@ -421,11 +415,7 @@ TEST(BmpWriter, BytesOfSmallFiles) {
   EXPECT_EQ(write(path, gray.get(), &text), 0);
   ASSERT_TRUE(load(path, &file));
   want.resize(54);
-  patch(want, 2, 1094, 4);
-  patch(want, 10, 1078, 4);
-  patch(want, 18, 4, 4);
-  patch(want, 22, 4, 4);
-  patch(want, 28, 8, 2);
+  describe(1094, 1078, 4, 4, 8);
   for (uint32_t i = 0; i < 256; i++) put(want, i * 0x010101, 4);
   want.resize(1094, 77);
   EXPECT_EQ(file, want);

@@ -182,19 +182,18 @@ TEST(Resizer, OtherMethodsDoNothingOnPackedAndAreRefusedOn420) {
 }
 
 TEST(Resizer, RefusesWhatIsNotListedOrHasAnotherLayout) {
+  const auto refused = [&](zyn_image* to, zyn_image* from) {
+    EXPECT_SAYS(zyn_image_resizer(to, from, 0), 1, resizer_report(kPara, 651));
+  };
   const uint32_t pairs[][2] = {{3, 3},   {4, 4},   {6, 6},   {7, 7},  {9, 9}, {10, 10},
                                {12, 12}, {13, 13}, {14, 14}, {0, 2},  {8, 0}, {5, 0},
                                {0, 5},   {0, 6},   {12, 0},  {5, 12}, {6, 5}, {0, 12}};
   for (const auto& pair : pairs) {
-    Image to = make_image(4, 4, pair[0]), from = make_image(9, 9, pair[1]);
-    EXPECT_SAYS(zyn_image_resizer(to.get(), from.get(), 1), 1, resizer_report(kPara, 651))
-        << pair[0] << " from " << pair[1];
+    SCOPED_TRACE(testing::Message() << pair[0] << " from " << pair[1]);
+    refused(make_image(4, 4, pair[0]).get(), make_image(9, 9, pair[1]).get());
   }
   Image image = make_image(8, 8, 5), planeless = make_image(8, 8, 5);
   zyn_recreate_image(planeless.get(), 9, 9);
-  const auto refused = [&](zyn_image* to, zyn_image* from) {
-    EXPECT_SAYS(zyn_image_resizer(to, from, 0), 1, resizer_report(kPara, 651));
-  };
   refused(nullptr, image.get());
   refused(image.get(), nullptr);
   refused(image.get(), planeless.get());
