@@ -67,21 +67,18 @@ Pairs model_assignment(const Scores& s) {
   std::vector<int64_t> u(n), v(m);
   std::vector<int> owner(m, -1), choice(n, -1);
   for (int start = 0; start < n; start++) {
-    std::vector<int> open;
+    std::vector<int> open, from(m, -1), closed;
     for (int j = m; j-- > 0;) open.push_back(j);
     std::vector<int64_t> reach(m, INT64_MAX);
-    std::vector<int> from(m, -1), closed;
     int64_t so_far = 0;
-    int row = start, end = -1;
-    while (end < 0) {
+    int end = -1;
+    for (int row = start; end < 0;) {
       size_t pick = open.size();
       for (size_t k = 0; k < open.size(); k++) {
         const int j = open[k];
-        const int64_t cost = top - (turned ? s.at(j, row) : s.at(row, j));
-        if (so_far + cost - u[row] - v[j] < reach[j]) {
-          reach[j] = so_far + cost - u[row] - v[j];
-          from[j] = row;
-        }
+        const int64_t way = so_far + top - (turned ? s.at(j, row) : s.at(row, j)) - u[row] - v[j];
+        if (way < reach[j]) from[j] = row;
+        reach[j] = std::min(reach[j], way);
         if (pick == open.size() || reach[j] < reach[open[pick]] ||
             (reach[j] == reach[open[pick]] && owner[j] < 0))
           pick = k;
@@ -91,21 +88,17 @@ Pairs model_assignment(const Scores& s) {
       closed.push_back(j);
       open[pick] = open.back();
       open.pop_back();
-      if (owner[j] < 0)
-        end = j;
-      else
-        row = owner[j];
+      (owner[j] < 0 ? end : row) = owner[j] < 0 ? j : owner[j];
     }
     // Rows of the search tree, other than the start, are the owners of closed columns.
-    for (int j : closed)
-      if (owner[j] >= 0) u[owner[j]] += so_far - reach[j];
     u[start] += so_far;
-    for (int j : closed) v[j] -= so_far - reach[j];
-    for (int j = end; j >= 0;) {
-      const int r = from[j];
-      owner[j] = r;
+    for (int j : closed) {
+      if (owner[j] >= 0) u[owner[j]] += so_far - reach[j];
+      v[j] -= so_far - reach[j];
+    }
+    for (int j = end, r = -1; r != start;) {
+      owner[j] = r = from[j];
       std::swap(j, choice[r]);
-      if (r == start) break;
     }
   }
   Pairs pairs;
@@ -343,7 +336,7 @@ TEST(MatchInfo, KeepsItsCountsAsGiven) {
     EXPECT_TRUE(info->matched_count == size.matched && info->unmatched_count == size.unmatched);
     EXPECT_EQ(info->matched != nullptr, size.matched > 0);
     EXPECT_EQ(info->unmatched != nullptr, size.unmatched > 0);
-    for (int i = 0; i < 2 * size.matched; i++) info->matched[i] = i;
+    for (int i = 0; i < size.matched; i++) info->matched[2 * i] = info->matched[2 * i + 1] = i;
     for (int i = 0; i < size.unmatched; i++) info->unmatched[i] = i;
     zyn_release_sort_match_info(&info);
     EXPECT_EQ(info, nullptr);

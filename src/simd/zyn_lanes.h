@@ -1,5 +1,6 @@
 // A 256-bit vector under one set of names for float (8 lanes) and double (4 lanes), for
-// code that serves both. Internal to the matrix routines.
+// code that serves both. Internal to the matrix routines. The two bodies say the same in
+// different instructions, which no template can choose.
 #pragma once
 
 #include <immintrin.h>
