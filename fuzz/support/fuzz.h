@@ -58,8 +58,8 @@ class Input {
     const uint32_t kind = byte();
     if (kind < 64) return static_cast<int32_t>(kind) - 4;
     if (kind == 64) return static_cast<int32_t>(word());
-    const uint32_t near = 1u << kind % 32;
-    return static_cast<int32_t>((kind & 128 ? near : 0u - near) + kind / 32 % 4 - 1u);
+    const uint32_t power = 1u << kind % 32;
+    return static_cast<int32_t>((kind & 128 ? power : 0u - power) + kind / 32 % 4 - 1u);
   }
   // Mostly a number of few digits, else any float: NaN, infinity and denormals too.
   float real() {
