@@ -96,7 +96,8 @@ class Memory {
   static void fail(int64_t n, bool lasting);
   static bool failed();      // whether one did since fail()
   static int64_t largest();  // bytes of the largest request so far
-  // Hands back blocks of this many bytes that a call lost on purpose.
+  // Hands back blocks of this many bytes that calls lost on purpose, one for each
+  // request that failed.
   static void hand_back(int64_t bytes);
 
  private:

@@ -29,7 +29,7 @@ struct Block {
 struct State {
   std::unordered_map<void*, Block> live;
   bool pages, lasting, failed;
-  int64_t bound, machine, largest, seen, fail;
+  int64_t bound, machine, largest, seen, fail, failures;
 };
 State* state = nullptr;
 
@@ -78,6 +78,7 @@ void* allocate(size_t system_bytes) {
   const bool fails = s.fail > 0 && (s.lasting ? s.seen >= s.fail : s.seen == s.fail);
   if (fails || wanted > s.machine) {
     s.failed = true;
+    s.failures++;
     return nullptr;
   }
   Block block = {nullptr, bytes, 0};
@@ -121,12 +122,14 @@ void release(void* address) {
 
 Memory::Memory(bool pages, int64_t bound, int64_t machine)
     : before_(zyn_get_current_memory_size_occupation()) {
-  state = new State{{}, pages, false, false, bound, machine, 0, 0, 0};
+  state = new State{{}, pages, false, false, bound, machine, 0, 0, 0, 0};
   const zyn_system_allocator hooks = {allocate, release};
   zyn_set_system_allocator(&hooks);
 }
 
 Memory::~Memory() {
+  for (const auto& [address, block] : state->live)
+    fprintf(stderr, "block of %zu bytes is left\n", block.bytes);
   check(zyn_get_current_memory_size_occupation() == before_, "the byte counter is back");
   check(state->live.empty(), "every block is freed");
   zyn_set_system_allocator(nullptr);
@@ -148,10 +151,12 @@ bool Memory::failed() { return state->failed; }
 int64_t Memory::largest() { return state->largest; }
 
 void Memory::hand_back(int64_t bytes) {
-  for (auto at = state->live.begin(); at != state->live.end();) {
+  for (auto at = state->live.begin(); at != state->live.end() && state->failures > 0;) {
     const auto next = std::next(at);
-    if (at->second.bytes == static_cast<size_t>(bytes))
+    if (at->second.bytes == static_cast<size_t>(bytes)) {
       zyn_free(static_cast<uint8_t*>(at->first) + kLead);
+      state->failures--;
+    }
     at = next;
   }
 }
