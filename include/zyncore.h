@@ -311,7 +311,8 @@ typedef struct zyn_cg_handle zyn_cg_handle;
 
 /* Settings of a new graph. */
 typedef struct zyn_cg_create_param {
-  int32_t max_nodes;     /* node ids are 0 to max_nodes - 1 */
+  int32_t max_nodes;     /* node ids are 0 to max_nodes - 1; a large maximum costs nothing, but
+                            only nodes below 1048576 have edges, so no larger graph sorts */
   uint32_t thread_count; /* sizes the scratch of the convolution kernels */
   uint32_t reserved[2];  /* not read */
   uint32_t fixed_point;  /* 1: 16-bit fixed point; anything else: float */
@@ -416,20 +417,20 @@ ZYN_API int32_t zyn_bind_operator_onto_computation_graph(zyn_cg_handle* graph, i
  * 0; 1: null graph or unbound node; else the code of the first operator that
  * fails, after printing "failed to prepare inference node:%d!!!" (2: output or
  * workspace could not be made; 4: not supported). Prepare again after changing an
- * input's shape. A repeated preparation that fails leaves the failing operator and
- * those behind it unusable until one succeeds: a run ends there with 1, and they have
- * no output tensor. */
+ * input's shape. A preparation that fails leaves the failing operator and those behind
+ * it unusable until one succeeds: a run ends there with 1, and they have no output. */
 ZYN_API int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph);
 
 /* Runs every node once, in order; the network's inputs are read from the tensors of
- * its data nodes. 0; 1: null graph; else the code of the first node that fails,
- * after printing "failed to inference: %d!!!". */
+ * its data nodes. 0; 1: null graph, a graph that was not sorted (silent); else the code
+ * of the first node that fails, after printing "failed to inference: %d!!!": 1 at the
+ * first operator that the latest preparation did not make ready. */
 ZYN_API int32_t zyn_computation_graph_inference(zyn_cg_handle* graph);
 
 /* The output tensor of a node: the graph's, valid until it is released or prepared
  * again, rewritten by every run. Its layout field tells the channel order. Null for
  * a null graph, an id without an operator, data nodes, before preparation, and after
- * a repeated one that failed before or at the node. */
+ * one that failed before or at the node. */
 ZYN_API zyn_tensor* zyn_get_computation_node_inference_data(zyn_cg_handle* graph, int32_t node);
 
 /* Reads a model file: word_count little-endian 32-bit words, then the 16 bytes of
@@ -453,18 +454,18 @@ enum {
                               method 2 only, elsewhere as any other code */
 };
 
-/* Convolutions (types 3, 4, 5, 12, 13). The node has one data input {H, W,
+/* Convolutions (types 3, 4, 5, 12, 13). The node has one data input {W, H,
  * in_channels} (dims[0], dims[1], dims[2]) and one constant (type 2).
  *
- * Output of types 3, 4, 5, 12: {oh, ow, out_channels} with
- *   oh = (H - 1 + 2 * pad_h - (kernel_h - 1) * dilation_h) / stride_h + 1
- *   ow = (W - 1 + 2 * pad_w - (kernel_w - 1) * dilation_w) / stride_w + 1
- * Output of type 13: oh = (H - kernel_h + 2 * pad_h) / stride_h + 1 and
- *   ow = (W - kernel_w + 2 * pad_h) / stride_w + 1 (pad_h in both, on purpose).
+ * Output of types 3, 4, 5, 12: {ow, oh, out_channels} with
+ *   ow = (W - 1 + 2 * pad_h - (kernel_h - 1) * dilation_h) / stride_h + 1
+ *   oh = (H - 1 + 2 * pad_w - (kernel_w - 1) * dilation_w) / stride_w + 1
+ * Output of type 13: ow = (W - kernel_h + 2 * pad_h) / stride_h + 1 and
+ *   oh = (H - kernel_w + 2 * pad_h) / stride_w + 1 (pad_h in both, on purpose).
  *
  * The constant is a float tensor holding, in this order:
- *  1. weights [out][in][row][column], columns running along dims[0], so that the
- *     weight of row r and column c lies at r * kernel_h + c; depthwise
+ *  1. weights [out][in][row][column], columns running along W, so that the weight of
+ *     row r and column c lies at r * kernel_h + c; depthwise
  *     (in_channels = out_channels = groups): [channel][row][column];
  *  2. out_channels biases, only when bias is 1;
  *  3. type 13: scale, shift, mean and variance, out_channels values each; nothing
@@ -476,10 +477,10 @@ enum {
  * types 12 and 13 means ReLU6: see docs/fixed-point.md.
  *
  * Codes: prepare 1 (no input or constant, constant too short; fixed point: input not of
- * 16 bits, q above 15, fewer fraction bits in input and weights than in the output), 2 (output
- * below one pixel, memory, or a shape that method 2 refuses: unequal pairs, dilation, groups other
- * than 1 and in_channels); run 1 (channel counts of record and tensors differ), 4 (method 1 with a
- * shape it has no kernel for). */
+ * 16 bits, no Q list, weights that fit no q, q_in + q_w - q_out outside 0 to 31), 2 (output below
+ * one pixel, memory, or a shape that method 2 refuses); run 1 (channel counts of record and tensors
+ * differ), 4 (a shape that method 1 has no kernel for). docs/operators.md lists the shapes of every
+ * method. */
 typedef struct zyn_conv_param {
   int32_t in_channels, out_channels;
   int32_t kernel_h, kernel_w;
@@ -496,43 +497,6 @@ typedef struct zyn_conv_param {
   int32_t activation; /* type 13: activation code */
 } zyn_conv_param;
 
-/* ------------------------------------------------------------------------ */
-/* Detector outputs                                                           */
-/* ------------------------------------------------------------------------ */
-
-/* A scored box in corner form. */
-typedef struct zyn_detection {
-  float x1, y1, x2, y2;
-  float score;
-} zyn_detection;
-
-/* The prior boxes of the SSD detector for an input of width * height pixels: a float
- * tensor {4, N}, per prior centre x, centre y, width, height as fractions of the
- * input. Inputs with feature maps of their own: 128x96, 160x120, 240x180, 320x240
- * (N = 4420), 480x360, 640x480, 1280x960; any other size uses the maps of 128x96.
- * transposed non-zero lays the priors out for the input turned by a quarter turn.
- * Release with zyn_release_tensor. Null: no memory. */
-ZYN_API zyn_tensor* zyn_generate_priors(uint32_t height, uint32_t width, uint32_t transposed);
-
-/* Turns network offsets into boxes in centre form, count * 4 floats each:
- * centre = center_variance * offset * prior size + prior centre,
- * size = exp(size_variance * offset) * prior size. Nothing is checked; boxes may be
- * locations or priors. */
-ZYN_API void zyn_convert_locations_to_boxes(float* boxes, const float* locations,
-                                            const float* priors, int32_t count,
-                                            float center_variance, float size_variance);
-
-/* Turns count boxes from centre form to x1, y1, x2, y2 in place, not clamped. */
-ZYN_API void zyn_center_form_to_corner_form(float* boxes, int32_t count);
-
-/* Greedy non-maximum suppression: the highest score stays and removes every lower
- * one whose overlap (intersection over union) exceeds iou_threshold, and so on.
- * out takes up to count records, by falling score; equal scores stay in input order
- * and NaN scores come last. A box whose overlap with a better one is not a number
- * (infinite corners) is removed. boxes is not changed, unless it is out itself.
- * Returns the number written; 0 for null arguments and without memory (silent). */
-ZYN_API int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int32_t count,
-                            float iou_threshold);
 /* The remaining operators. All compute on float tensors, in fixed-point graphs on 16-bit
  * ones as far as docs/operators.md lists them; those that move data (32 to 35) take any
  * type in float graphs. "Input" is the output of the one predecessor that is not a constant,
@@ -541,7 +505,8 @@ ZYN_API int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int3
  *   bind 1 (no record), 2 (no memory);
  *   prepare 1 (wrong number of predecessors, no input, not of floats, a record out of
  *   range, a constant that is too short; fixed point: no Q list, input not of 16 bits,
- *   a q above 15 or above what the operands have), 2 (output or workspace could not be made),
+ *   a q above 15, which average pooling judges at the run, or above what the operands
+ *   have), 2 (output or workspace could not be made),
  *   4 (fixed-point graph: no 16-bit form of this type);
  *   run 1 (a tensor without data, or whose shape changed since preparation), 2 (no
  *   memory to bring a blocked input to planar order).
@@ -618,7 +583,8 @@ typedef struct zyn_linear_param {
 
 /* Types 27 and 28 have no record and exactly two predecessors, a and b in the order of
  * their edges (constants are welcome). The output has a's shape, or b's when a has one
- * pixel (dims[0] = dims[1] = 1).
+ * pixel (dims[0] = dims[1] = 1). Shapes are compared in their first three extents and
+ * the element count.
  * 27: a + b for equal element counts; or, b having one value per channel of a {W, H, C},
  *   a + b[c]; run 1 for anything else, which includes a one-pixel a with a larger b.
  * 28: a * b for equal shapes; or, one of them having one pixel, the other scaled per
@@ -651,7 +617,7 @@ typedef struct zyn_affine_param {
 /* Type 32: the elements of the input in planar order under a new shape. At most one
  * extent may be -1: it becomes the input's element count divided (rounding down) by the
  * others. Element counts need not agree: what is left of a larger output is 0; a
- * smaller one makes run return 1. Bind 1: count above 5; prepare 1: count below 1, an
+ * smaller one makes run return 1. Prepare 1: count outside 1 to 5, an
  * extent 0 or below -1, two extents -1; prepare 2: -1 that becomes 0. */
 typedef struct zyn_reshape_param {
   int32_t count;   /* 1 to 5 */
@@ -687,6 +653,90 @@ typedef struct zyn_gather_param {
   int32_t count;
   const int32_t* channels; /* count entries; copied */
 } zyn_gather_param;
+
+/* ------------------------------------------------------------------------ */
+/* Network building blocks                                                    */
+/* ------------------------------------------------------------------------ */
+
+/* Each binds a block of convolutions onto consecutive nodes: node, node + 1, ...
+ * You add the edges, between them and from a constant to each, before. k, s, p are
+ * kernel, stride and padding. All return 0 or the first code of a binding (the
+ * nodes after it stay unbound); 1 for a null graph (silent). */
+
+/* node: type 3, k 3, s 1, p 1, bias. The third argument is ignored. */
+ZYN_API int32_t zyn_bind_std_conv2d(uint32_t in_channels, uint32_t out_channels, uint32_t ignored,
+                                    uint32_t node, zyn_cg_handle* graph);
+
+/* node: type 13, k 3, s stride, p 1, ReLU. */
+ZYN_API int32_t zyn_bind_base_net_conv_bn(uint32_t in_channels, uint32_t out_channels,
+                                          uint32_t stride, uint32_t node, zyn_cg_handle* graph);
+
+/* node: type 13, depthwise k 3, s stride, p 1, ReLU; node + 1: type 13, 1 x 1, ReLU. */
+ZYN_API int32_t zyn_bind_base_net_conv_dw(uint32_t channels, uint32_t out_channels, uint32_t stride,
+                                          uint32_t node, zyn_cg_handle* graph);
+
+/* node: type 12, depthwise k 3, s stride, p 1, bias, ReLU; node + 1: type 5 with
+ * bias. */
+ZYN_API int32_t zyn_bind_seperable_conv2d(uint32_t in_channels, uint32_t out_channels,
+                                          uint32_t stride, uint32_t node, zyn_cg_handle* graph);
+
+/* Three nodes of type 12 with bias and ReLU: 1 x 1 from 16c to 4c channels,
+ * depthwise k 3, s stride, p 1, then 1 x 1 back to 16c. */
+ZYN_API int32_t zyn_bind_extra_net(uint32_t c, uint32_t stride, uint32_t node,
+                                   zyn_cg_handle* graph);
+
+/* Inverted residual of type 13: 1 x 1 to in_channels * expand with hard-swish,
+ * depthwise k 3, s stride, p 1 with hard-swish, 1 x 1 to out_channels with bias
+ * only; node + 3 is an addition (type 27) when residual is non-zero. */
+ZYN_API int32_t zyn_bind_invert_residual(uint32_t in_channels, uint32_t out_channels,
+                                         uint32_t stride, uint32_t residual, uint32_t expand,
+                                         uint32_t node, zyn_cg_handle* graph);
+
+/* The same with activation code 3 on the first two nodes: despite the name they
+ * write the plain convolution, without bias and without activation. */
+ZYN_API int32_t zyn_bind_invert_residual_relu6(uint32_t in_channels, uint32_t out_channels,
+                                               uint32_t stride, uint32_t residual, uint32_t expand,
+                                               uint32_t node, zyn_cg_handle* graph);
+
+/* ------------------------------------------------------------------------ */
+/* Detector outputs                                                           */
+/* ------------------------------------------------------------------------ */
+
+/* A scored box in corner form. */
+typedef struct zyn_detection {
+  float x1, y1, x2, y2;
+  float score;
+} zyn_detection;
+
+/* The prior boxes of the SSD detector for an input of width * height pixels: a float
+ * tensor {4, N}, per prior centre x, centre y, width, height as fractions of the
+ * input. Inputs with feature maps of their own: 128x96, 160x120, 240x180, 320x240
+ * (N = 4420), 480x360, 640x480, 1280x960; any other size uses the maps of 128x96.
+ * transposed non-zero lays the priors out for the input turned by a quarter turn.
+ * Release with zyn_release_tensor. Null: no memory. */
+ZYN_API zyn_tensor* zyn_generate_priors(uint32_t height, uint32_t width, uint32_t transposed);
+
+/* Turns network offsets into boxes in centre form, count * 4 floats each:
+ * centre = center_variance * offset * prior size + prior centre,
+ * size = exp(size_variance * offset) * prior size. Nothing is checked; boxes may be
+ * locations or priors. */
+ZYN_API void zyn_convert_locations_to_boxes(float* boxes, const float* locations,
+                                            const float* priors, int32_t count,
+                                            float center_variance, float size_variance);
+
+/* Turns count boxes from centre form to x1, y1, x2, y2 in place, not clamped. */
+ZYN_API void zyn_center_form_to_corner_form(float* boxes, int32_t count);
+
+/* Greedy non-maximum suppression: the highest score stays and removes every lower
+ * one whose overlap (intersection over union) exceeds iou_threshold, and so on.
+ * out takes up to count records, by falling score; equal scores stay in input order
+ * and NaN scores come last. A box whose overlap with a better one is not a number
+ * (infinite corners) is removed. boxes is not changed, unless it is out itself.
+ * Returns the number written; 0 for null arguments and without memory (silent). */
+ZYN_API int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int32_t count,
+                            float iou_threshold);
+
+/* ------------------------------------------------------------------------ */
 /* Random numbers, pose, smoothing                                            */
 /* ------------------------------------------------------------------------ */
 
@@ -727,6 +777,8 @@ typedef struct zyn_one_euro_param {
  * value and writes the filtered derivative. Checks nothing. */
 ZYN_API float zyn_one_euro_filter_v2(float x, float previous, float previous_derivative,
                                      const zyn_one_euro_param* param, float* derivative);
+
+/* ------------------------------------------------------------------------ */
 /* Images                                                                     */
 /* ------------------------------------------------------------------------ */
 
@@ -856,48 +908,6 @@ ZYN_API int32_t zyn_image_cropped_patch(zyn_image* destination, const zyn_image*
                                         int32_t position[2], const int32_t size[2]);
 
 /* ------------------------------------------------------------------------ */
-/* Network building blocks                                                    */
-/* ------------------------------------------------------------------------ */
-
-/* Each binds a block of convolutions onto consecutive nodes: node, node + 1, ...
- * You add the edges, between them and from a constant to each, before. k, s, p are
- * kernel, stride and padding. All return 0 or the first code of a binding (the
- * nodes after it stay unbound); 1 for a null graph (silent). */
-
-/* node: type 3, k 3, s 1, p 1, bias. The third argument is ignored. */
-ZYN_API int32_t zyn_bind_std_conv2d(uint32_t in_channels, uint32_t out_channels, uint32_t ignored,
-                                    uint32_t node, zyn_cg_handle* graph);
-
-/* node: type 13, k 3, s stride, p 1, ReLU. */
-ZYN_API int32_t zyn_bind_base_net_conv_bn(uint32_t in_channels, uint32_t out_channels,
-                                          uint32_t stride, uint32_t node, zyn_cg_handle* graph);
-
-/* node: type 13, depthwise k 3, s stride, p 1, ReLU; node + 1: type 13, 1 x 1, ReLU. */
-ZYN_API int32_t zyn_bind_base_net_conv_dw(uint32_t channels, uint32_t out_channels, uint32_t stride,
-                                          uint32_t node, zyn_cg_handle* graph);
-
-/* node: type 12, depthwise k 3, s stride, p 1, bias, ReLU; node + 1: type 5 with
- * bias. */
-ZYN_API int32_t zyn_bind_seperable_conv2d(uint32_t in_channels, uint32_t out_channels,
-                                          uint32_t stride, uint32_t node, zyn_cg_handle* graph);
-
-/* Three nodes of type 12 with bias and ReLU: 1 x 1 from 16c to 4c channels,
- * depthwise k 3, s stride, p 1, then 1 x 1 back to 16c. */
-ZYN_API int32_t zyn_bind_extra_net(uint32_t c, uint32_t stride, uint32_t node,
-                                   zyn_cg_handle* graph);
-
-/* Inverted residual of type 13: 1 x 1 to in_channels * expand with hard-swish,
- * depthwise k 3, s stride, p 1 with hard-swish, 1 x 1 to out_channels with bias
- * only; node + 3 is an addition (type 27) when residual is non-zero. */
-ZYN_API int32_t zyn_bind_invert_residual(uint32_t in_channels, uint32_t out_channels,
-                                         uint32_t stride, uint32_t residual, uint32_t expand,
-                                         uint32_t node, zyn_cg_handle* graph);
-
-/* The same with activation code 3 on the first two nodes: despite the name they
- * write the plain convolution, without bias and without activation. */
-ZYN_API int32_t zyn_bind_invert_residual_relu6(uint32_t in_channels, uint32_t out_channels,
-                                               uint32_t stride, uint32_t residual, uint32_t expand,
-                                               uint32_t node, zyn_cg_handle* graph);
 /* Detector inputs                                                            */
 /* ------------------------------------------------------------------------ */
 

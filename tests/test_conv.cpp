@@ -338,9 +338,9 @@ TEST(Conv, FoldedPreparationReportsMissingArguments) {
   Layer layer;
   ASSERT_EQ(layer.make(), 0);
   for (zyn_cg_handle* graph : {static_cast<zyn_cg_handle*>(nullptr), layer.net().graph()})
-    EXPECT_SAYS(zyn_cg_prepare_conv_bn(graph, graph ? -1 : 0), 1, fusion_report(kPara, 301));
-  for (auto* prepare : {zyn_cg_prepare_conv, zyn_cg_prepare_conv_act})
-    EXPECT_SAYS(prepare(nullptr, 0), 1, "");
+    EXPECT_SAYS(zyn_cg_conv_bn_row.prepare(graph, graph ? -1 : 0), 1, fusion_report(kPara, 301));
+  for (const zyn_cg_operator* row : {&zyn_cg_conv_row, &zyn_cg_conv_act_row})
+    EXPECT_SAYS(row->prepare(nullptr, 0), 1, "");
 }
 
 // Weights are read by preparation (method 0: at the run), biases at every run.

@@ -137,6 +137,39 @@ TEST(GraphHandle, DefaultsSettingsAndNotices) {
   }
 }
 
+TEST(GraphHandle, FieldsStandInTheirOrder) {
+  using H = zyn_cg_handle;
+  const size_t offsets[] = {
+      offsetof(H, max_nodes),    offsetof(H, nodes),        offsetof(H, records),
+      offsetof(H, order),        offsetof(H, bound),        offsetof(H, successors),
+      offsetof(H, predecessors), offsetof(H, run),          offsetof(H, extras),
+      offsetof(H, operators),    offsetof(H, thread_count), offsetof(H, conv_method),
+      offsetof(H, prepared),     offsetof(H, device_type),  offsetof(H, device_context),
+      offsetof(H, fixed_point),  offsetof(H, q_list)};
+  const size_t expected[] = {0, 8, 16, 24, 32, 40, 48, 56, 64, 72, 80, 84, 88, 92, 96, 104, 112};
+  EXPECT_TRUE(std::equal(std::begin(offsets), std::end(offsets), std::begin(expected)));
+}
+
+// What is asked for follows the nodes that edges name, not the maximum.
+TEST(GraphHandle, HugeMaximaCostNothing) {
+  const uint64_t before = zyn_get_current_memory_size_occupation();
+  Graph graph({}, INT32_MAX);
+  ASSERT_NE(graph.handle, nullptr);
+  EXPECT_LT(zyn_get_current_memory_size_occupation() - before, 100000u);
+  for (int32_t id = 4999; id > 0; id--)
+    ASSERT_EQ(zyn_add_one_edge_into_computation_graph(graph.handle, id - 1, id), 0);
+  EXPECT_EQ(zyn_darray_ids(zyn_cg_inputs(graph.handle, 4999))[0], 4998);
+  EXPECT_EQ(graph.sort(), 0);
+  EXPECT_EQ(graph.order()[4999], 4999);
+  EXPECT_LT(zyn_get_current_memory_size_occupation() - before, 2000000u);
+  for (int32_t far : {1 << 20, INT32_MAX - 1}) {
+    EXPECT_EQ(zyn_add_one_edge_into_computation_graph(graph.handle, 0, far), 0);
+    EXPECT_EQ(zyn_cg_inputs(graph.handle, far), nullptr);
+  }
+  EXPECT_LT(zyn_get_current_memory_size_occupation() - before, 2000000u);
+  EXPECT_SAYS(graph.sort(), 32, order_report(kCycle, 108));
+}
+
 TEST(GraphHandle, FailedCreationIsReportedAndLeavesNothing) {
   const uint64_t before = zyn_get_current_memory_size_occupation();
   const int lines[] = {0, 0, 224, 225, 227, 231, 232, 231, 232, 231, 232, 236};  // 0: silent
@@ -392,9 +425,11 @@ TEST(GraphDriver, AFailingNodeStopsTheWalk) {
   graph.ready().fails('p', 1, 5);
   EXPECT_SAYS(graph.prepare(), 5, "failed to prepare inference node:1!!!");
   EXPECT_EQ(graph.handle->prepared, 0u);
-  graph.fails('r', 1, 300);
+  EXPECT_SAYS(graph.run(), 1, "failed to inference: 1!!!");  // never half-prepared
+  graph.fails('p', -1, 0).fails('r', 1, 300);
+  EXPECT_EQ(graph.prepare(), 0);
   EXPECT_SAYS(graph.run(), 300, "failed to inference: 1!!!");
-  EXPECT_EQ(calls, "p2 p1 r2 r1 ");
+  EXPECT_EQ(calls, "p2 p1 r2 p2 p1 p0 r2 r1 ");
 }
 
 // A release routine that fails ends the loop: the records after it are left.
@@ -427,8 +462,8 @@ TEST(GraphDriver, GraphsThatAreNotReadyAreRefused) {
   graph.handle->prepared = 0;
   EXPECT_SAYS(graph.prepare(), 1, "");
   EXPECT_EQ(graph.handle->prepared, 1u);  // as the unbound node leaves it
-  EXPECT_EQ(graph.run(), 0);
-  EXPECT_EQ(calls, "b0 b2 p0 r0 r2 ");
+  EXPECT_SAYS(graph.run(), 1, "failed to inference: 2!!!");
+  EXPECT_EQ(calls, "b0 b2 p0 r0 ");
   // Nodes added after the first binding have no room and stay unbound.
   graph.bind(1);
   EXPECT_EQ(zyn_add_one_edge_into_computation_graph(graph.handle, 2, 3), 0);

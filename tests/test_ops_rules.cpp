@@ -2,8 +2,8 @@
 #include <set>
 
 #include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
-#include "cg/cpu/zyn_cg.h"
 #include "cg/cpu/ops/zyn_cg_power.h"
+#include "cg/cpu/zyn_cg.h"
 #include "support/model.h"
 #include "support/reference.h"
 
@@ -170,7 +170,8 @@ TEST(Ops, ReshapeCopiesWhateverTheCountsAndClearsTheRest) {
   for (const auto& c : cases)
     EXPECT_EQ(ask(ZYN_OP_RESHAPE, reshaped(c.dims), in), c.expected)
         << ::testing::PrintToString(c.dims);
-  // Six extents are refused before anything is copied; two end with the caller's record.
+  // Of a count above 5 nothing is copied, and preparation refuses it; two extents end with the
+  // caller's record.
   for (const std::vector<int32_t>& words : {std::vector<int32_t>{6}, {2, -1, 16}}) {
     PageEnd<int32_t> record(words.size());
     std::copy(words.begin(), words.end(), record.begin());
@@ -179,7 +180,10 @@ TEST(Ops, ReshapeCopiesWhateverTheCountsAndClearsTheRest) {
     ASSERT_EQ(short_net.connect(), 0);
     zyn_cg_node_desc desc = {ZYN_OP_RESHAPE, nullptr, 0, nullptr, 0};
     EXPECT_EQ(zyn_bind_operator_onto_computation_graph(short_net.graph(), 1, &desc, record.data()),
-              words[0] == 6 ? 1 : 0);
+              0);
+    desc = {ZYN_OP_INPUT, short_net.output_tensor(0), 0, nullptr, 0};
+    zyn_bind_operator_onto_computation_graph(short_net.graph(), 0, &desc, nullptr);
+    EXPECT_EQ(short_net.prepare(), words[0] == 6 ? 1 : 0);
   }
 }
 
@@ -255,6 +259,13 @@ TEST(Ops, JoinsRefuseWhatDoesNotFit) {
                {ZYN_OP_ADD, ramp({6, 4}), ramp({1}), kRunRefuses},
                {ZYN_OP_MULTIPLY, pixel, block, kFine},
                {ZYN_OP_MULTIPLY, block, flat, kRunRefuses},
+               {ZYN_OP_ADD, ramp({1, 1, 4}), ramp({1, 1, 4, 1}), kFine},
+               {ZYN_OP_ADD, ramp({1, 1, 4}), ramp({1, 1, 4, 2}), kRunRefuses},
+               {ZYN_OP_ADD, ramp({1, 1, 4, 2}), pixel, kRunRefuses},
+               {ZYN_OP_MULTIPLY, ramp({3, 2, 4, 1}), ramp({1, 1, 4, 1}), kFine},
+               {ZYN_OP_MULTIPLY, pixel, ramp({3, 2, 4, 1}), kFine},
+               {ZYN_OP_MULTIPLY, block, ramp({3, 2, 4, 1}), kFine},
+               {ZYN_OP_MULTIPLY, ramp({3, 2, 4, 2}), pixel, kRunRefuses},
                {ZYN_OP_MULTIPLY, block, ramp({1, 1, 5}), kRunRefuses},
                {ZYN_OP_MULTIPLY, ramp({1, 1, 5}), block, kRunRefuses}};
   for (const auto& c : cases) {
@@ -445,13 +456,62 @@ TEST(Ops, FixedPointGraphsKeepTheirQRulesAndRefuseTheRest) {
     if (type != ZYN_OP_BATCH_NORM) {
       EXPECT_EQ(q[node], takes_input_q.count(type) ? 7u : 3u);
     }
-    q[0] = 16;  // no 16-bit value has more than 15 fraction bits
-    EXPECT_EQ(model.net.prepare(), code == 4 ? 4 : 1);
+    // No 16-bit value has more than 15 fraction bits. Nothing half-prepared runs.
+    for (uint32_t none : {16u, 40u, 0x80000000u, 0xFFFFFFFFu}) {
+      if (type == ZYN_OP_AVERAGE_POOL) break;
+      q[0] = none;
+      EXPECT_EQ(model.net.prepare(), code == 4 ? 4 : 1) << none;
+      EXPECT_EQ(model.net.run(), 1) << none;
+      EXPECT_EQ(model.net.output_tensor(node), nullptr) << none;
+    }
     q[0] = 7;
     zyn_tensor* input = model.net.output_tensor(0);
     input->type = ZYN_TYPE_F32;
     EXPECT_EQ(model.net.prepare(), 1) << "floats";
     input->type = ZYN_TYPE_FPI16;
+  }
+}
+
+TEST(Ops, AveragePoolingJudgesItsQAtTheRun) {
+  const struct {
+    uint32_t q_in, q_out;
+    int32_t code;
+    double mean;  // of four times 30001
+  } cases[] = {{16, 8, 0, 117},
+               {40, 8, 0, 0},
+               {8, 16, 1, 0},
+               {0x80000000u, 8, 1, 0},
+               {3, 0xFFFFFFFEu, 0, 938},
+               {0x7FFFFFFFu, 0x80000000u, 0, 0},
+               {0, 15, 0, -32768}};
+  for (const auto& c : cases) {
+    Net net(1);
+    const int x = net.input(Array({2, 2, 1}, 30001));
+    const int id = net.op(ZYN_OP_AVERAGE_POOL, zyn_pool_param{2, 2, 2, 2, 0}, {x});
+    ASSERT_EQ(net.make(), 0);
+    net.q_list(c.q_in, {{id, c.q_out}});
+    EXPECT_EQ(net.prepare(), 0) << c.q_in;
+    EXPECT_EQ(net.run(), c.code) << c.q_in;
+    if (!c.code) {
+      EXPECT_EQ(net.output(id).v[0], c.mean) << c.q_in;
+    }
+  }
+}
+
+// Until the run writes planar order the output says what its input lies in.
+TEST(Ops, OutputsTakeOverTheirInputsLayoutAtPreparation) {
+  const int32_t zero = 0;
+  for (int type : {ZYN_OP_RESHAPE, ZYN_OP_CONCAT, ZYN_OP_LINEAR}) {
+    Net net;
+    const int x = net.input(ramp({8, 2}), ZYN_LAYOUT_BLOCKED);
+    const int id = type == ZYN_OP_RESHAPE ? net.op(type, zyn_reshape_param{1, {16}}, {x})
+                   : type == ZYN_OP_CONCAT
+                       ? net.op(type, zyn_concat_param{0, 1, &zero}, {x})
+                       : net.op(type, zyn_linear_param{8, 1, 0}, {x, net.constant(ramp({8}))});
+    ASSERT_EQ(net.make() + net.prepare(), 0);
+    EXPECT_EQ(net.output_tensor(id)->layout, ZYN_LAYOUT_BLOCKED) << type;
+    EXPECT_EQ(net.run(), 0);
+    EXPECT_EQ(net.output_tensor(id)->layout, ZYN_LAYOUT_PLANAR) << type;
   }
 }
 

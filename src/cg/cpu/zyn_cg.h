@@ -32,27 +32,24 @@ struct zyn_cg_operator {
 static_assert(sizeof(zyn_cg_operator) == kZynOperatorSlots * sizeof(void*), "five pointers a row");
 
 // How far preparation has come with a node. Preparing again may release the outputs of an
-// earlier preparation, so that a node which it does not reach (because one before it
-// fails) must neither run nor be read: its inputs may be gone.
+// earlier preparation, and one that fails leaves its node half made: only nodes that the
+// latest preparation made ready run, and the others are not read.
 enum zyn_cg_stage : uint8_t {
-  ZYN_STAGE_NEW,      // never tried: holds no tensors
-  ZYN_STAGE_CURRENT,  // tried by the latest preparation: its inputs are those of this one
-  ZYN_STAGE_STALE     // prepared by an earlier one only
+  ZYN_STAGE_NEW,    // never tried: holds no tensors
+  ZYN_STAGE_READY,  // prepared by the latest preparation
+  ZYN_STAGE_STALE   // tried in vain, or prepared by an earlier preparation only
 };
 
 struct zyn_cg_handle {
   int32_t max_nodes;
   zyn_darray* nodes;           // i32: every id of an edge, in order of appearance
   void** records;              // by id, record_count + 1 entries: made at binding
-  int32_t record_count;        // number of nodes at the first binding; later ones have no room
   int32_t* order;              // sorted_count ids in order of execution
   int32_t* bound;              // by id, sorted_count + 1 entries: 1 once bound
-  int32_t sorted_count;        // number of nodes at the last sort
-  zyn_darray** successors;     // by id, max_nodes arrays of i32
+  zyn_darray** successors;     // by id, list_count arrays of i32 or null
   zyn_darray** predecessors;   // the same, an operator's inputs in order
   zyn_cg_run_fn* run;          // by id
   void** extras;               // by id: one word for the operators' use
-  zyn_cg_stage* stages;        // by id
   zyn_cg_operator* operators;  // kZynOperatorTypes rows
   uint32_t thread_count;
   uint32_t conv_method;  // 0, 1 or 2
@@ -61,6 +58,11 @@ struct zyn_cg_handle {
   void* device_context;  // always null
   uint32_t fixed_point;  // 1: fixed point; anything else: float
   uint32_t* q_list;      // by id, max_nodes entries, or null
+  // What follows is not of the described record.
+  int32_t record_count;  // number of nodes at the first binding; later ones have no room
+  int32_t sorted_count;  // number of nodes at the last sort
+  int32_t list_count;    // ids with room for edge lists
+  zyn_cg_stage* stages;  // by id
 };
 
 // A stored data node (types 0, 1, 2): a copy of its descriptor with extra cleared.
@@ -87,9 +89,9 @@ int32_t zyn_cg_node_type(const zyn_cg_handle* graph, int32_t node);
 // the producer's output tensor. Null when there is none (yet, or any more).
 zyn_tensor* zyn_cg_producer_tensor(zyn_cg_handle* graph, int32_t producer);
 
-// The predecessors of a node; null when the id is out of range.
+// The predecessors of a node; null when no edge has named an id that far.
 inline const zyn_darray* zyn_cg_inputs(const zyn_cg_handle* graph, int32_t node) {
-  return node >= 0 && node < graph->max_nodes ? graph->predecessors[node] : nullptr;
+  return node >= 0 && node < graph->list_count ? graph->predecessors[node] : nullptr;
 }
 
 // Stores a fresh record and its run function for a node being bound.

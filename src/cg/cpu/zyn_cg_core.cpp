@@ -5,7 +5,7 @@
 
 #include "base/zyn_memory.h"
 #include "base/zyn_report.h"
-#include "cg/cpu/zyn_cg.h"
+#include "cg/cpu/zyn_cg_support.h"
 
 namespace {
 
@@ -31,6 +31,10 @@ constexpr zyn_cg_create_param kDefaults = {256, 1, {0, 0}, 0};
 constexpr zyn_darray_type kIdType = {sizeof(int32_t), 0, nullptr, nullptr};
 constexpr uint32_t kLastMethod = 2;
 constexpr uint32_t kNoQ = 0xFFFFFFFFu;
+// Creation makes the edge lists of so many ids, edges those of the ids that they name: what a
+// graph asks for grows with its nodes, not with its maximum.
+constexpr int32_t kFirstLists = 256;
+constexpr int32_t kMostLists = 1 << 20;
 
 bool is_data_type(uint32_t type) { return type <= ZYN_OP_CONSTANT; }
 
@@ -46,13 +50,15 @@ bool report_missing(const void* block, const zyn_site& site) {
 
 // Makes the arrays of a new handle. False, after the report, on the first failure.
 bool make_handle_arrays(zyn_cg_handle* graph) {
-  graph->successors = make_array<zyn_darray*>(graph->max_nodes);
+  const int32_t count = graph->max_nodes < kFirstLists ? graph->max_nodes : kFirstLists;
+  graph->successors = make_array<zyn_darray*>(count);
   if (report_missing(graph->successors, kSuccessorsMemory)) return false;
-  graph->predecessors = make_array<zyn_darray*>(graph->max_nodes);
+  graph->predecessors = make_array<zyn_darray*>(count);
   if (report_missing(graph->predecessors, kPredecessorsMemory)) return false;
+  graph->list_count = count;
   graph->nodes = zyn_create_darray(&kIdType);
   if (report_missing(graph->nodes, kNodesMemory)) return false;
-  for (int32_t id = 0; id < graph->max_nodes; id++) {
+  for (int32_t id = 0; id < count; id++) {
     graph->successors[id] = zyn_create_darray(&kIdType);
     if (report_missing(graph->successors[id], kSuccessorMemory)) return false;
     graph->predecessors[id] = zyn_create_darray(&kIdType);
@@ -66,7 +72,7 @@ bool make_handle_arrays(zyn_cg_handle* graph) {
 
 void release_edge_lists(zyn_cg_handle* graph, zyn_darray** lists) {
   if (!lists) return;
-  for (int32_t id = 0; id < graph->max_nodes; id++)
+  for (int32_t id = 0; id < graph->list_count; id++)
     if (lists[id]) zyn_release_darray(&lists[id]);
   zyn_free(lists);
 }
@@ -99,6 +105,36 @@ void add_node(zyn_darray* nodes, int32_t node) {
   if (!has_node(nodes, node)) zyn_darray_push(nodes, &node);
 }
 
+// Makes the lists of held ids those of count ids, the further ones null.
+bool widen_lists(zyn_darray*** lists, int64_t held, int64_t count) {
+  void* grown = zyn_grow(*lists, count * static_cast<int64_t>(sizeof(zyn_darray*)));
+  if (!grown) return false;
+  *lists = static_cast<zyn_darray**>(grown);
+  for (int64_t i = held; i < count; i++) (*lists)[i] = nullptr;
+  return true;
+}
+
+// Room for the edge lists of an id below max_nodes.
+bool reach_lists(zyn_cg_handle* graph, int32_t id) {
+  const int64_t held = graph->list_count;
+  if (id < held) return true;
+  const int64_t count = id < 2 * held ? 2 * held : id + 1;
+  if (id >= kMostLists || !widen_lists(&graph->successors, held, count) ||
+      !widen_lists(&graph->predecessors, held, count))
+    return false;
+  graph->list_count = static_cast<int32_t>(count);
+  return true;
+}
+
+// Appends to the list of an id. Without memory the entry is left out.
+void push_edge(zyn_cg_handle* graph, zyn_darray** zyn_cg_handle::*lists, int32_t id,
+               int32_t other) {
+  if (!reach_lists(graph, id)) return;
+  zyn_darray** list = &(graph->*lists)[id];
+  if (!*list) *list = zyn_create_darray(&kIdType);
+  if (*list) zyn_darray_push(*list, &other);
+}
+
 // The arrays that the first binding makes, with one spare record; all of them or none,
 // since the next attempt may see more nodes.
 bool make_binding_arrays(zyn_cg_handle* graph) {
@@ -120,21 +156,25 @@ bool make_binding_arrays(zyn_cg_handle* graph) {
 // From here on what nodes hold of earlier preparations is not to be used.
 void outdate_nodes(zyn_cg_handle* graph) {
   for (int32_t id = 0; graph->stages && id < graph->record_count; id++)
-    if (graph->stages[id] == ZYN_STAGE_CURRENT) graph->stages[id] = ZYN_STAGE_STALE;
+    if (graph->stages[id] == ZYN_STAGE_READY) graph->stages[id] = ZYN_STAGE_STALE;
 }
 
 bool is_stale(const zyn_cg_handle* graph, int32_t node) {
   return graph->stages && graph->stages[node] == ZYN_STAGE_STALE;
 }
 
-// Prepares a node that has a record. Where its first preparation fails it holds nothing
-// but tensors of this walk; where a later one fails, maybe some of the walk before.
+// Prepares a node that has a record.
 int32_t prepare_node(zyn_cg_handle* graph, int32_t node, int32_t type) {
   const zyn_cg_prepare_fn prepare = graph->operators[type].prepare;
-  const bool first = graph->stages[node] == ZYN_STAGE_NEW;
   const int32_t code = prepare ? prepare(graph, node) : ZYN_RET_OK;
-  graph->stages[node] = first || code == ZYN_RET_OK ? ZYN_STAGE_CURRENT : ZYN_STAGE_STALE;
+  graph->stages[node] = code == ZYN_RET_OK ? ZYN_STAGE_READY : ZYN_STAGE_STALE;
   return code;
+}
+
+// Runs a node that has a record and a run function.
+int32_t run_node(zyn_cg_handle* graph, int32_t node) {
+  return graph->stages[node] == ZYN_STAGE_READY ? graph->run[node](graph->records[node])
+                                                : ZYN_RET_ERR_PARA;
 }
 
 int32_t store_data_node(zyn_cg_handle* graph, int32_t node, const zyn_cg_node_desc* desc) {
@@ -213,8 +253,8 @@ int32_t zyn_add_one_edge_into_computation_graph(zyn_cg_handle* graph, int32_t fr
   add_node(graph->nodes, from);
   add_node(graph->nodes, to);
   if (from >= graph->max_nodes || to >= graph->max_nodes) return ZYN_RET_ERR_PARA;
-  zyn_darray_push(graph->successors[from], &to);
-  zyn_darray_push(graph->predecessors[to], &from);
+  push_edge(graph, &zyn_cg_handle::successors, from, to);
+  push_edge(graph, &zyn_cg_handle::predecessors, to, from);
   return ZYN_RET_OK;
 }
 
@@ -264,9 +304,8 @@ int32_t zyn_computation_graph_inference(zyn_cg_handle* graph) {
   if (zyn_cg_node_count(graph) > 0 && !graph->order) return ZYN_RET_ERR_PARA;
   for (int32_t k = 0; k < graph->sorted_count; k++) {
     const int32_t id = graph->order[k];
-    void* record = zyn_cg_record(graph, id);
-    if (!record || !graph->run[id]) continue;
-    const int32_t code = is_stale(graph, id) ? ZYN_RET_ERR_PARA : graph->run[id](record);
+    if (!zyn_cg_record(graph, id) || !graph->run[id]) continue;
+    const int32_t code = run_node(graph, id);
     if (code != ZYN_RET_OK) {
       zyn_print("failed to inference: %d!!!", static_cast<int>(id));
       return code;
@@ -322,7 +361,6 @@ void zyn_cg_install(zyn_cg_handle* graph, int32_t node, void* record, zyn_cg_run
 
 zyn_tensor* zyn_cg_create_output(const zyn_cg_handle* graph, int32_t dim_count, const int32_t* dims,
                                  uint32_t type) {
-  const bool header_only = graph->device_type >= 1 && graph->device_type <= 3;
-  return header_only ? zyn_create_tensor_header(dim_count, dims, type)
-                     : zyn_create_tensor(dim_count, dims, type);
+  return zyn_cg_on_device(graph->device_type) ? zyn_create_tensor_header(dim_count, dims, type)
+                                              : zyn_create_tensor(dim_count, dims, type);
 }

@@ -4,11 +4,11 @@
 // by value.
 #include "cg/cpu/zyn_cg_layout.h"
 
-#include <immintrin.h>
 #include <string.h>
 
 #include "base/zyn_memory.h"
 #include "matrix/zyn_tensor.h"
+#include "simd/zyn_vectors.h"
 
 namespace {
 
@@ -17,26 +17,10 @@ constexpr uint32_t kPlanar = ZYN_LAYOUT_PLANAR;
 
 // Eight pixels of eight channels: source pixel by pixel, pitch elements apart.
 void transpose_8x8(float* out, int64_t plane_pitch, const float* in, int64_t pitch) {
-  __m256 r[8], s[8];
-#pragma GCC unroll 8
-  for (int i = 0; i < 8; i++) r[i] = _mm256_loadu_ps(in + i * pitch);
-#pragma GCC unroll 4
-  for (int i = 0; i < 4; i++) {
-    s[2 * i] = _mm256_unpacklo_ps(r[2 * i], r[2 * i + 1]);
-    s[2 * i + 1] = _mm256_unpackhi_ps(r[2 * i], r[2 * i + 1]);
-  }
-#pragma GCC unroll 2
-  for (int i = 0; i < 2; i++) {
-    r[4 * i] = _mm256_shuffle_ps(s[4 * i], s[4 * i + 2], 0x44);
-    r[4 * i + 1] = _mm256_shuffle_ps(s[4 * i], s[4 * i + 2], 0xEE);
-    r[4 * i + 2] = _mm256_shuffle_ps(s[4 * i + 1], s[4 * i + 3], 0x44);
-    r[4 * i + 3] = _mm256_shuffle_ps(s[4 * i + 1], s[4 * i + 3], 0xEE);
-  }
-#pragma GCC unroll 4
-  for (int i = 0; i < 4; i++) {
-    _mm256_storeu_ps(out + i * plane_pitch, _mm256_permute2f128_ps(r[i], r[i + 4], 0x20));
-    _mm256_storeu_ps(out + (i + 4) * plane_pitch, _mm256_permute2f128_ps(r[i], r[i + 4], 0x31));
-  }
+  __m256 rows[8];
+  ZYN_UNROLL for (int i = 0; i < 8; i++) rows[i] = _mm256_loadu_ps(in + i * pitch);
+  zyn_transpose_8x8(rows);
+  ZYN_UNROLL for (int i = 0; i < 8; i++) _mm256_storeu_ps(out + i * plane_pitch, rows[i]);
 }
 
 // One row of group channels that lie pitch elements apart from pixel to pixel.

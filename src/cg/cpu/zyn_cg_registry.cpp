@@ -1,69 +1,34 @@
-// The operator table: which routine serves which type and slot. Types that share a
-// routine have states that agree in the fields the routine touches.
-#include "base/zyn_memory.h"
+// The operator table: which row serves which type. The rows stand beside the operators'
+// code. Nodes of types without one bind, and
+// fail to prepare for want of a record.
 #include "cg/cpu/ops/zyn_cg_operators.h"
-#include "cg/cpu/zyn_cg_support.h"
 
-namespace {
-
-void register_convolutions(zyn_cg_operator* rows) {
-  rows[3] = {zyn_cg_bind_conv, zyn_cg_prepare_conv, zyn_cg_release_conv, zyn_cg_output_conv,
-             nullptr};
-  rows[4] = rows[3];
-  rows[4].bind = zyn_cg_bind_conv_depthwise;
-  rows[5] = {zyn_cg_bind_conv_pointwise, zyn_cg_prepare_conv_pointwise,
-             zyn_cg_release_conv_pointwise, zyn_cg_output_conv, nullptr};
-  rows[12] = {zyn_cg_bind_conv_act, zyn_cg_prepare_conv_act, zyn_cg_release_conv_act,
-              zyn_cg_output_conv_act, nullptr};
-  rows[13] = {zyn_cg_bind_conv_bn, zyn_cg_prepare_conv_bn, zyn_cg_release_conv_bn,
-              zyn_cg_output_conv_bn, nullptr};
-}
-
-// Operators that are not one of the convolutions above.
-void register_plain_operators(zyn_cg_operator* rows) {
-  const zyn_cg_release_fn io = zyn_cg_release_io;  // types 7, 8, 22, 23, 30
-  rows[7] = {zyn_cg_bind_conv_grouped, zyn_cg_prepare_conv_grouped, io, zyn_cg_output_conv,
-             nullptr};
-  rows[8] = {zyn_cg_bind_conv_transposed, zyn_cg_prepare_conv_transposed, io, zyn_cg_output_conv,
-             nullptr};
-  rows[9] = {zyn_cg_bind_func, zyn_cg_prepare_func, zyn_cg_release_func, zyn_cg_output_func,
-             nullptr};
-  rows[10] = {zyn_cg_bind_bn, zyn_cg_prepare_bn, zyn_cg_release_bn, zyn_cg_output_bn, nullptr};
-  rows[11] = rows[10];
-  rows[11].bind = zyn_cg_bind_bn_fast;
-  rows[15] = {zyn_cg_bind_sigmoid, zyn_cg_prepare_activation, zyn_cg_release_activation,
-              zyn_cg_output_activation, nullptr};
-  rows[16] = rows[20] = rows[21] = rows[24] = rows[15];
-  rows[16].bind = zyn_cg_bind_relu;
-  rows[20].bind = zyn_cg_bind_relu6;
-  rows[21].bind = zyn_cg_bind_hard_swish;
-  rows[24].bind = zyn_cg_bind_mish;
-  rows[22] = {zyn_cg_bind_max_pool, zyn_cg_prepare_max_pool, io, zyn_cg_output_pool, nullptr};
-  rows[23] = {zyn_cg_bind_average_pool, zyn_cg_prepare_average_pool, io, zyn_cg_output_pool,
-              nullptr};
-  rows[25] = {zyn_cg_bind_linear, zyn_cg_prepare_linear, zyn_cg_release_linear,
-              zyn_cg_output_linear, zyn_cg_output_linear};
-  rows[27] = {zyn_cg_bind_add, zyn_cg_prepare_join, zyn_cg_release_join, zyn_cg_output_func,
-              zyn_cg_output_func};
-  rows[28] = {zyn_cg_bind_multiply, zyn_cg_prepare_join, zyn_cg_release_join, zyn_cg_output_func,
-              nullptr};
-  rows[30] = {zyn_cg_bind_resample, zyn_cg_prepare_resample, io, zyn_cg_output_resample, nullptr};
-  rows[31] = {zyn_cg_bind_affine, zyn_cg_prepare_affine, zyn_cg_release_affine,
-              zyn_cg_output_affine, nullptr};
-  rows[32] = {zyn_cg_bind_reshape, zyn_cg_prepare_reshape, zyn_cg_release_tensor_op,
-              zyn_cg_output_reshape, nullptr};
-  rows[33] = {zyn_cg_bind_concat, zyn_cg_prepare_concat, zyn_cg_release_concat,
-              zyn_cg_output_concat, nullptr};
-  rows[34] = {zyn_cg_bind_slice, zyn_cg_prepare_slice, zyn_cg_release_tensor_op,
-              zyn_cg_output_slice, nullptr};
-  rows[35] = {zyn_cg_bind_gather, zyn_cg_prepare_gather, zyn_cg_release_gather,
-              zyn_cg_output_gather, nullptr};
-}
-
-}  // namespace
-
-int32_t zyn_cg_register_operators(zyn_cg_operator* operators) {
-  register_convolutions(operators);
-  register_plain_operators(operators);
+int32_t zyn_cg_register_operators(zyn_cg_operator* rows) {
+  rows[ZYN_OP_CONV] = zyn_cg_conv_row;
+  rows[ZYN_OP_CONV_DEPTHWISE] = zyn_cg_conv_depthwise_row;
+  rows[ZYN_OP_CONV_POINTWISE] = zyn_cg_conv_pointwise_row;
+  rows[ZYN_OP_CONV_GROUPED] = zyn_cg_conv_grouped_row;
+  rows[ZYN_OP_CONV_TRANSPOSED] = zyn_cg_conv_transposed_row;
+  rows[ZYN_OP_FUNCTION] = zyn_cg_func_row;
+  rows[ZYN_OP_BATCH_NORM] = zyn_cg_bn_row;
+  rows[ZYN_OP_BATCH_NORM_FAST] = zyn_cg_bn_fast_row;
+  rows[ZYN_OP_CONV_ACT] = zyn_cg_conv_act_row;
+  rows[ZYN_OP_CONV_BN] = zyn_cg_conv_bn_row;
+  rows[ZYN_OP_SIGMOID] = zyn_cg_sigmoid_row;
+  rows[ZYN_OP_RELU] = zyn_cg_relu_row;
+  rows[ZYN_OP_RELU6] = zyn_cg_relu6_row;
+  rows[ZYN_OP_HARD_SWISH] = zyn_cg_hard_swish_row;
+  rows[ZYN_OP_MAX_POOL] = zyn_cg_max_pool_row;
+  rows[ZYN_OP_AVERAGE_POOL] = zyn_cg_average_pool_row;
+  rows[ZYN_OP_MISH] = zyn_cg_mish_row;
+  rows[ZYN_OP_LINEAR] = zyn_cg_linear_row;
+  rows[ZYN_OP_ADD] = zyn_cg_add_row;
+  rows[ZYN_OP_MULTIPLY] = zyn_cg_multiply_row;
+  rows[ZYN_OP_RESAMPLE] = zyn_cg_resample_row;
+  rows[ZYN_OP_AFFINE] = zyn_cg_affine_row;
+  rows[ZYN_OP_RESHAPE] = zyn_cg_reshape_row;
+  rows[ZYN_OP_CONCAT] = zyn_cg_concat_row;
+  rows[ZYN_OP_CHANNEL_SLICE] = zyn_cg_slice_row;
+  rows[ZYN_OP_CHANNEL_GATHER] = zyn_cg_gather_row;
   return ZYN_RET_OK;
 }

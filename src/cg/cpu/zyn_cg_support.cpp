@@ -42,10 +42,14 @@ int32_t zyn_cg_only_input(zyn_cg_handle* graph, int32_t node, zyn_tensor** input
   return ZYN_RET_OK;
 }
 
+bool zyn_cg_read_fraction_bits(const zyn_cg_handle* graph, int32_t node, int32_t* q) {
+  if (!graph->q_list || node < 0 || node >= graph->max_nodes) return false;
+  *q = static_cast<int32_t>(graph->q_list[node]);
+  return true;
+}
+
 bool zyn_cg_read_q(const zyn_cg_handle* graph, int32_t node, int32_t* q) {
-  const uint32_t listed = zyn_cg_get_q_from_list(graph, node);
-  *q = static_cast<int32_t>(listed);
-  return listed <= 15;
+  return zyn_cg_read_fraction_bits(graph, node, q) && *q >= 0 && *q <= 15;
 }
 
 int32_t zyn_cg_inherit_q(zyn_cg_handle* graph, int32_t node, int32_t producer) {
@@ -54,6 +58,18 @@ int32_t zyn_cg_inherit_q(zyn_cg_handle* graph, int32_t node, int32_t producer) {
   if (!zyn_cg_read_q(graph, producer, &q)) return ZYN_RET_ERR_PARA;
   graph->q_list[node] = static_cast<uint32_t>(q);
   return ZYN_RET_OK;
+}
+
+int32_t zyn_cg_moved_input(zyn_cg_handle* graph, int32_t node, zyn_cg_io_state* state,
+                           zyn_tensor** input) {
+  if (!state) return ZYN_RET_ERR_PARA;
+  state->input = nullptr;
+  const zyn_cg_sources sources = zyn_cg_find_sources(graph, node);
+  *input = sources.count > 1 ? nullptr : sources.input;
+  if (!*input) return ZYN_RET_ERR_PARA;
+  if (zyn_cg_is_fixed_point(graph) && zyn_cg_check_input(graph, *input) != ZYN_RET_OK)
+    return ZYN_RET_ERR_PARA;
+  return zyn_cg_inherit_q(graph, node, sources.producer);
 }
 
 int32_t zyn_cg_quantize(zyn_tensor** quantized, const zyn_tensor* constant, uint32_t* q) {

@@ -21,6 +21,8 @@ struct zyn_cg_io_state {
   void* workspace;     // a zyn_malloc block of the type's own, or null
 };
 
+inline constexpr int32_t kZynMaxDims = 5;
+
 // A zeroed state for a node being bound; null without memory.
 template <typename State>
 State* zyn_cg_new_state(zyn_cg_handle* graph, int32_t node, uint32_t type, zyn_cg_run_fn run) {
@@ -46,6 +48,16 @@ int32_t zyn_cg_bind_record(zyn_cg_handle* graph, int32_t node, const void* param
   memcpy(&state->param, param, sizeof(state->param));
   return ZYN_RET_OK;
 }
+
+// Device types 1 to 3 compute elsewhere: their outputs have no data here.
+inline bool zyn_cg_on_device(uint32_t device_type) { return device_type >= 1 && device_type <= 3; }
+
+// The members of a record's pair by the axis that they belong to: the first one, named _h,
+// along x = dims[0], the second, named _w, along y = dims[1].
+template <typename T>
+struct zyn_cg_pair {
+  T x, y;
+};
 
 // The state of a node that is being prepared; null for a null graph, a bad node.
 template <typename State>
@@ -84,6 +96,10 @@ inline int32_t zyn_cg_check_input(const zyn_cg_handle* graph, const zyn_tensor* 
   return usable ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
 }
 
+// The Q list's entry of a node as a signed count, in no range; false without a list or for an
+// id outside it.
+bool zyn_cg_read_fraction_bits(const zyn_cg_handle* graph, int32_t node, int32_t* q);
+
 // The Q list's entry of a node; false unless it is 0 to 15, the fraction bits that 16-bit
 // values can have.
 bool zyn_cg_read_q(const zyn_cg_handle* graph, int32_t node, int32_t* q);
@@ -91,6 +107,11 @@ bool zyn_cg_read_q(const zyn_cg_handle* graph, int32_t node, int32_t* q);
 // In a fixed-point graph: a node that only selects or moves values takes its input's q,
 // which is written into the list for the nodes behind it. 1 where that is no q.
 int32_t zyn_cg_inherit_q(zyn_cg_handle* graph, int32_t node, int32_t producer);
+
+// The input of a node that moves data of any type, in fixed point of 16 bits, and the node's
+// q after it. The state has no input until its preparation succeeds.
+int32_t zyn_cg_moved_input(zyn_cg_handle* graph, int32_t node, zyn_cg_io_state* state,
+                           zyn_tensor** input);
 
 // The 16-bit copy of a constant of floats, made again each time, and its one q. 1: no q
 // fits; 2: no memory.

@@ -50,9 +50,9 @@ void count_inputs(const zyn_cg_handle* graph, int32_t count, int32_t* in_degree)
   const int32_t* nodes = zyn_darray_ids(graph->nodes);
   for (int32_t i = 0; i < count; i++)
     if (nodes[i] < count && nodes[i] < graph->max_nodes) in_degree[nodes[i]] = 0;
-  for (int32_t id = 0; id < count && id < graph->max_nodes; id++) {
+  for (int32_t id = 0; id < count && id < graph->list_count; id++) {
     const zyn_darray* successors = graph->successors[id];
-    for (int64_t i = 0; i < successors->count; i++) {
+    for (int64_t i = 0; successors && i < successors->count; i++) {
       const int32_t successor = zyn_darray_ids(successors)[i];
       if (successor < count) in_degree[successor]++;
     }
@@ -87,8 +87,8 @@ int32_t drain(zyn_cg_handle* graph, int32_t count, int32_t* in_degree, id_queue*
   while (queue->size > 0) {
     const int32_t id = dequeue(queue);
     graph->order[taken++] = id;
-    const zyn_darray* successors = graph->successors[id];
-    for (int64_t i = 0; i < successors->count; i++) {
+    const zyn_darray* successors = id < graph->list_count ? graph->successors[id] : nullptr;
+    for (int64_t i = 0; successors && i < successors->count; i++) {
       const int32_t successor = zyn_darray_ids(successors)[i];
       if (successor < count && --in_degree[successor] == 0) enqueue(queue, successor);
     }

@@ -22,10 +22,6 @@ struct activation_state {
   uint32_t device_type;
 };
 
-bool is_on_device(const activation_state* state) {
-  return state->device_type >= 1 && state->device_type <= 3;
-}
-
 template <typename Function>
 int32_t apply(activation_state* state, Function f) {
   const zyn_tensor* input = state->input;
@@ -90,7 +86,7 @@ int32_t view_as_matrix(zyn_matrix* view, const zyn_tensor* tensor) {
 int32_t run_sigmoid(void* record) {
   auto* state = static_cast<activation_state*>(record);
   if (!state) return ZYN_RET_ERR_PARA;
-  if (is_on_device(state)) return ZYN_RET_OK;
+  if (zyn_cg_on_device(state->device_type)) return ZYN_RET_OK;
   if (state->fixed_point == 1) return apply_fixed(state);
   zyn_matrix view;
   if (!state->input || view_as_matrix(&view, state->input) != ZYN_RET_OK) return ZYN_RET_ERR_PARA;
@@ -112,7 +108,7 @@ int32_t run_relu6(void* record) {
 int32_t run_hard_swish(void* record) {
   auto* state = static_cast<activation_state*>(record);
   if (!state) return ZYN_RET_ERR_PARA;
-  if (is_on_device(state)) return ZYN_RET_OK;
+  if (zyn_cg_on_device(state->device_type)) return ZYN_RET_OK;
   return state->fixed_point == 1 ? apply_fixed(state) : apply(state, hard_swish);
 }
 
@@ -120,37 +116,15 @@ int32_t run_mish(void* record) {
   auto* state = static_cast<activation_state*>(record);
   if (!state) return ZYN_RET_ERR_PARA;
   if (state->device_type == 2) return ZYN_RET_OK;
-  return is_on_device(state) ? ZYN_RET_ERR_PARA : apply(state, mish);
+  return zyn_cg_on_device(state->device_type) ? ZYN_RET_ERR_PARA : apply(state, mish);
 }
 
 // The output is the node's own, not its input: only then it is released here.
 bool owns_output(const activation_state* state) {
-  return is_on_device(state) && state->output && state->output != state->input;
+  return zyn_cg_on_device(state->device_type) && state->output && state->output != state->input;
 }
 
-}  // namespace
-
-int32_t zyn_cg_bind_sigmoid(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_plain<activation_state, ZYN_OP_SIGMOID, run_sigmoid>(graph, node, param);
-}
-
-int32_t zyn_cg_bind_relu(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_plain<activation_state, ZYN_OP_RELU, run_relu>(graph, node, param);
-}
-
-int32_t zyn_cg_bind_relu6(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_plain<activation_state, ZYN_OP_RELU6, run_relu6>(graph, node, param);
-}
-
-int32_t zyn_cg_bind_hard_swish(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_plain<activation_state, ZYN_OP_HARD_SWISH, run_hard_swish>(graph, node, param);
-}
-
-int32_t zyn_cg_bind_mish(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_plain<activation_state, ZYN_OP_MISH, run_mish>(graph, node, param);
-}
-
-int32_t zyn_cg_prepare_activation(zyn_cg_handle* graph, int32_t node) {
+int32_t prepare_activation(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<activation_state>(graph, node);
   if (!state) return ZYN_RET_ERR_PARA;
   if (owns_output(state)) zyn_release_tensor(&state->output);
@@ -161,7 +135,7 @@ int32_t zyn_cg_prepare_activation(zyn_cg_handle* graph, int32_t node) {
   if (zyn_cg_check_input(graph, sources.input) != ZYN_RET_OK) return ZYN_RET_ERR_PARA;
   state->device_type = graph->device_type;
   zyn_tensor* input = sources.input;
-  state->output = is_on_device(state)
+  state->output = zyn_cg_on_device(state->device_type)
                       ? zyn_cg_create_output(graph, input->dim_count, input->dims, input->type)
                       : input;
   if (!state->output) return ZYN_RET_ERR_MEMORY;
@@ -176,7 +150,7 @@ int32_t zyn_cg_prepare_activation(zyn_cg_handle* graph, int32_t node) {
   return listed ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
 }
 
-int32_t zyn_cg_release_activation(void** record) {
+int32_t release_activation(void** record) {
   if (!record || !*record) return ZYN_RET_ERR_PARA;
   auto* state = static_cast<activation_state*>(*record);
   if (owns_output(state)) zyn_release_tensor(&state->output);
@@ -185,7 +159,18 @@ int32_t zyn_cg_release_activation(void** record) {
   return ZYN_RET_OK;
 }
 
-zyn_tensor* zyn_cg_output_activation(zyn_cg_handle* graph, int32_t node) {
-  return zyn_cg_output_if<activation_state, ZYN_OP_SIGMOID, ZYN_OP_RELU, ZYN_OP_RELU6,
-                          ZYN_OP_HARD_SWISH, ZYN_OP_MISH>(graph, node);
+template <uint32_t Type, zyn_cg_run_fn Run>
+constexpr zyn_cg_operator activation_row() {
+  return {zyn_cg_bind_plain<activation_state, Type, Run>, prepare_activation, release_activation,
+          zyn_cg_output_if<activation_state, ZYN_OP_SIGMOID, ZYN_OP_RELU, ZYN_OP_RELU6,
+                           ZYN_OP_HARD_SWISH, ZYN_OP_MISH>,
+          nullptr};
 }
+
+}  // namespace
+
+const zyn_cg_operator zyn_cg_sigmoid_row = activation_row<ZYN_OP_SIGMOID, run_sigmoid>();
+const zyn_cg_operator zyn_cg_relu_row = activation_row<ZYN_OP_RELU, run_relu>();
+const zyn_cg_operator zyn_cg_relu6_row = activation_row<ZYN_OP_RELU6, run_relu6>();
+const zyn_cg_operator zyn_cg_hard_swish_row = activation_row<ZYN_OP_HARD_SWISH, run_hard_swish>();
+const zyn_cg_operator zyn_cg_mish_row = activation_row<ZYN_OP_MISH, run_mish>();

@@ -1,4 +1,4 @@
-// Affine sampling (31): every output pixel takes the input at an affinely mapped place,
+// Affine sampling: every output pixel takes the input at an affinely mapped place,
 // bilinear between four pixels, with zeros outside. Eight pixels of a row share their
 // places and weights over all channels.
 #include <math.h>
@@ -53,8 +53,7 @@ corners corners_at(__m256 x, __m256 y, plane_size size) {
   const __m256 wx[2] = {_mm256_sub_ps(one, _mm256_sub_ps(x, left)), _mm256_sub_ps(x, left)};
   const __m256 wy[2] = {_mm256_sub_ps(one, _mm256_sub_ps(y, top)), _mm256_sub_ps(y, top)};
   corners result;
-#pragma GCC unroll 4
-  for (int k = 0; k < 4; k++) {
+  ZYN_UNROLL for (int k = 0; k < 4; k++) {
     const __m256i cx = _mm256_add_epi32(_mm256_cvttps_epi32(left), _mm256_set1_epi32(k & 1));
     const __m256i cy = _mm256_add_epi32(_mm256_cvttps_epi32(top), _mm256_set1_epi32(k >> 1));
     result.index[k] = _mm256_add_epi32(_mm256_mullo_epi32(cy, _mm256_set1_epi32(size.width)), cx);
@@ -66,8 +65,7 @@ corners corners_at(__m256 x, __m256 y, plane_size size) {
 
 __m256 sample(const float* plane, const corners& at) {
   __m256 sum = _mm256_setzero_ps();
-#pragma GCC unroll 4
-  for (int k = 0; k < 4; k++) {
+  ZYN_UNROLL for (int k = 0; k < 4; k++) {
     const __m256 value =
         _mm256_mask_i32gather_ps(_mm256_setzero_ps(), plane, at.index[k], at.inside[k], 4);
     sum = _mm256_fmadd_ps(value, at.weight[k], sum);
@@ -102,7 +100,7 @@ void sample_planes(zyn_tensor* output, const zyn_tensor* input, const float* m) 
 
 int32_t run_affine(void* record) {
   auto* state = static_cast<affine_state*>(record);
-  if (state->device_type >= 1 && state->device_type <= 3) return ZYN_RET_OK;
+  if (zyn_cg_on_device(state->device_type)) return ZYN_RET_OK;
   const zyn_tensor* input = state->input;
   const zyn_tensor* coefficients = state->coefficients;
   zyn_tensor* output = state->output;
@@ -117,13 +115,7 @@ int32_t run_affine(void* record) {
   return ZYN_RET_OK;
 }
 
-}  // namespace
-
-int32_t zyn_cg_bind_affine(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_record<affine_state, ZYN_OP_AFFINE, run_affine>(graph, node, param);
-}
-
-int32_t zyn_cg_prepare_affine(zyn_cg_handle* graph, int32_t node) {
+int32_t prepare_affine(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<affine_state>(graph, node);
   const int32_t* ids = state ? zyn_cg_two_inputs(graph, node) : nullptr;
   if (!ids) return ZYN_RET_ERR_PARA;
@@ -135,8 +127,9 @@ int32_t zyn_cg_prepare_affine(zyn_cg_handle* graph, int32_t node) {
     return ZYN_RET_ERR_PARA;
   int32_t dims[5];
   memcpy(dims, input->dims, sizeof(dims));
-  dims[0] = zyn_cg_scaled_extent(dims[0], state->param.factor_h);
-  if (input->dim_count > 1) dims[1] = zyn_cg_scaled_extent(dims[1], state->param.factor_w);
+  const zyn_cg_pair<float> factor = {state->param.factor_h, state->param.factor_w};
+  dims[0] = zyn_cg_scaled_extent(dims[0], factor.x);
+  if (input->dim_count > 1) dims[1] = zyn_cg_scaled_extent(dims[1], factor.y);
   const int32_t code = zyn_cg_make_output(graph, &state->output, input->dim_count, dims,
                                           input->type, &kOutputMemory);
   if (code != ZYN_RET_OK) return code;
@@ -147,8 +140,8 @@ int32_t zyn_cg_prepare_affine(zyn_cg_handle* graph, int32_t node) {
   return zyn_cg_is_fixed_point(graph) ? zyn_cg_no_fixed_point() : ZYN_RET_OK;
 }
 
-int32_t zyn_cg_release_affine(void** record) { return zyn_cg_release_io(record); }
+}  // namespace
 
-zyn_tensor* zyn_cg_output_affine(zyn_cg_handle* graph, int32_t node) {
-  return zyn_cg_output_if<zyn_cg_io_state, ZYN_OP_AFFINE>(graph, node);
-}
+const zyn_cg_operator zyn_cg_affine_row = {
+    zyn_cg_bind_record<affine_state, ZYN_OP_AFFINE, run_affine>, prepare_affine, zyn_cg_release_io,
+    zyn_cg_output_if<affine_state, ZYN_OP_AFFINE>, nullptr};

@@ -93,7 +93,7 @@ int32_t run_fixed(bn_state* state) {
 
 int32_t run_divide(void* record) {
   auto* state = static_cast<bn_state*>(record);
-  if (state->device_type >= 1 && state->device_type <= 3) return ZYN_RET_OK;
+  if (zyn_cg_on_device(state->device_type)) return ZYN_RET_OK;
   if (state->fixed_point == 1) return run_fixed(state);
   const float epsilon = state->param.epsilon;
   return for_each_plane(
@@ -152,17 +152,7 @@ int32_t prepare_fixed_point(zyn_cg_handle* graph, int32_t node, int32_t producer
   return ZYN_RET_OK;
 }
 
-}  // namespace
-
-int32_t zyn_cg_bind_bn(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_record<bn_state, ZYN_OP_BATCH_NORM, run_divide>(graph, node, param);
-}
-
-int32_t zyn_cg_bind_bn_fast(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_record<bn_state, ZYN_OP_BATCH_NORM_FAST, run_reciprocal>(graph, node, param);
-}
-
-int32_t zyn_cg_prepare_bn(zyn_cg_handle* graph, int32_t node) {
+int32_t prepare_bn(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<bn_state>(graph, node);
   if (!state) return ZYN_RET_ERR_PARA;
   state->input = nullptr;
@@ -184,12 +174,20 @@ int32_t zyn_cg_prepare_bn(zyn_cg_handle* graph, int32_t node) {
   return prepare_fixed_point(graph, node, sources.producer, state);
 }
 
-int32_t zyn_cg_release_bn(void** record) {
+int32_t release_bn(void** record) {
   if (!record || !*record) return ZYN_RET_ERR_PARA;
   zyn_cg_drop(&static_cast<bn_state*>(*record)->quantized);
   return zyn_cg_release_io(record);
 }
 
-zyn_tensor* zyn_cg_output_bn(zyn_cg_handle* graph, int32_t node) {
-  return zyn_cg_output_if<zyn_cg_io_state, ZYN_OP_BATCH_NORM, ZYN_OP_BATCH_NORM_FAST>(graph, node);
-}
+constexpr zyn_cg_output_fn output_bn =
+    zyn_cg_output_if<bn_state, ZYN_OP_BATCH_NORM, ZYN_OP_BATCH_NORM_FAST>;
+
+}  // namespace
+
+const zyn_cg_operator zyn_cg_bn_row = {zyn_cg_bind_record<bn_state, ZYN_OP_BATCH_NORM, run_divide>,
+                                       prepare_bn, release_bn, output_bn, nullptr};
+
+const zyn_cg_operator zyn_cg_bn_fast_row = {
+    zyn_cg_bind_record<bn_state, ZYN_OP_BATCH_NORM_FAST, run_reciprocal>, prepare_bn, release_bn,
+    output_bn, nullptr};

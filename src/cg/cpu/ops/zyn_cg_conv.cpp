@@ -244,26 +244,24 @@ int32_t zyn_cg_conv_release(void** record) {
   return zyn_cg_release_io(record);
 }
 
-int32_t zyn_cg_bind_conv(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_conv_state(graph, node, param, ZYN_OP_CONV, run_plain<true>);
-}
-
-int32_t zyn_cg_bind_conv_depthwise(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_conv_state(graph, node, param, ZYN_OP_CONV_DEPTHWISE, run_plain<true>);
-}
-
-int32_t zyn_cg_bind_conv_pointwise(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_conv_state(graph, node, param, ZYN_OP_CONV_POINTWISE, run_plain<false>);
-}
-
 int32_t zyn_cg_prepare_conv(zyn_cg_handle* graph, int32_t node) {
   return prepare_plain(graph, node);
 }
 
-int32_t zyn_cg_prepare_conv_pointwise(zyn_cg_handle* graph, int32_t node) {
-  return prepare_plain(graph, node);
+zyn_tensor* zyn_cg_output_conv(zyn_cg_handle* graph, int32_t node) {
+  return zyn_cg_output_if<zyn_cg_io_state, ZYN_OP_CONV, ZYN_OP_CONV_DEPTHWISE,
+                          ZYN_OP_CONV_POINTWISE, ZYN_OP_CONV_GROUPED, ZYN_OP_CONV_TRANSPOSED>(graph,
+                                                                                              node);
 }
 
-int32_t zyn_cg_release_conv(void** record) { return zyn_cg_conv_release(record); }
+const zyn_cg_operator zyn_cg_conv_row = {zyn_cg_bind_conv<ZYN_OP_CONV, run_plain<true>>,
+                                         zyn_cg_prepare_conv, zyn_cg_conv_release,
+                                         zyn_cg_output_conv, nullptr};
 
-int32_t zyn_cg_release_conv_pointwise(void** record) { return zyn_cg_conv_release(record); }
+const zyn_cg_operator zyn_cg_conv_depthwise_row = {
+    zyn_cg_bind_conv<ZYN_OP_CONV_DEPTHWISE, run_plain<true>>, zyn_cg_prepare_conv,
+    zyn_cg_conv_release, zyn_cg_output_conv, nullptr};
+
+const zyn_cg_operator zyn_cg_conv_pointwise_row = {
+    zyn_cg_bind_conv<ZYN_OP_CONV_POINTWISE, run_plain<false>>, zyn_cg_prepare_conv,
+    zyn_cg_conv_release, zyn_cg_output_conv, nullptr};

@@ -28,6 +28,13 @@ struct zyn_cg_conv_state : zyn_cg_io_state {
 // bind of every type: copies the record and the graph's settings.
 int32_t zyn_cg_bind_conv_state(zyn_cg_handle* graph, int32_t node, const void* param, uint32_t type,
                                zyn_cg_run_fn run);
+template <uint32_t Type, zyn_cg_run_fn Run>
+int32_t zyn_cg_bind_conv(zyn_cg_handle* graph, int32_t node, const void* param) {
+  return zyn_cg_bind_conv_state(graph, node, param, Type, Run);
+}
+
+// prepare of types 3, 4, 5 and 12.
+int32_t zyn_cg_prepare_conv(zyn_cg_handle* graph, int32_t node);
 
 // The first step of prepare: releases what an earlier one made except the output, so that
 // a node whose preparation fails refuses to run, then finds the input and the constant and

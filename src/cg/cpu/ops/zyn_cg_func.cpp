@@ -1,5 +1,5 @@
-// Addition (27) and multiplication (28) of two tensors, with one value per channel as
-// broadcast form, and element-wise functions of one tensor (9). All carry the input's
+// Addition and multiplication of two tensors, with one value per channel as broadcast
+// form, and element-wise functions of one tensor. All carry the input's
 // channel order on where every element stays in its place; a broadcast, and inputs
 // that lie in different orders, are computed in planar order.
 #include "cg/cpu/kernels/fixed/zyn_fpi_lanes.h"
@@ -14,6 +14,8 @@ namespace {
 constexpr const char* kPath = "src/cg/cpu/zyn_cg_func.cpp";
 constexpr zyn_site kFuncOutput{kPath, 121, ZYN_MSG_OPERATOR_MEMORY};
 constexpr zyn_site kJoinOutput{kPath, 236, ZYN_MSG_OPERATOR_MEMORY};
+
+constexpr uint32_t kTypeWithoutRow = 29;
 
 // input is the first tensor, a; planar is b in planar order.
 struct join_state : zyn_cg_io_state {
@@ -96,18 +98,22 @@ int32_t join_channels(join_state* state, const zyn_tensor* data, const zyn_tenso
   return ZYN_RET_OK;
 }
 
-bool has_one_pixel(const zyn_tensor* t) { return t->dims[0] == 1 && t->dims[1] == 1; }
+// The first three extents agree; what lies behind them shows in the element count.
+bool same_image(const zyn_tensor* a, const zyn_tensor* b) {
+  return memcmp(a->dims, b->dims, 3 * sizeof(a->dims[0])) == 0;
+}
 
-bool is_on_device(uint32_t device_type) { return device_type >= 1 && device_type <= 3; }
+bool has_one_pixel(const zyn_tensor* t) { return t->dims[0] == 1 && t->dims[1] == 1; }
 
 int32_t run_add(void* record) {
   auto* state = static_cast<join_state*>(record);
   if (!state) return ZYN_RET_ERR_PARA;
-  if (is_on_device(state->device_type)) return ZYN_RET_OK;
+  if (zyn_cg_on_device(state->device_type)) return ZYN_RET_OK;
   const zyn_tensor* a = state->input;
   const zyn_tensor* b = state->b;
   const zyn_tensor* output = state->output;
-  if (!zyn_cg_ready(a, b) || !zyn_cg_ready(output, a) || !zyn_cg_same_dims(output, a))
+  if (!zyn_cg_ready(a, b) || !zyn_cg_ready(output, a) || !same_image(output, a) ||
+      output->count != a->count)
     return ZYN_RET_ERR_PARA;
   if (a->count == b->count) return join_elements(state, add_op());
   if (b->count != zyn_cg_channels(a) || output->dim_count != 3) return ZYN_RET_ERR_PARA;
@@ -117,7 +123,7 @@ int32_t run_add(void* record) {
 int32_t run_multiply(void* record) {
   auto* state = static_cast<join_state*>(record);
   if (!state) return ZYN_RET_ERR_PARA;
-  if (is_on_device(state->device_type)) return ZYN_RET_OK;
+  if (zyn_cg_on_device(state->device_type)) return ZYN_RET_OK;
   const zyn_tensor* a = state->input;
   const zyn_tensor* b = state->b;
   const zyn_tensor* output = state->output;
@@ -126,8 +132,10 @@ int32_t run_multiply(void* record) {
   const zyn_tensor* data = values == a ? b : a;
   if (!zyn_cg_same_dims(output, data)) return ZYN_RET_ERR_PARA;
   if (!values)
-    return zyn_cg_same_dims(a, b) ? join_elements(state, multiply_op()) : ZYN_RET_ERR_PARA;
-  if (data->dim_count > 3 || values->count != zyn_cg_channels(data)) return ZYN_RET_ERR_PARA;
+    return same_image(a, b) && a->count == b->count ? join_elements(state, multiply_op())
+                                                    : ZYN_RET_ERR_PARA;
+  const bool one_image = data->count == zyn_cg_pixels(data) * zyn_cg_channels(data);
+  if (!one_image || values->count != zyn_cg_channels(data)) return ZYN_RET_ERR_PARA;
   return join_channels(state, data, values, multiply_op());
 }
 
@@ -197,17 +205,7 @@ bool is_known(const zyn_func_param& param) {
   return param.function != ZYN_FUNC_POWER || isfinite(param.a);
 }
 
-}  // namespace
-
-int32_t zyn_cg_bind_add(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_plain<join_state, ZYN_OP_ADD, run_add>(graph, node, param);
-}
-
-int32_t zyn_cg_bind_multiply(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_plain<join_state, ZYN_OP_MULTIPLY, run_multiply>(graph, node, param);
-}
-
-int32_t zyn_cg_prepare_join(zyn_cg_handle* graph, int32_t node) {
+int32_t prepare_join(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<join_state>(graph, node);
   const int32_t* ids = state ? zyn_cg_two_inputs(graph, node) : nullptr;
   if (!ids) return ZYN_RET_ERR_PARA;
@@ -228,11 +226,7 @@ int32_t zyn_cg_prepare_join(zyn_cg_handle* graph, int32_t node) {
   return ZYN_RET_OK;
 }
 
-int32_t zyn_cg_bind_func(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_record<func_state, ZYN_OP_FUNCTION, run_func>(graph, node, param);
-}
-
-int32_t zyn_cg_prepare_func(zyn_cg_handle* graph, int32_t node) {
+int32_t prepare_func(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<func_state>(graph, node);
   if (!state || !is_known(state->param)) return ZYN_RET_ERR_PARA;
   zyn_cg_io_state* io = state;
@@ -244,11 +238,21 @@ int32_t zyn_cg_prepare_func(zyn_cg_handle* graph, int32_t node) {
   return zyn_cg_is_fixed_point(graph) ? zyn_cg_no_fixed_point() : ZYN_RET_OK;
 }
 
-int32_t zyn_cg_release_func(void** record) { return zyn_cg_release_io(record); }
+// Slot 3 of all three rows. Types 25 and 29 are admitted as well, though the one has a slot
+// of its own and the other no row.
+constexpr zyn_cg_output_fn output_func =
+    zyn_cg_output_if<zyn_cg_io_state, ZYN_OP_FUNCTION, ZYN_OP_LINEAR, ZYN_OP_ADD, ZYN_OP_MULTIPLY,
+                     kTypeWithoutRow>;
 
-int32_t zyn_cg_release_join(void** record) { return zyn_cg_release_io(record); }
+}  // namespace
 
-zyn_tensor* zyn_cg_output_func(zyn_cg_handle* graph, int32_t node) {
-  return zyn_cg_output_if<zyn_cg_io_state, ZYN_OP_FUNCTION, ZYN_OP_LINEAR, ZYN_OP_ADD,
-                          ZYN_OP_MULTIPLY, 29>(graph, node);
-}
+const zyn_cg_operator zyn_cg_func_row = {zyn_cg_bind_record<func_state, ZYN_OP_FUNCTION, run_func>,
+                                         prepare_func, zyn_cg_release_io, output_func, nullptr};
+
+// The second output is the same: nothing calls that slot.
+const zyn_cg_operator zyn_cg_add_row = {zyn_cg_bind_plain<join_state, ZYN_OP_ADD, run_add>,
+                                        prepare_join, zyn_cg_release_io, output_func, output_func};
+
+const zyn_cg_operator zyn_cg_multiply_row = {
+    zyn_cg_bind_plain<join_state, ZYN_OP_MULTIPLY, run_multiply>, prepare_join, zyn_cg_release_io,
+    output_func, nullptr};

@@ -304,22 +304,20 @@ int32_t prepare(zyn_cg_handle* graph, int32_t node, Extent extent) {
   return zyn_cg_is_fixed_point(graph) ? zyn_cg_no_fixed_point() : ZYN_RET_OK;
 }
 
-}  // namespace
-
-int32_t zyn_cg_bind_conv_grouped(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_record<group_conv_state, ZYN_OP_CONV_GROUPED, run_group_conv>(graph, node,
-                                                                                   param);
-}
-
-int32_t zyn_cg_bind_conv_transposed(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_record<group_conv_state, ZYN_OP_CONV_TRANSPOSED, run_group_conv>(graph, node,
-                                                                                      param);
-}
-
-int32_t zyn_cg_prepare_conv_grouped(zyn_cg_handle* graph, int32_t node) {
+int32_t prepare_grouped(zyn_cg_handle* graph, int32_t node) {
   return prepare(graph, node, conv_extent);
 }
 
-int32_t zyn_cg_prepare_conv_transposed(zyn_cg_handle* graph, int32_t node) {
+int32_t prepare_transposed(zyn_cg_handle* graph, int32_t node) {
   return prepare(graph, node, transposed_extent);
 }
+
+}  // namespace
+
+const zyn_cg_operator zyn_cg_conv_grouped_row = {
+    zyn_cg_bind_record<group_conv_state, ZYN_OP_CONV_GROUPED, run_group_conv>, prepare_grouped,
+    zyn_cg_release_io, zyn_cg_output_conv, nullptr};
+
+const zyn_cg_operator zyn_cg_conv_transposed_row = {
+    zyn_cg_bind_record<group_conv_state, ZYN_OP_CONV_TRANSPOSED, run_group_conv>,
+    prepare_transposed, zyn_cg_release_io, zyn_cg_output_conv, nullptr};

@@ -1,4 +1,4 @@
-// The dense layer (25): output = input * transposed weights, by the matrix product on
+// The dense layer: output = input * transposed weights, by the matrix product on
 // views of the tensors, then the bias.
 #include "cg/cpu/kernels/fixed/zyn_fpi_lanes.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi_ops.h"
@@ -12,10 +12,7 @@ constexpr zyn_site kOutputMemory{"src/cg/cpu/zyn_cg_linear.cpp", 237, ZYN_MSG_OP
 
 constexpr uint32_t kDoubleType = ZYN_TYPE_F64;
 
-struct linear_state {
-  uint32_t type;
-  zyn_tensor* input;
-  zyn_tensor* output;
+struct linear_state : zyn_cg_io_state {
   zyn_tensor* weights;    // the constant's own
   zyn_tensor* quantized;  // fixed point: its 16-bit copy
   int32_t q_input, q_output;
@@ -66,6 +63,7 @@ int32_t run_fixed(linear_state* state) {
   for (int64_t row = 0; row < input->dims[1]; row++)
     zyn_fpi_linear(out + row * units, units, zyn_fpi_words(input) + row * features, weights,
                    features, state->q_input + q_weights - state->q_output);
+  output->layout = ZYN_LAYOUT_PLANAR;
   if (state->param.bias != 1) return ZYN_RET_OK;
   const int16_t* bias = weights + static_cast<int64_t>(state->param.out_features) *
                                       static_cast<int64_t>(state->param.in_features);
@@ -76,7 +74,7 @@ int32_t run_fixed(linear_state* state) {
 int32_t run_linear(void* record) {
   auto* state = static_cast<linear_state*>(record);
   if (!state) return ZYN_RET_ERR_PARA;
-  if (state->device_type >= 1 && state->device_type <= 3) return ZYN_RET_OK;
+  if (zyn_cg_on_device(state->device_type)) return ZYN_RET_OK;
   if (state->fixed_point == 1) return run_fixed(state);
   const zyn_tensor* input = state->input;
   const zyn_tensor* weights = state->weights;
@@ -125,13 +123,7 @@ bool types_fit(const zyn_cg_handle* graph, const zyn_tensor* input, const zyn_te
          (input->type == ZYN_TYPE_F32 || input->type == ZYN_TYPE_F64);
 }
 
-}  // namespace
-
-int32_t zyn_cg_bind_linear(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_record<linear_state, ZYN_OP_LINEAR, run_linear>(graph, node, param);
-}
-
-int32_t zyn_cg_prepare_linear(zyn_cg_handle* graph, int32_t node) {
+int32_t prepare_linear(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<linear_state>(graph, node);
   if (!state) return ZYN_RET_ERR_PARA;
   state->input = nullptr;
@@ -151,21 +143,23 @@ int32_t zyn_cg_prepare_linear(zyn_cg_handle* graph, int32_t node) {
   const int32_t code = zyn_cg_make_output(graph, &state->output, as_pixel ? 3 : 2,
                                           as_pixel ? pixel : rows, input->type, &kOutputMemory);
   if (code != ZYN_RET_OK) return code;
+  state->output->layout = input->layout;
   state->input = input;
   if (!zyn_cg_is_fixed_point(graph)) return ZYN_RET_OK;
   return prepare_fixed_point(graph, node, sources.producer, state);
 }
 
-int32_t zyn_cg_release_linear(void** record) {
+int32_t release_linear(void** record) {
   if (!record || !*record) return ZYN_RET_ERR_PARA;
-  auto* state = static_cast<linear_state*>(*record);
-  zyn_cg_drop(&state->output);
-  zyn_cg_drop(&state->quantized);
-  zyn_free(state);
-  *record = nullptr;
-  return ZYN_RET_OK;
+  zyn_cg_drop(&static_cast<linear_state*>(*record)->quantized);
+  return zyn_cg_release_io(record);
 }
 
-zyn_tensor* zyn_cg_output_linear(zyn_cg_handle* graph, int32_t node) {
-  return zyn_cg_output_if<linear_state, ZYN_OP_LINEAR>(graph, node);
-}
+constexpr zyn_cg_output_fn output_linear = zyn_cg_output_if<linear_state, ZYN_OP_LINEAR>;
+
+}  // namespace
+
+// The second output is the same: nothing calls that slot.
+const zyn_cg_operator zyn_cg_linear_row = {
+    zyn_cg_bind_record<linear_state, ZYN_OP_LINEAR, run_linear>, prepare_linear, release_linear,
+    output_linear, output_linear};

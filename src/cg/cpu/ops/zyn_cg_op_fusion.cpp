@@ -97,27 +97,7 @@ int32_t folded_extent(int32_t extent, int32_t kernel, int32_t pad, int32_t strid
   return zyn_cg_extent((int64_t{extent} - kernel + int64_t{2} * pad) / stride + 1);
 }
 
-}  // namespace
-
-int32_t zyn_cg_bind_conv_act(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_conv_state(graph, node, param, ZYN_OP_CONV_ACT, run_conv_act);
-}
-
-int32_t zyn_cg_prepare_conv_act(zyn_cg_handle* graph, int32_t node) {
-  return zyn_cg_prepare_conv(graph, node);
-}
-
-int32_t zyn_cg_release_conv_act(void** record) { return zyn_cg_conv_release(record); }
-
-zyn_tensor* zyn_cg_output_conv_act(zyn_cg_handle* graph, int32_t node) {
-  return zyn_cg_output_if<zyn_cg_conv_state, ZYN_OP_CONV_ACT>(graph, node);
-}
-
-int32_t zyn_cg_bind_conv_bn(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_conv_state(graph, node, param, ZYN_OP_CONV_BN, run_conv_bn);
-}
-
-int32_t zyn_cg_prepare_conv_bn(zyn_cg_handle* graph, int32_t node) {
+int32_t prepare_conv_bn(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<zyn_cg_conv_state>(graph, node);
   if (!state) return zyn_fail(kPrepareArgs, ZYN_RET_ERR_PARA);
   if (const int32_t code = zyn_cg_conv_open(graph, node, state)) return code;
@@ -130,8 +110,12 @@ int32_t zyn_cg_prepare_conv_bn(zyn_cg_handle* graph, int32_t node) {
       folded_extent(dims[1], p.kernel_w, p.pad_h, p.stride_w), &kOutputMemory);
 }
 
-int32_t zyn_cg_release_conv_bn(void** record) { return zyn_cg_conv_release(record); }
+}  // namespace
 
-zyn_tensor* zyn_cg_output_conv_bn(zyn_cg_handle* graph, int32_t node) {
-  return zyn_cg_output_if<zyn_cg_conv_state, ZYN_OP_CONV_BN>(graph, node);
-}
+const zyn_cg_operator zyn_cg_conv_act_row = {
+    zyn_cg_bind_conv<ZYN_OP_CONV_ACT, run_conv_act>, zyn_cg_prepare_conv, zyn_cg_conv_release,
+    zyn_cg_output_if<zyn_cg_conv_state, ZYN_OP_CONV_ACT>, nullptr};
+
+const zyn_cg_operator zyn_cg_conv_bn_row = {
+    zyn_cg_bind_conv<ZYN_OP_CONV_BN, run_conv_bn>, prepare_conv_bn, zyn_cg_conv_release,
+    zyn_cg_output_if<zyn_cg_conv_state, ZYN_OP_CONV_BN>, nullptr};

@@ -1,102 +1,53 @@
-// The routines of the operator families, by the file that holds them. The registry
-// puts them into the operator table; nothing else calls them.
+// The rows of the operator table, by the file that defines them. Types that share a
+// routine have states that agree in the fields the routine touches.
 #pragma once
 
 #include "cg/cpu/zyn_cg.h"
 
-// zyn_cg_conv.cpp: standard, depthwise and pointwise convolution (types 3, 4, 5).
-int32_t zyn_cg_bind_conv(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_bind_conv_depthwise(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_bind_conv_pointwise(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_conv(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_prepare_conv_pointwise(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_conv(void** record);
-int32_t zyn_cg_release_conv_pointwise(void** record);
+// zyn_cg_conv.cpp: standard, depthwise and pointwise convolution.
+extern const zyn_cg_operator zyn_cg_conv_row;
+extern const zyn_cg_operator zyn_cg_conv_depthwise_row;
+extern const zyn_cg_operator zyn_cg_conv_pointwise_row;
+// Slot 3 of types 3, 4, 5, 7 and 8, whose states begin alike.
 zyn_tensor* zyn_cg_output_conv(zyn_cg_handle* graph, int32_t node);
 
-// zyn_cg_op_fusion.cpp: convolution with activation (12), with folded normalisation
-// and activation (13).
-int32_t zyn_cg_bind_conv_act(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_conv_act(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_conv_act(void** record);
-zyn_tensor* zyn_cg_output_conv_act(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_bind_conv_bn(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_conv_bn(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_conv_bn(void** record);
-zyn_tensor* zyn_cg_output_conv_bn(zyn_cg_handle* graph, int32_t node);
+// zyn_cg_op_fusion.cpp: convolution with activation, and with normalisation before it.
+extern const zyn_cg_operator zyn_cg_conv_act_row;
+extern const zyn_cg_operator zyn_cg_conv_bn_row;
 
-// zyn_cg_group_conv.cpp: grouped (7) and transposed (8) convolution. Their output slot is
-// zyn_cg_output_conv, their release zyn_cg_release_io.
-int32_t zyn_cg_bind_conv_grouped(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_conv_grouped(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_bind_conv_transposed(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_conv_transposed(zyn_cg_handle* graph, int32_t node);
+// zyn_cg_group_conv.cpp: convolution in groups and transposed convolution.
+extern const zyn_cg_operator zyn_cg_conv_grouped_row;
+extern const zyn_cg_operator zyn_cg_conv_transposed_row;
 
-// zyn_cg_func.cpp: functions (9), addition (27), multiplication (28).
-int32_t zyn_cg_bind_func(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_func(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_func(void** record);
-int32_t zyn_cg_bind_add(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_bind_multiply(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_join(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_join(void** record);
-zyn_tensor* zyn_cg_output_func(zyn_cg_handle* graph, int32_t node);
+// zyn_cg_func.cpp: element-wise functions, sum and product.
+extern const zyn_cg_operator zyn_cg_func_row;
+extern const zyn_cg_operator zyn_cg_add_row;
+extern const zyn_cg_operator zyn_cg_multiply_row;
 
-// zyn_cg_bn.cpp: normalisation (10, 11).
-int32_t zyn_cg_bind_bn(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_bind_bn_fast(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_bn(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_bn(void** record);
-zyn_tensor* zyn_cg_output_bn(zyn_cg_handle* graph, int32_t node);
+// zyn_cg_bn.cpp: normalisation per channel.
+extern const zyn_cg_operator zyn_cg_bn_row;
+extern const zyn_cg_operator zyn_cg_bn_fast_row;
 
-// zyn_cg_activation.cpp: activations (15, 16, 20, 21, 24).
-int32_t zyn_cg_bind_sigmoid(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_bind_relu(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_bind_relu6(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_bind_hard_swish(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_bind_mish(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_activation(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_activation(void** record);
-zyn_tensor* zyn_cg_output_activation(zyn_cg_handle* graph, int32_t node);
+// zyn_cg_activation.cpp
+extern const zyn_cg_operator zyn_cg_sigmoid_row;
+extern const zyn_cg_operator zyn_cg_relu_row;
+extern const zyn_cg_operator zyn_cg_relu6_row;
+extern const zyn_cg_operator zyn_cg_hard_swish_row;
+extern const zyn_cg_operator zyn_cg_mish_row;
 
-// zyn_cg_pool.cpp: pooling (22, 23). Their release is zyn_cg_release_io.
-int32_t zyn_cg_bind_max_pool(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_max_pool(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_bind_average_pool(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_average_pool(zyn_cg_handle* graph, int32_t node);
-zyn_tensor* zyn_cg_output_pool(zyn_cg_handle* graph, int32_t node);
+// zyn_cg_pool.cpp
+extern const zyn_cg_operator zyn_cg_max_pool_row;
+extern const zyn_cg_operator zyn_cg_average_pool_row;
 
-// zyn_cg_linear.cpp: the dense layer (25).
-int32_t zyn_cg_bind_linear(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_linear(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_linear(void** record);
-zyn_tensor* zyn_cg_output_linear(zyn_cg_handle* graph, int32_t node);
+// zyn_cg_linear.cpp: the dense layer.
+extern const zyn_cg_operator zyn_cg_linear_row;
 
-// zyn_cg_resample.cpp: resampling (30). Its release is zyn_cg_release_io.
-int32_t zyn_cg_bind_resample(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_resample(zyn_cg_handle* graph, int32_t node);
-zyn_tensor* zyn_cg_output_resample(zyn_cg_handle* graph, int32_t node);
+// zyn_cg_resample.cpp and zyn_cg_affine.cpp: images under other extents.
+extern const zyn_cg_operator zyn_cg_resample_row;
+extern const zyn_cg_operator zyn_cg_affine_row;
 
-// zyn_cg_affine.cpp: affine sampling (31).
-int32_t zyn_cg_bind_affine(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_affine(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_affine(void** record);
-zyn_tensor* zyn_cg_output_affine(zyn_cg_handle* graph, int32_t node);
-
-// zyn_cg_tensor.cpp: reshape (32), concatenation (33), channel slice (34) and gather
-// (35). Types 32 and 34 share their release.
-int32_t zyn_cg_bind_reshape(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_reshape(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_tensor_op(void** record);
-zyn_tensor* zyn_cg_output_reshape(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_bind_concat(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_concat(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_concat(void** record);
-zyn_tensor* zyn_cg_output_concat(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_bind_slice(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_slice(zyn_cg_handle* graph, int32_t node);
-zyn_tensor* zyn_cg_output_slice(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_bind_gather(zyn_cg_handle* graph, int32_t node, const void* param);
-int32_t zyn_cg_prepare_gather(zyn_cg_handle* graph, int32_t node);
-int32_t zyn_cg_release_gather(void** record);
-zyn_tensor* zyn_cg_output_gather(zyn_cg_handle* graph, int32_t node);
+// zyn_cg_reshape.cpp, zyn_cg_concat.cpp and zyn_cg_channels.cpp: data moved.
+extern const zyn_cg_operator zyn_cg_reshape_row;
+extern const zyn_cg_operator zyn_cg_concat_row;
+extern const zyn_cg_operator zyn_cg_slice_row;
+extern const zyn_cg_operator zyn_cg_gather_row;

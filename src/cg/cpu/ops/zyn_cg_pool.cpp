@@ -1,4 +1,4 @@
-// Max (22) and average (23) pooling of channel planes. Two rules that need not agree:
+// Max and average pooling of channel planes. Two rules that need not agree:
 // kernel and stride give the output's shape; the windows are kernel_h x kernel_h and
 // advance by kernel_h both ways. Windows without an output element are passed over,
 // part windows use the elements inside the input, elements without a window are 0.
@@ -22,6 +22,7 @@ constexpr int64_t kStretch = 512;  // column results kept on the stack
 
 struct pool_state : zyn_cg_io_state {
   zyn_pool_param param;
+  int32_t window;             // extent along both axes, and the step from one to the next
   int32_t q_input, q_output;  // fixed point
   uint32_t fixed_point;
   uint32_t device_type;
@@ -64,8 +65,8 @@ void reduce_columns(float* columns, const float* in, int64_t rows, int64_t pitch
 template <typename Window>
 void reduce_row(float* out, const float* columns, int64_t windows, int64_t k, int64_t width) {
   const __m256 divisor = _mm256_set1_ps(static_cast<float>(k));
-  const __m256i index = _mm256_mullo_epi32(_mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7),
-                                           _mm256_set1_epi32(static_cast<int32_t>(k)));
+  const __m256i index =
+      _mm256_mullo_epi32(zyn_lane_numbers(), _mm256_set1_epi32(static_cast<int32_t>(k)));
   int64_t i = 0;
   for (; i + 8 <= windows && (i + 8) * k <= width; i += 8) {
     __m256 sum;
@@ -139,7 +140,7 @@ int32_t pool(pool_state* state) {
     return ZYN_RET_ERR_PARA;
   input = zyn_cg_planar(input, &state->planar);
   if (!input) return ZYN_RET_ERR_MEMORY;
-  const int64_t k = state->param.kernel_h;
+  const int64_t k = state->window;
   const int64_t width = zyn_cg_width(input), height = zyn_cg_height(input);
   const int64_t out_width = zyn_cg_width(output), out_height = zyn_cg_height(output);
   const int64_t across = windows_along(width, out_width, k);
@@ -159,6 +160,17 @@ int32_t pool(pool_state* state) {
   return ZYN_RET_OK;
 }
 
+// Counts of fraction bits that differ like those of a node, in the kernel's range. From 17
+// bits to the right on every mean becomes 0.
+struct mean_scale {
+  int32_t q_input, q_output;
+};
+mean_scale scale_of(int32_t q_input, int32_t q_output) {
+  const int64_t right = int64_t{q_input} - q_output;
+  if (right < 0) return {0, static_cast<int32_t>(-right)};
+  return {right < 31 ? static_cast<int32_t>(right) : 31, 0};
+}
+
 // Both poolings on 16-bit data.
 int32_t pool_fixed(pool_state* state) {
   const zyn_tensor* input = state->input;
@@ -167,14 +179,15 @@ int32_t pool_fixed(pool_state* state) {
       input->count / zyn_cg_pixels(input) != output->count / zyn_cg_pixels(output))
     return ZYN_RET_ERR_PARA;
   const zyn_fpi_pool shape = {zyn_cg_width(input), zyn_cg_height(input), zyn_cg_width(output),
-                              zyn_cg_height(output), state->param.kernel_h};
+                              zyn_cg_height(output), state->window};
   const int16_t* in = zyn_fpi_words(input);
   int16_t* out = zyn_fpi_words(output);
+  const mean_scale scale = scale_of(state->q_input, state->q_output);
   for (int64_t plane = 0; plane < input->count / zyn_cg_pixels(input); plane++) {
     if (state->type == ZYN_OP_MAX_POOL)
       zyn_fpi_max_pool(out, in, shape);
     else
-      zyn_fpi_average_pool(out, state->q_output, in, state->q_input, shape);
+      zyn_fpi_average_pool(out, scale.q_output, in, scale.q_input, shape);
     in += zyn_cg_pixels(input);
     out += zyn_cg_pixels(output);
   }
@@ -188,8 +201,12 @@ int32_t run_max(void* record) {
 
 int32_t run_average(void* record) {
   auto* state = static_cast<pool_state*>(record);
-  if (state->device_type >= 1 && state->device_type <= 3) return ZYN_RET_OK;
-  return state->fixed_point == 1 ? pool_fixed(state) : pool<average_window>(state);
+  if (zyn_cg_on_device(state->device_type)) return ZYN_RET_OK;
+  if (state->fixed_point != 1) return pool<average_window>(state);
+  // On purpose here and not in preparation, and of one count the upper, of the other the
+  // lower bound alone.
+  const bool fits = state->q_output < 16 && state->q_input >= 0;
+  return fits ? pool_fixed(state) : ZYN_RET_ERR_PARA;
 }
 
 // Input and output; device is null where the output has data on every device.
@@ -203,41 +220,41 @@ int32_t prepare_pool(zyn_cg_handle* graph, int32_t node, const zyn_cg_handle* de
   const zyn_tensor* input = state->input;
   const zyn_pool_param& p = state->param;
   if (p.kernel_h < 1 || p.kernel_w < 1 || p.stride_h < 1 || p.stride_w < 1) return ZYN_RET_ERR_PARA;
+  const zyn_cg_pair<int32_t> kernel = {p.kernel_h, p.kernel_w}, stride = {p.stride_h, p.stride_w};
+  state->window = kernel.x;  // On purpose along both axes; the rest makes the shape.
   int32_t dims[5];
   memcpy(dims, input->dims, sizeof(dims));
-  dims[0] = (dims[0] - p.kernel_h) / p.stride_h + 1;
-  if (input->dim_count > 1) dims[1] = (dims[1] - p.kernel_w) / p.stride_w + 1;
+  dims[0] = (dims[0] - kernel.x) / stride.x + 1;
+  if (input->dim_count > 1) dims[1] = (dims[1] - kernel.y) / stride.y + 1;
   code = zyn_cg_make_output(device, &state->output, input->dim_count, dims, input->type, &site);
   if (code != ZYN_RET_OK) return code;
   state->output->layout = input->layout;
   state->device_type = graph->device_type;
   if (!zyn_cg_is_fixed_point(graph)) return ZYN_RET_OK;
   state->fixed_point = graph->fixed_point;
-  if (state->type == ZYN_OP_MAX_POOL)
-    if (const int32_t q_code = zyn_cg_inherit_q(graph, node, producer)) return q_code;
-  const bool listed = zyn_cg_read_q(graph, producer, &state->q_input) &&
-                      zyn_cg_read_q(graph, node, &state->q_output);
+  if (state->type == ZYN_OP_MAX_POOL) return zyn_cg_inherit_q(graph, node, producer);
+  const bool listed = zyn_cg_read_fraction_bits(graph, producer, &state->q_input) &&
+                      zyn_cg_read_fraction_bits(graph, node, &state->q_output);
   return listed ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
 }
 
-}  // namespace
-
-int32_t zyn_cg_bind_max_pool(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_record<pool_state, ZYN_OP_MAX_POOL, run_max>(graph, node, param);
-}
-
-int32_t zyn_cg_bind_average_pool(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_record<pool_state, ZYN_OP_AVERAGE_POOL, run_average>(graph, node, param);
-}
-
-int32_t zyn_cg_prepare_max_pool(zyn_cg_handle* graph, int32_t node) {
+int32_t prepare_max(zyn_cg_handle* graph, int32_t node) {
   return prepare_pool(graph, node, nullptr, kMaxOutput);
 }
 
-int32_t zyn_cg_prepare_average_pool(zyn_cg_handle* graph, int32_t node) {
+int32_t prepare_average(zyn_cg_handle* graph, int32_t node) {
   return prepare_pool(graph, node, graph, kAverageOutput);
 }
 
-zyn_tensor* zyn_cg_output_pool(zyn_cg_handle* graph, int32_t node) {
-  return zyn_cg_output_if<zyn_cg_io_state, ZYN_OP_MAX_POOL, ZYN_OP_AVERAGE_POOL>(graph, node);
-}
+constexpr zyn_cg_output_fn output_pool =
+    zyn_cg_output_if<pool_state, ZYN_OP_MAX_POOL, ZYN_OP_AVERAGE_POOL>;
+
+}  // namespace
+
+const zyn_cg_operator zyn_cg_max_pool_row = {
+    zyn_cg_bind_record<pool_state, ZYN_OP_MAX_POOL, run_max>, prepare_max, zyn_cg_release_io,
+    output_pool, nullptr};
+
+const zyn_cg_operator zyn_cg_average_pool_row = {
+    zyn_cg_bind_record<pool_state, ZYN_OP_AVERAGE_POOL, run_average>, prepare_average,
+    zyn_cg_release_io, output_pool, nullptr};

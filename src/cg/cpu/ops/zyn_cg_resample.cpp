@@ -1,4 +1,4 @@
-// Resampling (30): nearest and bilinear with factors along both axes, and the average
+// Resampling: nearest and bilinear with factors along both axes, and the average
 // of each plane. Pixel centres map by the ratio of the extents, so that the output
 // covers the whole input; bilinear repeats the edge pixels.
 //
@@ -99,8 +99,8 @@ float plane_mean(const float* in, int64_t count) {
   __m256 sums[4] = {};
   int64_t i = 0;
   for (; i + 32 <= count; i += 32)
-#pragma GCC unroll 4
-    for (int k = 0; k < 4; k++) sums[k] = _mm256_add_ps(sums[k], _mm256_loadu_ps(in + i + 8 * k));
+    ZYN_UNROLL for (int k = 0; k < 4; k++) sums[k] =
+        _mm256_add_ps(sums[k], _mm256_loadu_ps(in + i + 8 * k));
   for (; i < count; i += 8) {
     const __m256i mask = zyn_first_lanes(count - i < 8 ? count - i : 8);
     sums[0] = _mm256_add_ps(sums[0], _mm256_maskload_ps(in + i, mask));
@@ -152,42 +152,34 @@ int32_t make_taps(resample_state* state) {
   return ZYN_RET_OK;
 }
 
-}  // namespace
-
-int32_t zyn_cg_bind_resample(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_record<resample_state, ZYN_OP_RESAMPLE, run_resample>(graph, node, param);
-}
-
-int32_t zyn_cg_prepare_resample(zyn_cg_handle* graph, int32_t node) {
+int32_t prepare_resample(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<resample_state>(graph, node);
   if (!state) return ZYN_RET_ERR_PARA;
   const zyn_resample_param& param = state->param;
   if (param.mode < ZYN_RESAMPLE_NEAREST || param.mode > ZYN_RESAMPLE_GLOBAL_AVERAGE)
     return ZYN_RET_ERR_PARA;
   zyn_tensor* input = nullptr;
-  state->width = 0;  // no run until the taps are made
   int32_t code = zyn_cg_only_input(graph, node, &input, nullptr);
   if (code != ZYN_RET_OK) return code;
   const bool global = param.mode == ZYN_RESAMPLE_GLOBAL_AVERAGE;
   int32_t dims[5];
   memcpy(dims, input->dims, sizeof(dims));
-  dims[0] = global ? 1 : zyn_cg_scaled_extent(dims[0], param.factor_h);
-  if (input->dim_count > 1) dims[1] = global ? 1 : zyn_cg_scaled_extent(dims[1], param.factor_w);
+  const zyn_cg_pair<float> factor = {param.factor_h, param.factor_w};
+  dims[0] = global ? 1 : zyn_cg_scaled_extent(dims[0], factor.x);
+  if (input->dim_count > 1) dims[1] = global ? 1 : zyn_cg_scaled_extent(dims[1], factor.y);
   code = zyn_cg_make_output(graph, &state->output, input->dim_count, dims, input->type, nullptr);
   if (code != ZYN_RET_OK) return code;
   state->output->layout = input->layout;
   state->input = input;
+  state->width = input->dims[0];
   state->height = static_cast<int32_t>(zyn_cg_height(input));
-  const int32_t width = input->dims[0];
-  if (!global) {
-    state->width = width;
-    code = make_taps(state);
-  }
-  state->width = code == ZYN_RET_OK ? width : 0;
+  if (!global) code = make_taps(state);
   if (code != ZYN_RET_OK) return code;
   return zyn_cg_is_fixed_point(graph) ? zyn_cg_no_fixed_point() : ZYN_RET_OK;
 }
 
-zyn_tensor* zyn_cg_output_resample(zyn_cg_handle* graph, int32_t node) {
-  return zyn_cg_output_if<zyn_cg_io_state, ZYN_OP_RESAMPLE>(graph, node);
-}
+}  // namespace
+
+const zyn_cg_operator zyn_cg_resample_row = {
+    zyn_cg_bind_record<resample_state, ZYN_OP_RESAMPLE, run_resample>, prepare_resample,
+    zyn_cg_release_io, zyn_cg_output_if<resample_state, ZYN_OP_RESAMPLE>, nullptr};
