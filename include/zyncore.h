@@ -224,8 +224,9 @@ ZYN_API int32_t zyn_set_tensor_header(zyn_tensor* tensor, int32_t dim_count, con
                                       uint32_t type);
 
 /* Points the tensor at length bytes of yours, which stay yours; a block that the
- * tensor owned is freed. 1: null argument; 256: length is below the tensor's
- * byte_size. On failure nothing changes. */
+ * tensor owned is freed. Setting the block that it has changes nothing: it owns it as
+ * before. 1: null argument; 256: length is below the tensor's byte_size. On failure
+ * nothing changes. */
 ZYN_API int32_t zyn_set_tensor_data(zyn_tensor* tensor, void* data, int64_t length);
 
 /* Sets owns_data. Set it to non-zero only for blocks of zyn_malloc. 1: null tensor
@@ -305,8 +306,9 @@ ZYN_API int32_t zyn_set_matrix_header(zyn_matrix* matrix, int32_t rows, int32_t 
                                       int32_t type);
 
 /* Points the matrix at length bytes of yours, which stay yours; a block that it
- * owned is freed. 1: null argument; 256: length < rows * pages * row_bytes. On
- * failure nothing changes. */
+ * owned is freed. Setting the block that it has changes nothing: it owns it as before.
+ * 1: null argument; 256: length < rows * pages * row_bytes. On failure nothing
+ * changes. */
 ZYN_API int32_t zyn_set_matrix_data(zyn_matrix* matrix, void* data, int64_t length);
 
 /* Frees an owned block and the record and sets *matrix to null; also for images.
@@ -726,7 +728,10 @@ typedef struct zyn_detection {
  * input. Inputs with feature maps of their own: 128x96, 160x120, 240x180, 320x240
  * (N = 4420), 480x360, 640x480, 1280x960; any other size uses the maps of 128x96.
  * transposed non-zero lays the priors out for the input turned by a quarter turn.
- * Release with zyn_release_tensor. Null: no memory. */
+ * All N come, whatever the size: values outside 0 to 1 (boxes larger than the input)
+ * are clamped, no prior is dropped. Release with zyn_release_tensor. Null: a side of 0
+ * (silent), or no memory (reported; without memory for the data the tensor's header is
+ * lost and stays counted). */
 ZYN_API zyn_tensor* zyn_generate_priors(uint32_t height, uint32_t width, uint32_t transposed);
 
 /* Turns network offsets into boxes in centre form, count * 4 floats each:
@@ -769,6 +774,9 @@ ZYN_API int32_t zyn_random_norm(zyn_matrix* matrix, const void* mean, const void
  *   camera        3 x 3 row by row; fx [0], cx [2], fy [4], cy [5] are used
  *   spare         not read, may be null
  *   count         how many poses were written, 0 to 4
+ * Dropped are poses that repeat another one, are not finite, put a point into the camera's
+ * centre or come from roots that are real by rounding alone: count tells how many slots
+ * are written, and those behind them are not touched.
  * The equations do not ask on which side of the camera a point lies: of several poses
  * drop those that put a point at z <= 0, and choose by a fourth point. 0, also without a
  * solution (collinear or coinciding points, for example); 1 (silent): a null argument,
@@ -1067,8 +1075,8 @@ ZYN_API zyn_sort_match_info* zyn_associate_detections_to_trackers(const zyn_dete
                                                                   int32_t track_count,
                                                                   float iou_threshold);
 
-/* Creates match info of these sizes, indices zero, for you to fill. Null without
- * memory (silent). */
+/* Creates match info of these sizes, counts stored as given, for you to fill: the
+ * indices are uninitialised. Null without memory (silent). */
 ZYN_API zyn_sort_match_info* zyn_create_sort_match_info(int32_t matched_count,
                                                         int32_t unmatched_count);
 
@@ -1082,7 +1090,11 @@ ZYN_API void zyn_release_sort_match_info(zyn_sort_match_info** info);
  * detection from becoming a track, only 1 lets a matched one correct its track (its
  * id is written all the same).
  * The payload buffer does not grow here: tracks beyond the first 128 have no payload
- * until zyn_sort_update_detection_v2 makes room.
+ * until the next zyn_sort_update_detection_v2 gives them slots, zeroed.
+ * Ids count up from 0 in 32 bits: those above 2147483647 read as negative here
+ * (4294967295 as -1, like no track), in track info as they are. The other update takes a
+ * negative id for a new track, after which ids go on from 0; the track that was meant
+ * grows stale.
  * 0; 1 (silent): null detections (also with detection_count 0), matches or handle,
  * null ids with detection_count above 0, an index outside its array; nothing has
  * changed; 2: no memory; 32: a correction failed. After 2 and 32 the tracks handled
@@ -1099,7 +1111,8 @@ ZYN_API int32_t zyn_sort_update_detection(const zyn_detection* detections, int32
  * size bytes per detection: copied into the track's slot along with its detection;
  * null leaves the slots as they are and those of new tracks zero.
  * 0; 1 (silent): null detections, ids (both also with detection_count 0) or handle;
- * 2: no memory (creating a track: reported); 32: an id that no track has, masked or
+ * 2: no memory (creating a track: reported; payload slots for tracks that the other
+ * update added: nothing has changed); 32: an id that no track has, masked or
  * not (silent), or a correction failed (reported). After 2 and 32 the detections
  * handled so far have taken effect and no track is dropped. */
 ZYN_API int32_t zyn_sort_update_detection_v2(const zyn_detection* detections, const int32_t* ids,
