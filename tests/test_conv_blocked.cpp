@@ -89,7 +89,7 @@ class Blocked {
     ASSERT_EQ(zyn_set_tensor_data(&constant_tensor, constant.data(), constant_tensor.byte_size), 0);
     const zyn_tensor in_tensor = view(input.data(), w_, h_, ic_, layout_);
     zyn_tensor out_tensor = view(output.data(), ow, oh, oc_, ZYN_LAYOUT_PLANAR);
-    zyn_conv_direct* workspace = zyn_cg_conv_prepare_direct(&constant_tensor, &p, 1);
+    zyn_conv_blocked_weights* workspace = zyn_cg_conv_prepare_direct(&constant_tensor, &p, 1);
     ASSERT_NE(workspace, nullptr);
     const zyn_conv_epilogue epilogue = {bias.data(), activation_};
     for (int round = 0; round < 2; round++) {  // a second run gives the same
@@ -297,7 +297,7 @@ TEST(ConvBlocked, RefusesWhatItHasNoKernelFor) {
   zyn_set_tensor_header(&constant, 1, count, ZYN_TYPE_F32);
   zyn_set_tensor_data(&constant, weights.data(), constant.byte_size);
   zyn_conv_param good = Blocked().param();
-  zyn_conv_direct* workspace = zyn_cg_conv_prepare_direct(&constant, &good, 1);
+  zyn_conv_blocked_weights* workspace = zyn_cg_conv_prepare_direct(&constant, &good, 1);
   ASSERT_NE(workspace, nullptr);
   const zyn_tensor input = view(in.data(), 5, 5, 8, 0);
   for (const Case& c : cases) {
@@ -330,7 +330,7 @@ TEST(ConvBlocked, ThreadCountIsClampedAndFailuresLoseNothing) {
   const int32_t asked[] = {-5, 0, 1, 16, 100};
   const uint32_t stored[] = {1, 1, 1, 16, 16};
   for (int i = 0; i < 5; i++) {
-    zyn_conv_direct* workspace = zyn_cg_conv_prepare_direct(&constant, &p, asked[i]);
+    zyn_conv_blocked_weights* workspace = zyn_cg_conv_prepare_direct(&constant, &p, asked[i]);
     ASSERT_NE(workspace, nullptr);
     EXPECT_EQ(workspace->thread_count, stored[i]);
     zyn_tensor output = view(out.data(), 5, 5, 8, 0);

@@ -53,16 +53,16 @@ uint32_t zyn_cg_conv_add_bias_hard_sigmoid(zyn_tensor* output, const zyn_tensor*
 uint32_t zyn_cg_conv_relu(zyn_tensor* output, const zyn_tensor* source);
 uint32_t zyn_cg_conv_hard_swish(zyn_tensor* output, const zyn_tensor* source);
 
-// Blocked direct kernels (method 1).
-struct zyn_conv_direct;  // packed weights and thread count
-zyn_conv_direct* zyn_cg_conv_prepare_direct(const zyn_tensor* weights, const zyn_conv_param* param,
-                                            int32_t threads);
-uint32_t zyn_cg_conv_release_direct(zyn_conv_direct** workspace);
+// Blocked kernels (method 1). The names of preparation and release are fixed ones.
+struct zyn_conv_blocked_weights;  // packed weights and thread count
+zyn_conv_blocked_weights* zyn_cg_conv_prepare_direct(const zyn_tensor* weights,
+                                                     const zyn_conv_param* param, int32_t threads);
+uint32_t zyn_cg_conv_release_direct(zyn_conv_blocked_weights** workspace);
 uint32_t zyn_cg_conv3x3(zyn_tensor* output, const zyn_tensor* input,
-                        const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                        const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                         const zyn_conv_epilogue* epilogue = nullptr);
 uint32_t zyn_cg_dwconv3x3(zyn_tensor* output, const zyn_tensor* input,
-                          const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                          const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                           const zyn_conv_epilogue* epilogue = nullptr);
 uint32_t zyn_cg_conv1x1(zyn_tensor* output, const zyn_tensor* input, const zyn_tensor* packed,
                         const zyn_conv_param* param, const zyn_conv_epilogue* epilogue = nullptr);
