@@ -25,6 +25,10 @@
 
 #include <stdint.h>
 
+#define ZYN_VERSION_MAJOR 1
+#define ZYN_VERSION_MINOR 1
+#define ZYN_VERSION_PATCH 0
+
 #if defined(ZYN_STATIC)
 #define ZYN_API
 #elif defined(_WIN32)
