@@ -345,8 +345,9 @@ inline void Detector::generate_weights(uint64_t seed) {
     const float inputs = static_cast<float>(c.in_channels / c.groups * c.kernel * c.kernel);
     const float scale = sqrtf(6.0f / inputs);
     for (int32_t i = 0; i < c.weights(); i++) *word++ = scale * noise();
-    for (uint32_t i = 0; c.normalised && i < 4 * c.out_channels; i++)
-      *word++ = i / c.out_channels % 3 == 0 ? 1.0f : 0.0f;  // scale 1, shift 0, mean 0, variance 1
+    constexpr float kNormalisation[] = {1, 0, 0, 1};  // scale, shift, mean, variance
+    for (const float value : kNormalisation)
+      for (uint32_t i = 0; c.normalised && i < c.out_channels; i++) *word++ = value;
     for (uint32_t i = 0; !c.normalised && i < c.out_channels; i++) *word++ = 0;
   }
 }

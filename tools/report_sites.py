@@ -4,7 +4,7 @@
 usage: report_sites.py [--write | --check]
 
 Reads the declarations "constexpr zyn_site kName{path, line, message};" in src/ and where
-they are used. --write puts the table into the page, --check compares it with the page;
+they are used, and the lines that callers hand to helpers around zyn_report. --write puts the table into the page, --check compares it with the page;
 without either it is printed. A site that no function uses, or that is declared in a form
 this cannot read, is an error.
 """
@@ -18,6 +18,8 @@ BEGIN, END = "<!-- report sites: begin -->\n", "<!-- report sites: end -->\n"
 TEXT = re.compile(r'\bconstexpr\s+(?:const\s+)?char\s*(?:\*\s*(?:const\s+)?(\w+)|(?:const\s+)?(\w+)\[\])'
                   r'\s*=\s*"((?:[^"\\]|\\.)*)"')
 SITE = re.compile(r'\bconstexpr\s+zyn_site\s+(\w+)\s*=?\s*\{\s*([^,{}]+?)\s*,\s*(\d+)\s*,')
+# A helper that is given the line: zyn_report({path, line, message}).
+HELPER = re.compile(r"\bzyn_report\(\{\s*(\w+)\s*,\s*(\w+)\s*,")
 KEYWORDS = {"if", "for", "while", "switch", "catch", "return", "sizeof", "alignas", "decltype"}
 
 
@@ -75,6 +77,29 @@ def users(name, code, spans, seen=()):
     return found
 
 
+def handed_lines(files, shared, problems):
+    """(printed path, source) -> [(line, functions)] of the callers of helpers."""
+    rows = {}
+    helpers = {}
+    for text in files.values():
+        code = code_only(text)
+        for m in HELPER.finditer(code):
+            helpers.update((name, shared.get(m.group(1), m.group(1)))
+                           for begin, end, kind, name in owners(code) if begin <= m.start() < end)
+    for path, text in files.items():
+        code = code_only(text)
+        for helper, printed in helpers.items():
+            for m in re.finditer(rf"\b{helper}\((\w+),", code):
+                number = re.search(rf"\bconstexpr int32_t {m.group(1)} = (\d+);", code)
+                within = [n for b, e, kind, n in owners(code) if b <= m.start() < e]
+                place = path.relative_to(ROOT).as_posix()
+                if number and within:
+                    rows.setdefault((printed, place), []).append((int(number.group(1)), within))
+                elif within:
+                    problems.append(f"{place}: {helper}: no constant {m.group(1)}")
+    return rows
+
+
 def table():
     files = {path: path.read_text() for path in sorted((ROOT / "src").rglob("*.*"))
              if path.suffix in (".h", ".cpp", ".inc")}
@@ -99,6 +124,8 @@ def table():
             if not functions or not printed:
                 problems.append(f"{place}: {name}: " + ("no path" if functions else "nothing uses it"))
             rows.setdefault((printed or "", place), []).append((line, functions))
+    for (printed, place), sites in handed_lines(files, shared, problems).items():
+        rows.setdefault((printed, place), []).extend(sites)
     lines = ["| printed path | source, where it differs | line: function |\n", "|---|---|---|\n"]
     for (printed, place), sites in sorted(rows.items()):
         together = {}
