@@ -12,9 +12,10 @@
  *    report to standard output; where a description says "silent" it does not.
  *  - Release functions take the address of your pointer and set it to null.
  *  - Nothing here is locked. One graph, tracker or image belongs to one thread at
- *    a time; the memory counter, the random generator and the clock's cached
- *    frequency are plain globals.
- *  - File names are UTF-8 on every system.
+ *    a time; the random generator and the clock's cached frequency are plain globals,
+ *    the memory counter is atomic.
+ *  - File names are UTF-8 on every system, except those of
+ *    zyn_get_specfic_files_for_given_dir.
  *  - Axes: dims[0] is the contiguous extent of a tensor (the row length), dims[1]
  *    the number of rows, dims[2] the number of channels. Operator parameters come
  *    in pairs named _h and _w: the first of a pair (_h) belongs to dims[0], the
@@ -25,6 +26,7 @@
 
 #include <stdint.h>
 
+/* The version of this header; zyn_version tells the library's. */
 #define ZYN_VERSION_MAJOR 1
 #define ZYN_VERSION_MINOR 1
 #define ZYN_VERSION_PATCH 0
@@ -137,14 +139,21 @@ ZYN_API void zyn_darray_element_str_free(void* slot);
  * when it cannot be read. */
 ZYN_API double zyn_get_current_system_time(void);
 
+/* major * 10000 + minor * 100 + patch of the library that is loaded. */
+ZYN_API uint32_t zyn_version(void);
+
 /* Appends "directory/name" to list (an array of zyn_darray_str_type) for every
  * entry of directory that matches pattern and is not a directory, in name order.
  * The pattern takes * and ?, ignores case, must begin with '*' or have '.' as its
  * second character, and must be at least 3 characters long ("*.bmp", "a.txt").
- * The working directory is the caller's again afterwards.
+ * An entry is passed over where directory and name together reach 1024 bytes. On
+ * Windows directory, pattern and names are in the system's code page, elsewhere the
+ * system's bytes. The working directory of the process changes meanwhile (mind other
+ * threads) and is the caller's again afterwards.
  * 0: also when only directories matched; 1: null argument or refused pattern
  * (silent), the directory cannot be entered (prints "chdir %s error\n"), nothing
- * matches (prints "no %s file format in the %s!\n"). */
+ * matches (prints "no %s file format in the %s!\n"); 2: no memory (silent), the
+ * elements are those from before. */
 ZYN_API int32_t zyn_get_specfic_files_for_given_dir(zyn_darray* list, const char* directory,
                                                     const char* pattern);
 
@@ -773,13 +782,15 @@ ZYN_API zyn_image* zyn_create_image(int32_t width, int32_t height, uint32_t form
  * all the same. Its data is null when memory is short. */
 ZYN_API zyn_image* zyn_recreate_image(zyn_image* image, int32_t width, int32_t height);
 
-/* Writes an image header into your record; data becomes null, not owned. 1: null
- * image, width or height below 4 (zyn_create_image takes 1), format above 14. */
+/* Writes an image header into your record; data becomes null, not owned: a buffer that the
+ * record owned is lost, free it first. 1: null image, width or height below 4
+ * (zyn_create_image takes 1), format above 14. */
 ZYN_API int32_t zyn_set_image_header(zyn_image* image, int32_t width, int32_t height,
                                      uint32_t format);
 
-/* Points an image header at your memory and sets the planes; a buffer that the
- * image owned is not freed. 1: null argument, not an image, length < 16; 256:
+/* Points an image header at your memory and sets the planes. A buffer that the image owned
+ * is not freed and owns_data stays, so that the image goes on owning what data points at;
+ * the image's own buffer may be given again. 1: null argument, not an image, length < 16; 256:
  * length < rows * row_bytes (nothing changed), and also for formats 3, 4, 7 to 11
  * and 14, whose data pointer is stored all the same. */
 ZYN_API int32_t zyn_set_image_data(zyn_image* image, void* data, int64_t length);
@@ -793,18 +804,20 @@ ZYN_API int32_t zyn_set_image_header_and_data(zyn_image* image, int32_t width, i
                                               uint32_t format, void* const planes[3],
                                               const int32_t strides[3]);
 
-/* Reads a BMP file (1, 4, 8, 16, 24 or 32 bits, not run-length coded). mode 0: grey
+/* Reads a BMP file (1, 4, 8, 16, 24 or 32 bits, not run-length coded): its header and the
+ * palette and rows that it names; what else the file holds is not looked at. mode 0: grey
  * files become format 2, others format 0; 1: format 2; anything else: format 0.
- * Null: no name or file (reported); not a BMP file (PNG and JPEG are recognised but
- * not decoded), damaged or unsupported (silent). */
+ * Null: no name or file, a stream without a length, no memory (reported); not a BMP file
+ * (PNG and JPEG are recognised but not decoded), damaged or unsupported (silent). */
 ZYN_API zyn_image* zyn_create_image_from_file(const char* file_name, int32_t mode);
 
 /* Writes a BMP file: the name must end in ".bmp" or ".BMP" exactly. Formats 0 and
  * 2 as they are; 1 has its channels exchanged in your image, which stays format 0;
  * 5 goes through a temporary format 0 image. 1: null argument, not an image,
- * formats 6 to 13, no extension; 4: unknown extension; 8: file cannot be opened;
- * 256: ".jpg", ".JPG", ".png", ".PNG" (nothing is written), and formats 3, 4 and
- * 14, which only PNG could hold. */
+ * formats 6 to 13, no extension; 2: no memory for the temporary image; 4: unknown
+ * extension; 8: file cannot be opened, or not written to its end, as on a full disk
+ * (silent; the file is removed then, devices and pipes stay); 256: ".jpg", ".JPG", ".png", ".PNG"
+ * (nothing is written), and formats 3, 4 and 14, which only PNG could hold. */
 ZYN_API int32_t zyn_image_write_to_file_with_level(const char* file_name, zyn_image* image);
 
 /* What zyn_image_color_space_convert can do. */
@@ -820,8 +833,9 @@ enum {
   ZYN_COLOR_PLANAR_TO_BGR = 22   /* format 6 to 0 */
 };
 
-/* Converts source into destination, an image of the same size that does not overlap
- * it; codes 2 and 3 also work in place (one image, or two that share a buffer).
+/* Converts source into destination, an image of the same size. Both may be one packed
+ * buffer where formats of equal pixel bytes meet (codes 2, 3, 13, 14, and 0 to format
+ * 0); any other sharing of pixels is refused.
  *  - Grey: (1868 B + 9617 G + 4899 R + 8192) >> 14.
  *  - Codes 2 and 3 take any pair of packed images with three bytes, four bytes or three
  *    16-bit values per pixel. Where the images share their buffer, code 2 turns
@@ -836,17 +850,23 @@ enum {
  *  - Codes 21 and 22 need only one side's format to be right: in place of format 0 any
  *    packed image of three bytes per pixel, in place of format 6 any packed image
  *    with room for three planes of width * height bytes at its start.
+ *    Likewise a format 6 image whose planes follow each other without a gap stands
+ *    for rows of 3 * width bytes: 21 from 6 to 6 and 22 from 0 to 0 take the source's
+ *    bytes for the other layout.
  * 1: null, not images, different sizes, formats that the code does not take or
- * without all planes (zyn_recreate_image); 4: any other code (silent). */
+ * without all planes (zyn_recreate_image), shared pixels; 4: any other code (silent). */
 ZYN_API int32_t zyn_image_color_space_convert(zyn_image* destination, zyn_image* source,
                                               uint32_t code);
 
 /* Scales source into destination, whose size is the caller's choice; both of one
- * element type, formats 0, 1, 2, 5, 8, 11. method 0: nearest neighbour, 1: bilinear
+ * element type, formats 0, 1, 2, 5, 8, 11. method 0: nearest neighbour, pixel i from
+ * floor(i * scale) with scale the float quotient of the sizes, which rarely is one below
+ * floor(i * source / destination) (2 to 82, pixel 41); 1: bilinear
  * with 11-bit weights. Equal sizes copy and an exact 2:1 reduction averages 2 x 2
  * pixels, whatever the method. 0 (any other method on a packed format does
- * nothing); 1: null, not images, different types, a format not listed; 2: no
- * memory; 4: another method on format 5. */
+ * nothing; equal sizes in one buffer are done at once); 1: null, not images, different
+ * types, a format not listed, images that share pixels; 2: no memory; 4: another method
+ * on format 5. */
 ZYN_API int32_t zyn_image_resizer(zyn_image* destination, const zyn_image* source, int32_t method);
 
 /* Copies the rectangle of size (w, h) at position (x, y) of source into destination,
@@ -854,8 +874,8 @@ ZYN_API int32_t zyn_image_resizer(zyn_image* destination, const zyn_image* sourc
  * position may be negative. Packed formats of one or three channels and format
  * 5, whose planes use half the luma stride for chroma. After a format 5 crop
  * position is halved (x >> 1, y >> 1).
- * 1: null, not images, destination not (w, h), different pixels or layouts; 4: other
- * formats. Silent; on failure nothing is written. */
+ * 1: null, not images, destination not (w, h), different pixels or layouts, images that
+ * share pixels; 4: other formats. Silent; on failure nothing is written. */
 ZYN_API int32_t zyn_image_cropped_patch(zyn_image* destination, const zyn_image* source,
                                         int32_t position[2], const int32_t size[2]);
 
@@ -929,7 +949,7 @@ ZYN_API void zyn_transform_image_data_for_pfld_detector_rgb24_fp16(zyn_tensor* t
                                                                    const zyn_image* image);
 
 /* Drops the fourth byte of every pixel; rows without padding on both sides. Takes
- * width * height * 4 bytes, gives * 3; destination may be source. 1: null pointer
+ * width * height * 4 bytes, gives * 3; destination may be source or lie before it. 1: null pointer
  * (silent). */
 ZYN_API int32_t zyn_convert_rgba_to_rgb(uint8_t* destination, const uint8_t* source, int32_t width,
                                         int32_t height);
@@ -949,8 +969,8 @@ ZYN_API zyn_image* zyn_create_border_image(int32_t* top, int32_t* bottom, int32_
  * must fit on both sides by x + w and y + h; with a negative x nothing is copied,
  * rows outside are clamped. 1: null pointer or null data, formats whose bytes lie
  * differently (0 and 1 may be mixed, 0 and 5 not), different channel counts, a patch
- * that does not fit; 4: neither 1 nor 3 channels, formats 6, 12 and 13. Nothing is
- * written then. Silent. */
+ * that does not fit, a source with pixels in destination's buffer; 4: neither 1 nor 3 channels,
+ * formats 6, 12 and 13. Nothing is written then. Silent. */
 ZYN_API int32_t zyn_image_cropped_patch_with_border(zyn_image* destination,
                                                     const int32_t destination_position[2],
                                                     const zyn_image* source,

@@ -40,6 +40,7 @@ int main(void) {
   zyn_tensor* tensor = zyn_create_tensor(3, dims, ZYN_TYPE_F32);
   if (!tensor || tensor->count != 24) return 1;
   zyn_release_tensor(&tensor);
+  if (zyn_version() != ZYN_VERSION_MAJOR * 10000 + ZYN_VERSION_MINOR * 100 + ZYN_VERSION_PATCH) return 3;
   return zyn_get_current_memory_size_occupation() == 0 ? 0 : 2;
 }
 END_OF_HOST
