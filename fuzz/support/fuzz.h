@@ -83,8 +83,9 @@ class Input {
 // Blocks are full of rubbish. The end of the scope checks that all of them went.
 class Memory {
  public:
-  // No single request may be above bound bytes.
-  explicit Memory(bool pages = false, int64_t bound = int64_t{1} << 24);
+  // No single request may be above bound bytes; above machine it finds no memory.
+  explicit Memory(bool pages = false, int64_t bound = int64_t{1} << 24,
+                  int64_t machine = int64_t{1} << 26);
   ~Memory();
   Memory(const Memory&) = delete;
   Memory& operator=(const Memory&) = delete;

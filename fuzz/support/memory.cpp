@@ -29,7 +29,7 @@ struct Block {
 struct State {
   std::unordered_map<void*, Block> live;
   bool pages, lasting, failed;
-  int64_t bound, largest, seen, fail;
+  int64_t bound, machine, largest, seen, fail;
 };
 State* state = nullptr;
 
@@ -75,7 +75,8 @@ void* allocate(size_t system_bytes) {
   }
   if (wanted > s.largest) s.largest = wanted;
   s.seen++;
-  if (s.fail > 0 && (s.lasting ? s.seen >= s.fail : s.seen == s.fail)) {
+  const bool fails = s.fail > 0 && (s.lasting ? s.seen >= s.fail : s.seen == s.fail);
+  if (fails || wanted > s.machine) {
     s.failed = true;
     return nullptr;
   }
@@ -118,8 +119,9 @@ void release(void* address) {
 
 }  // namespace
 
-Memory::Memory(bool pages, int64_t bound) : before_(zyn_get_current_memory_size_occupation()) {
-  state = new State{{}, pages, false, false, bound, 0, 0, 0};
+Memory::Memory(bool pages, int64_t bound, int64_t machine)
+    : before_(zyn_get_current_memory_size_occupation()) {
+  state = new State{{}, pages, false, false, bound, machine, 0, 0, 0};
   const zyn_system_allocator hooks = {allocate, release};
   zyn_set_system_allocator(&hooks);
 }
