@@ -181,12 +181,18 @@ void poses(Input& in) {
             : static_cast<float>(in.integer(0, 639)) + static_cast<float>(in.byte()) / 256;
   if (any)
     for (float& v : camera) v = in.real();
+  // Two points in one pixel are two points in line with the camera, or nothing.
+  bool sane = !any;
+  for (int i = 0; i < 6; i += 2) {
+    const int k = (i + 2) % 6;
+    sane = sane && std::hypot(image[i] - image[k], image[i + 1] - image[k + 1]) >= 1;
+  }
   double rotations[36], translations[12];
   int32_t count = -1;
   check(!zyn_solve_ap3p(rotations, translations, world, image, camera, nullptr, &count),
         "poses are looked for");
   check(count >= 0 && count <= 4, "up to four poses");
-  for (int32_t k = 0; !any && k < count; k++)
+  for (int32_t k = 0; sane && k < count; k++)
     for (int i = 0; i < 3; i++) {
       double p[3];
       for (int r = 0; r < 3; r++) {
