@@ -27,64 +27,61 @@ Boxes some_boxes(Input& in, uint32_t count) {
 }
 
 // The documented overlap of two boxes enlarged five times.
-float score(const zyn_detection& a, const zyn_detection& b) {
-  const auto axis = [](float lo, float hi) {
-    const float middle = 0.5f * (lo + hi), half = 5.0f * (hi - lo) * 0.5f;
-    return std::pair<float, float>(middle - half, middle + half);
+double score(const zyn_detection& a, const zyn_detection& b) {
+  const auto edge = [](float from, float to, double side) {
+    return 0.5 * (double{from} + double{to}) + 2.5 * side * (double{to} - double{from});
   };
-  const auto [ax1, ax2] = axis(a.x1, a.x2);
-  const auto [ay1, ay2] = axis(a.y1, a.y2);
-  const auto [bx1, bx2] = axis(b.x1, b.x2);
-  const auto [by1, by2] = axis(b.y1, b.y2);
-  const float common = std::max(0.0f, std::min(ax2, bx2) - std::max(ax1, bx1)) *
-                       std::max(0.0f, std::min(ay2, by2) - std::max(ay1, by1));
-  return common / ((ax2 - ax1) * (ay2 - ay1) + (bx2 - bx1) * (by2 - by1) - common + 0.00001f);
+  const auto common = [&](float a1, float a2, float b1, float b2) {
+    return std::max(0.0, std::min(edge(a1, a2, 1), edge(b1, b2, 1)) -
+                             std::max(edge(a1, a2, -1), edge(b1, b2, -1)));
+  };
+  const auto area = [](const zyn_detection& d) {
+    return 25 * (double{d.x2} - double{d.x1}) * (double{d.y2} - double{d.y1});
+  };
+  const double both = common(a.x1, a.x2, b.x1, b.x2) * common(a.y1, a.y2, b.y1, b.y2);
+  return both / (area(a) + area(b) - both + 0.00001);
 }
 
-// The largest sum over assignments of the detections from d on to tracks not in used.
-double best(const std::vector<double>& s, size_t tracks, size_t d, uint32_t used, size_t spare) {
-  if (d * tracks == s.size()) return 0;
-  double sum = spare ? best(s, tracks, d + 1, used, spare - 1) : -HUGE_VAL;
-  for (size_t t = 0; t < tracks; t++)
+// The largest sum over assignments of the rows from d on to columns not in used, when
+// spare rows may stay without one.
+double best(const std::vector<double>& s, size_t cols, size_t d, uint32_t used, size_t spare) {
+  if (d * cols == s.size()) return 0;
+  double sum = spare ? best(s, cols, d + 1, used, spare - 1) : -HUGE_VAL;
+  for (size_t t = 0; t < cols; t++)
     if (!(used >> t & 1))
-      sum = std::max(sum, s[d * tracks + t] + best(s, tracks, d + 1, used | 1u << t, spare));
+      sum = std::max(sum, s[d * cols + t] + best(s, cols, d + 1, used | 1u << t, spare));
   return sum;
 }
 
 void associate(Input& in) {
   const Boxes d = some_boxes(in, in.byte() % 7 + 1), t = some_boxes(in, in.byte() % 7 + 1);
-  const auto rows = static_cast<int32_t>(d.size()), cols = static_cast<int32_t>(t.size());
+  const size_t rows = d.size(), cols = t.size();
   std::vector<double> s;
   for (const zyn_detection& a : d)
-    for (const zyn_detection& b : t) s.push_back(static_cast<double>(score(a, b)));
+    for (const zyn_detection& b : t) s.push_back(score(a, b));
   const bool sane = std::all_of(s.begin(), s.end(), [](double v) { return v >= 0 && v <= 1.001; });
-  const float threshold = in.one_in(2) ? -INFINITY : in.real();
-  zyn_sort_match_info* m =
-      zyn_associate_detections_to_trackers(d.data(), rows, t.data(), cols, threshold);
+  const float threshold = in.one_in(2) ? -1 : in.real();
+  zyn_sort_match_info* m = zyn_associate_detections_to_trackers(
+      d.data(), static_cast<int32_t>(rows), t.data(), static_cast<int32_t>(cols), threshold);
   check(m || !sane, "numbers can be assigned");
   if (!m) return;
   double sum = 0;
-  uint32_t used = 0, seen = 0;
+  uint32_t used = 0, seen = 0;  // each box once
   for (int32_t i = 0; i < m->matched_count; i++) {
-    const int32_t a = m->matched[2 * i], b = m->matched[2 * i + 1];
-    check(a >= 0 && a < rows && b >= 0 && b < cols, "pairs name boxes");
-    check(!(seen >> a & 1) && !(used >> b & 1), "nothing is paired twice");
+    const auto a = static_cast<uint32_t>(m->matched[2 * i]),
+               b = static_cast<uint32_t>(m->matched[2 * i + 1]);
+    check(a < rows && b < cols && !(seen >> a & 1) && !(used >> b & 1), "pairs name boxes once");
     seen |= 1u << a, used |= 1u << b;
-    const double pair = s[static_cast<size_t>(a * cols + b)];
-    check(!sane || pair > static_cast<double>(threshold) - 1e-5, "pairs are above the threshold");
-    sum += pair;
+    check(!sane || s[a * cols + b] > double{threshold} - 1e-5, "pairs are above the threshold");
+    sum += s[a * cols + b];
   }
-  for (int32_t i = 0; i < m->unmatched_count; i++) {
-    check(!i || m->unmatched[i - 1] < m->unmatched[i], "leftovers ascend");
-    seen ^= 1u << m->unmatched[i];
-  }
-  check(m->matched_count + m->unmatched_count == rows && seen == (1u << rows) - 1,
+  for (int32_t i = 0; i < m->unmatched_count; i++) seen ^= 1u << m->unmatched[i];
+  check(m->matched_count + m->unmatched_count == static_cast<int32_t>(rows) &&
+            seen == (1u << rows) - 1,
         "every detection is matched or not");
-  if (sane && threshold < 0) {
-    check(m->matched_count == std::min(rows, cols), "everything is paired below all scores");
-    const double most = best(s, t.size(), 0, 0, static_cast<size_t>(std::max(0, rows - cols)));
-    check(std::fabs(sum - most) < 1e-4, "the sum is the largest one");
-  }
+  if (sane && threshold < 0)
+    check(std::fabs(sum - best(s, cols, 0, 0, rows > cols ? rows - cols : 0)) < 1e-4,
+          "the sum is the largest one");
   zyn_release_sort_match_info(&m);
 }
 
@@ -107,7 +104,7 @@ class Life {
   // False: a correction or prediction failed in the middle; the model ends here.
   bool step() {
     if (in_.one_in(3)) return predict();
-    const bool many = in_.one_in(16) && model_.size() < 300;
+    const bool many = in_.one_in(48) && model_.size() < 200;
     const Boxes boxes = many ? Boxes(60, box(in_)) : some_boxes(in_, in_.byte() % 6 + 1);
     std::vector<uint8_t> mask(boxes.size());
     for (uint8_t& m : mask) m = static_cast<uint8_t>(many ? 1 : in_.byte() % 3);

@@ -1,7 +1,8 @@
-// Every allocation fails: scenarios over the public interface, each repeated with its n-th
-// allocation failing, once and from there on, n growing until nothing fails. A failure
-// has its code and its report, nothing is lost but the header that a tensor without data
-// loses on purpose, and the same scenario gives the same bits afterwards.
+// Every allocation fails: scenarios over the public interface, each repeated
+// with its n-th allocation failing, once and from there on, n growing until
+// nothing fails. A failure has its code and its report, nothing is lost but the
+// header that a tensor without data loses on purpose, and the same scenario
+// gives the same bits afterwards.
 #include <array>
 #include <filesystem>
 #include <fstream>
@@ -134,8 +135,8 @@ int fails_everywhere(const std::string& name, Says says, const Act& act) {
 
 // ---- graphs
 
-// Binding, preparation and run of a random node of a type. What a failed preparation
-// left does not run; the same graph prepares and runs afterwards.
+// Binding, preparation and run of a random node of a type. What a failed
+// preparation left does not run; the same graph prepares and runs afterwards.
 struct AnyNode : Model {
   AnyNode(int type, uint32_t convolution, bool fixed) : Model(type + convolution, fixed) {
     method(convolution);
@@ -148,8 +149,8 @@ struct AnyNode : Model {
 void any_node(Scene& s, int type, uint32_t method, bool fixed, bool creation = false) {
   AnyNode model(type, method, fixed);
   Net& net = model.net;
-  // A plan without room for its weights is handed out; the run refuses it. An edge whose
-  // lists cannot grow is lost silently.
+  // A plan without room for its weights is handed out; the run refuses it. An
+  // edge whose lists cannot grow is lost silently.
   s.any_code = creation || (method == 2 && type <= ZYN_OP_CONV_BN);
   if (creation) s.arm();
   if (!s.ok(net.connect())) return;
@@ -160,7 +161,7 @@ void any_node(Scene& s, int type, uint32_t method, bool fixed, bool creation = f
   s.disarm();
   if (!bound || (creation && s.code)) return;
   if (s.code) {
-    if (!prepared && type != ZYN_OP_CONCAT) {
+    if (!prepared) {
       EXPECT_EQ(net.run(), 1);
     }
     model.refill();  // an activation in place may have run
@@ -242,7 +243,7 @@ TEST(Scenarios, Files) {
       act(s);
     });
   };
-  for (uint32_t format : {0u, 1u, 2u})
+  for (uint32_t format : {0u, 1u, 2u, 5u})
     add("written format " + std::to_string(format), [&](Scene& s) {
       zyn_image* image = s.image(18, 7, format);
       s.arm();
@@ -257,6 +258,20 @@ TEST(Scenarios, Files) {
     char word[5] = {};
     s.arm();
     if (s.ok(zyn_cg_load_model(word, 1, model.c_str()))) s.keep(word, 5);
+  });
+  // A list that has entries keeps them, and gets none of the others.
+  add("list", [&](Scene& s) {
+    zyn_darray* list = s.own(zyn_create_darray(&zyn_darray_str_type));
+    const auto names = [&] {
+      return zyn_get_specfic_files_for_given_dir(list, folder.c_str(), "*.bmp");
+    };
+    for (int k = 0; k < 4; k++) EXPECT_EQ(names(), 0);
+    s.arm();
+    s.ok(names());
+    s.disarm();
+    EXPECT_EQ(list->count, s.code ? 8 : 10);
+    for (int64_t i = 0; i < list->count; i++)
+      EXPECT_EQ(static_cast<char**>(list->data)[i], i % 2 ? model : picture);
   });
   std::filesystem::remove_all(folder);
 }
@@ -330,7 +345,8 @@ TEST(Scenarios, Suppression) {
   });
 }
 
-// A frame with 127 tracks that needs room for more, by both updates or by ids alone.
+// A frame with 127 tracks that needs room for more, by both updates or by ids
+// alone.
 bool frame(Scene& s, zyn_sort_handle* sort, bool both) {
   const zyn_detection seen[4] = {box(5), box(200), box(201), box(202)};
   const int32_t known[4] = {-1, 7, -1, 9};
