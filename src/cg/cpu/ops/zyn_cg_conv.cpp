@@ -166,8 +166,10 @@ int32_t zyn_cg_conv_open(zyn_cg_handle* graph, int32_t node, zyn_cg_conv_state* 
   release_workspace(state);
   const zyn_cg_sources sources = zyn_cg_find_sources(graph, node);
   if (const int32_t code = zyn_cg_check_input(graph, sources.input)) return code;
-  if (zyn_cg_is_fixed_point(graph) && (!zyn_cg_read_q(graph, sources.producer, &state->input_q) ||
-                                       !zyn_cg_read_q(graph, node, &state->output_q)))
+  // Any counts: that they fit together is zyn_fpi_make_plan's to say.
+  if (zyn_cg_is_fixed_point(graph) &&
+      (!zyn_cg_read_fraction_bits(graph, sources.producer, &state->input_q) ||
+       !zyn_cg_read_fraction_bits(graph, node, &state->output_q)))
     return ZYN_RET_ERR_PARA;
   const zyn_tensor* constant = sources.constant;
   int64_t needed = 0;

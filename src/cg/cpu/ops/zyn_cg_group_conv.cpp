@@ -325,11 +325,11 @@ packing pack_rule(const group_conv_state* state) {
 // The packed planes of a group, in floats; 0 where they would be too large.
 int64_t packed_size(const group_conv_state* state) {
   const zyn_conv_param& p = state->param;
-  int64_t packed = 0;
-  const int64_t groups = p.groups;
-  const int64_t most =
-      kPackedFactor * (state->input->count / groups + state->output->count / groups) +
-      kPackedFloats;
+  int64_t packed = 0, most = 0;
+  if (!zyn_multiply(state->input->count / p.groups + state->output->count / p.groups,
+                    kPackedFactor, &most) ||
+      !zyn_sum(most, kPackedFloats, &most))
+    most = INT64_MAX;
   const bool fits = zyn_multiply(state->rows.row_size, state->height, &packed) &&
                     zyn_multiply(packed, inputs_of(p), &packed) && packed <= most;
   return fits ? packed : 0;

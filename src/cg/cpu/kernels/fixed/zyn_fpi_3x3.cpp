@@ -155,6 +155,6 @@ void zyn_fpi_pack_3x3(zyn_fpi_plan* plan) {
 
 uint32_t zyn_fpi_run_3x3(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
                          zyn_tensor* output, const zyn_tensor* input) {
-  return plan->layer.stride_h == 1 ? dense<1>(plan, epilogue, output, input)
+  return plan->layer.stride_x == 1 ? dense<1>(plan, epilogue, output, input)
                                    : dense<2>(plan, epilogue, output, input);
 }
