@@ -1,4 +1,6 @@
 // The image record: layout of every format, headers over a caller's memory, refusals.
+#include <functional>
+
 #include "support/failing.h"
 #include "support/images.h"
 
@@ -127,7 +129,9 @@ TEST(Image, DataIsRefusedForBadArgumentsAndNeverFreed) {
   EXPECT_EQ(zyn_set_image_data(image.get(), memory, 64), 0);
   EXPECT_EQ(zyn_get_current_memory_size_occupation(), held);
   EXPECT_EQ(image->owns_data, 1u);
-  image->data = own;
+  EXPECT_EQ(zyn_set_image_data(image.get(), own, 16), 0);
+  EXPECT_EQ(zyn_set_image_data(image.get(), image->data, 16), 0);  // its own block again
+  EXPECT_TRUE(image->data == own && image->owns_data == 1);
 }
 
 TEST(Image, HeaderAndDataTakesPlanesOf420AndALengthElsewhere) {
@@ -183,6 +187,95 @@ TEST(Image, RecreationRenewsTheFirstPlaneOnly) {
   EXPECT_EQ(zyn_recreate_image(image.get(), 4, -1), image.get());
   EXPECT_EQ(image->data, before);
   EXPECT_EQ(zyn_recreate_image(nullptr, 4, 4), nullptr);
+}
+
+// Views into one canvas of 64-byte rows, the source at a fixed place, the destination
+// everywhere: refused where a byte belongs to both, else as with memory of their own.
+TEST(Image, PixelsThatTwoImagesShareAreRefusedByEveryOperation) {
+  constexpr int kStride = 64, kRows = 28, kColumn = 26, kRow = 10, kSource = 8;
+  const auto view = [](std::vector<uint8_t>& canvas, int column, int row, int size,
+                       uint32_t format) {
+    zyn_image image;
+    zyn_set_image_header(&image, size, size, format);
+    image.data = canvas.data() + row * kStride + column;
+    image.row_bytes = kStride;
+    return image;
+  };
+  const struct {
+    int size;
+    uint32_t format;
+    bool clears;  // whole rows of the destination
+    std::function<int32_t(zyn_image*, const zyn_image*)> run;
+  } cases[] = {{8, 0, false, [](auto* to, auto* from) { return zyn_image_resizer(to, from, 1); }},
+               {4, 0, false, [](auto* to, auto* from) { return zyn_image_resizer(to, from, 1); }},
+               {5, 0, false, [](auto* to, auto* from) { return zyn_image_resizer(to, from, 0); }},
+               {9, 0, false, [](auto* to, auto* from) { return zyn_image_resizer(to, from, 1); }},
+               {6, 0, false,
+                [](auto* to, auto* from) {
+                  int32_t position[2] = {-1, 3};
+                  const int32_t size[2] = {6, 6};
+                  return zyn_image_cropped_patch(to, from, position, size);
+                }},
+               {6, 0, true,
+                [](auto* to, auto* from) {
+                  const int32_t at[2] = {1, 2}, size[2] = {4, 4};
+                  return zyn_image_cropped_patch_with_border(to, at, from, at, size);
+                }},
+               {8, 0, false,
+                [](auto* to, auto* from) {
+                  zyn_image source = *from;
+                  return zyn_image_color_space_convert(to, &source, 2);
+                }},
+               {8, 2, false, [](auto* to, auto* from) {
+                  zyn_image source = *from;
+                  return zyn_image_color_space_convert(to, &source, 0);
+                }}};
+  std::vector<uint8_t> before(kStride * (kRows + 1));
+  for (size_t i = 0; i < before.size(); i++)
+    before[i] = static_cast<uint8_t>(i * 2654435761u >> 13);
+  for (const auto& c : cases)
+    for (int row = 0; row <= kRows - c.size; row++)
+      for (int column = 0; column <= kStride - 3 * c.size; column++) {
+        if (row == kRow && column == kColumn) continue;  // in place
+        const int pixel = c.format == 2 ? 1 : 3;
+        bool shared = false;
+        for (int y = 0; y < kSource; y++)
+          for (int x = 0; x < 3 * kSource; x++) {
+            const int at = (kRow + y - row) * kStride + kColumn + x - column;
+            shared |=
+                at >= 0 && at < kStride * c.size && (c.clears || at % kStride < pixel * c.size);
+          }
+        std::vector<uint8_t> canvas = before, other = before;
+        zyn_image from = view(canvas, kColumn, kRow, kSource, 0),
+                  apart = view(before, kColumn, kRow, kSource, 0);
+        zyn_image to = view(canvas, column, row, c.size, c.format),
+                  clean = view(other, column, row, c.size, c.format);
+        int32_t code = 0;
+        printed([&] { code = c.run(&to, &from); });
+        ASSERT_EQ(code, shared ? 1 : 0) << column << " " << row << " case " << &c - cases;
+        if (!shared) {
+          ASSERT_EQ(c.run(&clean, &apart), 0);
+        }
+        const auto same_rows = [&](const zyn_image& of, const std::vector<uint8_t>& as) {
+          const auto at = static_cast<uint8_t*>(of.data) - canvas.data();
+          bool same = true;
+          for (int64_t y = 0; y < of.rows; y++)
+            same &= memcmp(&canvas[at + y * kStride], &as[at + y * kStride],
+                           of.cols * of.channels) == 0;
+          return same;
+        };
+        ASSERT_TRUE(shared ? canvas == before : same_rows(to, other) && same_rows(from, before))
+            << column << " " << row << " case " << &c - cases;
+      }
+  // Any plane of format 5 counts.
+  Image a = make_image(8, 8, 5), b = make_image(9, 9, 5);
+  a->plane2 = static_cast<uint8_t*>(b->plane1) + 5;
+  int32_t position[2] = {0, 0};
+  const int32_t size[2] = {8, 8};
+  EXPECT_SAYS(zyn_image_resizer(a.get(), b.get(), 1), 1,
+              report(kPara, "src/image/zyn_image_resizer.cpp", 651));
+  EXPECT_SAYS(zyn_image_cropped_patch(a.get(), b.get(), position, size), 1, "");
+  EXPECT_EQ(zyn_image_cropped_patch_with_border(a.get(), position, b.get(), position, size), 1);
 }
 
 TEST(Image, RecreationBelowTheHeaderMinimumKeepsTheSizeAndRenewsTheBuffer) {
