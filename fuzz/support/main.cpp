@@ -1,5 +1,8 @@
 // A target as a plain program, for compilers without libFuzzer: runs the files and
 // folders that it is given; with -max_total_time=S it then mutates them for S seconds.
+// An input that breaks something is kept as fuzz-crash in the working directory.
+#include <signal.h>
+
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -40,6 +43,22 @@ void mutate(Bytes& bytes, const Bytes& other, std::mt19937_64& random) {
   }
 }
 
+const Bytes* current = nullptr;
+
+void keep_input(int signal_number) {
+  if (FILE* file = fopen("fuzz-crash", "wb")) {
+    fwrite(current->data(), 1, current->size(), file);
+    fclose(file);
+  }
+  signal(signal_number, SIG_DFL);
+  raise(signal_number);
+}
+
+void run(const Bytes& input) {
+  current = &input;
+  LLVMFuzzerTestOneInput(input.data(), input.size());
+}
+
 }  // namespace
 
 int main(int count, char** arguments) {
@@ -48,13 +67,15 @@ int main(int count, char** arguments) {
   for (int i = 1; i < count; i++)
     if (sscanf(arguments[i], "-max_total_time=%d", &seconds) != 1 && arguments[i][0] != '-')
       add(inputs, arguments[i]);
-  for (const Bytes& input : inputs) LLVMFuzzerTestOneInput(input.data(), input.size());
+  signal(SIGABRT, keep_input);
+  signal(SIGSEGV, keep_input);
+  for (const Bytes& input : inputs) run(input);
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   size_t runs = inputs.size();
   for (std::mt19937_64 random(1); std::chrono::steady_clock::now() < end; runs++) {
     Bytes input = inputs[random() % inputs.size()];
     mutate(input, inputs[random() % inputs.size()], random);
-    LLVMFuzzerTestOneInput(input.data(), input.size());
+    run(input);
   }
   fprintf(stderr, "stat::number_of_executed_units: %zu\n", runs);
 }
