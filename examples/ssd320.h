@@ -342,8 +342,8 @@ inline void Detector::generate_weights(uint64_t seed) {
   };
   float* word = weights();
   for (const Convolution& c : convolutions()) {
-    const float inputs = static_cast<float>(c.in_channels / c.groups * c.kernel * c.kernel);
-    const float scale = sqrtf(6.0f / inputs);
+    const uint32_t inputs = c.in_channels / c.groups * c.kernel * c.kernel;
+    const float scale = sqrtf(6.0f / static_cast<float>(inputs));
     for (int32_t i = 0; i < c.weights(); i++) *word++ = scale * noise();
     constexpr float kNormalisation[] = {1, 0, 0, 1};  // scale, shift, mean, variance
     for (const float value : kNormalisation)

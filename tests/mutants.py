@@ -59,12 +59,12 @@ def changes(text):
 def sequence(seed):
     """Every change of src/ in random order, kinds in equal shares; and what it depends on."""
     digest, by_kind, chance = hashlib.sha256(), collections.defaultdict(list), random.Random(seed)
-    for path in sorted((ROOT / "src").rglob("*")):
+    for path in sorted((TREE / "src").rglob("*")):
         if path.suffix in (".cpp", ".h", ".inc") and "windows" not in path.name:
             text = path.read_text()
             digest.update(text.encode())
             for kind, list_ in changes(text).items():
-                by_kind[kind] += [(path.relative_to(ROOT).as_posix(), kind, *c) for c in list_]
+                by_kind[kind] += [(path.relative_to(TREE).as_posix(), kind, *c) for c in list_]
     for list_ in by_kind.values():
         chance.shuffle(list_)
     order = []
@@ -128,7 +128,7 @@ def main():
     for path, kind, begin, end, new in order[len(lines):]:
         if sum(not line.startswith("invalid") for line in lines) >= wanted:
             break
-        copy, text = TREE / path, (ROOT / path).read_text()
+        copy, text = TREE / path, (TREE / path).read_text()
         copy.write_text(text[:begin] + new + text[end:])
         killer = run_tests(tests, seconds) if build()[0] else "invalid"
         copy.write_text(text)
