@@ -55,3 +55,26 @@ inline void zyn_transpose_8x8(__m256 (&row)[8]) {
   }
   ZYN_UNROLL for (int i = 0; i < 8; i++) row[i] = pair[i];
 }
+
+// The same for rows in memory, pitch floats apart: halves of rows are joined by the loads,
+// which leaves the shuffling unit a third less to do.
+[[gnu::always_inline]] inline void zyn_transpose_8x8(const float* rows, int64_t pitch,
+                                                     __m256 (&t)[8]) {
+  __m256 half[8], pair[8];
+  ZYN_UNROLL for (int i = 0; i < 4; i++) {
+    const __m256 low = _mm256_loadu_ps(rows + i * pitch);
+    const __m256 high = _mm256_loadu_ps(rows + (i + 4) * pitch);
+    half[i] = _mm256_permute2f128_ps(low, high, 0x20);
+    half[i + 4] = _mm256_permute2f128_ps(low, high, 0x31);
+  }
+  ZYN_UNROLL for (int i = 0; i < 8; i += 2) {
+    pair[i] = _mm256_unpacklo_ps(half[i], half[i + 1]);
+    pair[i + 1] = _mm256_unpackhi_ps(half[i], half[i + 1]);
+  }
+  ZYN_UNROLL for (int i = 0; i < 8; i += 4) {
+    t[i] = _mm256_shuffle_ps(pair[i], pair[i + 2], 0x44);
+    t[i + 1] = _mm256_shuffle_ps(pair[i], pair[i + 2], 0xEE);
+    t[i + 2] = _mm256_shuffle_ps(pair[i + 1], pair[i + 3], 0x44);
+    t[i + 3] = _mm256_shuffle_ps(pair[i + 1], pair[i + 3], 0xEE);
+  }
+}

@@ -114,10 +114,10 @@ template <int kRows, int kVectors>
 // other vectors lie at floats from there; copy moves on with the panel that it fills.
 template <int kBlock, bool kTaps, bool kCopy, int kRows, int kVectors, typename Half>
 [[gnu::always_inline]] inline void sum_terms(__m256 (&sums)[kRows][kVectors], Half& half,
-                                             const zyn_gemm_tile_job& job, const float* x,
+                                             const zyn_gemm_tile_job& job, int64_t block_stride,
+                                             int64_t channel_stride, const float* x,
                                              const float* weights, const int64_t (&at)[3],
                                              float*& copy) {
-  const int64_t block_stride = job.block_stride, channel_stride = job.channel_stride;
   auto step = [&](const float* from) __attribute__((always_inline)) {
     zyn_gemm_multiply_add<kCopy>(
         sums,
@@ -159,6 +159,8 @@ template <int kBlock, int kBlocks, int kVectors, bool kTaps, bool kCopy,
 void tiles(const zyn_gemm_tile_job& job) {
   constexpr int kRows = kBlock * kBlocks;
   constexpr bool kNarrow = kVectors == 1;
+  // In registers: vector stores may alias what is not.
+  const int64_t block_stride = job.block_stride, channel_stride = job.channel_stride;
   const int64_t at[3] = {0, kNarrow ? 0 : job.at[1], kNarrow ? 0 : job.at[2]};
   const int32_t activation = job.activation;
   const float* start = job.x;
@@ -178,7 +180,8 @@ void tiles(const zyn_gemm_tile_job& job) {
       resume(sums, place);
       half.resume(place);
     }
-    sum_terms<kBlock, kTaps, kCopy>(sums, half, job, start, first_weights, at, copy);
+    sum_terms<kBlock, kTaps, kCopy>(sums, half, job, block_stride, channel_stride, start,
+                                    first_weights, at, copy);
     zyn_with_activation(activation, finish_tile<kRows, kVectors, Half>{sums, half, place, biases});
     start += job.next_x;
     first_weights += job.next_weights;

@@ -43,12 +43,6 @@ bool is_suitable(const zyn_conv_plan* plan) {
   return layout.table - layout.planes <= kMostFloats;
 }
 
-// Rows r of the result are columns r of rows, which are pitch floats apart.
-[[gnu::always_inline]] inline void transpose(const float* rows, int64_t pitch, __m256 (&t)[8]) {
-  ZYN_UNROLL for (int i = 0; i < 8; i++) t[i] = _mm256_loadu_ps(rows + i * pitch);
-  zyn_transpose_8x8(t);
-}
-
 template <int kStride>
 struct run_lanes {
   const zyn_conv_plan* plan;
@@ -77,7 +71,7 @@ struct run_lanes {
         _mm_prefetch(reinterpret_cast<const char*>(results + at * kLanes + i), _MM_HINT_T1);
       at = zyn_smaller(at, count - kLanes);
       __m256 t[8];
-      transpose(planes + at, count, t);
+      zyn_transpose_8x8(planes + at, count, t);
       ZYN_UNROLL for (int i = 0; i < 8; i++) _mm256_storeu_ps(scratch + table[at + i], t[i]);
     }
   }
@@ -145,7 +139,7 @@ struct run_lanes {
     for (int64_t at = 0; at < count; at += kLanes) {
       at = zyn_smaller(at, count - kLanes);
       __m256 t[8];
-      transpose(sums + at * kLanes, kLanes, t);
+      zyn_transpose_8x8(sums + at * kLanes, kLanes, t);
       ZYN_UNROLL for (int i = 0; i < 8; i++) {
         const __m256 y = _mm256_add_ps(t[i], _mm256_broadcast_ss(filter_bias + i));
         _mm256_storeu_ps(planes + i * count + at, zyn_activate<kActivation>(y));
