@@ -166,7 +166,7 @@ class Attack {
     int32_t dims[5];
     const uint32_t count = in_.byte();
     for (int i = 0; i < 5; i++) dims[i] = std::min(small(1, 9), i < 3 ? 16 : 3);
-    if (count < 16) dims[0] *= 5;
+    if (count < 16 && dims[0] > 0) dims[0] *= 5;
     const uint32_t type = fixed_ ? ZYN_TYPE_FPI16 : ZYN_TYPE_F32;
     return make_tensor(count >= 224   ? static_cast<int>(count % 5) + 1
                        : count >= 192 ? 2
