@@ -122,8 +122,6 @@ class Attack {
     zyn_release_computation_graph_handle(&graph_);
     for (Node& node : nodes_)
       if (node.tensor) zyn_release_tensor(&node.tensor);
-    // A tensor whose data finds no memory loses its header on purpose.
-    Memory::hand_back(sizeof(zyn_tensor));
   }
   Attack(const Attack&) = delete;
   Attack& operator=(const Attack&) = delete;
@@ -167,8 +165,8 @@ class Attack {
   zyn_tensor* any_tensor() {
     int32_t dims[5];
     const uint32_t count = in_.byte();
-    for (int32_t& d : dims) d = small(1, 9);
-    if (count < 16) dims[0] *= 5;
+    for (int i = 0; i < 5; i++) dims[i] = std::min(small(1, 9), i < 3 ? 16 : 3);
+    if (count < 16 && dims[0] > 0) dims[0] *= 5;
     const uint32_t type = fixed_ ? ZYN_TYPE_FPI16 : ZYN_TYPE_F32;
     return make_tensor(count >= 224   ? static_cast<int>(count % 5) + 1
                        : count >= 192 ? 2
@@ -215,13 +213,15 @@ class Attack {
   void add_conv(Node& node, const Shape& in);
   Shape output_of(const Node& node) const;
   void connect(bool wild);
-  void bind(size_t id);
+  int32_t bind(size_t id);
   void step();
   void read_outputs();
   void expect_requests();
 
   Input& in_;
   uint32_t fixed_;
+  int32_t highest_ = 0;  // id: edge lists follow the ids
+  bool whole_ = true;    // sorted, and every node bound
   zyn_cg_create_param settings_;
   zyn_cg_handle* graph_ = nullptr;
   std::vector<Node> nodes_;
@@ -415,7 +415,7 @@ Shape Attack::output_of(const Node& node) const {
 }
 
 void Attack::expect_requests() {
-  double bytes = 16.0 * 4096;
+  double bytes = 16.0 * (4096 + highest_);
   for (size_t pass = 0; pass < nodes_.size(); pass++)
     for (Node& node : nodes_)
       if (node.type < 0 || node.type > 2) node.shape = output_of(node);
@@ -430,13 +430,16 @@ void Attack::connect(bool wild) {
       zyn_add_one_edge_into_computation_graph(graph_, from, id);
   for (uint32_t more = wild ? in_.byte() % 4 : 0; more > 0; more--) {
     const int32_t from = small(0, last), to = small(0, last);
+    highest_ = std::max({highest_, from, to});
     if (to >= 0 && to <= last) nodes_[static_cast<size_t>(to)].from.push_back(from);
+    expect_requests();
     zyn_add_one_edge_into_computation_graph(graph_, from, to);
   }
   expect_requests();
-  if (!wild || !in_.one_in(8)) zyn_computation_graph_topo_sort(graph_);
+  const bool sorted = wild && in_.one_in(8) ? false : zyn_computation_graph_topo_sort(graph_) == 0;
+  whole_ = sorted;
   for (size_t id = 0; id < nodes_.size(); id++)
-    if (!wild || !in_.one_in(16)) bind(id);
+    if ((wild && in_.one_in(16)) || bind(id) != 0) whole_ = false;
   const uint32_t q = in_.byte();
   if (settings_.max_nodes < 1 || settings_.max_nodes > 4096 || q == 255) return;
   auto* list = static_cast<uint32_t*>(zyn_malloc(4 * int64_t{settings_.max_nodes}));
@@ -448,7 +451,7 @@ void Attack::connect(bool wild) {
   if (zyn_cg_set_ptr_q_list(graph_, list) != 0) zyn_free(list);
 }
 
-void Attack::bind(size_t id) {
+int32_t Attack::bind(size_t id) {
   Node& node = nodes_[id];
   zyn_cg_node_desc desc = {};
   desc.type = node.type;
@@ -459,8 +462,8 @@ void Attack::bind(size_t id) {
     memcpy(node.record.data() + offsetof(zyn_concat_param, nodes), &list, sizeof(list));
   if (node.type == ZYN_OP_CHANNEL_GATHER && node.record.size() == sizeof(zyn_gather_param))
     memcpy(node.record.data() + offsetof(zyn_gather_param, channels), &list, sizeof(list));
-  zyn_bind_operator_onto_computation_graph(graph_, static_cast<int32_t>(id), &desc,
-                                           node.record.empty() ? nullptr : node.record.data());
+  return zyn_bind_operator_onto_computation_graph(
+      graph_, static_cast<int32_t>(id), &desc, node.record.empty() ? nullptr : node.record.data());
 }
 
 // Every output is a whole record over a block that can be read.
@@ -490,7 +493,8 @@ void Attack::step() {
     case 0:
     case 1:
       code = zyn_prepare_inference_computation(graph_);
-      if (code != 0 && graph_)
+      // Nodes without an operator are passed over.
+      if (code != 0 && whole_)
         check(zyn_computation_graph_inference(graph_) != 0, "what was not prepared does not run");
       break;
     case 2:
@@ -536,5 +540,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Attack attack(input);
   else
     run_model(input);
+  // A tensor whose data finds no memory loses its header on purpose.
+  Memory::hand_back(sizeof(zyn_tensor));
   return 0;
 }

@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto whole = static_cast<int32_t>(input.left() / 4);
   const int32_t count = setup & 1 ? input.extreme() : whole;
   Bytes file(data + size - input.left(), data + size);
-  const Bytes model(file.begin(), file.begin() + (count == whole ? whole * 4 : 0));
+  const Bytes model(file.begin(), file.begin() + (setup & 1 ? 0 : whole * 4));
   if (setup & 2) {
     file = model;
     const Bytes digest = digest_of(model);

@@ -165,7 +165,7 @@ const char* scratch_file(const void* content, size_t bytes) {
   static char name[64];
   if (!name[0]) {
     const char* memory = access("/dev/shm", W_OK) ? "" : "/dev/shm/";
-    snprintf(name, sizeof(name), "%szyn-fuzz-%d", memory, static_cast<int>(getpid()));
+    snprintf(name, sizeof(name), "%szyn-fuzz-%d.bmp", memory, static_cast<int>(getpid()));
     atexit([] { unlink(name); });
   }
   if (content) {
