@@ -1,8 +1,7 @@
-// Every allocation fails: scenarios over the public interface, each repeated
-// with its n-th allocation failing, once and from there on, n growing until
-// nothing fails. A failure has its code and its report, nothing is lost but the
-// header that a tensor without data loses on purpose, and the same scenario
-// gives the same bits afterwards.
+// Every allocation fails: scenarios over the public interface, each repeated with its n-th
+// allocation failing, once and from there on, n growing until nothing fails. A failure
+// has its code and its report, nothing is lost but the header that a tensor without data
+// loses on purpose, and the same scenario gives the same bits afterwards.
 #include <array>
 #include <filesystem>
 #include <fstream>
@@ -297,17 +296,11 @@ TEST(Scenarios, Images) {
       if (s.ok(call(target, source))) s.keep(target);
     });
   };
-  for (const auto& [code, to, from] : std::vector<std::array<uint32_t, 3>>{{0, 2, 0},
-                                                                           {2, 1, 0},
-                                                                           {8, 5, 0},
-                                                                           {9, 0, 5},
-                                                                           {13, 8, 0},
-                                                                           {14, 0, 8},
-                                                                           {21, 6, 0},
-                                                                           {22, 0, 6}})
-    add("conversion", to, from, {9, 7, 9, 7}, [code = code](zyn_image* t, zyn_image* f) {
-      return zyn_image_color_space_convert(t, f, code);
-    });
+  const uint32_t conversions[][3] = {{0, 2, 0},  {2, 1, 0},  {8, 5, 0},  {9, 0, 5},
+                                     {13, 8, 0}, {14, 0, 8}, {21, 6, 0}, {22, 0, 6}};
+  for (const auto& c : conversions)
+    add("conversion", c[1], c[2], {9, 7, 9, 7},
+        [&](zyn_image* t, zyn_image* f) { return zyn_image_color_space_convert(t, f, c[0]); });
   for (uint32_t format : {0u, 1u, 2u, 5u, 8u, 11u})
     for (const Sizes& size : {Sizes{40, 30, 33, 41}, Sizes{40, 30, 20, 15}, Sizes{9, 5, 31, 17}})
       for (int method : {0, 1})
@@ -345,8 +338,7 @@ TEST(Scenarios, Suppression) {
   });
 }
 
-// A frame with 127 tracks that needs room for more, by both updates or by ids
-// alone.
+// A frame with 127 tracks that needs room for more, by both updates or by ids alone.
 bool frame(Scene& s, zyn_sort_handle* sort, bool both) {
   const zyn_detection seen[4] = {box(5), box(200), box(201), box(202)};
   const int32_t known[4] = {-1, 7, -1, 9};
