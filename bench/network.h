@@ -21,7 +21,7 @@ constexpr uint32_t kNetworkFractionBits = 5;
 
 struct Tensor {
   zyn_tensor* t = nullptr;
-  Tensor(std::vector<int32_t> dims, uint32_t type = ZYN_TYPE_F32)
+  Tensor(const std::vector<int32_t>& dims, uint32_t type = ZYN_TYPE_F32)
       : t(zyn_create_tensor(static_cast<int32_t>(dims.size()), dims.data(), type)) {}
   Tensor(const Tensor&) = delete;
   Tensor& operator=(const Tensor&) = delete;
@@ -180,7 +180,7 @@ class Network {
     return f.in_c == l.in_c && f.in_w == l.in_w && f.in_h == l.in_h ? -1 : -2;
   }
 
-  float* add_tensor(std::vector<int32_t> dims, uint32_t stream, size_t skip, float scale) {
+  float* add_tensor(const std::vector<int32_t>& dims, uint32_t stream, size_t skip, float scale) {
     tensors_.emplace_back(new Tensor(dims));
     const auto count = static_cast<size_t>(tensors_.back()->t->count) - skip;
     for (size_t i = 0; i < count; i++)

@@ -5,6 +5,7 @@
 #   ROUNDS=10  rounds of every measurement (peers and library in turn)
 # The raw outputs stay in bench/results/.
 set -euo pipefail
+[ "${1:---help}" != --help ] || { sed -n '2,6s/^# //p' "$0"; exit 0; }
 here=$(cd "$(dirname "$0")" && pwd)
 build=$(cd "$1" && pwd)/bench/peers
 out=$here/results/$(date +%Y%m%d-%H%M%S)

@@ -7,7 +7,7 @@ target_include_directories(zyn_objects PUBLIC ${PROJECT_SOURCE_DIR}/include
 target_compile_definitions(zyn_objects PRIVATE ZYN_BUILDING)
 target_compile_options(zyn_objects PRIVATE
   -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility=hidden
-  -ffp-contract=off -Wall -Wextra
+  -ffp-contract=off ${ZYN_WARNINGS}
   # Constants and scratch are aligned by hand; errno of mathematics is not read.
   -fno-math-errno)
 
@@ -29,7 +29,7 @@ set(zyn_data_exports zyn_error_string zyn_darray_str_type)
 add_library(zyncore SHARED $<TARGET_OBJECTS:zyn_objects>)
 target_include_directories(zyncore INTERFACE
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:include>)
-set_target_properties(zyncore PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 1)
+set_target_properties(zyncore PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
 # The library has no C++ runtime in it: linking as C leaves libstdc++ out.
 set_target_properties(zyncore PROPERTIES LINKER_LANGUAGE C)
 
@@ -70,9 +70,3 @@ foreach(library zyncore zyncore_static)
     target_link_libraries(${library} PUBLIC m)
   endif()
 endforeach()
-
-install(TARGETS zyncore EXPORT zyncore-targets RUNTIME LIBRARY ARCHIVE)
-install(TARGETS zyncore_static EXPORT zyncore-targets ARCHIVE)
-install(FILES ${PROJECT_SOURCE_DIR}/include/zyncore.h TYPE INCLUDE)
-install(EXPORT zyncore-targets NAMESPACE zyncore:: FILE zyncore-config.cmake
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zyncore)

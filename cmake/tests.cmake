@@ -22,7 +22,7 @@ function(zyn_add_test_program name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE zyncore_static zyn_gtest)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
-  target_compile_options(${name} PRIVATE -Wall -Wextra -mavx2 -mfma -ffp-contract=off)
+  target_compile_options(${name} PRIVATE ${ZYN_WARNINGS} -mavx2 -mfma -ffp-contract=off)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT 900)
 endfunction()
@@ -52,9 +52,14 @@ add_test(NAME faces COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/t
 # The examples that need no model run and say what they should.
 add_test(NAME examples COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_examples.sh
          $<TARGET_FILE:landmarks> $<TARGET_FILE:track_faces> ${CMAKE_CROSSCOMPILING_EMULATOR})
+# The timer reports every node of both kinds of network.
+add_test(NAME zyn_bench COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_zyn_bench.sh
+         $<TARGET_FILE:zyn-bench> ${PROJECT_SOURCE_DIR}/bench/layers ${CMAKE_CROSSCOMPILING_EMULATOR})
+# The page's table of reports is that of the sources.
+add_test(NAME report_sites COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_report_sites.sh)
 # What is installed serves a C and a C++ host (native builds; sanitizers would have to be
 # linked into the hosts too).
 if(NOT CMAKE_CROSSCOMPILING AND NOT CMAKE_CXX_FLAGS MATCHES "fsanitize|coverage")
   add_test(NAME install COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_install.sh
-           ${CMAKE_COMMAND} ${PROJECT_BINARY_DIR})
+           ${CMAKE_COMMAND} ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR} ${PROJECT_VERSION})
 endif()

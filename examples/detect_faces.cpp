@@ -1,15 +1,4 @@
-// Finds the faces in a photo: BMP file in, one line "x1 y1 x2 y2 score" per face out, in
-// pixels of the photo. Uses the public header alone.
-//
-//   detect_faces [--model FILE.zynm] [--method 0|1|2] [--q-list FILE] [--draw OUT.bmp]
-//                [--verbose] [PHOTO.bmp]
-//
-// With --q-list, a file that zyn-quant writes, the network runs in 16-bit fixed point.
-//
-// Without --model the detector is ssd320.zynm in the folder that the environment
-// variable ZYN_MODEL_DIR names, without a photo photo_a.bmp there. Where there is no
-// such folder a model and a picture are generated: everything runs, but what is found
-// then means nothing.
+// Finds the faces in a photo (see kHelp). Uses the public header alone.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "../tools/options.h"
 #include "ssd320.h"
 
 namespace {
@@ -25,63 +15,50 @@ namespace {
 using ssd320::Detector;
 using ssd320::Image;
 
-constexpr uint32_t kDefaultMethod = 2;
+constexpr char kHelp[] =
+    "usage: detect_faces [--model FILE.zynm] [--method 0|1|2] [--q-list FILE] [--draw OUT.bmp] "
+    "[--verbose] [PHOTO.bmp]\n"
+    "\n"
+    "Finds the faces in a photo: one line \"x1 y1 x2 y2 score\" per face, in pixels of the photo.\n"
+    "With --q-list, a file that zyn-quant writes, the network runs in 16-bit fixed point.\n"
+    "\n"
+    "Without --model the detector is ssd320.zynm in the folder that the environment variable\n"
+    "ZYN_MODEL_DIR names, without a photo photo_a.bmp there. Where there is no such folder a\n"
+    "model and a picture are generated: everything runs, but what is found means nothing.\n";
 constexpr float kScoreThreshold = 0.7f;
 constexpr float kOverlapThreshold = 0.3f;
 constexpr int32_t kColour = 2;  // reading mode: blue, green, red
 constexpr uint64_t kSeed = 2024;
 
-enum Exit { kDone = 0, kFailed = 1, kUsage = 2 };
-
 struct Options {
   std::string model, photo, draw, q_list;
-  uint32_t method = kDefaultMethod;
-  bool verbose = false;
+  uint32_t method;
+  bool verbose;
 };
-
-bool usage(const std::string& complaint) {
-  fprintf(stderr,
-          "%s\nusage: detect_faces [--model FILE.zynm] [--method 0|1|2] [--q-list FILE] "
-          "[--draw OUT.bmp] [--verbose] [PHOTO.bmp]\n",
-          complaint.c_str());
-  return false;
-}
 
 bool failed(const std::string& complaint) {
   fprintf(stderr, "detect_faces: %s\n", complaint.c_str());
   return false;
 }
 
-bool parse(int argc, char** argv, Options* options) {
-  for (int i = 1; i < argc; i++) {
-    const std::string argument = argv[i];
-    const bool takes_value = argument == "--model" || argument == "--method" ||
-                             argument == "--draw" || argument == "--q-list";
-    if (takes_value && i + 1 == argc) return usage(argument + " needs a value");
-    if (argument == "--model") {
-      options->model = argv[++i];
-    } else if (argument == "--draw") {
-      options->draw = argv[++i];
-    } else if (argument == "--q-list") {
-      options->q_list = argv[++i];
-    } else if (argument == "--method") {
-      const std::string value = argv[++i];
-      if (value != "0" && value != "1" && value != "2") return usage("no method " + value);
-      options->method = static_cast<uint32_t>(value[0] - '0');
-    } else if (argument == "--verbose") {
-      options->verbose = true;
-    } else if (argument[0] == '-' || !options->photo.empty()) {
-      return usage("what is " + argument + "?");
-    } else {
-      options->photo = argument;
-    }
-  }
+Options parse(int argc, char** argv) {
+  const cli::Line line(
+      argc, argv, kHelp,
+      {{"model", ""}, {"method", "2"}, {"q-list", ""}, {"draw", ""}, {"verbose", nullptr}}, 1);
+  const std::string& method = line["method"];
+  if (method != "0" && method != "1" && method != "2") line.wrong("no method " + method + "\n");
+  Options options = {line["model"],
+                     line.word(0),
+                     line["draw"],
+                     line["q-list"],
+                     static_cast<uint32_t>(method[0] - '0'),
+                     line.has("verbose")};
   const char* folder = getenv("ZYN_MODEL_DIR");
   if (folder && *folder) {
-    if (options->model.empty()) options->model = std::string(folder) + "/ssd320.zynm";
-    if (options->photo.empty()) options->photo = std::string(folder) + "/photo_a.bmp";
+    if (options.model.empty()) options.model = std::string(folder) + "/ssd320.zynm";
+    if (options.photo.empty()) options.photo = std::string(folder) + "/photo_a.bmp";
   }
-  return true;
+  return options;
 }
 
 // A dark gradient with bright discs, so that there is something to look at.
@@ -164,7 +141,7 @@ void draw_box(zyn_image* photo, const zyn_detection& face) {
 bool draw(const std::string& file, zyn_image* photo, const std::vector<zyn_detection>& faces) {
   for (const zyn_detection& face : faces) draw_box(photo, face);
   if (zyn_image_write_to_file_with_level(file.c_str(), photo) != ZYN_RET_OK)
-    return failed(file + " cannot be written (its name must end in .bmp)");
+    return failed(file + " cannot be written");
   fprintf(stderr, "drawn: %s\n", file.c_str());
   return true;
 }
@@ -173,12 +150,17 @@ bool detect(const Options& options) {
   Image photo;
   Detector detector;
   std::vector<uint32_t> q_list;
+  if (!options.draw.empty() && !cli::writable(options.draw, true))
+    return failed(options.draw + " cannot be written (its name must end in .bmp)");
   if (!read_photo(options, &photo)) return false;
   const ssd320::Padded padded = ssd320::pad(photo.get());
   if (!padded.image)
     return failed("the photo cannot be padded: its sides must be 1 to 4096 pixels");
   if (!options.q_list.empty() && !ssd320::read_q_list(options.q_list.c_str(), &q_list))
-    return failed(options.q_list + " cannot be read or is no list of fraction bits");
+    return failed(options.q_list +
+                  " cannot be read or is no list of fraction bits: a line \"node q\" for each of "
+                  "the nodes 0 to " +
+                  std::to_string(ssd320::convolutions().size()));
   if (!detector.create(options.method, q_list)) return failed("the network cannot be built");
   printf("\n");  // The notice of a new graph does not end its line.
   if (!load_weights(options, &detector)) return false;
@@ -206,11 +188,10 @@ bool detect(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options options;
-  if (!parse(argc, argv, &options)) return kUsage;
+  const Options options = parse(argc, argv);
   const bool done = detect(options);
   if (options.verbose)
     fprintf(stderr, "library memory in use at exit: %llu bytes\n",
             static_cast<unsigned long long>(zyn_get_current_memory_size_occupation()));
-  return done ? kDone : kFailed;
+  return done ? 0 : 1;
 }

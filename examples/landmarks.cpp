@@ -1,17 +1,19 @@
-// From an image crop to landmark coordinates:
-//
-//   landmarks [face.bmp x y width height]
-//
-// crops the rectangle (pixels beyond the edge repeat it), scales it to 112 x 112, runs the
-// landmark network and prints the points in pixels of the image. Without arguments a
-// small picture is made up. The network's weights are seeded noise, so the points are
-// no face; everything around them is what an application does.
+// From an image crop to landmark coordinates; see kHelp.
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "../tools/options.h"
 #include "landmark_network.h"
 
 namespace {
+
+constexpr char kHelp[] =
+    "usage: landmarks [face.bmp x y width height]\n"
+    "\n"
+    "Crops the rectangle (pixels beyond the edge repeat it), scales it to 112 x 112, runs the\n"
+    "landmark network and prints the points in pixels of the image. Without arguments a small\n"
+    "picture is made up. The network's weights are seeded noise, so the points are no face;\n"
+    "everything around them is what an application does.\n";
 
 // The crop as network input; 0 or a code.
 int32_t fill_input(zyn_tensor* input, const zyn_image* image, int32_t position[2],
@@ -42,18 +44,22 @@ zyn_image* made_up_image() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 1 && argc != 6) {
-    fprintf(stderr, "usage: %s [face.bmp x y width height]\n", argv[0]);
-    return 2;
+  const cli::Line line(argc, argv, kHelp, {}, 5);
+  const bool given = !line.words().empty();
+  int32_t rectangle[4] = {24, 24, 112, 112};  // x, y, width, height
+  for (size_t i = 0; given && i < 4; i++) {
+    const std::string word = line.word(i + 1);
+    char* end = nullptr;
+    rectangle[i] = static_cast<int32_t>(strtol(word.c_str(), &end, 10));
+    if (word.empty() || *end) line.wrong("no rectangle: \"" + word + "\" is no number\n");
   }
-  const bool given = argc == 6;
-  zyn_image* image = given ? zyn_create_image_from_file(argv[1], 2) : made_up_image();
+  zyn_image* image = given ? zyn_create_image_from_file(line.word(0).c_str(), 2) : made_up_image();
   if (!image) {
     fprintf(stderr, "no image\n");
     return 1;
   }
-  int32_t position[2] = {given ? atoi(argv[2]) : 24, given ? atoi(argv[3]) : 24};
-  const int32_t size[2] = {given ? atoi(argv[4]) : 112, given ? atoi(argv[5]) : 112};
+  int32_t* const position = rectangle;
+  const int32_t* const size = rectangle + 2;
 
   LandmarkNetwork network(1);
   int32_t code = network.build();

@@ -10,6 +10,7 @@
 #include <math.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <zyncore.h>
 
@@ -181,23 +182,33 @@ inline bool fill_input(const zyn_image* padded, zyn_tensor* input) {
 
 // ---- lists of fraction bits
 
-// One line "node q" per node; # begins a comment. Nodes without a line get 0.
+// One line "node q" for the input and every convolution; # begins a comment. The constants
+// need none and get 0. False for anything else: a missing or repeated node, other text, a
+// line without an end (a file that was cut short).
 inline bool read_q_list(const char* path, std::vector<uint32_t>* q) {
+  constexpr uint32_t kMost = 15, kUnset = kMost + 1;
+  const size_t nodes = 1 + convolutions().size();
   FILE* file = fopen(path, "r");
   if (!file) return false;
   char line[256];
-  int node = 0, value = 0;
   bool good = true;
-  q->assign(1 + 2 * convolutions().size(), 0);
-  while (fgets(line, sizeof(line), file)) {
-    if (char* comment = strchr(line, '#')) *comment = 0;
-    const int fields = sscanf(line, "%d %d", &node, &value);
-    if (fields <= 0) continue;
-    good = good && fields == 2 && node >= 0 && node < static_cast<int>(q->size()) && value >= 0 &&
-           value <= 15;
-    if (good) (*q)[static_cast<size_t>(node)] = static_cast<uint32_t>(value);
+  q->assign(nodes, kUnset);
+  while (good && fgets(line, sizeof(line), file)) {
+    good = strchr(line, '\n') != nullptr;
+    line[strcspn(line, "#")] = 0;
+    char *second = nullptr, *end = nullptr;
+    const unsigned long node = strtoul(line, &second, 10), value = strtoul(second, &end, 10);
+    if (second == line) {  // no number: an empty line
+      good = good && line[strspn(line, " \t\r\n")] == 0;
+      continue;
+    }
+    good = good && end != second && end[strspn(end, " \t\r\n")] == 0 && node < nodes &&
+           value <= kMost && (*q)[node] == kUnset;
+    if (good) (*q)[node] = static_cast<uint32_t>(value);
   }
   fclose(file);
+  for (const uint32_t value : *q) good = good && value != kUnset;
+  q->resize(2 * nodes - 1);
   return good;
 }
 
@@ -331,11 +342,12 @@ inline void Detector::generate_weights(uint64_t seed) {
   };
   float* word = weights();
   for (const Convolution& c : convolutions()) {
-    const float inputs = static_cast<float>(c.in_channels / c.groups * c.kernel * c.kernel);
-    const float scale = sqrtf(6.0f / inputs);
+    const uint32_t inputs = c.in_channels / c.groups * c.kernel * c.kernel;
+    const float scale = sqrtf(6.0f / static_cast<float>(inputs));
     for (int32_t i = 0; i < c.weights(); i++) *word++ = scale * noise();
-    for (uint32_t i = 0; c.normalised && i < 4 * c.out_channels; i++)
-      *word++ = i / c.out_channels % 3 == 0 ? 1.0f : 0.0f;  // scale 1, shift 0, mean 0, variance 1
+    constexpr float kNormalisation[] = {1, 0, 0, 1};  // scale, shift, mean, variance
+    for (const float value : kNormalisation)
+      for (uint32_t i = 0; c.normalised && i < c.out_channels; i++) *word++ = value;
     for (uint32_t i = 0; !c.normalised && i < c.out_channels; i++) *word++ = 0;
   }
 }

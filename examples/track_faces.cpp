@@ -1,15 +1,20 @@
-// Follows made-up faces through forty frames: two cross, one hides for a while and
-// comes back, one arrives late and leaves. Prints what every frame lists and draws the
-// tracks to a picture.
-//   track_faces [tracks.bmp]
+// Follows made-up faces through forty frames; see kHelp.
 #include <stdio.h>
 #include <string.h>
 
 #include <vector>
 
+#include "../tools/options.h"
 #include "zyncore.h"
 
 namespace {
+
+constexpr char kHelp[] =
+    "usage: track_faces [tracks.bmp]\n"
+    "\n"
+    "Follows made-up faces through forty frames: two cross, one hides for a while and comes\n"
+    "back, one arrives late and leaves. Prints what every frame lists and draws the tracks to a\n"
+    "picture.\n";
 
 constexpr int kWidth = 640;
 constexpr int kHeight = 360;
@@ -120,15 +125,20 @@ bool track(zyn_sort_handle* sort, const zyn_sort_param& param, int frame, zyn_im
 }  // namespace
 
 int main(int argc, char** argv) {
-  const char* const path = argc > 1 ? argv[1] : "tracks.bmp";
+  const cli::Line line(argc, argv, kHelp, {}, 1);
+  const std::string path = line.words().empty() ? "tracks.bmp" : line.word(0);
+  if (!cli::writable(path, true)) {
+    fprintf(stderr, "%s cannot be written (its name must end in .bmp)\n", path.c_str());
+    return 1;
+  }
   const zyn_sort_param param = {5, 2, 0.3f, 0};
   zyn_sort_handle* sort = zyn_create_sort_handle(&param);
   zyn_image* image = zyn_create_image(kWidth, kHeight, ZYN_IMAGE_BGR);
   bool done = sort && image;
   if (done) memset(image->data, 0xF4, static_cast<size_t>(image->row_bytes) * kHeight);
   for (int frame = 0; done && frame < kFrames; frame++) done = track(sort, param, frame, image);
-  if (done) done = zyn_image_write_to_file_with_level(path, image) == 0;
-  if (done) printf("drawn to %s\n", path);
+  if (done) done = zyn_image_write_to_file_with_level(path.c_str(), image) == 0;
+  if (done) printf("drawn to %s\n", path.c_str());
   if (image) zyn_release_matrix(&image);
   if (sort) zyn_release_sort_handle(&sort);
   return done ? 0 : 1;

@@ -1,29 +1,12 @@
 // Image operations on pairs of images in any formats and sizes, their buffers exact so
 // that the sanitizer sees every step outside. A program is a run of small commands; its
 // images go from one to the next.
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include "zyncore.h"
+#include "support/fuzz.h"
 
 namespace {
 
-class Input {
- public:
-  Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-  bool empty() const { return at_ >= size_; }
-  uint32_t byte() { return at_ < size_ ? data_[at_++] : 0; }
-  int32_t signed16() {
-    const uint32_t low = byte();
-    return static_cast<int16_t>(low | byte() << 8);
-  }
-
- private:
-  const uint8_t* data_;
-  size_t size_;
-  size_t at_ = 0;
-};
+using zyn_fuzz::check;
+using zyn_fuzz::Input;
 
 int64_t buffer_bytes(const zyn_image* image) {
   const int64_t luma = image->rows * image->row_bytes;
@@ -38,7 +21,7 @@ zyn_image* make_image(Input& input) {
   const auto width = static_cast<int32_t>(input.byte() % 200 + 1);
   const auto height = static_cast<int32_t>(input.byte() % 40 + 1);
   zyn_image* image = zyn_create_image(width, height, format);
-  if (!image) abort();
+  check(image, "an image can be made");
   auto* bytes = static_cast<uint8_t*>(image->data);
   const int64_t count = buffer_bytes(image);
   for (int64_t i = 0; i < count; i++) bytes[i] = static_cast<uint8_t>(fill * i + (i >> 8));
@@ -80,6 +63,7 @@ void run(Input& input, zyn_image* a, zyn_image* b) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  zyn_fuzz::Memory memory(size % 4 == 3, 16 * 203 * 43);
   Input input(data, size);
   zyn_image* a = make_image(input);
   zyn_image* b = make_image(input);
@@ -90,11 +74,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (next == 0) continue;
     zyn_release_matrix(&b);
     b = next == 1 ? zyn_create_image(a->cols, a->rows, input.byte() % 15) : make_image(input);
-    if (!b) abort();
+    check(b, "an image can be made");
     if (next == 1) memset(b->data, 5, static_cast<size_t>(buffer_bytes(b)));
   }
   zyn_release_matrix(&a);
   zyn_release_matrix(&b);
-  if (zyn_get_current_memory_size_occupation() != 0) abort();
   return 0;
 }

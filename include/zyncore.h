@@ -12,9 +12,10 @@
  *    report to standard output; where a description says "silent" it does not.
  *  - Release functions take the address of your pointer and set it to null.
  *  - Nothing here is locked. One graph, tracker or image belongs to one thread at
- *    a time; the memory counter, the random generator and the clock's cached
- *    frequency are plain globals.
- *  - File names are UTF-8 on every system.
+ *    a time; the random generator and the clock's cached frequency are plain globals,
+ *    the memory counter is atomic.
+ *  - File names are UTF-8 on every system, except those of
+ *    zyn_get_specfic_files_for_given_dir.
  *  - Axes: dims[0] is the contiguous extent of a tensor (the row length), dims[1]
  *    the number of rows, dims[2] the number of channels. Operator parameters come
  *    in pairs named _h and _w: the first of a pair (_h) belongs to dims[0], the
@@ -24,6 +25,11 @@
 #define ZYNCORE_H
 
 #include <stdint.h>
+
+/* The version of this header; zyn_version tells the library's. */
+#define ZYN_VERSION_MAJOR 1
+#define ZYN_VERSION_MINOR 1
+#define ZYN_VERSION_PATCH 0
 
 #if defined(ZYN_STATIC)
 #define ZYN_API
@@ -133,14 +139,21 @@ ZYN_API void zyn_darray_element_str_free(void* slot);
  * when it cannot be read. */
 ZYN_API double zyn_get_current_system_time(void);
 
+/* major * 10000 + minor * 100 + patch of the library that is loaded. */
+ZYN_API uint32_t zyn_version(void);
+
 /* Appends "directory/name" to list (an array of zyn_darray_str_type) for every
  * entry of directory that matches pattern and is not a directory, in name order.
  * The pattern takes * and ?, ignores case, must begin with '*' or have '.' as its
  * second character, and must be at least 3 characters long ("*.bmp", "a.txt").
- * The working directory is the caller's again afterwards.
+ * An entry is passed over where directory and name together reach 1024 bytes. On
+ * Windows directory, pattern and names are in the system's code page, elsewhere the
+ * system's bytes. The working directory of the process changes meanwhile (mind other
+ * threads) and is the caller's again afterwards.
  * 0: also when only directories matched; 1: null argument or refused pattern
  * (silent), the directory cannot be entered (prints "chdir %s error\n"), nothing
- * matches (prints "no %s file format in the %s!\n"). */
+ * matches (prints "no %s file format in the %s!\n"); 2: no memory (silent), the
+ * elements are those from before. */
 ZYN_API int32_t zyn_get_specfic_files_for_given_dir(zyn_darray* list, const char* directory,
                                                     const char* pattern);
 
@@ -211,8 +224,9 @@ ZYN_API int32_t zyn_set_tensor_header(zyn_tensor* tensor, int32_t dim_count, con
                                       uint32_t type);
 
 /* Points the tensor at length bytes of yours, which stay yours; a block that the
- * tensor owned is freed. 1: null argument; 256: length is below the tensor's
- * byte_size. On failure nothing changes. */
+ * tensor owned is freed. Setting the block that it has changes nothing: it owns it as
+ * before. 1: null argument; 256: length is below the tensor's byte_size. On failure
+ * nothing changes. */
 ZYN_API int32_t zyn_set_tensor_data(zyn_tensor* tensor, void* data, int64_t length);
 
 /* Sets owns_data. Set it to non-zero only for blocks of zyn_malloc. 1: null tensor
@@ -292,8 +306,9 @@ ZYN_API int32_t zyn_set_matrix_header(zyn_matrix* matrix, int32_t rows, int32_t 
                                       int32_t type);
 
 /* Points the matrix at length bytes of yours, which stay yours; a block that it
- * owned is freed. 1: null argument; 256: length < rows * pages * row_bytes. On
- * failure nothing changes. */
+ * owned is freed. Setting the block that it has changes nothing: it owns it as before.
+ * 1: null argument; 256: length < rows * pages * row_bytes. On failure nothing
+ * changes. */
 ZYN_API int32_t zyn_set_matrix_data(zyn_matrix* matrix, void* data, int64_t length);
 
 /* Frees an owned block and the record and sets *matrix to null; also for images.
@@ -713,7 +728,10 @@ typedef struct zyn_detection {
  * input. Inputs with feature maps of their own: 128x96, 160x120, 240x180, 320x240
  * (N = 4420), 480x360, 640x480, 1280x960; any other size uses the maps of 128x96.
  * transposed non-zero lays the priors out for the input turned by a quarter turn.
- * Release with zyn_release_tensor. Null: no memory. */
+ * All N come, whatever the size: values outside 0 to 1 (boxes larger than the input)
+ * are clamped, no prior is dropped. Release with zyn_release_tensor. Null: a side of 0
+ * (silent), or no memory (reported; without memory for the data the tensor's header is
+ * lost and stays counted). */
 ZYN_API zyn_tensor* zyn_generate_priors(uint32_t height, uint32_t width, uint32_t transposed);
 
 /* Turns network offsets into boxes in centre form, count * 4 floats each:
@@ -756,6 +774,9 @@ ZYN_API int32_t zyn_random_norm(zyn_matrix* matrix, const void* mean, const void
  *   camera        3 x 3 row by row; fx [0], cx [2], fy [4], cy [5] are used
  *   spare         not read, may be null
  *   count         how many poses were written, 0 to 4
+ * Dropped are poses that repeat another one, are not finite, put a point into the camera's
+ * centre or come from roots that are real by rounding alone: count tells how many slots
+ * are written, and those behind them are not touched.
  * The equations do not ask on which side of the camera a point lies: of several poses
  * drop those that put a point at z <= 0, and choose by a fourth point. 0, also without a
  * solution (collinear or coinciding points, for example); 1 (silent): a null argument,
@@ -821,13 +842,15 @@ ZYN_API zyn_image* zyn_create_image(int32_t width, int32_t height, uint32_t form
  * all the same. Its data is null when memory is short. */
 ZYN_API zyn_image* zyn_recreate_image(zyn_image* image, int32_t width, int32_t height);
 
-/* Writes an image header into your record; data becomes null, not owned. 1: null
- * image, width or height below 4 (zyn_create_image takes 1), format above 14. */
+/* Writes an image header into your record; data becomes null, not owned: a buffer that the
+ * record owned is lost, free it first. 1: null image, width or height below 4
+ * (zyn_create_image takes 1), format above 14. */
 ZYN_API int32_t zyn_set_image_header(zyn_image* image, int32_t width, int32_t height,
                                      uint32_t format);
 
-/* Points an image header at your memory and sets the planes; a buffer that the
- * image owned is not freed. 1: null argument, not an image, length < 16; 256:
+/* Points an image header at your memory and sets the planes. A buffer that the image owned
+ * is not freed and owns_data stays, so that the image goes on owning what data points at;
+ * the image's own buffer may be given again. 1: null argument, not an image, length < 16; 256:
  * length < rows * row_bytes (nothing changed), and also for formats 3, 4, 7 to 11
  * and 14, whose data pointer is stored all the same. */
 ZYN_API int32_t zyn_set_image_data(zyn_image* image, void* data, int64_t length);
@@ -841,18 +864,20 @@ ZYN_API int32_t zyn_set_image_header_and_data(zyn_image* image, int32_t width, i
                                               uint32_t format, void* const planes[3],
                                               const int32_t strides[3]);
 
-/* Reads a BMP file (1, 4, 8, 16, 24 or 32 bits, not run-length coded). mode 0: grey
+/* Reads a BMP file (1, 4, 8, 16, 24 or 32 bits, not run-length coded): its header and the
+ * palette and rows that it names; what else the file holds is not looked at. mode 0: grey
  * files become format 2, others format 0; 1: format 2; anything else: format 0.
- * Null: no name or file (reported); not a BMP file (PNG and JPEG are recognised but
- * not decoded), damaged or unsupported (silent). */
+ * Null: no name or file, a stream without a length, no memory (reported); not a BMP file
+ * (PNG and JPEG are recognised but not decoded), damaged or unsupported (silent). */
 ZYN_API zyn_image* zyn_create_image_from_file(const char* file_name, int32_t mode);
 
 /* Writes a BMP file: the name must end in ".bmp" or ".BMP" exactly. Formats 0 and
  * 2 as they are; 1 has its channels exchanged in your image, which stays format 0;
  * 5 goes through a temporary format 0 image. 1: null argument, not an image,
- * formats 6 to 13, no extension; 4: unknown extension; 8: file cannot be opened;
- * 256: ".jpg", ".JPG", ".png", ".PNG" (nothing is written), and formats 3, 4 and
- * 14, which only PNG could hold. */
+ * formats 6 to 13, no extension; 2: no memory for the temporary image; 4: unknown
+ * extension; 8: file cannot be opened, or not written to its end, as on a full disk
+ * (silent; the file is removed then, devices and pipes stay); 256: ".jpg", ".JPG", ".png", ".PNG"
+ * (nothing is written), and formats 3, 4 and 14, which only PNG could hold. */
 ZYN_API int32_t zyn_image_write_to_file_with_level(const char* file_name, zyn_image* image);
 
 /* What zyn_image_color_space_convert can do. */
@@ -868,8 +893,9 @@ enum {
   ZYN_COLOR_PLANAR_TO_BGR = 22   /* format 6 to 0 */
 };
 
-/* Converts source into destination, an image of the same size that does not overlap
- * it; codes 2 and 3 also work in place (one image, or two that share a buffer).
+/* Converts source into destination, an image of the same size. Both may be one packed
+ * buffer where formats of equal pixel bytes meet (codes 2, 3, 13, 14, and 0 to format
+ * 0); any other sharing of pixels is refused.
  *  - Grey: (1868 B + 9617 G + 4899 R + 8192) >> 14.
  *  - Codes 2 and 3 take any pair of packed images with three bytes, four bytes or three
  *    16-bit values per pixel. Where the images share their buffer, code 2 turns
@@ -884,17 +910,23 @@ enum {
  *  - Codes 21 and 22 need only one side's format to be right: in place of format 0 any
  *    packed image of three bytes per pixel, in place of format 6 any packed image
  *    with room for three planes of width * height bytes at its start.
+ *    Likewise a format 6 image whose planes follow each other without a gap stands
+ *    for rows of 3 * width bytes: 21 from 6 to 6 and 22 from 0 to 0 take the source's
+ *    bytes for the other layout.
  * 1: null, not images, different sizes, formats that the code does not take or
- * without all planes (zyn_recreate_image); 4: any other code (silent). */
+ * without all planes (zyn_recreate_image), shared pixels; 4: any other code (silent). */
 ZYN_API int32_t zyn_image_color_space_convert(zyn_image* destination, zyn_image* source,
                                               uint32_t code);
 
 /* Scales source into destination, whose size is the caller's choice; both of one
- * element type, formats 0, 1, 2, 5, 8, 11. method 0: nearest neighbour, 1: bilinear
+ * element type, formats 0, 1, 2, 5, 8, 11. method 0: nearest neighbour, pixel i from
+ * floor(i * scale) with scale the float quotient of the sizes, which rarely is one below
+ * floor(i * source / destination) (2 to 82, pixel 41); 1: bilinear
  * with 11-bit weights. Equal sizes copy and an exact 2:1 reduction averages 2 x 2
  * pixels, whatever the method. 0 (any other method on a packed format does
- * nothing); 1: null, not images, different types, a format not listed; 2: no
- * memory; 4: another method on format 5. */
+ * nothing; equal sizes in one buffer are done at once); 1: null, not images, different
+ * types, a format not listed, images that share pixels; 2: no memory; 4: another method
+ * on format 5. */
 ZYN_API int32_t zyn_image_resizer(zyn_image* destination, const zyn_image* source, int32_t method);
 
 /* Copies the rectangle of size (w, h) at position (x, y) of source into destination,
@@ -902,8 +934,8 @@ ZYN_API int32_t zyn_image_resizer(zyn_image* destination, const zyn_image* sourc
  * position may be negative. Packed formats of one or three channels and format
  * 5, whose planes use half the luma stride for chroma. After a format 5 crop
  * position is halved (x >> 1, y >> 1).
- * 1: null, not images, destination not (w, h), different pixels or layouts; 4: other
- * formats. Silent; on failure nothing is written. */
+ * 1: null, not images, destination not (w, h), different pixels or layouts, images that
+ * share pixels; 4: other formats. Silent; on failure nothing is written. */
 ZYN_API int32_t zyn_image_cropped_patch(zyn_image* destination, const zyn_image* source,
                                         int32_t position[2], const int32_t size[2]);
 
@@ -935,7 +967,7 @@ ZYN_API void zyn_transform_image_data_for_pfld_detector_rgb24_fp16(zyn_tensor* t
                                                                    const zyn_image* image);
 
 /* Drops the fourth byte of every pixel; rows without padding on both sides. Takes
- * width * height * 4 bytes, gives * 3; destination may be source. 1: null pointer
+ * width * height * 4 bytes, gives * 3; destination may be source or lie before it. 1: null pointer
  * (silent). */
 ZYN_API int32_t zyn_convert_rgba_to_rgb(uint8_t* destination, const uint8_t* source, int32_t width,
                                         int32_t height);
@@ -955,8 +987,8 @@ ZYN_API zyn_image* zyn_create_border_image(int32_t* top, int32_t* bottom, int32_
  * must fit on both sides by x + w and y + h; with a negative x nothing is copied,
  * rows outside are clamped. 1: null pointer or null data, formats whose bytes lie
  * differently (0 and 1 may be mixed, 0 and 5 not), different channel counts, a patch
- * that does not fit; 4: neither 1 nor 3 channels, formats 6, 12 and 13. Nothing is
- * written then. Silent. */
+ * that does not fit, a source with pixels in destination's buffer; 4: neither 1 nor 3 channels,
+ * formats 6, 12 and 13. Nothing is written then. Silent. */
 ZYN_API int32_t zyn_image_cropped_patch_with_border(zyn_image* destination,
                                                     const int32_t destination_position[2],
                                                     const zyn_image* source,
@@ -1043,8 +1075,8 @@ ZYN_API zyn_sort_match_info* zyn_associate_detections_to_trackers(const zyn_dete
                                                                   int32_t track_count,
                                                                   float iou_threshold);
 
-/* Creates match info of these sizes, indices zero, for you to fill. Null without
- * memory (silent). */
+/* Creates match info of these sizes, counts stored as given, for you to fill: the
+ * indices are uninitialised. Null without memory (silent). */
 ZYN_API zyn_sort_match_info* zyn_create_sort_match_info(int32_t matched_count,
                                                         int32_t unmatched_count);
 
@@ -1058,7 +1090,11 @@ ZYN_API void zyn_release_sort_match_info(zyn_sort_match_info** info);
  * detection from becoming a track, only 1 lets a matched one correct its track (its
  * id is written all the same).
  * The payload buffer does not grow here: tracks beyond the first 128 have no payload
- * until zyn_sort_update_detection_v2 makes room.
+ * until the next zyn_sort_update_detection_v2 gives them slots, zeroed.
+ * Ids count up from 0 in 32 bits: those above 2147483647 read as negative here
+ * (4294967295 as -1, like no track), in track info as they are. The other update takes a
+ * negative id for a new track, after which ids go on from 0; the track that was meant
+ * grows stale.
  * 0; 1 (silent): null detections (also with detection_count 0), matches or handle,
  * null ids with detection_count above 0, an index outside its array; nothing has
  * changed; 2: no memory; 32: a correction failed. After 2 and 32 the tracks handled
@@ -1075,7 +1111,8 @@ ZYN_API int32_t zyn_sort_update_detection(const zyn_detection* detections, int32
  * size bytes per detection: copied into the track's slot along with its detection;
  * null leaves the slots as they are and those of new tracks zero.
  * 0; 1 (silent): null detections, ids (both also with detection_count 0) or handle;
- * 2: no memory (creating a track: reported); 32: an id that no track has, masked or
+ * 2: no memory (creating a track: reported; payload slots for tracks that the other
+ * update added: nothing has changed); 32: an id that no track has, masked or
  * not (silent), or a correction failed (reported). After 2 and 32 the detections
  * handled so far have taken effect and no track is dropped. */
 ZYN_API int32_t zyn_sort_update_detection_v2(const zyn_detection* detections, const int32_t* ids,

@@ -18,7 +18,7 @@ case $library in
     ;;
 esac
 status=0
-differ() { diff <(printf '%s\n' "$1") <(printf '%s\n' "$2") >/tmp/exports.$$ || { echo "$3:"; cat /tmp/exports.$$; status=1; }; rm -f /tmp/exports.$$; }
+differ() { diff <(printf '%s\n' "$1") <(printf '%s\n' "$2") || { echo "$3"; status=1; }; }
 differ "$expected" "$built" "export list (<) and built library (>) differ"
 differ "$expected" "$declared" "export list (<) and public header (>) differ"
 if [ -n "$needed" ]; then echo "needs more than system libraries: $needed"; status=1; fi

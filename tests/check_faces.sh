@@ -25,16 +25,27 @@ detects 0 'means nothing' --draw "$work/generated.bmp"
 detects 0 'means nothing' "$work/generated.bmp"
 detects 1 'cannot be read as a BMP file' "$work/missing.bmp"
 detects 1 'not an ssd320 model' --model "$work/generated.bmp"
-detects 1 'cannot be written' --draw "$work/picture.jpg"
 detects 2 usage --method 3
-detects 2 usage --model
-detects 2 usage one.bmp two.bmp
-detects 2 usage --unknown
-echo '7 16' >"$work/bad.q"
-detects 1 'no list of fraction bits' --q-list "$work/bad.q" "$work/generated.bmp"
-quantises 2 usage
+# A picture that cannot be written is noticed before the photo is looked for.
+for picture in "$work/picture.jpg" "$work/no/folder.bmp"; do
+  detects 1 'cannot be written' --draw "$picture" "$work/missing.bmp"
+done
+line 2 "$program" one.bmp two.bmp
+line 2 "$quant" --model m
 quantises 2 'margin' --model m --out q --margin 0.5 x.bmp
 quantises 1 'not an ssd320 model' --model "$work/generated.bmp" --out "$work/q" x.bmp
+[ ! -e "$work/q" ] || fail "zyn-quant: a list without a choice"
+quantises 1 'cannot be written' --model "$work/missing" --out "$work/no/list" x.bmp
+# A list is whole or refused: q of 7 throughout, then with one line changed.
+lists() { # code, what must be said, what to do to the list...
+  seq 0 42 | sed 's/$/ 7/' | "${@:3}" >"$work/list.q"
+  detects "$1" "$2" --q-list "$work/list.q" "$work/generated.bmp"
+}
+lists 0 'fixed point' sed '5s/$/ # said of it\r/'
+for change in 8d 8p '8s/7$/16/' '8s/7$/-1/' '8s/7$//' '8s/$/ x/' '8s/^/x/' '$s/42/43/'; do
+  lists 1 'no list of fraction bits' sed "$change"
+done
+lists 1 'no list of fraction bits' head -c -1
 
 # A layer list: 116 words of 1.0 and their digest are a model, 128 of them a sample.
 printf '2 4 8 8 3 1 1 1\n4 4 8 8 3 1 1 4\n' >"$work/net.layers"
@@ -57,7 +68,7 @@ if [ -z "$models" ]; then
 fi
 photos="$models/photo_a.bmp $models/photo_b.bmp"
 quantises 0 ' 0 values wrapped' --model "$models/ssd320.zynm" --out "$work/q.txt" --vary $photos
-echo '2 15' >"$work/high.q"
+tr -d '\r' <"$work/q.txt" | sed 's/^1 .*/1 0/; s/^2 .*/2 15/' >"$work/high.q"
 detects 1 'cannot be prepared' --model "$models/ssd320.zynm" --q-list "$work/high.q" "$work/generated.bmp"
 quantises 1 'node 1: its values reach' --model "$models/ssd320.zynm" --out "$work/none" --margin 1e6 $photos
 

@@ -13,8 +13,8 @@ found() { grep -o "$1" "$work/out" | wc -l; }
 
 nodes=$(grep -cv '^#' "$layers/ssd320.layers")
 cp "$layers"/*.layers "$work"
-for network in "" "$work/ssd320.layers"; do
-  bench 0 '' $network --methods 0,2 --json
+for network in ssd320 "$work/ssd320.layers"; do
+  bench 0 '' "$network" --methods 0,2 --json
   [ "$(found '"node":')" = "$nodes" ] || fail "$network: $(found '"node":') nodes for $nodes"
   # Both methods of every node, and of the whole network.
   [ "$(found '"min_us":[0-9]*[1-9.]')" = $((2 * nodes + 2)) ] || fail "$network: times are missing"
@@ -22,9 +22,11 @@ for network in "" "$work/ssd320.layers"; do
     python3 -m json.tool "$work/out" >/dev/null || fail "$network: not JSON"
   fi
 done
-bench 0 'whole network' --methods 1
+bench 0 'whole network' ssd320 --methods 1
 [ "$(count '^ *42 .*5x4x12')" = 1 ] || fail "no table"
 bench 2 'nothing to read' "$work/small.layers"
-bench 2 '' "$work/missing.layers"
-bench 2 '' --methods 3
-bench 2 '' --methods 2,
+bench 2 'cannot read' "$work/missing.layers"
+bench 2 'not 3' ssd320 --methods 3
+bench 2 'not 2,$' ssd320 --methods 2,
+line 2 "$program" --methods 2
+run 0 '^usage: ' "$program"

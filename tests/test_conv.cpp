@@ -411,6 +411,60 @@ TEST_P(ConvMethod, FailingAllocationsAnswerTwoAndTheNextAttemptWorks) {
     });
 }
 
+// Largest request of the library, in bytes.
+size_t most_requested = 0;
+void* counted(size_t bytes) {
+  most_requested = std::max(most_requested, bytes);
+  return malloc(bytes);
+}
+
+// Strides, pads and dilations far beyond the shapes: results as of small ones, and no
+// request above a small multiple of input and output. Fixed point with values that are exact.
+TEST(Conv, ScratchFollowsTheShapesNotStridesPadsOrDilations) {
+  constexpr int kGrouped = ZYN_OP_CONV_GROUPED, kTransposed = ZYN_OP_CONV_TRANSPOSED;
+  constexpr int k27 = 1 << 27, kFar = 300000000;
+  const struct {
+    int type;
+    uint32_t fixed;
+    int w, h, kx, ky, sx, sy, px, py, dx, dy;
+  } cases[] = {{kGrouped, 0, 1, 1, 1, 1, kFar, 1, 0, 0, 1, 1},
+               {kGrouped, 0, 5, 3, 2, 1, kFar, 2, 0, 0, 4, 1},
+               {kGrouped, 0, 3, 2, 3, 3, 1, 1, k27, 1, k27, 1},
+               {kGrouped, 0, 9, 2, 3, 3, k27, 1, k27, 1, 3, 1},
+               {kTransposed, 0, 1, 1, 3, 1, 1, 1, k27, 0, k27, 1},
+               {kTransposed, 0, 4, 3, 3, 3, 2, 2, k27 + 1, 1, k27, 1},
+               {3, 1, 1, 1, 3, 3, 1, 2 * k27 - 2, 1, k27, 1, 1},
+               {3, 1, 2, 1, 3, 3, 1, 1999999998, 1, 1000000000, 1, 1},
+               {4, 1, 2, 1, 3, 3, 1, 2 * k27 - 2, 1, k27, 1, 1},
+               {3, 1, 2, 2, 3, 3, 2 * k27 - 2, 1, k27, 1, 1, 1},
+               {3, 1, 1, 1, 31, 2, 32, 32, 900, 1900, 1, 30},
+               {4, 1, 1, 1, 3, 3, 1, 1, k27, 1, k27, 1}};
+  for (const auto& c : cases) {
+    const int channels = c.type == 3 ? 200 : 2, groups = c.type == 3 ? 1 : 2;
+    zyn_conv_param p = conv_param(channels, 2, 3, 1, 1, groups);
+    p.kernel_h = c.kx, p.kernel_w = c.ky, p.stride_h = c.sx, p.stride_w = c.sy;
+    p.pad_h = c.px, p.pad_w = c.py, p.dilation_h = c.dx, p.dilation_w = c.dy, p.bias = 1;
+    SCOPED_TRACE(std::to_string(c.type) + describe(p, c.w, c.h));
+    Random random(3);
+    Array in({c.w, c.h, channels}), constant({c.kx * c.ky * channels * 2 / groups + 2});
+    in.v = small_integers(random, in.v.size(), 3);
+    constant.v = small_integers(random, constant.v.size(), 3);
+    Net net(c.fixed);
+    const int node = net.op(c.type, p, {net.input(in), net.constant(constant)});
+    ASSERT_EQ(net.make(), 0);
+    net.q_list(0);
+    most_requested = 0;
+    {
+      const FailingAllocations counting(0, false, {counted, free});
+      ASSERT_EQ(net.prepare() + net.run(), 0);
+    }
+    const Array expected = reference_conv(in, constant, p, c.type == kTransposed);
+    EXPECT_TRUE(agrees(net.output(node), expected, 0));
+    // Constants in 16 bits and packed for 8 channels, planes of 32 times their size.
+    EXPECT_LE(most_requested, 200000 + 64 * (in.v.size() + expected.v.size() + constant.v.size()));
+  }
+}
+
 TEST(Conv, FailingAllocationOfABindingAnswersTwo) {
   for (int type : {3, 4, 5, 12, 13}) {
     Net net;

@@ -1,4 +1,6 @@
 // The image record: layout of every format, headers over a caller's memory, refusals.
+#include <functional>
+
 #include "support/failing.h"
 #include "support/images.h"
 
@@ -24,16 +26,10 @@ int64_t offset_of(const zyn_image* image, const void* plane) {
 }
 
 void expect_layout(const zyn_image* image, const Layout& want, int width, int height) {
-  EXPECT_EQ(image->kind, 8u);
-  EXPECT_EQ(image->type, want.type);
-  EXPECT_EQ(image->rows, height);
-  EXPECT_EQ(image->cols, width);
-  EXPECT_EQ(image->pages, 1);
-  EXPECT_EQ(image->row_bytes, want.stride);
-  EXPECT_EQ(image->plane1_bytes, want.chroma_stride);
-  EXPECT_EQ(image->plane2_bytes, want.chroma_stride);
-  EXPECT_EQ(image->channels, want.channels);
-  EXPECT_EQ(image->format, want.format);
+  EXPECT_TRUE(image->kind == 8 && image->type == want.type && image->format == want.format);
+  EXPECT_TRUE(image->rows == height && image->cols == width && image->pages == 1);
+  EXPECT_TRUE(image->row_bytes == want.stride && image->plane1_bytes == want.chroma_stride &&
+              image->plane2_bytes == want.chroma_stride && image->channels == want.channels);
 }
 
 TEST(Image, CreationGivesEveryFormatItsLayoutAndExactBuffer) {
@@ -63,16 +59,13 @@ TEST(Image, CreationRefusesBadSizesWithAReportAndOverflowsWithNull) {
   EXPECT_SAYS(make_image(40000, 40000, 5), nullptr, "");
   EXPECT_SAYS(make_image(INT32_MAX, 1, 12), nullptr, "");
   EXPECT_SAYS(make_image(4, INT32_MAX, 13), nullptr, "");
-  printed([] { EXPECT_FALSE(make_image(INT32_MAX, INT32_MAX, 14)); });
-}
-
-TEST(Image, CreationFailsCleanlyAtEveryAllocation) {
-  for (uint32_t format : {0u, 5u, 6u, 12u})
-    printed([&] {
+  printed([] {
+    EXPECT_FALSE(make_image(INT32_MAX, INT32_MAX, 14));
+    for (uint32_t format : {0u, 5u, 6u, 12u})
       EXPECT_EQ(for_each_failing_allocation(
                     [&](int64_t, bool) { return make_image(9, 7, format) != nullptr; }),
                 2);
-    });
+  });
 }
 
 TEST(Image, HeaderOverCallerMemory) {
@@ -101,20 +94,16 @@ TEST(Image, HeaderOverCallerMemory) {
   }
 }
 
-TEST(Image, HeadersNeedFourByFourWhereCreationTakesOne) {
+TEST(Image, HeadersNeedFourByFourAndDataIsRefusedForBadArgumentsAndNeverFreed) {
   EXPECT_TRUE(make_image(3, 3, 0));
-  zyn_image image;
+  zyn_image header;
   for (int k = 0; k < 4; k++)
-    EXPECT_SAYS(zyn_set_image_header(k == 0 ? nullptr : &image, k == 1 ? 3 : 4, k == 2 ? 3 : 4,
+    EXPECT_SAYS(zyn_set_image_header(k == 0 ? nullptr : &header, k == 1 ? 3 : 4, k == 2 ? 3 : 4,
                                      k == 3 ? 15 : 0),
                 1, codec_report("error params!", 540));
-  EXPECT_EQ(zyn_set_image_header(&image, 4, 4, 0), 0);
-}
-
-TEST(Image, DataIsRefusedForBadArgumentsAndNeverFreed) {
+  EXPECT_EQ(zyn_set_image_header(&header, 4, 4, 0), 0);
   uint8_t memory[64];
-  Image image = make_image(4, 4, 2);
-  Image plain = make_image(4, 4, 2);
+  Image image = make_image(4, 4, 2), plain = make_image(4, 4, 2);
   plain->kind = 4;
   for (int k = 0; k < 4; k++)
     EXPECT_SAYS(zyn_set_image_data(k == 0   ? nullptr
@@ -127,7 +116,9 @@ TEST(Image, DataIsRefusedForBadArgumentsAndNeverFreed) {
   EXPECT_EQ(zyn_set_image_data(image.get(), memory, 64), 0);
   EXPECT_EQ(zyn_get_current_memory_size_occupation(), held);
   EXPECT_EQ(image->owns_data, 1u);
-  image->data = own;
+  EXPECT_EQ(zyn_set_image_data(image.get(), own, 16), 0);
+  EXPECT_EQ(zyn_set_image_data(image.get(), image->data, 16), 0);  // its own block again
+  EXPECT_TRUE(image->data == own && image->owns_data == 1);
 }
 
 TEST(Image, HeaderAndDataTakesPlanesOf420AndALengthElsewhere) {
@@ -146,21 +137,27 @@ TEST(Image, HeaderAndDataTakesPlanesOf420AndALengthElsewhere) {
   const int32_t enough[3] = {60, 0, 0}, short_of[3] = {59, 0, 0}, tiny[3] = {15, 0, 0};
   EXPECT_EQ(zyn_set_image_header_and_data(&image, 4, 5, 0, planes, enough), 0);
   EXPECT_EQ(image.row_bytes, 12);
-  const auto expect = [&](int width, int height, uint32_t format, const int32_t* s, int code,
-                          const std::string& text) {
-    EXPECT_SAYS(zyn_set_image_header_and_data(&image, width, height, format, planes, s), code,
-                text);
-  };
-  expect(4, 5, 0, short_of, 256, codec_report("not support!", 584));
-  expect(4, 5, 0, tiny, 1, codec_report("error params!", 577));
-  expect(3, 5, 0, enough, 1, codec_report("error params!", 540));
-  expect(4, 5, 15, enough, 1, codec_report("error params!", 540));
-  expect(61, 5, 5, enough, 1, codec_report(kPara, 626));
-  expect(0, 5, 5, enough, 1, codec_report(kPara, 626));
-  expect(4, 0, 5, enough, 1, codec_report(kPara, 626));
-  expect(4, 5, 5, nullptr, 1, codec_report(kPara, 626));
+  const std::string params = codec_report(kPara, 626), header = codec_report("error params!", 540);
+  const struct {
+    int width, height;
+    uint32_t format;
+    const int32_t* strides;
+    int code;
+    std::string text;
+  } refused[] = {{4, 5, 0, short_of, 256, codec_report("not support!", 584)},
+                 {4, 5, 0, tiny, 1, codec_report("error params!", 577)},
+                 {3, 5, 0, enough, 1, header},
+                 {4, 5, 15, enough, 1, header},
+                 {61, 5, 5, enough, 1, params},
+                 {0, 5, 5, enough, 1, params},
+                 {4, 0, 5, enough, 1, params},
+                 {4, 5, 5, nullptr, 1, params}};
+  for (const auto& r : refused)
+    EXPECT_SAYS(
+        zyn_set_image_header_and_data(&image, r.width, r.height, r.format, planes, r.strides),
+        r.code, r.text);
   planes[0] = nullptr;
-  expect(4, 5, 5, enough, 1, codec_report(kPara, 626));
+  EXPECT_SAYS(zyn_set_image_header_and_data(&image, 4, 5, 5, planes, enough), 1, params);
 }
 
 TEST(Image, RecreationRenewsTheFirstPlaneOnly) {
@@ -171,9 +168,7 @@ TEST(Image, RecreationRenewsTheFirstPlaneOnly) {
         zyn_get_current_memory_size_occupation() - buffer_bytes(9, 9, layout.format);
     EXPECT_EQ(zyn_recreate_image(image.get(), 6, 5), image.get());
     expect_layout(image.get(), layout, 6, 5);
-    EXPECT_EQ(image->plane1, nullptr);
-    EXPECT_EQ(image->plane2, nullptr);
-    EXPECT_EQ(image->owns_data, 1u);
+    EXPECT_TRUE(!image->plane1 && !image->plane2 && image->owns_data == 1);
     EXPECT_EQ(zyn_get_current_memory_size_occupation() - other,
               static_cast<uint64_t>(5 * layout.stride));
   }
@@ -183,6 +178,87 @@ TEST(Image, RecreationRenewsTheFirstPlaneOnly) {
   EXPECT_EQ(zyn_recreate_image(image.get(), 4, -1), image.get());
   EXPECT_EQ(image->data, before);
   EXPECT_EQ(zyn_recreate_image(nullptr, 4, 4), nullptr);
+}
+
+// Views into one canvas of 64-byte rows, the source at a fixed place, the destination
+// everywhere: refused where a byte belongs to both, else as with memory of their own.
+TEST(Image, PixelsThatTwoImagesShareAreRefusedByEveryOperation) {
+  constexpr int kStride = 64, kRows = 28, kColumn = 26, kRow = 10, kSource = 8;
+  using Bytes = std::vector<uint8_t>;
+  const auto resize = [](int method) {
+    return [=](zyn_image* to, zyn_image* from) { return zyn_image_resizer(to, from, method); };
+  };
+  const auto convert = [](uint32_t code) {
+    return [=](zyn_image* to, zyn_image* from) {
+      return zyn_image_color_space_convert(to, from, code);
+    };
+  };
+  const auto crop = [](zyn_image* to, zyn_image* from) {
+    int32_t position[2] = {-1, 3}, size[2] = {6, 6};
+    return zyn_image_cropped_patch(to, from, position, size);
+  };
+  const auto patch = [](zyn_image* to, zyn_image* from) {
+    const int32_t at[2] = {1, 2}, size[2] = {4, 4};
+    return zyn_image_cropped_patch_with_border(to, at, from, at, size);
+  };
+  const auto view = [](Bytes& canvas, int column, int row, int size, uint32_t format) {
+    zyn_image image;
+    zyn_set_image_header(&image, size, size, format);
+    image.data = canvas.data() + row * kStride + column;
+    image.row_bytes = kStride;
+    return image;
+  };
+  const struct {
+    int size;
+    uint32_t format;
+    bool clears;  // whole rows of the destination
+    std::function<int32_t(zyn_image*, zyn_image*)> run;
+  } cases[] = {{8, 0, false, resize(1)},  {4, 0, false, resize(1)}, {5, 0, false, resize(0)},
+               {9, 0, false, resize(1)},  {6, 0, false, crop},      {6, 0, true, patch},
+               {8, 0, false, convert(2)}, {8, 2, false, convert(0)}};
+  Bytes before(kStride * (kRows + 1));
+  for (size_t i = 0; i < before.size(); i++)
+    before[i] = static_cast<uint8_t>(i * 2654435761u >> 13);
+  const auto same_rows = [](const zyn_image& a, const zyn_image& b) {
+    bool same = true;
+    for (int64_t at = 0; at < a.rows * kStride; at += kStride)
+      same &= memcmp(bytes(const_cast<zyn_image*>(&a)) + at, bytes(const_cast<zyn_image*>(&b)) + at,
+                     static_cast<size_t>(a.cols * a.channels)) == 0;
+    return same;
+  };
+  const auto right = [&](const auto& c, int row, int column) {
+    bool shared = false;
+    for (int at = (kRow - row) * kStride + kColumn - column, y = 0; y < kSource; y++, at += kStride)
+      for (int b = at; b < at + 3 * kSource; b++)
+        shared |= b >= 0 && b < kStride * c.size &&
+                  (c.clears || b % kStride < (c.format == 2 ? 1 : 3) * c.size);
+    Bytes canvas = before, other = before;
+    zyn_image from = view(canvas, kColumn, kRow, kSource, 0);
+    zyn_image apart = view(before, kColumn, kRow, kSource, 0);
+    zyn_image to = view(canvas, column, row, c.size, c.format);
+    zyn_image clean = view(other, column, row, c.size, c.format);
+    if (c.run(&to, &from) != (shared ? 1 : 0)) return false;
+    if (shared) return canvas == before;
+    return c.run(&clean, &apart) == 0 && same_rows(to, clean) && same_rows(from, apart);
+  };
+  std::string wrong;
+  printed([&] {
+    for (const auto& c : cases)
+      for (int row = 0; row <= kRows - c.size; row++)
+        for (int column = 0; column <= kStride - 3 * c.size; column++)
+          if ((row != kRow || column != kColumn) && !right(c, row, column) && wrong.empty())
+            wrong = testing::PrintToString(std::vector<int64_t>{&c - cases, row, column});
+  });
+  EXPECT_EQ(wrong, "");
+  // Any plane of format 5 counts.
+  Image a = make_image(8, 8, 5), b = make_image(9, 9, 5);
+  a->plane2 = static_cast<uint8_t*>(b->plane1) + 5;
+  int32_t position[2] = {0, 0};
+  const int32_t size[2] = {8, 8};
+  EXPECT_SAYS(zyn_image_resizer(a.get(), b.get(), 1), 1,
+              report(kPara, "src/image/zyn_image_resizer.cpp", 651));
+  EXPECT_SAYS(zyn_image_cropped_patch(a.get(), b.get(), position, size), 1, "");
+  EXPECT_EQ(zyn_image_cropped_patch_with_border(a.get(), position, b.get(), position, size), 1);
 }
 
 TEST(Image, RecreationBelowTheHeaderMinimumKeepsTheSizeAndRenewsTheBuffer) {

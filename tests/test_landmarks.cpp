@@ -39,22 +39,18 @@ TEST(Landmarks, EveryNodeOfTheExampleNetworkIsRight) {
     LandmarkNetwork net(5, divisor);
     const std::string text = printed([&] { ASSERT_EQ(net.build(), 0); });
     Array image({112, 112, 3});
-    for (size_t i = 0; i < image.v.size(); i++) {
-      const float value = static_cast<float>(i * 2654435761u % 256) / 255.0f;
-      static_cast<float*>(net.input()->data)[i] = value;
-      image.v[i] = static_cast<double>(value);
-    }
+    for (size_t i = 0; i < image.v.size(); i++)
+      image.v[i] = static_cast<float*>(net.input()->data)[i] =
+          static_cast<float>(i * 2654435761u % 256) / 255.0f;
     ASSERT_EQ(net.run(), 0);
     ASSERT_EQ(net.output()->dims[0], 2 * LandmarkNetwork::kPoints);
     std::vector<Array> values;
     for (const Node& node : net.nodes()) {
       const int id = static_cast<int>(values.size());
-      if (node.from.empty()) {
-        values.push_back(node.type == ZYN_OP_INPUT ? image : Array());
-        continue;
-      }
-      values.push_back(evaluate(net, node, values));
-      ASSERT_TRUE(agrees(Net::read(net.output(id)), values.back(), 5e-6))
+      values.push_back(!node.from.empty()          ? evaluate(net, node, values)
+                       : node.type == ZYN_OP_INPUT ? image
+                                                   : Array());
+      ASSERT_TRUE(node.from.empty() || agrees(Net::read(net.output(id)), values.back(), 5e-6))
           << "node " << id << " of type " << node.type;
     }
   }

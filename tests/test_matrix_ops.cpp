@@ -148,7 +148,7 @@ zyn_matrix header(int rows, int cols, int pages, int type, void* data) {
   return m;
 }
 
-TEST(MatrixContracts, AddAndIdentityCountPagesAndChannels) {
+TEST(MatrixContracts, PagesChannelsAndWordsOfOtherTypes) {
   float x[24], y[24], z[24];
   for (int i = 0; i < 24; i++) x[i] = static_cast<float>(i), y[i] = 100, z[i] = NAN;
   zyn_matrix a = header(2, 3, 2, 14, x), b = header(2, 3, 2, 14, y), c = header(2, 3, 2, 14, z);
@@ -157,90 +157,63 @@ TEST(MatrixContracts, AddAndIdentityCountPagesAndChannels) {
   zyn_matrix pages = header(2, 2, 3, 6, z);
   EXPECT_EQ(zyn_matrix_set_identity(&pages), 0);
   for (int i = 0; i < 12; i++) EXPECT_EQ(z[i], i == 0 || i == 3 ? 1.0f : 0.0f) << i;
-}
-
-TEST(MatrixContracts, IdentityOfAnotherTypeIsClearedAndRefused) {
-  float x[8] = {9, 9, 9, 9, 9, 9, 9, 9};
-  zyn_matrix m = header(2, 2, 1, 14, x);
-  EXPECT_SAYS(
-      zyn_matrix_set_identity(&m), 4,
-      report("Current version can not support!", "src/matrix/zyn_matrix_basic_l1.cpp", 2222));
-  for (float element : x) EXPECT_EQ(element, 0.0f);
-}
-
-TEST(MatrixContracts, TransposesEveryFourByteElement) {
-  int32_t x[6] = {1, 2, 3, 4, 5, -2147483647 - 1}, y[6];
+  zyn_matrix pairs = header(2, 2, 1, 14, y);  // on purpose cleared, then refused
+  EXPECT_SAYS(zyn_matrix_set_identity(&pairs), 4,
+              report(kSupport, "src/matrix/zyn_matrix_basic_l1.cpp", 2222));
+  for (int i = 0; i < 8; i++) EXPECT_EQ(y[i], 0.0f);
+  int32_t words[6] = {1, 2, 3, 4, 5, -2147483647 - 1}, turned[6];
   for (int type : {4, 5, 6}) {
-    zyn_matrix s = header(2, 3, 1, type, x), d = header(3, 2, 1, type, y);
+    zyn_matrix s = header(2, 3, 1, type, words), d = header(3, 2, 1, type, turned);
     EXPECT_EQ(zyn_matrix_transpose(&d, &s), 0);
-    for (int i = 0; i < 6; i++) EXPECT_EQ(y[i % 3 * 2 + i / 3], x[i]);
+    for (int i = 0; i < 6; i++) EXPECT_EQ(turned[i % 3 * 2 + i / 3], words[i]);
   }
 }
 
 TEST(MatrixContracts, RefusalsKeepTheirSites) {
   double block[64] = {};
-  const std::string core = "src/matrix/zyn_matrix_core.cpp",
-                    l1 = "src/matrix/zyn_matrix_basic_l1.cpp",
-                    l2 = "src/matrix/zyn_matrix_basic_l2.cpp",
-                    l3 = "src/matrix/zyn_matrix_basic_l3.cpp";
-  const std::string para = "Your input params are wrong!", gemm = "ZYN_RET_ERR_PARA";
+  const Reports core{"src/matrix/zyn_matrix_core.cpp"}, l1{"src/matrix/zyn_matrix_basic_l1.cpp"},
+      l2{"src/matrix/zyn_matrix_basic_l2.cpp"}, l3{"src/matrix/zyn_matrix_basic_l3.cpp"},
+      random{"src/matrix/zyn_random.cpp"};
   zyn_matrix a = header(2, 3, 1, 6, block), t = header(3, 2, 1, 6, block + 20);
   zyn_matrix b = header(2, 3, 1, 6, block + 40), wide = header(2, 3, 1, 7, block);
   zyn_matrix view = header(3, 2, 1, 6, block), none = header(2, 3, 1, 6, nullptr);
   zyn_matrix bytes = header(2, 3, 1, 0, block), bytes_t = header(3, 2, 1, 0, block + 8);
   zyn_matrix pages = header(2, 3, 2, 6, block), shorts = header(600, 600, 1, 2, block);
   zyn_matrix pair = header(2, 3, 1, 14, block), pair_t = header(3, 2, 1, 14, block + 20);
-  zyn_matrix small = header(2, 2, 1, 2, block);
+  zyn_matrix small = header(2, 2, 1, 2, block), words = header(1, 1, 1, 13, block);
+  zyn_matrix* const null = nullptr;
   const float one = 1;
-  const auto refused = [](auto call, int code, const std::string& text) {
-    EXPECT_SAYS(call(), code, text);
-  };
-  const auto add = [&](zyn_matrix* x, zyn_matrix* y, zyn_matrix* z, int code, const char* message,
-                       int line) {
-    refused([&] { return zyn_matrix_add(x, y, z); }, code, report(message, core, line));
-  };
-  add(&a, &b, &t, 1, "parameters error!", 592);
-  add(&wide, &b, &a, 1, "parameters error!", 592);
-  add(&pages, &pages, &a, 1, "parameters error!", 592);
-  add(nullptr, &a, &a, 1, "parameters error!", 592);
-  add(&a, &none, &a, 1, "parameters error!", 592);
-  add(&bytes, &bytes, &bytes, 4, "can not support!", 609);
-  for (zyn_matrix* m : {&a, &none, static_cast<zyn_matrix*>(nullptr)})
-    refused([&] { return zyn_matrix_set_identity(m); }, 1, report(para, l1, 2205));
-  const auto transpose = [&](zyn_matrix* d, zyn_matrix* s, int code, const std::string& message,
-                             int line) {
-    refused([&] { return zyn_matrix_transpose(d, s); }, code, report(message, l2, line));
-  };
-  transpose(&b, &a, 1, para, 1411);
-  transpose(&pair_t, &pair, 1, para, 1411);
-  transpose(&t, &pages, 1, para, 1411);
-  transpose(&t, nullptr, 1, para, 1411);
-  transpose(&view, &a, 1, para, 1417);
-  transpose(&bytes_t, &bytes, 4, "Current version can not support!", 1425);
-  const auto product = [&](zyn_matrix* c, zyn_matrix* x, zyn_matrix* y, const float* alpha,
-                           int code, const std::string& text) {
-    refused([&] { return zyn_matrix_gemm(c, x, y, 0, alpha, &one); }, code, text);
-  };
-  product(&b, &a, nullptr, &one, 1, report(gemm, l3, 47));
-  product(&b, &a, &wide, &one, 1, report(gemm, l3, 47));
-  product(&b, &pages, &a, &one, 1, report(gemm, l3, 47));
-  product(&b, &a, &t, nullptr, 1, report(gemm, l3, 47));
-  product(&b, &a, &a, &one, 1, "");
-  product(&small, &small, &small, &one, 4, report("ZYN_RET_ERR_NOT_SUPPORT", l3, 120));
-  product(&shorts, &shorts, &shorts, &one, 4, report("ZYN_RET_ERR_NOT_SUPPORT", l3, 185));
-}
 
-// Refused calls draw nothing from the process's sequence, which has a program of its own.
-TEST(RandomContracts, RefusalsKeepTheirSites) {
-  const std::string path = "src/matrix/zyn_random.cpp";
-  float one = 1;
-  const auto refused = [&](zyn_matrix* m, int code, const char* message, int line) {
-    EXPECT_SAYS(zyn_random_norm(m, &one, &one), code, report(message, path, line));
+  const std::string sum = core("parameters error!", 592);
+  zyn_matrix* const sums[][3] = {
+      {&a, &b, &t}, {&wide, &b, &a}, {&pages, &pages, &a}, {null, &a, &a}, {&a, &none, &a}};
+  for (const auto& m : sums) EXPECT_SAYS(zyn_matrix_add(m[0], m[1], m[2]), 1, sum);
+  EXPECT_SAYS(zyn_matrix_add(&bytes, &bytes, &bytes), 4, core("can not support!", 609));
+
+  for (zyn_matrix* m : {&a, &none, null})
+    EXPECT_SAYS(zyn_matrix_set_identity(m), 1, l1(kPara, 2205));
+
+  zyn_matrix* const turns[][2] = {{&b, &a}, {&pair_t, &pair}, {&t, &pages}, {&t, null}};
+  for (const auto& m : turns) EXPECT_SAYS(zyn_matrix_transpose(m[0], m[1]), 1, l2(kPara, 1411));
+  EXPECT_SAYS(zyn_matrix_transpose(&view, &a), 1, l2(kPara, 1417));
+  EXPECT_SAYS(zyn_matrix_transpose(&bytes_t, &bytes), 4, l2(kSupport, 1425));
+
+  const auto product = [&](zyn_matrix* c, zyn_matrix* x, zyn_matrix* y, const float* alpha) {
+    return zyn_matrix_gemm(c, x, y, 0, alpha, &one);
   };
-  zyn_matrix none = header(1, 1, 1, 6, nullptr), words = header(1, 1, 1, 13, &one);
-  refused(nullptr, 1, "Your input params are wrong!", 166);
-  refused(&none, 1, "Your input params are wrong!", 166);
-  refused(&words, 4, "Current version can not support!", 181);
+  const std::string gemm = l3("ZYN_RET_ERR_PARA", 47), other = "ZYN_RET_ERR_NOT_SUPPORT";
+  EXPECT_SAYS(product(&b, &a, null, &one), 1, gemm);
+  EXPECT_SAYS(product(&b, &a, &wide, &one), 1, gemm);
+  EXPECT_SAYS(product(&b, &pages, &a, &one), 1, gemm);
+  EXPECT_SAYS(product(&b, &a, &t, nullptr), 1, gemm);
+  EXPECT_SAYS(product(&b, &a, &a, &one), 1, "");
+  EXPECT_SAYS(product(&small, &small, &small, &one), 4, l3(other, 120));
+  EXPECT_SAYS(product(&shorts, &shorts, &shorts, &one), 4, l3(other, 185));
+
+  // Refused calls draw nothing from the process's sequence, which has a program of its own.
+  for (zyn_matrix* m : {null, &none})
+    EXPECT_SAYS(zyn_random_norm(m, &one, &one), 1, random(kPara, 166));
+  EXPECT_SAYS(zyn_random_norm(&words, &one, &one), 4, random(kSupport, 181));
 }
 
 }  // namespace

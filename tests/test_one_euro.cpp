@@ -16,16 +16,12 @@ TEST(OneEuro, EveryStepFollowsTheFormulas) {
     float derivative = NAN;
     const float value = zyn_one_euro_filter_v2(x, last, last_derivative, &p, &derivative);
     // 1 / (1 + tau / te) with tau = 1 / (2 pi f).
-    const auto weight = [&](long double f) {
-      return 1 / (1 + 1 / (6.2831852L * f * static_cast<long double>(p.te)));
-    };
-    const long double wd = weight(p.derivative_cutoff);
-    const long double d = wd * ((static_cast<long double>(x) - last) / p.te) +
-                          (1 - wd) * static_cast<long double>(last_derivative);
+    const auto weight = [&](long double f) { return 1 / (1 + 1 / (6.2831852L * f * p.te)); };
+    const long double wd = weight(p.derivative_cutoff), step = static_cast<long double>(x) - last;
+    const long double d = wd * (step / p.te) + (1 - wd) * last_derivative;
     const long double w = weight(p.min_cutoff + p.beta * fabsl(d));
     ASSERT_NEAR(derivative, static_cast<double>(d), 1e-6 * (fabs(x - last) / p.te + 100)) << i;
-    ASSERT_NEAR(value, static_cast<double>(last + w * (static_cast<long double>(x) - last)), 4e-4)
-        << i;
+    ASSERT_NEAR(value, static_cast<double>(last + w * step), 4e-4) << i;
   }
 }
 
@@ -37,8 +33,6 @@ TEST(OneEuro, TwoPiHasSevenDecimals) {
   zyn_one_euro_filter_v2(1, 0, 0, &p, &derivative);
   const float r = 6.283185005187988f * 0x1p-17f;
   EXPECT_EQ(derivative, r / (r + 1) * 128);
-  const float pi = 6.283185482025146f * 0x1p-17f;
-  EXPECT_NE(derivative, pi / (pi + 1) * 128);
 }
 
 }  // namespace

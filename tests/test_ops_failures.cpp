@@ -1,92 +1,12 @@
-// Every operator type without memory: the n-th allocation of binding, preparation and
-// run fails, once or from there on. Nothing is lost but the header that a tensor without
-// data loses on purpose, and the next attempt succeeds.
+// Outputs of operators that cannot be made.
 #include "support/ledger.h"
 #include "support/model.h"
 
 using zyn_test::Ledger;
 using zyn_test::Model;
 using zyn_test::printed;
-using zyn_test::until_it_succeeds;
 
 namespace {
-
-class WithoutMemory : public ::testing::TestWithParam<int> {};
-
-Model& with_node(Model& model, int type, bool fixed = false) {
-  model.layout = fixed ? ZYN_LAYOUT_PLANAR : ZYN_LAYOUT_BLOCKED;
-  for (int k = 0; model.add(type) < 0 && k < 20;) k++;
-  model.use_leftovers();
-  return model;
-}
-
-TEST_P(WithoutMemory, PreparationAndRunAnswerTwoAndWorkTheNextTime) {
-  for (uint64_t seed : {1, 2, 3})
-    until_it_succeeds([&](int n, bool lasting) {
-      Model model(seed);
-      with_node(model, GetParam());
-      EXPECT_EQ(model.net.make(), 0);
-      Ledger::fail(n, lasting);
-      int32_t code = model.net.prepare();
-      if (!code) code = model.net.run();
-      const int seen = Ledger::seen();
-      EXPECT_EQ(code, seen >= n ? ZYN_RET_ERR_MEMORY : 0);
-      Ledger::fail(0, false);
-      // An in-place activation may have run before the failure.
-      if (code) model.refill();
-      if (code) {
-        EXPECT_EQ(model.net.prepare() + model.net.run(), 0);
-      }
-      model.evaluate();
-      model.check(2e-5);
-      return seen;
-    });
-}
-
-TEST_P(WithoutMemory, InFixedPointTheSame) {
-  for (uint64_t seed : {1, 2, 3}) {
-    Model usual(seed, 1);
-    const int32_t refused = with_node(usual, GetParam(), true).prepare();
-    if (refused == 4) return;  // a type without a 16-bit form
-    ASSERT_EQ(refused + usual.net.run(), 0);
-    until_it_succeeds([&](int n, bool lasting) {
-      Model model(seed, 1);
-      EXPECT_EQ(with_node(model, GetParam(), true).net.make(), 0);
-      model.net.q_list(8);
-      Ledger::fail(n, lasting);
-      int32_t code = model.net.prepare();
-      if (!code) code = model.net.run();
-      const int seen = Ledger::seen();
-      EXPECT_EQ(code, seen >= n ? ZYN_RET_ERR_MEMORY : 0);
-      Ledger::fail(0, false);
-      if (code) {
-        model.refill();
-        EXPECT_EQ(model.net.prepare() + model.net.run(), 0);
-      }
-      EXPECT_EQ(model.outputs(), usual.outputs());
-      return seen;
-    });
-  }
-}
-
-TEST_P(WithoutMemory, BindingAnswersTwo) {
-  until_it_succeeds([&](int n, bool lasting) {
-    Model model(5);
-    with_node(model, GetParam());
-    EXPECT_EQ(model.net.connect(), 0);
-    Ledger::fail(n, lasting);
-    const int32_t code = model.net.bind();
-    const int seen = Ledger::seen();
-    EXPECT_EQ(code, seen >= n ? ZYN_RET_ERR_MEMORY : 0);
-    Ledger::fail(0, false);
-    return seen;
-  });
-}
-
-INSTANTIATE_TEST_SUITE_P(Conv, WithoutMemory, ::testing::ValuesIn(zyn_test::kConvTypes),
-                         [](const auto& info) { return "Type" + std::to_string(info.param); });
-INSTANTIATE_TEST_SUITE_P(Ops, WithoutMemory, ::testing::ValuesIn(zyn_test::kOperatorTypes),
-                         [](const auto& info) { return "Type" + std::to_string(info.param); });
 
 TEST(Ops, OutputsThatCannotBeMadeAreReported) {
   const struct {

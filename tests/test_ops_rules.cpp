@@ -1,4 +1,5 @@
 // The operators' particular rules: what is refused and where, and what is odd on purpose.
+#include <numeric>
 #include <set>
 
 #include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
@@ -123,20 +124,15 @@ TEST(Ops, DenseOfDoubles) {
   zyn_tensor* constant = zyn_create_tensor(1, weight_dims, ZYN_TYPE_F64);
   auto* x = static_cast<double*>(in->data);
   auto* w = static_cast<double*>(constant->data);
-  for (int i = 0; i < 5; i++) x[i] = i + 1e-12;
-  for (int i = 0; i < 12; i++) w[i] = 3 * i - 7;
+  for (int i = 0; i < 12; i++) w[i] = 3 * i - 7, x[i % 5] = i % 5 + 1e-12;
   {
     Net net;
-    const zyn_linear_param p = {5, 2, 1};
-    const int id = net.op(ZYN_OP_LINEAR, p,
+    const int id = net.op(ZYN_OP_LINEAR, zyn_linear_param{5, 2, 1},
                           {net.tensor(ZYN_OP_INPUT, in), net.tensor(ZYN_OP_CONSTANT, constant)});
     ASSERT_EQ(net.go(), 0);
     const auto* y = static_cast<const double*>(net.output_tensor(id)->data);
-    for (int j = 0; j < 2; j++) {
-      double sum = w[10 + j];
-      for (int i = 0; i < 5; i++) sum += x[i] * w[5 * j + i];
-      EXPECT_NEAR(y[j], sum, 1e-13);
-    }
+    for (int j = 0; j < 2; j++)
+      EXPECT_NEAR(y[j], std::inner_product(x, x + 5, w + 5 * j, w[10 + j]), 1e-13);
   }
   zyn_release_tensor(&in);
   zyn_release_tensor(&constant);

@@ -1,4 +1,4 @@
-// The message table.
+// The message table and the version.
 #include <gtest/gtest.h>
 
 #include "zyncore.h"
@@ -20,6 +20,12 @@ TEST(Report, TableHoldsTheTextsByteForByte) {
                                     "Data not found!",
                                     "Faled to lock thread"};
   for (int i = 0; i < 13; i++) EXPECT_STREQ(zyn_error_string[i], expected[i]) << i;
+}
+
+TEST(Report, TheVersionIsTheHeaders) {
+  EXPECT_EQ(zyn_version() / 10000, uint32_t{ZYN_VERSION_MAJOR});
+  EXPECT_EQ(zyn_version() / 100 % 100, uint32_t{ZYN_VERSION_MINOR});
+  EXPECT_EQ(zyn_version() % 100, uint32_t{ZYN_VERSION_PATCH});
 }
 
 }  // namespace

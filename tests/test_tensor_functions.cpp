@@ -75,8 +75,8 @@ TEST(TensorLayout, BadArgumentsAreRefusedAndChangeNothing) {
   Tensor four({2, 2, 3, 2}), other({2, 2, 6});
   for (auto* convert : {zyn_tensor_convert_NCHW2NHWC, zyn_tensor_convert_NHWG2NHWC}) {
     const uint32_t layout = convert == zyn_tensor_convert_NHWG2NHWC ? 3 : 0;
-    source.record->layout = flat.record->layout = narrow.record->layout = layout;
-    zyn_tensor empty = *source.record;
+    for (Tensor* t : {&flat, &narrow, &four, &source}) t->record->layout = layout;
+    zyn_tensor empty = *source.record, torn = empty;
     empty.data = nullptr;
     for (zyn_tensor* bad : {none, flat.record, longer.record, narrow.record, &empty}) {
       EXPECT_EQ(convert(bad, source.record), 1);
@@ -89,23 +89,18 @@ TEST(TensorLayout, BadArgumentsAreRefusedAndChangeNothing) {
     }
     EXPECT_EQ(good.record->layout, 0u);
     // Extents that the record itself contradicts, and one without a row.
-    source.record->layout = layout;
-    zyn_tensor torn = *source.record;
     torn.dims[2] = 1 << 30;
     EXPECT_EQ(convert(good.record, &torn), 1);
     torn.dims[1] = 0;
     memset(good.bytes.data(), 0x5A, good.bytes.size());
     EXPECT_EQ(convert(good.record, &torn), 0);
-    EXPECT_EQ(good.record->layout, 2u);
-    EXPECT_EQ(good.bytes[0], 0x5A);
+    EXPECT_TRUE(good.record->layout == 2 && good.bytes[0] == 0x5A);
     good.record->layout = 0;
     // Only the first image of a batch is converted.
-    four.record->layout = layout;
     memset(four.bytes.data(), 0, four.bytes.size());
     memset(other.bytes.data(), 0x5A, other.bytes.size());
     EXPECT_EQ(convert(other.record, four.record), 0);
-    EXPECT_EQ(other.bytes[47], 0);
-    EXPECT_EQ(other.bytes[48], 0x5A);
+    EXPECT_TRUE(other.bytes[47] == 0 && other.bytes[48] == 0x5A);
   }
 }
 
@@ -130,9 +125,7 @@ TEST(Softmax, EveryGroupMatchesTheFormulaAndLeavesTheRestAlone) {
       destination.as()[count - 1] = -7.0f;
       ASSERT_EQ(zyn_tensor_softmax(destination.record, source.record, n), 0);
       ASSERT_EQ(zyn_tensor_softmax(in_place.record, in_place.record, n), 0);
-      if (n > 1) {
-        EXPECT_EQ(destination.as()[count - 1], -7.0f);
-      }
+      EXPECT_TRUE(n == 1 || destination.as()[count - 1] == -7.0f);
       for (int32_t g = 0; g < groups; g++) {
         const float* x = source.as() + g * n;
         const float* y = destination.as() + g * n;
@@ -154,21 +147,19 @@ TEST(Softmax, EveryGroupMatchesTheFormulaAndLeavesTheRestAlone) {
 TEST(Softmax, OverlappingBlocksAreWalkedInOrder) {
   constexpr int32_t kCount = 40, kGroup = 20;
   for (int offset : {-9, -8, -1, 1, 8, 9}) {
-    std::vector<float> memory(kCount + 20), simulated;
+    std::vector<float> memory(kCount + 20);
     for (size_t i = 0; i < memory.size(); i++) memory[i] = static_cast<float>(i % 7) - 2;
-    simulated = memory;
-    float* x = memory.data() + 10;
+    std::vector<float> simulated = memory;
+    float *x = memory.data() + 10, *sx = simulated.data() + 10;
     Tensor source({kCount}), destination({kCount});
     zyn_set_tensor_data(source.record, x, kCount * 4);
     zyn_set_tensor_data(destination.record, x + offset, kCount * 4);
     ASSERT_EQ(zyn_tensor_softmax(destination.record, source.record, kGroup), 0);
-    float* sx = simulated.data() + 10;
     for (int g = 0; g < kCount; g += kGroup) {
-      double m = -INFINITY, s = 0;
-      for (int i = 0; i < kGroup; i++) m = std::max(m, double{sx[g + i]});
-      for (int i = 0; i < kGroup; i++) s += exp(sx[g + i] - m);
+      double s = 0;
+      for (int i = 0; i < kGroup; i++) s += exp(sx[g + i]);
       for (int i = 0; i < kGroup; i++)
-        sx[g + i + offset] = static_cast<float>(exp(sx[g + i] - m - log(s)));
+        sx[g + i + offset] = static_cast<float>(exp(sx[g + i] - log(s)));
     }
     for (size_t i = 0; i < memory.size(); i++)
       ASSERT_NEAR(memory[i], simulated[i], 2e-6 * fabs(simulated[i])) << "offset " << offset;

@@ -12,15 +12,15 @@ constexpr char kNowhere[] = "NUL";
 constexpr char kNowhere[] = "/dev/null";
 #endif
 
+#include "options.h"
 #include "whole.h"
 
 namespace {
 
 using tools::Whole;
 
-constexpr char kUsage[] =
-    "usage: zyn-bench [LAYERFILE] [--methods 2,1,0] [--rounds 15] [--ms 2] [--json]\n";
 constexpr char kHelp[] =
+    "usage: zyn-bench ssd320|LAYERFILE [--methods 2,1,0] [--rounds 15] [--ms 2] [--json]\n"
     "\n"
     "Times the ssd320 face detector (generated weights: they do not change the time), or the\n"
     "network of a layer list: lines \"in_c out_c width height kernel stride padding groups\",\n"
@@ -42,10 +42,10 @@ constexpr char kHelp[] =
 
 struct Options {
   std::string file;  // of layers; empty: ssd320
-  std::vector<uint32_t> methods = {2, 1, 0};
-  int rounds = 15;
-  double ms = 2;
-  bool json = false;
+  std::vector<uint32_t> methods;
+  int rounds;
+  double ms;
+  bool json;
 };
 
 // One method's graphs and times; the last entry of times is the whole network.
@@ -217,39 +217,28 @@ bool parse_methods(const char* text, std::vector<uint32_t>* methods) {
   return false;
 }
 
-bool parse(int argc, char** argv, Options* options) {
-  for (int i = 1; i < argc; i++) {
-    const std::string word = argv[i];
-    const char* const value = i + 1 < argc ? argv[i + 1] : "";
-    if (word == "--json") {
-      options->json = true;
-    } else if (word == "--methods" && parse_methods(value, &options->methods)) {
-      i++;
-    } else if (word == "--rounds" && (options->rounds = atoi(value)) > 0) {
-      i++;
-    } else if (word == "--ms" && (options->ms = atof(value)) > 0) {
-      i++;
-    } else if (word[0] != '-' && options->file.empty()) {
-      options->file = word;
-    } else {
-      return false;
-    }
+Options parse(int argc, char** argv) {
+  if (argc == 1) {
+    fputs(kHelp, stdout);
+    exit(0);
   }
-  return true;
+  const cli::Line line(argc, argv, kHelp,
+                       {{"methods", "2,1,0"}, {"rounds", "15"}, {"ms", "2"}, {"json", nullptr}}, 1);
+  Options options;
+  if (line.words().empty()) line.wrong("which network?\n");
+  if (line.word(0) != "ssd320") options.file = line.word(0);
+  if (!parse_methods(line["methods"].c_str(), &options.methods))
+    line.wrong("--methods takes a list of 0, 1 and 2, not " + line["methods"] + "\n");
+  options.rounds = static_cast<int>(line.number("rounds", 1));
+  options.ms = line.number("ms", 0.001);
+  options.json = line.has("json");
+  return options;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options options;
-  if (argc == 2 && strcmp(argv[1], "--help") == 0) {
-    printf("%s%s", kUsage, kHelp);
-    return 0;
-  }
-  if (!parse(argc, argv, &options)) {
-    fputs(kUsage, stderr);
-    return 2;
-  }
+  const Options options = parse(argc, argv);
   std::vector<peers::Layer> layers;
   if (!options.file.empty()) {
     layers = peers::read_layers(options.file, false);

@@ -1,22 +1,13 @@
-// Chooses the fraction bits of a network for the fixed-point backend: runs the float
-// network over sample inputs, takes for every node the largest q that holds what was seen,
-// writes the list, and reports how well the fixed-point network then does.
-//
-//   zyn-quant [--layers FILE] --model FILE.zynm --out LIST [--margin 1.5] [--vary] SAMPLE...
-//
-// The network is the ssd320 detector or that of a layer list. A sample is a raw file with the
-// floats of its input (.f32); for the detector, a BMP photo too. --vary calibrates the
-// detector on flips, crops and brightness changes of the samples instead of the samples. The
-// list goes to LIST ("node q" a line), the report to the standard output.
+// Chooses the fraction bits of a network for the fixed-point backend; see kHelp.
 #include <math.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
+#include "options.h"
 #include "whole.h"
 
 namespace {
@@ -24,63 +15,51 @@ namespace {
 using tools::Whole;
 using Floats = std::vector<float>;
 
-constexpr float kDefaultMargin = 1.5f;
+constexpr char kHelp[] =
+    "usage: zyn-quant [--layers FILE] --model FILE.zynm --out LIST [--margin 1.5] [--vary] "
+    "SAMPLE...\n"
+    "\n"
+    "Chooses the fraction bits of a network for the fixed-point backend: runs the float network\n"
+    "over sample inputs, takes for every node the largest q that holds --margin times what was\n"
+    "seen, writes the list to LIST (\"node q\" a line), and reports how well the fixed-point\n"
+    "network then does.\n"
+    "\n"
+    "The network is the ssd320 detector or that of a layer list. A sample is a raw file with\n"
+    "the floats of its input (.f32); for the detector, a BMP photo too. --vary calibrates the\n"
+    "detector on flips, crops and brightness changes of the samples instead of the samples.\n";
 constexpr double kMostWord = 32767;
 constexpr int32_t kMostBits = 15;
 constexpr uint32_t kMethod = 0;
 constexpr float kEpsilon = 1e-5f;  // of the normalised convolutions whose record has none
 constexpr int32_t kColour = 2;     // reading mode: blue, green, red
 
-enum Exit { kDone = 0, kFailed = 1, kUsage = 2 };
-
 struct Options {
   std::string layers, model, out;
   std::vector<std::string> samples;
-  float margin = kDefaultMargin;
-  bool vary = false;
+  float margin;
+  bool vary;
 };
-
-bool usage(const std::string& complaint) {
-  fprintf(
-      stderr,
-      "%s\nusage: zyn-quant [--layers FILE] --model FILE.zynm --out LIST [--margin 1.5] [--vary] "
-      "SAMPLE...\n",
-      complaint.c_str());
-  return false;
-}
 
 bool failed(const std::string& complaint) {
   fprintf(stderr, "zyn-quant: %s\n", complaint.c_str());
   return false;
 }
 
-bool parse(int argc, char** argv, Options* options) {
-  for (int i = 1; i < argc; i++) {
-    const std::string argument = argv[i];
-    const bool takes_value = argument == "--layers" || argument == "--model" ||
-                             argument == "--out" || argument == "--margin";
-    if (takes_value && i + 1 == argc) return usage(argument + " needs a value");
-    if (argument == "--layers") {
-      options->layers = argv[++i];
-    } else if (argument == "--model") {
-      options->model = argv[++i];
-    } else if (argument == "--out") {
-      options->out = argv[++i];
-    } else if (argument == "--margin") {
-      options->margin = static_cast<float>(atof(argv[++i]));
-      if (!(options->margin >= 1)) return usage("the margin is a factor of at least 1");
-    } else if (argument == "--vary") {
-      options->vary = true;
-    } else if (argument[0] == '-') {
-      return usage("what is " + argument + "?");
-    } else {
-      options->samples.push_back(argument);
-    }
-  }
-  if (options->model.empty() || options->out.empty() || options->samples.empty())
-    return usage("a model, a file for the list and samples are needed");
-  if (options->vary && !options->layers.empty()) return usage("--vary is for the detector");
-  return true;
+Options parse(int argc, char** argv) {
+  const cli::Line line(
+      argc, argv, kHelp,
+      {{"layers", ""}, {"model", ""}, {"out", ""}, {"margin", "1.5"}, {"vary", nullptr}},
+      static_cast<size_t>(argc));
+  const Options options = {line["layers"],
+                           line["model"],
+                           line["out"],
+                           line.words(),
+                           static_cast<float>(line.number("margin", 1)),
+                           line.has("vary")};
+  if (options.model.empty() || options.out.empty() || options.samples.empty())
+    line.wrong("a model, a file for the list and samples are needed\n");
+  if (options.vary && !options.layers.empty()) line.wrong("--vary is for the detector\n");
+  return options;
 }
 
 // ---- samples: what the network's input holds
@@ -410,12 +389,15 @@ void Quantiser::report() const {
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options options;
-  if (!parse(argc, argv, &options)) return kUsage;
+  const Options options = parse(argc, argv);
   Quantiser quantiser;
+  if (!cli::writable(options.out, false)) {
+    failed(options.out + " cannot be written");
+    return 1;
+  }
   if (!quantiser.create(options) || !quantiser.choose(options.margin) || !quantiser.measure() ||
       !quantiser.write(options.out))
-    return kFailed;
+    return 1;
   quantiser.report();
-  return kDone;
+  return 0;
 }

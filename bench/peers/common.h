@@ -8,6 +8,7 @@
 
 #include <unistd.h>
 
+#include "../../tools/options.h"
 #include "../measure.h"
 
 namespace peers {
@@ -128,21 +129,18 @@ inline const char* isa_name(Isa i) {
   return i == kSse ? "sse" : i == kAvx2 ? "avx2" : "native";
 }
 
+// The options that every peer program knows; run.sh gives them to all.
+inline std::vector<cli::Option> with_common(std::vector<cli::Option> own) {
+  own.insert(own.end(), {{"isa", "avx2"}, {"subject", ""}});
+  return own;
+}
+
 // The peers read their ISA limits from the environment at load time, so the
 // program sets them and starts itself again once.
-inline Isa select_isa(int argc, char** argv) {
-  Isa isa = kAvx2;
-  for (int i = 1; i + 1 < argc; i++)
-    if (!strcmp(argv[i], "--isa")) {
-      const std::string v = argv[i + 1];
-      if (v == "sse") isa = kSse;
-      else if (v == "avx2") isa = kAvx2;
-      else if (v == "native") isa = kNative;
-      else {
-        fprintf(stderr, "--isa takes sse, avx2 or native\n");
-        exit(2);
-      }
-    }
+inline Isa select_isa(const cli::Line& line, char** argv) {
+  const std::string& v = line["isa"];
+  if (v != "sse" && v != "avx2" && v != "native") line.wrong("--isa takes sse, avx2 or native\n");
+  const Isa isa = v == "sse" ? kSse : v == "avx2" ? kAvx2 : kNative;
   if (!getenv("PEERS_ISA_SET")) {
     setenv("PEERS_ISA_SET", isa_name(isa), 1);
     setenv("OMP_NUM_THREADS", "1", 1);
@@ -162,30 +160,6 @@ inline Isa select_isa(int argc, char** argv) {
     exit(2);
   }
   return isa;
-}
-
-inline double arg_num(int argc, char** argv, const char* name, double dflt) {
-  for (int i = 1; i + 1 < argc; i++)
-    if (!strcmp(argv[i], name)) return atof(argv[i + 1]);
-  return dflt;
-}
-
-inline std::string arg_str(int argc, char** argv, const char* name, const char* dflt = "") {
-  for (int i = 1; i + 1 < argc; i++)
-    if (!strcmp(argv[i], name)) return argv[i + 1];
-  return dflt;
-}
-
-// First argument that is neither an option nor an option's value.
-inline std::string arg_pos(int argc, char** argv, int which = 0) {
-  for (int i = 1; i < argc; i++) {
-    if (!strncmp(argv[i], "--", 2)) {
-      i++;
-      continue;
-    }
-    if (which-- == 0) return argv[i];
-  }
-  return "";
 }
 
 }  // namespace peers

@@ -1,15 +1,16 @@
-// Whole-network latency through OpenCV dnn, one thread.
-// Usage: net_peers FILE WIDTHxHEIGHT [--channels 3] [--isa avx2|native] [--runs n]
-//                  [--layers LAYERFILE] [--subject COMMAND --net NAME [--methods 2,1,0]]
-// FILE is an ONNX network, or a layer list (*.layers): then the network in which every
-// layer reads the latest output of its input shape, each a convolution with bias and ReLU.
-// The layer file only supplies the work count (OpenCV's own count is wrong for
-// depthwise layers). With a subject, its network is NAME under each of the methods, measured
-// in turn.
+// Whole-network latency through OpenCV dnn, one thread (see kHelp).
 #include "opencv_layer.h"
 #include "subject.h"
 
 using namespace peers;
+
+static constexpr char kHelp[] =
+    "usage: net_peers FILE WIDTHxHEIGHT [--channels 3] [--isa avx2|native] [--runs n] "
+    "[--layers LAYERFILE] [--subject COMMAND --net NAME [--methods 2,1,0]]\n"
+    "FILE is an ONNX network, or a layer list (*.layers): then the network in which every layer\n"
+    "reads the latest output of its input shape, each a convolution with bias and ReLU. The\n"
+    "layer file only supplies the work count (OpenCV's own count is wrong for depthwise layers).\n"
+    "With a subject, its network is NAME under each of the methods, measured in turn.\n";
 
 namespace {
 
@@ -39,18 +40,15 @@ cv::dnn::Net network_of_layers(const std::vector<Layer>& layers) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const Isa isa = select_isa(argc, argv);
+  const cli::Line line(argc, argv, kHelp, with_common({{"channels", "3"}, {"runs", "200"}, {"layers", ""}, {"net", ""}, {"methods", "2"}}), 2);
+  const Isa isa = select_isa(line, argv);
   int w = 0, h = 0;
-  if (sscanf(arg_pos(argc, argv, 1).c_str(), "%dx%d", &w, &h) != 2) {
-    fprintf(stderr,
-            "usage: net_peers FILE WIDTHxHEIGHT [--channels 3] [--isa avx2|native] [--runs n]"
-            " [--layers LAYERFILE] [--subject COMMAND --net NAME [--methods 2,1,0]]\n");
-    return 2;
-  }
-  const int runs = static_cast<int>(arg_num(argc, argv, "--runs", 200));
-  const int ch = static_cast<int>(arg_num(argc, argv, "--channels", 3));
+  if (sscanf(line.word(1).c_str(), "%dx%d", &w, &h) != 2)
+    line.wrong("a network and its input's size are needed\n");
+  const int runs = static_cast<int>(line.number("runs", 1));
+  const int ch = static_cast<int>(line.number("channels", 1));
   cv::setNumThreads(1);
-  const std::string file = arg_pos(argc, argv, 0);
+  const std::string file = line.word(0);
   const bool list = file.size() > 7 && file.compare(file.size() - 7, 7, ".layers") == 0;
   cv::dnn::Net net =
       list ? network_of_layers(read_layers(file, false)) : cv::dnn::readNetFromONNX(file);
@@ -64,7 +62,7 @@ int main(int argc, char** argv) {
   net.setInput(cv::Mat(4, dims, CV_32F, in.p));
   net.forward(res, outs);
   double flop = 0;
-  const std::string lf = arg_str(argc, argv, "--layers");
+  const std::string lf = line["layers"];
   if (!lf.empty())
     for (const Layer& l : read_layers(lf)) flop += l.flop() * l.count;
 
@@ -78,13 +76,13 @@ int main(int argc, char** argv) {
     explicit Ours(const std::string& command) : process(command) {}
   };
   std::vector<std::unique_ptr<Ours>> ours;
-  const std::string command = arg_str(argc, argv, "--subject");
-  std::istringstream methods(arg_str(argc, argv, "--methods", "2"));
+  const std::string command = line["subject"];
+  std::istringstream methods(line["methods"]);
   for (std::string m; !command.empty() && std::getline(methods, m, ',');) {
     ours.emplace_back(new Ours(command));
     ours.back()->method = m;
     ours.back()->ready =
-        ours.back()->process.setup("net " + arg_str(argc, argv, "--net") + " " + m);
+        ours.back()->process.setup("net " + line["net"] + " " + m);
   }
   Samples s;
   Peak peak;
@@ -111,17 +109,17 @@ int main(int argc, char** argv) {
     printf("]");
   }
   printf("\nAVX2 FMA peak of this run: best %.1f, median %.1f GFLOP/s\n", peak.best, peak.median());
-  auto line = [&](const char* who, double mn, double md) {
+  auto print = [&](const char* who, double mn, double md) {
     printf("  %-10s min %9.1f us  median %9.1f us", who, mn / 1e3, md / 1e3);
     if (flop > 0) printf("  %6.1f GFLOP/s %5.1f%%", flop / mn, 100 * flop / mn / peak.best);
     printf("\n");
   };
-  line("opencv-dnn", s.min(), s.median());
+  print("opencv-dnn", s.min(), s.median());
   bool failed = false;
   for (auto& o : ours) {
     failed |= o->process.failed();
     if (!(o->min > 0)) continue;
-    line(("subject-m" + o->method).c_str(), o->min, o->medians.median());
+    print(("subject-m" + o->method).c_str(), o->min, o->medians.median());
     printf("  subject-m%s x%.2f of opencv-dnn\n", o->method.c_str(), s.min() / o->min);
   }
   return failed ? 1 : 0;

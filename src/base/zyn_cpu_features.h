@@ -14,5 +14,7 @@ extern uint8_t zyn_cpu_feature_flags[kZynFeatureCount];
 extern const char* zyn_cpu_feature_names[kZynFeatureCount];
 extern uint32_t zyn_cpu_family;
 
-// Fills the tables on the first call; later calls do nothing.
+// Fills the tables on the first call; later calls do nothing. Nothing in the library calls it:
+// it serves a kernel dispatch with a choice of instruction sets, and the vector code here has
+// one only.
 void zyn_init_cpu_features();

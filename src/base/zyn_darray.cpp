@@ -65,12 +65,17 @@ int32_t zyn_darray_push(zyn_darray* array, const void* source) {
   return ZYN_RET_OK;
 }
 
+void zyn_darray_cut(zyn_darray* array, int64_t count) {
+  if (array->type.free)
+    for (int64_t i = count; i < array->count; i++) array->type.free(slot_of(array, i));
+  array->count = count;
+}
+
 int32_t zyn_release_darray(zyn_darray** array) {
   if (!array || !*array) return ZYN_RET_ERR_PARA;
   zyn_darray* self = *array;
   if (self->capacity) {
-    if (self->type.free)
-      for (int64_t i = 0; i < self->count; i++) self->type.free(slot_of(self, i));
+    zyn_darray_cut(self, 0);
     zyn_free(self->data);
   }
   zyn_free(self);

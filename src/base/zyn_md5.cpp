@@ -3,6 +3,8 @@
 
 #include <string.h>
 
+#include <utility>
+
 namespace {
 
 constexpr uint32_t kBlock = 64;
@@ -37,32 +39,30 @@ constexpr int word_of(int round, int i) {
   return (round == 0 ? i : round == 1 ? 5 * i + 1 : round == 2 ? 3 * i + 5 : 7 * i) & 15;
 }
 
-template <int Round>
-void sixteen_steps(uint32_t state[4], const uint32_t words[16]) {
-  uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
-#pragma GCC unroll 16
-  for (int i = 0; i < 16; i++) {
-    const uint32_t sum =
-        a + (kSines[16 * Round + i] + words[word_of(Round, i)]) + mix<Round>(b, c, d);
-    a = d;
-    d = c;
-    c = b;
-    b += rotate(sum, kRotations[Round][i & 3]);
-  }
-  state[0] = a;
-  state[1] = b;
-  state[2] = c;
-  state[3] = d;
+// Step I of a round. The words a, b, c, d change places from step to step.
+template <int Round, int I>
+void step(uint32_t state[4], const uint32_t words[16]) {
+  uint32_t& a = state[-I & 3];
+  const uint32_t b = state[(1 - I) & 3], c = state[(2 - I) & 3], d = state[(3 - I) & 3];
+  const uint32_t sum =
+      a + (kSines[16 * Round + I] + words[word_of(Round, I)]) + mix<Round>(b, c, d);
+  a = b + rotate(sum, kRotations[Round][I & 3]);
+}
+
+template <int Round, int... I>
+void steps(uint32_t state[4], const uint32_t words[16], std::integer_sequence<int, I...>) {
+  (step<Round, I>(state, words), ...);
 }
 
 void compress(uint32_t chain[4], const uint8_t* block) {
   uint32_t words[16];
   memcpy(words, block, sizeof(words));  // little-endian on both sides
+  constexpr std::make_integer_sequence<int, 16> kSixteen;
   uint32_t state[4] = {chain[0], chain[1], chain[2], chain[3]};
-  sixteen_steps<0>(state, words);
-  sixteen_steps<1>(state, words);
-  sixteen_steps<2>(state, words);
-  sixteen_steps<3>(state, words);
+  steps<0>(state, words, kSixteen);
+  steps<1>(state, words, kSixteen);
+  steps<2>(state, words, kSixteen);
+  steps<3>(state, words, kSixteen);
   for (int i = 0; i < 4; i++) chain[i] += state[i];
 }
 

@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <atomic>
+
 namespace {
 
 constexpr uint64_t kOverhead = 48;  // two header words and the way to the next multiple of 32
@@ -16,7 +18,9 @@ void system_release(void* block) { free(block); }
 constexpr zyn_system_allocator kSystem = {system_allocate, system_release};
 zyn_system_allocator allocator = kSystem;
 
-uint64_t bytes_in_use = 0;  // On purpose not atomic: one thread allocates at a time.
+// Graphs of several threads allocate at once; nothing is ordered by the count, so that
+// relaxed operations suffice.
+std::atomic<uint64_t> bytes_in_use{0};
 
 uint64_t* header_of(void* block) { return static_cast<uint64_t*>(block); }
 
@@ -38,19 +42,21 @@ void* zyn_malloc(int64_t size) {
   uint64_t* block = reinterpret_cast<uint64_t*>(address);
   block[-1] = wanted;
   block[-2] = reinterpret_cast<uintptr_t>(system_block);
-  bytes_in_use += wanted;
+  bytes_in_use.fetch_add(wanted, std::memory_order_relaxed);
   return block;
 }
 
 void zyn_free(void* block) {
   if (!block) return;
   const uint64_t* header = header_of(block);
-  bytes_in_use -= header[-1];
+  bytes_in_use.fetch_sub(header[-1], std::memory_order_relaxed);
   void* system_block = reinterpret_cast<void*>(static_cast<uintptr_t>(header[-2]));
   if (system_block) allocator.release(system_block);
 }
 
-uint64_t zyn_get_current_memory_size_occupation(void) { return bytes_in_use; }
+uint64_t zyn_get_current_memory_size_occupation(void) {
+  return bytes_in_use.load(std::memory_order_relaxed);
+}
 
 void* zyn_calloc(int64_t count, int64_t size) {
   int64_t bytes = 0;

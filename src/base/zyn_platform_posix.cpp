@@ -3,6 +3,8 @@
 #if !defined(_WIN32)
 
 #include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
@@ -59,15 +61,23 @@ int compare_names(const void* a, const void* b) {
 struct zyn_platform_search {
   char** names;
   int64_t count;
+  int64_t capacity;
   int64_t position;
 };
 
 namespace {
 
+constexpr int64_t kFirstNames = 64;
+
 bool add_name(zyn_platform_search* search, const char* name) {
-  void* names = zyn_grow(search->names, (search->count + 1) * static_cast<int64_t>(sizeof(char*)));
-  if (!names) return false;
-  search->names = static_cast<char**>(names);
+  if (search->count == search->capacity) {
+    // Doubled: with one more at a time the copies would grow with the square of the count.
+    const int64_t capacity = search->capacity ? 2 * search->capacity : kFirstNames;
+    void* names = zyn_grow(search->names, capacity * static_cast<int64_t>(sizeof(char*)));
+    if (!names) return false;
+    search->names = static_cast<char**>(names);
+    search->capacity = capacity;
+  }
   const size_t length = strlen(name) + 1;
   char* copy = static_cast<char*>(zyn_malloc(static_cast<int64_t>(length)));
   if (!copy) return false;
@@ -96,31 +106,72 @@ FILE* zyn_platform_open(const char* path, const char* mode) {
   return fopen(path, mode);
 }
 
-bool zyn_platform_get_directory(char* buffer, int32_t size) {
-  return getcwd(buffer, static_cast<size_t>(size)) != nullptr;
+int64_t zyn_platform_length(FILE* stream) {
+  return fseeko(stream, 0, SEEK_END) == 0 ? static_cast<int64_t>(ftello(stream)) : -1;
 }
 
-bool zyn_platform_set_directory(const char* path) { return chdir(path) == 0; }
+bool zyn_platform_seek(FILE* stream, int64_t offset) {
+  return fseeko(stream, static_cast<off_t>(offset), SEEK_SET) == 0;
+}
 
-zyn_platform_search* zyn_platform_search_open(const char* pattern, zyn_platform_entry* entry) {
+bool zyn_platform_finish(FILE* stream, const char* path, bool complete) {
+  struct stat opened, found;
+  const bool regular = fstat(fileno(stream), &opened) == 0 && S_ISREG(opened.st_mode);
+  if (fclose(stream) == 0 && complete) return true;
+  if (!regular) return false;
+  // Behind symbolic links; only if the name still means the file that was written.
+  char* name = realpath(path, nullptr);
+  if (name && stat(name, &found) == 0 && found.st_dev == opened.st_dev &&
+      found.st_ino == opened.st_ino)
+    unlink(name);
+  free(name);
+  return false;
+}
+
+bool zyn_platform_enter(const char* path, zyn_platform_place* place) {
+#ifdef O_PATH
+  constexpr int kHow = O_PATH | O_DIRECTORY | O_CLOEXEC;  // needs no permission to read
+#else
+  constexpr int kHow = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+#endif
+  const int before = open(".", kHow);
+  if (before < 0) return false;
+  place->before = before;
+  if (chdir(path) == 0) return true;
+  close(before);
+  return false;
+}
+
+void zyn_platform_leave(const zyn_platform_place* place) {
+  const int before = static_cast<int>(place->before);
+  if (fchdir(before) != 0) {
+    // Nowhere to go back to: the caller stays where it is.
+  }
+  close(before);
+}
+
+int32_t zyn_platform_search_open(const char* pattern, zyn_platform_search** search,
+                                 zyn_platform_entry* entry) {
+  auto names = zyn_scratch<zyn_platform_search>::zeroed(1);
+  if (!names) return ZYN_RET_ERR_MEMORY;
   DIR* directory = opendir(".");
-  if (!directory) return nullptr;
-  zyn_scratch<zyn_platform_search> search = zyn_scratch<zyn_platform_search>::zeroed(1);
-  bool complete = static_cast<bool>(search);
+  if (!directory) return errno == ENOMEM ? ZYN_RET_ERR_MEMORY : ZYN_RET_ERR_PARA;
+  bool complete = true;
   while (complete) {
     const dirent* found = readdir(directory);
     if (!found) break;
-    if (entry_matches(pattern, found->d_name)) complete = add_name(search.get(), found->d_name);
+    if (entry_matches(pattern, found->d_name)) complete = add_name(names.get(), found->d_name);
   }
   closedir(directory);
-  if (!search) return nullptr;
-  zyn_platform_search* result = search.take();
+  zyn_platform_search* result = names.take();
   if (complete && result->count > 0) {
     qsort(result->names, static_cast<size_t>(result->count), sizeof(char*), compare_names);
-    if (zyn_platform_search_next(result, entry)) return result;
+    zyn_platform_search_next(result, entry);
+    *search = result;
+    return ZYN_RET_OK;
   }
   zyn_platform_search_close(result);
-  return nullptr;
+  return complete ? ZYN_RET_ERR_PARA : ZYN_RET_ERR_MEMORY;
 }
 
 bool zyn_platform_search_next(zyn_platform_search* search, zyn_platform_entry* entry) {
@@ -134,7 +185,6 @@ bool zyn_platform_search_next(zyn_platform_search* search, zyn_platform_entry* e
 }
 
 void zyn_platform_search_close(zyn_platform_search* search) {
-  if (!search) return;
   for (int64_t i = 0; i < search->count; i++) zyn_free(search->names[i]);
   zyn_free(search->names);
   zyn_free(search);

@@ -3,7 +3,9 @@
 
 #define WIN32_LEAN_AND_MEAN
 #include <direct.h>
+#include <errno.h>
 #include <io.h>
+#include <stdlib.h>
 #include <string.h>
 #include <wchar.h>
 #include <windows.h>
@@ -56,11 +58,37 @@ FILE* zyn_platform_open(const char* path, const char* mode) {
   return _wfopen(wide, wide_mode);
 }
 
-bool zyn_platform_get_directory(char* buffer, int32_t size) {
-  return _getcwd(buffer, size) != nullptr;
+int64_t zyn_platform_length(FILE* stream) {
+  return _fseeki64(stream, 0, SEEK_END) == 0 ? _ftelli64(stream) : -1;
 }
 
-bool zyn_platform_set_directory(const char* path) { return _chdir(path) == 0; }
+bool zyn_platform_seek(FILE* stream, int64_t offset) {
+  return _fseeki64(stream, offset, SEEK_SET) == 0;
+}
+
+bool zyn_platform_finish(FILE* stream, const char* path, bool complete) {
+  const auto file = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(stream)));
+  const bool regular = GetFileType(file) == FILE_TYPE_DISK;
+  if (fclose(stream) == 0 && complete) return true;
+  wchar_t wide[kWidePath];
+  if (regular && widen(path, wide)) _wremove(wide);
+  return false;
+}
+
+bool zyn_platform_enter(const char* path, zyn_platform_place* place) {
+  wchar_t* before = _wgetcwd(nullptr, 0);
+  if (!before) return false;
+  place->before = reinterpret_cast<intptr_t>(before);
+  if (_chdir(path) == 0) return true;
+  free(before);
+  return false;
+}
+
+void zyn_platform_leave(const zyn_platform_place* place) {
+  auto* before = reinterpret_cast<wchar_t*>(place->before);
+  _wchdir(before);
+  free(before);
+}
 
 namespace {
 
@@ -71,14 +99,16 @@ void take_entry(const _finddata64i32_t& found, zyn_platform_entry* entry) {
 
 }  // namespace
 
-zyn_platform_search* zyn_platform_search_open(const char* pattern, zyn_platform_entry* entry) {
-  zyn_scratch<zyn_platform_search> search(1);
-  if (!search) return nullptr;
+int32_t zyn_platform_search_open(const char* pattern, zyn_platform_search** search,
+                                 zyn_platform_entry* entry) {
+  zyn_scratch<zyn_platform_search> opened(1);
+  if (!opened) return ZYN_RET_ERR_MEMORY;
   _finddata64i32_t found;
-  search->handle = _findfirst64i32(pattern, &found);
-  if (search->handle == -1) return nullptr;
+  opened->handle = _findfirst64i32(pattern, &found);
+  if (opened->handle == -1) return errno == ENOMEM ? ZYN_RET_ERR_MEMORY : ZYN_RET_ERR_PARA;
   take_entry(found, entry);
-  return search.take();
+  *search = opened.take();
+  return ZYN_RET_OK;
 }
 
 bool zyn_platform_search_next(zyn_platform_search* search, zyn_platform_entry* entry) {
@@ -89,7 +119,6 @@ bool zyn_platform_search_next(zyn_platform_search* search, zyn_platform_entry* e
 }
 
 void zyn_platform_search_close(zyn_platform_search* search) {
-  if (!search) return;
   _findclose(search->handle);
   zyn_free(search);
 }

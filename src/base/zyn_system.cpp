@@ -1,4 +1,4 @@
-// The millisecond clock and the directory lister.
+// The millisecond clock, the directory lister and the version.
 #include <stdio.h>
 #include <string.h>
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr int32_t kPathSize = 1024;  // working directory and listed names, with the terminator
+constexpr int32_t kPathSize = 1024;  // listed names, with the terminator
 
 double tick_frequency = -1.0;  // ticks per second; negative until the first reading
 
@@ -18,22 +18,33 @@ bool pattern_is_accepted(const char* pattern) {
   return strlen(pattern) >= 3 && (pattern[0] == '*' || pattern[1] == '.');
 }
 
-// Appends the files among the working directory's matches. False when none matches.
-bool list_matches(zyn_darray* list, const char* directory, const char* pattern) {
+// False without memory. A string that could not be copied is a null element.
+bool push_text(zyn_darray* list, const char* text) {
+  if (zyn_darray_push(list, &text) != ZYN_RET_OK) return false;
+  return static_cast<uint32_t>(list->type.element_size) != sizeof(char*) ||
+         static_cast<char* const*>(list->data)[list->count - 1] != nullptr;
+}
+
+// Appends the files among the working directory's matches: 0, 1 when nothing matches, or
+// 2 with the list's elements as they were.
+int32_t list_matches(zyn_darray* list, const char* directory, const char* pattern) {
   zyn_platform_entry entry;
-  zyn_platform_search* search = zyn_platform_search_open(pattern, &entry);
-  if (!search) return false;
+  zyn_platform_search* search = nullptr;
+  if (const int32_t code = zyn_platform_search_open(pattern, &search, &entry)) return code;
+  const int64_t before = list->count;
+  bool complete = true;
   do {
     // On purpose: only the plain directory attribute is passed over.
     if (entry.attributes == kZynDirectoryAttribute) continue;
     char path[kPathSize];
     const int length = snprintf(path, sizeof(path), "%s/%s", directory, entry.name);
     if (length < 0 || length >= kPathSize) continue;  // a cut name would name another file
-    const char* text = path;
-    zyn_darray_push(list, &text);
-  } while (zyn_platform_search_next(search, &entry));
+    complete = push_text(list, path);
+  } while (complete && zyn_platform_search_next(search, &entry));
   zyn_platform_search_close(search);
-  return true;
+  if (complete) return ZYN_RET_OK;
+  zyn_darray_cut(list, before);
+  return ZYN_RET_ERR_MEMORY;
 }
 
 }  // namespace
@@ -52,13 +63,17 @@ double zyn_get_current_system_time(void) {
 int32_t zyn_get_specfic_files_for_given_dir(zyn_darray* list, const char* directory,
                                             const char* pattern) {
   if (!list || !directory || !pattern || !pattern_is_accepted(pattern)) return ZYN_RET_ERR_PARA;
-  char before[kPathSize];
-  if (!zyn_platform_get_directory(before, kPathSize) || !zyn_platform_set_directory(directory)) {
+  zyn_platform_place place;
+  if (!zyn_platform_enter(directory, &place)) {
     zyn_print("chdir %s error\n", directory);
     return ZYN_RET_ERR_PARA;
   }
-  const bool found = list_matches(list, directory, pattern);
-  if (!found) zyn_print("no %s file format in the %s!\n", pattern, directory);
-  zyn_platform_set_directory(before);
-  return found ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
+  const int32_t code = list_matches(list, directory, pattern);
+  if (code == ZYN_RET_ERR_PARA) zyn_print("no %s file format in the %s!\n", pattern, directory);
+  zyn_platform_leave(&place);
+  return code;
+}
+
+uint32_t zyn_version(void) {
+  return ZYN_VERSION_MAJOR * 10000 + ZYN_VERSION_MINOR * 100 + ZYN_VERSION_PATCH;
 }

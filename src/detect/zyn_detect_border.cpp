@@ -4,7 +4,7 @@
 #include <string.h>
 
 #include "base/zyn_memory.h"
-#include "zyncore.h"
+#include "image/zyn_image.h"
 
 namespace {
 
@@ -156,34 +156,39 @@ void copy_patch(const target_plane& target, const source_plane& source, const pa
            from + clamp_row(p.from.y + r) * source.stride, static_cast<size_t>(bytes));
 }
 
-// How the bytes of a format lie, apart from their meaning: images of one layout and
-// pixel size can be copied into each other.
-enum class layout { packed, i420, planar, two_plane };
-layout layout_of(const zyn_image* image) {
-  switch (image->format) {
-    case ZYN_IMAGE_I420:
-      return layout::i420;
-    case ZYN_IMAGE_PLANAR:
-      return layout::planar;
-    case ZYN_IMAGE_NV12:
-    case ZYN_IMAGE_NV21:
-      return layout::two_plane;
-    default:
-      return layout::packed;
+// Whether clearing and filling target would change a byte of source.
+bool touches(const target_plane& target, const source_plane& source) {
+  const zyn_plane cleared = {target.data, 0, 1, 1};
+  const zyn_plane read = {const_cast<uint8_t*>(source.data), source.stride, source.cols,
+                          source.rows};
+  return zyn_planes_overlap(cleared, target.stride * target.rows, read, source.used());
+}
+
+bool touches(zyn_image* target, const zyn_image* source) {
+  const int32_t planes = target->format == ZYN_IMAGE_I420 ? 3 : 1;
+  for (int32_t i = 0; i < planes * planes; i++) {
+    const int32_t to = i / planes, from = i % planes;
+    if (touches(to ? chroma_plane<uint8_t>(target, to - 1) : main_plane<uint8_t>(target),
+                from ? chroma_plane<const uint8_t>(source, from - 1)
+                     : main_plane<const uint8_t>(source)))
+      return true;
   }
+  return false;
 }
 
 int32_t check_patch(const zyn_image* target, const zyn_image* source, const patch& p) {
-  if (target->channels != source->channels || layout_of(target) != layout_of(source) ||
+  if (target->channels != source->channels ||
+      zyn_layout_of(target->format) != zyn_layout_of(source->format) ||
       target->element_size != source->element_size)
     return ZYN_RET_ERR_PARA;
   if (target->cols < 1 || target->rows < 1) return ZYN_RET_ERR_PARA;
   if (p.width < 1 || p.height < 1 || p.width > source->cols || p.height > source->rows ||
       !fits(p.to, p, target->cols, target->rows) || !fits(p.from, p, source->cols, source->rows))
     return ZYN_RET_ERR_PARA;
-  const layout bytes = layout_of(target);
-  if (bytes == layout::planar || bytes == layout::two_plane) return ZYN_RET_ERR_NOT_SUPPORT;
-  if (bytes == layout::packed && target->channels != 1 && target->channels != 3)
+  const zyn_image_layout layout = zyn_layout_of(target->format);
+  if (layout == zyn_image_layout::planar || layout == zyn_image_layout::two_plane)
+    return ZYN_RET_ERR_NOT_SUPPORT;
+  if (layout == zyn_image_layout::packed && target->channels != 1 && target->channels != 3)
     return ZYN_RET_ERR_NOT_SUPPORT;
   return planes_sound(target) && planes_sound(source) ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
 }
@@ -223,6 +228,7 @@ int32_t zyn_image_cropped_patch_with_border(zyn_image* destination,
                 size[1]};
   const int32_t code = check_patch(destination, source, p);
   if (code != ZYN_RET_OK) return code;
+  if (touches(destination, source)) return ZYN_RET_ERR_PARA;
   const auto to = main_plane<uint8_t>(destination);
   fill(to.data, kBlack, to.rows * to.stride);
   copy_patch(to, main_plane<const uint8_t>(source), p);

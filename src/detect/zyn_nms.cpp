@@ -1,11 +1,14 @@
-// Greedy non-maximum suppression. The candidates are sorted by score, split into
-// columns (structure of arrays), and then every remaining record in turn is the
-// pivot of a pass that packs the survivors behind it, eight overlaps at a time.
+// Greedy non-maximum suppression. The candidates are sorted by score and lie in columns
+// (structure of arrays); every remaining record in turn is the pivot of a pass that packs
+// the survivors behind it, eight overlaps at a time. Many candidates are spread over the
+// cells of grids first (see struct grid), and a pass visits the cells near the pivot.
 // A column ends where the next one begins, so the last block of a pass is masked.
 #include <immintrin.h>
+#include <math.h>
 #include <string.h>
 
 #include "base/zyn_memory.h"
+#include "simd/zyn_vectors.h"
 #include "zyncore.h"
 
 namespace {
@@ -72,18 +75,24 @@ struct columns {
 // max(0, b - a) where a comparison with NaN is false.
 float extent(float a, float b) { return 0.0f < b - a ? b - a : 0.0f; }
 
-void fill_columns(const columns& c, const zyn_detection* boxes, const sort_entry* order,
-                  int32_t count) {
-  for (int32_t i = 0; i < count; i++) {
-    const auto from = static_cast<uint32_t>(order[i]);
-    const zyn_detection& box = boxes[from];
-    c.x1[i] = box.x1;
-    c.y1[i] = box.y1;
-    c.x2[i] = box.x2;
-    c.y2[i] = box.y2;
-    c.area[i] = extent(box.x1, box.x2) * extent(box.y1, box.y2);
-    c.index[i] = static_cast<int32_t>(from);
-  }
+void put(const columns& c, int32_t at, const zyn_detection* boxes, sort_entry entry) {
+  const auto from = static_cast<uint32_t>(entry);
+  const zyn_detection& box = boxes[from];
+  c.x1[at] = box.x1;
+  c.y1[at] = box.y1;
+  c.x2[at] = box.x2;
+  c.y2[at] = box.y2;
+  c.area[at] = extent(box.x1, box.x2) * extent(box.y1, box.y2);
+  c.index[at] = static_cast<int32_t>(from);
+}
+
+void move_record(const columns& c, int32_t to, int32_t from) {
+  c.x1[to] = c.x1[from];
+  c.y1[to] = c.y1[from];
+  c.x2[to] = c.x2[from];
+  c.y2[to] = c.y2[from];
+  c.area[to] = c.area[from];
+  c.index[to] = c.index[from];
 }
 
 // For every mask of eight lanes the numbers of the set lanes, one byte each, lowest
@@ -107,7 +116,7 @@ struct box8 {
   __m256 x1, y1, x2, y2, area;
 };
 
-// Bit per lane: the overlap with the pivot does not exceed the threshold. Operand
+// Bit per lane: the overlap of pivot p and candidate b does not exceed the threshold. Operand
 // order decides what NaN gives: min and max take their second operand then, and a
 // NaN overlap does not pass.
 uint32_t kept_lanes(const box8& p, const box8& b, __m256 threshold) {
@@ -136,8 +145,16 @@ void store(float* to, __m256i lanes, __m256 values) {
     _mm256_maskstore_ps(to, lanes, values);
 }
 
-__m256i first_lanes(int32_t count) {
-  return _mm256_cmpgt_epi32(_mm256_set1_epi32(count), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+template <bool kWhole>
+box8 load_boxes(const columns& c, int32_t at, __m256i lanes) {
+  return {load<kWhole>(c.x1 + at, lanes), load<kWhole>(c.y1 + at, lanes),
+          load<kWhole>(c.x2 + at, lanes), load<kWhole>(c.y2 + at, lanes),
+          load<kWhole>(c.area + at, lanes)};
+}
+
+box8 broadcast(const columns& c, int32_t at) {
+  return {_mm256_set1_ps(c.x1[at]), _mm256_set1_ps(c.y1[at]), _mm256_set1_ps(c.x2[at]),
+          _mm256_set1_ps(c.y2[at]), _mm256_set1_ps(c.area[at])};
 }
 
 // Moves the survivors among records [read, read + lanes) down to write; returns where
@@ -146,10 +163,8 @@ __m256i first_lanes(int32_t count) {
 template <bool kWhole>
 int32_t pack_block(const columns& c, const box8& p, __m256 threshold, int32_t read, int32_t write,
                    int32_t lanes) {
-  const __m256i in = first_lanes(lanes);
-  const box8 b{load<kWhole>(c.x1 + read, in), load<kWhole>(c.y1 + read, in),
-               load<kWhole>(c.x2 + read, in), load<kWhole>(c.y2 + read, in),
-               load<kWhole>(c.area + read, in)};
+  const __m256i in = zyn_first_lanes(lanes);
+  const box8 b = load_boxes<kWhole>(c, read, in);
   const uint32_t present = (1u << lanes) - 1;
   const uint32_t kept = kept_lanes(p, b, threshold) & present;
   const int32_t survivors = __builtin_popcount(kept);
@@ -170,18 +185,270 @@ int32_t pack_block(const columns& c, const box8& p, __m256 threshold, int32_t re
   return write + survivors;
 }
 
-// One pass: drops what overlaps the pivot too much from the n records and returns how
-// many remain.
-int32_t suppress(const columns& c, int32_t pivot, int32_t n, __m256 threshold) {
-  const box8 p{_mm256_set1_ps(c.x1[pivot]), _mm256_set1_ps(c.y1[pivot]),
-               _mm256_set1_ps(c.x2[pivot]), _mm256_set1_ps(c.y2[pivot]),
-               _mm256_set1_ps(c.area[pivot])};
-  int32_t write = pivot + 1;
-  int32_t read = pivot + 1;
-  for (; n - read >= kLanes; read += kLanes)
+// One pass: drops what overlaps the pivot too much from the records first to end and
+// returns their new end.
+int32_t suppress(const columns& c, int32_t pivot, int32_t first, int32_t end, __m256 threshold) {
+  const box8 p = broadcast(c, pivot);
+  int32_t write = first;
+  int32_t read = first;
+  for (; end - read >= kLanes; read += kLanes)
     write = pack_block<true>(c, p, threshold, read, write, kLanes);
-  if (read < n) write = pack_block<false>(c, p, threshold, read, write, n - read);
+  if (read < end) write = pack_block<false>(c, p, threshold, read, write, end - read);
   return write;
+}
+
+// From here on grids beat passes over everything.
+constexpr int32_t kGridCount = 1024;
+constexpr int32_t kGridLimit = 1 << 29;  // buckets are numbered in 31 bits
+
+// A run of the columns: the pivots so far up to kept, and the records that remain, from
+// next to end in order of score.
+struct bucket {
+  int32_t begin, kept, next, end;
+};
+
+// Boxes whose width and whose height lie within a factor of 16, on a grid by their upper
+// left corners, hashed into buckets.
+struct size_class {
+  int32_t count, kept;
+  int32_t first_bucket;
+  uint32_t bucket_mask;
+  float min_w, max_w, min_h, max_h;
+  double per_cell_x, per_cell_y;  // cells per unit of length
+  double rank;                    // larger for larger boxes
+};
+constexpr int32_t kClassesPerAxis = 64;
+constexpr int32_t kClasses = kClassesPerAxis * kClassesPerAxis;
+
+// What a box is to the grids, where it is no number of a class.
+constexpr int32_t kInert = -1;     // neither removes nor is removed by a box of a class
+constexpr int32_t kAnywhere = -2;  // corners or extents that are not finite: met by all
+
+// Two boxes of finite corners and extents that have no common part have an overlap of
+// zero, so that a threshold of zero or more keeps both. If one removes the other, each
+// extent of the common part is above threshold times either box's. For upper left
+// corners at x1 and x1', widths w and w' that means
+//
+//   x1 - (1 - threshold) w' < x1' < x1 + (1 - threshold) w,    threshold w < w' < w / threshold
+//
+// and likewise for y. Where areas may add up to infinity an overlap may be no number for
+// any common part: the rule then serves with a threshold of zero.
+struct grid {
+  zyn_scratch<size_class> classes = zyn_scratch<size_class>::zeroed(kClasses);
+  zyn_scratch<int32_t> used{kClasses};  // the classes that have boxes
+  int32_t used_count = 0;
+  struct home {
+    int32_t kind, bucket;  // kind: a class, kInert or kAnywhere
+  };
+  zyn_scratch<home> place;  // per record, in order of score
+  zyn_scratch<bucket> buckets;
+  int32_t bucket_count = 0;
+  double threshold = 0;  // a little lower, for what rounding does to overlaps
+
+  explicit grid(int32_t count) : place(count), buckets(2 * int64_t{count} + 2) {}
+  explicit operator bool() const { return classes && used && place && buckets; }
+};
+constexpr int32_t kAnywhereBucket = 0;
+constexpr int32_t kInertBucket = 1;
+
+// Two areas below it have a finite sum.
+constexpr float kLargeArea = 0x1p126f;
+
+int32_t log16(float length) {
+  uint32_t bits;
+  memcpy(&bits, &length, sizeof(bits));
+  return static_cast<int32_t>(bits >> 25);
+}
+
+// A box's class. Thresholds from 1 on remove nothing of finite area.
+int32_t classify(const zyn_detection& box, float threshold) {
+  const float w = box.x2 - box.x1, h = box.y2 - box.y1;
+  if (!isfinite(box.x1) || !isfinite(box.y1) || !isfinite(w) || !isfinite(h)) return kAnywhere;
+  if (!(w > 0 && h > 0) || (threshold >= 1 && w * h < kLargeArea)) return kInert;
+  return log16(h) * kClassesPerAxis + log16(w);
+}
+
+// Classifies every record and collects the classes' extents.
+void fill_classes(grid* g, const zyn_detection* boxes, const sort_entry* order, int32_t count,
+                  float threshold) {
+  bool large = false;
+  for (int32_t i = 0; i < count; i++) {
+    const zyn_detection& box = boxes[static_cast<uint32_t>(order[i])];
+    const int32_t k = g->place[i].kind = classify(box, threshold);
+    if (k < 0) continue;
+    const float w = box.x2 - box.x1, h = box.y2 - box.y1;
+    large |= !(w * h < kLargeArea);
+    size_class& own = g->classes[k];
+    if (own.count++ == 0) {
+      g->used[g->used_count++] = k;
+      own.min_w = own.max_w = w;
+      own.min_h = own.max_h = h;
+    }
+    own.min_w = fminf(own.min_w, w);
+    own.max_w = fmaxf(own.max_w, w);
+    own.min_h = fminf(own.min_h, h);
+    own.max_h = fmaxf(own.max_h, h);
+  }
+  constexpr double kMargin = 1e-4, kMost = 0.99;  // the latter bounds the number of cells
+  if (!large) g->threshold = fmax(0, fmin(threshold - kMargin, kMost));
+}
+
+// Cell numbers of coordinates: monotonic, and the low bits tell neighbours apart.
+int64_t cell_of(double x, double per_cell) {
+  constexpr double kFar = 0x1p60;
+  const double cell = floor(x * per_cell);
+  return static_cast<int64_t>(cell < -kFar ? -kFar : cell > kFar ? kFar : cell);
+}
+
+int32_t bucket_of(const size_class& k, int64_t x, int64_t y) {
+  const uint64_t row = static_cast<uint64_t>(y) * 0x9E3779B97F4A7C15u >> 32;
+  return k.first_bucket +
+         static_cast<int32_t>((static_cast<uint32_t>(x) + static_cast<uint32_t>(row)) &
+                              k.bucket_mask);
+}
+
+// Gives every class its grid and at least as many buckets as boxes.
+void lay_buckets(grid* g) {
+  g->bucket_count = 2;
+  for (int32_t u = 0; u < g->used_count; u++) {
+    size_class& k = g->classes[g->used[u]];
+    uint32_t buckets = 1;
+    while (buckets < static_cast<uint32_t>(k.count)) buckets *= 2;
+    k.first_bucket = g->bucket_count;
+    k.bucket_mask = buckets - 1;
+    g->bucket_count += static_cast<int32_t>(buckets);
+    k.rank = double{k.max_w} * k.max_h;
+    k.per_cell_x = 1 / ((1 - g->threshold) * k.max_w);
+    k.per_cell_y = 1 / ((1 - g->threshold) * k.max_h);
+  }
+  for (int32_t b = 0; b < g->bucket_count; b++) g->buckets[b] = {0, 0, 0, 0};
+}
+
+// Brings the records into their buckets, in order of score within each.
+void fill_buckets(grid* g, const columns& c, const zyn_detection* boxes, const sort_entry* order,
+                  int32_t count) {
+  for (int32_t i = 0; i < count; i++) {
+    grid::home& place = g->place[i];
+    const zyn_detection& box = boxes[static_cast<uint32_t>(order[i])];
+    place.bucket = place.kind == kInert ? kInertBucket : kAnywhereBucket;
+    if (place.kind >= 0) {
+      const size_class& k = g->classes[place.kind];
+      place.bucket = bucket_of(k, cell_of(box.x1, k.per_cell_x), cell_of(box.y1, k.per_cell_y));
+    }
+    g->buckets[place.bucket].end++;
+  }
+  int32_t sum = 0;
+  for (int32_t b = 0; b < g->bucket_count; b++) {
+    bucket& own = g->buckets[b];
+    const int32_t boxes_here = own.end;
+    own = {sum, sum, sum, sum};
+    sum += boxes_here;
+  }
+  for (int32_t i = 0; i < count; i++) put(c, g->buckets[g->place[i].bucket].end++, boxes, order[i]);
+}
+
+// Whether one of the pivots of a bucket removes a record.
+bool is_removed(const columns& c, const bucket& by, int32_t at, __m256 threshold) {
+  if (by.begin == by.kept) return false;
+  const box8 b = broadcast(c, at);
+  for (int32_t i = by.begin; i < by.kept; i += kLanes) {
+    const int32_t lanes = by.kept - i < kLanes ? by.kept - i : kLanes;
+    const uint32_t present = (1u << lanes) - 1;
+    const box8 pivots = load_boxes<false>(c, i, zyn_first_lanes(lanes));
+    if (~kept_lanes(pivots, b, threshold) & present) return true;
+  }
+  return false;
+}
+
+// Calls visit with the buckets where boxes of a class may lie that the record removes or
+// is removed by, until it answers true; returns whether it did.
+template <typename Visit>
+bool find_near(const grid& g, const columns& c, int32_t at, const size_class& k, Visit visit) {
+  const double w = c.x2[at] - c.x1[at], h = c.y2[at] - c.y1[at];
+  const double t = g.threshold;
+  if (k.max_w < t * w || k.max_h < t * h || t * k.min_w > w || t * k.min_h > h) return false;
+  constexpr double kRounding = 1 + 1e-6;  // extents are rounded to floats
+  const double reach = (1 - t) * kRounding;
+  const int64_t left = cell_of(c.x1[at] - reach * k.max_w, k.per_cell_x);
+  const int64_t right = cell_of(c.x1[at] + reach * w, k.per_cell_x);
+  const int64_t top = cell_of(c.y1[at] - reach * k.max_h, k.per_cell_y);
+  const int64_t bottom = cell_of(c.y1[at] + reach * h, k.per_cell_y);
+  if (static_cast<double>(right - left + 1) * static_cast<double>(bottom - top + 1) >
+      k.bucket_mask) {
+    for (uint32_t b = 0; b <= k.bucket_mask; b++)
+      if (visit(&g.buckets[k.first_bucket + static_cast<int32_t>(b)])) return true;
+    return false;
+  }
+  for (int64_t y = top; y <= bottom; y++)
+    for (int64_t x = left; x <= right; x++)
+      if (visit(&g.buckets[bucket_of(k, x, y)])) return true;
+  return false;
+}
+
+// Takes the first record of a bucket out of those that remain. Returns whether it stays:
+// then it is the last of the bucket's pivots, and has removed what it can. A box meets few
+// cells of grids of larger boxes, so that between two classes the work is always done by
+// the smaller boxes: they look for pivots before they are pivots themselves.
+bool take_turn(const grid& g, const columns& c, int32_t b, size_class* own, __m256 threshold) {
+  bucket& home = g.buckets[b];
+  bucket& anywhere = g.buckets[kAnywhereBucket];
+  const int32_t at = home.next++;
+  const auto removed = [&](const bucket* by) { return is_removed(c, *by, at, threshold); };
+  if (&home != &anywhere && removed(&anywhere)) return false;
+  for (int32_t u = 0; own && u < g.used_count; u++) {
+    const size_class& k = g.classes[g.used[u]];
+    if (k.kept > 0 && k.rank > own->rank && find_near(g, c, at, k, removed)) return false;
+  }
+  const int32_t pivot = home.kept++;
+  move_record(c, pivot, at);
+  const auto pass = [&](bucket* over) {
+    if (over->next < over->end) over->end = suppress(c, pivot, over->next, over->end, threshold);
+    return false;
+  };
+  pass(&anywhere);
+  for (int32_t u = 0; own && u < g.used_count; u++) {
+    const size_class& k = g.classes[g.used[u]];
+    if (k.rank >= own->rank) find_near(g, c, pivot, k, pass);
+  }
+  if (own) own->kept++;
+  return true;
+}
+
+// Every record in its turn. Boxes that may be met anywhere are tested by every pivot, and
+// every record is by them.
+int32_t suppress_on_grids(const grid& g, const columns& c, const sort_entry* order, int32_t count,
+                          __m256 threshold) {
+  int32_t n = 0;
+  for (int32_t i = 0; i < count; i++) {
+    const int32_t b = g.place[i].bucket;
+    const int32_t k = g.place[i].kind;
+    const auto from = static_cast<int32_t>(order[i]);
+    const bucket& home = g.buckets[b];
+    if (home.next == home.end || c.index[home.next] != from) continue;  // it was removed
+    if (take_turn(g, c, b, k < 0 ? nullptr : &g.classes[k], threshold)) g.place[n++].kind = from;
+  }
+  for (int32_t i = 0; i < n; i++) c.index[i] = g.place[i].kind;
+  return n;
+}
+
+// The number of survivors, whose positions in the input then lead the column of indices.
+int32_t survivors(const columns& c, const zyn_detection* boxes, const sort_entry* order,
+                  int32_t count, float iou_threshold) {
+  const __m256 threshold = _mm256_set1_ps(iou_threshold);
+  // Below zero and without a number the first pivot removes everything.
+  if (count >= kGridCount && count < kGridLimit && iou_threshold >= 0) {
+    grid g(count);
+    if (g) {  // without memory the passes below do it, only slower
+      fill_classes(&g, boxes, order, count, iou_threshold);
+      lay_buckets(&g);
+      fill_buckets(&g, c, boxes, order, count);
+      return suppress_on_grids(g, c, order, count, threshold);
+    }
+  }
+  for (int32_t i = 0; i < count; i++) put(c, i, boxes, order[i]);
+  int32_t n = count;
+  for (int32_t pivot = 0; pivot < n; pivot++) n = suppress(c, pivot, pivot + 1, n, threshold);
+  return n;
 }
 
 }  // namespace
@@ -209,10 +476,7 @@ int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int32_t coun
   const int64_t pitch = count;
   const columns c{base,       base + pitch, base + 2 * pitch, base + 3 * pitch, base + 4 * pitch,
                   index.get()};
-  fill_columns(c, boxes, order, count);
-  int32_t n = count;
-  const __m256 threshold = _mm256_set1_ps(iou_threshold);
-  for (int32_t pivot = 0; pivot < n; pivot++) n = suppress(c, pivot, n, threshold);
+  const int32_t n = survivors(c, boxes, order, count, iou_threshold);
 
   // Through the buffer, so that out may be the array of boxes itself.
   for (int32_t i = 0; i < n; i++) compaction[i] = boxes[index[i]];

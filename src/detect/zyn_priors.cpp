@@ -81,6 +81,7 @@ __m256 decode(__m256 offsets, __m256 priors, __m256 center_variance, __m256 size
 }  // namespace
 
 zyn_tensor* zyn_generate_priors(uint32_t height, uint32_t width, uint32_t transposed) {
+  if (width == 0 || height == 0) return nullptr;  // nothing that priors could be fractions of
   const feature_maps& maps = maps_of(width, height);
   const int32_t dims[2] = {kBoxFloats, prior_count(maps)};
   zyn_tensor* priors = zyn_create_tensor_header(2, dims, ZYN_TYPE_F32);

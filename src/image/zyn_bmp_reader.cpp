@@ -1,6 +1,7 @@
-// Reads BMP files. Nothing in a file is trusted: every offset, count and size is
-// checked in 64 bits against the file's length before anything is allocated for it,
-// so that a file can claim at most the pixels that it holds.
+// Reads BMP files: the header, then the palette and the rows that it asks for, a block at
+// a time; what else is in the file is not looked at. Nothing in a file is trusted: every
+// offset, count and size is checked in 64 bits against the file's length before anything
+// is allocated for it, so that a file can claim at most the pixels that it holds.
 #include <stdio.h>
 #include <string.h>
 
@@ -24,14 +25,23 @@ constexpr int64_t kMasks = 54;
 constexpr uint32_t kPlain = 0, kBitFields = 3;  // compression
 constexpr int32_t kModeKeep = 0, kModeGray = 1;
 
-struct bytes_view {
-  const uint8_t* data;
+constexpr int64_t kHeaderBytes = kMasks + 12;  // nothing behind them is a header field
+constexpr int64_t kBlockBytes = 1 << 16;       // of rows that are read at once
+
+// A file by its header, zeros where it is shorter, and its length.
+struct bmp_file {
+  FILE* stream;
   int64_t length;
+  uint8_t header[kHeaderBytes];
+
   bool holds(int64_t offset, int64_t count) const {
     int64_t end = 0;
     return zyn_sum(offset, count, &end) && end <= length;
   }
-  uint32_t u16(int64_t at) const { return data[at] | static_cast<uint32_t>(data[at + 1]) << 8; }
+  bool read(uint8_t* to, int64_t count) const {
+    return fread(to, 1, static_cast<size_t>(count), stream) == static_cast<size_t>(count);
+  }
+  uint32_t u16(int64_t at) const { return header[at] | static_cast<uint32_t>(header[at + 1]) << 8; }
   uint32_t u32(int64_t at) const { return u16(at) | u16(at + 2) << 16; }
   int32_t i32(int64_t at) const { return static_cast<int32_t>(u32(at)); }
 };
@@ -51,7 +61,7 @@ struct bmp_info {
 
 bool has_palette(uint32_t bits) { return bits == 1 || bits == 4 || bits == 8; }
 
-bool parse_core(const bytes_view& file, bmp_info* info) {
+bool parse_core(const bmp_file& file, bmp_info* info) {
   if (!file.holds(0, kCorePalette)) return false;
   info->bits = file.u16(28);
   info->height = file.i32(22);
@@ -62,7 +72,7 @@ bool parse_core(const bytes_view& file, bmp_info* info) {
   return true;
 }
 
-bool parse_depth(const bytes_view& file, uint32_t compression, bmp_info* info) {
+bool parse_depth(const bmp_file& file, uint32_t compression, bmp_info* info) {
   switch (info->bits) {
     case 1:
     case 4:
@@ -84,7 +94,7 @@ bool parse_depth(const bytes_view& file, uint32_t compression, bmp_info* info) {
   }
 }
 
-bool parse_info(const bytes_view& file, uint32_t header, bmp_info* info) {
+bool parse_info(const bmp_file& file, uint32_t header, bmp_info* info) {
   if (header < kShortestHeader || !file.holds(kFileHeader, header)) return false;
   const int64_t height = file.i32(22);
   info->top_down = height < 0;
@@ -101,7 +111,7 @@ bool parse_info(const bytes_view& file, uint32_t header, bmp_info* info) {
 }
 
 // Everything that the pixels need, or false for what is damaged or unsupported.
-bool parse(const bytes_view& file, bmp_info* info) {
+bool parse(const bmp_file& file, bmp_info* info) {
   memset(info, 0, sizeof(*info));
   if (!file.holds(0, kFileHeader + 4)) return false;
   const uint32_t header = file.u32(14);
@@ -115,19 +125,30 @@ bool parse(const bytes_view& file, bmp_info* info) {
   return zyn_multiply(info->stride, info->height, &stored) && file.holds(info->pixels, stored);
 }
 
-bool is_gray(const bytes_view& file, const bmp_info& info) {
-  if (!has_palette(info.bits)) return false;
-  const uint8_t* entry = file.data + info.palette;
-  for (int64_t i = 0; i < info.colours; i++, entry += info.entry)
-    if (entry[0] != entry[1] || entry[0] != entry[2]) return false;
-  return true;
-}
-
 // The palette as blue, green, red; indices beyond a short one are black.
-void load_palette(const bytes_view& file, const bmp_info& info, uint8_t palette[256][3]) {
-  memset(palette, 0, 256 * 3);
-  for (int64_t i = 0; i < info.colours && i < 256; i++)
-    memcpy(palette[i], file.data + info.palette + i * info.entry, 3);
+struct bmp_palette {
+  uint8_t colours[256][3];
+  bool gray;  // every entry of the file is; false without a palette
+};
+
+// False for a file that cannot be read.
+bool load_palette(const bmp_file& file, const bmp_info& info, bmp_palette* palette) {
+  memset(palette, 0, sizeof(*palette));
+  if (!has_palette(info.bits)) return true;
+  if (!zyn_platform_seek(file.stream, info.palette)) return false;
+  palette->gray = true;
+  uint8_t block[256 * 4];
+  // Entries that no pixel can name decide about grey too; the first colour ends the search.
+  for (int64_t first = 0; first < info.colours && (first == 0 || palette->gray); first += 256) {
+    const int64_t count = info.colours - first < 256 ? info.colours - first : 256;
+    if (!file.read(block, count * info.entry)) return false;
+    for (int64_t i = 0; i < count; i++) {
+      const uint8_t* entry = block + i * info.entry;
+      if (first == 0) memcpy(palette->colours[i], entry, 3);
+      palette->gray = palette->gray && entry[0] == entry[1] && entry[0] == entry[2];
+    }
+  }
+  return true;
 }
 
 void indexed_row(uint8_t* out, const uint8_t* stored, const bmp_info& info,
@@ -171,65 +192,90 @@ void colour_row(uint8_t* out, const uint8_t* stored, const bmp_info& info,
   }
 }
 
-// Palette colours turned grey: a grey palette gives its values, any other their luma.
-void gray_palette(const bmp_info& info, bool gray_file, const uint8_t palette[256][3],
-                  uint8_t gray[256]) {
-  if (!has_palette(info.bits)) return;
-  if (gray_file)
-    for (int i = 0; i < 256; i++) gray[i] = palette[i][0];
-  else
-    zyn_gray_row(gray, palette[0], 256);
-}
+// Stored rows into an image's rows.
+class row_decoder {
+ public:
+  row_decoder(const bmp_info& info, const bmp_palette& palette, bool gray)
+      : info_(info),
+        palette_(palette),
+        gray_(gray),
+        colours_(gray && !has_palette(info.bits) ? int64_t{3} * info.width : 1) {
+    if (!gray || !has_palette(info.bits)) return;
+    // A grey palette gives its values, any other their luma.
+    if (palette.gray)
+      for (int i = 0; i < 256; i++) shades_[i] = palette.colours[i][0];
+    else
+      zyn_gray_row(shades_, palette.colours[0], 256);
+  }
+  explicit operator bool() const { return static_cast<bool>(colours_); }
 
-zyn_image* decode(const bytes_view& file, int32_t mode) {
-  bmp_info info;
-  if (!parse(file, &info)) return nullptr;
-  const bool gray_file = is_gray(file, info);
-  const bool gray = mode == kModeGray || (mode == kModeKeep && gray_file);
-  uint8_t palette[256][3], shades[256];
-  load_palette(file, info, palette);
-  gray_palette(info, gray_file, palette, shades);
-  zyn_matrix_guard image(
-      zyn_create_image(info.width, info.height, gray ? ZYN_IMAGE_GRAY : ZYN_IMAGE_BGR));
-  if (!image) return nullptr;
-  const bool convert = gray && !has_palette(info.bits);
-  zyn_scratch<uint8_t> colours(convert ? int64_t{3} * info.width : 1);
-  if (!colours) return nullptr;
-  const uint32_t mask = (1u << (info.bits & 15)) - 1;
-  for (int64_t y = 0; y < info.height; y++) {
-    const uint8_t* stored = file.data + info.pixels + y * info.stride;
-    const int64_t row = info.top_down ? y : info.height - 1 - y;
-    uint8_t* out = static_cast<uint8_t*>(image->data) + row * image->row_bytes;
-    if (!gray) {
-      colour_row(out, stored, info, palette);
-    } else if (convert) {
-      colour_row(colours.get(), stored, info, palette);
-      zyn_gray_row(out, colours.get(), info.width);
-    } else {
-      for (int64_t x = 0; x < info.width; x++) {
-        const int64_t bit = x * info.bits;
-        out[x] = shades[stored[bit >> 3] >> (8 - info.bits - (bit & 7)) & mask];
-      }
+  void run(uint8_t* out, const uint8_t* stored) const {
+    if (!gray_) return colour_row(out, stored, info_, palette_.colours);
+    if (has_palette(info_.bits)) return gray_row(out, stored);
+    colour_row(colours_.get(), stored, info_, palette_.colours);
+    zyn_gray_row(out, colours_.get(), info_.width);
+  }
+
+ private:
+  void gray_row(uint8_t* out, const uint8_t* stored) const {
+    const uint32_t mask = (1u << info_.bits) - 1;
+    for (int64_t x = 0; x < info_.width; x++) {
+      const int64_t bit = x * info_.bits;
+      out[x] = shades_[stored[bit >> 3] >> (8 - info_.bits - (bit & 7)) & mask];
     }
   }
+
+  const bmp_info& info_;
+  const bmp_palette& palette_;
+  bool gray_;
+  zyn_scratch<uint8_t> colours_;  // a row before it becomes grey
+  uint8_t shades_[256];
+};
+
+// The pixels into image, in blocks of whole rows. False for a file that cannot be read.
+bool read_rows(const bmp_file& file, const bmp_info& info, const row_decoder& decoder,
+               uint8_t* block, int64_t block_rows, zyn_image* image) {
+  if (!zyn_platform_seek(file.stream, info.pixels)) return false;
+  const zyn_plane plane = zyn_first_plane(image);
+  for (int64_t first = 0; first < info.height; first += block_rows) {
+    const int64_t rest = info.height - first, rows = rest < block_rows ? rest : block_rows;
+    if (!file.read(block, rows * info.stride)) return false;
+    for (int64_t y = first; y < first + rows; y++)
+      decoder.run(plane.row(info.top_down ? y : info.height - 1 - y),
+                  block + (y - first) * info.stride);
+  }
+  return true;
+}
+
+zyn_image* decode(const bmp_file& file, int32_t mode) {
+  bmp_info info;
+  bmp_palette palette;
+  if (!parse(file, &info) || !load_palette(file, info, &palette)) return nullptr;
+  const int64_t fitting = kBlockBytes / info.stride;
+  const int64_t block_rows = fitting < 1 ? 1 : fitting < info.height ? fitting : info.height;
+  zyn_scratch<uint8_t> block(block_rows * info.stride);
+  if (!block) {
+    zyn_report(kNoContent);
+    return nullptr;
+  }
+  const bool gray = mode == kModeGray || (mode == kModeKeep && palette.gray);
+  const row_decoder decoder(info, palette, gray);
+  zyn_matrix_guard image(
+      zyn_create_image(info.width, info.height, gray ? ZYN_IMAGE_GRAY : ZYN_IMAGE_BGR));
+  if (!image || !decoder || !read_rows(file, info, decoder, block.get(), block_rows, image.get()))
+    return nullptr;
   return image.take();
 }
 
 zyn_image* read_bmp(FILE* stream, int32_t mode) {
-  const int64_t length = fseek(stream, 0, SEEK_END) == 0 ? ftell(stream) : -1;
-  if (length < 1) {
+  bmp_file file = {stream, zyn_platform_length(stream), {}};
+  if (file.length < 1) {
     zyn_report(kNoContent);
     return nullptr;
   }
-  zyn_scratch<uint8_t> content(length);
-  if (!content) {
-    zyn_report(kNoContent);
-    return nullptr;
-  }
-  rewind(stream);
-  if (fread(content.get(), 1, static_cast<size_t>(length), stream) != static_cast<size_t>(length))
-    return nullptr;
-  return decode({content.get(), length}, mode);
+  const int64_t header = file.length < kHeaderBytes ? file.length : kHeaderBytes;
+  if (!zyn_platform_seek(stream, 0) || !file.read(file.header, header)) return nullptr;
+  return decode(file, mode);
 }
 
 }  // namespace

@@ -22,6 +22,24 @@ void put(uint8_t* at, int64_t value, int bytes) {
   for (int i = 0; i < bytes; i++) at[i] = static_cast<uint8_t>(value >> (8 * i));
 }
 
+bool write_bytes(FILE* stream, const uint8_t* bytes, int64_t count) {
+  return fwrite(bytes, 1, static_cast<size_t>(count), stream) == static_cast<size_t>(count);
+}
+
+bool write_header(FILE* stream, const zyn_image* image, int32_t channels, int64_t offset,
+                  int64_t bytes) {
+  uint8_t header[kHeaders + kGrayPalette] = {'B', 'M'};
+  put(header + 2, bytes + offset, 4);
+  put(header + 10, offset, 4);
+  put(header + 14, 40, 4);
+  put(header + 18, image->cols, 4);
+  put(header + 22, image->rows, 4);
+  put(header + 26, 1, 2);
+  put(header + 28, 8 * channels, 2);
+  for (int i = 0; i < 256; i++) put(header + kHeaders + 4 * i, 0x010101 * i, 4);
+  return write_bytes(stream, header, offset);
+}
+
 // image: format 0 or 2 with data.
 int32_t write_bmp(const char* file_name, const zyn_image* image) {
   if (!file_name || !image || !image->data) return zyn_fail(kWriterArgs, ZYN_RET_ERR_PARA);
@@ -34,23 +52,12 @@ int32_t write_bmp(const char* file_name, const zyn_image* image) {
     return ZYN_RET_ERR_NOT_SUPPORT;  // the header has 32 bits for it
   FILE* stream = zyn_platform_open(file_name, "wb");
   if (!stream) return zyn_fail(kWriterOpen, ZYN_RET_ERR_OPEN_FILE);
-  uint8_t header[kHeaders + kGrayPalette] = {'B', 'M'};
-  put(header + 2, bytes + offset, 4);
-  put(header + 10, offset, 4);
-  put(header + 14, 40, 4);
-  put(header + 18, image->cols, 4);
-  put(header + 22, image->rows, 4);
-  put(header + 26, 1, 2);
-  put(header + 28, 8 * channels, 2);
-  for (int i = 0; i < 256; i++) put(header + kHeaders + 4 * i, 0x010101 * i, 4);
-  fwrite(header, 1, static_cast<size_t>(offset), stream);
   static constexpr uint8_t kPadding[3] = {};
-  for (int64_t y = image->rows - 1; y >= 0; y--) {
-    fwrite(zyn_first_plane(image).row(y), 1, static_cast<size_t>(row), stream);
-    fwrite(kPadding, 1, static_cast<size_t>(padded - row), stream);
-  }
-  fclose(stream);
-  return ZYN_RET_OK;
+  bool complete = write_header(stream, image, channels, offset, bytes);
+  for (int64_t y = image->rows - 1; complete && y >= 0; y--)
+    complete = write_bytes(stream, zyn_first_plane(image).row(y), row) &&
+               write_bytes(stream, kPadding, padded - row);
+  return zyn_platform_finish(stream, file_name, complete) ? ZYN_RET_OK : ZYN_RET_ERR_OPEN_FILE;
 }
 
 bool is_one_of(const char* extension, const char* first, const char* second) {
@@ -67,7 +74,7 @@ int32_t write_by_extension(const char* file_name, const char* extension, const z
 
 int32_t write_i420(const char* file_name, const char* extension, zyn_image* image) {
   zyn_matrix_guard bgr(zyn_create_image(image->cols, image->rows, ZYN_IMAGE_BGR));
-  // A null image fails in the conversion, with its report.
+  if (!bgr) return ZYN_RET_ERR_MEMORY;
   if (zyn_image_color_space_convert(bgr.get(), image, ZYN_COLOR_I420_TO_BGR))
     return ZYN_RET_ERR_PARA;
   return write_by_extension(file_name, extension, bgr.get());

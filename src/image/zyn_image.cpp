@@ -60,6 +60,36 @@ void set_strides(zyn_image* image) {
   }
 }
 
+// The planes of any image and the bytes of their rows that hold pixels.
+int32_t used_planes(const zyn_image* image, bool half_stride, zyn_plane planes[3],
+                    int64_t row_bytes[3]) {
+  planes[0] = zyn_first_plane(image);
+  switch (zyn_layout_of(image->format)) {
+    case zyn_image_layout::packed:
+      row_bytes[0] = static_cast<int64_t>(image->cols) * zyn_pixel_bytes(image);
+      return 1;
+    case zyn_image_layout::two_plane:
+      row_bytes[0] = image->cols;
+      return 1;
+    case zyn_image_layout::i420:
+      row_bytes[0] = image->cols;
+      if (!(half_stride ? zyn_i420_planes_half_stride : zyn_i420_planes)(image, planes)) return 1;
+      // An odd last column has a sample of its own where there is room for it.
+      for (int k = 1; k < 3; k++) {
+        const int64_t width = (static_cast<int64_t>(image->cols) + 1) / 2;
+        row_bytes[k] = width < planes[k].stride ? width : planes[k].stride;
+      }
+      return 3;
+    default:
+      planes[1] = {static_cast<uint8_t*>(image->plane1), image->plane1_bytes, image->cols,
+                   image->rows};
+      planes[2] = {static_cast<uint8_t*>(image->plane2), image->plane2_bytes, image->cols,
+                   image->rows};
+      row_bytes[0] = row_bytes[1] = row_bytes[2] = image->cols;
+      return planes[1].data && planes[2].data ? 3 : 1;
+  }
+}
+
 // pages * rows * row_bytes, the size that counts for every format.
 bool plane_bytes(const zyn_image* image, int64_t* bytes) {
   return zyn_multiply(image->row_bytes, image->rows, bytes) &&
@@ -104,6 +134,36 @@ bool zyn_i420_planes_half_stride(const zyn_image* image, zyn_plane planes[3]) {
   if (!planes_at_half_width(image, planes)) return false;
   planes[1].stride = planes[2].stride = image->row_bytes / 2;
   return true;
+}
+
+bool zyn_planes_overlap(const zyn_plane& a, int64_t bytes_a, const zyn_plane& b, int64_t bytes_b) {
+  if (a.height < 1 || b.height < 1 || bytes_a < 1 || bytes_b < 1) return false;
+  const int64_t last = b.height - 1;
+  const auto start_a = reinterpret_cast<intptr_t>(a.data);
+  const auto start_b = reinterpret_cast<intptr_t>(b.data);
+  if (start_a + a.stride * (a.height - 1) + bytes_a <= start_b ||
+      start_b + b.stride * last + bytes_b <= start_a)
+    return false;
+  if (b.stride < 1) return true;
+  for (int64_t y = 0; y < a.height; y++) {
+    const int64_t from = start_a + y * a.stride - start_b, to = from + bytes_a;
+    if (to <= 0) continue;
+    // The last row of b that begins before the end of this one: the earlier ones end earlier.
+    const int64_t row = (to - 1) / b.stride < last ? (to - 1) / b.stride : last;
+    if (row * b.stride + bytes_b > from) return true;
+  }
+  return false;
+}
+
+bool zyn_images_overlap(const zyn_image* a, const zyn_image* b, bool half_stride) {
+  zyn_plane planes_a[3], planes_b[3];
+  int64_t bytes_a[3], bytes_b[3];
+  const int32_t count_a = used_planes(a, half_stride, planes_a, bytes_a);
+  const int32_t count_b = used_planes(b, half_stride, planes_b, bytes_b);
+  for (int32_t i = 0; i < count_a; i++)
+    for (int32_t k = 0; k < count_b; k++)
+      if (zyn_planes_overlap(planes_a[i], bytes_a[i], planes_b[k], bytes_b[k])) return true;
+  return false;
 }
 
 zyn_image* zyn_create_image(int32_t width, int32_t height, uint32_t format) {

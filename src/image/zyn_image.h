@@ -58,3 +58,11 @@ bool zyn_i420_planes(const zyn_image* image, zyn_plane planes[3]);
 // The same with half the luma stride as the chroma strides: the operations on
 // format 5 that work plane by plane go by this rule.
 bool zyn_i420_planes_half_stride(const zyn_image* image, zyn_plane planes[3]);
+
+// Whether a byte of a row of a (bytes_a from its start) is one of a row of b. Planes whose
+// rows interleave, as the halves of a picture do, share nothing. Strides are not negative.
+bool zyn_planes_overlap(const zyn_plane& a, int64_t bytes_a, const zyn_plane& b, int64_t bytes_b);
+
+// The same for the pixels of two images in all of their planes; half_stride: the chroma
+// planes of format 5 as zyn_i420_planes_half_stride has them.
+bool zyn_images_overlap(const zyn_image* a, const zyn_image* b, bool half_stride);

@@ -38,9 +38,21 @@ int32_t convert_packed(zyn_image* destination, const zyn_image* source, row_func
   return ZYN_RET_OK;
 }
 
+// Whether writing destination could spoil source: they share pixels, but not one packed
+// buffer in which every pixel goes to its own place.
+bool spoils(const zyn_image* destination, const zyn_image* source) {
+  const bool in_place = destination->data == source->data &&
+                        destination->row_bytes == source->row_bytes &&
+                        zyn_layout_of(destination->format) == zyn_image_layout::packed &&
+                        zyn_layout_of(source->format) == zyn_image_layout::packed &&
+                        zyn_pixel_bytes(destination) == zyn_pixel_bytes(source);
+  return !in_place && zyn_images_overlap(destination, source, false);
+}
+
 int32_t to_gray(zyn_image* destination, const zyn_image* source) {
   if (source->format != ZYN_IMAGE_BGR ||
-      (destination->format != ZYN_IMAGE_BGR && destination->format != ZYN_IMAGE_GRAY))
+      (destination->format != ZYN_IMAGE_BGR && destination->format != ZYN_IMAGE_GRAY) ||
+      spoils(destination, source))
     return zyn_fail(kToGray, ZYN_RET_ERR_PARA);
   return convert_packed(destination, source,
                         destination->format == ZYN_IMAGE_BGR ? zyn_gray3_row : zyn_gray_row);
@@ -57,7 +69,8 @@ row_function swap_row_of(const zyn_image* image) {
 // from and to: the formats whose exchange a shared buffer records.
 int32_t swap_red_blue(zyn_image* destination, const zyn_image* source, uint32_t from, uint32_t to) {
   const row_function row = swap_row_of(source);
-  if (!row || row != swap_row_of(destination)) return zyn_fail(kImages, ZYN_RET_ERR_PARA);
+  if (!row || row != swap_row_of(destination) || spoils(destination, source))
+    return zyn_fail(kImages, ZYN_RET_ERR_PARA);
   const bool shared = destination->data == source->data;
   convert_packed(destination, source, row);
   if (shared && source->format == from) destination->format = to;
@@ -95,7 +108,7 @@ void i420_odd_column(const zyn_plane yuv[3], const zyn_plane& bgr) {
 int32_t bgr_to_i420(zyn_image* destination, const zyn_image* source) {
   zyn_plane yuv[3];
   if (source->format != ZYN_IMAGE_BGR || destination->format != ZYN_IMAGE_I420 ||
-      !zyn_i420_planes(destination, yuv))
+      !zyn_i420_planes(destination, yuv) || spoils(destination, source))
     return zyn_fail(kBgrToI420, ZYN_RET_ERR_PARA);
   const zyn_plane bgr = zyn_first_plane(source);
   const int32_t even_width = bgr.width & ~1, even_height = bgr.height & ~1;
@@ -145,7 +158,7 @@ void yuv_rows(const zyn_plane& bgr, const zyn_plane yuv[3], int32_t y, int32_t n
 int32_t i420_to_bgr(zyn_image* destination, const zyn_image* source) {
   zyn_plane yuv[3];
   if (source->format != ZYN_IMAGE_I420 || destination->format != ZYN_IMAGE_BGR ||
-      !zyn_i420_planes(source, yuv))
+      !zyn_i420_planes(source, yuv) || spoils(destination, source))
     return zyn_fail(kI420ToBgr, ZYN_RET_ERR_PARA);
   const zyn_plane bgr = zyn_first_plane(destination);
   const int32_t even_height = bgr.height & ~1;
@@ -160,14 +173,23 @@ int32_t i420_to_bgr(zyn_image* destination, const zyn_image* source) {
 int32_t signed_colours(zyn_image* destination, const zyn_image* source, bool forward) {
   const uint32_t from = forward ? ZYN_IMAGE_BGR : ZYN_IMAGE_SIGNED3;
   const uint32_t to = forward ? ZYN_IMAGE_SIGNED3 : ZYN_IMAGE_BGR;
-  if (source->format != from || destination->format != to)
+  if (source->format != from || destination->format != to || spoils(destination, source))
     return zyn_fail(forward ? kToSigned : kFromSigned, ZYN_RET_ERR_PARA);
   return convert_packed(destination, source,
                         forward ? zyn_bgr_to_opponent_row : zyn_opponent_to_bgr_row);
 }
 
-bool is_packed3(const zyn_image* image) {
-  return zyn_layout_of(image->format) == zyn_image_layout::packed && zyn_pixel_bytes(image) == 3;
+// An image as packed pixels of three bytes: its own, or the block of three planes without
+// a gap read as rows of three times their width.
+bool packed3(const zyn_image* image, zyn_plane* pixels) {
+  *pixels = zyn_first_plane(image);
+  const zyn_image_layout layout = zyn_layout_of(image->format);
+  if (layout == zyn_image_layout::packed) return zyn_pixel_bytes(image) == 3;
+  const int64_t width = pixels->width, plane = width * pixels->height;
+  pixels->stride = 3 * width;
+  return layout == zyn_image_layout::planar && image->row_bytes == width &&
+         image->plane1_bytes == width && image->plane2_bytes == width &&
+         image->plane1 == pixels->data + plane && image->plane2 == pixels->data + 2 * plane;
 }
 
 // Three planes of an image: its own, or thirds of a packed buffer that has the room.
@@ -193,13 +215,14 @@ bool three_planes(const zyn_image* image, zyn_plane planes[3]) {
 }
 
 int32_t split_or_merge(const zyn_image* planar, const zyn_image* packed, bool split) {
+  const zyn_site& site = split ? kSplit : kMerge;
   // On purpose: one right format out of two passes this check.
   if (planar->format != ZYN_IMAGE_PLANAR && packed->format != ZYN_IMAGE_BGR)
-    return zyn_fail(split ? kSplit : kMerge, ZYN_RET_ERR_PARA);
-  zyn_plane planes[3];
-  if (!is_packed3(packed) || !three_planes(planar, planes))
-    return zyn_fail(split ? kSplit : kMerge, ZYN_RET_ERR_PARA);
-  const zyn_plane pixels = zyn_first_plane(packed);
+    return zyn_fail(site, ZYN_RET_ERR_PARA);
+  zyn_plane planes[3], pixels;
+  if (!packed3(packed, &pixels) || !three_planes(planar, planes) ||
+      zyn_images_overlap(planar, packed, false))
+    return zyn_fail(site, ZYN_RET_ERR_PARA);
   for (int32_t y = 0; y < pixels.height; y++) {
     uint8_t *p0 = planes[0].row(y), *p1 = planes[1].row(y), *p2 = planes[2].row(y);
     if (split)

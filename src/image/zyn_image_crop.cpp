@@ -42,7 +42,7 @@ void crop_plane(const zyn_plane& destination, const zyn_plane& source, int32_t p
     repeat_pixel(out, row, left, pixel_bytes);
     out += left * pixel_bytes;
     if (inside)
-      memmove(out, row + (x + left) * pixel_bytes, static_cast<size_t>(inside * pixel_bytes));
+      memcpy(out, row + (x + left) * pixel_bytes, static_cast<size_t>(inside * pixel_bytes));
     repeat_pixel(out + inside * pixel_bytes, row + last * pixel_bytes, right, pixel_bytes);
   }
 }
@@ -79,9 +79,12 @@ int32_t zyn_image_cropped_patch(zyn_image* destination, const zyn_image* source,
     return ZYN_RET_ERR_PARA;
   const zyn_image_layout layout = zyn_layout_of(source->format);
   if (layout != zyn_layout_of(destination->format)) return ZYN_RET_ERR_PARA;
-  if (layout == zyn_image_layout::i420) return crop_i420(destination, source, position);
-  if (layout != zyn_image_layout::packed || (source->channels != 3 && source->channels != 1))
+  const bool i420 = layout == zyn_image_layout::i420;
+  if (!i420 &&
+      (layout != zyn_image_layout::packed || (source->channels != 3 && source->channels != 1)))
     return ZYN_RET_ERR_NOT_SUPPORT;
+  if (zyn_images_overlap(destination, source, true)) return ZYN_RET_ERR_PARA;
+  if (i420) return crop_i420(destination, source, position);
   crop_plane(zyn_first_plane(destination), zyn_first_plane(source), zyn_pixel_bytes(source),
              position[0], position[1]);
   return ZYN_RET_OK;

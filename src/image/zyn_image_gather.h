@@ -9,6 +9,7 @@
 
 #include "base/zyn_memory.h"
 #include "image/zyn_image_simd.h"
+#include "simd/zyn_vectors.h"
 
 inline constexpr int kZynGatherParts = 4;
 
@@ -40,9 +41,8 @@ class zyn_gather {
     const uint8_t* p1 = row + base_[2 * vector + 1];
     const uint8_t* masks = masks_ + vector * Parts * 32;
     __m256i picked = one(p0, p1, masks);
-#pragma GCC unroll 4
-    for (int k = 1; k < Parts; k++)
-      picked = _mm256_or_si256(picked, one(p0 + 16 * k, p1 + 16 * k, masks + 32 * k));
+    ZYN_UNROLL for (int k = 1; k < Parts; k++) picked =
+        _mm256_or_si256(picked, one(p0 + 16 * k, p1 + 16 * k, masks + 32 * k));
     return picked;
   }
 

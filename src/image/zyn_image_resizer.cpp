@@ -29,10 +29,13 @@ bool accepted(const zyn_image* destination, const zyn_image* source) {
   }
 }
 
+// Equal strides: what lies between the rows comes along, unless that is the other one's.
 void copy_plane(const zyn_plane& destination, const zyn_plane& source, int64_t row_bytes) {
-  if (destination.stride == source.stride && destination.stride >= row_bytes) {
-    memcpy(destination.data, source.data,
-           static_cast<size_t>(source.stride * (source.height - 1) + row_bytes));
+  const int64_t all = source.stride * (source.height - 1) + row_bytes;
+  const zyn_plane to = {destination.data, 0, 1, 1}, from = {source.data, 0, 1, 1};
+  if (destination.stride == source.stride && destination.stride >= row_bytes &&
+      !zyn_planes_overlap(to, all, from, all)) {
+    memcpy(destination.data, source.data, static_cast<size_t>(all));
     return;
   }
   for (int32_t y = 0; y < source.height; y++)
@@ -113,6 +116,7 @@ int32_t zyn_image_resizer(zyn_image* destination, const zyn_image* source, int32
   const bool equal = destination->rows == source->rows && destination->cols == source->cols &&
                      destination->pages == source->pages;
   if (equal && destination->data == source->data) return ZYN_RET_OK;
+  if (zyn_images_overlap(destination, source, true)) return zyn_fail(kImages, ZYN_RET_ERR_PARA);
   const bool half = source->rows == 2 * static_cast<int64_t>(destination->rows) &&
                     source->cols == 2 * static_cast<int64_t>(destination->cols);
   return source->format == ZYN_IMAGE_I420 ? resize_i420(destination, source, method, equal, half)

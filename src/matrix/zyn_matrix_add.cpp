@@ -2,8 +2,8 @@
 #include <stdint.h>
 
 #include "base/zyn_report.h"
-#include "simd/zyn_lanes.h"
 #include "matrix/zyn_matrix_ops.h"
+#include "simd/zyn_lanes.h"
 
 namespace {
 

@@ -96,6 +96,7 @@ int32_t zyn_set_matrix_data(zyn_matrix* matrix, void* data, int64_t length) {
   int64_t bytes = 0;
   if (!block_bytes(matrix, &bytes) || length < bytes)
     return zyn_fail(kSetDataLength, ZYN_RET_ERR_DATA_LENGTH);
+  if (data == matrix->data) return ZYN_RET_OK;  // its own block, owned as before
   if (matrix->data && matrix->owns_data) zyn_free(matrix->data);
   matrix->data = data;
   matrix->owns_data = 0;

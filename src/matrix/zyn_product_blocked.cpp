@@ -9,8 +9,8 @@
 #include <stdint.h>
 
 #include "base/zyn_memory.h"
-#include "simd/zyn_lanes.h"
 #include "matrix/zyn_matrix_product.h"
+#include "simd/zyn_lanes.h"
 
 namespace {
 
@@ -38,13 +38,6 @@ constexpr blocks kBlocks<double>{96, 4080, 256};
 constexpr int64_t min(int64_t a, int64_t b) { return a < b ? a : b; }
 constexpr int64_t round_up(int64_t x, int64_t step) { return (x + step - 1) / step * step; }
 
-// Of n elements from a vector's first lane on, those in the vector.
-template <typename T>
-__m256i lane_mask(int64_t n) {
-  constexpr int64_t kLanes = zyn_lanes<T>::count;
-  return zyn_lanes<T>::mask(static_cast<int32_t>(n < 0 ? 0 : min(n, kLanes)));
-}
-
 // The size of the equal parts, multiples of step, that x is cut into; none above limit.
 constexpr int64_t part(int64_t x, int64_t limit, int64_t step) {
   const int64_t parts = (x + limit - 1) / limit;
@@ -52,28 +45,7 @@ constexpr int64_t part(int64_t x, int64_t limit, int64_t step) {
 }
 
 // Transposes a square of lanes x lanes in registers.
-void transpose(__m256 (&x)[8]) {
-  __m256 y[8];
-#pragma GCC unroll 4
-  for (int i = 0; i < 8; i += 2) {
-    y[i] = _mm256_unpacklo_ps(x[i], x[i + 1]);
-    y[i + 1] = _mm256_unpackhi_ps(x[i], x[i + 1]);
-  }
-#pragma GCC unroll 2
-  for (int i = 0; i < 8; i += 4) {
-    x[i] = _mm256_shuffle_ps(y[i], y[i + 2], 0x44);
-    x[i + 1] = _mm256_shuffle_ps(y[i], y[i + 2], 0xEE);
-    x[i + 2] = _mm256_shuffle_ps(y[i + 1], y[i + 3], 0x44);
-    x[i + 3] = _mm256_shuffle_ps(y[i + 1], y[i + 3], 0xEE);
-  }
-#pragma GCC unroll 4
-  for (int i = 0; i < 4; i++) {
-    y[i] = _mm256_permute2f128_ps(x[i], x[i + 4], 0x20);
-    y[i + 4] = _mm256_permute2f128_ps(x[i], x[i + 4], 0x31);
-  }
-#pragma GCC unroll 8
-  for (int i = 0; i < 8; i++) x[i] = y[i];
-}
+void transpose(__m256 (&x)[8]) { zyn_transpose_8x8(x); }
 
 void transpose(__m256d (&x)[4]) {
   const __m256d a = _mm256_unpacklo_pd(x[0], x[1]), b = _mm256_unpackhi_pd(x[0], x[1]);
@@ -99,11 +71,9 @@ void pack_panel_across(T* to, const T* from, int64_t pitch, int64_t rows, int64_
     int64_t l = 0;
     for (; l + L::count <= depth; l += L::count) {
       typename L::vector x[L::count];
-#pragma GCC unroll 8
-      for (int r = 0; r < L::count; r++) x[r] = L::load(row[r] + l);
+      ZYN_UNROLL for (int r = 0; r < L::count; r++) x[r] = L::load(row[r] + l);
       transpose(x);
-#pragma GCC unroll 8
-      for (int r = 0; r < L::count; r++) L::store(out + (l + r) * Width, x[r]);
+      ZYN_UNROLL for (int r = 0; r < L::count; r++) L::store(out + (l + r) * Width, x[r]);
     }
     for (; l < depth; l++)
       for (int64_t r = 0; r < min(L::count, Width - first); r++) out[l * Width + r] = row[r][l];
@@ -114,7 +84,7 @@ void pack_panel_across(T* to, const T* from, int64_t pitch, int64_t rows, int64_
 template <typename T>
 void pack_panel_along(T* to, const T* from, int64_t pitch, int64_t cols, int64_t depth) {
   using L = zyn_lanes<T>;
-  const __m256i low = lane_mask<T>(cols), high = lane_mask<T>(cols - L::count);
+  const __m256i low = L::mask(cols), high = L::mask(cols - L::count);
   for (int64_t l = 0; l < depth; l++, from += pitch, to += kTileCols<T>) {
     L::store(to, L::load(from, low));
     L::store(to + L::count, L::load(from + L::count, high));
@@ -127,16 +97,14 @@ void tile_6x2(const T* a, const T* b, int64_t depth, T alpha, T beta, T* c, int6
               int64_t rows, int64_t cols) {
   using L = zyn_lanes<T>;
   typename L::vector sum[kTileRows][kTileVectors];
-#pragma GCC unroll 6
-  for (int r = 0; r < kTileRows; r++) {
+  ZYN_UNROLL for (int r = 0; r < kTileRows; r++) {
     if (Whole) __builtin_prefetch(c + r * pitch + kTileCols<T> - 1);
     sum[r][0] = sum[r][1] = L::zero();
   }
 #pragma GCC unroll 4
   for (int64_t l = 0; l < depth; l++) {
     const typename L::vector left = L::load(b), right = L::load(b + L::count);
-#pragma GCC unroll 6
-    for (int r = 0; r < kTileRows; r++) {
+    ZYN_UNROLL for (int r = 0; r < kTileRows; r++) {
       const typename L::vector x = L::broadcast(a[r]);
       sum[r][0] = L::fma(x, left, sum[r][0]);
       sum[r][1] = L::fma(x, right, sum[r][1]);
@@ -145,12 +113,10 @@ void tile_6x2(const T* a, const T* b, int64_t depth, T alpha, T beta, T* c, int6
     b += kTileCols<T>;
   }
   const typename L::vector alphas = L::broadcast(alpha), betas = L::broadcast(beta);
-  const __m256i masks[2] = {lane_mask<T>(cols), lane_mask<T>(cols - L::count)};
-#pragma GCC unroll 6
-  for (int r = 0; r < kTileRows; r++) {
+  const __m256i masks[2] = {L::mask(cols), L::mask(cols - L::count)};
+  ZYN_UNROLL for (int r = 0; r < kTileRows; r++) {
     if (!Whole && r >= rows) break;
-#pragma GCC unroll 2
-    for (int v = 0; v < kTileVectors; v++) {
+    ZYN_UNROLL for (int v = 0; v < kTileVectors; v++) {
       T* const to = c + r * pitch + v * L::count;
       typename L::vector value = L::multiply(alphas, sum[r][v]);
       if (Whole) {

@@ -2,8 +2,8 @@
 // last one repeat it and are not stored. Column and depth tails: masked loads.
 #include <stdint.h>
 
-#include "simd/zyn_lanes.h"
 #include "matrix/zyn_matrix_product.h"
+#include "simd/zyn_lanes.h"
 
 namespace {
 
@@ -16,33 +16,26 @@ void tile_plain(const zyn_product<T>& p, int64_t i, int64_t j, __m256i mask) {
   using L = zyn_lanes<T>;
   const T* a[Rows];
   vector<T> sum[Rows][Vectors];
-#pragma GCC unroll 4
-  for (int r = 0; r < Rows; r++) {
+  ZYN_UNROLL for (int r = 0; r < Rows; r++) {
     a[r] = p.a + (i + r < p.m ? i + r : p.m - 1) * p.a_pitch;
-#pragma GCC unroll 2
-    for (int v = 0; v < Vectors; v++) sum[r][v] = L::zero();
+    ZYN_UNROLL for (int v = 0; v < Vectors; v++) sum[r][v] = L::zero();
   }
   const T* b = p.b + j;
   for (int64_t l = 0; l < p.k; l++, b += p.b_pitch) {
     vector<T> row[Vectors];
-#pragma GCC unroll 2
-    for (int v = 0; v < Vectors; v++)
-      row[v] = v == Vectors - 1 ? L::load(b + v * L::count, mask) : L::load(b + v * L::count);
-#pragma GCC unroll 4
-    for (int r = 0; r < Rows; r++) {
+    ZYN_UNROLL for (int v = 0; v < Vectors; v++) row[v] =
+        v == Vectors - 1 ? L::load(b + v * L::count, mask) : L::load(b + v * L::count);
+    ZYN_UNROLL for (int r = 0; r < Rows; r++) {
       const vector<T> left = L::broadcast(a[r][l]);
-#pragma GCC unroll 2
-      for (int v = 0; v < Vectors; v++) sum[r][v] = L::fma(left, row[v], sum[r][v]);
+      ZYN_UNROLL for (int v = 0; v < Vectors; v++) sum[r][v] = L::fma(left, row[v], sum[r][v]);
     }
   }
   const vector<T> alpha = L::broadcast(p.alpha);
   const vector<T> beta = L::broadcast(p.beta);
-#pragma GCC unroll 4
-  for (int r = 0; r < Rows; r++) {
+  ZYN_UNROLL for (int r = 0; r < Rows; r++) {
     if (i + r >= p.m) break;
     T* c = p.c + (i + r) * p.c_pitch + j;
-#pragma GCC unroll 2
-    for (int v = 0; v < Vectors; v++, c += L::count) {
+    ZYN_UNROLL for (int v = 0; v < Vectors; v++, c += L::count) {
       const __m256i lanes = v == Vectors - 1 ? mask : L::mask(L::count);
       vector<T> value = L::multiply(alpha, sum[r][v]);
       if (p.beta != 0) value = L::fma(beta, L::load(c, lanes), value);
@@ -55,12 +48,9 @@ template <typename T, int Rows>
 void rows_plain(const zyn_product<T>& p, int64_t i) {
   constexpr int64_t kLanes = zyn_lanes<T>::count;
   int64_t j = 0;
-  for (; p.n - j > kLanes; j += 2 * kLanes) {
-    const int64_t left = p.n - j - kLanes;
-    tile_plain<T, Rows, 2>(p, i, j,
-                           zyn_lanes<T>::mask(static_cast<int32_t>(left < kLanes ? left : kLanes)));
-  }
-  if (j < p.n) tile_plain<T, Rows, 1>(p, i, j, zyn_lanes<T>::mask(static_cast<int32_t>(p.n - j)));
+  for (; p.n - j > kLanes; j += 2 * kLanes)
+    tile_plain<T, Rows, 2>(p, i, j, zyn_lanes<T>::mask(p.n - j - kLanes));
+  if (j < p.n) tile_plain<T, Rows, 1>(p, i, j, zyn_lanes<T>::mask(p.n - j));
 }
 
 // c[i ... i + Rows)[j ... j + 4) as dot products of rows of a and b.
@@ -71,33 +61,27 @@ void tile_transposed(const zyn_product<T>& p, int64_t i, int64_t j) {
   const T* a[Rows];
   const T* b[kCols];
   vector<T> sum[Rows][kCols];
-#pragma GCC unroll 4
-  for (int q = 0; q < kCols; q++) b[q] = p.b + (j + q < p.n ? j + q : p.n - 1) * p.b_pitch;
-#pragma GCC unroll 3
-  for (int r = 0; r < Rows; r++) {
+  ZYN_UNROLL for (int q = 0; q < kCols; q++) b[q] =
+      p.b + (j + q < p.n ? j + q : p.n - 1) * p.b_pitch;
+  ZYN_UNROLL for (int r = 0; r < Rows; r++) {
     a[r] = p.a + (i + r < p.m ? i + r : p.m - 1) * p.a_pitch;
-#pragma GCC unroll 4
-    for (int q = 0; q < kCols; q++) sum[r][q] = L::zero();
+    ZYN_UNROLL for (int q = 0; q < kCols; q++) sum[r][q] = L::zero();
   }
   const auto step = [&](auto load) __attribute__((always_inline)) {
     vector<T> left[Rows];
-#pragma GCC unroll 3
-    for (int r = 0; r < Rows; r++) left[r] = load(a[r]);
-#pragma GCC unroll 4
-    for (int q = 0; q < kCols; q++) {
+    ZYN_UNROLL for (int r = 0; r < Rows; r++) left[r] = load(a[r]);
+    ZYN_UNROLL for (int q = 0; q < kCols; q++) {
       const vector<T> right = load(b[q]);
-#pragma GCC unroll 3
-      for (int r = 0; r < Rows; r++) sum[r][q] = L::fma(left[r], right, sum[r][q]);
+      ZYN_UNROLL for (int r = 0; r < Rows; r++) sum[r][q] = L::fma(left[r], right, sum[r][q]);
     }
   };
   int64_t l = 0;
   for (; l + L::count <= p.k; l += L::count) step([l](const T* x) { return L::load(x + l); });
   if (l < p.k) {
-    const __m256i mask = L::mask(static_cast<int32_t>(p.k - l));
+    const __m256i mask = L::mask(p.k - l);
     step([l, mask](const T* x) { return L::load(x + l, mask); });
   }
-#pragma GCC unroll 3
-  for (int r = 0; r < Rows; r++) {
+  ZYN_UNROLL for (int r = 0; r < Rows; r++) {
     if (i + r >= p.m) break;
     T sums[kCols];
     L::sums(sum[r][0], sum[r][1], sum[r][2], sum[r][3], sums);

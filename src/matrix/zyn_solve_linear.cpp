@@ -3,9 +3,9 @@
 #include <string.h>
 
 #include "base/zyn_report.h"
-#include "simd/zyn_lanes.h"
 #include "matrix/zyn_matrix.h"
 #include "matrix/zyn_matrix_ops.h"
+#include "simd/zyn_lanes.h"
 
 namespace {
 

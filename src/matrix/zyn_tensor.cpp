@@ -110,6 +110,7 @@ int32_t zyn_set_tensor_header(zyn_tensor* tensor, int32_t dim_count, const int32
 int32_t zyn_set_tensor_data(zyn_tensor* tensor, void* data, int64_t length) {
   if (!tensor || !data) return zyn_fail(kSetDataArgs, ZYN_RET_ERR_PARA);
   if (length < tensor->byte_size) return zyn_fail(kSetDataLength, ZYN_RET_ERR_DATA_LENGTH);
+  if (data == tensor->data) return ZYN_RET_OK;  // its own block, owned as before
   if (tensor->data && tensor->owns_data) zyn_free(tensor->data);
   tensor->data = data;
   tensor->owns_data = 0;

@@ -7,6 +7,7 @@
 #include "base/zyn_memory.h"
 #include "matrix/zyn_math.h"
 #include "matrix/zyn_tensor.h"
+#include "simd/zyn_vectors.h"
 
 namespace {
 
@@ -81,11 +82,10 @@ void interleave(const image_words& image, int64_t channel, int64_t first, int64_
   int64_t p = first;
   for (; p + 4 <= last; p += 4) {
     __m128 row[4] = {};
-#pragma GCC unroll 4
-    for (int c = 0; c < Count; c++) row[c] = _mm_loadu_ps(in + c * image.pixels + p);
+    ZYN_UNROLL for (int c = 0; c < Count; c++) row[c] = _mm_loadu_ps(in + c * image.pixels + p);
     transpose4(row);
-#pragma GCC unroll 4
-    for (int i = 0; i < 4; i++) store_first<Count>(out + (p + i) * image.channels, row[i]);
+    ZYN_UNROLL for (int i = 0; i < 4; i++)
+        store_first<Count>(out + (p + i) * image.channels, row[i]);
   }
   for (; p < last; p++)
     for (int c = 0; c < Count; c++) out[p * image.channels + c] = in[c * image.pixels + p];
@@ -133,18 +133,12 @@ __m256 shift(__m256 m, __m256 s) {
                           empty);
 }
 
-// The lanes that a block of count elements fills.
-__m256i lanes_below(int64_t count) {
-  const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
-  return _mm256_cmpgt_epi32(_mm256_set1_epi32(count < 8 ? static_cast<int>(count) : 8), lane);
-}
-
 // One group of n elements, in blocks of 8: element i counts in lane i % 8. What the
 // group's exponentials are shifted by, in every lane.
 __m256 group_shift(const float* x, int64_t n) {
   __m256 m = _mm256_set1_ps(-3.4028235e38f);
   for (int64_t i = 0; i < n; i += 8) {
-    const __m256i fill = lanes_below(n - i);
+    const __m256i fill = zyn_first_lanes(n - i);
     // The second operand passes where the first is not a number.
     const __m256 v =
         _mm256_blendv_ps(m, _mm256_maskload_ps(x + i, fill), _mm256_castsi256_ps(fill));
@@ -155,7 +149,7 @@ __m256 group_shift(const float* x, int64_t n) {
   m = _mm256_max_ps(m, _mm256_permute_ps(m, 0xB1));
   __m256 s = _mm256_setzero_ps();
   for (int64_t i = 0; i < n; i += 8) {
-    const __m256i fill = lanes_below(n - i);
+    const __m256i fill = zyn_first_lanes(n - i);
     const __m256 e = zyn_exp8(_mm256_sub_ps(_mm256_maskload_ps(x + i, fill), m));
     s = _mm256_add_ps(s, _mm256_and_ps(e, _mm256_castsi256_ps(fill)));
   }
@@ -169,7 +163,7 @@ __m256 group_shift(const float* x, int64_t n) {
 void softmax_group(float* y, const float* x, int64_t n) {
   const __m256 m = group_shift(x, n);
   for (int64_t i = 0; i < n; i += 8) {
-    const __m256i fill = lanes_below(n - i);
+    const __m256i fill = zyn_first_lanes(n - i);
     const __m256 e = zyn_exp8(_mm256_sub_ps(_mm256_maskload_ps(x + i, fill), m));
     _mm256_maskstore_ps(y + i, fill, e);
   }
@@ -191,21 +185,18 @@ int64_t softmax_small(float* y, const float* x, int64_t groups) {
   int64_t g = 0;
   for (; g + 8 <= groups; g += 8, x += 8 * N, y += 8 * N) {
     __m256 v[N], m = _mm256_set1_ps(-3.4028235e38f), e[8];
-#pragma GCC unroll 8
-    for (int j = 0; j < N; j++) {
+    ZYN_UNROLL for (int j = 0; j < N; j++) {
       v[j] = _mm256_i32gather_ps(x + j, first, 4);
       m = _mm256_max_ps(v[j], m);
     }
-#pragma GCC unroll 8
-    for (int j = 0; j < 8; j++)
-      e[j] = j < N ? zyn_exp8(_mm256_sub_ps(v[j < N ? j : 0], m)) : _mm256_setzero_ps();
+    ZYN_UNROLL for (int j = 0; j < 8; j++) e[j] =
+        j < N ? zyn_exp8(_mm256_sub_ps(v[j < N ? j : 0], m)) : _mm256_setzero_ps();
     m = shift(m, sum_in_order(e, [](__m256 a, __m256 b) { return _mm256_add_ps(a, b); }));
     alignas(32) float columns[N][8];
-#pragma GCC unroll 8
-    for (int j = 0; j < N; j++) _mm256_store_ps(columns[j], zyn_exp8(_mm256_sub_ps(v[j], m)));
+    ZYN_UNROLL for (int j = 0; j < N; j++)
+        _mm256_store_ps(columns[j], zyn_exp8(_mm256_sub_ps(v[j], m)));
     for (int lane = 0; lane < 8; lane++)
-#pragma GCC unroll 8
-      for (int j = 0; j < N; j++) y[lane * N + j] = columns[j][lane];
+      ZYN_UNROLL for (int j = 0; j < N; j++) y[lane * N + j] = columns[j][lane];
   }
   return g;
 }
@@ -302,9 +293,7 @@ int32_t zyn_tensor_transform_data_from_fpi16_to_real32(zyn_tensor* destination,
   const __m256 scales = _mm256_set1_ps(scale);
   int32_t i = 0;
   if (count > 0 && disjoint(x, int64_t{2} * count, y, kWord * count))
-    for (; i + 32 <= count; i += 32)
-#pragma GCC unroll 4
-      for (int k = 0; k < 32; k += 8) {
+    for (; i + 32 <= count; i += 32) ZYN_UNROLL for (int k = 0; k < 32; k += 8) {
         const __m128i words = _mm_loadu_si128(reinterpret_cast<const __m128i*>(x + i + k));
         const __m256 v = _mm256_cvtepi32_ps(_mm256_cvtepi16_epi32(words));
         _mm256_storeu_ps(y + i + k, _mm256_mul_ps(v, scales));

@@ -1,18 +1,15 @@
 // A 256-bit vector under one set of names for float (8 lanes) and double (4 lanes), for
-// code that serves both. Internal to the matrix routines.
+// code that serves both. Internal to the matrix routines. The two bodies say the same in
+// different instructions, which no template can choose.
 #pragma once
 
 #include <immintrin.h>
 #include <stdint.h>
 
+#include "simd/zyn_vectors.h"
+
 template <typename T>
 struct zyn_lanes;
-
-// All ones in the first words of the result, 0 to 8.
-inline __m256i zyn_lane_mask(int32_t words) {
-  alignas(32) static constexpr int32_t kWords[16] = {-1, -1, -1, -1, -1, -1, -1, -1};
-  return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(kWords + 8 - words));
-}
 
 template <>
 struct zyn_lanes<float> {
@@ -26,8 +23,8 @@ struct zyn_lanes<float> {
   static vector multiply(vector a, vector b) { return _mm256_mul_ps(a, b); }
   static vector fma(vector a, vector b, vector c) { return _mm256_fmadd_ps(a, b, c); }
   static float fma(float a, float b, float c) { return __builtin_fmaf(a, b, c); }
-  // n lanes, 0 to 8; the others are zero or stay unwritten.
-  static __m256i mask(int32_t n) { return zyn_lane_mask(n); }
+  // The first n lanes, none below 1; the others are zero or stay unwritten.
+  static __m256i mask(int64_t n) { return zyn_first_lanes(n); }
   static vector load(const float* p, __m256i mask) { return _mm256_maskload_ps(p, mask); }
   static void store(float* p, __m256i mask, vector x) { _mm256_maskstore_ps(p, mask, x); }
   // The sum of each vector's lanes.
@@ -49,7 +46,7 @@ struct zyn_lanes<double> {
   static vector multiply(vector a, vector b) { return _mm256_mul_pd(a, b); }
   static vector fma(vector a, vector b, vector c) { return _mm256_fmadd_pd(a, b, c); }
   static double fma(double a, double b, double c) { return __builtin_fma(a, b, c); }
-  static __m256i mask(int32_t n) { return zyn_lane_mask(2 * n); }
+  static __m256i mask(int64_t n) { return zyn_first_lanes(2 * (n < count ? n : count)); }
   static vector load(const double* p, __m256i mask) { return _mm256_maskload_pd(p, mask); }
   static void store(double* p, __m256i mask, vector x) { _mm256_maskstore_pd(p, mask, x); }
   static void sums(vector a, vector b, vector c, vector d, double* out) {

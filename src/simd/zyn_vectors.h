@@ -1,5 +1,5 @@
 // Vector helpers that every folder shares: masks of some lanes, the transposition of a
-// square of floats, loops that the compiler must unroll.
+// square of floats, loops that the compiler unrolls.
 #pragma once
 
 #include <immintrin.h>
@@ -9,16 +9,24 @@
 // every value, so that arrays indexed by the counter stay in registers.
 #if defined(__clang__)
 #define ZYN_UNROLL _Pragma("unroll")
+#define ZYN_PRAGMA_UNROLL(n) ZYN_PRAGMA(unroll n)
 #else
 #define ZYN_UNROLL _Pragma("GCC unroll 32")
+#define ZYN_PRAGMA_UNROLL(n) ZYN_PRAGMA(GCC unroll n)
 #endif
+
+// Before a loop whose count is known only when it runs: n bodies a round, then the rest,
+// so that the loop's own instructions weigh little beside those of a short body.
+#define ZYN_UNROLL_BY(n) ZYN_PRAGMA_UNROLL(n)
+#define ZYN_PRAGMA(text) _Pragma(#text)
 
 // The numbers of the lanes.
 inline __m256i zyn_lane_numbers() { return _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7); }
 
-// All ones in the lanes 0 to count - 1; counts above 8 mean all lanes.
+// All ones in the lanes 0 to count - 1; counts above 8 mean all lanes, whatever their size.
 inline __m256i zyn_first_lanes(int64_t count) {
-  return _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int32_t>(count)), zyn_lane_numbers());
+  const int32_t lanes = static_cast<int32_t>(count < 8 ? count : 8);
+  return _mm256_cmpgt_epi32(_mm256_set1_epi32(lanes), zyn_lane_numbers());
 }
 
 // All ones in the lanes i for which first + i lies in 0 to extent - 1.
@@ -46,4 +54,27 @@ inline void zyn_transpose_8x8(__m256 (&row)[8]) {
     pair[i + 4] = _mm256_permute2f128_ps(row[i], row[i + 4], 0x31);
   }
   ZYN_UNROLL for (int i = 0; i < 8; i++) row[i] = pair[i];
+}
+
+// The same for rows in memory, pitch floats apart: halves of rows are joined by the loads,
+// which leaves the shuffling unit a third less to do.
+[[gnu::always_inline]] inline void zyn_transpose_8x8(const float* rows, int64_t pitch,
+                                                     __m256 (&t)[8]) {
+  __m256 half[8], pair[8];
+  ZYN_UNROLL for (int i = 0; i < 4; i++) {
+    const __m256 low = _mm256_loadu_ps(rows + i * pitch);
+    const __m256 high = _mm256_loadu_ps(rows + (i + 4) * pitch);
+    half[i] = _mm256_permute2f128_ps(low, high, 0x20);
+    half[i + 4] = _mm256_permute2f128_ps(low, high, 0x31);
+  }
+  ZYN_UNROLL for (int i = 0; i < 8; i += 2) {
+    pair[i] = _mm256_unpacklo_ps(half[i], half[i + 1]);
+    pair[i + 1] = _mm256_unpackhi_ps(half[i], half[i + 1]);
+  }
+  ZYN_UNROLL for (int i = 0; i < 8; i += 4) {
+    t[i] = _mm256_shuffle_ps(pair[i], pair[i + 2], 0x44);
+    t[i + 1] = _mm256_shuffle_ps(pair[i], pair[i + 2], 0xEE);
+    t[i + 2] = _mm256_shuffle_ps(pair[i + 1], pair[i + 3], 0x44);
+    t[i + 3] = _mm256_shuffle_ps(pair[i + 1], pair[i + 3], 0xEE);
+  }
 }

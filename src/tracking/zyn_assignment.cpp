@@ -20,6 +20,8 @@ constexpr zyn_site kPairFlagsMemory{kZynTrackingPath, 1232, ZYN_MSG_MEMORY};
 constexpr zyn_site kDetectionFlagsMemory{kZynTrackingPath, 1239, ZYN_MSG_MEMORY};
 
 constexpr int32_t kNone = -1;
+constexpr int64_t kIndexBytes = sizeof(int32_t);
+constexpr int64_t kPairBytes = 2 * kIndexBytes;
 
 // On purpose: small faces that move fast still overlap their predictions.
 constexpr float kEnlargement = 5.0f;
@@ -284,10 +286,11 @@ zyn_sort_match_info* zyn_create_sort_match_info(int32_t matched_count, int32_t u
   if (!info) return nullptr;
   info->matched_count = matched_count;  // On purpose stored as given, negative ones too.
   info->unmatched_count = unmatched_count;
+  // Not touched: untouched pages of a large request cost nothing.
   if (matched_count > 0)
-    info->matched = static_cast<int32_t*>(zyn_calloc(matched_count, 2 * sizeof(int32_t)));
+    info->matched = static_cast<int32_t*>(zyn_malloc(int64_t{matched_count} * kPairBytes));
   if (unmatched_count > 0)
-    info->unmatched = static_cast<int32_t*>(zyn_calloc(unmatched_count, sizeof(int32_t)));
+    info->unmatched = static_cast<int32_t*>(zyn_malloc(int64_t{unmatched_count} * kIndexBytes));
   if ((matched_count > 0 && !info->matched) || (unmatched_count > 0 && !info->unmatched))
     zyn_release_sort_match_info(&info);
   return info;

@@ -15,8 +15,9 @@ constexpr zyn_site kTrackMemory{kZynTrackingPath, 1524, ZYN_MSG_MEMORY};
 constexpr zyn_site kListArgs{kZynTrackingPath, 1551, ZYN_MSG_PARA};
 
 constexpr int32_t kInitialCapacity = 128;
-constexpr float kPayloadLimit = 9.2e18f;  // the next float but one no longer fits 64 bits
+constexpr float kPayloadLimit = 0x1p63f;  // sizes from here on do not fit 64 bits
 constexpr int32_t kBoxFloats = 4;
+constexpr int32_t kNone = -1;
 
 using sort_guard = zyn_guard<zyn_sort_handle, zyn_release_sort_handle>;
 
@@ -34,7 +35,7 @@ uint8_t* payload_of(const zyn_sort_handle* handle, int32_t k) {
 
 bool allocate_payload(zyn_sort_handle* handle, float size) {
   if (!(size >= 1)) return true;
-  if (size > kPayloadLimit) return false;
+  if (size >= kPayloadLimit) return false;
   handle->payload_size = static_cast<int64_t>(size);
   int64_t bytes = 0;
   if (zyn_multiply(kInitialCapacity, handle->payload_size, &bytes))
@@ -43,9 +44,10 @@ bool allocate_payload(zyn_sort_handle* handle, float size) {
   return handle->payload != nullptr;
 }
 
-// Gives the payload buffer a slot for each of slots tracks; slots of existing tracks
-// that come with it start zeroed.
-bool grow_payload(zyn_sort_handle* handle, int32_t slots) {
+// Brings the payload buffer to a number of slots when it has fewer than needed; tracks
+// that come to a slot so find it zeroed.
+bool make_slots(zyn_sort_handle* handle, int32_t needed, int32_t slots) {
+  if (!handle->payload || handle->payload_slots >= needed) return true;
   int64_t bytes = 0;
   if (!zyn_multiply(slots, handle->payload_size, &bytes)) return false;
   void* payload = zyn_grow(handle->payload, bytes);
@@ -59,15 +61,18 @@ bool grow_payload(zyn_sort_handle* handle, int32_t slots) {
   return true;
 }
 
-// Doubles the capacity when it is used up. On failure everything is as it was.
+// Room for another track, with_payload also a payload slot: doubles the capacity when it
+// is used up. On failure everything is as it was.
 bool make_room(zyn_sort_handle* handle, bool with_payload) {
-  if (handle->count < handle->capacity) return true;
-  if (handle->capacity > INT32_MAX / 2) return false;
-  const int32_t capacity = 2 * handle->capacity;
-  void* tracks = zyn_grow(handle->tracks, int64_t{capacity} * int64_t{sizeof(*handle->tracks)});
-  if (!tracks) return false;
-  handle->tracks = static_cast<zyn_box_tracker**>(tracks);
-  if (with_payload && handle->payload && !grow_payload(handle, capacity)) return false;
+  int32_t capacity = handle->capacity;
+  if (handle->count == capacity) {
+    if (capacity > INT32_MAX / 2) return false;
+    capacity *= 2;
+    void* tracks = zyn_grow(handle->tracks, int64_t{capacity} * int64_t{sizeof(*handle->tracks)});
+    if (!tracks) return false;
+    handle->tracks = static_cast<zyn_box_tracker**>(tracks);
+  }
+  if (with_payload && !make_slots(handle, handle->count + 1, capacity)) return false;
   handle->capacity = capacity;
   return true;
 }
@@ -83,25 +88,30 @@ zyn_box_tracker* append_track(zyn_sort_handle* handle, const zyn_detection& dete
   return tracker;
 }
 
-void remove_track(zyn_sort_handle* handle, int32_t k) {
-  zyn_release_box_tracker(&handle->tracks[k]);
-  handle->count--;
-  for (int32_t i = k; i < handle->count; i++) {
-    handle->tracks[i] = handle->tracks[i + 1];
-    uint8_t* const slot = payload_of(handle, i);
-    if (!slot) continue;
-    const uint8_t* const next = payload_of(handle, i + 1);
-    if (next)
-      memcpy(slot, next, static_cast<size_t>(handle->payload_size));
-    else
-      memset(slot, 0, static_cast<size_t>(handle->payload_size));  // moved in from beyond
-  }
+// Moves track and payload to a slot before its own.
+void move_track(zyn_sort_handle* handle, int32_t to, int32_t from) {
+  handle->tracks[to] = handle->tracks[from];
+  uint8_t* const slot = payload_of(handle, to);
+  if (!slot) return;
+  const auto bytes = static_cast<size_t>(handle->payload_size);
+  if (const uint8_t* payload = payload_of(handle, from))
+    memcpy(slot, payload, bytes);
+  else
+    memset(slot, 0, bytes);  // it had none
 }
 
 void drop_stale_tracks(zyn_sort_handle* handle) {
-  // On purpose: the track that moves into slot k is skipped, its turn is the next frame.
-  for (int32_t k = 0; k < handle->count; k++)
-    if (handle->tracks[k]->time_since_update > handle->max_age) remove_track(handle, k);
+  int32_t kept = 0;
+  bool skip = false;
+  for (int32_t k = 0; k < handle->count; k++) {
+    const bool stale = !skip && handle->tracks[k]->time_since_update > handle->max_age;
+    if (stale)
+      zyn_release_box_tracker(&handle->tracks[k]);
+    else if (kept++ != k)
+      move_track(handle, kept - 1, k);
+    skip = stale;  // On purpose: the track behind a dropped one has its turn in the next frame.
+  }
+  handle->count = kept;
 }
 
 // Track info with room for every track.
@@ -159,37 +169,96 @@ bool indices_fit(const zyn_sort_match_info* matches, const uint8_t* mask, int32_
   return true;
 }
 
-// A new track for a detection, if the mask lets it; the capacity grows even if not.
-int32_t add_track_v2(zyn_sort_handle* handle, const zyn_detection& detection, bool allowed,
-                     const uint8_t* payload) {
-  if (!make_room(handle, true)) return ZYN_RET_ERR_MEMORY;
-  if (!allowed) return ZYN_RET_OK;
-  if (!append_track(handle, detection)) return zyn_fail(kTrackMemory, ZYN_RET_ERR_MEMORY);
-  uint8_t* const slot = payload_of(handle, handle->count - 1);
-  if (slot && payload) memcpy(slot, payload, static_cast<size_t>(handle->payload_size));
-  // The number of tracks would wrap alike, but the capacity never gets there.
-  handle->next_id = handle->next_id < INT32_MAX ? handle->next_id + 1 : 0;
-  return ZYN_RET_OK;
-}
-
-// Corrects every track with an id, if the mask lets it.
-int32_t correct_tracks_v2(zyn_sort_handle* handle, const zyn_detection& detection, uint32_t id,
-                          bool allowed, const uint8_t* payload) {
-  bool found = false;
-  for (int32_t k = 0; k < handle->count; k++) {
-    if (handle->tracks[k]->id != id) continue;
-    found = true;
-    if (!allowed) continue;
-    const int32_t code = zyn_box_tracker_update(&detection.x1, handle->tracks[k]);
-    if (code != ZYN_RET_OK) {
-      zyn_report_code(kUpdateLine, code);
-      return code;
-    }
-    uint8_t* const slot = payload_of(handle, k);
-    if (slot && payload) memcpy(slot, payload, static_cast<size_t>(handle->payload_size));
+// Finds tracks by id: chains in the order of the tracks. Several tracks may share an id.
+// Without a table (few tracks, or no memory for it) every track is looked at.
+class track_index {
+ public:
+  track_index(const zyn_sort_handle* handle, int32_t searches, int64_t most_tracks)
+      : handle_(handle) {
+    // Up to here looking at every track costs less than a table.
+    constexpr int64_t kFewLooks = 4096;
+    if (most_tracks > INT32_MAX / 2 || int64_t{searches} * handle->count <= kFewLooks) return;
+    while (int64_t{1} << bits_ < most_tracks) bits_++;
+    table_ = static_cast<int32_t*>(zyn_malloc((most_tracks + (int64_t{2} << bits_)) * 4));
+    if (!table_) return;  // harmless: only slower
+    heads_ = table_ + most_tracks;
+    tails_ = heads_ + (int64_t{1} << bits_);
+    memset(heads_, 0xFF, sizeof(int32_t) << bits_);
+    for (int32_t k = 0; k < handle->count; k++) add(k);
   }
-  return found ? ZYN_RET_OK : ZYN_RET_ERR_UNKNOWN;
-}
+  ~track_index() { zyn_free(table_); }
+  track_index(const track_index&) = delete;
+  track_index& operator=(const track_index&) = delete;
+
+  // Takes in the track that was appended last.
+  void add_last() {
+    if (table_) add(handle_->count - 1);
+  }
+  // The first track with an id, or the next one behind track k; kNone without one.
+  int32_t first(uint32_t id) const { return find(id, table_ ? heads_[hash(id)] : 0); }
+  int32_t next(uint32_t id, int32_t k) const { return find(id, table_ ? table_[k] : k + 1); }
+
+ private:
+  uint32_t hash(uint32_t id) const { return bits_ ? id * 2654435769u >> (32 - bits_) : 0; }
+  void add(int32_t k) {
+    const uint32_t h = hash(handle_->tracks[k]->id);
+    (heads_[h] < 0 ? heads_[h] : table_[tails_[h]]) = k;
+    tails_[h] = k;
+    table_[k] = kNone;
+  }
+  int32_t find(uint32_t id, int32_t k) const {
+    while (k >= 0 && k < handle_->count && handle_->tracks[k]->id != id)
+      k = table_ ? table_[k] : k + 1;
+    return k < handle_->count ? k : kNone;
+  }
+
+  const zyn_sort_handle* handle_;
+  int32_t* table_ = nullptr;  // per track the next one of its chain, then heads and tails
+  int32_t* heads_ = nullptr;
+  int32_t* tails_ = nullptr;
+  int32_t bits_ = 0;
+};
+
+// What the second update works on.
+struct update_v2 {
+  zyn_sort_handle* handle;
+  track_index* index;
+  const uint8_t* payloads;
+
+  void give_payload(int32_t i, int32_t k) const {
+    uint8_t* const slot = payload_of(handle, k);
+    if (slot && payloads)
+      memcpy(slot, payloads + i * handle->payload_size, static_cast<size_t>(handle->payload_size));
+  }
+
+  // A new track for detection i, if the mask lets it; the capacity grows even if not.
+  int32_t add_track(const zyn_detection& detection, int32_t i, bool allowed) const {
+    if (!make_room(handle, true)) return ZYN_RET_ERR_MEMORY;
+    if (!allowed) return ZYN_RET_OK;
+    if (!append_track(handle, detection)) return zyn_fail(kTrackMemory, ZYN_RET_ERR_MEMORY);
+    index->add_last();
+    give_payload(i, handle->count - 1);
+    // The number of tracks would wrap alike, but the capacity never gets there.
+    handle->next_id = handle->next_id < INT32_MAX ? handle->next_id + 1 : 0;
+    return ZYN_RET_OK;
+  }
+
+  // Corrects every track with an id by detection i, if the mask lets it.
+  int32_t correct_tracks(const zyn_detection& detection, int32_t i, uint32_t id,
+                         bool allowed) const {
+    int32_t k = index->first(id);
+    if (k == kNone) return ZYN_RET_ERR_UNKNOWN;
+    for (; allowed && k != kNone; k = index->next(id, k)) {
+      const int32_t code = zyn_box_tracker_update(&detection.x1, handle->tracks[k]);
+      if (code != ZYN_RET_OK) {
+        zyn_report_code(kUpdateLine, code);
+        return code;
+      }
+      give_payload(i, k);
+    }
+    return ZYN_RET_OK;
+  }
+};
 
 }  // namespace
 
@@ -274,14 +343,17 @@ int32_t zyn_sort_update_detection_v2(const zyn_detection* detections, const int3
                                      const uint8_t* mask, int32_t detection_count,
                                      const void* payloads, zyn_sort_handle* handle) {
   if (!detections || !ids || !handle) return ZYN_RET_ERR_PARA;
+  // The first update may have left tracks without a slot.
+  if (!make_slots(handle, handle->count, handle->capacity)) return ZYN_RET_ERR_MEMORY;
+  int32_t newcomers = 0;
+  for (int32_t i = 0; i < detection_count; i++) newcomers += ids[i] < 0;
+  track_index index(handle, detection_count - newcomers, int64_t{handle->count} + newcomers);
+  const update_v2 update{handle, &index, static_cast<const uint8_t*>(payloads)};
   for (int32_t i = 0; i < detection_count; i++) {
     const bool allowed = may_correct(mask, i);
-    const uint8_t* payload = static_cast<const uint8_t*>(payloads);
-    if (payload) payload += i * handle->payload_size;
-    const int32_t code = ids[i] < 0
-                             ? add_track_v2(handle, detections[i], allowed, payload)
-                             : correct_tracks_v2(handle, detections[i],
-                                                 static_cast<uint32_t>(ids[i]), allowed, payload);
+    const int32_t code = ids[i] < 0 ? update.add_track(detections[i], i, allowed)
+                                    : update.correct_tracks(detections[i], i,
+                                                            static_cast<uint32_t>(ids[i]), allowed);
     if (code != ZYN_RET_OK) return code;
   }
   drop_stale_tracks(handle);

@@ -17,5 +17,6 @@ struct zyn_sort_handle {
   uint8_t* payload;       // slot k belongs to track k; null without payloads
   int64_t payload_size;   // bytes of one slot
   int32_t payload_slots;  // the buffer's slots: fewer than capacity after
-                          // zyn_sort_update_detection has grown the tracks alone
+                          // zyn_sort_update_detection has grown the tracks alone, until
+                          // zyn_sort_update_detection_v2 has tracks beyond them
 };

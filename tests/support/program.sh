@@ -17,5 +17,13 @@ run() { # code, what the program must say, program, arguments...
   grep -qE -- "$note" "$work/out" "$work/notes" || fail "$*: expected to say \"$note\", said:"
 }
 
+# A command line: what is wrong with it is named beside the usage; --help answers with 0.
+line() { # 2, program, arguments...
+  run "$1" '^usage: ' "${@:2}"
+  run 2 'unknown-option' "$2" --unknown-option
+  run 0 '^usage: ' "$2" --help
+  [ ! -s "$work/notes" ] || fail "$2: help among the errors"
+}
+
 # Lines of what the last program said that match a pattern.
 count() { tr -d '\r' <"$work/out" | grep -Ec "$1" || true; }

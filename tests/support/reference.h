@@ -2,6 +2,8 @@
 // evaluation that tests of operators and whole graphs compare with.
 #pragma once
 
+#include <functional>
+
 #include "support/conv_case.h"
 #include "support/net.h"
 
@@ -201,46 +203,57 @@ inline Array reference_channels(const Array& in, const std::vector<int>& channel
   return out;
 }
 
-// Convolution with any groups: out channel o of a group sums over the group's inputs.
+// The one oracle of convolutions: output channel o of a group is its bias, to which
+// add(value, sum of the taps) joins the group's input channels one after another.
 // Transposed: every input pixel spreads over the output. Weights [out][in / groups] or
-// [in][out / groups], then [row][column].
-// Extents of the output that are not 0 replace the usual ones.
-inline Array reference_conv(const Array& in, const Array& constant, const zyn_conv_param& p,
-                            bool transposed = false, int ow = 0, int oh = 0) {
-  const auto extent = [&](int size, int k, int s, int pad, int d) {
-    return transposed ? (size - 1) * s - 2 * pad + d * (k - 1) + 1
-                      : (size - 1 + 2 * pad - (k - 1) * d) / s + 1;
+// [in][out / groups], then [row][column]; sums of integers are exact. Extents of the
+// output that are not 0 replace the usual ones.
+template <typename Add>
+Array reference_conv(const Array& in, const Array& constant, const zyn_conv_param& p,
+                     bool transposed, int ow, int oh, Add add) {
+  const auto extent = [&](int64_t size, int64_t k, int64_t s, int64_t pad, int64_t d) {
+    return static_cast<int>(transposed ? (size - 1) * s - 2 * pad + d * (k - 1) + 1
+                                       : (size - 1 + 2 * pad - (k - 1) * d) / s + 1);
   };
   Array out({ow ? ow : extent(in.w(), p.kernel_h, p.stride_h, p.pad_h, p.dilation_h),
              oh ? oh : extent(in.h(), p.kernel_w, p.stride_w, p.pad_w, p.dilation_w),
              p.out_channels});
   const int ig = p.in_channels / p.groups, og = p.out_channels / p.groups;
-  const size_t weights = static_cast<size_t>(p.kernel_h * p.kernel_w * p.in_channels * og);
-  for (int o = 0; o < p.out_channels && p.bias == 1; o++)
-    for (int i = 0; i < out.w() * out.h(); i++)
-      out.v[o * out.w() * out.h() + i] = constant.v[weights + static_cast<size_t>(o)];
-  for (int o = 0; o < p.out_channels; o++)
-    for (int k = 0; k < ig; k++)
-      for (int r = 0; r < p.kernel_w; r++)
-        for (int c = 0; c < p.kernel_h; c++) {
-          const int i = o / og * ig + k;
-          const int pair = transposed ? i * og + o % og : o * ig + k;
-          const double w = constant.v[(pair * p.kernel_w + r) * p.kernel_h + c];
-          // Walk the side that the stride counts on.
-          const Array &walked = transposed ? in : out, &other = transposed ? out : in;
-          for (int y = 0; y < walked.h(); y++) {
-            const int fy = y * p.stride_w - p.pad_w + r * p.dilation_w;
-            if (fy < 0 || fy >= other.h()) continue;
-            double* to = &out.at(0, transposed ? fy : y, o);
-            const double* from = &in.v[in.index(0, transposed ? y : fy, i)];
-            for (int x = 0; x < walked.w(); x++) {
-              const int fx = x * p.stride_h - p.pad_h + c * p.dilation_h;
-              if (fx >= 0 && fx < other.w())
-                to[transposed ? fx : x] += w * from[transposed ? x : fx];
-            }
-          }
-        }
+  const int taps = p.kernel_h * p.kernel_w, pixels = out.w() * out.h();
+  const double* bias = constant.v.data() + static_cast<size_t>(taps * p.in_channels * og);
+  // One plane of sums: every tap walks the side that the stride counts on.
+  Array sums({out.w(), out.h()});
+  const Array &walked = transposed ? in : sums, &other = transposed ? sums : in;
+  const auto add_tap = [&](int i, int r, int c, double w) {
+    for (int y = 0; y < walked.h(); y++) {
+      const int64_t fy = int64_t{y} * p.stride_w - p.pad_w + int64_t{r} * p.dilation_w;
+      if (fy < 0 || fy >= other.h()) continue;
+      const int row = static_cast<int>(fy);
+      double* to = &sums.at(0, transposed ? row : y, 0);
+      const double* from = &in.v[in.index(0, transposed ? y : row, i)];
+      for (int x = 0; x < walked.w(); x++) {
+        const int64_t fx = int64_t{x} * p.stride_h - p.pad_h + int64_t{c} * p.dilation_h;
+        if (fx >= 0 && fx < other.w()) to[transposed ? fx : x] += w * from[transposed ? x : fx];
+      }
+    }
+  };
+  for (int o = 0; o < p.out_channels; o++) {
+    double* to = &out.at(0, 0, o);
+    std::fill_n(to, pixels, p.bias == 1 ? bias[o] : 0);
+    for (int k = 0; k < ig; k++) {
+      const int i = o / og * ig + k, pair = transposed ? i * og + o % og : o * ig + k;
+      std::fill(sums.v.begin(), sums.v.end(), 0);
+      for (int t = 0; t < taps; t++)
+        add_tap(i, t / p.kernel_h, t % p.kernel_h,
+                constant.v[static_cast<size_t>(pair * taps + t)]);
+      for (int n = 0; n < pixels; n++) to[n] = add(to[n], sums.v[static_cast<size_t>(n)]);
+    }
+  }
   return out;
+}
+inline Array reference_conv(const Array& in, const Array& constant, const zyn_conv_param& p,
+                            bool transposed = false, int ow = 0, int oh = 0) {
+  return reference_conv(in, constant, p, transposed, ow, oh, std::plus<double>());
 }
 
 // Type 12: bias for codes 0 to 2 where the record has one, then the activation.
@@ -253,8 +266,7 @@ inline Array reference_conv_act(const Array& in, const Array& constant, zyn_conv
 }
 
 // Type 13: weights and bias folded with the statistics behind them.
-inline Array reference_conv_bn(const Array& in, const Array& constant, zyn_conv_param p,
-                               bool hard_sigmoid, int ow = 0, int oh = 0) {
+inline Array reference_fold(const Array& constant, const zyn_conv_param& p) {
   const size_t outputs = static_cast<size_t>(p.out_channels);
   const size_t biased = p.bias == 1 ? outputs : 0;
   const size_t weights = constant.v.size() - 4 * outputs - biased;
@@ -268,6 +280,11 @@ inline Array reference_conv_bn(const Array& in, const Array& constant, zyn_conv_
       folded.v[i] = constant.v[i] * scale;
     folded.v[weights + c] = (bias - stats[2 * outputs + c]) * scale + stats[outputs + c];
   }
+  return folded;
+}
+inline Array reference_conv_bn(const Array& in, const Array& constant, zyn_conv_param p,
+                               bool hard_sigmoid, int ow = 0, int oh = 0) {
+  const Array folded = reference_fold(constant, p);
   const int code = p.activation;
   const bool known = (code >= 0 && code <= 2) || (code == ZYN_ACT_HARD_SIGMOID && hard_sigmoid);
   p.bias = known ? 1 : 0;

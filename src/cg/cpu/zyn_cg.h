@@ -55,7 +55,7 @@ struct zyn_cg_handle {
   zyn_darray** successors;     // by id, list_count arrays of i32 or null
   zyn_darray** predecessors;   // the same, an operator's inputs in order
   zyn_cg_run_fn* run;          // by id
-  void** extras;               // by id: one word for the operators' use
+  void** extras;               // by id: one word for the operators' use, which none needs
   zyn_cg_operator* operators;  // kZynOperatorTypes rows
   uint32_t thread_count;
   uint32_t conv_method;  // 0, 1 or 2

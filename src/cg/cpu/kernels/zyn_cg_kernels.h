@@ -7,7 +7,8 @@
 
 #include <stdint.h>
 
-#include "cg/cpu/kernels/gemm/zyn_gemm_micro.h"
+#include "cg/cpu/kernels/gemm/zyn_gemm.h"
+#include "cg/cpu/kernels/zyn_conv_epilogue.h"
 #include "zyncore.h"
 
 // Whether the record describes a depthwise layer: groups = both channel counts. One
@@ -23,8 +24,7 @@ inline int64_t zyn_conv_weight_count(const zyn_conv_param* p) {
   return taps * inputs * p->out_channels;
 }
 
-// Planar direct kernels (method 0), layout planar in and out, with bias and activation
-// applied to finished sums (null: neither).
+// Planar kernels (method 0), layout planar in and out, with the epilogue (null: none).
 // Dense, kernel other than 1 x 1. 2: the copied rows could not be allocated.
 uint32_t zyn_cg_conv_planar(zyn_tensor* output, const zyn_tensor* input, const float* weights,
                             const zyn_conv_param* param,
@@ -38,31 +38,24 @@ uint32_t zyn_cg_dwconv_planar(zyn_tensor* output, const zyn_tensor* input, const
                               const zyn_conv_param* param,
                               const zyn_conv_epilogue* epilogue = nullptr);
 
-// Passes over a planar output, in place (output and source are the same tensor or
-// have the same shape). Each adds the bias found behind the weights, then applies
-// its function.
+// Parts of the epilogue by themselves, for a host's own kernels (the operators hand the
+// whole epilogue to their kernel): from source to output, which are the same tensor or have
+// the same shape. The bias behind the weights of a planar output; ReLU over every element,
+// in whatever order the channels lie.
 uint32_t zyn_cg_conv_add_bias(zyn_tensor* output, const zyn_tensor* source, const float* weights,
                               const zyn_conv_param* param);
-uint32_t zyn_cg_conv_add_bias_relu(zyn_tensor* output, const zyn_tensor* source,
-                                   const float* weights, const zyn_conv_param* param);
-uint32_t zyn_cg_conv_add_bias_hard_swish(zyn_tensor* output, const zyn_tensor* source,
-                                         const float* weights, const zyn_conv_param* param);
-uint32_t zyn_cg_conv_add_bias_hard_sigmoid(zyn_tensor* output, const zyn_tensor* source,
-                                           const float* weights, const zyn_conv_param* param);
-// Activations alone, over every element in whatever order the channels lie.
 uint32_t zyn_cg_conv_relu(zyn_tensor* output, const zyn_tensor* source);
-uint32_t zyn_cg_conv_hard_swish(zyn_tensor* output, const zyn_tensor* source);
 
-// Blocked direct kernels (method 1).
-struct zyn_conv_direct;  // packed weights and thread count
-zyn_conv_direct* zyn_cg_conv_prepare_direct(const zyn_tensor* weights, const zyn_conv_param* param,
-                                            int32_t threads);
-uint32_t zyn_cg_conv_release_direct(zyn_conv_direct** workspace);
+// Blocked kernels (method 1). The names of preparation and release are fixed ones.
+struct zyn_conv_blocked_weights;  // packed weights and thread count
+zyn_conv_blocked_weights* zyn_cg_conv_prepare_direct(const zyn_tensor* weights,
+                                                     const zyn_conv_param* param, int32_t threads);
+uint32_t zyn_cg_conv_release_direct(zyn_conv_blocked_weights** workspace);
 uint32_t zyn_cg_conv3x3(zyn_tensor* output, const zyn_tensor* input,
-                        const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                        const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                         const zyn_conv_epilogue* epilogue = nullptr);
 uint32_t zyn_cg_dwconv3x3(zyn_tensor* output, const zyn_tensor* input,
-                          const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                          const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                           const zyn_conv_epilogue* epilogue = nullptr);
 uint32_t zyn_cg_conv1x1(zyn_tensor* output, const zyn_tensor* input, const zyn_tensor* packed,
                         const zyn_conv_param* param, const zyn_conv_epilogue* epilogue = nullptr);
@@ -70,15 +63,15 @@ uint32_t zyn_cg_conv_add_bias_blocked(zyn_tensor* output, const zyn_tensor* sour
                                       const float* weights, const zyn_conv_param* param);
 
 // Planned kernels (method 2).
-struct zyn_conv_plan;  // kernel kind, sizes and packed weights
+struct zyn_conv_plan;  // kernel kind, sizes, packed weights and scratch
 zyn_conv_plan* zyn_cg_conv_prepare_planned(const zyn_tensor* input, const zyn_tensor* weights,
                                            const zyn_conv_param* param, const uint32_t* threads);
 uint32_t zyn_cg_conv_run_planned(zyn_tensor* output, const zyn_tensor* input,
                                  const zyn_tensor* weights, const zyn_conv_param* param,
                                  const zyn_conv_plan* workspace);
 uint32_t zyn_cg_conv_release_planned(zyn_conv_plan** workspace);
-// zyn_cg_conv_run_planned with bias and activation applied while the sums are still in
-// registers: the same bits as the passes over the planar output. Null: none.
+// zyn_cg_conv_run_planned with the epilogue (null: none) applied while the sums are still in
+// registers: the same bits as afterwards over the planar output.
 uint32_t zyn_cg_conv_run_planned_fused(zyn_tensor* output, const zyn_tensor* input,
                                        const zyn_tensor* weights, const zyn_conv_param* param,
                                        const zyn_conv_plan* workspace,
@@ -95,9 +88,11 @@ uint32_t zyn_cg_conv_plan(int32_t input_channels, int32_t output_channels, int32
 uint32_t zyn_cg_sgemm(int32_t m, int32_t n, int32_t k, float alpha, float beta, const float* a,
                       int64_t lda, const float* b, int64_t ldb, float* c, int64_t ldc);
 
-// output = alpha * A x B + beta * output on packed operands (zyn_gemm_pack.h), tile by
-// tile of row_block x panel_width; of the tiles at the right and bottom edges only the
-// valid part reaches the output, whose rows lie pitch floats apart.
+// The walk for a host's own packed operands, with the micro-kernel that a plan names; the
+// kernels here read B in place instead. output = alpha * A x B + beta * output on packed
+// operands (zyn_gemm_pack.h), tile by tile of row_block x panel_width; of the tiles at the
+// right and bottom edges only the valid part reaches the output, whose rows lie pitch
+// floats apart.
 void zyn_gemm_macro(int64_t rows, int64_t columns, int64_t k, float alpha, float beta,
                     float* output, int64_t pitch, const float* weights, const float* panels,
                     int64_t row_block, int64_t panel_width, zyn_gemm_micro micro);

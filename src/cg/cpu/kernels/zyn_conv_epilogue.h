@@ -1,12 +1,23 @@
-// Bias and activation on finished sums, for kernels that apply them to a tile or row
-// that is still in registers. Same arithmetic, in the same order, as the passes over
-// whole planes.
+// The epilogue, bias and activation: what happens to the finished sums of a convolution.
+// Kernels apply it to a tile or row that is still in registers, or to rows in place; both
+// ways do the same arithmetic in the same order, the bias first.
 #pragma once
 
 #include <immintrin.h>
+#include <stdint.h>
 
-#include "cg/cpu/kernels/gemm/zyn_gemm_micro.h"
 #include "simd/zyn_vectors.h"
+
+struct zyn_conv_epilogue {
+  const float* bias;   // one per output channel, or null
+  int32_t activation;  // ZYN_EPILOGUE_*
+};
+enum {
+  ZYN_EPILOGUE_NONE = 0,
+  ZYN_EPILOGUE_RELU = 1,
+  ZYN_EPILOGUE_HARD_SWISH = 2,
+  ZYN_EPILOGUE_HARD_SIGMOID = 4
+};
 
 template <int kActivation>
 inline __m256 zyn_activate(__m256 y) {
@@ -23,7 +34,7 @@ inline __m256 zyn_activate(__m256 y) {
 
 // Calls action with the activation as a template value: action.template run<code>().
 template <typename Action>
-inline void zyn_with_activation(int32_t activation, const Action& action) {
+[[gnu::always_inline]] inline void zyn_with_activation(int32_t activation, const Action& action) {
   switch (activation) {
     case ZYN_EPILOGUE_RELU:
       return action.template run<ZYN_EPILOGUE_RELU>();
@@ -36,6 +47,6 @@ inline void zyn_with_activation(int32_t activation, const Action& action) {
   }
 }
 
-// Bias and activation over rows rows of count floats, in place.
+// The epilogue over rows rows of count floats, in place; row r has bias r.
 void zyn_conv_finish_rows(float* data, int64_t rows, int64_t count,
                           const zyn_conv_epilogue& epilogue);

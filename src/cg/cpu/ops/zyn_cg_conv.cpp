@@ -65,7 +65,7 @@ uint32_t run_method0(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue
 uint32_t run_method1(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue,
                      bool keep_standard) {
   const zyn_conv_param& p = state->param;
-  if (!state->direct) return ZYN_RET_ERR_PARA;
+  if (!state->blocked) return ZYN_RET_ERR_PARA;
   zyn_tensor* output = state->output;
   const zyn_tensor* input = state->input;
   if (zyn_cg_order(input) != ZYN_LAYOUT_BLOCKED) {
@@ -73,9 +73,9 @@ uint32_t run_method1(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue
     if (!input) return ZYN_RET_ERR_MEMORY;
   }
   if (is_dense(p) && is_1x1(p) && !keep_standard)
-    return zyn_cg_conv1x1(output, input, state->direct->packed, &p, &epilogue);
-  return is_dense(p) ? zyn_cg_conv3x3(output, input, state->direct, &p, &epilogue)
-                     : zyn_cg_dwconv3x3(output, input, state->direct, &p, &epilogue);
+    return zyn_cg_conv1x1(output, input, state->blocked->packed, &p, &epilogue);
+  return is_dense(p) ? zyn_cg_conv3x3(output, input, state->blocked, &p, &epilogue)
+                     : zyn_cg_dwconv3x3(output, input, state->blocked, &p, &epilogue);
 }
 
 uint32_t run_method2(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) {
@@ -89,7 +89,7 @@ uint32_t run_method2(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue
 }
 
 void release_workspace(zyn_cg_conv_state* state) {
-  if (state->direct) zyn_cg_conv_release_direct(&state->direct);
+  if (state->blocked) zyn_cg_conv_release_direct(&state->blocked);
   if (state->plan) zyn_cg_conv_release_planned(&state->plan);
   zyn_cg_drop(&state->folded);
   zyn_fpi_drop_plan(&state->fixed);
@@ -99,12 +99,12 @@ void release_workspace(zyn_cg_conv_state* state) {
 // Makes the workspace of the node's method; 2 when it cannot be made.
 int32_t make_workspace(zyn_cg_conv_state* state) {
   if (state->method == 1)
-    state->direct = zyn_cg_conv_prepare_direct(state->weights, &state->param,
-                                               static_cast<int32_t>(state->thread_count));
+    state->blocked = zyn_cg_conv_prepare_direct(state->weights, &state->param,
+                                                static_cast<int32_t>(state->thread_count));
   if (state->method == 2)
     state->plan = zyn_cg_conv_prepare_planned(state->input, state->weights, &state->param,
                                               &state->thread_count);
-  const bool made = state->method == 0 || state->direct || state->plan;
+  const bool made = state->method == 0 || state->blocked || state->plan;
   return made ? ZYN_RET_OK : ZYN_RET_ERR_MEMORY;
 }
 
@@ -115,7 +115,7 @@ int32_t make_fixed(zyn_cg_conv_state* state) {
   state->weight_q = static_cast<int32_t>(q);
   return static_cast<int32_t>(zyn_fpi_make_plan(
       &state->fixed, static_cast<const int16_t*>(state->quantized->data), &state->param,
-      state->input_q + state->weight_q - state->output_q, state->output->dims[0]));
+      int64_t{state->input_q} + state->weight_q - state->output_q, state->input, state->output));
 }
 
 // Run functions of types 3, 4 and 5: bias where the record has it.
@@ -128,15 +128,21 @@ int32_t run_plain(void* record) {
   return zyn_cg_conv_run(state, {zyn_cg_conv_bias(state), ZYN_EPILOGUE_NONE}, KeepStandard);
 }
 
+// Output extent along one axis; 0 where int32_t does not hold it.
+int32_t conv_extent(int32_t extent, int32_t kernel, int32_t pad, int32_t stride, int32_t dilation) {
+  const int64_t reach = (kernel - int64_t{1}) * dilation;
+  return zyn_cg_extent((extent - int64_t{1} + int64_t{2} * pad - reach) / stride + 1);
+}
+
 int32_t prepare_plain(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<zyn_cg_conv_state>(graph, node);
   if (!state) return ZYN_RET_ERR_PARA;
   if (const int32_t code = zyn_cg_conv_open(graph, node, state)) return code;
-  const zyn_conv_param& p = state->param;
+  const zyn_conv_shape s = zyn_conv_shape_of(&state->param);
   const int32_t* dims = state->input->dims;
   return zyn_cg_conv_finish_prepare(
-      graph, state, zyn_cg_conv_extent(dims[0], p.kernel_h, p.pad_h, p.stride_h, p.dilation_h),
-      zyn_cg_conv_extent(dims[1], p.kernel_w, p.pad_w, p.stride_w, p.dilation_w), nullptr);
+      graph, state, conv_extent(dims[0], s.kernel_x, s.pad_x, s.stride_x, s.dilation_x),
+      conv_extent(dims[1], s.kernel_y, s.pad_y, s.stride_y, s.dilation_y), nullptr);
 }
 
 }  // namespace
@@ -160,8 +166,10 @@ int32_t zyn_cg_conv_open(zyn_cg_handle* graph, int32_t node, zyn_cg_conv_state* 
   release_workspace(state);
   const zyn_cg_sources sources = zyn_cg_find_sources(graph, node);
   if (const int32_t code = zyn_cg_check_input(graph, sources.input)) return code;
-  if (zyn_cg_is_fixed_point(graph) && (!zyn_cg_read_q(graph, sources.producer, &state->input_q) ||
-                                       !zyn_cg_read_q(graph, node, &state->output_q)))
+  // Any counts: that they fit together is zyn_fpi_make_plan's to say.
+  if (zyn_cg_is_fixed_point(graph) &&
+      (!zyn_cg_read_fraction_bits(graph, sources.producer, &state->input_q) ||
+       !zyn_cg_read_fraction_bits(graph, node, &state->output_q)))
     return ZYN_RET_ERR_PARA;
   const zyn_tensor* constant = sources.constant;
   int64_t needed = 0;
@@ -174,20 +182,14 @@ int32_t zyn_cg_conv_open(zyn_cg_handle* graph, int32_t node, zyn_cg_conv_state* 
   return ZYN_RET_OK;
 }
 
-int32_t zyn_cg_conv_extent(int32_t extent, int32_t kernel, int32_t pad, int32_t stride,
-                           int32_t dilation) {
-  const int64_t reach = (kernel - int64_t{1}) * dilation;
-  return zyn_cg_extent((extent - int64_t{1} + int64_t{2} * pad - reach) / stride + 1);
-}
-
-int32_t zyn_cg_conv_finish_prepare(zyn_cg_handle* graph, zyn_cg_conv_state* state, int32_t out_h,
-                                   int32_t out_w, const zyn_site* site) {
+int32_t zyn_cg_conv_finish_prepare(zyn_cg_handle* graph, zyn_cg_conv_state* state, int32_t width,
+                                   int32_t height, const zyn_site* site) {
   const zyn_tensor* input = state->input;
   int32_t dims[5];
   memcpy(dims, input->dims, sizeof(dims));
   memcpy(state->input_dims, dims, sizeof(dims));
-  dims[0] = out_h;
-  dims[1] = out_w;
+  dims[0] = width;
+  dims[1] = height;
   dims[2] = state->param.out_channels;
   if (const int32_t code =
           zyn_cg_make_output(graph, &state->output, input->dim_count, dims, input->type, site)) {

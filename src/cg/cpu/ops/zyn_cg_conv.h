@@ -2,10 +2,10 @@
 // in what their constant holds, their output's shape and what follows the convolution.
 #pragma once
 
-#include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
-#include "cg/cpu/kernels/zyn_conv_epilogue.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi.h"
+#include "cg/cpu/kernels/zyn_cg_kernels.h"
+#include "cg/cpu/kernels/zyn_conv_epilogue.h"
 #include "cg/cpu/zyn_cg_support.h"
 
 // Begins as the states of types 7 and 8 do, whose output slot is the same.
@@ -19,10 +19,10 @@ struct zyn_cg_conv_state : zyn_cg_io_state {
   uint32_t thread_count;
   uint32_t fixed_point;
   uint32_t device_type;
-  zyn_conv_direct* direct;  // method 1
-  zyn_conv_plan* plan;      // method 2
-  zyn_tensor* quantized;    // fixed point: weights and biases with weight_q fraction bits
-  zyn_fpi_plan fixed;       // fixed point: the kernel, whatever the method
+  zyn_conv_blocked_weights* blocked;  // method 1
+  zyn_conv_plan* plan;                // method 2
+  zyn_tensor* quantized;              // fixed point: weights and biases with weight_q fraction bits
+  zyn_fpi_plan fixed;                 // fixed point: the kernel, whatever the method
 };
 
 // bind of every type: copies the record and the graph's settings.
@@ -43,16 +43,13 @@ int32_t zyn_cg_prepare_conv(zyn_cg_handle* graph, int32_t node);
 // also reads the q of the input and of the node.
 int32_t zyn_cg_conv_open(zyn_cg_handle* graph, int32_t node, zyn_cg_conv_state* state);
 
-// Output extent of types 3, 4, 5 and 12 along one axis; 0 where int32_t does not hold it.
-int32_t zyn_cg_conv_extent(int32_t extent, int32_t kernel, int32_t pad, int32_t stride,
-                           int32_t dilation);
-
-// The last step: makes the output, {out_h, out_w, out_channels} and the input's further
+// The last step: makes the output, {width, height, out_channels} and the input's further
 // extents, and the workspace of the node's method; in fixed point the 16-bit weights. 2
 // when one cannot be made, after the report of site (null: silent) for the output; 1
-// when the weights fit no q or input and weights have fewer fraction bits than the output.
-int32_t zyn_cg_conv_finish_prepare(zyn_cg_handle* graph, zyn_cg_conv_state* state, int32_t out_h,
-                                   int32_t out_w, const zyn_site* site);
+// when the weights fit no q or q_in + q_w - q_out is not 0 to 31. A node that fails here
+// refuses to run, as one that fails in zyn_cg_conv_open.
+int32_t zyn_cg_conv_finish_prepare(zyn_cg_handle* graph, zyn_cg_conv_state* state, int32_t width,
+                                   int32_t height, const zyn_site* site);
 
 // Runs the node's kernel, then what epilogue says. keep_standard: 3x3 kernels serve 1x1
 // layers under method 1 as well, that is, refuse them.

@@ -6,6 +6,11 @@
 // zeros left and right; for a convolution with stride s a packed row holds s phases
 // (every s-th pixel), so that its taps are contiguous too; a transposed convolution
 // computes every s-th output pixel of a row at a time, for which its taps are.
+//
+// The packed planes of a group have at most 32 floats for every input and every output of
+// the group, and 16384 more; the taps are 16 bytes for each of a kernel. A layer whose
+// stride, padding or dilation would ask for more is summed tap by tap from the input.
+#include "cg/cpu/kernels/zyn_conv_shape.h"
 #include "cg/cpu/ops/zyn_cg_operators.h"
 #include "cg/cpu/zyn_cg_support.h"
 
@@ -13,13 +18,14 @@ namespace {
 
 constexpr int64_t kTile = 16;  // output pixels at once: with 4 channels 8 accumulators
 constexpr int kChannels = 4;   // output channels at once
+constexpr int64_t kPackedFactor = 32, kPackedFloats = 16384;  // see above
 
 struct tap {
   int64_t offset;  // in the packed planes, of output pixel 0
   int64_t weight;  // index in the weights of one channel pair
 };
 
-// The workspace is an array of taps, then the packed planes of one group.
+// The workspace is an array of taps, then the packed planes of one group. No rows: none.
 struct packing {
   int64_t left;        // zeros before a row
   int64_t phases;      // convolution: the stride; transposed: 1
@@ -30,6 +36,7 @@ struct packing {
 struct group_conv_state : zyn_cg_io_state {
   zyn_tensor* weights;  // the constant's own
   zyn_conv_param param;
+  zyn_conv_shape shape;  // of param, once that is known to be valid
   packing rows;
   int32_t width, height;  // of the input that the workspace is made for
 };
@@ -47,6 +54,8 @@ struct row_sum {
 };
 
 int64_t taps_of(const zyn_conv_param& p) { return static_cast<int64_t>(p.kernel_h) * p.kernel_w; }
+int64_t inputs_of(const zyn_conv_param& p) { return p.in_channels / p.groups; }
+int64_t outputs_of(const zyn_conv_param& p) { return p.out_channels / p.groups; }
 
 bool is_transposed(const group_conv_state* state) { return state->type == ZYN_OP_CONV_TRANSPOSED; }
 
@@ -122,16 +131,16 @@ void pack_planes(float* packed, const float* in, const group_conv_state* state, 
 
 // Taps of output row y of a convolution.
 int64_t conv_taps(tap* taps, const group_conv_state* state, int64_t y) {
-  const zyn_conv_param& p = state->param;
+  const zyn_conv_shape& s = state->shape;
   int64_t count = 0;
-  for (int64_t r = 0; r < p.kernel_w; r++) {
-    const int64_t iy = y * p.stride_w - p.pad_w + r * p.dilation_w;
+  for (int64_t r = 0; r < s.kernel_y; r++) {
+    const int64_t iy = y * s.stride_y - s.pad_y + r * s.dilation_y;
     if (iy < 0 || iy >= state->height) continue;
-    for (int64_t c = 0; c < p.kernel_h; c++) {
-      const int64_t place = c * p.dilation_h;
-      taps[count++] = {iy * state->rows.row_size + place % p.stride_h * state->rows.phase_size +
-                           place / p.stride_h,
-                       r * p.kernel_h + c};
+    for (int64_t c = 0; c < s.kernel_x; c++) {
+      const int64_t place = c * s.dilation_x;
+      taps[count++] = {iy * state->rows.row_size + place % s.stride_x * state->rows.phase_size +
+                           place / s.stride_x,
+                       r * s.kernel_x + c};
     }
   }
   return count;
@@ -140,53 +149,111 @@ int64_t conv_taps(tap* taps, const group_conv_state* state, int64_t y) {
 // Taps of the output pixels phase, phase + stride, ... of row y of a transposed
 // convolution: input pixel i meets output pixel i * stride - pad + c * dilation.
 int64_t transposed_taps(tap* taps, const group_conv_state* state, int64_t y, int64_t phase) {
-  const zyn_conv_param& p = state->param;
+  const zyn_conv_shape& s = state->shape;
   int64_t count = 0;
-  for (int64_t r = 0; r < p.kernel_w; r++) {
-    const int64_t place_y = y + p.pad_w - r * p.dilation_w;
-    const int64_t iy = place_y / p.stride_w;
-    if (place_y < 0 || place_y % p.stride_w != 0 || iy >= state->height) continue;
-    for (int64_t c = 0; c < p.kernel_h; c++) {
-      const int64_t place = phase + p.pad_h - c * p.dilation_h;
-      if (place % p.stride_h != 0) continue;
-      taps[count++] = {iy * state->rows.row_size + state->rows.left + place / p.stride_h,
-                       r * p.kernel_h + c};
+  for (int64_t r = 0; r < s.kernel_y; r++) {
+    const int64_t place_y = y + s.pad_y - r * s.dilation_y;
+    const int64_t iy = place_y / s.stride_y;
+    if (place_y < 0 || place_y % s.stride_y != 0 || iy >= state->height) continue;
+    for (int64_t c = 0; c < s.kernel_x; c++) {
+      const int64_t place = phase + s.pad_x - c * s.dilation_x;
+      if (place % s.stride_x != 0) continue;
+      taps[count++] = {iy * state->rows.row_size + state->rows.left + place / s.stride_x,
+                       r * s.kernel_x + c};
     }
   }
   return count;
 }
 
+// Where along one axis the tap at place k reads for output pixel at; -1 where it does not.
+int64_t source_of(int64_t at, int64_t k, int64_t stride, int64_t pad, int64_t dilation,
+                  int64_t extent, bool transposed) {
+  int64_t place = transposed ? at + pad - k * dilation : at * stride - pad + k * dilation;
+  if (transposed && place % stride != 0) return -1;
+  if (transposed) place /= stride;
+  return place >= 0 && place < extent ? place : -1;
+}
+
+// One output pixel from the planes as they are: the same terms in the same order, the
+// zeros beside a row among them.
+float sum_pixel(const group_conv_state* state, const row_sum& row, float start, int64_t x,
+                int64_t y) {
+  const zyn_conv_shape& s = state->shape;
+  const bool transposed = is_transposed(state);
+  for (int64_t t = 0; t < row.inputs * taps_of(state->param); t++) {
+    const int64_t ic = t / taps_of(state->param), tap = t % taps_of(state->param);
+    const int64_t iy = source_of(y, tap / s.kernel_x, s.stride_y, s.pad_y, s.dilation_y,
+                                 state->height, transposed);
+    if (iy < 0) continue;
+    const int64_t place = x + s.pad_x - tap % s.kernel_x * s.dilation_x;
+    if (transposed && place % s.stride_x != 0) continue;
+    const int64_t ix =
+        source_of(x, tap % s.kernel_x, s.stride_x, s.pad_x, s.dilation_x, state->width, transposed);
+    const float value = ix < 0 ? 0.0f : row.planes[ic * row.plane_pitch + iy * state->width + ix];
+    start = __builtin_fmaf(value, row.weights[ic * row.input_step + tap], start);
+  }
+  return start;
+}
+
+// What all rows of a layer have in common.
+row_sum make_row(const group_conv_state* state, const float* planes, int64_t plane_pitch,
+                 const tap* taps) {
+  const zyn_conv_param& p = state->param;
+  const bool transposed = is_transposed(state);
+  row_sum row = {};
+  row.planes = planes;
+  row.plane_pitch = plane_pitch;
+  row.inputs = inputs_of(p);
+  row.taps = taps;
+  row.input_step = transposed ? outputs_of(p) * taps_of(p) : taps_of(p);
+  row.output_step = transposed ? taps_of(p) : inputs_of(p) * taps_of(p);
+  return row;
+}
+
+// Points weights and bias at output channel oc of a group.
+void aim(row_sum& row, const group_conv_state* state, int64_t group, int64_t oc) {
+  const zyn_conv_param& p = state->param;
+  const float* constant = zyn_cg_floats(state->weights);
+  const float* bias = constant + taps_of(p) * p.in_channels * outputs_of(p);
+  row.weights = constant + group * inputs_of(p) * outputs_of(p) * taps_of(p) + oc * row.output_step;
+  row.bias = p.bias == 1 ? bias + group * outputs_of(p) + oc : nullptr;
+}
+
 // The output planes of one group, whose input planes are packed.
 void run_group(const group_conv_state* state, int64_t group, tap* taps, const float* packed) {
-  const zyn_conv_param& p = state->param;
   const zyn_tensor* output = state->output;
   const bool transposed = is_transposed(state);
-  const int64_t inputs = p.in_channels / p.groups, outputs = p.out_channels / p.groups;
+  const int64_t outputs = outputs_of(state->param);
   const int64_t width = zyn_cg_width(output), plane = zyn_cg_pixels(output);
-  const float* constant = zyn_cg_floats(state->weights);
-  const float* bias = constant + taps_of(p) * p.in_channels * outputs;
-  row_sum row = {};
-  row.planes = packed;
-  row.plane_pitch = state->rows.row_size * state->height;
-  row.inputs = inputs;
-  row.taps = taps;
-  row.input_step = transposed ? outputs * taps_of(p) : taps_of(p);
-  row.output_step = transposed ? taps_of(p) : inputs * taps_of(p);
-  const int64_t phases = transposed ? p.stride_h : 1;
+  row_sum row = make_row(state, packed, state->rows.row_size * state->height, taps);
+  const int64_t phases = transposed ? state->shape.stride_x : 1;
   for (int64_t y = 0; y < zyn_cg_height(output); y++) {
     for (int64_t phase = 0; phase < phases && phase < width; phase++) {
       row.tap_count =
           transposed ? transposed_taps(taps, state, y, phase) : conv_taps(taps, state, y);
       for (int64_t oc = 0; oc < outputs; oc += kChannels) {
-        const int64_t channel = group * outputs + oc;
         const int64_t left = outputs - oc;
-        row.weights = constant + group * inputs * outputs * taps_of(p) + oc * row.output_step;
-        row.bias = p.bias == 1 ? bias + channel : nullptr;
-        sum_row(zyn_cg_floats(output) + channel * plane + y * width + phase, plane, phases,
-                (width - phase + phases - 1) / phases, row,
+        aim(row, state, group, oc);
+        sum_row(zyn_cg_floats(output) + (group * outputs + oc) * plane + y * width + phase, plane,
+                phases, (width - phase + phases - 1) / phases, row,
                 static_cast<int>(left < kChannels ? left : kChannels));
       }
     }
+  }
+}
+
+// The output planes of one group from its input planes, which are not packed.
+void run_group_unpacked(const group_conv_state* state, int64_t group, const float* planes) {
+  const zyn_tensor* output = state->output;
+  const int64_t outputs = outputs_of(state->param);
+  row_sum row = make_row(state, planes, int64_t{state->width} * state->height, nullptr);
+  float* out = zyn_cg_floats(output) + group * outputs * zyn_cg_pixels(output);
+  for (int64_t oc = 0; oc < outputs; oc++) {
+    aim(row, state, group, oc);
+    const float start = row.bias ? *row.bias : 0.0f;
+    for (int64_t y = 0; y < zyn_cg_height(output); y++)
+      for (int64_t x = 0; x < zyn_cg_width(output); x++)
+        *out++ = sum_pixel(state, row, start, x, y);
   }
 }
 
@@ -214,10 +281,14 @@ int32_t run_group_conv(void* record) {
   if (!input) return ZYN_RET_ERR_MEMORY;
   auto* taps = static_cast<tap*>(state->workspace);
   auto* packed = reinterpret_cast<float*>(taps + taps_of(p));
-  const int64_t inputs = p.in_channels / p.groups;
-  for (int64_t group = 0; group < p.groups; group++) {
-    pack_planes(packed, zyn_cg_floats(input) + group * inputs * zyn_cg_pixels(input), state,
-                inputs);
+  const int64_t inputs = inputs_of(p);
+  const float* planes = zyn_cg_floats(input);
+  for (int64_t group = 0; group < p.groups; group++, planes += inputs * zyn_cg_pixels(input)) {
+    if (state->rows.row_size == 0) {
+      run_group_unpacked(state, group, planes);
+      continue;
+    }
+    pack_planes(packed, planes, state, inputs);
     run_group(state, group, taps, packed);
   }
   output->layout = ZYN_LAYOUT_PLANAR;
@@ -236,31 +307,42 @@ int64_t round_to_tile(int64_t pixels) { return (pixels + kTile - 1) / kTile * kT
 
 // How rows are packed so that every tap of every tile stays inside its row.
 packing pack_rule(const group_conv_state* state) {
-  const zyn_conv_param& p = state->param;
+  const zyn_conv_shape& s = state->shape;
   const int64_t width = state->output->dims[0];
-  const int64_t reach = static_cast<int64_t>(p.kernel_h - 1) * p.dilation_h;
-  const int64_t stride = p.stride_h;
+  const int64_t reach = (s.kernel_x - int64_t{1}) * s.dilation_x;
+  const int64_t stride = s.stride_x;
   if (!is_transposed(state)) {
     const int64_t size = reach / stride + 1 + round_to_tile(width);
-    return {p.pad_h, stride, size, size * stride};
+    return {s.pad_x, stride, size, size * stride};
   }
-  const int64_t left = reach > p.pad_h ? (reach - p.pad_h + stride - 1) / stride : 0;
-  const int64_t furthest = (stride - 1 + p.pad_h) / stride;
+  const int64_t left = reach > s.pad_x ? (reach - s.pad_x + stride - 1) / stride : 0;
+  const int64_t furthest = (stride - 1 + s.pad_x) / stride;
   int64_t right = furthest + round_to_tile((width + stride - 1) / stride);
   if (right < state->width) right = state->width;
   return {left, 1, left + right, left + right};
 }
 
-int32_t make_workspace(group_conv_state* state) {
+// The packed planes of a group, in floats; 0 where they would be too large.
+int64_t packed_size(const group_conv_state* state) {
   const zyn_conv_param& p = state->param;
+  int64_t packed = 0, most = 0;
+  if (!zyn_multiply(state->input->count / p.groups + state->output->count / p.groups, kPackedFactor,
+                    &most) ||
+      !zyn_sum(most, kPackedFloats, &most))
+    most = INT64_MAX;
+  const bool fits = zyn_multiply(state->rows.row_size, state->height, &packed) &&
+                    zyn_multiply(packed, inputs_of(p), &packed) && packed <= most;
+  return fits ? packed : 0;
+}
+
+int32_t make_workspace(group_conv_state* state) {
   state->rows = pack_rule(state);
-  int64_t floats = 0, taps = 0, bytes = 0;
+  int64_t floats = packed_size(state), taps = 0, bytes = 0;
+  if (floats == 0) state->rows = {};
   zyn_free(state->workspace);
   state->workspace = nullptr;
-  if (!zyn_multiply(state->rows.row_size, state->height, &floats) ||
-      !zyn_multiply(floats, p.in_channels / p.groups, &floats) ||
-      !zyn_multiply(floats, sizeof(float), &floats) ||
-      !zyn_multiply(taps_of(p), sizeof(tap), &taps) || !zyn_sum(floats, taps, &bytes))
+  if (!zyn_multiply(floats, sizeof(float), &floats) ||
+      !zyn_multiply(taps_of(state->param), sizeof(tap), &taps) || !zyn_sum(floats, taps, &bytes))
     return ZYN_RET_ERR_MEMORY;
   state->workspace = zyn_calloc(bytes, 1);
   return state->workspace ? ZYN_RET_OK : ZYN_RET_ERR_MEMORY;
@@ -291,17 +373,22 @@ int32_t prepare(zyn_cg_handle* graph, int32_t node, Extent extent) {
   const int64_t needed = constant_size(p);
   if (needed < 0 || needed > constant->count) return ZYN_RET_ERR_PARA;
   state->weights = sources.constant;
+  state->shape = zyn_conv_shape_of(&p);
   state->width = input->dims[0];
   state->height = static_cast<int32_t>(zyn_cg_height(input));
+  const zyn_conv_shape& s = state->shape;
   const int32_t dims[3] = {
-      zyn_cg_extent(extent(state->width, p.kernel_h, p.stride_h, p.pad_h, p.dilation_h)),
-      zyn_cg_extent(extent(state->height, p.kernel_w, p.stride_w, p.pad_w, p.dilation_w)),
+      zyn_cg_extent(extent(state->width, s.kernel_x, s.stride_x, s.pad_x, s.dilation_x)),
+      zyn_cg_extent(extent(state->height, s.kernel_y, s.stride_y, s.pad_y, s.dilation_y)),
       p.out_channels};
-  int32_t code = zyn_cg_make_output(graph, &state->output, 3, dims, input->type, nullptr);
-  if (code == ZYN_RET_OK) code = make_workspace(state);
-  if (code != ZYN_RET_OK) return code;
+  if (const int32_t code = zyn_cg_make_output(graph, &state->output, 3, dims, input->type, nullptr))
+    return code;
+  // Until here a failure leaves no input, and the run refuses.
+  if (zyn_cg_is_fixed_point(graph)) return zyn_cg_no_fixed_point();
   state->input = sources.input;
-  return zyn_cg_is_fixed_point(graph) ? zyn_cg_no_fixed_point() : ZYN_RET_OK;
+  const int32_t code = make_workspace(state);
+  if (code != ZYN_RET_OK) state->input = nullptr;
+  return code;
 }
 
 int32_t prepare_grouped(zyn_cg_handle* graph, int32_t node) {

@@ -102,12 +102,12 @@ int32_t prepare_conv_bn(zyn_cg_handle* graph, int32_t node) {
   if (!state) return zyn_fail(kPrepareArgs, ZYN_RET_ERR_PARA);
   if (const int32_t code = zyn_cg_conv_open(graph, node, state)) return code;
   if (const int32_t code = fold(state)) return code;
-  const zyn_conv_param& p = state->param;
+  const zyn_conv_shape s = zyn_conv_shape_of(&state->param);
   const int32_t* dims = state->input->dims;
-  // On purpose: dilation is not counted, and pad_h serves both axes.
+  // On purpose: dilation is not counted, and pad_x serves both axes.
   return zyn_cg_conv_finish_prepare(
-      graph, state, folded_extent(dims[0], p.kernel_h, p.pad_h, p.stride_h),
-      folded_extent(dims[1], p.kernel_w, p.pad_h, p.stride_w), &kOutputMemory);
+      graph, state, folded_extent(dims[0], s.kernel_x, s.pad_x, s.stride_x),
+      folded_extent(dims[1], s.kernel_y, s.pad_x, s.stride_y), &kOutputMemory);
 }
 
 }  // namespace

@@ -1,9 +1,10 @@
-// Dispatch of the blocked direct kernels by kernel and stride, the frame of their
-// drivers, and the passes over a finished blocked output.
+// The entry of the blocked kernels (method 1): decides by kernel and stride which driver
+// runs. Also the frame of the drivers, and the bias over a finished blocked output.
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
 
 #include "base/zyn_memory.h"
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked_tile.h"
+#include "cg/cpu/kernels/zyn_conv_shape.h"
 
 namespace {
 
@@ -11,14 +12,23 @@ bool is_pair(int32_t first, int32_t second, int32_t value) {
   return first == value && second == value;
 }
 
-using driver = uint32_t (*)(zyn_tensor*, const zyn_tensor*, const zyn_conv_direct*,
+using driver = uint32_t (*)(zyn_tensor*, const zyn_tensor*, const zyn_conv_blocked_weights*,
                             const zyn_conv_param*, const zyn_conv_epilogue*);
 
 // The driver of a 3x3 layer by its stride, or null.
-driver choose(const zyn_conv_param* p, driver stride1, driver stride2) {
-  if (!is_pair(p->kernel_h, p->kernel_w, 3)) return nullptr;
-  if (is_pair(p->stride_h, p->stride_w, 1)) return stride1;
-  return is_pair(p->stride_h, p->stride_w, 2) ? stride2 : nullptr;
+driver choose(const zyn_conv_shape& s, driver stride1, driver stride2) {
+  if (!is_pair(s.kernel_x, s.kernel_y, 3)) return nullptr;
+  if (is_pair(s.stride_x, s.stride_y, 1)) return stride1;
+  return is_pair(s.stride_x, s.stride_y, 2) ? stride2 : nullptr;
+}
+
+// One of two drivers of 3x3 layers, if any serves the record.
+uint32_t run_3x3(driver stride1, driver stride2, zyn_tensor* output, const zyn_tensor* input,
+                 const zyn_conv_blocked_weights* weights, const zyn_conv_param* param,
+                 const zyn_conv_epilogue* epilogue) {
+  if (!output || !input || !weights || !param) return ZYN_RET_ERR_PARA;
+  const driver run = choose(zyn_conv_shape_of(param), stride1, stride2);
+  return run ? run(output, input, weights, param, epilogue) : uint32_t{ZYN_RET_ERR_NOT_SUPPORT};
 }
 
 // Whether the input has to be copied into blocked order first.
@@ -69,21 +79,20 @@ uint32_t zyn_blocked_drive(zyn_tensor* output, const zyn_tensor* input, const zy
 }
 
 uint32_t zyn_cg_conv3x3(zyn_tensor* output, const zyn_tensor* input,
-                        const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                        const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                         const zyn_conv_epilogue* epilogue) {
-  if (!output || !input || !workspace || !param) return ZYN_RET_ERR_PARA;
-  const driver run = choose(param, zyn_cg_conv3x3_s1, zyn_cg_conv3x3_s2);
-  return run ? run(output, input, workspace, param, epilogue) : uint32_t{ZYN_RET_ERR_NOT_SUPPORT};
+  return run_3x3(zyn_cg_conv3x3_s1, zyn_cg_conv3x3_s2, output, input, workspace, param, epilogue);
 }
 
 uint32_t zyn_cg_dwconv3x3(zyn_tensor* output, const zyn_tensor* input,
-                          const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                          const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                           const zyn_conv_epilogue* epilogue) {
-  if (!output || !input || !workspace || !param) return ZYN_RET_ERR_PARA;
-  const driver run = choose(param, zyn_cg_dwconv3x3_s1, zyn_cg_dwconv3x3_s2);
-  return run ? run(output, input, workspace, param, epilogue) : uint32_t{ZYN_RET_ERR_NOT_SUPPORT};
+  return run_3x3(zyn_cg_dwconv3x3_s1, zyn_cg_dwconv3x3_s2, output, input, workspace, param,
+                 epilogue);
 }
 
+// Nothing calls it: the kernels add the bias where they finish a sum. A caller that ran one
+// without an epilogue would.
 uint32_t zyn_cg_conv_add_bias_blocked(zyn_tensor* output, const zyn_tensor* source,
                                       const float* weights, const zyn_conv_param* param) {
   if (!output || !source || !weights || !param || !output->data) return ZYN_RET_ERR_PARA;

@@ -1,4 +1,4 @@
-// Shared parts of the blocked direct kernels: the channel-blocked layout, the
+// Shared parts of the blocked kernels (method 1): the channel-blocked layout, the
 // vector types of its block widths, and the packed-weight order that packer and
 // micro-kernels agree on.
 //
@@ -22,7 +22,7 @@
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "cg/cpu/kernels/zyn_conv_epilogue.h"
 
-struct zyn_conv_direct {
+struct zyn_conv_blocked_weights {
   zyn_tensor* packed;     // weights in the order above, the weight tensor's shape
   uint32_t thread_count;  // 1 to 16
 };
@@ -107,21 +107,21 @@ uint32_t zyn_blocked_drive(zyn_tensor* output, const zyn_tensor* input, const zy
                            const zyn_conv_param* param, const zyn_conv_epilogue* epilogue,
                            int32_t stride, void (*run)(const zyn_blocked_layer&));
 
-// Planar to blocked and back: channels planes of count pixels.
+// Planar to blocked: channels planes of count pixels. Scratch of the family is one such
+// copy of the input, whatever the record says.
 void zyn_block_planes(float* blocked, const float* planar, int32_t channels, int64_t count);
-void zyn_unblock_planes(float* planar, const float* blocked, int32_t channels, int64_t count);
 
 // Drivers of one stride; the dispatchers zyn_cg_conv3x3 and zyn_cg_dwconv3x3 choose.
 // The epilogue (null: none) is applied where an output value receives its last sum.
 uint32_t zyn_cg_conv3x3_s1(zyn_tensor* output, const zyn_tensor* input,
-                           const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                           const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                            const zyn_conv_epilogue* epilogue);
 uint32_t zyn_cg_conv3x3_s2(zyn_tensor* output, const zyn_tensor* input,
-                           const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                           const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                            const zyn_conv_epilogue* epilogue);
 uint32_t zyn_cg_dwconv3x3_s1(zyn_tensor* output, const zyn_tensor* input,
-                             const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                             const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                              const zyn_conv_epilogue* epilogue);
 uint32_t zyn_cg_dwconv3x3_s2(zyn_tensor* output, const zyn_tensor* input,
-                             const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                             const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                              const zyn_conv_epilogue* epilogue);

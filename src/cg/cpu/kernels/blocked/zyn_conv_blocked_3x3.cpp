@@ -284,8 +284,9 @@ void run(const zyn_blocked_layer& l) {
 
 // What is left where there is no memory for the input's copy: an output of zeros.
 template <int Stride>
-uint32_t drive(zyn_tensor* output, const zyn_tensor* input, const zyn_conv_direct* workspace,
-               const zyn_conv_param* param, const zyn_conv_epilogue* epilogue) {
+uint32_t drive(zyn_tensor* output, const zyn_tensor* input,
+               const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
+               const zyn_conv_epilogue* epilogue) {
   const uint32_t code =
       zyn_blocked_drive(output, input, workspace->packed, param, epilogue, Stride, run<Stride>);
   if (code == ZYN_RET_ERR_MEMORY) memset(output->data, 0, static_cast<size_t>(output->byte_size));
@@ -295,13 +296,13 @@ uint32_t drive(zyn_tensor* output, const zyn_tensor* input, const zyn_conv_direc
 }  // namespace
 
 uint32_t zyn_cg_conv3x3_s1(zyn_tensor* output, const zyn_tensor* input,
-                           const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                           const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                            const zyn_conv_epilogue* epilogue) {
   return drive<1>(output, input, workspace, param, epilogue);
 }
 
 uint32_t zyn_cg_conv3x3_s2(zyn_tensor* output, const zyn_tensor* input,
-                           const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                           const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                            const zyn_conv_epilogue* epilogue) {
   return drive<2>(output, input, workspace, param, epilogue);
 }

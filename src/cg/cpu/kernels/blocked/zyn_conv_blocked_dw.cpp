@@ -149,13 +149,13 @@ void run(const zyn_blocked_layer& l) {
 }  // namespace
 
 uint32_t zyn_cg_dwconv3x3_s1(zyn_tensor* output, const zyn_tensor* input,
-                             const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                             const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                              const zyn_conv_epilogue* epilogue) {
   return zyn_blocked_drive(output, input, workspace->packed, param, epilogue, 1, run<1>);
 }
 
 uint32_t zyn_cg_dwconv3x3_s2(zyn_tensor* output, const zyn_tensor* input,
-                             const zyn_conv_direct* workspace, const zyn_conv_param* param,
+                             const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                              const zyn_conv_epilogue* epilogue) {
   return zyn_blocked_drive(output, input, workspace->packed, param, epilogue, 2, run<2>);
 }

@@ -36,39 +36,26 @@ void pack_dense(float* packed, const float* weights, const zyn_conv_param* p) {
   }
 }
 
-// Fills dst with [pixel][lane] of Width planes that lie plane apart, or back.
-void interleave8(float* blocked, const float* planar, int64_t plane, int64_t count) {
+// Eight planes of count pixels, interleaved.
+void interleave8(float* blocked, const float* planar, int64_t count) {
   int64_t i = 0;
   for (; i + 8 <= count; i += 8) {
     __m256 r[8];
-    for (int k = 0; k < 8; k++) r[k] = _mm256_loadu_ps(planar + k * plane + i);
-    __m256 t[8];
-    for (int k = 0; k < 4; k++) {
-      t[2 * k] = _mm256_unpacklo_ps(r[2 * k], r[2 * k + 1]);
-      t[2 * k + 1] = _mm256_unpackhi_ps(r[2 * k], r[2 * k + 1]);
-    }
-    for (int k = 0; k < 2; k++) {
-      r[4 * k] = _mm256_shuffle_ps(t[4 * k], t[4 * k + 2], 0x44);
-      r[4 * k + 1] = _mm256_shuffle_ps(t[4 * k], t[4 * k + 2], 0xEE);
-      r[4 * k + 2] = _mm256_shuffle_ps(t[4 * k + 1], t[4 * k + 3], 0x44);
-      r[4 * k + 3] = _mm256_shuffle_ps(t[4 * k + 1], t[4 * k + 3], 0xEE);
-    }
-    for (int k = 0; k < 4; k++) {
-      _mm256_storeu_ps(blocked + (i + k) * 8, _mm256_permute2f128_ps(r[k], r[k + 4], 0x20));
-      _mm256_storeu_ps(blocked + (i + k + 4) * 8, _mm256_permute2f128_ps(r[k], r[k + 4], 0x31));
-    }
+    ZYN_UNROLL for (int k = 0; k < 8; k++) r[k] = _mm256_loadu_ps(planar + k * count + i);
+    zyn_transpose_8x8(r);
+    ZYN_UNROLL for (int k = 0; k < 8; k++) _mm256_storeu_ps(blocked + (i + k) * 8, r[k]);
   }
   for (; i < count; i++)
-    for (int k = 0; k < 8; k++) blocked[i * 8 + k] = planar[k * plane + i];
+    for (int k = 0; k < 8; k++) blocked[i * 8 + k] = planar[k * count + i];
 }
 
 }  // namespace
 
-zyn_conv_direct* zyn_cg_conv_prepare_direct(const zyn_tensor* weights, const zyn_conv_param* param,
-                                            int32_t threads) {
+zyn_conv_blocked_weights* zyn_cg_conv_prepare_direct(const zyn_tensor* weights,
+                                                     const zyn_conv_param* param, int32_t threads) {
   if (!weights || !weights->data || !param) return nullptr;
   if (weights->count < zyn_conv_weight_count(param)) return nullptr;
-  zyn_scratch<zyn_conv_direct> workspace(1);
+  zyn_scratch<zyn_conv_blocked_weights> workspace(1);
   if (!workspace) return nullptr;
   workspace->thread_count = static_cast<uint32_t>(threads < 1             ? 1
                                                   : threads > kMaxThreads ? kMaxThreads
@@ -86,7 +73,7 @@ zyn_conv_direct* zyn_cg_conv_prepare_direct(const zyn_tensor* weights, const zyn
   return workspace.take();
 }
 
-uint32_t zyn_cg_conv_release_direct(zyn_conv_direct** workspace) {
+uint32_t zyn_cg_conv_release_direct(zyn_conv_blocked_weights** workspace) {
   if (!workspace || !*workspace) return ZYN_RET_ERR_PARA;
   if ((*workspace)->packed) zyn_release_tensor(&(*workspace)->packed);
   zyn_free(*workspace);
@@ -100,7 +87,7 @@ void zyn_block_planes(float* blocked, const float* planar, int32_t channels, int
     float* to = blocked + c * count;
     const float* from = planar + c * count;
     if (width == 8) {
-      interleave8(to, from, count, count);
+      interleave8(to, from, count);
       continue;
     }
     for (int64_t i = 0; i < count; i++)
@@ -108,15 +95,8 @@ void zyn_block_planes(float* blocked, const float* planar, int32_t channels, int
   }
 }
 
-void zyn_unblock_planes(float* planar, const float* blocked, int32_t channels, int64_t count) {
-  for (int32_t c = 0, width = 0; c < channels; c += width) {
-    width = zyn_block_width(channels - c);
-    for (int32_t k = 0; k < width; k++)
-      for (int64_t i = 0; i < count; i++)
-        planar[(c + k) * count + i] = blocked[c * count + i * width + k];
-  }
-}
-
+// Nothing calls it: the kernels' frame blocks into scratch. Code that keeps a blocked tensor
+// of its own would.
 uint32_t zyn_cg_block_channels(zyn_tensor* output, const zyn_tensor* input) {
   if (!output || !input || !output->data || !input->data) return ZYN_RET_ERR_PARA;
   if (output->count != input->count || input->layout != ZYN_LAYOUT_PLANAR || input->dim_count < 3)

@@ -34,7 +34,8 @@ class zyn_tile_epilogue {
     return zyn_block_lanes<Width>::spread(&floor_);
   }
   template <int Width>
-  typename zyn_block_lanes<Width>::type apply(typename zyn_block_lanes<Width>::type value, int block) const {
+  typename zyn_block_lanes<Width>::type apply(typename zyn_block_lanes<Width>::type value,
+                                              int block) const {
     using lanes = zyn_block_lanes<Width>;
     return lanes::max(floor<Width>(), lanes::add(value, bias<Width>(block)));
   }

@@ -24,11 +24,11 @@ enum mode { kRounding, kMiddle, kHigh };  // d up to 15, 16, above
 // for one entry {channel, 4 high parts} per input channel.
 constexpr int64_t kEntry = 1 + kRows;
 
-int64_t blocks_of(const zyn_conv_param& p) { return (int64_t{p.out_channels} + kRows - 1) / kRows; }
-int64_t list_words(const zyn_conv_param& p) { return 1 + kEntry * p.in_channels; }
+int64_t blocks_of(const zyn_fpi_layer& l) { return (int64_t{l.out_channels} + kRows - 1) / kRows; }
+int64_t list_words(const zyn_fpi_layer& l) { return 1 + kEntry * l.in_channels; }
 const int32_t* list_of(const zyn_fpi_plan* plan, int64_t block) {
-  const zyn_conv_param& p = plan->param;
-  return plan->packed + blocks_of(p) * p.in_channels * kRows + block * list_words(p);
+  const zyn_fpi_layer& l = plan->layer;
+  return plan->packed + blocks_of(l) * l.in_channels * kRows + block * list_words(l);
 }
 
 // The part of a weight that the multiplication takes, and the rest.
@@ -97,16 +97,16 @@ void tile(__m256i (&sum)[2 * kRows], const int16_t* in, int64_t in_pitch, int64_
 
 // All output channels of up to 32 pixels.
 template <mode kMode>
-void run_pixels(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, int16_t* out,
+void run_pixels(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue, int16_t* out,
                 int64_t out_pitch, const int16_t* in, int64_t in_pitch, int64_t count) {
-  const zyn_conv_param& p = plan->param;
-  for (int64_t block = 0; block < blocks_of(p); block++) {
+  const zyn_fpi_layer& l = plan->layer;
+  for (int64_t block = 0; block < blocks_of(l); block++) {
     __m256i sum[2 * kRows];
-    tile<kMode>(sum, in, in_pitch, p.in_channels, plan->packed + block * p.in_channels * kRows,
+    tile<kMode>(sum, in, in_pitch, l.in_channels, plan->packed + block * l.in_channels * kRows,
                 list_of(plan, block), plan->shift);
-    for (int64_t k = 0; k < kRows && block * kRows + k < p.out_channels; k++) {
+    for (int64_t k = 0; k < kRows && block * kRows + k < l.out_channels; k++) {
       int16_t* row = out + (block * kRows + k) * out_pitch;
-      const zyn_fpi_finisher finish(outlet, block * kRows + k);
+      const zyn_fpi_channel_epilogue finish(epilogue, block * kRows + k);
       zyn_fpi_store_part(row, finish(sum[2 * k]), count);
       if (count > kZynFpiLanes)
         zyn_fpi_store_part(row + kZynFpiLanes, finish(sum[2 * k + 1]), count - kZynFpiLanes);
@@ -115,15 +115,15 @@ void run_pixels(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, int16_t*
 }
 
 template <mode kMode>
-uint32_t run(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+uint32_t run(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue, zyn_tensor* output,
              const zyn_tensor* input) {
-  const int64_t channels = plan->param.in_channels;
+  const int64_t channels = plan->layer.in_channels;
   const int64_t pixels = static_cast<int64_t>(input->dims[0]) * input->dims[1];
   const int16_t* in = zyn_fpi_words(input);
   int16_t* out = zyn_fpi_words(output);
   int64_t x = 0;
   for (; x + kPixels <= pixels; x += kPixels)
-    run_pixels<kMode>(plan, outlet, out + x, pixels, in + x, pixels, kPixels);
+    run_pixels<kMode>(plan, epilogue, out + x, pixels, in + x, pixels, kPixels);
   const int64_t rest = pixels - x;
   if (rest == 0) return ZYN_RET_OK;
   // The last pixels go through a copy: nothing is read behind a plane.
@@ -132,29 +132,29 @@ uint32_t run(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor*
   for (int64_t i = 0; i < channels; i++)
     memcpy(tail.get() + i * kPixels, in + i * pixels + x,
            static_cast<size_t>(rest) * sizeof(int16_t));
-  run_pixels<kMode>(plan, outlet, out + x, pixels, tail.get(), kPixels, rest);
+  run_pixels<kMode>(plan, epilogue, out + x, pixels, tail.get(), kPixels, rest);
   return ZYN_RET_OK;
 }
 
 }  // namespace
 
-int64_t zyn_fpi_packed_1x1(const zyn_conv_param* param) {
-  return blocks_of(*param) * (int64_t{param->in_channels} * kRows + list_words(*param));
+int64_t zyn_fpi_packed_1x1(const zyn_fpi_layer& layer) {
+  return blocks_of(layer) * (int64_t{layer.in_channels} * kRows + list_words(layer));
 }
 
 void zyn_fpi_pack_1x1(zyn_fpi_plan* plan) {
-  const zyn_conv_param& p = plan->param;
+  const zyn_fpi_layer& l = plan->layer;
   int32_t* to = plan->packed;
-  for (int64_t block = 0; block < blocks_of(p); block++) {
+  for (int64_t block = 0; block < blocks_of(l); block++) {
     auto* list = const_cast<int32_t*>(list_of(plan, block));
     int32_t* entry = list + 1;
     list[0] = 0;
-    for (int32_t i = 0; i < p.in_channels; i++, to += kRows) {
+    for (int32_t i = 0; i < l.in_channels; i++, to += kRows) {
       int32_t any = 0;
       entry[0] = i;  // at most in_channels entries so far: there is room for this one
       for (int64_t k = 0; k < kRows; k++) {
         const int64_t o = block * kRows + k;
-        const int32_t w = o < p.out_channels ? plan->weights[o * p.in_channels + i] : 0;
+        const int32_t w = o < l.out_channels ? plan->weights[o * l.in_channels + i] : 0;
         const parts part = split(w, plan->shift);
         to[k] = zyn_fpi_pair(part.low, part.low);
         entry[1 + k] = zyn_fpi_pair(part.high, part.high);
@@ -167,9 +167,9 @@ void zyn_fpi_pack_1x1(zyn_fpi_plan* plan) {
   }
 }
 
-uint32_t zyn_fpi_run_1x1(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
-                         const zyn_tensor* input) {
-  if (plan->shift <= kMulhrs) return run<kRounding>(plan, outlet, output, input);
-  return plan->shift == 16 ? run<kMiddle>(plan, outlet, output, input)
-                           : run<kHigh>(plan, outlet, output, input);
+uint32_t zyn_fpi_run_1x1(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
+                         zyn_tensor* output, const zyn_tensor* input) {
+  if (plan->shift <= kMulhrs) return run<kRounding>(plan, epilogue, output, input);
+  return plan->shift == 16 ? run<kMiddle>(plan, epilogue, output, input)
+                           : run<kHigh>(plan, epilogue, output, input);
 }

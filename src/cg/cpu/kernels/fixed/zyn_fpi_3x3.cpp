@@ -86,10 +86,10 @@ void pack_taps(int32_t* to, const int16_t* w, int32_t round_weight) {
 // where room allows, beyond the end of a row: the next row comes later.
 template <int kStride>
 void dense_tile(int16_t* out, int64_t out_plane, const zyn_fpi_rows& ring, int64_t row, int64_t x,
-                const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, int64_t first,
+                const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue, int64_t first,
                 int64_t count, int64_t room) {
   alignas(32) __m256i sums[kChunk];
-  const int64_t outputs = plan->param.out_channels;
+  const int64_t outputs = plan->layer.out_channels;
   const __m256i shift = _mm256_set1_epi32(plan->shift);
   const __m256i constant = _mm256_set1_epi16(static_cast<int16_t>(factors_of(plan->shift).data));
   for (int64_t o = 0; o < count; o++) sums[o] = _mm256_setzero_si256();
@@ -102,19 +102,23 @@ void dense_tile(int16_t* out, int64_t out_plane, const zyn_fpi_rows& ring, int64
       sums[o] = _mm256_add_epi16(sums[o], convolve(in, load_weights(weights + o * kPairs), shift));
   }
   for (int64_t o = 0; o < count; o++)
-    zyn_fpi_store_part(
-        out + o * out_plane,
-        zyn_fpi_finisher(outlet, first + o)(kStride == 1 ? sums[o] : zyn_fpi_part(sums[o])), room);
+    zyn_fpi_store_part(out + o * out_plane,
+                       zyn_fpi_channel_epilogue(
+                           epilogue, first + o)(kStride == 1 ? sums[o] : zyn_fpi_part(sums[o])),
+                       room);
+}
+
+zyn_fpi_reach reach_of(const zyn_fpi_layer& l, const zyn_tensor* output) {
+  const int64_t vectors = (output->dims[0] + kZynFpiLanes - 1) / kZynFpiLanes;
+  return {3, l.stride_x * vectors * kZynFpiLanes + kSlack, 4};
 }
 
 template <int kStride>
-uint32_t dense(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
+uint32_t dense(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue, zyn_tensor* output,
                const zyn_tensor* input) {
   const int64_t width = output->dims[0], height = output->dims[1];
-  const int64_t outputs = plan->param.out_channels;
-  const int64_t vectors = (width + kZynFpiLanes - 1) / kZynFpiLanes;
-  const zyn_fpi_reach reach = {3, kStride * vectors * kZynFpiLanes + kSlack, 4};
-  zyn_fpi_rows ring(input, output, plan->param, plan->param.in_channels, reach);
+  const int64_t outputs = plan->layer.out_channels;
+  zyn_fpi_rows ring(input, output, plan->layer, reach_of(plan->layer, output));
   if (!ring.words) return ZYN_RET_ERR_MEMORY;
   for (int64_t y = 0; y < height; y++) {
     ring.advance(y * kStride);
@@ -124,7 +128,7 @@ uint32_t dense(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tenso
         const int64_t at = y * width + x;
         const int64_t room = at + kZynFpiLanes <= width * height ? kZynFpiLanes : width - x;
         dense_tile<kStride>(zyn_fpi_words(output) + first * width * height + at, width * height,
-                            ring, y * kStride, x, plan, outlet, first, count, room);
+                            ring, y * kStride, x, plan, epilogue, first, count, room);
       }
   }
   return ZYN_RET_OK;
@@ -132,21 +136,25 @@ uint32_t dense(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tenso
 
 }  // namespace
 
-int64_t zyn_fpi_packed_3x3(const zyn_conv_param* param) {
-  return int64_t{param->in_channels} * param->out_channels * kPairs;
+int64_t zyn_fpi_packed_3x3(const zyn_fpi_layer& layer) {
+  return int64_t{layer.in_channels} * layer.out_channels * kPairs;
+}
+
+int64_t zyn_fpi_scratch_3x3(const zyn_fpi_layer& layer, const zyn_tensor* output) {
+  return zyn_fpi_rows::words_of(output, layer, reach_of(layer, output));
 }
 
 void zyn_fpi_pack_3x3(zyn_fpi_plan* plan) {
-  const zyn_conv_param& p = plan->param;
+  const zyn_fpi_layer& l = plan->layer;
   const int32_t round_weight = factors_of(plan->shift).weight;
   int32_t* to = plan->packed;
-  for (int64_t i = 0; i < p.in_channels; i++)
-    for (int64_t o = 0; o < p.out_channels; o++, to += kPairs)
-      pack_taps(to, plan->weights + (o * p.in_channels + i) * kTaps, round_weight);
+  for (int64_t i = 0; i < l.in_channels; i++)
+    for (int64_t o = 0; o < l.out_channels; o++, to += kPairs)
+      pack_taps(to, plan->weights + (o * l.in_channels + i) * kTaps, round_weight);
 }
 
-uint32_t zyn_fpi_run_3x3(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
-                         const zyn_tensor* input) {
-  return plan->param.stride_h == 1 ? dense<1>(plan, outlet, output, input)
-                                   : dense<2>(plan, outlet, output, input);
+uint32_t zyn_fpi_run_3x3(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
+                         zyn_tensor* output, const zyn_tensor* input) {
+  return plan->layer.stride_x == 1 ? dense<1>(plan, epilogue, output, input)
+                                   : dense<2>(plan, epilogue, output, input);
 }

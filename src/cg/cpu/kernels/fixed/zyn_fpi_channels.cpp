@@ -12,10 +12,10 @@ namespace {
 constexpr int64_t kBlock = 8;         // output channels of a vector
 constexpr int64_t kSmallPlane = 128;  // pixels
 
-bool is_3x3(const zyn_conv_param& p) {
-  return p.kernel_h == 3 && p.kernel_w == 3 && zyn_fpi_pair_step(p) == 2;
+bool is_3x3(const zyn_fpi_layer& l) {
+  return l.kernel_x == 3 && l.kernel_y == 3 && zyn_fpi_pair_step(l) == 2;
 }
-int64_t blocks_of(const zyn_conv_param& p) { return (p.out_channels + kBlock - 1) / kBlock; }
+int64_t blocks_of(const zyn_fpi_layer& l) { return (l.out_channels + kBlock - 1) / kBlock; }
 
 // Pixels whose sums are made together: a row, or all of a small plane, so that weights
 // are read and loops begun for more than a few pixels.
@@ -78,6 +78,21 @@ inline void add_any(int32_t* sums, const int16_t* in, const int32_t* weights,
   for (; x < job.pixels; x++) add_tile<1>(sums + x * kBlock, in, job.places + x, weights, job);
 }
 
+int64_t pixels_of(const zyn_tensor* output) {
+  const int64_t plane = int64_t{output->dims[0]} * output->dims[1];
+  return plane <= kSmallPlane ? plane : output->dims[0];
+}
+
+zyn_fpi_reach reach_of(const zyn_fpi_layer& l, const zyn_tensor* output, int64_t pixels) {
+  const int64_t width = output->dims[0];
+  zyn_fpi_reach reach = {(l.kernel_y - int64_t{1}) * l.dilation_y + 1, 0, 1};
+  reach.rows += (pixels / width - 1) * l.stride_y;
+  // One more column, the second of a pair that has none.
+  reach.columns = (width - 1) * l.stride_x + (l.kernel_x - int64_t{1}) * l.dilation_x + 2;
+  while (reach.most_rows < reach.rows) reach.most_rows *= 2;
+  return reach;
+}
+
 // The sums of all pixels for one block of output channels.
 void add_channels(int32_t* sums, const zyn_fpi_rows& ring, const int32_t* weights, bool is_small,
                   const pixel_job& job) {
@@ -88,14 +103,14 @@ void add_channels(int32_t* sums, const zyn_fpi_rows& ring, const int32_t* weight
     is_small ? add_3x3(sums, in, weights, job) : add_any(sums, in, weights, job);
 }
 
-// The low halves of the sums, bias and limits applied, to count planes.
-void finish(const int32_t* sums, int64_t pixels, const zyn_fpi_outlet& outlet, int64_t first,
-            int64_t count, int16_t* out, int64_t plane) {
+// The low halves of the sums, epilogue applied, to count planes.
+void store_sums(const int32_t* sums, int64_t pixels, const zyn_fpi_tile_epilogue& epilogue,
+                int64_t first, int64_t count, int16_t* out, int64_t plane) {
   alignas(32) int16_t lanes[2 * kBlock] = {};
-  for (int64_t o = 0; outlet.bias && o < count; o++)
-    lanes[o] = zyn_fpi_rescale1(outlet.bias[first + o], outlet.q_weights, outlet.q_out);
+  for (int64_t o = 0; epilogue.bias && o < count; o++)
+    lanes[o] = zyn_fpi_rescale1(epilogue.bias[first + o], epilogue.q_weights, epilogue.q_out);
   const __m128i bias = _mm_load_si128(reinterpret_cast<const __m128i*>(lanes));
-  const __m128i low = _mm_set1_epi16(outlet.low), high = _mm_set1_epi16(outlet.high);
+  const __m128i low = _mm_set1_epi16(epilogue.low), high = _mm_set1_epi16(epilogue.high);
   for (int64_t x = 0; x < pixels; x++) {
     const __m256i halves =
         _mm256_and_si256(zyn_fpi_load(sums + x * kBlock), _mm256_set1_epi32(0xFFFF));
@@ -111,40 +126,42 @@ void finish(const int32_t* sums, int64_t pixels, const zyn_fpi_outlet& outlet, i
 
 // Per block of 8 output channels, for every input channel the pairs of the kernel, each
 // for all channels of the block; absent taps and channels are 0.
-int64_t zyn_fpi_packed_channels(const zyn_conv_param* param) {
-  return blocks_of(*param) * param->in_channels * zyn_fpi_pair_count(*param) * kBlock;
+int64_t zyn_fpi_packed_channels(const zyn_fpi_layer& layer) {
+  return blocks_of(layer) * layer.in_channels * zyn_fpi_pair_count(layer) * kBlock;
+}
+
+int64_t zyn_fpi_scratch_channels(const zyn_fpi_layer& layer, const zyn_tensor* output) {
+  constexpr int64_t kPixelWords = 2 * kBlock + 4, kPairWords = 4;  // sums and places; offsets
+  const int64_t pixels = pixels_of(output);
+  const int64_t ring = zyn_fpi_rows::words_of(output, layer, reach_of(layer, output, pixels));
+  return ring < 0 ? ring : ring + pixels * kPixelWords + zyn_fpi_pair_count(layer) * kPairWords;
 }
 
 void zyn_fpi_pack_channels(zyn_fpi_plan* plan) {
-  const zyn_conv_param& p = plan->param;
+  const zyn_fpi_layer& l = plan->layer;
+  const int64_t kernel_rows = int64_t{l.in_channels} * l.kernel_y;  // of one output channel
   int32_t* to = plan->packed;
-  for (int64_t first = 0; first < p.out_channels; first += kBlock)
-    for (int64_t i = 0; i < p.in_channels; i++)
-      for (int64_t y = 0; y < p.kernel_w; y++)
-        for (int64_t x = 0; x < p.kernel_h; x += zyn_fpi_pair_step(p))
-          for (int64_t o = first; o < first + kBlock; o++) {
-            const int64_t row = ((o * p.in_channels + i) * p.kernel_w + y) * p.kernel_h;
-            *to++ = o < p.out_channels ? zyn_fpi_pair_at(plan->weights + row, x, p) : 0;
-          }
+  for (int64_t first = 0; first < l.out_channels; first += kBlock)
+    for (int64_t row = 0; row < kernel_rows; row++)
+      for (int64_t x = 0; x < l.kernel_x; x += zyn_fpi_pair_step(l))
+        for (int64_t o = first; o < first + kBlock; o++) {
+          const int64_t at = (o * kernel_rows + row) * l.kernel_x;
+          *to++ = o < l.out_channels ? zyn_fpi_pair_at(plan->weights + at, x, l) : 0;
+        }
 }
 
-uint32_t zyn_fpi_run_channels(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
+uint32_t zyn_fpi_run_channels(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
                               zyn_tensor* output, const zyn_tensor* input) {
-  const zyn_conv_param& p = plan->param;
+  const zyn_fpi_layer& l = plan->layer;
   const int64_t width = output->dims[0], height = output->dims[1], plane = width * height;
-  const int64_t pairs = zyn_fpi_pair_count(p), pixels = plane <= kSmallPlane ? plane : width;
-  zyn_fpi_reach reach = {(p.kernel_w - int64_t{1}) * p.dilation_w + 1, 0, 1};
-  reach.rows += (pixels / width - 1) * p.stride_w;
-  // One more column, the second of a pair that has none.
-  reach.columns = (width - 1) * p.stride_h + (p.kernel_h - int64_t{1}) * p.dilation_h + 2;
-  while (reach.most_rows < reach.rows) reach.most_rows *= 2;
-  zyn_fpi_rows ring(input, output, p, p.in_channels, reach);
+  const int64_t pairs = zyn_fpi_pair_count(l), pixels = pixels_of(output);
+  zyn_fpi_rows ring(input, output, l, reach_of(l, output, pixels));
   zyn_scratch<int32_t> sums(kBlock * pixels);
   zyn_scratch<int64_t> offsets(pairs), places(pixels);
   if (!ring.words || !sums || !offsets || !places) return ZYN_RET_ERR_MEMORY;
   // More rows than one are all rows, and the ring begins with the first of them.
   for (int64_t i = 0; i < pixels; i++)
-    places[i] = i / width * p.stride_w * ring.pitch + i % width * p.stride_h;
+    places[i] = i / width * l.stride_y * ring.pitch + i % width * l.stride_x;
   const pixel_job job = {offsets.get(),
                          places.get(),
                          pairs,
@@ -152,19 +169,19 @@ uint32_t zyn_fpi_run_channels(const zyn_fpi_plan* plan, const zyn_fpi_outlet& ou
                          _mm256_set1_epi32(static_cast<int32_t>(zyn_fpi_round_term(plan->shift))),
                          _mm256_set1_epi32(plan->shift)};
   for (int64_t y = 0, at = 0; at < plane; y++, at += pixels) {
-    const int64_t row = y * p.stride_w;
+    const int64_t row = y * l.stride_y;
     ring.advance(row);
     int64_t* to = offsets.get();
-    for (int64_t ky = 0; ky < p.kernel_w; ky++)
-      for (int64_t kx = 0; kx < p.kernel_h; kx += zyn_fpi_pair_step(p))
-        *to++ = ring.slot(0, row + ky * p.dilation_w) + kx * p.dilation_h - ring.slot(0, 0);
+    for (int64_t ky = 0; ky < l.kernel_y; ky++)
+      for (int64_t kx = 0; kx < l.kernel_x; kx += zyn_fpi_pair_step(l))
+        *to++ = ring.slot(0, row + ky * l.dilation_y) + kx * l.dilation_x - ring.slot(0, 0);
     const int32_t* weights = plan->packed;
-    for (int64_t first = 0; first < p.out_channels; first += kBlock) {
-      add_channels(sums.get(), ring, weights, is_3x3(p), job);
-      weights += p.in_channels * pairs * kBlock;
-      const int64_t left = p.out_channels - first;
-      finish(sums.get(), pixels, outlet, first, left < kBlock ? left : kBlock,
-             zyn_fpi_words(output) + first * plane + at, plane);
+    for (int64_t first = 0; first < l.out_channels; first += kBlock) {
+      add_channels(sums.get(), ring, weights, is_3x3(l), job);
+      weights += l.in_channels * pairs * kBlock;
+      const int64_t left = l.out_channels - first;
+      store_sums(sums.get(), pixels, epilogue, first, left < kBlock ? left : kBlock,
+                 zyn_fpi_words(output) + first * plane + at, plane);
     }
   }
   return ZYN_RET_OK;

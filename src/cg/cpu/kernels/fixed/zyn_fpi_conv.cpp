@@ -1,179 +1,146 @@
-// Choice of the fixed-point kernel, and the kernels for every other shape: per output row
-// and input channel one row of 32-bit sums.
+// The entry of the fixed-point convolutions: decides which kernel runs, and what follows.
+#include <string.h>
+
 #include "base/zyn_memory.h"
-#include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi_lanes.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi_ops.h"
+#include "cg/cpu/kernels/zyn_cg_kernels.h"
 
 namespace {
 
 constexpr int32_t kRelu = 1, kHardSwish = 2, kRelu6 = 3;  // activation codes
 constexpr int64_t kMostReach = 32;  // extents and strides that are worth padded copies
+constexpr int64_t kScratchFactor = 32, kScratchWords = 65536;  // see zyn_fpi.h
 
-bool is_kernel(const zyn_conv_param& p, int32_t size) {
-  return p.kernel_h == size && p.kernel_w == size && p.dilation_h == 1 && p.dilation_w == 1;
+bool is_3x3(const zyn_fpi_layer& l) {
+  return l.kernel_x == 3 && l.kernel_y == 3 && l.dilation_x == 1 && l.dilation_y == 1;
 }
 
-bool has_stride(const zyn_conv_param& p, int32_t stride) {
-  return p.stride_h == stride && p.stride_w == stride;
+bool has_stride(const zyn_fpi_layer& l, int32_t stride) {
+  return l.stride_x == stride && l.stride_y == stride;
+}
+
+bool is_narrow(const zyn_fpi_layer& l) {
+  return (l.kernel_x - int64_t{1}) * l.dilation_x < kMostReach &&
+         (l.kernel_y - int64_t{1}) * l.dilation_y < kMostReach && l.stride_x <= kMostReach &&
+         l.stride_y <= kMostReach;
 }
 
 // Whether rows of width outputs cost 16 pixels of one output channel at a time less than one
 // pixel of 8: idle lanes, and the vector operations for 16 sums.
-bool is_better_by_pixels(const zyn_conv_param& p, int64_t width) {
-  const int64_t pixels = (width + 15) / 16 * p.out_channels;
-  const int64_t channels = width * ((p.out_channels + int64_t{7}) / 8);
+bool is_better_by_pixels(const zyn_fpi_layer& l, int64_t width) {
+  const int64_t pixels = (width + 15) / 16 * l.out_channels;
+  const int64_t channels = width * ((l.out_channels + int64_t{7}) / 8);
   constexpr int64_t kPixelsCost = 22, kChannelsCost = 15;
   return pixels * kPixelsCost <= channels * kChannelsCost;
 }
 
-zyn_fpi_kind choose(const zyn_conv_param& p, int64_t width) {
-  const bool known_stride = has_stride(p, 1) || has_stride(p, 2);
-  const bool is_narrow = (p.kernel_h - int64_t{1}) * p.dilation_h < kMostReach &&
-                         (p.kernel_w - int64_t{1}) * p.dilation_w < kMostReach &&
-                         p.stride_h <= kMostReach;
-  if (p.groups == 1) {
-    const bool unpadded = p.pad_h == 0 && p.pad_w == 0 && has_stride(p, 1);
-    if (p.kernel_h == 1 && p.kernel_w == 1 && unpadded) return ZYN_FPI_POINTWISE;
-    if (is_kernel(p, 3) && known_stride && is_better_by_pixels(p, width)) return ZYN_FPI_DENSE_3X3;
-    return is_narrow ? ZYN_FPI_DENSE_CHANNELS : ZYN_FPI_DENSE_ANY;
-  }
-  if (!zyn_conv_is_depthwise(&p)) return ZYN_FPI_NONE;
-  return known_stride && is_narrow ? ZYN_FPI_DEPTHWISE : ZYN_FPI_DEPTHWISE_ANY;
+zyn_fpi_kind choose_dense(const zyn_fpi_layer& l, int64_t width) {
+  const bool unpadded = l.pad_x == 0 && l.pad_y == 0 && has_stride(l, 1);
+  if (l.kernel_x == 1 && l.kernel_y == 1 && unpadded) return ZYN_FPI_POINTWISE;
+  if (is_3x3(l) && (has_stride(l, 1) || has_stride(l, 2)) && is_better_by_pixels(l, width))
+    return ZYN_FPI_DENSE_3X3;
+  return is_narrow(l) ? ZYN_FPI_DENSE_CHANNELS : ZYN_FPI_DENSE_ANY;
 }
 
-// The outputs x of a row whose input x * stride + offset lies in 0 to width - 1.
-struct span {
-  int64_t first, end;
-};
-
-span inside(int64_t offset, int64_t stride, int64_t width, int64_t count) {
-  const int64_t first = offset < 0 ? (-offset + stride - 1) / stride : 0;
-  const int64_t end = offset < width ? (width - 1 - offset) / stride + 1 : 0;
-  return {first, end < count ? end : count};
+zyn_fpi_kind choose_depthwise(const zyn_fpi_layer& l) {
+  const bool known_stride = has_stride(l, 1) || has_stride(l, 2);
+  return known_stride && is_narrow(l) ? ZYN_FPI_DEPTHWISE : ZYN_FPI_DEPTHWISE_ANY;
 }
 
-// sums[x] += weight * in[x * stride + offset] where that input exists.
-void add_tap(uint32_t* sums, int64_t count, const int16_t* in, int64_t width, int64_t offset,
-             int64_t stride, int32_t weight) {
-  const span s = inside(offset, stride, width, count);
-  if (stride == 1)  // a loop of its own, which runs in vectors
-    for (int64_t x = s.first; x < s.end; x++)
-      sums[x] += static_cast<uint32_t>(in[x + offset] * weight);
-  else
-    for (int64_t x = s.first; x < s.end; x++)
-      sums[x] += static_cast<uint32_t>(in[x * stride + offset] * weight);
-}
-
-// One row of sums of one input plane under one kernel.
-void sum_row(uint32_t* sums, int64_t count, const int16_t* plane, int64_t width, int64_t height,
-             int64_t y, const int16_t* weights, const zyn_conv_param& p) {
-  memset(sums, 0, static_cast<size_t>(count) * sizeof(uint32_t));
-  for (int64_t ky = 0; ky < p.kernel_w; ky++) {
-    const int64_t row = y * p.stride_w - p.pad_w + ky * p.dilation_w;
-    if (row < 0 || row >= height) continue;
-    for (int64_t kx = 0; kx < p.kernel_h; kx++)
-      add_tap(sums, count, plane + row * width, width, kx * p.dilation_h - p.pad_h, p.stride_h,
-              weights[ky * p.kernel_h + kx]);
-  }
-}
-
-zyn_fpi_outlet outlet_of(const zyn_fpi_epilogue* epilogue, int32_t q_weights, int32_t q_out) {
-  zyn_fpi_outlet outlet = {nullptr, q_weights, q_out, INT16_MIN, INT16_MAX};
-  if (!epilogue) return outlet;
-  outlet.bias = epilogue->bias;
-  if (epilogue->code == kRelu || epilogue->code == kRelu6) outlet.low = 0;
-  const int64_t six = int64_t{6} << (q_out & 31);
-  if (epilogue->code == kRelu6 && six < INT16_MAX) outlet.high = static_cast<int16_t>(six);
-  return outlet;
-}
-
-// The outlet over a whole output, for the kernels that do not apply it.
-void finish(const zyn_fpi_outlet& outlet, zyn_tensor* output) {
-  const int64_t pixels = static_cast<int64_t>(output->dims[0]) * output->dims[1];
-  int16_t* out = zyn_fpi_words(output);
-  for (int64_t c = 0; c < output->dims[2]; c++, out += pixels) {
-    const zyn_fpi_finisher finisher(outlet, c);
-    zyn_fpi_map(out, out, pixels, finisher);
-  }
-}
-
-uint32_t run_kernel(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
-                    const zyn_tensor* input) {
-  switch (plan->kind) {
-    case ZYN_FPI_POINTWISE:
-      return zyn_fpi_run_1x1(plan, outlet, output, input);
-    case ZYN_FPI_DENSE_3X3:
-      return zyn_fpi_run_3x3(plan, outlet, output, input);
-    case ZYN_FPI_DENSE_CHANNELS:
-      return zyn_fpi_run_channels(plan, outlet, output, input);
-    case ZYN_FPI_DEPTHWISE:
-      return zyn_fpi_run_depthwise(plan, outlet, output, input);
-    case ZYN_FPI_DENSE_ANY:
-    case ZYN_FPI_DEPTHWISE_ANY:
-      return zyn_fpi_run_any(plan, outlet, output, input);
-    default:
-      memset(output->data, 0, static_cast<size_t>(output->byte_size));
-      finish(outlet, output);
-      return ZYN_RET_OK;
-  }
-}
-
-// The kernels that have an order of weights of their own.
-struct packing {
-  zyn_fpi_kind kind;
-  int64_t (*words)(const zyn_conv_param* param);
+// What a kernel needs besides its arguments; null: nothing.
+struct kernel {
+  zyn_fpi_kernel* run;
+  int64_t (*packed)(const zyn_fpi_layer& layer);
   void (*pack)(zyn_fpi_plan* plan);
+  int64_t (*scratch)(const zyn_fpi_layer& layer, const zyn_tensor* output);
 };
-constexpr packing kPackings[] = {
-    {ZYN_FPI_POINTWISE, zyn_fpi_packed_1x1, zyn_fpi_pack_1x1},
-    {ZYN_FPI_DENSE_3X3, zyn_fpi_packed_3x3, zyn_fpi_pack_3x3},
-    {ZYN_FPI_DENSE_CHANNELS, zyn_fpi_packed_channels, zyn_fpi_pack_channels}};
 
-}  // namespace
-
-uint32_t zyn_fpi_run_any(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, zyn_tensor* output,
-                         const zyn_tensor* input) {
-  const zyn_conv_param& p = plan->param;
-  const int64_t width = input->dims[0], height = input->dims[1];
-  const int64_t out_width = output->dims[0], out_height = output->dims[1];
-  const bool depthwise = plan->kind == ZYN_FPI_DEPTHWISE_ANY;
-  const int64_t inputs = depthwise ? 1 : p.in_channels;
-  const int64_t taps = static_cast<int64_t>(p.kernel_h) * p.kernel_w;
-  zyn_scratch<uint32_t> sums(out_width);
-  if (!sums) return ZYN_RET_ERR_MEMORY;
+// A grouping that no kernel serves: zeros, and the epilogue.
+uint32_t run_none(const zyn_fpi_plan*, const zyn_fpi_tile_epilogue& epilogue, zyn_tensor* output,
+                  const zyn_tensor*) {
   memset(output->data, 0, static_cast<size_t>(output->byte_size));
-  int16_t* out = zyn_fpi_words(output);
-  for (int64_t o = 0; o < p.out_channels; o++)
-    for (int64_t y = 0; y < out_height; y++, out += out_width)
-      for (int64_t i = 0; i < inputs; i++) {
-        const int64_t channel = depthwise ? o : i;
-        sum_row(sums.get(), out_width, zyn_fpi_words(input) + channel * width * height, width,
-                height, y, plan->weights + (o * inputs + i) * taps, p);
-        for (int64_t x = 0; x < out_width; x++)
-          out[x] = zyn_fpi_add1(out[x], zyn_fpi_narrow1(sums[x], plan->shift));
-      }
-  finish(outlet, output);
+  zyn_fpi_apply_epilogue(output, epilogue);
   return ZYN_RET_OK;
 }
 
+kernel kernel_of(zyn_fpi_kind kind) {
+  switch (kind) {
+    case ZYN_FPI_POINTWISE:
+      return {zyn_fpi_run_1x1, zyn_fpi_packed_1x1, zyn_fpi_pack_1x1, nullptr};
+    case ZYN_FPI_DENSE_3X3:
+      return {zyn_fpi_run_3x3, zyn_fpi_packed_3x3, zyn_fpi_pack_3x3, zyn_fpi_scratch_3x3};
+    case ZYN_FPI_DENSE_CHANNELS:
+      return {zyn_fpi_run_channels, zyn_fpi_packed_channels, zyn_fpi_pack_channels,
+              zyn_fpi_scratch_channels};
+    case ZYN_FPI_DEPTHWISE:
+      return {zyn_fpi_run_depthwise, nullptr, nullptr, zyn_fpi_scratch_depthwise};
+    case ZYN_FPI_DENSE_ANY:
+    case ZYN_FPI_DEPTHWISE_ANY:
+      return {zyn_fpi_run_any, nullptr, nullptr, nullptr};
+    default:
+      return {run_none, nullptr, nullptr, nullptr};
+  }
+}
+
+// Whether a kernel's scratch stays below the bound for layers of these sizes.
+bool is_bounded(zyn_fpi_kind kind, const zyn_fpi_layer& l, const zyn_tensor* input,
+                const zyn_tensor* output) {
+  const kernel chosen = kernel_of(kind);
+  if (!chosen.scratch) return true;
+  const int64_t words = chosen.scratch(l, output);
+  int64_t most = 0;
+  if (!zyn_sum(input->count, output->count, &most) || !zyn_multiply(most, kScratchFactor, &most) ||
+      !zyn_sum(most, kScratchWords, &most))
+    return words >= 0;
+  return words >= 0 && words <= most;
+}
+
+zyn_fpi_kind choose(const zyn_conv_param* p, const zyn_fpi_layer& l, const zyn_tensor* input,
+                    const zyn_tensor* output) {
+  const bool dense = p->groups == 1;
+  if (!dense && !zyn_conv_is_depthwise(p)) return ZYN_FPI_NONE;
+  const zyn_fpi_kind kind = dense ? choose_dense(l, output->dims[0]) : choose_depthwise(l);
+  if (is_bounded(kind, l, input, output)) return kind;
+  return dense ? ZYN_FPI_DENSE_ANY : ZYN_FPI_DEPTHWISE_ANY;
+}
+
+// 6 with q fraction bits, rounded to nearest, halves up; where 16 bits do not hold it, the
+// largest value.
+int16_t six_with(int32_t q) {
+  constexpr int32_t kSix = 6, kMostBits = 12;
+  return q > kMostBits ? int16_t{INT16_MAX} : zyn_fpi_rescale1(kSix, 0, q);
+}
+
+zyn_fpi_tile_epilogue tile_epilogue_of(const zyn_fpi_epilogue* epilogue, int32_t q_weights,
+                                       int32_t q_out) {
+  zyn_fpi_tile_epilogue of_tile = {nullptr, q_weights, q_out, INT16_MIN, INT16_MAX};
+  if (!epilogue) return of_tile;
+  of_tile.bias = epilogue->bias;
+  if (epilogue->code == kRelu || epilogue->code == kRelu6) of_tile.low = 0;
+  if (epilogue->code == kRelu6) of_tile.high = six_with(q_out);
+  return of_tile;
+}
+
+}  // namespace
+
 uint32_t zyn_fpi_make_plan(zyn_fpi_plan* plan, const int16_t* weights, const zyn_conv_param* param,
-                           int32_t shift, int64_t width) {
+                           int64_t shift, const zyn_tensor* input, const zyn_tensor* output) {
   if (shift < 0 || shift > 31) return ZYN_RET_ERR_PARA;
   zyn_fpi_drop_plan(plan);
-  *plan = {choose(*param, width), shift, *param, weights, nullptr};
-  const packing* found = nullptr;
-  for (const packing& candidate : kPackings)
-    if (candidate.kind == plan->kind) found = &candidate;
-  if (!found) return ZYN_RET_OK;
-  const int64_t bytes = found->words(param) * static_cast<int64_t>(sizeof(int32_t));
+  const zyn_fpi_layer layer = {zyn_conv_shape_of(param), param->in_channels, param->out_channels};
+  *plan = {choose(param, layer, input, output), static_cast<int32_t>(shift), layer, weights,
+           nullptr};
+  const kernel chosen = kernel_of(plan->kind);
+  if (!chosen.pack) return ZYN_RET_OK;
+  const int64_t bytes = chosen.packed(layer) * static_cast<int64_t>(sizeof(int32_t));
   plan->packed = static_cast<int32_t*>(zyn_malloc(bytes));
   if (!plan->packed) {
     *plan = {};
     return ZYN_RET_ERR_MEMORY;
   }
-  found->pack(plan);
+  chosen.pack(plan);
   return ZYN_RET_OK;
 }
 
@@ -186,22 +153,22 @@ uint32_t zyn_fpi_run_plan(const zyn_fpi_plan* plan, zyn_tensor* output, int32_t 
                           const zyn_tensor* input, int32_t q_weights,
                           const zyn_fpi_epilogue* epilogue) {
   if (!plan || !plan->weights || !output || !input || !output->data || !input->data ||
-      output->dims[2] != plan->param.out_channels || input->dims[2] != plan->param.in_channels)
+      output->dims[2] != plan->layer.out_channels || input->dims[2] != plan->layer.in_channels)
     return ZYN_RET_ERR_PARA;
-  const zyn_fpi_outlet outlet = outlet_of(epilogue, q_weights, q_out);
-  const uint32_t code = run_kernel(plan, outlet, output, input);
+  const uint32_t code =
+      kernel_of(plan->kind).run(plan, tile_epilogue_of(epilogue, q_weights, q_out), output, input);
   if (code == ZYN_RET_OK && epilogue && epilogue->code == kHardSwish)
-    zyn_fpi_hard_swish(zyn_fpi_words(output), q_out, zyn_fpi_words(output), q_out, output->count);
+    zyn_fpi_hard_swish_any(zyn_fpi_words(output), output->count, q_out);
   return code;
 }
 
 uint32_t zyn_cg_fpi_conv2d(zyn_tensor* output, int32_t q_out, const zyn_tensor* input, int32_t q_in,
                            const int16_t* weights, int32_t q_weights, const zyn_conv_param* param,
                            const zyn_fpi_epilogue* epilogue) {
-  if (!weights || !param || !output) return ZYN_RET_ERR_PARA;
+  if (!weights || !param || !output || !input) return ZYN_RET_ERR_PARA;
   zyn_fpi_plan plan = {};
   uint32_t code =
-      zyn_fpi_make_plan(&plan, weights, param, q_in + q_weights - q_out, output->dims[0]);
+      zyn_fpi_make_plan(&plan, weights, param, int64_t{q_in} + q_weights - q_out, input, output);
   if (code == ZYN_RET_OK) code = zyn_fpi_run_plan(&plan, output, q_out, input, q_weights, epilogue);
   zyn_fpi_drop_plan(&plan);
   return code;

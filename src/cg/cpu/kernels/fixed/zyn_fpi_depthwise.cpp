@@ -3,7 +3,7 @@
 // beside nothing. There are two groups of 8 outputs: the even and the odd ones of a row
 // (stride 1), its first and second 8, or, in narrow planes, those of two rows (stride 2).
 //
-// Every plane passes through a padded copy, a band of rows at a time. The vectors of one
+// Every plane goes through a padded copy, a band of rows at a time. The vectors of one
 // column follow each other down the band; 3 x 3 with stride 1 loads a row once, and adds it to
 // the three outputs that read it: vectors that cross a cache line are what loads cost most.
 #include "base/zyn_memory.h"
@@ -22,34 +22,35 @@ constexpr int32_t kMostSmallShift = 16;
 enum layout { kEvenOdd, kHalves, kTwoRows };
 
 struct channel {
-  const zyn_conv_param* param;
+  const zyn_fpi_layer* layer;
   const int16_t* weights;
   const int32_t* pairs;  // of weights, row by row; kernels other than 3 x 3
   int32_t start;         // of the sums: r, and where the shift is small the bias
   int16_t bias;          // for the results otherwise
 };
 
-bool is_3x3(const zyn_conv_param& p) {
-  return p.kernel_h == 3 && p.kernel_w == 3 && p.dilation_h == 1 && p.dilation_w == 1;
+bool is_3x3(const zyn_fpi_layer& l) {
+  return l.kernel_x == 3 && l.kernel_y == 3 && l.dilation_x == 1 && l.dilation_y == 1;
 }
 
-void pack_pairs(int32_t* to, const int16_t* weights, const zyn_conv_param& p) {
-  for (int64_t y = 0; y < p.kernel_w; y++, weights += p.kernel_h)
-    for (int64_t x = 0; x < p.kernel_h; x += zyn_fpi_pair_step(p))
-      *to++ = zyn_fpi_pair_at(weights, x, p);
+void pack_pairs(int32_t* to, const int16_t* weights, const zyn_fpi_layer& l) {
+  for (int64_t y = 0; y < l.kernel_y; y++, weights += l.kernel_x)
+    for (int64_t x = 0; x < l.kernel_x; x += zyn_fpi_pair_step(l))
+      *to++ = zyn_fpi_pair_at(weights, x, l);
 }
 
-channel make_channel(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, int64_t c,
+channel make_channel(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue, int64_t c,
                      int32_t* pairs) {
-  const zyn_conv_param& p = plan->param;
-  const int16_t bias =
-      outlet.bias ? zyn_fpi_rescale1(outlet.bias[c], outlet.q_weights, outlet.q_out) : int16_t{0};
+  const zyn_fpi_layer& l = plan->layer;
+  const int16_t bias = epilogue.bias
+                           ? zyn_fpi_rescale1(epilogue.bias[c], epilogue.q_weights, epilogue.q_out)
+                           : int16_t{0};
   const uint32_t round = zyn_fpi_round_term(plan->shift);
-  const int16_t* weights = plan->weights + c * p.kernel_h * p.kernel_w;
-  if (!is_3x3(p)) pack_pairs(pairs, weights, p);
-  if (plan->shift > kMostSmallShift) return {&p, weights, pairs, static_cast<int32_t>(round), bias};
+  const int16_t* weights = plan->weights + c * l.kernel_x * l.kernel_y;
+  if (!is_3x3(l)) pack_pairs(pairs, weights, l);
+  if (plan->shift > kMostSmallShift) return {&l, weights, pairs, static_cast<int32_t>(round), bias};
   const uint32_t start = round + (static_cast<uint32_t>(bias) << plan->shift);
-  return {&p, weights, pairs, static_cast<int32_t>(start), 0};
+  return {&l, weights, pairs, static_cast<int32_t>(start), 0};
 }
 
 // What the vectors of all channels have in common.
@@ -183,19 +184,19 @@ void filter_stride2(const column& c, const channel& of, const limits& ends) {
 template <int kStride, bool kSmallShift>
 void filter_any(const column& c, const channel& of, const limits& given) {
   constexpr int64_t kSecond = kStride == 1 ? 1 : kZynFpiLanes;
-  const zyn_conv_param p = *of.param;
+  const zyn_fpi_layer l = *of.layer;
   const limits ends = given;
   const __m256i start = _mm256_set1_epi32(of.start), bias = _mm256_set1_epi16(of.bias);
-  const int64_t step = zyn_fpi_pair_step(p);
+  const int64_t step = zyn_fpi_pair_step(l);
   const int16_t* in = c.in;
   int16_t* out = c.out;
   for (int64_t rows = c.rows; rows > 0; rows--, in += kStride * c.pitch, out += c.out_pitch) {
     __m256i even = start, odd = start;
     const int32_t* pair = of.pairs;
     const int16_t* row = in;
-    for (int64_t y = 0; y < p.kernel_w; y++, row += p.dilation_w * c.pitch)
-      for (int64_t x = 0; x < p.kernel_h; x += step, pair++) {
-        const int16_t* at = row + x * p.dilation_h;
+    for (int64_t y = 0; y < l.kernel_y; y++, row += l.dilation_y * c.pitch)
+      for (int64_t x = 0; x < l.kernel_x; x += step, pair++) {
+        const int16_t* at = row + x * l.dilation_x;
         const __m256i w = _mm256_set1_epi32(*pair);
         even = _mm256_add_epi32(even, _mm256_madd_epi16(zyn_fpi_load(at), w));
         odd = _mm256_add_epi32(odd, _mm256_madd_epi16(zyn_fpi_load(at + kSecond), w));
@@ -207,15 +208,15 @@ void filter_any(const column& c, const channel& of, const limits& given) {
 
 using filter_function = void(const column& c, const channel& of, const limits& ends);
 
-filter_function* choose_filter(const zyn_conv_param& p, int64_t width, bool is_small) {
+filter_function* choose_filter(const zyn_fpi_layer& l, int64_t width, bool is_small) {
   static constexpr filter_function* k3x3[][2] = {
       {filter_stride1<false, false>, filter_stride1<false, true>},
       {filter_stride2<kHalves, false>, filter_stride2<kHalves, true>},
       {filter_stride2<kTwoRows, false>, filter_stride2<kTwoRows, true>}};
   static constexpr filter_function* kAny[][2] = {{filter_any<1, false>, filter_any<1, true>},
                                                  {filter_any<2, false>, filter_any<2, true>}};
-  if (!is_3x3(p)) return kAny[p.stride_h - 1][is_small];
-  return k3x3[p.stride_h == 1             ? kEvenOdd
+  if (!is_3x3(l)) return kAny[l.stride_x - 1][is_small];
+  return k3x3[l.stride_x == 1             ? kEvenOdd
               : 2 * width <= kZynFpiLanes ? kTwoRows
                                           : kHalves][is_small];
 }
@@ -232,23 +233,23 @@ struct scheme {
   int64_t inside;  // words of an input row that windows reach
 };
 
-scheme make_scheme(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet, const zyn_tensor* output,
-                   const zyn_tensor* input) {
-  const zyn_conv_param& p = plan->param;
-  const int64_t width = output->dims[0], height = output->dims[1], stride = p.stride_h;
-  const int64_t columns = stride * (width - 1) + (p.kernel_h - int64_t{1}) * p.dilation_h + 1;
-  const int64_t reach = (p.kernel_w - int64_t{1}) * p.dilation_w + 1;
+scheme make_scheme(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
+                   const zyn_tensor* output, const zyn_tensor* input) {
+  const zyn_fpi_layer& l = plan->layer;
+  const int64_t width = output->dims[0], height = output->dims[1], stride = l.stride_x;
+  const int64_t columns = stride * (width - 1) + (l.kernel_x - int64_t{1}) * l.dilation_x + 1;
+  const int64_t reach = (l.kernel_y - int64_t{1}) * l.dilation_y + 1;
   const int64_t pitch = (columns + kZynFpiLanes - 1) / kZynFpiLanes * kZynFpiLanes;
   const int64_t most = (kBandWords / pitch - reach) / stride + 1;
-  const int64_t inside = columns - p.pad_h;
+  const int64_t inside = columns - l.pad_x;
   const bool is_small = plan->shift <= kMostSmallShift;
   const limits ends = {_mm256_set1_epi32(plan->shift),
                        _mm256_set1_epi32(kMostSmallShift - plan->shift),
-                       _mm256_set1_epi16(outlet.low), _mm256_set1_epi16(outlet.high)};
+                       _mm256_set1_epi16(epilogue.low), _mm256_set1_epi16(epilogue.high)};
   filter_function* const split =
       is_small ? filter_stride1<true, true> : filter_stride1<true, false>;
-  return {choose_filter(p, width, is_small),
-          is_3x3(p) && stride == 1 ? split : nullptr,
+  return {choose_filter(l, width, is_small),
+          is_3x3(l) && stride == 1 ? split : nullptr,
           ends,
           stride,
           width,
@@ -269,8 +270,9 @@ void fill(int16_t* to, const scheme& s, const int16_t* plane, const zyn_tensor* 
   const int64_t pitch = s.pitch, inside = s.inside;
   const int64_t begin = first < 0 ? 0 : first;
   const int64_t behind = height < end ? height : end;
-  zyn_fpi_copy_rows(to + (begin - first) * pitch, pitch, plane + begin * width, width, inside,
-                    behind - begin);
+  if (begin < behind)
+    zyn_fpi_copy_rows(to + (begin - first) * pitch, pitch, plane + begin * width, width, inside,
+                      behind - begin);
   if (s.band == s.height) return;  // nothing but zeros has been in the other rows
   for (int64_t y = first; y < end; y++, to += pitch)
     if (y < 0 || y >= height) memset(to, 0, static_cast<size_t>(inside) * sizeof(int16_t));
@@ -295,14 +297,23 @@ void filter_band(const scheme& s, const int16_t* band, int16_t* out, int64_t out
 
 }  // namespace
 
-uint32_t zyn_fpi_run_depthwise(const zyn_fpi_plan* plan, const zyn_fpi_outlet& outlet,
+// The copy has at most the rows of two output rows where kBandWords hold fewer.
+int64_t zyn_fpi_scratch_depthwise(const zyn_fpi_layer& layer, const zyn_tensor* output) {
+  const int64_t reach_x = (layer.kernel_x - int64_t{1}) * layer.dilation_x;
+  const int64_t reach_y = (layer.kernel_y - int64_t{1}) * layer.dilation_y;
+  const int64_t pitch = layer.stride_x * int64_t{output->dims[0]} + reach_x + kZynFpiLanes;
+  return pitch * (2 * layer.stride_y + reach_y + 1) + 3 * kBandWords +
+         2 * zyn_fpi_pair_count(layer);
+}
+
+uint32_t zyn_fpi_run_depthwise(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
                                zyn_tensor* output, const zyn_tensor* input) {
-  const zyn_conv_param& p = plan->param;
-  const scheme s = make_scheme(plan, outlet, output, input);
+  const zyn_fpi_layer& l = plan->layer;
+  const scheme s = make_scheme(plan, epilogue, output, input);
   // One block: pairs of weights, the copy, results. The copied rows begin at the start of a
   // vector; two rows at once may be one too many.
-  const int64_t packed = is_3x3(p) ? 0 : (2 * zyn_fpi_pair_count(p) + kZynFpiLanes) & -kZynFpiLanes;
-  const int64_t lead = -p.pad_h & (kZynFpiLanes - 1);
+  const int64_t packed = is_3x3(l) ? 0 : (2 * zyn_fpi_pair_count(l) + kZynFpiLanes) & -kZynFpiLanes;
+  const int64_t lead = -l.pad_x & (kZynFpiLanes - 1);
   const int64_t copied = packed + lead + s.pitch * (s.band * s.stride + s.reach) + kSlack;
   auto words = zyn_scratch<int16_t>::zeroed(copied + kZynFpiLanes * (s.band + 1));
   if (!words) return ZYN_RET_ERR_MEMORY;
@@ -311,11 +322,11 @@ uint32_t zyn_fpi_run_depthwise(const zyn_fpi_plan* plan, const zyn_fpi_outlet& o
   const int64_t in_plane = int64_t{input->dims[0]} * input->dims[1];
   const int16_t* const end = zyn_fpi_words(output) + output->count;
   int16_t* out = zyn_fpi_words(output);
-  for (int64_t c = 0; c < p.out_channels; c++) {
-    const channel of = make_channel(plan, outlet, c, pairs);
+  for (int64_t c = 0; c < l.out_channels; c++) {
+    const channel of = make_channel(plan, epilogue, c, pairs);
     for (int64_t y = 0; y < s.height; y += s.band) {
       const int64_t rows = s.height - y < s.band ? s.height - y : s.band;
-      fill(band + p.pad_h, s, zyn_fpi_words(input) + c * in_plane, input, y * s.stride - p.pad_w,
+      fill(band + l.pad_x, s, zyn_fpi_words(input) + c * in_plane, input, y * s.stride - l.pad_y,
            (rows - 1) * s.stride + s.reach);
       int16_t* const next = out + rows * s.width;
       // What lies behind short rows is written later, but for the last ones of all.

@@ -22,15 +22,17 @@ inline int16_t zyn_fpi_add1(int32_t a, int32_t b) {
   return static_cast<int16_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
 }
 
-// v with from fraction bits brought to to, low 16 bits: rounded to nearest (halves up)
-// where bits go, from and to 0 to 31.
+// The 16-bit v with from fraction bits brought to to, low 16 bits: rounded to nearest
+// (halves up) where bits go. Any from and to: far apart they leave 0.
 inline int16_t zyn_fpi_rescale1(int32_t v, int32_t from, int32_t to) {
-  if (from > to) return zyn_fpi_narrow1(static_cast<uint32_t>(v), from - to);
-  return static_cast<int16_t>(static_cast<uint32_t>(v) << (to - from));
+  const int64_t left = int64_t{to} - from;
+  if (left < -16 || left > 15) return 0;
+  if (left < 0) return zyn_fpi_narrow1(static_cast<uint32_t>(v), static_cast<int32_t>(-left));
+  return static_cast<int16_t>(static_cast<uint32_t>(v) << left);
 }
 
-inline __m256i zyn_fpi_load(const void* p) {
-  return _mm256_loadu_si256(static_cast<const __m256i*>(p));
+inline __m256i zyn_fpi_load(const void* l) {
+  return _mm256_loadu_si256(static_cast<const __m256i*>(l));
 }
 inline void zyn_fpi_store(void* p, __m256i v) { _mm256_storeu_si256(static_cast<__m256i*>(p), v); }
 
@@ -50,12 +52,12 @@ inline __m256i zyn_fpi_broadcast(const int16_t* pair) {
 // Pairs of taps in the rows of a kernel, the last one beside nothing where their number is
 // odd: columns of a pair (dilated taps have no neighbour), pairs of a kernel, and the pair
 // that begins at column x of a row of weights.
-inline int64_t zyn_fpi_pair_step(const zyn_conv_param& p) { return p.dilation_h == 1 ? 2 : 1; }
-inline int64_t zyn_fpi_pair_count(const zyn_conv_param& p) {
-  return (p.kernel_h + zyn_fpi_pair_step(p) - 1) / zyn_fpi_pair_step(p) * p.kernel_w;
+inline int64_t zyn_fpi_pair_step(const zyn_fpi_layer& l) { return l.dilation_x == 1 ? 2 : 1; }
+inline int64_t zyn_fpi_pair_count(const zyn_fpi_layer& l) {
+  return (l.kernel_x + zyn_fpi_pair_step(l) - 1) / zyn_fpi_pair_step(l) * l.kernel_y;
 }
-inline int32_t zyn_fpi_pair_at(const int16_t* row, int64_t x, const zyn_conv_param& p) {
-  const bool has_next = zyn_fpi_pair_step(p) == 2 && x + 1 < p.kernel_h;
+inline int32_t zyn_fpi_pair_at(const int16_t* row, int64_t x, const zyn_fpi_layer& l) {
+  const bool has_next = zyn_fpi_pair_step(l) == 2 && x + 1 < l.kernel_x;
   return zyn_fpi_pair(row[x], has_next ? row[x + 1] : 0);
 }
 
@@ -73,10 +75,10 @@ inline __m256i zyn_fpi_part(__m256i v) {
   return _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, order), 0xD8);
 }
 
-// An outlet for one output channel.
-struct zyn_fpi_finisher {
+// A tile's epilogue for one output channel.
+struct zyn_fpi_channel_epilogue {
   __m256i bias, low, high;
-  zyn_fpi_finisher(const zyn_fpi_outlet& o, int64_t channel)
+  zyn_fpi_channel_epilogue(const zyn_fpi_tile_epilogue& o, int64_t channel)
       : bias(_mm256_set1_epi16(o.bias ? zyn_fpi_rescale1(o.bias[channel], o.q_weights, o.q_out)
                                       : int16_t{0})),
         low(_mm256_set1_epi16(o.low)),
@@ -145,3 +147,11 @@ inline void zyn_fpi_map(int16_t* out, const int16_t* in, int64_t count, Function
 }
 
 inline int16_t* zyn_fpi_words(const zyn_tensor* t) { return static_cast<int16_t*>(t->data); }
+
+// The epilogue over a whole output, for kernels that do not apply it to their tiles.
+inline void zyn_fpi_apply_epilogue(zyn_tensor* output, const zyn_fpi_tile_epilogue& epilogue) {
+  const int64_t pixels = static_cast<int64_t>(output->dims[0]) * output->dims[1];
+  int16_t* out = zyn_fpi_words(output);
+  for (int64_t c = 0; c < output->dims[2]; c++, out += pixels)
+    zyn_fpi_map(out, out, pixels, zyn_fpi_channel_epilogue(epilogue, c));
+}

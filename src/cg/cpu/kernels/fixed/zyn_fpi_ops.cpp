@@ -111,6 +111,20 @@ void zyn_fpi_hard_swish(int16_t* out, int32_t q_out, const int16_t* in, int32_t 
               [=](__m256i x) { return join(half(low_half(x)), half(high_half(x))); });
 }
 
+void zyn_fpi_hard_swish_any(int16_t* values, int64_t count, int32_t q) {
+  constexpr int32_t kMostQ = 31;
+  if (q < 2) memset(values, 0, static_cast<size_t>(count) * sizeof(int16_t));
+  if (q < 2) return;
+  if (q < 16) return zyn_fpi_hard_swish(values, q, values, q, count);
+  // Beyond kMostQ only the parity of q matters: it decides whether 1/6 is rounded up.
+  if (q > kMostQ) q = kMostQ - 1 + (q & 1);
+  const int64_t unit = int64_t{1} << q, round = unit / 2, sixth = (unit + 3) / 6;
+  for (int64_t i = 0; i < count; i++) {
+    const int64_t gate = ((values[i] + 3 * unit) * sixth + round) >> q;  // 0 to 6 always
+    values[i] = static_cast<int16_t>((values[i] * gate + round) >> q);
+  }
+}
+
 void zyn_fpi_sigmoid(int16_t* out, const int16_t* in, int32_t q_in, int64_t count) {
   const double unit = ldexp(1.0, -q_in);
   for (int64_t i = 0; i < count; i++) {

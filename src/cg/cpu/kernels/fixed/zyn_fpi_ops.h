@@ -1,4 +1,5 @@
-// Everything on 16-bit fixed point but the convolutions. q of values is 0 to 15; right
+// Everything on 16-bit fixed point but the convolutions. q is 0 to 15 unless a function
+// says otherwise; right
 // shifts round to nearest (halves up), results keep their low 16 bits unless a function
 // says otherwise. out and in may be the same block.
 #pragma once
@@ -13,6 +14,9 @@ void zyn_fpi_relu6(int16_t* out, const int16_t* in, int64_t count, int32_t q);
 // rounded to q_out bits, then multiplied by x and rounded again.
 void zyn_fpi_hard_swish(int16_t* out, int32_t q_out, const int16_t* in, int32_t q_in,
                         int64_t count);
+
+// The same in place for any q: above 15 in 64 bits; from 1 down 1/6 is 0, and so is all.
+void zyn_fpi_hard_swish_any(int16_t* values, int64_t count, int32_t q);
 
 // 1 / (1 + e^-x) with 15 fraction bits, rounded to nearest, at most 32767.
 void zyn_fpi_sigmoid(int16_t* out, const int16_t* in, int32_t q_in, int64_t count);

@@ -22,39 +22,39 @@ struct zyn_fpi_rows {
   int64_t capacity;  // rows of the ring, a power of two
   int64_t next = 0;  // first row not yet there
 
-  // Rows of the first channel_count planes of the input. Test words before use.
-  zyn_fpi_rows(const zyn_tensor* input, const zyn_tensor* output, const zyn_conv_param& p,
-               int64_t channel_count, const zyn_fpi_reach& reach)
-      : words(zyn_scratch<int16_t>::zeroed(words_of(output, p, channel_count, reach))),
+  // Rows of all planes of the input. Test words before use.
+  zyn_fpi_rows(const zyn_tensor* input, const zyn_tensor* output, const zyn_fpi_layer& l,
+               const zyn_fpi_reach& reach)
+      : words(zyn_scratch<int16_t>::zeroed(words_of(output, l, reach))),
         planes(zyn_fpi_words(input)),
-        channels(channel_count),
+        channels(l.in_channels),
         width(input->dims[0]),
         height(input->dims[1]),
-        pad_x(p.pad_h),
-        pad_y(p.pad_w),
+        pad_x(l.pad_x),
+        pad_y(l.pad_y),
         rows(reach.rows),
         pitch(reach.columns),
         inside(pad_x >= pitch          ? 0
                : width < pitch - pad_x ? width
                                        : pitch - pad_x),
-        total(total_of(output, p, reach)),
+        total(total_of(output, l, reach)),
         capacity(capacity_of(total, reach.most_rows)) {}
 
-  static int64_t total_of(const zyn_tensor* output, const zyn_conv_param& p,
+  static int64_t total_of(const zyn_tensor* output, const zyn_fpi_layer& l,
                           const zyn_fpi_reach& reach) {
-    return (output->dims[1] - int64_t{1}) * p.stride_w + reach.rows;
+    return (output->dims[1] - int64_t{1}) * l.stride_y + reach.rows;
   }
   static int64_t capacity_of(int64_t total_rows, int64_t most_rows) {
     while (most_rows / 2 >= total_rows) most_rows /= 2;
     return most_rows;
   }
   // Size of the ring, -1 where it does not fit 64 bits.
-  static int64_t words_of(const zyn_tensor* output, const zyn_conv_param& p, int64_t channel_count,
+  static int64_t words_of(const zyn_tensor* output, const zyn_fpi_layer& l,
                           const zyn_fpi_reach& reach) {
     int64_t plane = 0, all = 0;
-    return zyn_multiply(capacity_of(total_of(output, p, reach), reach.most_rows), reach.columns,
+    return zyn_multiply(capacity_of(total_of(output, l, reach), reach.most_rows), reach.columns,
                         &plane) &&
-                   zyn_multiply(plane, channel_count, &all)
+                   zyn_multiply(plane, l.in_channels, &all)
                ? all
                : -1;
   }
@@ -71,9 +71,9 @@ struct zyn_fpi_rows {
     // Without one, rows of a ring that holds all of them stay as they were made.
     if (!exists && total <= capacity) return;
     int16_t* to = slot(0, row) + pad_x;
-    const int16_t* from = planes + y * width;
     if (exists)
-      return zyn_fpi_copy_rows(to, capacity * pitch, from, width * height, inside, channels);
+      return zyn_fpi_copy_rows(to, capacity * pitch, planes + y * width, width * height, inside,
+                               channels);
     for (int64_t c = 0; c < channels; c++, to += capacity * pitch)
       memset(to, 0, static_cast<size_t>(inside) * sizeof(int16_t));
   }

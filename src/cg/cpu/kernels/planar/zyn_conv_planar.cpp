@@ -1,4 +1,8 @@
-// Method 0: which planar kernel serves a layer.
+// Method 0, planar kernels: the entry points, which decide by the layer's shape.
+//   dense 3x3 regular, stride 1    zyn_conv_planar_3x3.cpp, two kernels by output rows
+//   dense 1x1 regular              zyn_conv_planar_1x1.cpp, one for a single pixel
+//   depthwise 3x3 and 5x5 regular  zyn_conv_planar_dw.cpp, stride 1 and 2
+//   everything else                zyn_conv_planar_rows.cpp
 #include "cg/cpu/kernels/planar/zyn_conv_planar.h"
 
 namespace {
@@ -22,7 +26,7 @@ bool open_layer(zyn_planar_layer* layer, zyn_tensor* output, const zyn_tensor* i
             input->dims[1],
             input->dims[2],
             weights,
-            param,
+            zyn_conv_shape_of(param),
             epilogue ? *epilogue : zyn_conv_epilogue{}};
   return true;
 }
@@ -30,11 +34,11 @@ bool open_layer(zyn_planar_layer* layer, zyn_tensor* output, const zyn_tensor* i
 }  // namespace
 
 bool zyn_planar_is_regular(const zyn_planar_layer& l, int32_t kernel, int32_t stride) {
-  const zyn_conv_param& p = *l.param;
+  const zyn_conv_shape& p = l.shape;
   const int32_t pad = kernel / 2;
-  return p.kernel_h == kernel && p.kernel_w == kernel && p.stride_h == stride &&
-         p.stride_w == stride && p.pad_h == pad && p.pad_w == pad && p.dilation_h == 1 &&
-         p.dilation_w == 1 && l.out_w == (l.in_w - 1) / stride + 1 &&
+  return p.kernel_x == kernel && p.kernel_y == kernel && p.stride_x == stride &&
+         p.stride_y == stride && p.pad_x == pad && p.pad_y == pad && p.dilation_x == 1 &&
+         p.dilation_y == 1 && l.out_w == (l.in_w - 1) / stride + 1 &&
          l.out_h == (l.in_h - 1) / stride + 1;
 }
 

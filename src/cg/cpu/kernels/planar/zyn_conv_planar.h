@@ -1,7 +1,6 @@
-// Shared parts of the planar direct kernels. Output and input are planes of rows, W
-// (dims[0]) floats each; the first member of every pair of the record runs along a row.
-// Every kernel writes its whole output and applies the epilogue to sums that are still
-// in registers, in the order of the separate passes; a second run gives the same.
+// Shared parts of the planar kernels. Output and input are planes of rows, W (dims[0])
+// floats each. Every kernel writes its whole output and applies the epilogue to sums that
+// are still in registers; a second run gives the same.
 // Row ends: the last vector of a row is stored under a mask, and loads either stay
 // inside copied rows with slack behind them or are masked as well.
 #pragma once
@@ -11,6 +10,7 @@
 
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "cg/cpu/kernels/zyn_conv_epilogue.h"
+#include "cg/cpu/kernels/zyn_conv_shape.h"
 
 // One convolution over planes, arguments checked.
 struct zyn_planar_layer {
@@ -19,7 +19,7 @@ struct zyn_planar_layer {
   const float* in;
   int32_t in_w, in_h, in_channels;
   const float* weights;
-  const zyn_conv_param* param;
+  zyn_conv_shape shape;
   zyn_conv_epilogue epilogue;
 
   float* out_plane(int32_t c) const { return out + static_cast<int64_t>(c) * out_w * out_h; }
@@ -27,12 +27,12 @@ struct zyn_planar_layer {
 };
 
 // The epilogue of one output channel.
-struct zyn_planar_finish {
+struct zyn_planar_epilogue {
   __m256 bias;
   bool biased;
   int32_t activation;
 
-  zyn_planar_finish(const zyn_conv_epilogue& epilogue, int64_t channel)
+  zyn_planar_epilogue(const zyn_conv_epilogue& epilogue, int64_t channel)
       : bias(epilogue.bias ? _mm256_broadcast_ss(epilogue.bias + channel) : _mm256_setzero_ps()),
         biased(epilogue.bias != nullptr),
         activation(epilogue.activation) {}
@@ -59,12 +59,15 @@ inline void zyn_planar_store(float* out, __m256 value, int64_t left) {
 // size assume.
 bool zyn_planar_is_regular(const zyn_planar_layer& layer, int32_t kernel, int32_t stride);
 
-// Any record: rows copied so that every tap reads them in steps of one. 2: no memory.
+// Any record: rows copied so that every tap reads them in steps of one. The copies ask for
+// at most 4 MB or 64 bytes per weight of one output channel, whichever is more, whatever
+// stride, padding and dilation are. 2: no memory.
 uint32_t zyn_planar_generic(const zyn_planar_layer& layer);
 uint32_t zyn_planar_generic_depthwise(const zyn_planar_layer& layer);
 
-// Dense 3x3, regular, stride 1: with at least 6 output rows, and with fewer. 2: no
-// memory for the copied rows.
+// Dense 3x3, regular, stride 1: with at least 6 output rows, and with fewer. They copy 6
+// rows, and all rows and 2 of every input channel, each 10 floats longer than the input's.
+// 2: no memory for the copied rows.
 uint32_t zyn_planar_3x3_s1(const zyn_planar_layer& layer);
 uint32_t zyn_planar_3x3_s1_small(const zyn_planar_layer& layer);
 

@@ -20,30 +20,25 @@ void tile(const zyn_planar_layer& l, int64_t oc, int64_t pixel, int64_t left) {
   const float* in = l.in + pixel;
   const float* w = l.weights + oc * in_channels;
   __m256 sum[Channels][Vectors];
-#pragma GCC unroll 4
-  for (int c = 0; c < Channels; c++)
-#pragma GCC unroll 3
-    for (int v = 0; v < Vectors; v++) sum[c][v] = _mm256_setzero_ps();
+  ZYN_UNROLL for (int c = 0; c < Channels; c++) {
+    ZYN_UNROLL for (int v = 0; v < Vectors; v++) sum[c][v] = _mm256_setzero_ps();
+  }
   for (int64_t ic = 0; ic < in_channels; ic++, in += pixels, w++) {
     __m256 value[Vectors];
-#pragma GCC unroll 3
-    for (int v = 0; v < Vectors; v++)
-      value[v] = Whole || v < Vectors - 1 ? _mm256_loadu_ps(in + 8 * v)
-                                          : _mm256_maskload_ps(in + 8 * v, mask);
-#pragma GCC unroll 4
-    for (int c = 0; c < Channels; c++) {
+    ZYN_UNROLL for (int v = 0; v < Vectors; v++) value[v] =
+        Whole || v < Vectors - 1 ? _mm256_loadu_ps(in + 8 * v)
+                                 : _mm256_maskload_ps(in + 8 * v, mask);
+    ZYN_UNROLL for (int c = 0; c < Channels; c++) {
       const __m256 weight = _mm256_broadcast_ss(w + c * in_channels);
-#pragma GCC unroll 3
-      for (int v = 0; v < Vectors; v++) sum[c][v] = _mm256_fmadd_ps(weight, value[v], sum[c][v]);
+      ZYN_UNROLL for (int v = 0; v < Vectors; v++) sum[c][v] =
+          _mm256_fmadd_ps(weight, value[v], sum[c][v]);
     }
   }
   float* out = l.out + oc * pixels + pixel;
-#pragma GCC unroll 4
-  for (int c = 0; c < Channels; c++) {
-    const zyn_planar_finish finish(l.epilogue, oc + c);
-#pragma GCC unroll 3
-    for (int v = 0; v < Vectors; v++) {
-      const __m256 y = finish.apply(sum[c][v]);
+  ZYN_UNROLL for (int c = 0; c < Channels; c++) {
+    const zyn_planar_epilogue epilogue(l.epilogue, oc + c);
+    ZYN_UNROLL for (int v = 0; v < Vectors; v++) {
+      const __m256 y = epilogue.apply(sum[c][v]);
       if (Whole || v < Vectors - 1)
         _mm256_storeu_ps(out + c * pixels + 8 * v, y);
       else
@@ -93,11 +88,11 @@ void zyn_planar_dot(const zyn_planar_layer& l) {
   // One value a channel: the channels' biases are one row.
   for (int32_t oc = 0; oc < l.out_channels; oc += 8) {
     const int64_t left = l.out_channels - oc;
-    const __m256i mask = zyn_first_lanes(left < 8 ? left : 8);
+    const __m256i mask = zyn_first_lanes(left);
     zyn_conv_epilogue plain = l.epilogue;
     plain.bias = nullptr;
     __m256 y = _mm256_maskload_ps(l.out + oc, mask);
     if (l.epilogue.bias) y = _mm256_add_ps(y, _mm256_maskload_ps(l.epilogue.bias + oc, mask));
-    _mm256_maskstore_ps(l.out + oc, mask, zyn_planar_finish(plain, 0).apply(y));
+    _mm256_maskstore_ps(l.out + oc, mask, zyn_planar_epilogue(plain, 0).apply(y));
   }
 }

@@ -44,34 +44,30 @@ class row_ring {
 };
 
 // Adds one input channel to Rows output rows from the Rows + 2 copied rows around them.
-// Column x - 1 of the image lies at position x of a copied row. finish: null before the
+// Column x - 1 of the image lies at position x of a copied row. epilogue: null before the
 // last input channel.
 template <int Rows>
 void add_rows(float* out, int64_t width, const float* const* rows, const float* weights,
-              const zyn_planar_finish* finish) {
+              const zyn_planar_epilogue* epilogue) {
   __m256 taps[kTaps];
-#pragma GCC unroll 9
-  for (int t = 0; t < kTaps; t++) taps[t] = _mm256_broadcast_ss(weights + t);
+  ZYN_UNROLL for (int t = 0; t < kTaps; t++) taps[t] = _mm256_broadcast_ss(weights + t);
   for (int64_t x = 0; x < width; x += 8) {
-    const int64_t left = width - x;
-    const __m256i mask = zyn_first_lanes(left < 8 ? left : 8);
+    const __m256i mask = zyn_first_lanes(width - x);
     __m256 sum[Rows];
-#pragma GCC unroll 4
-    for (int r = 0; r < Rows; r++) sum[r] = _mm256_maskload_ps(out + r * width + x, mask);
-#pragma GCC unroll 6
-    for (int r = 0; r < Rows + 2; r++) {
-#pragma GCC unroll 3
-      for (int kx = 0; kx < 3; kx++) {
+    ZYN_UNROLL for (int r = 0; r < Rows; r++) sum[r] =
+        _mm256_maskload_ps(out + r * width + x, mask);
+    ZYN_UNROLL for (int r = 0; r < Rows + 2; r++) {
+      ZYN_UNROLL for (int kx = 0; kx < 3; kx++) {
         const __m256 in = _mm256_loadu_ps(rows[r] + x + kx);
-#pragma GCC unroll 3
-        for (int ky = 0; ky < 3; ky++)
-          if (r - ky >= 0 && r - ky < Rows)
-            sum[r - ky] = _mm256_fmadd_ps(taps[ky * 3 + kx], in, sum[r - ky]);
+        ZYN_UNROLL for (int ky = 0; ky < 3; ky++) {
+          const int out_row = r - ky;
+          if (out_row < 0 || out_row >= Rows) continue;
+          sum[out_row] = _mm256_fmadd_ps(taps[ky * 3 + kx], in, sum[out_row]);
+        }
       }
     }
-#pragma GCC unroll 4
-    for (int r = 0; r < Rows; r++)
-      _mm256_maskstore_ps(out + r * width + x, mask, finish ? finish->apply(sum[r]) : sum[r]);
+    ZYN_UNROLL for (int r = 0; r < Rows; r++)
+        _mm256_maskstore_ps(out + r * width + x, mask, epilogue ? epilogue->apply(sum[r]) : sum[r]);
   }
 }
 
@@ -81,9 +77,24 @@ void step(const zyn_planar_layer& l, const row_ring& ring, int32_t ic, int32_t y
   const float* rows[Rows + 2];
   for (int r = 0; r < Rows + 2; r++) rows[r] = ring.row(y + r);
   for (int32_t oc = 0; oc < l.out_channels; oc++) {
-    const zyn_planar_finish finish(l.epilogue, oc);
+    const zyn_planar_epilogue epilogue(l.epilogue, oc);
     add_rows<Rows>(l.out_plane(oc) + static_cast<int64_t>(y) * l.out_w, l.out_w, rows,
-                   weights_of(l, oc, ic), ic == l.in_channels - 1 ? &finish : nullptr);
+                   weights_of(l, oc, ic), ic == l.in_channels - 1 ? &epilogue : nullptr);
+  }
+}
+
+// Adds copied row r under tap column kx to the output rows that it lies under; weights
+// points at tap (0, kx) of the first channel.
+template <int Rows, int Channels>
+[[gnu::always_inline]] inline void add_taps(__m256 (&sum)[Channels][Rows], __m256 value, int r,
+                                            const float* weights, int64_t out_step) {
+  ZYN_UNROLL for (int c = 0; c < Channels; c++) {
+    ZYN_UNROLL for (int ky = 0; ky < 3; ky++) {
+      const int out_row = r - ky;
+      if (out_row < 0 || out_row >= Rows) continue;
+      const __m256 weight = _mm256_broadcast_ss(weights + c * out_step + ky * 3);
+      sum[c][out_row] = _mm256_fmadd_ps(weight, value, sum[c][out_row]);
+    }
   }
 }
 
@@ -97,33 +108,22 @@ void small_tile(const zyn_planar_layer& l, const float* planes, int64_t pitch, i
   const float* in = planes + x;
   const float* w = weights_of(l, oc, 0);
   __m256 sum[Channels][Rows];
-#pragma GCC unroll 2
-  for (int c = 0; c < Channels; c++)
-#pragma GCC unroll 5
-    for (int r = 0; r < Rows; r++) sum[c][r] = _mm256_setzero_ps();
+  ZYN_UNROLL for (int c = 0; c < Channels; c++) {
+    ZYN_UNROLL for (int r = 0; r < Rows; r++) sum[c][r] = _mm256_setzero_ps();
+  }
   for (int32_t ic = 0; ic < l.in_channels; ic++, in += plane_size, w += kTaps) {
-#pragma GCC unroll 3
-    for (int kx = 0; kx < 3; kx++) {
-#pragma GCC unroll 7
-      for (int r = 0; r < Rows + 2; r++) {
+    ZYN_UNROLL for (int kx = 0; kx < 3; kx++) {
+      ZYN_UNROLL for (int r = 0; r < Rows + 2; r++) {
         const __m256 value = _mm256_loadu_ps(in + r * pitch + kx);
-#pragma GCC unroll 2
-        for (int c = 0; c < Channels; c++)
-#pragma GCC unroll 3
-          for (int ky = 0; ky < 3; ky++)
-            if (r - ky >= 0 && r - ky < Rows)
-              sum[c][r - ky] = _mm256_fmadd_ps(_mm256_broadcast_ss(w + c * out_step + ky * 3 + kx),
-                                               value, sum[c][r - ky]);
+        add_taps(sum, value, r, w + kx, out_step);
       }
     }
   }
-#pragma GCC unroll 2
-  for (int c = 0; c < Channels; c++) {
-    const zyn_planar_finish finish(l.epilogue, oc + c);
-#pragma GCC unroll 5
-    for (int r = 0; r < Rows; r++)
-      zyn_planar_store(l.out_plane(oc + c) + r * static_cast<int64_t>(l.out_w) + x,
-                       finish.apply(sum[c][r]), l.out_w - x);
+  ZYN_UNROLL for (int c = 0; c < Channels; c++) {
+    const zyn_planar_epilogue epilogue(l.epilogue, oc + c);
+    ZYN_UNROLL for (int r = 0; r < Rows; r++)
+        zyn_planar_store(l.out_plane(oc + c) + r * static_cast<int64_t>(l.out_w) + x,
+                         epilogue.apply(sum[c][r]), l.out_w - x);
   }
 }
 
@@ -166,22 +166,9 @@ uint32_t zyn_planar_3x3_s1_small(const zyn_planar_layer& l) {
     for (int32_t y = 0; y < l.in_h; y++)
       memcpy(&planes[(static_cast<int64_t>(ic) * (l.in_h + 2) + y + 1) * pitch + 1],
              l.in_plane(ic) + static_cast<int64_t>(y) * l.in_w, row_bytes(l));
-  switch (l.in_h) {
-    case 1:
-      small_image<1>(l, planes.get(), pitch);
-      break;
-    case 2:
-      small_image<2>(l, planes.get(), pitch);
-      break;
-    case 3:
-      small_image<3>(l, planes.get(), pitch);
-      break;
-    case 4:
-      small_image<4>(l, planes.get(), pitch);
-      break;
-    default:
-      small_image<5>(l, planes.get(), pitch);
-      break;
-  }
+  using kernel = void (*)(const zyn_planar_layer&, const float*, int64_t);
+  constexpr kernel kByRows[] = {small_image<1>, small_image<2>, small_image<3>, small_image<4>,
+                                small_image<5>};
+  kByRows[l.out_h - 1](l, planes.get(), pitch);
   return ZYN_RET_OK;
 }

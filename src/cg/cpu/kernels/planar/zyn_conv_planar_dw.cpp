@@ -21,16 +21,8 @@ struct plane {
   float* out;
   int32_t out_width, out_height;
   __m256 weights[Kernel * Kernel];
-  zyn_planar_finish finish;
+  zyn_planar_epilogue epilogue;
 };
-
-// The lanes of count consecutive columns from first on that lie in [0, width).
-__m256i columns_inside(int32_t first, int32_t width) {
-  const __m256i column =
-      _mm256_add_epi32(_mm256_set1_epi32(first), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
-  return _mm256_and_si256(_mm256_cmpgt_epi32(column, _mm256_set1_epi32(-1)),
-                          _mm256_cmpgt_epi32(_mm256_set1_epi32(width), column));
-}
 
 // The values that the taps of one kernel row see under 8 output pixels; row points at
 // the first tap of the first. Stride 2 leaves the pixels in the order 0 1 4 5 2 3 6 7.
@@ -40,14 +32,14 @@ struct window {
   __m256i masks[Stride * kLoads];
 
   window(int32_t column, int32_t width) {
-#pragma GCC unroll 6
-    for (int i = 0; i < kLoads; i++)
+    ZYN_UNROLL for (int i = 0; i < kLoads; i++) {
       if (Stride == 1) {
-        masks[i] = columns_inside(column + i, width);
+        masks[i] = zyn_lanes_within(column + i, width);
       } else {
-        masks[2 * i] = columns_inside(column + 2 * i, width);
-        masks[2 * i + 1] = columns_inside(column + 2 * i + 8, width);
+        masks[2 * i] = zyn_lanes_within(column + 2 * i, width);
+        masks[2 * i + 1] = zyn_lanes_within(column + 2 * i + 8, width);
       }
+    }
   }
   template <edge Edge>
   __m256 load(const float* p, int i) const {
@@ -55,8 +47,7 @@ struct window {
   }
   template <edge Edge>
   void read(__m256 (&tap)[Kernel + 1], const float* row) const {
-#pragma GCC unroll 5
-    for (int i = 0; i < kLoads; i++) {
+    ZYN_UNROLL for (int i = 0; i < kLoads; i++) {
       if (Stride == 1) {
         tap[i] = load<Edge>(row + i, i);
         continue;
@@ -77,28 +68,23 @@ void tile(const plane<Kernel>& p, const window<Kernel, Stride>& columns, int32_t
   const int64_t width = p.width;
   const float* row = p.in + top * width + x * Stride - kPad;
   __m256 sum[Rows];
-#pragma GCC unroll 4
-  for (int j = 0; j < Rows; j++) sum[j] = _mm256_setzero_ps();
-#pragma GCC unroll 11
-  for (int r = 0; r < kInRows; r++) {
+  ZYN_UNROLL for (int j = 0; j < Rows; j++) sum[j] = _mm256_setzero_ps();
+  ZYN_UNROLL for (int r = 0; r < kInRows; r++) {
     if (Edge != kInside && (top + r < 0 || top + r >= p.height)) continue;
     __m256 tap[Kernel + 1];
     columns.template read<Edge>(tap, row + r * width);
-#pragma GCC unroll 4
-    for (int j = 0; j < Rows; j++) {
+    ZYN_UNROLL for (int j = 0; j < Rows; j++) {
       const int ky = r - j * Stride;
       if (ky < 0 || ky >= Kernel) continue;
-#pragma GCC unroll 5
-      for (int kx = 0; kx < Kernel; kx++)
-        sum[j] = _mm256_fmadd_ps(p.weights[ky * Kernel + kx], tap[kx], sum[j]);
+      ZYN_UNROLL for (int kx = 0; kx < Kernel; kx++) sum[j] =
+          _mm256_fmadd_ps(p.weights[ky * Kernel + kx], tap[kx], sum[j]);
     }
   }
   float* out = p.out + static_cast<int64_t>(y) * p.out_width + x;
-#pragma GCC unroll 4
-  for (int j = 0; j < Rows; j++) {
+  ZYN_UNROLL for (int j = 0; j < Rows; j++) {
     if (Stride == 2)
       sum[j] = _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(sum[j]), 0xD8));
-    const __m256 value = p.finish.apply(sum[j]);
+    const __m256 value = p.epilogue.apply(sum[j]);
     if (Edge == kColumnEdge)
       zyn_planar_store(out + j * static_cast<int64_t>(p.out_width), value, p.out_width - x);
     else
@@ -145,7 +131,7 @@ template <int Kernel, int Stride>
 void convolve_all(const zyn_planar_layer& l) {
   for (int32_t c = 0; c < l.out_channels; c++) {
     plane<Kernel> p = {l.in_plane(c), l.in_w,  l.in_h, l.out_plane(c),
-                       l.out_w,       l.out_h, {},     zyn_planar_finish(l.epilogue, c)};
+                       l.out_w,       l.out_h, {},     zyn_planar_epilogue(l.epilogue, c)};
     for (int i = 0; i < Kernel * Kernel; i++)
       p.weights[i] = _mm256_broadcast_ss(l.weights + static_cast<int64_t>(c) * Kernel * Kernel + i);
     if (l.out_h >= kRows)

@@ -5,11 +5,13 @@
 //   - in phases: copied row = stride arrays, array f holding columns f, f + stride, ...
 //     of the padded row; a tap is a place in one of them;
 //   - by taps, where phases would be larger: one array a tap.
-// Copies have zeros where the image has no column and end in whole tiles. A tile of up
-// to 4 output channels by 16 pixels keeps its sums in registers over all input channels
-// and taps; kernel rows outside the image are left out.
+// Copies have zeros where the image has no column and end in whole tiles; rows outside the
+// image are left out. A strip of output columns whose copies stay small goes over all rows,
+// then the next: most layers are one strip. A tile of up to 4 output channels by 16 pixels
+// keeps its sums in registers over all input channels and taps.
 #include <string.h>
 
+#include "base/zyn_integers.h"
 #include "base/zyn_memory.h"
 #include "cg/cpu/kernels/planar/zyn_conv_planar.h"
 
@@ -17,6 +19,7 @@ namespace {
 
 constexpr int64_t kTile = 16;
 constexpr int kChannels = 4;
+constexpr int64_t kMostCopied = 1024 * 1024;  // floats, unless one tile needs more
 
 // A kernel row that lies inside the image.
 struct tap_row {
@@ -26,11 +29,13 @@ struct tap_row {
 
 // Where copies lie.
 struct copy_rule {
+  int64_t pixels;  // output columns of a strip, in whole tiles
   bool by_taps;
   int64_t arrays, step;  // per copied row; columns from one array's start to the next
   int64_t array_size;    // floats
   int64_t row_size;      // arrays * array_size
-  int64_t plane_size;    // kernel_w copied rows
+  int64_t rows;          // of one plane
+  int64_t plane_size;    // rows * row_size
 };
 
 // What one tile sums up.
@@ -50,27 +55,23 @@ void sum_tile(const tile_sum& t, int64_t x, __m256 (&result)[kChannels][2]) {
   const int64_t columns = Columns ? Columns : t.column_count;
   const int64_t out_step = t.out_step;
   __m256 sum[Channels][2];
-#pragma GCC unroll 4
-  for (int c = 0; c < Channels; c++) sum[c][0] = sum[c][1] = _mm256_setzero_ps();
+  ZYN_UNROLL for (int c = 0; c < Channels; c++) sum[c][0] = sum[c][1] = _mm256_setzero_ps();
   for (int64_t ic = 0; ic < t.in_channels; ic++)
     for (int64_t r = 0; r < t.row_count; r++) {
       const float* in = t.copies + ic * t.plane_size + t.rows[r].offset + x;
       const float* w = t.weights + ic * t.in_step + t.rows[r].weight;
       const int64_t* places = t.columns;
-#pragma GCC unroll 5
-      for (int64_t kx = 0; kx < columns; kx++) {
+      ZYN_UNROLL_BY(5) for (int64_t kx = 0; kx < columns; kx++) {
         const __m256 first = _mm256_loadu_ps(in + places[kx]);
         const __m256 second = _mm256_loadu_ps(in + places[kx] + 8);
-#pragma GCC unroll 4
-        for (int c = 0; c < Channels; c++) {
+        ZYN_UNROLL for (int c = 0; c < Channels; c++) {
           const __m256 weight = _mm256_broadcast_ss(w + c * out_step + kx);
           sum[c][0] = _mm256_fmadd_ps(weight, first, sum[c][0]);
           sum[c][1] = _mm256_fmadd_ps(weight, second, sum[c][1]);
         }
       }
     }
-#pragma GCC unroll 4
-  for (int c = 0; c < Channels; c++) {
+  ZYN_UNROLL for (int c = 0; c < Channels; c++) {
     result[c][0] = sum[c][0];
     result[c][1] = sum[c][1];
   }
@@ -108,21 +109,43 @@ void copy_columns(float* out, const float* in, int64_t count, int64_t step) {
   for (; i < count; i++) out[i] = in[i * step];
 }
 
-// The smaller of the two rules.
-copy_rule choose_rule(const zyn_planar_layer& l) {
-  const zyn_conv_param& p = *l.param;
-  const int64_t pixels = (l.out_w + kTile - 1) / kTile * kTile;
-  const int64_t stride = p.stride_h, taps = p.kernel_h;
-  const int64_t in_phase = pixels + (taps - 1) * p.dilation_h / stride + 1;
+// The smaller of the two rules for strips of pixels output columns. False where no
+// allocation could hold a plane.
+bool make_rule(const zyn_planar_layer& l, int64_t pixels, copy_rule* rule) {
+  const zyn_conv_shape& s = l.shape;
+  const int64_t stride = s.stride_x, taps = s.kernel_x;
+  const int64_t in_phase = pixels + (taps - 1) * s.dilation_x / stride + 1;
   const bool by_taps = static_cast<double>(taps) * static_cast<double>(pixels) <
                        static_cast<double>(stride) * static_cast<double>(in_phase);
-  copy_rule rule = {
-      by_taps, by_taps ? taps : stride, by_taps ? p.dilation_h : 1, by_taps ? pixels : in_phase, 0,
-      0};
-  if (!zyn_multiply(rule.arrays, rule.array_size, &rule.row_size) ||
-      !zyn_multiply(rule.row_size, p.kernel_w, &rule.plane_size))
-    rule.plane_size = -1;  // no allocation holds it
-  return rule;
+  // As many rows as can lie inside the image at once.
+  const int64_t rows = zyn_smaller(s.kernel_y, l.in_h);
+  *rule = {pixels,
+           by_taps,
+           by_taps ? taps : stride,
+           by_taps ? s.dilation_x : 1,
+           by_taps ? pixels : in_phase,
+           0,
+           rows,
+           0};
+  return zyn_multiply(rule->arrays, rule->array_size, &rule->row_size) &&
+         zyn_multiply(rule->row_size, rows, &rule->plane_size);
+}
+
+// The rule with the widest strip for which the copies of in_channels planes stay small.
+copy_rule choose_rule(const zyn_planar_layer& l, int64_t in_channels) {
+  copy_rule rule;
+  for (int64_t pixels = zyn_round_up(l.out_w, kTile);; pixels = zyn_round_up(pixels / 2, kTile)) {
+    const bool fits = make_rule(l, pixels, &rule);
+    if (fits && rule.plane_size <= kMostCopied / in_channels) return rule;
+    if (pixels > kTile) continue;
+    if (!fits) rule.plane_size = -1;
+    return rule;
+  }
+}
+
+int64_t copied_floats(const copy_rule& rule, int64_t in_channels) {
+  int64_t floats = 0;
+  return zyn_multiply(rule.plane_size, in_channels, &floats) ? floats : INT64_MAX;
 }
 
 // The copies of one layer, or of one depthwise channel at a time, and its taps.
@@ -130,70 +153,78 @@ class row_kernel {
  public:
   row_kernel(const zyn_planar_layer& layer, int64_t in_channels)
       : l_(layer),
-        p_(*layer.param),
+        s_(layer.shape),
         in_channels_(in_channels),
-        rule_(choose_rule(layer)),
-        copies_(zyn_scratch<float>::zeroed(total(rule_.plane_size, in_channels))),
-        rows_(p_.kernel_w),
-        columns_(p_.kernel_h) {
+        rule_(choose_rule(layer, in_channels)),
+        copies_(zyn_scratch<float>::zeroed(copied_floats(rule_, in_channels))),
+        rows_(rule_.rows),
+        columns_(s_.kernel_x) {
     if (!*this) return;
-    for (int64_t kx = 0; kx < p_.kernel_h; kx++) {
-      const int64_t place = kx * p_.dilation_h;
+    for (int64_t kx = 0; kx < s_.kernel_x; kx++) {
+      const int64_t place = kx * s_.dilation_x;
       columns_[kx] = rule_.by_taps ? kx * rule_.array_size
-                                   : place % p_.stride_h * rule_.array_size + place / p_.stride_h;
+                                   : place % s_.stride_x * rule_.array_size + place / s_.stride_x;
     }
   }
   explicit operator bool() const { return copies_ && rows_ && columns_; }
 
-  // outputs channels from first_out on, from the input planes from first_in on.
+  // Goes on to the next strip; false after the last one.
+  bool next_strip() {
+    first_ = next_;
+    next_ += rule_.pixels;
+    // The zeros around the image lie elsewhere in every strip.
+    if (first_ > 0 && first_ < l_.out_w)
+      memset(copies_.get(), 0,
+             static_cast<size_t>(rule_.plane_size * in_channels_) * sizeof(float));
+    return first_ < l_.out_w;
+  }
+
+  // The strip of outputs channels from first_out on, from the input planes from first_in on.
   void run(int32_t first_in, int32_t first_out, int32_t outputs) {
     copied_ = INT64_MIN;
+    const int64_t taps = static_cast<int64_t>(s_.kernel_x) * s_.kernel_y;
     for (int32_t y = 0; y < l_.out_h; y++) {
       const int64_t count = copy_rows(first_in, y);
-      const int64_t taps = static_cast<int64_t>(p_.kernel_h) * p_.kernel_w;
       tile_sum t = {copies_.get(), rule_.plane_size,   in_channels_, rows_.get(),
-                    count,         columns_.get(),     p_.kernel_h,  nullptr,
+                    count,         columns_.get(),     s_.kernel_x,  nullptr,
                     taps,          taps * in_channels_};
       for (int32_t oc = 0; oc < outputs; oc += kChannels) {
         t.weights = l_.weights + (first_out + oc) * t.out_step;
-        finish_row(t, first_out + oc, outputs - oc, y);
+        sum_row(t, first_out + oc, outputs - oc, y);
       }
     }
   }
 
  private:
-  static int64_t total(int64_t plane, int64_t channels) {
-    int64_t size = 0;
-    return zyn_multiply(plane, channels, &size) ? size : INT64_MAX;
-  }
-
   // One row of up to kChannels output channels.
-  void finish_row(const tile_sum& t, int64_t oc, int64_t channels, int32_t y) const {
-    const int64_t used = channels < kChannels ? channels : kChannels;
-    for (int64_t x = 0; x < l_.out_w; x += kTile) {
+  void sum_row(const tile_sum& t, int64_t oc, int64_t channels, int32_t y) const {
+    const int64_t used = zyn_smaller(channels, kChannels);
+    const int64_t columns = zyn_smaller(l_.out_w - first_, rule_.pixels);
+    for (int64_t x = 0; x < columns; x += kTile) {
       __m256 sum[kChannels][2];
       sum_tile(t, x, used, sum);
       for (int64_t c = 0; c < used; c++) {
-        const zyn_planar_finish finish(l_.epilogue, oc + c);
-        float* out =
-            l_.out_plane(static_cast<int32_t>(oc + c)) + static_cast<int64_t>(y) * l_.out_w + x;
-        zyn_planar_store(out, finish.apply(sum[c][0]), l_.out_w - x);
-        zyn_planar_store(out + 8, finish.apply(sum[c][1]), l_.out_w - x - 8);
+        const zyn_planar_epilogue epilogue(l_.epilogue, oc + c);
+        float* out = l_.out_plane(static_cast<int32_t>(oc + c)) +
+                     static_cast<int64_t>(y) * l_.out_w + first_ + x;
+        zyn_planar_store(out, epilogue.apply(sum[c][0]), columns - x);
+        zyn_planar_store(out + 8, epilogue.apply(sum[c][1]), columns - x - 8);
       }
     }
   }
 
-  // Copies what output row y needs and is not there yet; returns the number of kernel
-  // rows inside the image. Without dilation input row r lies in place r modulo kernel_w.
+  // Copies what output row y needs and is not there yet; returns the number of kernel rows
+  // inside the image. Without dilation input row r lies in place r modulo the rows of a
+  // plane, otherwise the rows inside follow each other.
   int64_t copy_rows(int32_t first_in, int32_t y) {
-    const int64_t top = static_cast<int64_t>(y) * p_.stride_w - p_.pad_w;
-    const bool kept = p_.dilation_w == 1;
+    const int64_t top = static_cast<int64_t>(y) * s_.stride_y - s_.pad_y;
+    const bool kept = s_.dilation_y == 1;
     int64_t count = 0;
-    for (int64_t ky = 0; ky < p_.kernel_w; ky++) {
-      const int64_t row = top + ky * p_.dilation_w;
-      if (row < 0 || row >= l_.in_h) continue;
-      const int64_t offset = (kept ? row % p_.kernel_w : ky) * rule_.row_size;
-      rows_[count++] = {offset, ky * p_.kernel_h};
+    for (int64_t ky = first_row(top); ky < s_.kernel_y; ky++) {
+      const int64_t row = top + ky * s_.dilation_y;
+      if (row >= l_.in_h) break;
+      const int64_t offset = (kept ? row % rule_.rows : count) * rule_.row_size;
+      rows_[count++] = {offset, ky * s_.kernel_x};
       if (kept && row <= copied_) continue;
       for (int64_t ic = 0; ic < in_channels_; ic++)
         copy_row(copies_.get() + ic * rule_.plane_size + offset,
@@ -203,29 +234,33 @@ class row_kernel {
     return count;
   }
 
-  // Entry i of array f is column i * stride + f * step - pad; the zeros around the image
-  // stand since the allocation.
+  // The first kernel row that lies inside the image or below it.
+  int64_t first_row(int64_t top) const { return top < 0 ? zyn_units(-top, s_.dilation_y) : 0; }
+
+  // Entry i of array f is column (first_ + i) * stride + f * step - pad; zeros stand around
+  // the image.
   void copy_row(float* copy, const float* row) const {
-    const int64_t stride = p_.stride_h;
+    const int64_t stride = s_.stride_x;
     for (int64_t f = 0; f < rule_.arrays; f++, copy += rule_.array_size) {
-      const int64_t start = f * rule_.step - p_.pad_h;
-      const int64_t first = start < 0 ? (-start + stride - 1) / stride : 0;
+      const int64_t start = first_ * stride + f * rule_.step - s_.pad_x;
+      const int64_t first = start < 0 ? zyn_units(-start, stride) : 0;
       const int64_t column = start + first * stride;
       if (column >= l_.in_w || first >= rule_.array_size) continue;
       const int64_t inside = (l_.in_w - 1 - column) / stride + 1;
-      const int64_t room = rule_.array_size - first;
-      copy_columns(copy + first, row + column, inside < room ? inside : room, stride);
+      copy_columns(copy + first, row + column, zyn_smaller(inside, rule_.array_size - first),
+                   stride);
     }
   }
 
   const zyn_planar_layer& l_;
-  const zyn_conv_param& p_;
+  const zyn_conv_shape& s_;
   int64_t in_channels_;
   copy_rule rule_;
   zyn_scratch<float> copies_;
   zyn_scratch<tap_row> rows_;
   zyn_scratch<int64_t> columns_;
-  int64_t copied_ = INT64_MIN;  // the last input row that has a copy
+  int64_t first_ = 0, next_ = 0;  // output columns at which this strip and the next one begin
+  int64_t copied_ = INT64_MIN;    // the last input row that has a copy
 };
 
 }  // namespace
@@ -233,13 +268,14 @@ class row_kernel {
 uint32_t zyn_planar_generic(const zyn_planar_layer& l) {
   row_kernel kernel(l, l.in_channels);
   if (!kernel) return ZYN_RET_ERR_MEMORY;
-  kernel.run(0, 0, l.out_channels);
+  while (kernel.next_strip()) kernel.run(0, 0, l.out_channels);
   return ZYN_RET_OK;
 }
 
 uint32_t zyn_planar_generic_depthwise(const zyn_planar_layer& l) {
   row_kernel kernel(l, 1);
   if (!kernel) return ZYN_RET_ERR_MEMORY;
-  for (int32_t c = 0; c < l.out_channels; c++) kernel.run(c, c, 1);
+  while (kernel.next_strip())
+    for (int32_t c = 0; c < l.out_channels; c++) kernel.run(c, c, 1);
   return ZYN_RET_OK;
 }

@@ -4,8 +4,9 @@
 #include <string.h>
 
 #include "base/zyn_memory.h"
-#include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "cg/cpu/kernels/gemm/zyn_gemm_pack.h"
+#include "cg/cpu/kernels/zyn_cg_kernels.h"
+#include "cg/cpu/kernels/zyn_conv_shape.h"
 
 namespace {
 
@@ -48,8 +49,50 @@ void fill_weights(const zyn_conv_plan* plan, const float* weights) {
   else
     zyn_gemm_pack_weights(plan->output_channels, k, plan->channel_block, weights, k, plan->weights);
   if (zyn_conv_is_by_vector(plan))
-    zyn_gemm_pack_weights(plan->output_channels, k, kZynVectorRows, weights, k,
-                          plan->weights + zyn_conv_plan_scratch(plan));
+    zyn_gemm_pack_weights(plan->output_channels, k, ZYN_GEMM_VECTOR_ROWS, weights, k,
+                          plan->weights + zyn_conv_vector_weights(plan));
+}
+
+int64_t weight_floats(const zyn_conv_plan* plan) {
+  const int64_t by_vector =
+      zyn_conv_is_by_vector(plan)
+          ? zyn_round_up(plan->output_channels, ZYN_GEMM_VECTOR_ROWS) * plan->k
+          : 0;
+  return zyn_conv_vector_weights(plan) + by_vector;
+}
+
+int64_t in_lines(int64_t floats) { return zyn_round_up(floats, 16); }
+
+// The region of floats floats at *at, which moves behind it; null for none.
+float* take_region(float* block, int64_t* at, int64_t floats) {
+  float* region = floats > 0 ? block + *at : nullptr;
+  *at += in_lines(floats);
+  return region;
+}
+
+zyn_conv_scratch_sizes scratch_sizes(zyn_conv_plan* plan) {
+  if (!is_dense(plan)) return zyn_conv_depthwise_sizes(plan);
+  const bool strips = plan->kind >= ZYN_PLAN_DENSE_3X3 && plan->kind <= ZYN_PLAN_DENSE_5X5_S2;
+  return strips ? zyn_conv_plan_dense(plan) : zyn_conv_scratch_sizes{};
+}
+
+// False when memory is short.
+bool make_scratch(zyn_conv_plan* plan) {
+  const zyn_conv_scratch_sizes sizes = scratch_sizes(plan);
+  zyn_conv_scratch* s = &plan->scratch;
+  const int64_t floats = in_lines(sizes.strip) + in_lines(sizes.panel) + in_lines(sizes.products) +
+                         in_lines(sizes.zeros) + in_lines(sizes.lanes);
+  if (floats == 0) return true;
+  s->block = zyn_scratch<float>::zeroed(floats).take();
+  if (!s->block) return false;
+  int64_t at = 0;
+  s->strip = take_region(s->block, &at, sizes.strip);
+  s->panel = take_region(s->block, &at, sizes.panel);
+  s->products = take_region(s->block, &at, sizes.products);
+  s->zeros = take_region(s->block, &at, sizes.zeros);
+  s->lanes = take_region(s->block, &at, sizes.lanes);
+  if (s->lanes) zyn_conv_fill_lanes(plan);
+  return true;
 }
 
 }  // namespace
@@ -93,13 +136,6 @@ uint32_t zyn_cg_conv_plan(int32_t input_channels, int32_t output_channels, int32
   p.stride = stride;
   p.pad = pad;
   if (is_dense(&p)) set_block(&p, p.output_channels);
-  if (p.kind >= ZYN_PLAN_DENSE_3X3 && p.kind <= ZYN_PLAN_DENSE_5X5_S2)
-    zyn_conv_plan_strip_sizes(&p);
-  if (zyn_conv_is_by_vector(&p))
-    p.strip.floats =
-        (output_channels + int64_t{kZynVectorRows} - 1) / kZynVectorRows * kZynVectorRows * k;
-  // Depthwise kinds read rows outside of the image from a row of zeros.
-  if (!is_dense(&p)) p.strip.floats = zyn_conv_zero_row(&p) + zyn_conv_lanes_floats(&p);
   *plan = p;
   return 0;
 }
@@ -107,28 +143,24 @@ uint32_t zyn_cg_conv_plan(int32_t input_channels, int32_t output_channels, int32
 zyn_conv_plan* zyn_cg_conv_prepare_planned(const zyn_tensor* input, const zyn_tensor* weights,
                                            const zyn_conv_param* param, const uint32_t* threads) {
   if (!input || !weights || !weights->data || !param || !threads) return nullptr;
-  if (param->kernel_h != param->kernel_w || param->pad_h != param->pad_w ||
-      param->stride_h != param->stride_w || param->dilation_h != 1 || param->dilation_w != 1)
+  const zyn_conv_shape l = zyn_conv_shape_of(param);
+  if (l.kernel_x != l.kernel_y || l.pad_x != l.pad_y || l.stride_x != l.stride_y ||
+      l.dilation_x != 1 || l.dilation_y != 1)
     return nullptr;
   zyn_scratch<zyn_conv_plan> plan(1);
-  if (!plan || zyn_cg_conv_plan(param->in_channels, param->out_channels, input->dims[0],
-                                input->dims[1], param->kernel_h, param->pad_h, param->stride_h,
-                                param->groups, *threads, plan.get()) != 0)
+  if (!plan ||
+      zyn_cg_conv_plan(param->in_channels, param->out_channels, input->dims[0], input->dims[1],
+                       l.kernel_x, l.pad_x, l.stride_x, param->groups, *threads, plan.get()) != 0)
     return nullptr;
   const int64_t real_rows = is_dense(plan.get()) ? plan->output_channels : 1;
   if (weights->byte_size / static_cast<int64_t>(sizeof(float)) < real_rows * plan->k)
     return nullptr;
-  // One block holds the weights and the scratch that every run needs. On purpose: a plan
-  // whose block cannot be had is handed out without, and each run says so.
-  const int64_t packed = zyn_conv_plan_scratch(plan.get());
-  const int64_t scratch = plan->strip.floats + plan->strip.panel_floats + plan->strip.flat_floats;
-  zyn_scratch<float> block(packed + scratch);
-  if (block) {
-    memset(block.get() + packed, 0, static_cast<size_t>(scratch) * sizeof(float));
-    plan->weights = block.take();
+  // On purpose: a plan without memory for weights or scratch is handed out without weights,
+  // and each run says so.
+  zyn_scratch<float> packed(weight_floats(plan.get()));
+  if (packed && make_scratch(plan.get())) {
+    plan->weights = packed.take();
     fill_weights(plan.get(), static_cast<const float*>(weights->data));
-    if (plan->kind >= ZYN_PLAN_DEPTHWISE_3X3 && zyn_conv_lanes_floats(plan.get()) > 0)
-      zyn_conv_fill_lanes(plan.get());
   }
   return plan.take();
 }
@@ -136,6 +168,7 @@ zyn_conv_plan* zyn_cg_conv_prepare_planned(const zyn_tensor* input, const zyn_te
 uint32_t zyn_cg_conv_release_planned(zyn_conv_plan** workspace) {
   if (!workspace || !*workspace) return 1;
   zyn_free((*workspace)->weights);
+  zyn_free((*workspace)->scratch.block);
   zyn_free(*workspace);
   *workspace = nullptr;
   return 0;

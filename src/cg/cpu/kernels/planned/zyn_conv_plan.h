@@ -1,9 +1,11 @@
-// The plan of one convolution layer under method 2: kernel kind, sizes, packed weights.
+// The plan of one convolution layer under method 2: kernel kind, sizes, packed weights, and
+// the scratch that its runs write to.
 #pragma once
 
 #include <stdint.h>
 
-#include "cg/cpu/kernels/gemm/zyn_gemm_micro.h"
+#include "base/zyn_integers.h"
+#include "cg/cpu/kernels/gemm/zyn_gemm.h"
 #include "zyncore.h"
 
 // Kernel kinds.
@@ -31,11 +33,21 @@ struct zyn_conv_strip {
   bool flat;               // the strip's rows are one run of columns, border included
   int64_t channel_floats;  // from one channel to the next
   int64_t phase_floats;    // from one phase to the next
-  int64_t floats;          // of the whole strip
-  int64_t panel_floats;    // of the aligned copy of some of the product's columns
-  int64_t flat_floats;     // of the products of a flat strip, border included; else 0
 };
 
+// What the runs of a plan write to: regions of one block of zeros that preparation makes,
+// each a whole number of cache lines, null where a kind does not use it.
+struct zyn_conv_scratch {
+  float* block;     // all of them
+  float* strip;     // kinds 1 to 4: copied input rows with their border, at most those of
+                    // 128 K floats or, if that is more, those under one output row
+  float* panel;     // kinds 1 to 4: an aligned copy of ZYN_GEMM_WIDE of the product's columns
+  float* products;  // flat strips: the products with their border, less than 4 outputs
+  float* zeros;     // depthwise: a row of zeros, for rows outside of the image
+  float* lanes;     // depthwise by 8 channels: 8 channels' weights, planes and sums
+};
+
+// Nothing but scratch changes once a plan is prepared.
 struct zyn_conv_plan {
   uint32_t channel_block;  // output channels per tile: 6 or 4; 0 in depthwise plans
   uint32_t panel_width;    // 16
@@ -48,46 +60,50 @@ struct zyn_conv_plan {
   uint32_t weights_per_row;  // k
   uint32_t padded_rows;      // rows of the packed weights: a multiple of the channel block
                              // (kinds 1 to 5), all channels (0), 1 (depthwise)
-  float* weights;            // padded_rows * k floats, the strip scratch behind them
+  float* weights;            // padded_rows * k floats, behind them those in blocks for a vector
   int32_t kind;              // ZYN_PLAN_*
   uint32_t threads;
 
-  // The layer, for the run functions.
+  // The layer, for the run functions. Kernel, stride and padding are the same along both axes.
   int32_t input_channels, input_w, input_h;
   int32_t kernel, stride, pad;
-  zyn_conv_strip strip;  // kinds 1 to 4; of the others floats alone
+  zyn_conv_strip strip;  // kinds 1 to 4
+  zyn_conv_scratch scratch;
 };
 
-// Where the scratch begins in the block of the packed weights, in floats: aligned.
-inline int64_t zyn_conv_plan_scratch(const zyn_conv_plan* plan) {
-  return (static_cast<int64_t>(plan->padded_rows) * plan->weights_per_row + 15) / 16 * 16;
-}
-
-// Whether a plan of kind 0 has a single output pixel: its product is one by a vector, and the
-// scratch holds the weights in blocks of kZynVectorRows rows.
-enum { kZynVectorRows = 8 };
+// Whether a plan of kind 0 has a single output pixel: its product is one by a vector, by
+// weights in blocks of ZYN_GEMM_VECTOR_ROWS rows.
 inline bool zyn_conv_is_by_vector(const zyn_conv_plan* plan) {
   return plan->kind == ZYN_PLAN_GENERIC && plan->output_pixels == 1;
 }
+inline int64_t zyn_conv_vector_weights(const zyn_conv_plan* plan) {
+  return zyn_round_up(static_cast<int64_t>(plan->padded_rows) * plan->weights_per_row, 16);
+}
 
-// Sizes of the strip of a plan of kinds 1 to 4.
-void zyn_conv_plan_strip_sizes(zyn_conv_plan* plan);
+// How many floats the regions hold.
+struct zyn_conv_scratch_sizes {
+  int64_t strip, panel, products, zeros, lanes;
+};
+
+// The strip of a plan of kinds 1 to 4 and the sizes of its scratch.
+zyn_conv_scratch_sizes zyn_conv_plan_dense(zyn_conv_plan* plan);
+// The sizes of the scratch of a depthwise plan.
+zyn_conv_scratch_sizes zyn_conv_depthwise_sizes(const zyn_conv_plan* plan);
 
 // The kinds. Arguments have been checked against the plan. 0, or 2 when scratch memory
 // is short.
-uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_plan* plan,
-                              const zyn_conv_epilogue& epilogue);
 uint32_t zyn_conv_run_dense(float* output, const float* input, const zyn_conv_plan* plan,
                             const zyn_conv_epilogue& epilogue);
-uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_conv_plan* plan,
-                                const zyn_conv_epilogue& epilogue);
 uint32_t zyn_conv_run_depthwise(float* output, const float* input, const zyn_conv_plan* plan,
                                 const zyn_conv_epilogue& epilogue);
-
-// Floats of the row of zeros at the begin of the scratch of depthwise plans.
-inline int64_t zyn_conv_zero_row(const zyn_conv_plan* plan) {
-  return (plan->input_w + static_cast<int64_t>(plan->panel_width) + 15) / 16 * 16;
-}
+// Generic: by parts of the column matrix (K rows, one column per output pixel) that ask for
+// at most 1 MB or 96 bytes per weight of one output channel, whichever is more.
+uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_plan* plan,
+                              const zyn_conv_epilogue& epilogue);
+// Pointwise: asks for at most a row of the input, filled up to 24 pixels, per thread, of which
+// 64 count.
+uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_conv_plan* plan,
+                                const zyn_conv_epilogue& epilogue);
 
 // Depthwise 3 x 3 by 8 channels at a time, for planes small enough: the floats of scratch
 // that it needs (0: not for this plan), what prepare writes there, and the run, which gives

@@ -1,22 +1,26 @@
-// Running a plan: the checks, the pointwise and generic kinds.
-#include <string.h>
-
+// Method 2, planned kernels: the run, which checks its arguments and decides by the plan's
+// kind (zyn_conv_plan.cpp, which picks the kind):
+//   generic                      here: column matrix and general multiply
+//   pointwise                    here: the input's planes are the columns
+//   dense 3x3, 5x5               zyn_conv_planned_dense.cpp
+//   depthwise 3x3 by 8 channels  zyn_conv_planned_dw_lanes.cpp, for small planes
+//   other depthwise              zyn_conv_planned_dw.cpp, stride 1 and 2
 #include "base/zyn_memory.h"
 #include "base/zyn_platform.h"
+#include "cg/cpu/kernels/gemm/zyn_gemm_pack.h"
+#include "cg/cpu/kernels/planned/zyn_conv_plan.h"
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "cg/cpu/kernels/zyn_conv_epilogue.h"
-#include "cg/cpu/kernels/planned/zyn_conv_plan.h"
-#include "cg/cpu/kernels/gemm/zyn_gemm_pack.h"
+#include "cg/cpu/kernels/zyn_conv_shape.h"
 
 namespace {
 
 constexpr int64_t kVector = 8;
 constexpr int64_t kCachePage = 4096;  // addresses this far apart share a set of the first level
 constexpr int64_t kWays = 12;
+// Floats of the column matrix at a time, unless one tile needs more.
+constexpr int64_t kMostColumnFloats = 256 * 1024;
 constexpr int64_t kMostSlices = 64;  // a larger thread count gets no more scratch
-
-int64_t smaller(int64_t a, int64_t b) { return a < b ? a : b; }
-int64_t larger(int64_t a, int64_t b) { return a > b ? a : b; }
 
 int64_t common_divisor(int64_t a, int64_t b) { return b == 0 ? a : common_divisor(b, a % b); }
 
@@ -26,39 +30,40 @@ bool rows_collide(int64_t k, int64_t stride) {
   return k > apart * (kWays - 2);
 }
 
-struct finish_rows {
-  float* data;
-  int64_t rows, count;
-  const float* bias;
-  template <int kActivation>
-  void run() const {
-    for (int64_t r = 0; r < rows; r++) {
-      float* row = data + r * count;
-      for (int64_t i = 0; i < count; i += kVector) {
-        const __m256i lanes = zyn_first_lanes(smaller(count - i, kVector));
-        __m256 y = _mm256_maskload_ps(row + i, lanes);
-        if (bias) y = _mm256_add_ps(y, _mm256_broadcast_ss(bias + r));
-        _mm256_maskstore_ps(row + i, lanes, zyn_activate<kActivation>(y));
-      }
-    }
-  }
+// The output pixels that a part of the column matrix stands for.
+struct pixel_run {
+  int64_t x, y, count;  // of the first one
 };
 
-// Row ((c * kernel) + ky) * kernel + kx holds what tap (ky, kx) of channel c sees under
-// every output pixel.
-void fill_columns(float* columns, const float* input, const zyn_conv_plan* p) {
-  const int64_t w = p->input_w, h = p->input_h, out_w = p->output_w, out_h = p->output_h;
+// What tap (ky, kx) of one plane sees under a run of output pixels.
+void fill_row(float* to, const float* plane, const zyn_conv_plan* p, int64_t ky, int64_t kx,
+              const pixel_run& run) {
+  const int64_t w = p->input_w, out_w = p->output_w, stride = p->stride, left = p->pad - kx;
+  // Output columns from first to end - 1 see a column of the image.
+  const int64_t first = left > 0 ? zyn_units(left, stride) : 0;
+  const int64_t end = w + left > 0 ? zyn_smaller(zyn_units(w + left, stride), out_w) : 0;
+  int64_t rest = run.count, x = run.x;
+  for (int64_t y = run.y; rest > 0; y++, x = 0) {
+    const int64_t last = zyn_smaller(x + rest, out_w), iy = y * stride + ky - p->pad;
+    rest -= last - x;
+    const bool inside = iy >= 0 && iy < p->input_h;
+    for (const int64_t zeros = inside ? zyn_smaller(first, last) : last; x < zeros; x++)
+      *to++ = 0.0f;
+    for (const int64_t stop = zyn_smaller(end, last); x < stop; x++)
+      *to++ = plane[iy * w + x * stride - left];
+    for (; x < last; x++) *to++ = 0.0f;
+  }
+}
+
+// Row ((c * kernel) + ky) * kernel + kx of a part of the column matrix holds what tap
+// (ky, kx) of channel c sees.
+void fill_columns(float* columns, const float* input, const zyn_conv_plan* p,
+                  const pixel_run& run) {
+  const int64_t plane = static_cast<int64_t>(p->input_w) * p->input_h;
   for (int64_t c = 0; c < p->input_channels; c++)
     for (int64_t ky = 0; ky < p->kernel; ky++)
-      for (int64_t kx = 0; kx < p->kernel; kx++)
-        for (int64_t y = 0; y < out_h; y++) {
-          const int64_t iy = y * p->stride + ky - p->pad;
-          const float* row = input + (c * h + iy) * w;
-          for (int64_t x = 0; x < out_w; x++) {
-            const int64_t ix = x * p->stride + kx - p->pad;
-            *columns++ = iy >= 0 && iy < h && ix >= 0 && ix < w ? row[ix] : 0.0f;
-          }
-        }
+      for (int64_t kx = 0; kx < p->kernel; kx++, columns += run.count)
+        fill_row(columns, input + c * plane, p, ky, kx, run);
 }
 
 bool tensor_is(const zyn_tensor* t, int64_t w, int64_t h, int64_t c) {
@@ -67,38 +72,38 @@ bool tensor_is(const zyn_tensor* t, int64_t w, int64_t h, int64_t c) {
 }
 
 bool plan_is_of(const zyn_conv_plan* plan, const zyn_conv_param* param) {
+  const zyn_conv_shape shape = zyn_conv_shape_of(param);
   return plan->input_channels == param->in_channels &&
          plan->output_channels == static_cast<uint32_t>(param->out_channels) &&
-         plan->kernel == param->kernel_h && plan->stride == param->stride_h &&
-         plan->pad == param->pad_h &&
+         plan->kernel == shape.kernel_x && plan->stride == shape.stride_x &&
+         plan->pad == shape.pad_x &&
          (plan->kind < ZYN_PLAN_DEPTHWISE_3X3 || param->in_channels == param->out_channels);
 }
 
 }  // namespace
 
-void zyn_conv_finish_rows(float* data, int64_t rows, int64_t count,
-                          const zyn_conv_epilogue& epilogue) {
-  if (!epilogue.bias && epilogue.activation == ZYN_EPILOGUE_NONE) return;
-  zyn_with_activation(epilogue.activation, finish_rows{data, rows, count, epilogue.bias});
-}
-
 uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_plan* plan,
                               const zyn_conv_epilogue& epilogue) {
-  const int64_t pixels = plan->output_pixels, k = plan->k;
-  zyn_scratch<float> columns(k * pixels);
-  if (!columns) return 2;
-  fill_columns(columns.get(), input, plan);
-  if (zyn_conv_is_by_vector(plan)) {
-    zyn_gemm_by_vector(plan->output_channels, k, plan->weights + zyn_conv_plan_scratch(plan),
-                       columns.get(), output);
-    zyn_conv_finish_rows(output, plan->output_channels, pixels, epilogue);
-    return 0;
+  const int64_t pixels = plan->output_pixels, k = plan->k, rows = plan->output_channels;
+  // Parts are whole tiles, so that they cost no more work than one piece.
+  const int64_t tiles = zyn_larger(kMostColumnFloats / k / ZYN_GEMM_WIDE, 1);
+  const int64_t part = zyn_smaller(pixels, tiles * ZYN_GEMM_WIDE);
+  zyn_scratch<float> columns(k * part), panel(zyn_gemm_panel_floats(k));
+  if (!columns || !panel) return 2;
+  for (int64_t first = 0; first < pixels; first += part) {
+    const pixel_run run = {first % plan->output_w, first / plan->output_w,
+                           zyn_smaller(part, pixels - first)};
+    fill_columns(columns.get(), input, plan, run);
+    if (zyn_conv_is_by_vector(plan))
+      zyn_gemm_by_vector(rows, k, plan->weights + zyn_conv_vector_weights(plan), columns.get(),
+                         output);
+    else
+      zyn_gemm_general({rows, run.count, k, 1.0f, 0.0f, plan->weights, k, columns.get(), run.count,
+                        output + first, pixels},
+                       panel.get());
   }
-  const uint32_t code = zyn_cg_sgemm(static_cast<int32_t>(plan->output_channels),
-                                     static_cast<int32_t>(pixels), static_cast<int32_t>(k), 1.0f,
-                                     0.0f, plan->weights, k, columns.get(), pixels, output, pixels);
-  if (code == 0) zyn_conv_finish_rows(output, plan->output_channels, pixels, epilogue);
-  return code;
+  zyn_conv_finish_rows(output, rows, pixels, epilogue);
+  return 0;
 }
 
 uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_conv_plan* plan,
@@ -116,8 +121,8 @@ uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_con
   // Columns are copied where vectors read in place would often straddle cache lines, where rows
   // share few cache sets, and where a plane has less than one vector. One slice of scratch
   // per thread.
-  const int64_t strip = larger((plan->output_w + width - 1) / width * width, ZYN_GEMM_WIDE);
-  const int64_t slices = smaller(larger(plan->threads, 1), kMostSlices);
+  const int64_t strip = zyn_larger(zyn_round_up(plan->output_w, width), ZYN_GEMM_WIDE);
+  const int64_t slices = zyn_smaller(zyn_larger(plan->threads, 1), kMostSlices);
   zyn_scratch<float> scratch(slices * strip * k);
   if (!scratch) return 2;
   float* slice = scratch.get() + zyn_platform_thread_number() % slices * strip * k;
@@ -143,21 +148,21 @@ uint32_t zyn_cg_conv_run_planned_fused(zyn_tensor* output, const zyn_tensor* inp
       !tensor_is(input, plan->input_w, plan->input_h, plan->input_channels) ||
       !tensor_is(output, plan->output_w, plan->output_h, plan->output_channels))
     return 1;
-  const zyn_conv_epilogue finish = epilogue ? *epilogue : zyn_conv_epilogue{};
+  const zyn_conv_epilogue e = epilogue ? *epilogue : zyn_conv_epilogue{};
   float* to = static_cast<float*>(output->data);
   const float* from = static_cast<const float*>(input->data);
   switch (plan->kind) {
     case ZYN_PLAN_GENERIC:
-      return zyn_conv_run_generic(to, from, plan, finish);
+      return zyn_conv_run_generic(to, from, plan, e);
     case ZYN_PLAN_POINTWISE:
-      return zyn_conv_run_pointwise(to, from, plan, finish);
+      return zyn_conv_run_pointwise(to, from, plan, e);
     case ZYN_PLAN_DENSE_3X3:
     case ZYN_PLAN_DENSE_3X3_S2:
     case ZYN_PLAN_DENSE_5X5:
     case ZYN_PLAN_DENSE_5X5_S2:
-      return zyn_conv_run_dense(to, from, plan, finish);
+      return zyn_conv_run_dense(to, from, plan, e);
     default:
-      return zyn_conv_run_depthwise(to, from, plan, finish);
+      return zyn_conv_run_depthwise(to, from, plan, e);
   }
 }
 

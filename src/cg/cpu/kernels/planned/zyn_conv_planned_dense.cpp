@@ -18,10 +18,6 @@ constexpr int64_t kVector = 8;
 constexpr int64_t kMostTaps = 25;
 constexpr int64_t kVectorsAtOnce = 96;  // whole tiles of 2 and of 3 vectors
 
-int64_t smaller(int64_t a, int64_t b) { return a < b ? a : b; }
-int64_t larger(int64_t a, int64_t b) { return a > b ? a : b; }
-int64_t up_to_vectors(int64_t n) { return (n + kVector - 1) / kVector * kVector; }
-
 // Columns of a flat strip of rows output rows.
 int64_t flat_columns(const zyn_conv_plan* p, int64_t rows) {
   return (rows - 1) * p->strip.pitch + p->output_w;
@@ -41,11 +37,8 @@ halves split(__m256 low, __m256 high) {
 // 8 floats of a row from column x on, 0 outside of the image.
 __m256 load(const float* row, int64_t x, int64_t width) {
   if (x >= 0 && x + kVector <= width) return _mm256_loadu_ps(row + x);
-  const __m256i column = _mm256_add_epi32(_mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7),
-                                          _mm256_set1_epi32(static_cast<int32_t>(x)));
-  const __m256i low = _mm256_cmpgt_epi32(column, _mm256_set1_epi32(-1));
-  const __m256i high = _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int32_t>(width)), column);
-  return _mm256_maskload_ps(row + x, _mm256_and_si256(low, high));
+  const auto at = static_cast<int32_t>(x);
+  return _mm256_maskload_ps(row + x, zyn_lanes_within(at, static_cast<int32_t>(width)));
 }
 
 // One input row (null: outside of the image) into its phases, in whole vectors: what is
@@ -102,8 +95,8 @@ void fill_offsets(const zyn_conv_plan* p, int64_t* offsets) {
 void multiply_flat(const zyn_conv_plan* p, const zyn_gemm_rows& b, int64_t y, int64_t rows,
                    float* products, float* output, const zyn_conv_epilogue& epilogue) {
   const int64_t w = p->output_w, h = p->output_h, channels = p->output_channels;
-  const int64_t pitch = up_to_vectors(flat_columns(p, p->strip.rows));
-  zyn_gemm_in_place(b, up_to_vectors(flat_columns(p, rows)), p->weights, p->channel_block,
+  const int64_t pitch = zyn_round_up(flat_columns(p, p->strip.rows), kVector);
+  zyn_gemm_in_place(b, zyn_round_up(flat_columns(p, rows), kVector), p->weights, p->channel_block,
                     {products, pitch, channels, epilogue});
   for (int64_t c = 0; c < channels; c++)
     for (int64_t r = 0; r < rows; r++)
@@ -121,7 +114,7 @@ void multiply_rows(const zyn_conv_plan* p, const zyn_gemm_rows& b, int64_t y, in
   int64_t count = 0;
   for (int64_t r = 0; r < rows; r++)
     for (int64_t column = 0; column < w; column += kVector) {
-      const int64_t x = smaller(column, w - kVector);
+      const int64_t x = zyn_smaller(column, w - kVector);
       vectors[count++] = {r * p->strip.pitch + x, r * w + x};
       if (count < kVectorsAtOnce && (r < rows - 1 || column + kVector < w)) continue;
       zyn_gemm_scattered(b, vectors, count, p->weights, p->channel_block, out);
@@ -131,45 +124,46 @@ void multiply_rows(const zyn_conv_plan* p, const zyn_gemm_rows& b, int64_t y, in
 
 }  // namespace
 
-void zyn_conv_plan_strip_sizes(zyn_conv_plan* p) {
+zyn_conv_scratch_sizes zyn_conv_plan_dense(zyn_conv_plan* p) {
   zyn_conv_strip* s = &p->strip;
   const int64_t overlap = (p->kernel - 1) / p->stride;
   const int64_t phases = static_cast<int64_t>(p->stride) * p->stride;
   const int64_t output_w = p->output_w;
   s->pitch = output_w + overlap;
-  s->flat = output_w < kVector || s->pitch * 15 < up_to_vectors(output_w) * 14;
+  s->flat = output_w < kVector || s->pitch * 15 < zyn_round_up(output_w, kVector) * 14;
   // Rows that begin on a vector are written without straddling cache lines.
-  if (!s->flat) s->pitch = up_to_vectors(s->pitch);
+  if (!s->flat) s->pitch = zyn_round_up(s->pitch, kVector);
   const int64_t row = phases * p->input_channels * s->pitch;
-  const int64_t in_cache =
-      larger(larger(kSmallStripFloats / row, smaller(kLargeStripRows, kLargeStripFloats / row)), 1);
+  const int64_t in_cache = zyn_larger(
+      zyn_larger(kSmallStripFloats / row, zyn_smaller(kLargeStripRows, kLargeStripFloats / row)),
+      1);
   const int64_t whole = in_cache < kRowUnit ? in_cache : in_cache / kRowUnit * kRowUnit;
-  s->rows = smaller(whole, p->output_h);
+  s->rows = zyn_smaller(whole, p->output_h);
   s->phase_rows = s->rows + overlap;
   // Behind a phase there is room for what whole vectors write and read past its end.
-  s->phase_floats = up_to_vectors(s->phase_rows * s->pitch) + kVector;
+  s->phase_floats = zyn_round_up(s->phase_rows * s->pitch, kVector) + kVector;
   // An odd number of cache lines: channels spread over all sets of the cache.
   s->channel_floats = (phases * s->phase_floats + 31) / 32 * 32 + 16;
-  s->floats = s->channel_floats * p->input_channels;
-  s->panel_floats = ZYN_GEMM_WIDE * static_cast<int64_t>(p->k);
-  s->flat_floats = s->flat ? p->output_channels * up_to_vectors(flat_columns(p, s->rows)) : 0;
+  const int64_t products =
+      s->flat ? p->output_channels * zyn_round_up(flat_columns(p, s->rows), kVector) : 0;
+  return {s->channel_floats * p->input_channels, ZYN_GEMM_WIDE * static_cast<int64_t>(p->k),
+          products, 0, 0};
 }
 
 uint32_t zyn_conv_run_dense(float* output, const float* input, const zyn_conv_plan* p,
                             const zyn_conv_epilogue& epilogue) {
   const zyn_conv_strip& s = p->strip;
-  float* strip = p->weights + zyn_conv_plan_scratch(p);
-  float* panel = strip + s.floats;
-  float* products = panel + s.panel_floats;
+  const zyn_conv_scratch& scratch = p->scratch;
   int64_t offsets[kMostTaps];
   fill_offsets(p, offsets);
   const int64_t taps = static_cast<int64_t>(p->kernel) * p->kernel;
-  const zyn_gemm_rows b = {strip, s.channel_floats, p->input_channels, taps, offsets, panel};
+  const zyn_gemm_rows b = {scratch.strip, s.channel_floats, p->input_channels,
+                           taps,          offsets,          scratch.panel};
   for (int64_t y = 0; y < p->output_h; y += s.rows) {
-    const int64_t rows = smaller(s.rows, p->output_h - y);
-    copy_strip(p, input, y, rows, strip);
+    const int64_t rows = zyn_smaller(s.rows, p->output_h - y);
+    copy_strip(p, input, y, rows, scratch.strip);
     if (s.flat)
-      multiply_flat(p, b, y, rows, products, output, epilogue);
+      multiply_flat(p, b, y, rows, scratch.products, output, epilogue);
     else
       multiply_rows(p, b, y, rows, output, epilogue);
   }

@@ -6,8 +6,8 @@
 // one before it.
 #include <immintrin.h>
 
-#include "cg/cpu/kernels/zyn_conv_epilogue.h"
 #include "cg/cpu/kernels/planned/zyn_conv_plan.h"
+#include "cg/cpu/kernels/zyn_conv_epilogue.h"
 
 namespace {
 
@@ -16,19 +16,8 @@ constexpr int64_t kLine = 16;  // floats of a cache line
 // Input and output of more floats than this (2 MB) do not stay in the second cache level.
 constexpr int64_t kMostCachedFloats = 512 * 1024;
 
-int64_t smaller(int64_t a, int64_t b) { return a < b ? a : b; }
-
 // Which borders of the image a vector touches.
 enum { kNone = 0, kLeft = 1, kRight = 2, kBoth = 3 };
-
-// Lanes i of a vector at column x for which 0 <= x + i < width.
-__m256i inside(int64_t x, int64_t width) {
-  const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
-  const __m256i column = _mm256_add_epi32(lane, _mm256_set1_epi32(static_cast<int32_t>(x)));
-  const __m256i low = _mm256_cmpgt_epi32(column, _mm256_set1_epi32(-1));
-  const __m256i high = _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int32_t>(width)), column);
-  return _mm256_and_si256(low, high);
-}
 
 // What the taps of one kernel row see under 8 neighbouring output pixels: tap kx of pixel
 // i the input column i * stride + kx, from the first column that tap 0 sees. A load is
@@ -101,13 +90,15 @@ struct run_planes {
     const int64_t width = plan->output_w;
     const int64_t in_plane = static_cast<int64_t>(plan->input_w) * plan->input_h;
     far = (in_plane + plan->output_pixels) * plan->input_channels > kMostCachedFloats;
-    stored = smaller(width, kVector);
+    stored = zyn_smaller(width, kVector);
     last_x = width - stored;
     first_edge = edge(0);
     last_edge = edge(last_x);
     ZYN_UNROLL for (int i = 0; i < row_taps::kLoads; i++) {
-      first_masks[i] = inside(row_taps::distance(i) - kPad, plan->input_w);
-      last_masks[i] = inside(last_x * kStride + row_taps::distance(i) - kPad, plan->input_w);
+      const int32_t first = row_taps::distance(i) - kPad;
+      const int32_t last = static_cast<int32_t>(last_x * kStride) + first;
+      first_masks[i] = zyn_lanes_within(first, plan->input_w);
+      last_masks[i] = zyn_lanes_within(last, plan->input_w);
     }
   }
 
@@ -205,7 +196,7 @@ struct run_planes {
     const float* row = input + (c * h + first) * w - kPad;
     ZYN_UNROLL for (int i = 0; i < kInputRows; i++, row += w) g.rows[i] = row;
     if (first < 0 || first + kInputRows > h) {
-      const float* zeros = plan->weights + zyn_conv_plan_scratch(plan) - kPad;
+      const float* zeros = plan->scratch.zeros - kPad;
       ZYN_UNROLL for (int i = 0; i < kInputRows; i++) {
         if (first + i < 0 || first + i >= h) g.rows[i] = zeros;
       }
@@ -221,7 +212,7 @@ struct run_planes {
     for (int64_t x = kVector; x < last_x; x += kVector) {
       if (far) ask_ahead<kRows * kStride * kStride>(&next_in);
       ask_ahead<kRows>(&next_out);
-      block<kRows, kNone, kActivation>(g, weights, smaller(x, most), nullptr);
+      block<kRows, kNone, kActivation>(g, weights, zyn_smaller(x, most), nullptr);
     }
     if (last_x > 0) edge_block<kRows, kActivation>(g, weights, last_x, last_masks, last_edge);
   }
@@ -248,6 +239,11 @@ struct run_planes {
 };
 
 }  // namespace
+
+// The zeros reach a vector past the longest row.
+zyn_conv_scratch_sizes zyn_conv_depthwise_sizes(const zyn_conv_plan* plan) {
+  return {0, 0, 0, int64_t{plan->input_w} + 2 * kVector, zyn_conv_lanes_floats(plan)};
+}
 
 uint32_t zyn_conv_run_depthwise(float* output, const float* input, const zyn_conv_plan* plan,
                                 const zyn_conv_epilogue& epilogue) {

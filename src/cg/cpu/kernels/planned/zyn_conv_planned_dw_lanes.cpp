@@ -5,8 +5,8 @@
 // its taps row by row.
 #include <immintrin.h>
 
-#include "cg/cpu/kernels/zyn_conv_epilogue.h"
 #include "cg/cpu/kernels/planned/zyn_conv_plan.h"
+#include "cg/cpu/kernels/zyn_conv_epilogue.h"
 
 namespace {
 
@@ -18,19 +18,17 @@ constexpr int64_t kKernel = 3, kTaps = kKernel * kKernel;
 constexpr int64_t kMostFloats = 6144;
 constexpr int64_t kMostWidth = 20;
 
-int64_t smaller(int64_t a, int64_t b) { return a < b ? a : b; }
-
-// The scratch of a plan, in floats: the weights and bias of 8 channels, their padded planes,
-// the sums, and a table of where the pixels of a plane go.
+// The places in the scratch region of a plan: the weights and bias of 8 channels, their
+// padded planes, the sums, and a table of where the pixels of a plane go.
 struct lanes_layout {
   int64_t pitch;  // floats of one padded row
-  int64_t input, sums, table, floats;
+  int64_t planes, sums, table, floats;
 
   explicit lanes_layout(const zyn_conv_plan* plan) {
     const int64_t w = plan->input_w, h = plan->input_h;
     pitch = (w + 2) * kLanes;
-    input = (kTaps + 1) * kLanes;
-    sums = input + (h + 2) * pitch;
+    planes = (kTaps + 1) * kLanes;
+    sums = planes + (h + 2) * pitch;
     table = sums + plan->output_pixels * kLanes;
     floats = table + w * h;
   }
@@ -42,32 +40,7 @@ bool is_suitable(const zyn_conv_plan* plan) {
   if (plan->input_w > kMostWidth || plan->input_h > kMostFloats) return false;
   if (plan->output_pixels < kLanes || row_lanes * 8 <= w * 9) return false;
   const lanes_layout layout(plan);
-  return layout.table - layout.input <= kMostFloats;
-}
-
-float* lanes_scratch(const zyn_conv_plan* plan) {
-  return plan->weights + zyn_conv_plan_scratch(plan) + zyn_conv_zero_row(plan);
-}
-
-// Rows r of the result are columns r of rows, which are pitch floats apart.
-[[gnu::always_inline]] inline void transpose(const float* rows, int64_t pitch, __m256 (&t)[8]) {
-  __m256 a[8], b[8];
-  ZYN_UNROLL for (int i = 0; i < 4; i++) {
-    const __m256 low = _mm256_loadu_ps(rows + i * pitch);
-    const __m256 high = _mm256_loadu_ps(rows + (i + 4) * pitch);
-    a[i] = _mm256_permute2f128_ps(low, high, 0x20);
-    a[i + 4] = _mm256_permute2f128_ps(low, high, 0x31);
-  }
-  ZYN_UNROLL for (int i = 0; i < 8; i += 2) {
-    b[i] = _mm256_unpacklo_ps(a[i], a[i + 1]);
-    b[i + 1] = _mm256_unpackhi_ps(a[i], a[i + 1]);
-  }
-  ZYN_UNROLL for (int i = 0; i < 8; i += 4) {
-    t[i] = _mm256_shuffle_ps(b[i], b[i + 2], 0x44);
-    t[i + 1] = _mm256_shuffle_ps(b[i], b[i + 2], 0xEE);
-    t[i + 2] = _mm256_shuffle_ps(b[i + 1], b[i + 3], 0x44);
-    t[i + 3] = _mm256_shuffle_ps(b[i + 1], b[i + 3], 0xEE);
-  }
+  return layout.table - layout.planes <= kMostFloats;
 }
 
 template <int kStride>
@@ -77,7 +50,7 @@ struct run_lanes {
   float* output;
   const float* bias;
   lanes_layout layout{plan};
-  float* scratch = lanes_scratch(plan);
+  float* scratch = plan->scratch.lanes;
 
   // The weights of the channels c to c + 7, then their bias. A bias of -0 changes no sum.
   void load_filter(int64_t c) const {
@@ -96,9 +69,9 @@ struct run_lanes {
     for (int64_t at = 0; at < count; at += kLanes) {
       for (int64_t i = 0; kStride == 1 && i < kLanes * kLanes; i += kLinePair)
         _mm_prefetch(reinterpret_cast<const char*>(results + at * kLanes + i), _MM_HINT_T1);
-      at = smaller(at, count - kLanes);
+      at = zyn_smaller(at, count - kLanes);
       __m256 t[8];
-      transpose(planes + at, count, t);
+      zyn_transpose_8x8(planes + at, count, t);
       ZYN_UNROLL for (int i = 0; i < 8; i++) _mm256_storeu_ps(scratch + table[at + i], t[i]);
     }
   }
@@ -164,9 +137,9 @@ struct run_lanes {
     const float* filter_bias = scratch + kTaps * kLanes;
     const int64_t count = plan->output_pixels;
     for (int64_t at = 0; at < count; at += kLanes) {
-      at = smaller(at, count - kLanes);
+      at = zyn_smaller(at, count - kLanes);
       __m256 t[8];
-      transpose(sums + at * kLanes, kLanes, t);
+      zyn_transpose_8x8(sums + at * kLanes, kLanes, t);
       ZYN_UNROLL for (int i = 0; i < 8; i++) {
         const __m256 y = _mm256_add_ps(t[i], _mm256_broadcast_ss(filter_bias + i));
         _mm256_storeu_ps(planes + i * count + at, zyn_activate<kActivation>(y));
@@ -182,7 +155,7 @@ struct run_lanes {
       load_filter(c);
       load_planes(input + c * plane, output + c * pixels);
       for (int64_t y = 0; y < out_h; y++)
-        sum_row(scratch, scratch + layout.input + y * kStride * layout.pitch, layout.pitch,
+        sum_row(scratch, scratch + layout.planes + y * kStride * layout.pitch, layout.pitch,
                 scratch + layout.sums + y * out_w * kLanes, out_w);
       store_planes<kActivation>(output + c * pixels);
     }
@@ -198,10 +171,10 @@ int64_t zyn_conv_lanes_floats(const zyn_conv_plan* plan) {
 void zyn_conv_fill_lanes(const zyn_conv_plan* plan) {
   const lanes_layout layout(plan);
   const int64_t w = plan->input_w, h = plan->input_h;
-  int32_t* table = reinterpret_cast<int32_t*>(lanes_scratch(plan) + layout.table);
+  int32_t* table = reinterpret_cast<int32_t*>(plan->scratch.lanes + layout.table);
   for (int64_t i = 0; i < w * h; i++)
     table[i] =
-        static_cast<int32_t>(layout.input + (i / w + 1) * layout.pitch + (i % w + 1) * kLanes);
+        static_cast<int32_t>(layout.planes + (i / w + 1) * layout.pitch + (i % w + 1) * kLanes);
 }
 
 int64_t zyn_conv_run_lanes(float* output, const float* input, const zyn_conv_plan* plan,

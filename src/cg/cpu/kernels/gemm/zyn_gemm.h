@@ -1,22 +1,17 @@
-// Micro-kernels: one register tile of a product C = A x B. Every output element is
-// one accumulator that starts at 0 and takes its K terms in ascending order, each by
-// a fused multiply-add, so that every kernel here, whatever its tile, gives the same
-// bits for the same element.
+// Products of matrices, C = A x B. Every output element is one sum that starts at 0 and
+// takes its K terms in ascending order, each by a fused multiply-add (the general multiply
+// and the product by a vector in runs of 512 terms, which are then added), so that every
+// tile, wherever it lies, gives the same bits for the same element.
 #pragma once
 
 #include <stdint.h>
 
-// What happens to a finished sum, in the order of the separate passes: the bias is
-// added, then the activation is applied.
-struct zyn_conv_epilogue {
-  const float* bias;   // one per output channel, or null
-  int32_t activation;  // ZYN_EPILOGUE_*
-};
+#include "cg/cpu/kernels/zyn_conv_epilogue.h"
+
 enum {
-  ZYN_EPILOGUE_NONE = 0,
-  ZYN_EPILOGUE_RELU = 1,
-  ZYN_EPILOGUE_HARD_SWISH = 2,
-  ZYN_EPILOGUE_HARD_SIGMOID = 4
+  ZYN_GEMM_RUN = 512,        // terms of one sum of the general multiply, rows of a block
+  ZYN_GEMM_VECTOR_ROWS = 8,  // rows of a block of a product by a vector
+  ZYN_GEMM_WIDE = 24         // columns of the widest tile
 };
 
 // tile = alpha * A x B + beta * tile for a whole tile of rows x columns: weights holds
@@ -31,13 +26,24 @@ void zyn_gemm_micro_4x16(int64_t k, float alpha, float beta, const float* weight
 void zyn_gemm_micro_8x8(int64_t k, float alpha, float beta, const float* weights,
                         const float* panel, float* tile, int64_t pitch);
 
-// tile = alpha * A x panel + beta * tile for rows of A as they lie, lda floats apart, and a
-// panel of width 8, 16 or 24 columns, of which columns are written.
-void zyn_gemm_rows_by_panel(int64_t rows, int64_t k, float alpha, float beta, const float* a,
-                            int64_t lda, const float* panel, int64_t width, int64_t columns,
-                            float* tile, int64_t pitch);
+// zyn_cg_sgemm on checked arguments. panel: room for zyn_gemm_panel_floats(k) floats.
+inline int64_t zyn_gemm_panel_floats(int64_t k) {
+  return ZYN_GEMM_WIDE * (k < ZYN_GEMM_RUN ? k : int64_t{ZYN_GEMM_RUN});
+}
+struct zyn_gemm_operands {
+  int64_t m, n, k;
+  float alpha, beta;
+  const float* a;
+  int64_t lda;
+  const float* b;
+  int64_t ldb;
+  float* c;
+  int64_t ldc;
+};
+void zyn_gemm_general(const zyn_gemm_operands& p, float* panel);
 
-// y = A x as the general multiply sums it; packed holds A in blocks of 8 rows, k-major.
+// y = A x as the general multiply sums it; packed holds A in blocks of
+// ZYN_GEMM_VECTOR_ROWS rows, k-major.
 void zyn_gemm_by_vector(int64_t rows, int64_t k, const float* packed, const float* x, float* y);
 
 // Where the rows of B lie when they are read in place: row c * taps + t starts at
@@ -52,7 +58,6 @@ struct zyn_gemm_rows {
   // copy the columns that they read into an aligned panel, and the other rows read that.
   float* panel;
 };
-enum { ZYN_GEMM_WIDE = 24 };  // columns of the widest tile
 
 // Output of a product by rows read in place.
 struct zyn_gemm_output {

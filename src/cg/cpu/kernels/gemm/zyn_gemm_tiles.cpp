@@ -1,0 +1,217 @@
+// Register tiles of the product by rows of B read in place. A tile of kBlocks weight blocks
+// of kBlock rows by kVectors vectors of 8 columns holds rows x vectors sums.
+#include "cg/cpu/kernels/gemm/zyn_gemm_tiles.h"
+
+#include <immintrin.h>
+
+#include "cg/cpu/kernels/gemm/zyn_gemm_sums.h"
+
+namespace {
+
+// Where a tile stands in the output, in registers: vector stores may alias what is not.
+struct tile_place {
+  float* out;
+  int64_t pitch, rows, columns, to[3];
+};
+
+template <int kRows, int kVectors>
+[[gnu::always_inline]] inline void resume(__m256 (&sums)[kRows][kVectors],
+                                          const tile_place& place) {
+  ZYN_UNROLL for (int r = 0; r < kRows; r++) {
+    if (r >= place.rows) return;
+    ZYN_UNROLL for (int v = 0; v < kVectors; v++) sums[r][v] =
+        _mm256_loadu_ps(place.out + r * place.pitch + place.to[v]);
+  }
+}
+
+// The sums of 4 rows by 4 columns, two rows to a vector, beside whole vectors of columns: a
+// plane whose last vector would be half empty (14 x 14, 5 x 4) ends with such a tile.
+struct half_vectors {
+  static constexpr int kPanelFloats = 8;
+  __m256 sums[2];
+
+  void clear() { sums[0] = sums[1] = _mm256_setzero_ps(); }
+  [[gnu::always_inline]] void multiply_add(const float* weights, const float* column, float* copy) {
+    const __m128* four = reinterpret_cast<const __m128*>(column);
+    const __m256 columns = _mm256_broadcast_ps(four);
+    if (copy) _mm_store_ps(copy, _mm256_castps256_ps128(columns));
+    const __m256 w = _mm256_broadcast_ps(reinterpret_cast<const __m128*>(weights));
+    const __m256i low = _mm256_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1);
+    const __m256i high = _mm256_setr_epi32(2, 2, 2, 2, 3, 3, 3, 3);
+    sums[0] = _mm256_fmadd_ps(_mm256_permutevar_ps(w, low), columns, sums[0]);
+    sums[1] = _mm256_fmadd_ps(_mm256_permutevar_ps(w, high), columns, sums[1]);
+  }
+  [[gnu::always_inline]] void resume(const tile_place& place) {
+    alignas(32) float rows[4][4] = {};
+    ZYN_UNROLL for (int r = 0; r < 4; r++) {
+      if (r < place.rows)
+        _mm_store_ps(rows[r], _mm_loadu_ps(place.out + r * place.pitch + place.to[2]));
+    }
+    sums[0] = _mm256_load_ps(rows[0]);
+    sums[1] = _mm256_load_ps(rows[2]);
+  }
+  template <int kActivation>
+  [[gnu::always_inline]] void finish(const tile_place& place, const float* biases) const {
+    ZYN_UNROLL for (int r = 0; r < 4; r++) {
+      if (r >= place.rows) return;
+      __m256 y = sums[r / 2];
+      if (biases) y = _mm256_add_ps(y, _mm256_broadcast_ss(biases + r));
+      y = zyn_activate<kActivation>(y);
+      _mm_storeu_ps(place.out + r * place.pitch + place.to[2],
+                    r % 2 ? _mm256_extractf128_ps(y, 1) : _mm256_castps256_ps128(y));
+    }
+  }
+};
+struct no_half_vectors {
+  static constexpr int kPanelFloats = 0;
+  void clear() {}
+  void multiply_add(const float*, const float*, float*) {}
+  void resume(const tile_place&) {}
+  template <int kActivation>
+  void finish(const tile_place&, const float*) const {}
+};
+
+// The epilogue of a tile, and its way out.
+template <int kRows, int kVectors, typename Half>
+struct finish_tile {
+  const __m256 (&sums)[kRows][kVectors];
+  const Half& half;
+  const tile_place& place;
+  const float* biases;
+
+  template <int kActivation>
+  [[gnu::always_inline]] void run() const {
+    half.template finish<kActivation>(place, biases);
+    ZYN_UNROLL for (int r = 0; r < kRows; r++) {
+      if (r >= place.rows) return;
+      const __m256 bias = biases ? _mm256_broadcast_ss(biases + r) : _mm256_setzero_ps();
+      ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
+        const __m256 sum = biases ? _mm256_add_ps(sums[r][v], bias) : sums[r][v];
+        const __m256 y = zyn_activate<kActivation>(sum);
+        float* to = place.out + r * place.pitch + place.to[v];
+        if (kVectors == 1 && place.columns < 8)
+          _mm256_maskstore_ps(to, zyn_first_lanes(place.columns), y);
+        else
+          _mm256_storeu_ps(to, y);
+      }
+    }
+  }
+};
+
+// Within a network a tile's output has left the caches since the last inference: it comes
+// back while the tile is summed.
+template <int kRows, int kVectors>
+[[gnu::always_inline]] inline void ask_for_output(const tile_place& place) {
+  ZYN_UNROLL for (int r = 0; r < kRows; r++) {
+    if (r >= place.rows) return;
+    const float* row = place.out + r * place.pitch;
+    _mm_prefetch(reinterpret_cast<const char*>(row), _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char*>(row + 8 * kVectors - 1), _MM_HINT_T0);
+  }
+}
+
+// The terms of one tile: from is the first row of B under the tile's first vector, whose
+// other vectors lie at floats from there; copy moves on with the panel that it fills.
+template <int kBlock, bool kTaps, bool kCopy, int kRows, int kVectors, typename Half>
+[[gnu::always_inline]] inline void sum_terms(__m256 (&sums)[kRows][kVectors], Half& half,
+                                             const zyn_gemm_tile_job& job, int64_t block_stride,
+                                             int64_t channel_stride, const float* x,
+                                             const float* weights, const int64_t (&at)[3],
+                                             float*& copy) {
+  auto step = [&](const float* from) __attribute__((always_inline)) {
+    zyn_gemm_multiply_add<kCopy>(
+        sums,
+        [weights, block_stride](int r) { return weights + r / kBlock * block_stride + r % kBlock; },
+        [from, &at](int v) { return from + at[v]; }, copy);
+    half.multiply_add(weights, from + at[2], kCopy ? copy + 16 : nullptr);
+    weights += kBlock;
+    if (kCopy) copy += 8 * kVectors + Half::kPanelFloats;
+  };
+  if (kTaps) {
+    const int64_t* end = job.offsets + job.taps;
+    for (int64_t c = job.channels; c > 0; c--, x += channel_stride) {
+      ZYN_UNROLL_BY(9)
+      for (const int64_t* offset = job.offsets; offset < end; offset++) step(x + *offset);
+    }
+    return;
+  }
+  // Few rounds per tile: rows far apart miss the first cache level, and a loop's end
+  // that is guessed wrong then costs twice.
+  const int64_t rest = job.channels % 32;
+  ZYN_UNROLL_BY(32) for (int64_t c = job.channels - rest; c > 0; c--, x += channel_stride) step(x);
+  ZYN_UNROLL_BY(8) for (int64_t c = rest; c > 0; c--, x += channel_stride) step(x);
+}
+
+// Asks the cache for rows rows of width floats, stride apart; returns what follows them.
+[[gnu::always_inline]] inline const float* ask_ahead(const float* ahead, int64_t rows,
+                                                     int64_t stride, int64_t width) {
+  for (int64_t i = rows; i > 0; i--, ahead += stride) {
+    _mm_prefetch(reinterpret_cast<const char*>(ahead), _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char*>(ahead + width - 1), _MM_HINT_T0);
+  }
+  return ahead;
+}
+
+// kBlocks weight blocks of kBlock rows by kVectors vectors of 8 columns, and by the half
+// vector that follows them where Half is half_vectors.
+template <int kBlock, int kBlocks, int kVectors, bool kTaps, bool kCopy,
+          typename Half = no_half_vectors>
+void tiles(const zyn_gemm_tile_job& job) {
+  constexpr int kRows = kBlock * kBlocks;
+  constexpr bool kNarrow = kVectors == 1;
+  // In registers: vector stores may alias what is not.
+  const int64_t block_stride = job.block_stride, channel_stride = job.channel_stride;
+  const int64_t at[3] = {0, kNarrow ? 0 : job.at[1], kNarrow ? 0 : job.at[2]};
+  const int32_t activation = job.activation;
+  const float* start = job.x;
+  const float* first_weights = job.weights;
+  const float* biases = job.bias;
+  const float* ahead = job.ahead;
+  tile_place place = {job.out, job.pitch, job.rows, job.columns, {0, job.to[1], job.to[2]}};
+  float* copy = job.copy;
+  for (int64_t n = job.count; n > 0; n--) {
+    if (!kNarrow && ahead) ahead = ask_ahead(ahead, job.ahead_rows, job.ahead_stride, 8 * kVectors);
+    if (!kNarrow) ask_for_output<kRows, kVectors>(place);
+    __m256 sums[kRows][kVectors];
+    Half half;
+    zyn_gemm_clear(sums);
+    half.clear();
+    if (!kNarrow && job.resume) {
+      resume(sums, place);
+      half.resume(place);
+    }
+    sum_terms<kBlock, kTaps, kCopy>(sums, half, job, block_stride, channel_stride, start,
+                                    first_weights, at, copy);
+    zyn_with_activation(activation, finish_tile<kRows, kVectors, Half>{sums, half, place, biases});
+    start += job.next_x;
+    first_weights += job.next_weights;
+    place.out += job.next_out;
+    place.rows -= job.next_rows;
+    if (biases) biases += job.next_rows;
+  }
+}
+
+template <int kBlock, int kBlocks, int kVectors, bool kCopy>
+constexpr zyn_gemm_tile_function pair[2] = {tiles<kBlock, kBlocks, kVectors, false, kCopy>,
+                                            tiles<kBlock, kBlocks, kVectors, true, kCopy>};
+
+}  // namespace
+
+const zyn_gemm_tile_set zyn_gemm_tiles_4 = {
+    4,
+    24,
+    3,
+    {{pair<4, 1, 3, false>[0], pair<4, 1, 3, true>[0]},
+     {pair<4, 1, 3, false>[1], pair<4, 1, 3, true>[1]}},
+    {{pair<4, 1, 1, false>[0], pair<4, 2, 1, false>[0], pair<4, 3, 1, false>[0]},
+     {pair<4, 1, 1, false>[1], pair<4, 2, 1, false>[1], pair<4, 3, 1, false>[1]}},
+    {tiles<4, 1, 2, false, false, half_vectors>, tiles<4, 1, 2, false, true, half_vectors>}};
+const zyn_gemm_tile_set zyn_gemm_tiles_6 = {
+    6,
+    16,
+    2,
+    {{pair<6, 1, 2, false>[0], pair<6, 1, 2, true>[0]},
+     {pair<6, 1, 2, false>[1], pair<6, 1, 2, true>[1]}},
+    {{pair<6, 1, 1, false>[0], pair<6, 2, 1, false>[0], nullptr},
+     {pair<6, 1, 1, false>[1], pair<6, 2, 1, false>[1], nullptr}},
+    {nullptr, nullptr}};

@@ -1,0 +1,195 @@
+// The walk over the output of a product whose B is read in place: which tile computes which
+// columns, which columns are copied, and how many terms are summed at once.
+#include "base/zyn_integers.h"
+#include "cg/cpu/kernels/gemm/zyn_gemm_tiles.h"
+
+namespace {
+
+// Bytes of B that a group of columns may keep in the first-level cache (48 KB, of which
+// the weights and the output need their share); terms beyond are summed in parts, the
+// sums so far waiting in the output.
+constexpr int64_t kGroupBytes = 24 * 1024;
+constexpr int64_t kMostPartBytes = 60 * 1024;
+// More channels than this, for two tiles, leave no room in the first-level cache.
+constexpr int64_t kMostChannelsAhead = 160;
+// Fewer row blocks than this do not earn the copy of the columns back.
+constexpr int64_t kCopyBlocks = 3;
+
+// Everything that a walk over an output needs to call a tile.
+struct walk {
+  const zyn_gemm_rows& b;
+  const zyn_gemm_tile_set& set;
+  const float* packed;
+  const zyn_gemm_output& output;
+  int64_t blocks;
+  int64_t part;  // channels that are summed at once
+
+  // The job for row block block and channels first to last - 1, without its columns.
+  zyn_gemm_tile_job job(int64_t block, int64_t first, int64_t last) const {
+    const int64_t row = block * set.block, terms = b.channels * b.taps;
+    const bool done = last == b.channels;
+    const zyn_conv_epilogue& e = output.epilogue;
+    zyn_gemm_tile_job j = {};
+    j.x = b.base + first * b.channel_stride;
+    j.channel_stride = b.channel_stride;
+    j.channels = last - first;
+    j.taps = b.taps;
+    j.offsets = b.offsets;
+    j.weights = packed + row * terms + first * b.taps * set.block;
+    j.block_stride = terms * set.block;
+    j.out = output.data + row * output.pitch;
+    j.pitch = output.pitch;
+    j.rows = output.rows - row;
+    j.columns = 8;
+    j.at[1] = j.to[1] = 8;
+    j.at[2] = j.to[2] = 16;
+    j.bias = done && e.bias ? e.bias + row : nullptr;
+    j.activation = done ? e.activation : static_cast<int32_t>(ZYN_EPILOGUE_NONE);
+    j.resume = first > 0;
+    j.count = 1;
+    return j;
+  }
+
+  // One vector of columns, all blocks: as many at once as there are registers, but two
+  // pairs rather than three blocks and a single one.
+  void narrow(int64_t from, int64_t to, int64_t columns) const {
+    for (int64_t block = 0; block < blocks;) {
+      const int64_t left = blocks - block;
+      const int64_t count =
+          left == 4 && set.most_blocks == 3 ? 2 : zyn_smaller(left, set.most_blocks);
+      zyn_gemm_tile_job j = job(block, 0, b.channels);
+      j.x += from;
+      j.out += to;
+      j.columns = columns;
+      set.narrow[b.taps > 1][count - 1](j);
+      block += count;
+    }
+  }
+
+  bool copies() const { return b.panel && blocks >= kCopyBlocks; }
+
+  // Whole wide tiles from column to last, row block by row block: for few row blocks, whose
+  // columns are not worth a copy.
+  void wide(int64_t column, int64_t last) const {
+    for (int64_t first = 0; first < b.channels; first += part)
+      for (int64_t block = 0; block < blocks; block++) {
+        zyn_gemm_tile_job j = job(block, first, zyn_smaller(first + part, b.channels));
+        j.x += column;
+        j.out += column;
+        j.count = (last - column) / set.wide_columns;
+        j.next_x = j.next_out = set.wide_columns;
+        set.wide[b.taps > 1][0](j);
+      }
+  }
+
+  // One wide tile whose vectors lie anywhere, all row blocks in one call. The tile that
+  // comes next, if it is known, has its first column at next (floats from base on, else 0).
+  void scattered(const zyn_gemm_vector* vectors, int64_t next = 0) const {
+    all_blocks(vectors, next, set.wide[b.taps > 1], set.wide[0][0]);
+  }
+
+  // The tile of the last columns, the last 4 of which are half a vector.
+  void half(int64_t column) const {
+    const zyn_gemm_vector vectors[3] = {
+        {column, column}, {column + 8, column + 8}, {column + 16, column + 16}};
+    all_blocks(vectors, 0, set.half, set.half[0]);
+  }
+
+  // by_copy: the tile for B in place, without and with copying; packed: for the copy.
+  void all_blocks(const zyn_gemm_vector* vectors, int64_t next,
+                  const zyn_gemm_tile_function* by_copy, zyn_gemm_tile_function packed) const {
+    const bool copy = copies();
+    for (int64_t first = 0; first < b.channels; first += part) {
+      zyn_gemm_tile_job j = job(0, first, zyn_smaller(first + part, b.channels));
+      j.x += vectors[0].from;
+      j.out += vectors[0].to;
+      for (int64_t v = 1; v < set.wide_columns / 8; v++) {
+        j.at[v] = vectors[v].from - vectors[0].from;
+        j.to[v] = vectors[v].to - vectors[0].to;
+      }
+      j.copy = b.panel;
+      j.next_weights = j.block_stride;
+      j.next_out = set.block * j.pitch;
+      j.next_rows = set.block;
+      j.count = copy ? 1 : blocks;
+      if (next > 0 && b.taps == 1 && b.channels <= kMostChannelsAhead) {
+        j.ahead = b.base + next;
+        j.ahead_stride = b.channel_stride;
+        j.ahead_rows = (b.channels + blocks - 1) / blocks;
+      }
+      by_copy[copy](j);
+      if (!copy) continue;
+      read_panel(&j);
+      j.count = blocks - 1;
+      j.weights += j.next_weights;
+      j.out += j.next_out;
+      j.rows -= j.next_rows;
+      if (j.bias) j.bias += j.next_rows;
+      if (j.ahead) j.ahead += j.ahead_rows * j.ahead_stride;
+      packed(j);
+    }
+  }
+
+  // Lets a job read the columns that the first row block copied.
+  void read_panel(zyn_gemm_tile_job* j) const {
+    j->x = b.panel;
+    j->channel_stride = set.wide_columns;
+    j->channels *= b.taps;
+    j->at[1] = 8;
+    j->at[2] = 16;
+  }
+};
+
+walk make_walk(const zyn_gemm_rows& b, const float* packed, int64_t block,
+               const zyn_gemm_output& output) {
+  const zyn_gemm_tile_set& set = block == 6 ? zyn_gemm_tiles_6 : zyn_gemm_tiles_4;
+  const int64_t bytes = set.wide_columns * b.channels * b.taps * 4;
+  const int64_t parts = (bytes + kMostPartBytes - 1) / kMostPartBytes;
+  return {
+      b, set, packed, output, (output.rows + block - 1) / block, (b.channels + parts - 1) / parts};
+}
+
+}  // namespace
+
+void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
+                       const zyn_gemm_output& output) {
+  const walk w = make_walk(b, packed, block, output);
+  const int64_t width = w.set.wide_columns;
+  // A plane that ends with at most half a vector ends with a tile made for that.
+  const int64_t tail = columns % 8;
+  if (w.set.half[0] && b.taps == 1 && columns >= ZYN_GEMM_HALF && tail >= 1 && tail <= 4) {
+    w.half(columns - ZYN_GEMM_HALF);
+    columns -= ZYN_GEMM_HALF;
+  }
+  const int64_t whole = columns / width * width, rest = columns - whole;
+  auto tile_at = [&w, columns, width](int64_t column, int64_t last_vector) {
+    const zyn_gemm_vector vectors[3] = {
+        {column, column}, {column + 8, column + 8}, {last_vector, last_vector}};
+    w.scattered(vectors, column + 2 * width <= columns ? column + width : 0);
+  };
+  if (w.blocks < kCopyBlocks) {
+    const int64_t group = zyn_larger(kGroupBytes / (b.channels * b.taps * 4) / width, 1) * width;
+    for (int64_t first = 0; first < whole; first += group)
+      w.wide(first, zyn_smaller(first + group, whole));
+  } else {
+    for (int64_t first = 0; first < whole; first += width) tile_at(first, first + 16);
+  }
+  if (rest == 0) return;
+  // The remaining columns are taken in tiles that end with the last column; what overlaps
+  // is computed twice, to the same bits.
+  if (columns >= width && w.blocks == 1 && rest > 8) return w.wide(columns - width, columns);
+  if (rest > 16) return tile_at(whole, columns - 8);
+  for (int64_t column = whole; column < columns; column += 8) {
+    const int64_t start = columns < 8 ? 0 : zyn_smaller(column, columns - 8);
+    w.narrow(start, start, zyn_smaller(columns, 8));
+  }
+}
+
+void zyn_gemm_scattered(const zyn_gemm_rows& b, const zyn_gemm_vector* vectors, int64_t count,
+                        const float* packed, int64_t block, const zyn_gemm_output& output) {
+  const walk w = make_walk(b, packed, block, output);
+  const int64_t wide = w.set.wide_columns / 8;
+  int64_t i = 0;
+  for (; i + wide <= count; i += wide) w.scattered(vectors + i);
+  for (; i < count; i++) w.narrow(vectors[i].from, vectors[i].to, 8);
+}
