@@ -34,7 +34,8 @@ struct OneNode {
   Net net;
   int node = 0;
   template <typename Record>
-  OneNode(int type, const Record& record, int constant, uint32_t method = 2, uint32_t fixed = 0)
+  OneNode(int type, const Record& record, int constant, uint32_t method = 2, uint32_t fixed = 0,
+          uint32_t own_q = 8)
       : net(fixed) {
     net.method(method);
     const int in = net.input(Array({8, 6, 4}, 0.25));
@@ -42,7 +43,7 @@ struct OneNode {
     if (constant) from.push_back(net.constant(Array({constant}, 0.25)));
     node = net.op(type, record, from);
     EXPECT_EQ(net.connect(), 0);
-    if (fixed) net.q_list(8);
+    if (fixed) net.q_list(8, {{node, own_q}});
     net.bind();
   }
   std::vector<std::string> check() { return findings(net.graph()); }
@@ -162,10 +163,10 @@ TEST(Check, TextsOfMistakesInEdgesAndBindings) {
             Texts({"error an edge names node 4, but the graph was created for ids 0 to 3: create "
                    "it with max_nodes of at least 5"}));
   EXPECT_EQ(make({{0, 1}, {1, 2}, {2, 3}, {3, 1}}, true),
-            Texts({"error the edges lead in a circle: 1 < 3 < 2 < 1"}));
-  EXPECT_EQ(make({{0, 1}}, true), Texts({"error node 0 NOTHING: has not been bound: call "
+            Texts({"error the edges lead in a circle: 3 > 1 > 2 > 3"}));
+  EXPECT_EQ(make({{0, 1}}, true), Texts({"error node 0: has not been bound: call "
                                          "zyn_bind_operator_onto_computation_graph for it",
-                                         "error node 1 NOTHING: has not been bound: call "
+                                         "error node 1: has not been bound: call "
                                          "zyn_bind_operator_onto_computation_graph for it"}));
 }
 
@@ -185,9 +186,8 @@ TEST(Check, TextsOfSharedInputsAndPooling) {
 }
 
 TEST(Check, TextsOfFixedPoint) {
-  OneNode large(ZYN_OP_CONV, conv(4, 5, 3), 185, 2, 1);
+  OneNode large(ZYN_OP_CONV, conv(4, 5, 3), 185, 2, 1, 30);
   zyn_cg_set_node_name(large.net.graph(), 2, "head.cls");
-  printed([&] { large.net.q_list(8, {{2, 30}}); });
   EXPECT_EQ(large.check(),
             Texts({"error node 2 'head.cls' CONV: fraction bits: input 8 + weights 15 - output 30 "
                    "= -7, 0 to 31 is needed; give the output at most 23"}));

@@ -133,6 +133,7 @@ bool zyn_checker::is_sorted() {
     return false;
   }
   for (int32_t k = 0; k < count; k++) {
+    if (ran[graph_->order[k]]) return false;
     const zyn_darray* reads = zyn_cg_inputs(graph_, graph_->order[k]);
     for (int64_t i = 0; reads && i < reads->count; i++)
       if (!ran[zyn_darray_ids(reads)[i]]) return false;
@@ -180,13 +181,22 @@ bool zyn_checker::check_order() {
     return node;
   };
   for (int32_t i = 0; i < count; i++) at = before(at);
-  char path[120];
-  int used = snprintf(path, sizeof(path), "%d", at);
-  for (int32_t node = before(at); used < 100; node = before(node)) {
-    used += snprintf(path + used, sizeof(path) - static_cast<size_t>(used), " < %d", node);
-    if (node == at) break;
+  // The circle against its edges, then said along them; of a long one the end.
+  constexpr int32_t kMostSaid = 12;
+  int32_t circle[kMostSaid] = {at};
+  int32_t length = 1;
+  while (length < kMostSaid && before(circle[length - 1]) != at) {
+    circle[length] = before(circle[length - 1]);
+    length++;
   }
-  error(ZYN_CHECK_CYCLE, -1, "the edges lead in a circle: %s%s", path, used >= 100 ? " < ..." : "");
+  char path[16 * kMostSaid];
+  int used = snprintf(path, sizeof(path), length < kMostSaid ? "%d" : "... > %d",
+                      circle[length < kMostSaid ? 0 : length - 1]);
+  if (length == kMostSaid) length--;
+  while (length-- > 0)
+    used +=
+        snprintf(path + used, sizeof(path) - static_cast<size_t>(used), " > %d", circle[length]);
+  error(ZYN_CHECK_CYCLE, -1, "the edges lead in a circle: %s", path);
   return false;
 }
 

@@ -9,12 +9,14 @@
 #include "base/zyn_platform.h"
 #include "base/zyn_report.h"
 #include "cg/cpu/zyn_cg_layout.h"
+#include "net/zyn_check.h"
 #include "net/zyn_net_graph.h"
 
 namespace {
 
 constexpr zyn_net_options kDefaults = ZYN_NET_DEFAULTS;
 constexpr int64_t kMostFileBytes = int64_t{1} << 31;
+constexpr int64_t kMostMemory = int64_t{1} << 31;
 
 int32_t no_memory() { return zyn_refuse(ZYN_RET_ERR_MEMORY, "no memory for the network"); }
 
@@ -80,16 +82,37 @@ int32_t release_net(zyn_net** net) {
 }
 using net_guard = zyn_guard<zyn_net, release_net>;
 
-// Refuses a graph with errors; the first is the explanation.
+// What the outputs of the graph take without sharing, in the place of every limit that
+// sharing could still meet; at most INT64_MAX.
+int64_t output_bytes(const zyn_net* net, const zyn_checker& checker) {
+  int64_t bytes = 0;
+  for (int32_t id = 0; id < net->description.node_count; id++) {
+    const zyn_check_shape& shape = checker.shape(id);
+    const int64_t element = shape.type == ZYN_TYPE_FPI16 ? 2 : 4;
+    if (net->nodes[id].type == ZYN_OP_CONSTANT || !shape.known()) continue;
+    if (!zyn_sum(bytes, element * shape.count(), &bytes)) return INT64_MAX;
+  }
+  return bytes;
+}
+
+// Refuses a graph with errors, of which the first is the explanation, and one whose outputs
+// exceed the limit.
 int32_t check_graph(const zyn_net* net) {
-  zyn_cg_report* report = nullptr;
-  if (const int32_t code = zyn_cg_check(net->graph, &report)) return code;
-  if (report->errors == 1) zyn_explain("%s", report->findings[0].text);
-  if (report->errors > 1)
-    zyn_explain("%s (and %d more)", report->findings[0].text, report->errors - 1);
-  const int32_t code = report->errors > 0 ? ZYN_RET_ERR_PARA : ZYN_RET_OK;
+  zyn_checker checker(net->graph);
+  zyn_cg_report* report = checker.run() ? checker.report() : nullptr;
+  if (!report) return no_memory();
+  const int32_t errors = report->errors;
+  if (errors == 1) zyn_explain("%s", report->findings[0].text);
+  if (errors > 1) zyn_explain("%s (and %d more)", report->findings[0].text, errors - 1);
   zyn_release_cg_report(&report);
-  return code;
+  if (errors > 0) return ZYN_RET_ERR_PARA;
+  const int64_t needed = output_bytes(net, checker);
+  const int64_t limit = net->options.memory_limit > 0 ? net->options.memory_limit : kMostMemory;
+  if (needed <= limit) return ZYN_RET_OK;
+  return zyn_refuse(ZYN_RET_ERR_MEMORY,
+                    "the outputs of all nodes take %lld bytes, the limit is "
+                    "%lld (memory_limit of the options)",
+                    static_cast<long long>(needed), static_cast<long long>(limit));
 }
 
 // Tables by node and output, and the methods that the options and the file ask for.

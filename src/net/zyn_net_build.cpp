@@ -63,10 +63,20 @@ int32_t make_tensor(zyn_net* net, int32_t id, const zyn_file_node& node) {
   if (node.type == ZYN_OP_INPUT) {
     const zyn_file_input input = net->file.input(node.data);
     const uint32_t type = net->options.fixed_point == 1 ? ZYN_TYPE_FPI16 : ZYN_TYPE_F32;
-    net->tensors[id] = zyn_create_tensor(static_cast<int32_t>(input.dim_count), input.dims, type);
-    if (!net->tensors[id]) return no_memory();
-    memset(net->tensors[id]->data, 0, static_cast<size_t>(net->tensors[id]->byte_size));
-    return ZYN_RET_OK;
+    // A file of a few bytes may ask for an input of gigabytes.
+    if (net->options.memory_limit > 0) {
+      int64_t bytes = sizeof(float);
+      for (uint32_t d = 0; d < input.dim_count; d++) bytes *= input.dims[d];
+      if (bytes > net->options.memory_limit)
+        return zyn_refuse(ZYN_RET_ERR_MEMORY, "input '%s' takes %lld bytes, the limit is %lld",
+                          net->nodes[id].name, static_cast<long long>(bytes),
+                          static_cast<long long>(net->options.memory_limit));
+    }
+    zyn_tensor* tensor =
+        zyn_create_tensor_header(static_cast<int32_t>(input.dim_count), input.dims, type);
+    net->tensors[id] = tensor;
+    if (tensor) tensor->data = zyn_calloc(tensor->byte_size, 1);  // owned, as headers claim
+    return tensor && tensor->data ? ZYN_RET_OK : no_memory();
   }
   const zyn_file_constant constant = net->file.constant(node.data);
   net->tensors[id] = zyn_create_tensor_header(static_cast<int32_t>(constant.dim_count),

@@ -353,8 +353,6 @@ int32_t zyn_net_write(const zyn_net_writer* writer, const char* path) {
   if (!file) return zyn_refuse(ZYN_RET_ERR_OPEN_FILE, "'%s' cannot be opened for writing", path);
   const auto count = static_cast<size_t>(bytes.count());
   const bool written = fwrite(bytes.data(), 1, count, file) == count;
-  const bool closed = fclose(file) == 0;
-  if (written && closed) return ZYN_RET_OK;
-  remove(path);
+  if (zyn_platform_finish(file, path, written)) return ZYN_RET_OK;
   return zyn_refuse(ZYN_RET_ERR_OPEN_FILE, "'%s' could not be written to its end", path);
 }

@@ -51,8 +51,10 @@ const char* zyn_cg_operation_name(int32_t type) {
 int zyn_cg_name_node(const zyn_cg_handle* graph, int32_t node, int32_t type, char* buffer,
                      size_t size) {
   const char* name = graph && node >= 0 && node < graph->name_count ? graph->names[node] : nullptr;
-  const int used = snprintf(buffer, size, name ? "node %d '%s' %s: " : "node %d%s %s: ", node,
-                            name ? name : "", type >= 0 ? zyn_cg_operation_name(type) : "unbound");
+  const char* quote = name ? "'" : "";
+  const int used = snprintf(buffer, size, "node %d%s%s%s%s%s%s: ", node, name ? " " : "", quote,
+                            name ? name : "", quote, type >= 0 ? " " : "",
+                            type >= 0 ? zyn_cg_operation_name(type) : "");
   return used < static_cast<int>(size) ? used : static_cast<int>(size) - 1;
 }
 

@@ -1,0 +1,317 @@
+// Network files: what is written comes back, computes what the same graph computes by
+// hand, and takes little memory; files that are damaged or wrong are refused with a reason.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "../examples/ssd320.h"
+#include "base/zyn_md5.h"
+#include "net/zyn_net_file.h"
+#include "support/capture.h"
+#include "support/ledger.h"
+#include "zyncore_net.h"
+
+using namespace zyn_test;
+
+namespace {
+
+struct ReleaseNet {
+  void operator()(zyn_net* net) const { zyn_net_release(&net); }
+  void operator()(zyn_net_writer* writer) const { zyn_net_writer_release(&writer); }
+};
+using Network = std::unique_ptr<zyn_net, ReleaseNet>;
+using Writer = std::unique_ptr<zyn_net_writer, ReleaseNet>;
+using Bytes = std::vector<uint8_t>;
+
+zyn_net_port port(const char* name, std::vector<int> dims = {}, int node = 0) {
+  zyn_net_port p = {};
+  p.name = name;
+  p.node = node;
+  p.dim_count = static_cast<int>(dims.size());
+  for (size_t i = 0; i < dims.size(); i++) p.dims[i] = dims[i];
+  for (float& scale : p.scale) scale = 1.0f;
+  p.leading = 1;
+  return p;
+}
+
+Bytes bytes_of(const zyn_net_writer* writer) {
+  void* data = nullptr;
+  int64_t size = 0;
+  EXPECT_EQ(zyn_net_write_memory(writer, &data, &size), 0) << zyn_error_detail();
+  Bytes bytes(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
+  zyn_free(data);
+  return bytes;
+}
+
+Network load(const Bytes& bytes, zyn_net_options options = ZYN_NET_DEFAULTS) {
+  return Network(zyn_net_load_memory(bytes.data(), static_cast<int64_t>(bytes.size()), &options));
+}
+
+int add_constant(zyn_net_writer* writer, std::vector<float> values, const char* name = "w") {
+  zyn_tensor tensor = {};
+  const auto count = static_cast<int32_t>(values.size());
+  zyn_set_tensor_header(&tensor, 1, &count, ZYN_TYPE_F32);
+  zyn_set_tensor_data(&tensor, values.data(), 4 * int64_t{count});
+  return zyn_net_writer_constant(writer, name, &tensor);
+}
+
+// image {6, 5, 2} > conv 3 x 3 to 4 channels > {y, and y beside the image}.
+Bytes small_file(std::function<void(zyn_net_writer*)> more = {}) {
+  Writer writer(zyn_net_writer_create());
+  zyn_net_port in = port("image", {6, 5, 2});
+  in.channel_order = 2;
+  in.resize = 1;
+  in.mean[1] = 127.5f;
+  const int image = zyn_net_writer_input(writer.get(), &in);
+  std::vector<float> words(4 * 2 * 9 + 4);
+  for (size_t i = 0; i < words.size(); i++) words[i] = static_cast<float>(i % 7) - 3.0f;
+  const int weights = add_constant(writer.get(), words);
+  const zyn_conv_param conv = {2, 4, 3, 3, 1, 1, 1, 1, {0, 0}, 1, 1, 1, 1, {1}, 0};
+  const int from[] = {image, weights};
+  const int y = zyn_net_writer_node(writer.get(), "conv", ZYN_OP_CONV_ACT, &conv, from, 2);
+  const zyn_concat_param axis = {2, 2, nullptr};
+  const int both[] = {y, image};
+  const int joined = zyn_net_writer_node(writer.get(), "join", ZYN_OP_CONCAT, &axis, both, 2);
+  const zyn_net_port first = port("y", {}, y), second = port("joined", {}, joined);
+  EXPECT_EQ(zyn_net_writer_output(writer.get(), &first), 0);
+  EXPECT_EQ(zyn_net_writer_output(writer.get(), &second), 0);
+  EXPECT_EQ(zyn_net_writer_metadata(writer.get(), "origin", "a test"), 0);
+  if (more) more(writer.get());
+  return bytes_of(writer.get());
+}
+
+// The file with something changed and its digest made anew.
+Bytes changed(Bytes bytes, size_t at, std::vector<uint8_t> what) {
+  for (size_t i = 0; i < what.size(); i++) bytes[at + i] = what[i];
+  zyn_md5_ctx md5;
+  zyn_md5_start(&md5);
+  zyn_md5_update(&md5, bytes.data(), static_cast<int64_t>(bytes.size()) - kZynFileDigestBytes);
+  zyn_md5_finish(&md5, bytes.data() + bytes.size() - kZynFileDigestBytes);
+  return bytes;
+}
+
+size_t section_at(const Bytes& bytes, uint32_t id) {
+  for (size_t row = sizeof(zyn_file_frame);; row += sizeof(zyn_file_row)) {
+    zyn_file_row found;
+    memcpy(&found, bytes.data() + row, sizeof(found));
+    if (found.id == id) return static_cast<size_t>(found.offset);
+  }
+}
+
+std::string refusal(const Bytes& bytes) {
+  EXPECT_EQ(load(bytes), nullptr);
+  return zyn_error_detail();
+}
+
+// The detector of examples/ssd320.h with generated weights, as a file.
+Bytes ssd320_file(const ssd320::Detector& detector) {
+  Writer writer(zyn_net_writer_create());
+  const zyn_net_port in = port("image", {ssd320::kWidth, ssd320::kHeight, 3});
+  std::vector<int> ids = {zyn_net_writer_input(writer.get(), &in)};
+  const std::vector<ssd320::Convolution> list = ssd320::convolutions();
+  for (size_t i = 0; i < list.size(); i++) {
+    const ssd320::Convolution& c = list[i];
+    const bool bn = c.type == ZYN_OP_CONV_BN;
+    zyn_conv_param p = {};
+    p.in_channels = static_cast<int>(c.in_channels);
+    p.out_channels = static_cast<int>(c.out_channels);
+    p.kernel_h = p.kernel_w = static_cast<int>(c.kernel);
+    p.stride_h = p.stride_w = static_cast<int>(c.stride);
+    p.pad_h = p.pad_w = p.kernel_h / 2;
+    p.dilation_h = p.dilation_w = 1;
+    p.groups = static_cast<int>(c.groups);
+    p.bias = bn ? 0 : 1;
+    if (bn)
+      p.word14.epsilon = 1e-5f;
+    else
+      p.word14.activation = c.type == ZYN_OP_CONV_ACT ? ZYN_ACT_RELU : 0;
+    p.activation = bn ? ZYN_ACT_RELU : 0;
+    const int from[] = {ids[static_cast<size_t>(c.from)],
+                        zyn_net_writer_constant(writer.get(), "", detector.constant(i))};
+    ids.push_back(zyn_net_writer_node(writer.get(), "", c.type, &p, from, 2));
+  }
+  for (size_t i = 0; i < 4; i++) {
+    const std::string number = std::to_string(i);
+    const std::string scores = "scores" + number, locations = "locations" + number;
+    const zyn_net_port a = port(scores.c_str(), {}, ids[ssd320::kScoreHeads[i]]);
+    const zyn_net_port b = port(locations.c_str(), {}, ids[ssd320::kLocationHeads[i]]);
+    zyn_net_writer_output(writer.get(), &a);
+    zyn_net_writer_output(writer.get(), &b);
+  }
+  return bytes_of(writer.get());
+}
+
+}  // namespace
+
+TEST(Network, WhatIsWrittenComesBack) {
+  const Network net = load(small_file());
+  ASSERT_TRUE(net) << zyn_error_detail();
+  const zyn_net_description* d = zyn_net_describe(net.get());
+  ASSERT_EQ(d->input_count, 1);
+  EXPECT_STREQ(d->inputs[0].name, "image");
+  EXPECT_EQ(d->inputs[0].channel_order, 2);
+  EXPECT_EQ(d->inputs[0].mean[1], 127.5f);
+  ASSERT_EQ(d->output_count, 2);
+  EXPECT_STREQ(d->outputs[1].name, "joined");
+  EXPECT_EQ(std::vector<int>(d->outputs[1].dims, d->outputs[1].dims + 3),
+            (std::vector<int>{6, 5, 6}));
+  EXPECT_EQ(d->multiply_adds, 6 * 5 * 4 * 2 * 9);
+  EXPECT_EQ(d->parameters, 4 * 2 * 9 + 4);
+  EXPECT_STREQ(d->nodes[2].operation, "CONV_ACT");
+  EXPECT_STREQ(zyn_net_metadata(net.get(), "origin"), "a test");
+  EXPECT_EQ(zyn_net_metadata(net.get(), "licence"), nullptr);
+
+  auto* pixels = static_cast<float*>(zyn_net_input(net.get(), "image")->data);
+  for (int i = 0; i < 60; i++) pixels[i] = static_cast<float>(i % 5);
+  ASSERT_EQ(zyn_net_run(net.get()), 0);
+  const zyn_tensor* y = zyn_net_output(net.get(), nullptr);
+  const zyn_tensor* joined = zyn_net_output(net.get(), "joined");
+  EXPECT_EQ(memcmp(joined->data, y->data, 4 * 120), 0);
+  EXPECT_EQ(memcmp(static_cast<float*>(joined->data) + 120, pixels, 4 * 60), 0);
+  EXPECT_EQ(zyn_net_output(net.get(), "z"), nullptr);
+  EXPECT_STREQ(zyn_error_detail(), "the network has no output 'z'");
+}
+
+TEST(Network, ComputesTheBitsOfTheGraphMadeByHandInASixthOfTheMemory) {
+  for (uint32_t method : {0u, 1u, 2u}) {
+    SCOPED_TRACE(method);
+    ssd320::Detector detector;
+    printed([&] { ASSERT_TRUE(detector.create(method)); });
+    detector.generate_weights(7);
+    ASSERT_TRUE(detector.prepare());
+    zyn_net_options options = ZYN_NET_DEFAULTS;
+    options.method = static_cast<int32_t>(method);
+    const Network net = load(ssd320_file(detector), options);
+    ASSERT_TRUE(net) << zyn_error_detail();
+    auto* by_hand = static_cast<float*>(detector.input()->data);
+    for (int i = 0; i < 3 * 320 * 240; i++)
+      by_hand[i] = static_cast<float>(i * 7 % 255) / 128.0f - 1.0f;
+    for (int run = 0; run < 2; run++) {  // places are shared: the second run must not notice
+      memcpy(zyn_net_input(net.get(), nullptr)->data, by_hand, 4 * 3 * 320 * 240);
+      ASSERT_TRUE(detector.run());
+      ASSERT_EQ(zyn_net_run(net.get()), 0);
+    }
+    for (int i = 0; i < 8; i++) {
+      const zyn_net_port& out = zyn_net_describe(net.get())->outputs[i];
+      const int head = i % 2 ? ssd320::kLocationHeads[i / 2] : ssd320::kScoreHeads[i / 2];
+      const zyn_tensor* expected = detector.output(head);
+      const zyn_tensor* got = zyn_net_output(net.get(), out.name);
+      std::vector<float> planar(static_cast<size_t>(expected->count));
+      if (expected->layout == ZYN_LAYOUT_BLOCKED) {
+        // Blocks of 8 and 4 channels, then single ones.
+        const int64_t pixels = int64_t{expected->dims[0]} * expected->dims[1];
+        const auto* from = static_cast<const float*>(expected->data);
+        for (int first = 0, left = expected->dims[2]; left > 0;) {
+          const int group = left >= 8 ? 8 : left >= 4 ? 4 : 1;
+          for (int64_t p = 0; p < pixels; p++)
+            for (int c = 0; c < group; c++)
+              planar[static_cast<size_t>((first + c) * pixels + p)] = *from++;
+          first += group;
+          left -= group;
+        }
+      } else {
+        memcpy(planar.data(), expected->data, static_cast<size_t>(expected->byte_size));
+      }
+      ASSERT_EQ(got->count, expected->count);
+      EXPECT_EQ(got->layout, static_cast<uint32_t>(ZYN_LAYOUT_PLANAR));
+      EXPECT_EQ(memcmp(got->data, planar.data(), static_cast<size_t>(got->byte_size)), 0)
+          << out.name;
+    }
+  }
+}
+
+TEST(Network, DamagedAndForeignFilesAreRefusedWithAReason) {
+  const Bytes file = small_file();
+  const size_t nodes = section_at(file, ZYN_FILE_NODES);
+  const size_t constants = section_at(file, ZYN_FILE_CONSTANTS);
+  const auto cut = [&](size_t bytes) {
+    return Bytes(file.begin(), file.begin() + static_cast<int>(bytes));
+  };
+  EXPECT_EQ(refusal(cut(40)), "a network file has at least 48 bytes, found 40");
+  EXPECT_EQ(refusal(cut(file.size() - 5)),
+            "the file says that it has " + std::to_string(file.size()) + " bytes, found " +
+                std::to_string(file.size() - 5) + ": it is cut short");
+  Bytes damaged = file;
+  damaged[nodes] ^= 1;
+  EXPECT_EQ(refusal(damaged),
+            "the digest at the file's end does not match its content: the file is damaged");
+  EXPECT_EQ(refusal(changed(file, 0, {'Z', 'I', 'P'})),
+            "this is no network file: it does not begin with \"ZYNNET\"");
+  EXPECT_EQ(refusal(changed(file, 8, {1, 2, 3, 4})),
+            "the file was written in big-endian byte order; network files are little-endian");
+  EXPECT_EQ(refusal(changed(file, 12, {9})),
+            "the file has version 9, this library reads version 1");
+  EXPECT_EQ(refusal(changed(file, nodes + 2 * 32, {6})), "node 2: operator type 6 is not known");
+  EXPECT_EQ(refusal(changed(file, nodes + 2 * 32 + 16, {3})),
+            "node 2: type 12 has 16 to 16 parameter words, found 3");
+  EXPECT_EQ(refusal(changed(file, nodes + 1 * 32 + 28, {1})),
+            "node 1: an operator reads at least one node, an input or constant none and has data");
+  EXPECT_EQ(refusal(changed(file, constants + 12, {0, 0, 0, 0x40})),
+            "constant 0: 1073741824 floats at 0 do not lie in 320 bytes");
+  // What a graph would refuse is said by its node.
+  EXPECT_EQ(refusal(changed(file, section_at(file, ZYN_FILE_WORDS), {3})),
+            "node 2 'conv' CONV_ACT: constant holds 76 floats, 4 x 3 x 3 x 3 weights + 4 biases = "
+            "112 are needed (and 1 more)");
+  EXPECT_EQ(zyn_net_load("no/such/file.zyn", nullptr), nullptr);
+  EXPECT_STREQ(zyn_error_detail(), "'no/such/file.zyn' cannot be opened");
+}
+
+TEST(Network, EveryByteOfAFileMayBeAnything) {
+  const Bytes file = small_file();
+  zyn_net_options options = ZYN_NET_DEFAULTS;
+  options.memory_limit = 1 << 20;
+  int loaded = 0;
+  for (size_t at = 8; at + 16 < file.size(); at++)
+    for (uint8_t value : {0x00, 0x01, 0x7F, 0x80, 0xFF}) {
+      const Network net = load(changed(file, at, {value}), options);
+      if (net && zyn_net_run(net.get()) == 0) loaded++;
+    }
+  EXPECT_GT(loaded, 100);
+}
+
+TEST(Network, NothingIsLostWithoutMemory) {
+  const Bytes file = small_file();
+  const auto attempt = [](auto work) {
+    until_it_succeeds([&](int n, bool lasting) {
+      Ledger::fail(n, lasting);
+      const bool good = work();
+      const int seen = Ledger::seen();
+      Ledger::fail(0, false);
+      EXPECT_EQ(good, seen < n) << zyn_error_detail();
+      return seen;
+    });
+  };
+  attempt([&] {
+    const Network net = load(file);
+    return net && zyn_net_run(net.get()) == 0 && zyn_net_output(net.get(), "joined");
+  });
+  attempt([] {
+    const Writer writer(zyn_net_writer_create());
+    const zyn_net_port in = port("x", {4, 1, 1});
+    const int x = writer ? zyn_net_writer_input(writer.get(), &in) : -1;
+    const zyn_func_param abs = {ZYN_FUNC_ABS, 0, 0};
+    const int y = x < 0 ? -1 : zyn_net_writer_node(writer.get(), "y", ZYN_OP_FUNCTION, &abs, &x, 1);
+    const zyn_net_port out = port("y", {}, y);
+    void* data = nullptr;
+    int64_t size = 0;
+    const bool good = y >= 0 && zyn_net_writer_output(writer.get(), &out) == 0 &&
+                      zyn_net_write_memory(writer.get(), &data, &size) == 0;
+    zyn_free(data);
+    return good;
+  });
+}
+
+TEST(Network, ReportsGoToTheHandlerThatIsSet) {
+  std::string received;
+  zyn_set_report_handler([](const char* text, void* to) { *static_cast<std::string*>(to) += text; },
+                         &received);
+  const std::string text = printed([] { zyn_release_tensor(nullptr); });
+  zyn_set_report_handler(nullptr, nullptr);
+  EXPECT_EQ(text, "");
+  EXPECT_EQ(received, report(kPara, "src/matrix/zyn_tensor.cpp", 244));
+}
