@@ -132,7 +132,8 @@ int32_t prepare(zyn_net* net) {
   if (const int32_t code = check_graph(net)) return code;
   if (const int32_t code = zyn_prepare_inference_computation(net->graph)) return code;
   zyn_net_describe_nodes(net);
-  return zyn_net_share_memory(net);
+  if (const int32_t code = zyn_net_share_memory(net)) return code;
+  return zyn_net_drop_file(net);
 }
 
 // Takes bytes over. Null with an explanation.

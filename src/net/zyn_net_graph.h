@@ -32,6 +32,10 @@ void zyn_net_choose_methods(zyn_net* net);
 // net->methods. 0 or a code with an explanation; what was made stays in net.
 int32_t zyn_net_build(zyn_net* net);
 
+// Frees the file's bytes of a prepared network: constants that runs still read are copied, of
+// packed ones nothing is kept but the biases. 0 or 2.
+int32_t zyn_net_drop_file(zyn_net* net);
+
 // Puts the outputs of the prepared graph into one block, net->block. 0 or 2.
 int32_t zyn_net_share_memory(zyn_net* net);
 

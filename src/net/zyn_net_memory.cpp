@@ -1,4 +1,5 @@
-// One block for all outputs. An output lives from the node that writes it to the last node
+// Memory of a prepared network: what packed copies hold is not held twice, and one block
+// serves all outputs. An output lives from the node that writes it to the last node
 // that reads it; outputs that live at the same time lie apart, others share their place.
 // Offsets by falling size, each as low as those already placed allow (Pisarchyk and Lee,
 // "Efficient Memory Management for Deep Neural Net Inference", 2020).
@@ -6,7 +7,7 @@
 
 #include "base/zyn_explain.h"
 #include "base/zyn_list.h"
-#include "cg/cpu/zyn_cg.h"
+#include "cg/cpu/ops/zyn_cg_conv.h"
 #include "net/zyn_net_graph.h"
 
 namespace {
@@ -160,6 +161,38 @@ class planner {
   zyn_list<int32_t> placed_;     // rows by rising offset
 };
 
+// Copies a constant out of the file.
+bool keep_constant(zyn_tensor* constant) {
+  void* copy = zyn_malloc(constant->byte_size);
+  if (!copy) return false;
+  memcpy(copy, constant->data, static_cast<size_t>(constant->byte_size));
+  constant->data = copy;
+  constant->owns_data = 1;
+  return true;
+}
+
 }  // namespace
+
+int32_t zyn_net_drop_file(zyn_net* net) {
+  const int32_t count = net->description.node_count;
+  zyn_scratch<uint8_t> read = zyn_scratch<uint8_t>::zeroed(count);
+  if (!read) return no_memory();
+  for (int32_t id = 0; id < count; id++) {
+    if (net->nodes[id].type == ZYN_OP_CONSTANT || net->nodes[id].type == ZYN_OP_INPUT) continue;
+    if (zyn_cg_conv_drop_weights(net->graph, id)) continue;
+    const zyn_darray* reads = zyn_cg_inputs(net->graph, id);
+    for (int64_t i = 0; reads && i < reads->count; i++) read[zyn_darray_ids(reads)[i]] = 1;
+  }
+  for (int32_t id = 0; id < count; id++) {
+    if (net->nodes[id].type != ZYN_OP_CONSTANT) continue;
+    if (!read[id])
+      net->tensors[id]->data = nullptr;
+    else if (!keep_constant(net->tensors[id]))
+      return no_memory();
+  }
+  zyn_free(net->bytes);
+  net->bytes = nullptr;
+  return ZYN_RET_OK;
+}
 
 int32_t zyn_net_share_memory(zyn_net* net) { return planner(net).run(); }

@@ -92,6 +92,7 @@ void release_workspace(zyn_cg_conv_state* state) {
   if (state->blocked) zyn_cg_conv_release_direct(&state->blocked);
   if (state->plan) zyn_cg_conv_release_planned(&state->plan);
   zyn_cg_drop(&state->folded);
+  zyn_cg_drop(&state->biases);
   zyn_fpi_drop_plan(&state->fixed);
   zyn_cg_drop(&state->quantized);
 }
@@ -206,7 +207,7 @@ int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilo
   int64_t needed = 0;
   if (!input_fits(state) || state->input->type != ZYN_TYPE_F32 ||
       !zyn_cg_ready(weights, state->output) || !needed_constant(state->param, &needed) ||
-      weights->count < needed)
+      (!state->biases && weights->count < needed))
     return ZYN_RET_ERR_PARA;
   const zyn_conv_param& p = state->param;
   if (state->input->dims[2] != p.in_channels || state->output->dims[2] != p.out_channels)
@@ -223,8 +224,30 @@ int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilo
   return static_cast<int32_t>(code);
 }
 
+bool zyn_cg_conv_drop_weights(zyn_cg_handle* graph, int32_t node) {
+  const int32_t type = zyn_cg_node_type(graph, node);
+  if (type != ZYN_OP_CONV && type != ZYN_OP_CONV_DEPTHWISE && type != ZYN_OP_CONV_POINTWISE &&
+      type != ZYN_OP_CONV_ACT && type != ZYN_OP_CONV_BN)
+    return false;
+  auto* state = zyn_cg_state<zyn_cg_conv_state>(graph, node);
+  if (state->fixed_point == 1) return state->fixed.weights != nullptr;
+  if (state->method == 0 || !state->weights || !state->weights->data) return false;
+  const bool has_bias = state->folded || state->param.bias == 1;
+  const int32_t count = has_bias ? state->param.out_channels : 1;
+  zyn_tensor_guard biases(zyn_create_tensor_header(1, &count, ZYN_TYPE_F32));
+  if (biases) biases->data = zyn_calloc(count, sizeof(float));
+  if (!biases || !biases->data) return false;
+  if (has_bias)
+    memcpy(biases->data, zyn_cg_floats(state->weights) + zyn_conv_weight_count(&state->param),
+           static_cast<size_t>(biases->byte_size));
+  zyn_cg_drop(&state->folded);
+  state->weights = state->biases = biases.take();
+  return true;
+}
+
 const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state) {
   if (state->param.bias != 1 || !state->weights || !state->weights->data) return nullptr;
+  if (state->biases) return zyn_cg_floats(state->biases);
   return zyn_cg_floats(state->weights) + zyn_conv_weight_count(&state->param);
 }
 

@@ -12,6 +12,7 @@
 struct zyn_cg_conv_state : zyn_cg_io_state {
   zyn_tensor* weights;    // the constant's tensor, or folded
   zyn_tensor* folded;     // type 13: weights and biases with the normalisation in them
+  zyn_tensor* biases;     // where the weights were dropped: all that is left of them
   int32_t input_dims[5];  // that output and workspace are made for
   int32_t input_q, output_q, weight_q;
   uint32_t method;
@@ -59,6 +60,11 @@ int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilo
 // The same in fixed point: code is the activation code, has_bias whether biases lie behind
 // the weights.
 int32_t zyn_cg_conv_run_fixed(zyn_cg_conv_state* state, bool has_bias, int32_t code);
+
+// Drops what a prepared convolution holds of its weights beside their packed copy, and copies
+// the biases: its runs do not read the constant any more (nor can it be prepared again). False
+// where runs read the weights as they lie, for other types, and without memory.
+bool zyn_cg_conv_drop_weights(zyn_cg_handle* graph, int32_t node);
 
 // The biases behind the weights, where the record has some; null otherwise.
 const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state);

@@ -52,9 +52,11 @@ int32_t run_conv_act(void* record) {
 // The folded tensor's biases follow its weights, whatever the record says.
 int32_t run_conv_bn(void* record) {
   auto* state = static_cast<zyn_cg_conv_state*>(record);
-  if (!state || !state->folded) return ZYN_RET_ERR_PARA;
+  if (!state || !(state->folded || state->biases)) return ZYN_RET_ERR_PARA;
   if (state->fixed_point == 1) return run_fixed(state, true, state->param.activation);
-  const float* bias = zyn_cg_floats(state->folded) + zyn_conv_weight_count(&state->param);
+  const float* bias = state->biases
+                          ? zyn_cg_floats(state->biases)
+                          : zyn_cg_floats(state->folded) + zyn_conv_weight_count(&state->param);
   return zyn_cg_conv_run(state, epilogue_of(state->param.activation, bias, state->method == 2),
                          false);
 }
