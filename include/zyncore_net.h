@@ -115,7 +115,8 @@ typedef struct zyn_net zyn_net;
 enum {
   ZYN_NET_AUTOMATIC = -1, /* the file's own choice where it has one, else by a table of costs
                              that counts the conversions between channel orders */
-  ZYN_NET_TIMED = -2      /* the candidates are timed on this machine while loading */
+  ZYN_NET_TIMED = -2      /* the table's choice and each method alone are timed on this
+                             machine while loading, with whatever the input holds */
   /* 0, 1, 2: one method for all, as zyn_cg_set_conv_method; where it refuses a layer,
      another takes that layer */
 };
@@ -126,8 +127,9 @@ typedef struct zyn_net_options {
   int32_t fixed_point;  /* 1: 16-bit fixed point, by the file's fraction bits */
   int32_t keep_all;     /* 1: every node's output stays readable after a run; else only
                            those of named outputs, and the others share their memory */
-  int32_t exact;        /* 1: no internal methods that change the order of sums */
-  int64_t memory_limit; /* most bytes that the network may take, 0: 2^31 */
+  int32_t reserved;     /* 0 */
+  int64_t memory_limit; /* most bytes that the outputs of all nodes may take together before
+                           they share memory; 0: 2^31 */
 } zyn_net_options;
 #define ZYN_NET_DEFAULTS {ZYN_NET_AUTOMATIC, 0, 0, 0, 0}
 
@@ -152,7 +154,7 @@ ZYN_API zyn_tensor* zyn_net_input(zyn_net* net, const char* name);
 ZYN_API int32_t zyn_net_run(zyn_net* net);
 
 /* The tensor of an output, by name or, for null, the first: of floats (fixed point: 16-bit
- * values, see zyn_net_output_q), in planar order whatever the method. The network's own,
+ * values, whose fraction bits zyn_net_describe tells), in planar order whatever the method. The network's own,
  * rewritten by every run. Null: no such output. */
 ZYN_API const zyn_tensor* zyn_net_output(zyn_net* net, const char* name);
 
@@ -210,12 +212,14 @@ ZYN_API const zyn_net_description* zyn_net_describe(const zyn_net* net);
 /* The value of a metadata key; null: not there. */
 ZYN_API const char* zyn_net_metadata(const zyn_net* net, const char* key);
 
-/* Bytes that a network takes. */
+/* Bytes that a loaded network takes; runs add what it takes to bring tensors into another
+ * order of channels, where methods are mixed. */
 typedef struct zyn_net_memory_use {
   int64_t weights;     /* constants, packed or as they are */
-  int64_t activations; /* inputs, outputs and the block that all others share */
+  int64_t activations; /* inputs and the block that all outputs share */
   int64_t scratch;     /* what kernels keep for themselves */
-  int64_t total;       /* all that was allocated for the network, tables included */
+  int64_t total;       /* all that loading allocated and kept, tables included; other
+                          threads' allocations meanwhile are counted too */
 } zyn_net_memory_use;
 
 /* Fills *use. 1: null argument. */

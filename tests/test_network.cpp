@@ -177,7 +177,7 @@ TEST(Network, WhatIsWrittenComesBack) {
   EXPECT_STREQ(zyn_error_detail(), "the network has no output 'z'");
 }
 
-TEST(Network, ComputesTheBitsOfTheGraphMadeByHandInASixthOfTheMemory) {
+TEST(Network, ComputesTheBitsOfTheGraphMadeByHandInLittleMemory) {
   for (uint32_t method : {0u, 1u, 2u}) {
     SCOPED_TRACE(method);
     ssd320::Detector detector;
@@ -196,6 +196,11 @@ TEST(Network, ComputesTheBitsOfTheGraphMadeByHandInASixthOfTheMemory) {
       ASSERT_TRUE(detector.run());
       ASSERT_EQ(zyn_net_run(net.get()), 0);
     }
+    zyn_net_memory_use use = {};
+    EXPECT_EQ(zyn_net_memory(net.get(), &use), 0);
+    EXPECT_LE(use.total, method == 1 ? 6000000 : 6700000);
+    EXPECT_LE(use.weights + use.activations + use.scratch, use.total);
+    EXPECT_GE(use.weights + use.activations + use.scratch, use.total - 100000);
     for (int i = 0; i < 8; i++) {
       const zyn_net_port& out = zyn_net_describe(net.get())->outputs[i];
       const int head = i % 2 ? ssd320::kLocationHeads[i / 2] : ssd320::kScoreHeads[i / 2];

@@ -58,6 +58,10 @@ uint64_t zyn_get_current_memory_size_occupation(void) {
   return bytes_in_use.load(std::memory_order_relaxed);
 }
 
+int64_t zyn_block_bytes(const void* block) {
+  return block ? static_cast<int64_t>(static_cast<const uint64_t*>(block)[-1]) : 0;
+}
+
 void* zyn_calloc(int64_t count, int64_t size) {
   int64_t bytes = 0;
   if (!zyn_multiply(count, size, &bytes)) return nullptr;

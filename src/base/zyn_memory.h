@@ -25,6 +25,9 @@ void* zyn_calloc(int64_t count, int64_t size);
 // the old block still valid.
 void* zyn_grow(void* block, int64_t bytes);
 
+// The size that a block was asked with; 0 for null.
+int64_t zyn_block_bytes(const void* block);
+
 // *product = a * b; false when either is negative or the product does not fit.
 inline bool zyn_multiply(int64_t a, int64_t b, int64_t* product) {
   return a >= 0 && b >= 0 && !__builtin_mul_overflow(a, b, product);

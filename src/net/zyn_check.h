@@ -80,6 +80,10 @@ class zyn_checker {
 void zyn_check_conv(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
 void zyn_check_operator(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
 
+// Whether a convolution method computes a record that has passed its rule.
+bool zyn_check_method_computes(uint32_t method, int32_t type, const zyn_conv_param& param,
+                               const zyn_check_shape& input);
+
 // Whether a node has exactly the predecessors of its kind that its operator reads, and an
 // input of the type that the graph computes in; says what is missing.
 bool zyn_check_reads(zyn_checker* check, const zyn_check_node& node, bool with_constant);

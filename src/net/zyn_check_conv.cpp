@@ -137,48 +137,56 @@ bool output_shape(zyn_checker* check, const zyn_check_node& node, zyn_check_shap
 
 // Method 2 wants equal pairs and no dilation, and of depthwise layers 3 x 3 and 5 x 5 with
 // padding half the kernel and strides of 1 and 2.
+bool has_equal_pairs(const zyn_conv_param& p) {
+  return p.kernel_h == p.kernel_w && p.pad_h == p.pad_w && p.stride_h == p.stride_w &&
+         p.dilation_h == 1 && p.dilation_w == 1;
+}
+bool is_usual_depthwise(const zyn_conv_param& p) {
+  return (p.kernel_h == 3 || p.kernel_h == 5) && p.pad_h == p.kernel_h / 2 &&
+         (p.stride_h == 1 || p.stride_h == 2);
+}
+bool reaches(const zyn_conv_param& p, const zyn_check_shape& input) {
+  return p.kernel_h <= input.extent(0) + 2 * int64_t{p.pad_h} &&
+         p.kernel_h <= input.extent(1) + 2 * int64_t{p.pad_h};
+}
+
 void check_planned(zyn_checker* check, const zyn_check_node& node) {
   const zyn_conv_param& p = record(node);
-  const bool equal = p.kernel_h == p.kernel_w && p.pad_h == p.pad_w && p.stride_h == p.stride_w;
-  const bool dilated = p.dilation_h != 1 || p.dilation_w != 1;
-  const bool depthwise = p.groups != 1;
-  const bool usual = (p.kernel_h == 3 || p.kernel_h == 5) && p.pad_h == p.kernel_h / 2 &&
-                     (p.stride_h == 1 || p.stride_h == 2);
-  const int64_t reach_x = node.input.extent(0) + 2 * int64_t{p.pad_h};
-  const int64_t reach_y = node.input.extent(1) + 2 * int64_t{p.pad_h};
-  if (!equal || dilated)
+  if (!has_equal_pairs(p))
     check->error(ZYN_CHECK_METHOD, node.id,
                  "method 2 computes equal kernels, paddings and strides along both axes without "
                  "dilation; choose method 0 for this node");
-  else if (depthwise && !usual)
+  else if (p.groups != 1 && !is_usual_depthwise(p))
     check->error(ZYN_CHECK_METHOD, node.id,
                  "method 2 computes depthwise kernels 3 with padding 1 and 5 with padding 2, "
                  "strides 1 and 2, found %d with %d and %d; choose method 0 for this node",
                  p.kernel_h, p.pad_h, p.stride_h);
-  else if (p.kernel_h > reach_x || p.kernel_h > reach_y)
+  else if (!reaches(p, node.input))
     check->error(ZYN_CHECK_METHOD, node.id,
                  "method 2 refuses a kernel of %d on %lld x %lld with padding %d", p.kernel_h,
                  static_cast<long long>(node.input.extent(0)),
                  static_cast<long long>(node.input.extent(1)), p.pad_h);
 }
 
-// Method 1 has kernels for 3 x 3 with padding 1 and strides 1 and 2, and for 1 x 1 alone.
+// Method 1 has kernels for 3 x 3 with padding 1 and strides 1 and 2, and for 1 x 1 alone; types
+// 3 and 4 know the first only.
+bool blocked_computes(int32_t type, const zyn_conv_param& p) {
+  const bool is_3x3 = p.kernel_h == 3 && p.pad_h == 1 && (p.stride_h == 1 || p.stride_h == 2);
+  const bool is_1x1 = p.kernel_h == 1 && p.pad_h == 0 && p.stride_h == 1 && p.groups == 1 &&
+                      type != ZYN_OP_CONV && type != ZYN_OP_CONV_DEPTHWISE;
+  return has_equal_pairs(p) && (is_3x3 || is_1x1);
+}
+
 void check_blocked(zyn_checker* check, const zyn_check_node& node) {
   const zyn_conv_param& p = record(node);
-  const bool plain = p.dilation_h == 1 && p.dilation_w == 1 && p.stride_h == p.stride_w;
-  const bool is_3x3 = p.kernel_h == 3 && p.kernel_w == 3 && p.pad_h == 1 && p.pad_w == 1 &&
-                      (p.stride_h == 1 || p.stride_h == 2);
-  const bool is_1x1 = p.kernel_h == 1 && p.kernel_w == 1 && p.pad_h == 0 && p.pad_w == 0 &&
-                      p.stride_h == 1 && p.groups == 1 && node.type != ZYN_OP_CONV &&
-                      node.type != ZYN_OP_CONV_DEPTHWISE;
-  if (!plain || (!is_3x3 && !is_1x1))
-    check->error(ZYN_CHECK_METHOD, node.id,
-                 "method 1 computes 3 x 3 with padding 1 and strides 1 and 2%s, found %d x %d with "
-                 "padding %d and stride %d; choose method 0 for this node",
-                 node.type == ZYN_OP_CONV || node.type == ZYN_OP_CONV_DEPTHWISE
-                     ? ""
-                     : ", and 1 x 1 with stride 1",
-                 p.kernel_h, p.kernel_w, p.pad_h, p.stride_h);
+  if (blocked_computes(node.type, p)) return;
+  check->error(ZYN_CHECK_METHOD, node.id,
+               "method 1 computes 3 x 3 with padding 1 and strides 1 and 2%s, found %d x %d with "
+               "padding %d and stride %d; choose method 0 for this node",
+               node.type == ZYN_OP_CONV || node.type == ZYN_OP_CONV_DEPTHWISE
+                   ? ""
+                   : ", and 1 x 1 with stride 1",
+               p.kernel_h, p.kernel_w, p.pad_h, p.stride_h);
 }
 
 void check_activation(zyn_checker* check, const zyn_check_node& node) {
@@ -226,6 +234,13 @@ void check_fraction_bits(zyn_checker* check, const zyn_check_node& node) {
 }
 
 }  // namespace
+
+bool zyn_check_method_computes(uint32_t method, int32_t type, const zyn_conv_param& param,
+                               const zyn_check_shape& input) {
+  if (method == 1) return blocked_computes(type, param);
+  return method == 0 || (has_equal_pairs(param) && reaches(param, input) &&
+                         (param.groups == 1 || is_usual_depthwise(param)));
+}
 
 void zyn_check_conv(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output) {
   bool good = zyn_check_reads(check, node, true);

@@ -16,6 +16,7 @@ namespace {
 
 constexpr zyn_net_options kDefaults = ZYN_NET_DEFAULTS;
 constexpr int64_t kMostFileBytes = int64_t{1} << 31;
+constexpr int32_t kTimedRuns = 7;
 constexpr int64_t kMostMemory = int64_t{1} << 31;
 
 int32_t no_memory() { return zyn_refuse(ZYN_RET_ERR_MEMORY, "no memory for the network"); }
@@ -63,10 +64,14 @@ void* read_file(const char* path, int64_t* size) {
   return data.take();
 }
 
-void release(zyn_net* net) {
+void release_graph(zyn_net* net) {
   if (net->graph) zyn_release_computation_graph_handle(&net->graph);
   for (int32_t id = 0; net->tensors && id < net->description.node_count; id++)
     if (net->tensors[id]) zyn_release_tensor(&net->tensors[id]);
+}
+
+void release(zyn_net* net) {
+  release_graph(net);
   for (int32_t i = 0; net->outputs && i < net->description.output_count; i++)
     if (net->outputs[i]) zyn_release_tensor(&net->outputs[i]);
   void* blocks[] = {net->tensors,  net->outputs, net->texts, net->ports, net->nodes,
@@ -97,16 +102,15 @@ int64_t output_bytes(const zyn_net* net, const zyn_checker& checker) {
 
 // Refuses a graph with errors, of which the first is the explanation, and one whose outputs
 // exceed the limit.
-int32_t check_graph(const zyn_net* net) {
-  zyn_checker checker(net->graph);
-  zyn_cg_report* report = checker.run() ? checker.report() : nullptr;
+int32_t check_graph(const zyn_net* net, zyn_checker* checker) {
+  zyn_cg_report* report = checker->run() ? checker->report() : nullptr;
   if (!report) return no_memory();
   const int32_t errors = report->errors;
   if (errors == 1) zyn_explain("%s", report->findings[0].text);
   if (errors > 1) zyn_explain("%s (and %d more)", report->findings[0].text, errors - 1);
   zyn_release_cg_report(&report);
   if (errors > 0) return ZYN_RET_ERR_PARA;
-  const int64_t needed = output_bytes(net, checker);
+  const int64_t needed = output_bytes(net, *checker);
   const int64_t limit = net->options.memory_limit > 0 ? net->options.memory_limit : kMostMemory;
   if (needed <= limit) return ZYN_RET_OK;
   return zyn_refuse(ZYN_RET_ERR_MEMORY,
@@ -125,11 +129,22 @@ int32_t make_tables(zyn_net* net) {
   return net->tensors && net->outputs && net->methods ? ZYN_RET_OK : no_memory();
 }
 
+// The graph is built with method 0, which computes every layer, and examined; then the methods
+// are chosen, and it is built again with those.
+int32_t build(zyn_net* net) {
+  for (int32_t id = 0; id < net->description.node_count; id++)
+    net->methods[id] = zyn_net_has_method(net->file.node(id).type) ? 0 : -1;
+  if (const int32_t code = zyn_net_build(net)) return code;
+  zyn_checker checker(net->graph);
+  if (const int32_t code = check_graph(net, &checker)) return code;
+  if (!zyn_net_choose_methods(net, checker)) return no_memory();
+  release_graph(net);
+  return zyn_net_build(net);
+}
+
 int32_t prepare(zyn_net* net) {
   if (const int32_t code = make_tables(net)) return code;
-  zyn_net_choose_methods(net);
-  if (const int32_t code = zyn_net_build(net)) return code;
-  if (const int32_t code = check_graph(net)) return code;
+  if (const int32_t code = build(net)) return code;
   if (const int32_t code = zyn_prepare_inference_computation(net->graph)) return code;
   zyn_net_describe_nodes(net);
   if (const int32_t code = zyn_net_share_memory(net)) return code;
@@ -139,6 +154,8 @@ int32_t prepare(zyn_net* net) {
 // Takes bytes over. Null with an explanation.
 zyn_net* load(void* bytes, int64_t size, const zyn_net_options& options) {
   const zyn_quiet quiet;
+  const uint64_t before =
+      zyn_get_current_memory_size_occupation() - static_cast<uint64_t>(zyn_block_bytes(bytes));
   void* block = zyn_malloc(sizeof(zyn_net));
   if (!block) {
     zyn_free(bytes);
@@ -151,7 +168,56 @@ zyn_net* load(void* bytes, int64_t size, const zyn_net_options& options) {
   if (check_options(options) != ZYN_RET_OK || net->file.open(bytes, size) != ZYN_RET_OK ||
       prepare(net.get()) != ZYN_RET_OK)
     return nullptr;
+  net->bytes_kept = static_cast<int64_t>(zyn_get_current_memory_size_occupation() - before);
   return net.take();
+}
+
+// A copy of the bytes, loaded. Null with an explanation.
+zyn_net* load_copy(const void* data, int64_t size, const zyn_net_options& options) {
+  zyn_scratch<uint8_t> bytes(size);
+  if (!bytes) {
+    no_memory();
+    return nullptr;
+  }
+  memcpy(bytes.get(), data, static_cast<size_t>(size));
+  return load(bytes.take(), size, options);
+}
+
+// The best of some runs in milliseconds.
+double time_runs(zyn_net* net) {
+  double best = -1;
+  for (int32_t run = 0; run < kTimedRuns; run++) {
+    const double start = zyn_get_current_system_time();
+    if (zyn_net_run(net) != ZYN_RET_OK) return -1;
+    const double taken = zyn_get_current_system_time() - start;
+    if (best < 0 || taken < best) best = taken;
+  }
+  return best;
+}
+
+// The fastest of the table's choice and each method alone.
+zyn_net* load_timed(const void* data, int64_t size, zyn_net_options options) {
+  zyn_net* best = nullptr;
+  double best_time = 0;
+  for (int32_t method = ZYN_NET_AUTOMATIC; method <= 2; method++) {
+    options.method = method;
+    zyn_net* net = load_copy(data, size, options);
+    const double taken = net ? time_runs(net) : -1;
+    const bool better = taken >= 0 && (!best || taken < best_time);
+    zyn_net* worse = better ? best : net;
+    if (worse) release_net(&worse);
+    if (!better) continue;
+    best = net;
+    best_time = taken;
+  }
+  return best;
+}
+
+zyn_net* load_as_asked(void* bytes, int64_t size, const zyn_net_options& options) {
+  if (options.method != ZYN_NET_TIMED) return load(bytes, size, options);
+  zyn_net* net = load_timed(bytes, size, options);
+  zyn_free(bytes);
+  return net;
 }
 
 const zyn_net_port* find_port(const zyn_net_port* ports, int32_t count, const char* name) {
@@ -169,7 +235,7 @@ zyn_net* zyn_net_load(const char* path, const zyn_net_options* options) {
   }
   int64_t size = 0;
   void* bytes = read_file(path, &size);
-  return bytes ? load(bytes, size, options ? *options : kDefaults) : nullptr;
+  return bytes ? load_as_asked(bytes, size, options ? *options : kDefaults) : nullptr;
 }
 
 zyn_net* zyn_net_load_memory(const void* data, int64_t size, const zyn_net_options* options) {
@@ -177,13 +243,9 @@ zyn_net* zyn_net_load_memory(const void* data, int64_t size, const zyn_net_optio
     zyn_explain("there is no file at null, or of %lld bytes", static_cast<long long>(size));
     return nullptr;
   }
-  zyn_scratch<uint8_t> bytes(size);
-  if (!bytes) {
-    no_memory();
-    return nullptr;
-  }
-  memcpy(bytes.get(), data, static_cast<size_t>(size));
-  return load(bytes.take(), size, options ? *options : kDefaults);
+  const zyn_net_options& asked = options ? *options : kDefaults;
+  return asked.method == ZYN_NET_TIMED ? load_timed(data, size, asked)
+                                       : load_copy(data, size, asked);
 }
 
 int32_t zyn_net_release(zyn_net** net) {

@@ -118,11 +118,3 @@ int32_t zyn_net_build(zyn_net* net) {
     if (const int32_t code = bind_node(net, id, &words, &inputs)) return code;
   return ZYN_RET_OK;
 }
-
-void zyn_net_choose_methods(zyn_net* net) {
-  for (int32_t id = 0; id < net->description.node_count; id++) {
-    const bool chooses = zyn_net_has_method(net->file.node(id).type);
-    const int32_t asked = net->options.method >= 0 ? net->options.method : 2;
-    net->methods[id] = chooses ? asked : -1;
-  }
-}

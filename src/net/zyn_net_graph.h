@@ -8,6 +8,8 @@
 #include "net/zyn_net_file.h"
 #include "zyncore_net.h"
 
+class zyn_checker;
+
 // What a network owns; released in zyn_net_release.
 struct zyn_net {
   zyn_cg_handle* graph;
@@ -16,6 +18,7 @@ struct zyn_net {
   zyn_tensor** tensors;   // by node: inputs and constants, else null
   zyn_tensor** outputs;   // by output: a planar copy where the node's is blocked, or null
   void* block;            // all outputs of the graph share it
+  int64_t bytes_kept;     // that loading allocated
   char* texts;            // every text of the file with a zero behind it
   zyn_net_port* ports;    // inputs, then outputs
   zyn_net_node* nodes;    // by id
@@ -25,8 +28,9 @@ struct zyn_net {
   zyn_net_description description;
 };
 
-// Chooses net->methods by the options and the file.
-void zyn_net_choose_methods(zyn_net* net);
+// Chooses net->methods by the options and the file, or by what each would take. The graph is
+// built and has been examined without errors. False without memory.
+bool zyn_net_choose_methods(zyn_net* net, const zyn_checker& checker);
 
 // The graph of the network's file, every operator bound; convolutions take their method from
 // net->methods. 0 or a code with an explanation; what was made stays in net.

@@ -3,6 +3,7 @@
 #include "cg/cpu/ops/zyn_cg_conv.h"
 
 #include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
+#include "cg/cpu/kernels/planned/zyn_conv_plan.h"
 #include "cg/cpu/ops/zyn_cg_operators.h"
 
 namespace {
@@ -146,6 +147,15 @@ int32_t prepare_plain(zyn_cg_handle* graph, int32_t node) {
       conv_extent(dims[1], s.kernel_y, s.pad_y, s.stride_y, s.dilation_y), nullptr);
 }
 
+// The state of a node of one of the types here; null for others.
+zyn_cg_conv_state* find_state(zyn_cg_handle* graph, int32_t node) {
+  const int32_t type = zyn_cg_node_type(graph, node);
+  const bool is_one = type == ZYN_OP_CONV || type == ZYN_OP_CONV_DEPTHWISE ||
+                      type == ZYN_OP_CONV_POINTWISE || type == ZYN_OP_CONV_ACT ||
+                      type == ZYN_OP_CONV_BN;
+  return is_one ? zyn_cg_state<zyn_cg_conv_state>(graph, node) : nullptr;
+}
+
 }  // namespace
 
 int32_t zyn_cg_bind_conv_state(zyn_cg_handle* graph, int32_t node, const void* param, uint32_t type,
@@ -224,12 +234,24 @@ int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilo
   return static_cast<int32_t>(code);
 }
 
+bool zyn_cg_conv_memory(zyn_cg_handle* graph, int32_t node, int64_t* weights, int64_t* scratch) {
+  const zyn_cg_conv_state* state = find_state(graph, node);
+  if (!state) return false;
+  const auto bytes_of = [](const zyn_tensor* tensor) { return tensor ? tensor->byte_size : 0; };
+  *weights = bytes_of(state->folded) + bytes_of(state->biases) + bytes_of(state->quantized) +
+             zyn_block_bytes(state->fixed.packed);
+  *scratch = bytes_of(state->planar);
+  if (state->blocked) *weights += bytes_of(state->blocked->packed);
+  if (state->plan) {
+    *weights += zyn_block_bytes(state->plan->weights);
+    *scratch += zyn_block_bytes(state->plan->scratch.block);
+  }
+  return true;
+}
+
 bool zyn_cg_conv_drop_weights(zyn_cg_handle* graph, int32_t node) {
-  const int32_t type = zyn_cg_node_type(graph, node);
-  if (type != ZYN_OP_CONV && type != ZYN_OP_CONV_DEPTHWISE && type != ZYN_OP_CONV_POINTWISE &&
-      type != ZYN_OP_CONV_ACT && type != ZYN_OP_CONV_BN)
-    return false;
-  auto* state = zyn_cg_state<zyn_cg_conv_state>(graph, node);
+  zyn_cg_conv_state* state = find_state(graph, node);
+  if (!state) return false;
   if (state->fixed_point == 1) return state->fixed.weights != nullptr;
   if (state->method == 0 || !state->weights || !state->weights->data) return false;
   const bool has_bias = state->folded || state->param.bias == 1;

@@ -66,6 +66,10 @@ int32_t zyn_cg_conv_run_fixed(zyn_cg_conv_state* state, bool has_bias, int32_t c
 // where runs read the weights as they lie, for other types, and without memory.
 bool zyn_cg_conv_drop_weights(zyn_cg_handle* graph, int32_t node);
 
+// Bytes of what a prepared convolution holds: weights beside its constant, and scratch. False
+// for other types.
+bool zyn_cg_conv_memory(zyn_cg_handle* graph, int32_t node, int64_t* weights, int64_t* scratch);
+
 // The biases behind the weights, where the record has some; null otherwise.
 const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state);
 
