@@ -29,13 +29,14 @@ extern "C" {
 /* Explanations                                                               */
 /* ------------------------------------------------------------------------ */
 
-/* Why the latest failing call of this thread failed, of any function of the library's
- * headers: one line without a line end that names what was expected and what was found,
- * and in graphs the node by id, name and operator:
+/* Why the latest failing call of this thread failed: one line without a line end. Calls of
+ * this header, and binding, preparing and running graphs, name what was expected and what was
+ * found, and in graphs the node by id, name and operator:
  *   node 3 'head.cls' CONV: constant holds 216 floats, 8 x 3 x 3 x 3 weights + 8 biases =
  *   224 are needed
- * Empty before the first failure. The text is the thread's own, UTF-8, at most 511 bytes,
- * and stays until the thread's next failing call; calls that succeed leave it alone. */
+ * Of the other calls of zyncore.h those that print a report leave its message here; their
+ * silent failures leave the text as it is. Empty before the first failure. The text is the
+ * thread's own, UTF-8, at most 511 bytes; calls that succeed leave it alone. */
 ZYN_API const char* zyn_error_detail(void);
 
 /* Receives what the library would print: one call for every report or notice, text as it

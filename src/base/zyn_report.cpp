@@ -4,7 +4,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 
-#include "zyncore_net.h"
+#include "base/zyn_explain.h"
 
 const char* const zyn_error_string[13] = {
     ZYN_MSG_OK,        ZYN_MSG_PARA,          ZYN_MSG_MEMORY,  ZYN_MSG_NOT_SUPPORT,
@@ -44,6 +44,7 @@ void zyn_print(const char* format, ...) {
 }
 
 void zyn_report(const zyn_site& site) {
+  zyn_explain("%s (%s:%d)", site.message, site.path, static_cast<int>(site.line));
   zyn_print("Error occurred: %s \nError position:\nFile:%s:%d\n", site.message, site.path,
             static_cast<int>(site.line));
 }
