@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# check_exports.sh LIBRARY EXPORTS HEADER: the three must name the same functions and
+# check_exports.sh LIBRARY EXPORTS HEADERS: the three must name the same functions and
 # data, and the library may depend on system libraries only.
 set -u
-library=$1 exports=$2 header=$3
+library=$1 exports=$2 headers=$3
 expected=$(grep -E '^zyn_' "$exports" | tr -d '\r' | LC_ALL=C sort)
-declared=$(grep -oE 'zyn_[A-Za-z0-9_]+(\(|\[13\];|;)' <(tr '\n' ' ' <"$header" | grep -oE 'ZYN_API [^;(]*[;(]') |
+declared=$(grep -oE 'zyn_[A-Za-z0-9_]+(\(|\[13\];|;)' <(cat "$headers"/*.h | tr '\n' ' ' | grep -oE 'ZYN_API [^;(]*[;(]') |
   sed 's/[(\[;].*//' | LC_ALL=C sort -u)
 case $library in
   *.dll)

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the library into a folder of its own, moves it, and builds C and C++ programs against
 # it as a host does: check_install.sh CMAKE BUILD_FOLDER SOURCE_FOLDER VERSION. All link the
-# shared library, one the static one as well; the README's program is taken from its text.
+# shared library, one the static one as well; the programs of the README and of docs/networks.md
+# are taken from their texts, and the latter reads a file that the Python writer made.
 set -euo pipefail
 cmake=$1
 build=$2
@@ -24,7 +25,7 @@ find_package(zyncore 1.0 REQUIRED)
 set(CMAKE_C_STANDARD 99)
 set(CMAKE_C_EXTENSIONS OFF)
 add_compile_options(-pedantic -Wall -Wextra -Werror)
-foreach(name host readme)
+foreach(name host readme network)
   add_executable(${name}_c ${name}.c)
   target_link_libraries(${name}_c zyncore::zyncore)
 endforeach()
@@ -32,6 +33,8 @@ add_executable(host_static host.c)
 target_link_libraries(host_static zyncore::zyncore_static)
 add_executable(host_cpp host.cpp)
 target_link_libraries(host_cpp zyncore::zyncore)
+add_executable(network_cpp network.cpp)
+target_link_libraries(network_cpp zyncore::zyncore)
 END_OF_HOST
 cat >"$work/host/host.c" <<'END_OF_HOST'
 #include <zyncore.h>
@@ -45,7 +48,11 @@ int main(void) {
 }
 END_OF_HOST
 cp "$work/host/host.c" "$work/host/host.cpp"
-sed -n '/^```c$/,/^```$/{/^```/!p}' "$readme" >"$work/host/readme.c"
+program_of() { sed -n '/^```c$/,/^```$/p' "$1" | sed '1d;/^```$/,$d'; } # the first one of a page
+program_of "$readme" >"$work/host/readme.c"
+# C++ asks for the casts that C leaves out.
+program_of "$3/docs/networks.md" >"$work/host/network.c"
+sed 's/float\* pixels = /&(float*)/' "$work/host/network.c" >"$work/host/network.cpp"
 
 quietly "$cmake" --install "$build" --prefix "$work/prefix"
 mv "$work/prefix" "$work/moved"
@@ -56,6 +63,28 @@ for program in host_c host_static host_cpp; do
 done
 "$work/out/readme_c" >"$work/said"
 grep -qx 'corner 9, middle 19' "$work/said" || fail "the README's program says: $(cat "$work/said")"
+
+if /usr/bin/python3 -c 'import numpy' 2>/dev/null; then
+  PYTHONPATH=$3/python /usr/bin/python3 -B - "$work/ones.zyn" <<'END_OF_WRITER'
+import sys
+import numpy as np
+from zyncore.netfile import Writer
+net = Writer()
+image = net.input("image", (4, 3, 1))
+ones = net.constant("ones", np.r_[np.ones(9), 2.5])
+conv = net.node("CONV", "sum", [image, ones], [1, 1, 3, 3, 1, 1, 1, 1, 0, 0, 1, 1, 1, 1, 0, 0])
+net.output("sums", conv)
+net.metadata("origin", "a test")
+net.write(sys.argv[1])
+END_OF_WRITER
+  for program in network_c network_cpp; do
+    [ "$("$work/out/$program" "$work/ones.zyn")" = 2.5 ] || fail "$program: not 2.5"
+  done
+else
+  echo "no numpy: the Python writer is passed over"
+fi
+! "$work/out/network_c" "$readme" >"$work/said" || fail "a README is taken for a network"
+grep -q 'this is no network file' "$work/said" || fail "not explained: $(cat "$work/said")"
 
 if command -v pkg-config >/dev/null; then
   pc=$(find "$work/moved" -name zyncore.pc)

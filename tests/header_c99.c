@@ -1,8 +1,9 @@
-/* Compiles the public header as C99, and pins the record layouts that other
+/* Compiles the public headers as C99, and pins the record layouts that other
  * compilers and languages rely on. */
 #include <stddef.h>
 
 #include "zyncore.h"
+#include "zyncore_net.h"
 
 #define HOLDS(name, condition) typedef char name[(condition) ? 1 : -1]
 
