@@ -373,7 +373,7 @@ TEST(Sort, TracksUpdatedMoreOftenThanPredictedAreListedFromMinHitsOn) {
 
 TEST(Sort, AnyMaskByteButZeroCreatesButOnlyOneCorrects) {
   const uint8_t masks[3] = {0, 1, 2};
-  Pair pair(5), by_id(5, 1, 3);
+  Pair pair(5, 1, 3), by_id(5, 1, 3);
   pair.update(row_of_boxes(3), {-1, -1, -1}, masks);
   EXPECT_EQ(pair.sort->count, 2);
   pair.predict();
@@ -386,6 +386,11 @@ TEST(Sort, AnyMaskByteButZeroCreatesButOnlyOneCorrects) {
   by_id.update_ids(row_of_boxes(1), {-1}, masks);
   EXPECT_TRUE(by_id.sort->count == 128 && by_id.sort->payload_slots == 256)
       << "a masked-out detection makes room all the same";
+  pair.update(row_of_boxes(127), Ids(127, -1));
+  EXPECT_TRUE(pair.sort->count == 129 && pair.sort->payload_slots == 128)
+      << "the first variant leaves the payloads alone";
+  pair.update_ids({}, {});
+  pair.predict();
 }
 
 TEST(Sort, FailuresInTheMiddleReport) {
