@@ -164,20 +164,15 @@ TEST(MatrixContracts, RefusalsKeepTheirSites) {
   EXPECT_SAYS(zyn_matrix_transpose(&view, &a), 1, l2(kPara, 1417));
   EXPECT_SAYS(zyn_matrix_transpose(&bytes_t, &bytes), 4, l2(kSupport, 1425));
 
-  const struct {
-    zyn_matrix *c, *a, *b;
-    const float* alpha;
-    int code;
-    std::string text;
-  } products[] = {{&b, &a, null, &one, 1, l3("ZYN_RET_ERR_PARA", 47)},
-                  {&b, &a, &wide, &one, 1, l3("ZYN_RET_ERR_PARA", 47)},
-                  {&b, &pages, &a, &one, 1, l3("ZYN_RET_ERR_PARA", 47)},
-                  {&b, &a, &t, nullptr, 1, l3("ZYN_RET_ERR_PARA", 47)},
-                  {&b, &a, &a, &one, 1, ""},
-                  {&small, &small, &small, &one, 4, l3("ZYN_RET_ERR_NOT_SUPPORT", 120)},
-                  {&shorts, &shorts, &shorts, &one, 4, l3("ZYN_RET_ERR_NOT_SUPPORT", 185)}};
-  for (const auto& p : products)
-    EXPECT_SAYS(zyn_matrix_gemm(p.c, p.a, p.b, 0, p.alpha, &one), p.code, p.text);
+  const auto product = [&](zyn_matrix* c, zyn_matrix* x, zyn_matrix* y, const float* alpha) {
+    return zyn_matrix_gemm(c, x, y, 0, alpha, &one);
+  };
+  const std::string gemm = l3("ZYN_RET_ERR_PARA", 47), other = "ZYN_RET_ERR_NOT_SUPPORT";
+  for (zyn_matrix* y : {null, &wide, &pages, &none}) EXPECT_SAYS(product(&b, &a, y, &one), 1, gemm);
+  EXPECT_SAYS(product(&b, &a, &t, nullptr), 1, gemm);
+  EXPECT_SAYS(product(&b, &a, &a, &one), 1, "");
+  EXPECT_SAYS(product(&small, &small, &small, &one), 4, l3(other, 120));
+  EXPECT_SAYS(product(&shorts, &shorts, &shorts, &one), 4, l3(other, 185));
 
   // Refused calls draw nothing from the process's sequence, which has a program of its own.
   for (zyn_matrix* m : {null, &none})

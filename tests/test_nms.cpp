@@ -148,15 +148,17 @@ TEST(Nms, AnOverlapEqualToTheThresholdSurvivesAndTheNextFloatDoesNot) {
   Random random(5);
   for (int i = 0; i < 200; i++) {
     const zyn_detection a = at(0, 0, random.real(1, 9), random.real(1, 9), 0.9f);
-    const zyn_detection b{random.real(0, 1), random.real(0, 1), random.real(1, 9),
-                          random.real(1, 9), 0.8f};
+    // Half of them as nested as the threshold allows.
+    zyn_detection b{0, 0, a.x2 * random.real(0.1f, 1), a.y2, 0.8f};
+    if (i % 2)
+      b = {random.real(0, 1), random.real(0, 1), random.real(1, 9), random.real(1, 9), 0.8f};
     const float threshold = overlap(a, b);
     if (!(threshold > 0)) continue;
     // Alone, and on grids with others far away.
     for (int others : {0, 1200}) {
       Boxes in{b, a}, out(others + 2);
       for (int k = 0; k < others; k++)
-        in.push_back(at(100 + 9.0f * static_cast<float>(k), 0, 5, 5, 0));
+        in.push_back(at(100 + 900.0f * static_cast<float>(k), 0, 500, 500, 0));
       EXPECT_EQ(zyn_ssd_nms(out.data(), in.data(), others + 2, threshold), others + 2);
       EXPECT_EQ(zyn_ssd_nms(out.data(), in.data(), others + 2, nextafterf(threshold, 0)),
                 others + 1);

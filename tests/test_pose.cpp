@@ -18,6 +18,7 @@ vec operator+(const vec& a, const vec& b) {
 vec operator*(real s, const vec& a) { return {{s * a.x[0], s * a.x[1], s * a.x[2]}}; }
 vec operator-(const vec& a, const vec& b) { return a + -1 * b; }
 real dot(const vec& a, const vec& b) { return a.x[0] * b.x[0] + a.x[1] * b.x[1] + a.x[2] * b.x[2]; }
+vec unit(const vec& a) { return 1 / sqrtl(dot(a, a)) * a; }
 vec cross(const vec& a, const vec& b) {
   return {{a.x[1] * b.x[2] - a.x[2] * b.x[1], a.x[2] * b.x[0] - a.x[0] * b.x[2],
            a.x[0] * b.x[1] - a.x[1] * b.x[0]}};
@@ -81,21 +82,6 @@ struct View {
   }
 };
 
-// A random rotation, from a quaternion.
-Pose random_rotation(Random& random) {
-  real q[4], size = 0;
-  for (real& x : q) {
-    x = random.real(-1, 1);
-    size += x * x;
-  }
-  for (real& x : q) x /= sqrtl(size);
-  const real w = q[0], x = q[1], y = q[2], z = q[3];
-  return {{{{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)}},
-           {{2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)}},
-           {{2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}}},
-          {{0, 0, 0}}};
-}
-
 // Points of a cube of side 2, 2.5 to 10 in front of a camera of 400 to 1200 pixels focal
 // length; returns their pose.
 Pose random_view(Random& random, View* view) {
@@ -103,8 +89,12 @@ Pose random_view(Random& random, View* view) {
   view->camera[2] = random.real(300, 700);
   view->camera[4] = view->camera[0] * random.real(0.9f, 1.1f);
   view->camera[5] = random.real(200, 400);
-  Pose truth = random_rotation(random);
-  truth.t = {{random.real(-2, 2), random.real(-2, 2), random.real(2.5f, 10)}};
+  const auto direction = [&] {
+    return vec{{random.real(-1, 1), random.real(-1, 1), random.real(-1, 1)}};
+  };
+  const vec x = unit(direction()), z = unit(cross(x, direction()));
+  const Pose truth{{x, cross(z, x), z},
+                   {{random.real(-2, 2), random.real(-2, 2), random.real(2.5f, 10)}}};
   for (float& w : view->world) w = random.real(-1, 1);
   for (int i = 0; i < 6; i++)
     view->image[i] = static_cast<float>(view->project(truth.apply(view->point(i / 2)), i % 2));
@@ -146,7 +136,7 @@ TEST(Pose, PointsOnAGrid) {
         const real pixel = view.project(p, i % 2);
         view.image[i] = static_cast<float>(pixel);
         exact = exact && view.image[i] == pixel;
-        rays[i / 2] = 1 / sqrtl(dot(p, p)) * p;
+        rays[i / 2] = unit(p);
       }
       const vec normal = cross(view.point(1) - view.point(0), view.point(2) - view.point(0));
       if (!exact || dot(normal, normal) == 0 ||
@@ -166,29 +156,28 @@ TEST(Pose, DegenerateViews) {
   for (int i = 0; i < cases; i++) {
     View view;
     random_view(random, &view);
-    float* const w = view.world;
-    float* const p = view.image;
-    const float blend = random.real(-2, 2);
-    const int a = random.integer(0, 2), b = (a + 1) % 3, c = (a + 2) % 3;
-    // Puts point a on the line of the others; with 0 onto point b.
-    const auto align = [&](float* points, int axes, float way) {
+    float *const w = view.world, *const p = view.image;
+    const float blend = i % 20 < 10 ? random.real(-2, 2) : 0;
+    const int a = random.integer(0, 2), b = (a + 1) % 3, c = (a + 2) % 3, part = i / 20;
+    // Puts point a on the line of the others, or onto point b.
+    const auto align = [&](float* points, int axes) {
       for (int k = 0; k < axes; k++) {
         const float from = points[axes * b + k];
-        points[axes * a + k] = from + way * (points[axes * c + k] - from);
+        points[axes * a + k] = from + blend * (points[axes * c + k] - from);
       }
     };
-    const int kind = i % 10, part = i / 20;
-    if (kind < 2) align(w, 3, kind ? 0 : blend);
-    if (kind == 2 || kind == 3) align(p, 2, kind == 3 ? 0 : blend);
-    if (kind == 6) view.camera[random.integer(0, 1) * 4] = 0;
-    if (kind == 7) (i % 20 < 10 ? w[part % 9] : p[part % 6]) = i % 40 < 20 ? NAN : -INFINITY;
+    const int kind = i % 8;
+    if (kind == 0) align(w, 3);
+    if (kind == 1) align(p, 2);
+    if (kind == 2) view.camera[random.integer(0, 1) * 4] = 0;
+    if (kind == 3) (i % 20 < 10 ? w[part % 9] : p[part % 6]) = i % 40 < 20 ? NAN : -INFINITY;
     for (int k = 0; k < 9; k++) {
       if (kind == 4) w[k] = w[k % 3];
-      if (kind == 8) w[k] *= i % 20 < 10 ? 1e38f : 1e-38f;
+      if (kind == 5) w[k] *= i % 20 < 10 ? 1e38f : 1e-38f;
     }
     for (int k = 0; k < 6; k++) {
-      if (kind == 5) p[k] = p[k % 2];
-      if (kind == 9) p[k] = random.real(-3000, 3000);  // pixels that show other points
+      if (kind == 6) p[k] = p[k % 2];
+      if (kind == 7) p[k] = random.real(-3000, 3000);  // pixels that show other points
     }
     ASSERT_NO_FATAL_FAILURE(view.solve(false)) << i;
   }

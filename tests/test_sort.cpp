@@ -236,7 +236,7 @@ TEST(Sort, FollowsTheModelOverRandomFrames) {
     uint64_t first_id;
     bool grows = false;
   } settings[] = {{0, 1, 0, 0},  {1, 3, 8, INT32_MAX - 40},        {3, 2, 1, 0},
-                  {7, 5, 20, 0}, {2, 1, 5, INT32_MAX - 120, true}, {2, 1, 0, 0, true}};
+                  {7, 5, 20, 0}, {0, 1, 5, INT32_MAX - 120, true}, {2, 1, 0, 0, true}};
   for (const auto& s : settings)
     for (uint64_t seed = 0; seed < 6; seed++) {
       Pair pair(s.max_age, s.min_hits, s.payload, s.first_id);
@@ -333,13 +333,16 @@ TEST(Sort, IndicesOutsideTheirArraysChangeNothing) {
   const struct {
     int32_t d, t, unmatched;
     bool fits = false;
-  } cases[] = {{0, 0, 1, true}, {0, 3, 1, true}, {-1, 0, 1}, {2, 0, 1},
-               {0, -1, 1},      {0, 5, 1},       {0, 0, -1}, {0, 0, 2}};  // 3: the track just made
+    uint8_t mask = 1;
+  } cases[] = {{0, 0, 1, true},     {0, 3, 1, true},  // the track just made
+               {0, 4, 1, false, 0},                   // and one that is not
+               {-1, 0, 1},          {2, 0, 1},       {0, -1, 1}, {0, 5, 1}, {0, 0, -1}, {0, 0, 2}};
   for (const auto& c : cases) {
     int32_t match[2] = {c.d, c.t}, unmatched = c.unmatched, ids[2] = {55, 55};
+    const uint8_t mask[2] = {1, c.mask};
     const int32_t before = pair.sort->count;
     const zyn_sort_match_info info{1, 1, match, &unmatched};
-    EXPECT_EQ(zyn_sort_update_detection(boxes.data(), ids, nullptr, 2, &info, pair.sort), !c.fits);
+    EXPECT_EQ(zyn_sort_update_detection(boxes.data(), ids, mask, 2, &info, pair.sort), !c.fits);
     EXPECT_EQ(pair.sort->count, before + c.fits) << c.d << " " << c.t << " " << c.unmatched;
     EXPECT_EQ(ids[0] == 55 && ids[1] == 55, !c.fits);
   }
