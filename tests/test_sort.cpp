@@ -244,7 +244,7 @@ TEST(Sort, FollowsTheModelOverRandomFrames) {
       for (int f = 0; f < (s.grows ? 7 : soak(400, 5000)); f++) {
         SCOPED_TRACE(testing::Message()
                      << "payload " << s.payload << " seed " << seed << ": " << f);
-        const int many[7] = {100, 60, 90, 40, 30, 0, 0},
+        const int many[7] = {128, 60, 90, 40, 30, 0, 0},
                   tracks = static_cast<int>(pair.tracks.size());
         if (s.grows && f == 3) pair.restart_ids(30);
         random_frame(pair, random,
