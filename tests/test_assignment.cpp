@@ -214,9 +214,9 @@ TEST(Association, RefusesMissingDetectionsAndZeroCounts) {
   const std::string no_matrix = report("parameters error!", "src/matrix/zyn_matrix_core.cpp", 43) +
                                 tracking_report(kMemory, 1202);
   const std::pair<int, int> counts[] = {{0, 1}, {1, 0}, {-1, 1}, {1, -3}};
-  for (auto [d, t] : counts)
-    EXPECT_SAYS(zyn_associate_detections_to_trackers(&box, d, &box, t, 0), nullptr,
-                d != 0 && t != 0 ? no_matrix : refused);
+  for (const auto& c : counts)
+    EXPECT_SAYS(zyn_associate_detections_to_trackers(&box, c.first, &box, c.second, 0), nullptr,
+                c.first != 0 && c.second != 0 ? no_matrix : refused);
   EXPECT_SAYS(zyn_associate_detections_to_trackers(nullptr, 1, &box, 1, 0), nullptr, refused);
   const Boxes sides[][2] = {
       {{bad, bad}, {bad, bad}}, {{good, bad}, {box, good}}, {{box, good}, {bad, good}}};
