@@ -75,21 +75,19 @@ class Net {
   explicit Net(uint32_t fixed_point = 0) : settings_{256, 1, {0, 0}, fixed_point} {}
   ~Net() {
     zyn_release_computation_graph_handle(&graph_);
-    for (Data& data : data_)
-      if (data.block) zyn_release_tensor(&data.tensor);
+    for (Data& data : data_) zyn_release_tensor(&data.tensor);
   }
   Net(const Net&) = delete;
   Net& operator=(const Net&) = delete;
 
   int input(const Array& a, uint32_t layout = 0) { return add_data(ZYN_OP_INPUT, a, layout); }
   int constant(const Array& a) { return add_data(ZYN_OP_CONSTANT, a, 0); }
-  // A data node for a tensor of the test's own.
+  // A data node for a tensor of the test's making, released with the net.
   int tensor(int type, zyn_tensor* own) {
     nodes_.push_back({type, {}, {}, static_cast<int>(data_.size())});
     data_.push_back({own, nullptr});
     return static_cast<int>(nodes_.size()) - 1;
   }
-  bool is_data(int id) const { return nodes_[id].data >= 0; }
   bool is_input(int id) const { return nodes_[id].type == ZYN_OP_INPUT; }
   // An operator with its record (copied; lists it points at must outlive make()).
   template <typename Record>
