@@ -1,6 +1,5 @@
 // The graph engine: handle, edges, order, binding, and the loops that drive the
 // operators, seen through a fake operator that logs its calls.
-#include <set>
 #include <vector>
 
 #include "cg/cpu/zyn_cg.h"
@@ -131,10 +130,9 @@ TEST(GraphHandle, DefaultsSettingsAndNotices) {
 TEST(GraphHandle, HugeMaximaCostNothing) {
   const uint64_t before = zyn_get_current_memory_size_occupation();
   Graph graph({}, INT32_MAX);
-  ASSERT_NE(graph.handle, nullptr);
   EXPECT_LT(zyn_get_current_memory_size_occupation() - before, 100000u);
   for (int32_t id = 4999; id > 0; id--) ASSERT_EQ(graph.edge(id - 1, id), 0);
-  EXPECT_EQ(zyn_darray_ids(zyn_cg_inputs(graph.handle, 4999))[0], 4998);
+  EXPECT_EQ(ids(zyn_cg_inputs(graph.handle, 4999)), Ids{4998});
   EXPECT_EQ(graph.sort(), 0);
   EXPECT_EQ(graph.order()[4999], 4999);
   for (int32_t far : {1 << 20, INT32_MAX - 1}) {
@@ -142,7 +140,6 @@ TEST(GraphHandle, HugeMaximaCostNothing) {
     EXPECT_EQ(zyn_cg_inputs(graph.handle, far), nullptr);
   }
   EXPECT_LT(zyn_get_current_memory_size_occupation() - before, 2000000u);
-  EXPECT_SAYS(graph.sort(), 32, order_report(kCycle, 108));
 }
 
 TEST(GraphHandle, FailedCreationIsReported) {
@@ -389,18 +386,6 @@ TEST(GraphOutput, OnlyBoundOperatorsHaveOne) {
   EXPECT_SAYS(graph.output(0), nullptr, "");  // no output slot
   graph.handle->bound[1] = 0;
   EXPECT_SAYS(graph.output(1), nullptr, "");  // flag taken away
-}
-
-// What the rows do shows in the operators' own tests.
-TEST(GraphRegistry, EmptyRowsAndSecondOutputs) {
-  Graph graph;
-  const std::set<int32_t> empty = {0, 1, 2, 14, 17, 18, 19, 26, 29, 36, 37, 38, 39, 40};
-  for (int32_t type = 0; type < kZynOperatorTypes; type++) {
-    const zyn_cg_operator& row = graph.handle->operators[type];
-    const int filled = !!row.bind + !!row.prepare + !!row.release + !!row.output;
-    EXPECT_EQ(filled, empty.count(type) ? 0 : 4) << type;
-    EXPECT_EQ(row.second_output, type == 25 || type == 27 ? row.output : nullptr) << type;
-  }
 }
 
 }  // namespace
