@@ -236,6 +236,7 @@ TEST(Ops, RecordsThatDoNotFitAreRefused) {
                          {0, 7, 0, 1, 0},
                          {0, 2, 2, 2, 0},
                          {0, 2, -1, 1, 0},
+                         {0, 3, 6, -1, 0},
                          {0, 1, 0, 1 << 30, 0}})
     expect_each<Slice>("p1", ZYN_OP_CHANNEL_SLICE, block, 0, {p});
   expect_each<Slice>("", ZYN_OP_CHANNEL_SLICE, block, 0, {{0, 1, 5, -1, 0}, {0, 6, 5, 1000, 0}});

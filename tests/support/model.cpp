@@ -4,10 +4,7 @@
 
 namespace zyn_test {
 
-size_t Model::root(int id) const {
-  while (steps_[id].in_place >= 0) id = steps_[id].in_place;
-  return static_cast<size_t>(id);
-}
+int Model::root(int id) const { return steps_[id].in_place < 0 ? id : root(steps_[id].in_place); }
 
 int Model::note(int id, int type, std::vector<int> from, Formula formula, int in_place) {
   std::vector<const Array*> inputs;
@@ -151,12 +148,11 @@ int Model::add_norm(int type) {
   Array stats = random_array(random, {4 * c}, -1, 1);
   for (int i = 0; i < c; i++) {
     stats.v[i] += 1.2;
-    double& variance = stats.v[3 * c + i];
-    variance = std::fabs(variance) + 0.4;
+    stats.v[3 * c + i] = std::fabs(stats.v[3 * c + i]) + 0.4;  // variances
   }
   const zyn_bn_param p = {random.real(0, 0.01f), 77};
-  const int k = constant(stats);
-  return op(type, p, {in, k}, [p](Inputs a) { return reference_norm(*a[0], *a[1], p); });
+  return op(type, p, {in, constant(stats)},
+            [p](Inputs a) { return reference_norm(*a[0], *a[1], p); });
 }
 
 int Model::add_pool(int type) {
@@ -168,7 +164,7 @@ int Model::add_pool(int type) {
   p.stride_w = random.integer(0, 3) ? p.kernel_w : random.integer(1, 4);
   if (a.w() < p.kernel_h || a.h() < p.kernel_w) p = {1, 1, 1, 1, 0};
   const bool max = type == ZYN_OP_MAX_POOL;
-  return op(type, p, {in}, [=](Inputs arrays) { return reference_pool(*arrays[0], p, max); });
+  return op(type, p, {in}, [=](Inputs x) { return reference_pool(*x[0], p, max); });
 }
 
 int Model::add_linear(int type) {
@@ -178,8 +174,7 @@ int Model::add_linear(int type) {
                               static_cast<uint32_t>(random.integer(1, 40)),
                               static_cast<uint32_t>(random.integer(0, 2))};
   const int k = constant(small_weights(a.w(), static_cast<int>(p.out_features), 1));
-  return op(type, p, {k, in},
-            [p](Inputs arrays) { return reference_linear(*arrays[1], *arrays[0], p); });
+  return op(type, p, {k, in}, [p](Inputs x) { return reference_linear(*x[1], *x[0], p); });
 }
 
 int Model::add_resample(int type) {
@@ -190,21 +185,18 @@ int Model::add_resample(int type) {
   const Array& a = shape(in);
   if (static_cast<float>(a.w()) * p.factor_h < 1) p.factor_h = 1;
   if (static_cast<float>(a.h()) * p.factor_w < 1) p.factor_w = 1;
-  return op(type, p, {in}, [p](Inputs arrays) { return reference_resample(*arrays[0], p); });
+  return op(type, p, {in}, [p](Inputs x) { return reference_resample(*x[0], p); });
 }
 
 int Model::add_affine(int type) {
   const int in = pick(3, 1200);
   const Array& a = shape(in);
   Array m = random_array(random, {6}, -1, 1);
-  m.v[0] += 1;
-  m.v[4] += 1;
-  m.v[2] *= a.w();
-  m.v[5] *= a.h();
+  m.v[0] += 1, m.v[4] += 1;
+  m.v[2] *= a.w(), m.v[5] *= a.h();
   const zyn_affine_param p = {random.real(1, 1.6f), random.real(1, 1.6f)};
   const int k = random.integer(0, 1) ? constant(m) : input(m);
-  return op(type, p, {in, k},
-            [p](Inputs arrays) { return reference_affine(*arrays[0], *arrays[1], p); });
+  return op(type, p, {in, k}, [p](Inputs x) { return reference_affine(*x[0], *x[1], p); });
 }
 
 int Model::add_reshape(int type) {
@@ -221,7 +213,7 @@ int Model::add_reshape(int type) {
   zyn_reshape_param p = {static_cast<int32_t>(dims.size()), {}};
   std::copy(dims.begin(), dims.end(), p.dims);
   if (random.integer(0, 1)) p.dims[random.integer(0, p.count - 1)] = -1;
-  return op(type, p, {in}, [dims](Inputs arrays) { return reference_reshape(*arrays[0], dims); });
+  return op(type, p, {in}, [dims](Inputs x) { return reference_reshape(*x[0], dims); });
 }
 
 int Model::add_concat(int type) {
@@ -241,9 +233,9 @@ int Model::add_concat(int type) {
   const zyn_concat_param p = {axis, static_cast<int32_t>(order.size()), lists_.back().data()};
   std::vector<size_t> places;
   for (int id : order) places.push_back(std::find(from.begin(), from.end(), id) - from.begin());
-  return op(type, p, from, [=](Inputs arrays) {
+  return op(type, p, from, [=](Inputs x) {
     std::vector<const Array*> listed;
-    for (size_t place : places) listed.push_back(arrays[place]);
+    for (size_t place : places) listed.push_back(x[place]);
     return reference_concat(listed, axis);
   });
 }
@@ -293,7 +285,7 @@ int Model::add_conv(int type) {
   const int taps = p.kernel_h * p.kernel_w * p.in_channels / p.groups;
   const int k = constant(small_weights(taps, p.out_channels, 1));
   return op(type, p, {in, k},
-            [=](Inputs arrays) { return reference_conv(*arrays[0], *arrays[1], p, transposed); });
+            [=](Inputs x) { return reference_conv(*x[0], *x[1], p, transposed); });
 }
 
 // Shapes that every method has a kernel for: square, padded to keep the size.
@@ -319,11 +311,9 @@ int Model::add_method_conv(int type) {
   p.activation = p.word14.activation = random.integer(0, 4);
   if (bn) p.word14.epsilon = random.integer(0, 1) ? 0.01f : 0.0f;
   const bool hard_sigmoid = method_ == 2;
-  const int k = constant(values);
-  return op(type, p, {in, k}, [=](Inputs a) {
-    return bn      ? reference_conv_bn(*a[0], *a[1], p, hard_sigmoid)
-           : fused ? reference_conv_act(*a[0], *a[1], p)
-                   : reference_conv(*a[0], *a[1], p);
+  return op(type, p, {in, constant(values)}, [=](Inputs a) {
+    if (bn) return reference_conv_bn(*a[0], *a[1], p, hard_sigmoid);
+    return fused ? reference_conv_act(*a[0], *a[1], p) : reference_conv(*a[0], *a[1], p);
   });
 }
 

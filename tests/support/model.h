@@ -75,7 +75,7 @@ class Model {
   }
   int note(int id, int type, std::vector<int> from, Formula formula, int in_place);
   int add_data(int id, int type, const Array& a);
-  size_t root(int id) const;
+  int root(int id) const;
   std::vector<int> any_dims(size_t dim_count);
   int pick(size_t dim_count, int largest = 4000);
   int same_shape(int id, std::vector<int> dims);

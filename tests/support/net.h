@@ -60,10 +60,8 @@ inline Array random_array(Random& random, std::vector<int> dims, float low = -2,
 // Where element (x, y, z) lies in a block of channel order layout: channels in groups.
 inline size_t place(const Array& a, int x, int y, int z, uint32_t layout) {
   const int eights = a.c() / 8 * 8, four = a.c() % 8 / 4 * 4;
-  const int blocked = z < eights ? 8 : z < eights + four ? 4 : 1;
-  const int group = layout == ZYN_LAYOUT_INTERLEAVED ? a.c()
-                    : layout == ZYN_LAYOUT_BLOCKED   ? blocked
-                                                     : 1;
+  int group = layout == ZYN_LAYOUT_INTERLEAVED ? a.c() : 1;
+  if (layout == ZYN_LAYOUT_BLOCKED && z < eights + four) group = z < eights ? 8 : 4;
   return a.index(0, 0, z - z % group) + static_cast<size_t>(group) * a.index(x, y, 0) +
          static_cast<size_t>(z % group);
 }
@@ -75,7 +73,8 @@ class Net {
   explicit Net(uint32_t fixed_point = 0) : settings_{256, 1, {0, 0}, fixed_point} {}
   ~Net() {
     zyn_release_computation_graph_handle(&graph_);
-    for (Data& data : data_) zyn_release_tensor(&data.tensor);
+    for (Node& node : nodes_)
+      if (node.tensor) zyn_release_tensor(&node.tensor);
   }
   Net(const Net&) = delete;
   Net& operator=(const Net&) = delete;
@@ -84,8 +83,7 @@ class Net {
   int constant(const Array& a) { return add_data(ZYN_OP_CONSTANT, a, 0); }
   // A data node for a tensor of the test's making, released with the net.
   int tensor(int type, zyn_tensor* own) {
-    nodes_.push_back({type, {}, {}, static_cast<int>(data_.size())});
-    data_.push_back({own, nullptr});
+    nodes_.push_back({type, {}, {}, own, nullptr});
     return static_cast<int>(nodes_.size()) - 1;
   }
   bool is_input(int id) const { return nodes_[id].type == ZYN_OP_INPUT; }
@@ -98,7 +96,7 @@ class Net {
     return id;
   }
   int op(int type, std::vector<int> from) {
-    nodes_.push_back({type, {}, from, -1});
+    nodes_.push_back({type, from, {}, nullptr, nullptr});
     return static_cast<int>(nodes_.size()) - 1;
   }
 
@@ -117,8 +115,7 @@ class Net {
   int32_t bind() {
     for (size_t id = 0; id < nodes_.size(); id++) {
       const Node& node = nodes_[id];
-      zyn_tensor* tensor = node.data < 0 ? nullptr : data_[node.data].tensor;
-      const zyn_cg_node_desc desc = {node.type, tensor, 0, nullptr, 0};
+      const zyn_cg_node_desc desc = {node.type, node.tensor, 0, nullptr, 0};
       const int32_t code = zyn_bind_operator_onto_computation_graph(
           graph_, static_cast<int32_t>(id), &desc,
           node.record.empty() ? nullptr : node.record.data());
@@ -140,8 +137,8 @@ class Net {
   }
 
   zyn_tensor* output_tensor(int id) {
-    const int data = nodes_[id].data;
-    return data < 0 ? zyn_get_computation_node_inference_data(graph_, id) : data_[data].tensor;
+    zyn_tensor* tensor = nodes_[id].tensor;
+    return tensor ? tensor : zyn_get_computation_node_inference_data(graph_, id);
   }
   // An operator's output, or a data node's tensor, in planar order.
   Array output(int id) { return read(output_tensor(id)); }
@@ -179,15 +176,12 @@ class Net {
   void method(uint32_t method) { method_ = method; }
 
  private:
-  struct Data {
-    zyn_tensor* tensor;
-    std::unique_ptr<PageEnd<uint8_t>> block;
-  };
   struct Node {
     int type;
-    std::vector<uint8_t> record;
     std::vector<int> from;
-    int data;
+    std::vector<uint8_t> record;
+    zyn_tensor* tensor;  // of a data node
+    std::unique_ptr<PageEnd<uint8_t>> block;
   };
 
   int32_t quietly(int32_t (*call)(zyn_cg_handle*)) {
@@ -198,13 +192,13 @@ class Net {
 
   int add_data(int type, const Array& a, uint32_t layout) {
     const bool fixed = settings_.fixed_point == 1 && type == ZYN_OP_INPUT;
-    const int id =
-        tensor(type, zyn_create_tensor_header(static_cast<int32_t>(a.dims.size()), a.dims.data(),
-                                              fixed ? ZYN_TYPE_FPI16 : ZYN_TYPE_F32));
-    Data& data = data_.back();
-    data.block = std::make_unique<PageEnd<uint8_t>>(static_cast<size_t>(data.tensor->byte_size));
-    zyn_set_tensor_data(data.tensor, data.block->data(), data.tensor->byte_size);
-    data.tensor->layout = layout;
+    const auto dim_count = static_cast<int32_t>(a.dims.size());
+    zyn_tensor* t =
+        zyn_create_tensor_header(dim_count, a.dims.data(), fixed ? ZYN_TYPE_FPI16 : ZYN_TYPE_F32);
+    const int id = tensor(type, t);
+    nodes_[id].block = std::make_unique<PageEnd<uint8_t>>(static_cast<size_t>(t->byte_size));
+    zyn_set_tensor_data(t, nodes_[id].block->data(), t->byte_size);
+    t->layout = layout;
     fill(id, a);
     return id;
   }
@@ -212,7 +206,6 @@ class Net {
   zyn_cg_create_param settings_;
   zyn_cg_handle* graph_ = nullptr;
   uint32_t method_ = 2;
-  std::vector<Data> data_;
   std::vector<Node> nodes_;
 };
 
