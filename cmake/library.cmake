@@ -19,6 +19,15 @@ set(ZYN_VECTOR_FLAGS -mavx2 -mfma)
 set(zyn_vector_sources ${zyn_sources})
 list(FILTER zyn_vector_sources EXCLUDE REGEX "/src/base/")
 set_property(SOURCE ${zyn_vector_sources} APPEND PROPERTY COMPILE_OPTIONS ${ZYN_VECTOR_FLAGS})
+# The unrolled kernels take minutes to compile with every check of the sanitizers: those of
+# addresses and of integer arithmetic stay.
+if(CMAKE_CXX_FLAGS MATCHES "fsanitize=address")
+  set(zyn_kernel_sources ${zyn_sources})
+  list(FILTER zyn_kernel_sources INCLUDE REGEX "/cg/cpu/kernels/")
+  set_property(SOURCE ${zyn_kernel_sources} APPEND PROPERTY COMPILE_OPTIONS
+    -fno-sanitize=null,alignment,pointer-overflow,object-size
+    "SHELL:-mllvm -asan-instrumentation-with-call-threshold=300")
+endif()
 
 # Exactly the exports that exports.txt names, whatever else is visible.
 set(zyn_exports ${PROJECT_SOURCE_DIR}/src/exports.txt)

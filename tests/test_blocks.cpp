@@ -9,21 +9,19 @@ namespace {
 using namespace zyn_test;
 
 // A chain of nodes 0 -> 1 -> ... -> 8, sorted, none bound.
-class Chain {
- public:
+struct Chain {
   Chain() {
-    printed([&] { graph_ = zyn_create_computation_graph_handle(nullptr); });
-    for (int i = 0; i < 8; i++) zyn_add_one_edge_into_computation_graph(graph_, i, i + 1);
-    zyn_computation_graph_topo_sort(graph_);
+    printed([&] { graph = zyn_create_computation_graph_handle(nullptr); });
+    for (int i = 0; i < 8; i++) zyn_add_one_edge_into_computation_graph(graph, i, i + 1);
+    zyn_computation_graph_topo_sort(graph);
   }
-  ~Chain() { zyn_release_computation_graph_handle(&graph_); }
-  zyn_cg_handle* graph() { return graph_; }
+  ~Chain() { zyn_release_computation_graph_handle(&graph); }
   // "type in->out k s p groups bias activation epsilon", "-" where unbound.
-  std::string text(int id) {
-    const int type = zyn_cg_node_type(graph_, id);
+  std::string text(int id) const {
+    const int type = zyn_cg_node_type(graph, id);
     if (type < 0 || type == ZYN_OP_ADD) return type < 0 ? "-" : "27";
     const zyn_conv_param& p =
-        static_cast<const zyn_cg_conv_state*>(zyn_cg_record(graph_, id))->param;
+        static_cast<const zyn_cg_conv_state*>(zyn_cg_record(graph, id))->param;
     EXPECT_TRUE(p.kernel_h == p.kernel_w && p.stride_h == p.stride_w && p.pad_h == p.pad_w &&
                 p.dilation_h == 1 && p.dilation_w == 1);
     const bool folded = type == ZYN_OP_CONV_BN;
@@ -34,9 +32,7 @@ class Chain {
              folded && p.word14.epsilon == 1e-5f ? " e" : "");
     return line;
   }
-
- private:
-  zyn_cg_handle* graph_ = nullptr;
+  zyn_cg_handle* graph = nullptr;
 };
 
 struct Block {
@@ -74,12 +70,11 @@ TEST(Blocks, BindTheRecordsOfTheirTableUpToTheFirstFailure) {
     const int count = static_cast<int>(block.nodes.size());
     for (int bad = 0; bad <= count; bad++) {
       Chain chain;
-      zyn_cg_node_desc input = {};
-      if (bad < count) {
-        zyn_bind_operator_onto_computation_graph(chain.graph(), 2 + bad, &input, nullptr);
-      }
+      const zyn_cg_node_desc input = {};
+      if (bad < count)
+        zyn_bind_operator_onto_computation_graph(chain.graph, 2 + bad, &input, nullptr);
       const std::string text =
-          printed([&] { EXPECT_EQ(block.bind(chain.graph()), bad < count ? 1 : 0); });
+          printed([&] { EXPECT_EQ(block.bind(chain.graph), bad < count ? 1 : 0); });
       const std::string bound = "the " + std::to_string(2 + bad) + " th node operator has been";
       EXPECT_EQ(text.find(bound) != std::string::npos, bad < count);
       for (int i = 0; i < bad; i++) EXPECT_EQ(chain.text(2 + i), block.nodes[i]);

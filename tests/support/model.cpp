@@ -1,33 +1,22 @@
 #include "support/model.h"
 
-#include <map>
-#include <queue>
-
 #include "support/reference.h"
 
 namespace zyn_test {
 
-size_t Model::root(int id) const {
-  while (steps_[id].in_place >= 0) id = steps_[id].in_place;
-  return static_cast<size_t>(id);
-}
+int Model::root(int id) const { return steps_[id].in_place < 0 ? id : root(steps_[id].in_place); }
 
 int Model::note(int id, int type, std::vector<int> from, Formula formula, int in_place) {
   std::vector<const Array*> inputs;
-  for (int f : from) inputs.push_back(&shapes_[f]);
-  shapes_.push_back(formula(inputs));
-  data_.emplace_back();
-  steps_.push_back({from, formula, in_place});
-  types_.push_back(type);
+  for (int f : from) inputs.push_back(&shape(f));
+  steps_.push_back({type, from, formula, in_place, formula(inputs), {}});
   return id;
 }
 
 int Model::add_data(int id, int type, const Array& a) {
   // What the library reads is rounded to float.
-  shapes_.push_back(map(a, [](double v) { return static_cast<double>(static_cast<float>(v)); }));
-  data_.push_back(shapes_.back());
-  steps_.push_back({{}, nullptr, -1});
-  types_.push_back(type);
+  const Array rounded = map(a, [](double v) { return static_cast<double>(static_cast<float>(v)); });
+  steps_.push_back({type, {}, nullptr, -1, rounded, {}});
   return id;
 }
 
@@ -56,41 +45,32 @@ std::vector<std::vector<double>> Model::outputs() {
 
 void Model::refill() {
   for (int id = 0; id < size(); id++)
-    if (types_[id] == ZYN_OP_INPUT) net.fill(id, data_[id]);
+    if (steps_[id].type == ZYN_OP_INPUT) net.fill(id, shape(id));
 }
 
 // First in, first out, lower ids first: the order that the sort promises.
 void Model::evaluate() {
-  const size_t n = steps_.size();
-  values_ = data_;
-  std::vector<int> open(n, 0);
-  std::vector<std::vector<size_t>> next(n);
-  for (size_t id = 0; id < n; id++)
-    for (int f : steps_[id].from) {
-      next[f].push_back(id);
-      open[id]++;
-    }
-  std::queue<size_t> ready;
-  for (size_t id = 0; id < n; id++)
-    if (!open[id]) ready.push(id);
-  for (; !ready.empty(); ready.pop()) {
-    const size_t id = ready.front();
-    const Step& step = steps_[id];
-    if (step.formula) {
-      std::vector<const Array*> inputs;
-      for (int f : step.from) inputs.push_back(&values_[root(f)]);
-      Array result = step.formula(inputs);
-      values_[root(static_cast<int>(id))] = result;
-    }
-    for (size_t to : next[id])
-      if (--open[to] == 0) ready.push(to);
+  std::vector<int> open, ready;
+  for (int id = 0; id < size(); id++) {
+    open.push_back(static_cast<int>(steps_[id].from.size()));
+    if (open[id] == 0) ready.push_back(id);
+  }
+  for (size_t k = 0; k < ready.size(); k++) {
+    Step& step = steps_[ready[k]];
+    if (!step.formula) step.value = step.shape;
+    std::vector<const Array*> inputs;
+    for (int f : step.from) inputs.push_back(&value(f));
+    if (step.formula) steps_[root(ready[k])].value = step.formula(inputs);
+    for (int to = 0; to < size(); to++)
+      for (int f : steps_[to].from)
+        if (f == ready[k] && --open[to] == 0) ready.push_back(to);
   }
 }
 
 void Model::check(double bound) {
   for (int id = 0; id < size(); id++)
     ASSERT_TRUE(agrees(net.output(id), value(id), bound))
-        << "node " << id << " of type " << types_[id];
+        << "node " << id << " of type " << steps_[id].type;
 }
 
 std::vector<int> Model::any_dims(size_t dim_count) {
@@ -105,7 +85,7 @@ std::vector<int> Model::any_dims(size_t dim_count) {
 int Model::pick(size_t dim_count, int largest) {
   for (int tries = 0; tries < 6 && size() > 0; tries++) {
     const int id = random.integer(std::max(0, size() - 12), size() - 1);
-    if (types_[id] == ZYN_OP_CONSTANT) continue;
+    if (steps_[id].type == ZYN_OP_CONSTANT) continue;
     const Array& a = shape(id);
     if (a.dims.size() == dim_count && a.v.size() <= static_cast<size_t>(largest)) return id;
   }
@@ -115,21 +95,28 @@ int Model::pick(size_t dim_count, int largest) {
 // Another node with the given shape, or an input made for it.
 int Model::same_shape(int id, std::vector<int> dims) {
   for (int k = 0; k < size(); k++)
-    if (k != id && shape(k).dims == dims && types_[k] != ZYN_OP_CONSTANT && random.integer(0, 1))
+    if (k != id && shape(k).dims == dims && steps_[k].type != ZYN_OP_CONSTANT &&
+        random.integer(0, 1))
       return k;
   return input(random_array(random, dims));
 }
 
-int Model::add_function(bool gentle) {
+// Weights of outputs that sum so many taps, and more values for each output.
+Array Model::small_weights(int taps, int outputs, int more) {
+  const float scale = 1 / std::sqrt(static_cast<float>(taps));
+  return random_array(random, {(taps + more) * outputs}, -scale, scale);
+}
+
+int Model::add_function(int type) {
   static constexpr int kGentle[6] = {ZYN_FUNC_ABS,  ZYN_FUNC_NEGATE,      ZYN_FUNC_TANH,
                                      ZYN_FUNC_CLIP, ZYN_FUNC_SCALE_SHIFT, ZYN_FUNC_NEGATE};
-  zyn_func_param p = {gentle ? kGentle[random.integer(0, 5)] : random.integer(0, 10), 0, 0};
+  zyn_func_param p = {gentle_ ? kGentle[random.integer(0, 5)] : random.integer(0, 10), 0, 0};
   p.a = random.real(-1.5f, 1.5f);
   p.b = p.a + random.real(0, 2);
   const bool positive = p.function == ZYN_FUNC_SQRT || p.function == ZYN_FUNC_LOG ||
                         p.function == ZYN_FUNC_RECIPROCAL || p.function == ZYN_FUNC_POWER;
   const int in = positive ? input(random_array(random, any_dims(3), 0.1f, 4)) : pick(3);
-  return op(ZYN_OP_FUNCTION, p, {in}, [p](Inputs a) { return reference_function(*a[0], p); });
+  return op(type, p, {in}, [p](Inputs a) { return reference_function(*a[0], p); });
 }
 
 int Model::add_activation(int type) {
@@ -161,12 +148,11 @@ int Model::add_norm(int type) {
   Array stats = random_array(random, {4 * c}, -1, 1);
   for (int i = 0; i < c; i++) {
     stats.v[i] += 1.2;
-    double& variance = stats.v[3 * c + i];
-    variance = std::fabs(variance) + 0.4;
+    stats.v[3 * c + i] = std::fabs(stats.v[3 * c + i]) + 0.4;  // variances
   }
   const zyn_bn_param p = {random.real(0, 0.01f), 77};
-  const int k = constant(stats);
-  return op(type, p, {in, k}, [p](Inputs a) { return reference_norm(*a[0], *a[1], p); });
+  return op(type, p, {in, constant(stats)},
+            [p](Inputs a) { return reference_norm(*a[0], *a[1], p); });
 }
 
 int Model::add_pool(int type) {
@@ -178,7 +164,7 @@ int Model::add_pool(int type) {
   p.stride_w = random.integer(0, 3) ? p.kernel_w : random.integer(1, 4);
   if (a.w() < p.kernel_h || a.h() < p.kernel_w) p = {1, 1, 1, 1, 0};
   const bool max = type == ZYN_OP_MAX_POOL;
-  return op(type, p, {in}, [=](Inputs arrays) { return reference_pool(*arrays[0], p, max); });
+  return op(type, p, {in}, [=](Inputs x) { return reference_pool(*x[0], p, max); });
 }
 
 int Model::add_linear(int type) {
@@ -187,12 +173,8 @@ int Model::add_linear(int type) {
   const zyn_linear_param p = {static_cast<uint32_t>(a.w()),
                               static_cast<uint32_t>(random.integer(1, 40)),
                               static_cast<uint32_t>(random.integer(0, 2))};
-  const float scale = 1 / std::sqrt(static_cast<float>(a.w()));
-  const int k = constant(random_array(
-      random, {a.w() * static_cast<int>(p.out_features) + static_cast<int>(p.out_features)}, -scale,
-      scale));
-  return op(type, p, {k, in},
-            [p](Inputs arrays) { return reference_linear(*arrays[1], *arrays[0], p); });
+  const int k = constant(small_weights(a.w(), static_cast<int>(p.out_features), 1));
+  return op(type, p, {k, in}, [p](Inputs x) { return reference_linear(*x[1], *x[0], p); });
 }
 
 int Model::add_resample(int type) {
@@ -203,21 +185,18 @@ int Model::add_resample(int type) {
   const Array& a = shape(in);
   if (static_cast<float>(a.w()) * p.factor_h < 1) p.factor_h = 1;
   if (static_cast<float>(a.h()) * p.factor_w < 1) p.factor_w = 1;
-  return op(type, p, {in}, [p](Inputs arrays) { return reference_resample(*arrays[0], p); });
+  return op(type, p, {in}, [p](Inputs x) { return reference_resample(*x[0], p); });
 }
 
 int Model::add_affine(int type) {
   const int in = pick(3, 1200);
   const Array& a = shape(in);
   Array m = random_array(random, {6}, -1, 1);
-  m.v[0] += 1;
-  m.v[4] += 1;
-  m.v[2] *= a.w();
-  m.v[5] *= a.h();
+  m.v[0] += 1, m.v[4] += 1;
+  m.v[2] *= a.w(), m.v[5] *= a.h();
   const zyn_affine_param p = {random.real(1, 1.6f), random.real(1, 1.6f)};
   const int k = random.integer(0, 1) ? constant(m) : input(m);
-  return op(type, p, {in, k},
-            [p](Inputs arrays) { return reference_affine(*arrays[0], *arrays[1], p); });
+  return op(type, p, {in, k}, [p](Inputs x) { return reference_affine(*x[0], *x[1], p); });
 }
 
 int Model::add_reshape(int type) {
@@ -234,7 +213,7 @@ int Model::add_reshape(int type) {
   zyn_reshape_param p = {static_cast<int32_t>(dims.size()), {}};
   std::copy(dims.begin(), dims.end(), p.dims);
   if (random.integer(0, 1)) p.dims[random.integer(0, p.count - 1)] = -1;
-  return op(type, p, {in}, [dims](Inputs arrays) { return reference_reshape(*arrays[0], dims); });
+  return op(type, p, {in}, [dims](Inputs x) { return reference_reshape(*x[0], dims); });
 }
 
 int Model::add_concat(int type) {
@@ -254,9 +233,9 @@ int Model::add_concat(int type) {
   const zyn_concat_param p = {axis, static_cast<int32_t>(order.size()), lists_.back().data()};
   std::vector<size_t> places;
   for (int id : order) places.push_back(std::find(from.begin(), from.end(), id) - from.begin());
-  return op(type, p, from, [=](Inputs arrays) {
+  return op(type, p, from, [=](Inputs x) {
     std::vector<const Array*> listed;
-    for (size_t place : places) listed.push_back(arrays[place]);
+    for (size_t place : places) listed.push_back(x[place]);
     return reference_concat(listed, axis);
   });
 }
@@ -264,20 +243,22 @@ int Model::add_concat(int type) {
 int Model::add_channels(int type) {
   const int in = pick(3);
   const int c = shape(in).c();
-  std::vector<int> channels;
+  lists_.emplace_back();
+  std::vector<int32_t>& channels = lists_.back();
+  const auto add = [&](const auto& record) {
+    return op(type, record, {in},
+              [channels](Inputs a) { return reference_channels(*a[0], channels); });
+  };
   if (type == ZYN_OP_CHANNEL_GATHER) {
     for (int k = random.integer(1, 2 * c); k > 0; k--) channels.push_back(random.integer(0, c - 1));
-    lists_.emplace_back(channels.begin(), channels.end());
-    const zyn_gather_param p = {static_cast<int32_t>(channels.size()), lists_.back().data()};
-    return op(type, p, {in}, [channels](Inputs a) { return reference_channels(*a[0], channels); });
+    return add(zyn_gather_param{static_cast<int32_t>(channels.size()), channels.data()});
   }
   zyn_slice_param p = {-5, random.integer(1, c), 0, 0, 99};
   const int taken = c / p.parts;
-  const int step = taken > 1 ? (c - 1) / (taken - 1) : 1;
-  p.step = random.integer(0, step);
+  p.step = random.integer(0, taken > 1 ? (c - 1) / (taken - 1) : 1);
   p.first = random.integer(0, c - 1 - p.step * (taken - 1));
   for (int k = 0; k < taken; k++) channels.push_back(p.first + k * p.step);
-  return op(type, p, {in}, [channels](Inputs a) { return reference_channels(*a[0], channels); });
+  return add(p);
 }
 
 int Model::add_conv(int type) {
@@ -289,12 +270,9 @@ int Model::add_conv(int type) {
   p.groups = random.integer(1, a.c());
   while (a.c() % p.groups) p.groups--;
   p.out_channels = p.groups * random.integer(1, std::max(1, 9 / p.groups));
-  p.kernel_h = random.integer(1, 4);
-  p.kernel_w = random.integer(1, 4);
-  p.stride_h = random.integer(1, 3);
-  p.stride_w = random.integer(1, 3);
-  p.pad_h = random.integer(0, 2);
-  p.pad_w = random.integer(0, 2);
+  for (int i = 0; i < 2; i++) (&p.kernel_h)[i] = random.integer(1, 4);
+  for (int i = 0; i < 2; i++) (&p.stride_h)[i] = random.integer(1, 3);
+  for (int i = 0; i < 2; i++) (&p.pad_h)[i] = random.integer(0, 2);
   p.dilation_h = random.integer(1, 3);
   p.dilation_w = random.integer(1, 2);
   p.bias = random.integer(0, 2);
@@ -305,11 +283,9 @@ int Model::add_conv(int type) {
                         : a.w() - 1 + 2 * p.pad_h >= reach_h && a.h() - 1 + 2 * p.pad_w >= reach_w;
   if (!fits) return -1;
   const int taps = p.kernel_h * p.kernel_w * p.in_channels / p.groups;
-  const float scale = 1 / std::sqrt(static_cast<float>(taps));
-  const int k =
-      constant(random_array(random, {taps * p.out_channels + p.out_channels}, -scale, scale));
+  const int k = constant(small_weights(taps, p.out_channels, 1));
   return op(type, p, {in, k},
-            [=](Inputs arrays) { return reference_conv(*arrays[0], *arrays[1], p, transposed); });
+            [=](Inputs x) { return reference_conv(*x[0], *x[1], p, transposed); });
 }
 
 // Shapes that every method has a kernel for: square, padded to keep the size.
@@ -318,38 +294,26 @@ int Model::add_method_conv(int type) {
   const int c = shape(in).c();
   const bool bn = type == ZYN_OP_CONV_BN;
   const bool fused = bn || type == ZYN_OP_CONV_ACT;
-  const int form = type == ZYN_OP_CONV             ? 0
-                   : type == ZYN_OP_CONV_DEPTHWISE ? 1
-                   : fused                         ? random.integer(0, 2)
-                                                   : 2;
+  int form = fused ? random.integer(0, 2) : 2;  // 2: one pixel
+  if (type <= ZYN_OP_CONV_DEPTHWISE) form = type - ZYN_OP_CONV;
   const int kernel = form == 2 ? 1 : method_ == 1 ? 3 : 2 * random.integer(1, 2) + 1;
   const int stride = form == 2 ? 1 : random.integer(1, 2);
   zyn_conv_param p = conv_param(c, form == 1 ? c : random.integer(1, 20), kernel, stride,
                                 kernel / 2, form == 1 ? c : 1);
   p.bias = random.integer(0, 2);
   const int taps = kernel * kernel * c / p.groups;
-  const int stats = bn ? 4 * p.out_channels : 0;
-  const int bias = p.bias == 1 ? p.out_channels : 0;
-  const float scale = 1 / std::sqrt(static_cast<float>(taps));
-  Array values = random_array(random, {taps * p.out_channels + bias + stats}, -scale, scale);
-  for (size_t i = 0; bn && i < static_cast<size_t>(p.out_channels); i++) {
-    values.v[values.v.size() - 1 - i] = static_cast<double>(random.real(0.4f, 2));
-    values.v[values.v.size() - static_cast<size_t>(stats) + i] =
-        static_cast<double>(random.real(0.5f, 1.5f));
+  Array values = small_weights(taps, p.out_channels, (p.bias == 1 ? 1 : 0) + (bn ? 4 : 0));
+  double* end = values.v.data() + values.v.size();
+  for (int i = 0; bn && i < p.out_channels; i++) {
+    end[-1 - i] = static_cast<double>(random.real(0.4f, 2));
+    end[i - 4 * p.out_channels] = static_cast<double>(random.real(0.5f, 1.5f));
   }
-  const int code = random.integer(0, 4);
-  if (bn) {
-    p.word14.epsilon = random.integer(0, 1) ? 0.01f : 0.0f;
-    p.activation = code;
-  } else {
-    p.word14.activation = code;
-  }
+  p.activation = p.word14.activation = random.integer(0, 4);
+  if (bn) p.word14.epsilon = random.integer(0, 1) ? 0.01f : 0.0f;
   const bool hard_sigmoid = method_ == 2;
-  const int k = constant(values);
-  return op(type, p, {in, k}, [=](Inputs a) {
-    return bn      ? reference_conv_bn(*a[0], *a[1], p, hard_sigmoid)
-           : fused ? reference_conv_act(*a[0], *a[1], p)
-                   : reference_conv(*a[0], *a[1], p);
+  return op(type, p, {in, constant(values)}, [=](Inputs a) {
+    if (bn) return reference_conv_bn(*a[0], *a[1], p, hard_sigmoid);
+    return fused ? reference_conv_act(*a[0], *a[1], p) : reference_conv(*a[0], *a[1], p);
   });
 }
 
@@ -358,37 +322,26 @@ void Model::use_leftovers() {
   for (const Step& step : steps_)
     for (int f : step.from) used[f] = true;
   const zyn_func_param p = {ZYN_FUNC_NEGATE, 0, 0};
-  for (size_t id = 0; id < used.size(); id++)
+  for (int id = 0; id < static_cast<int>(used.size()); id++)
     if (!used[id] && !steps_[id].formula)
-      op(ZYN_OP_FUNCTION, p, {static_cast<int>(id)},
-         [p](Inputs a) { return reference_function(*a[0], p); });
+      op(ZYN_OP_FUNCTION, p, {id}, [p](Inputs a) { return reference_function(*a[0], p); });
 }
 
 int Model::add(int type, bool gentle) {
-  if (type == ZYN_OP_FUNCTION) return add_function(gentle);
-  static const std::map<int, int (Model::*)(int)> kAdders = {
-      {ZYN_OP_CONV_GROUPED, &Model::add_conv},
-      {ZYN_OP_CONV_TRANSPOSED, &Model::add_conv},
-      {ZYN_OP_CONV, &Model::add_method_conv},
-      {ZYN_OP_CONV_DEPTHWISE, &Model::add_method_conv},
-      {ZYN_OP_CONV_POINTWISE, &Model::add_method_conv},
-      {ZYN_OP_CONV_ACT, &Model::add_method_conv},
-      {ZYN_OP_CONV_BN, &Model::add_method_conv},
-      {ZYN_OP_BATCH_NORM, &Model::add_norm},
-      {ZYN_OP_BATCH_NORM_FAST, &Model::add_norm},
-      {ZYN_OP_MAX_POOL, &Model::add_pool},
-      {ZYN_OP_AVERAGE_POOL, &Model::add_pool},
-      {ZYN_OP_LINEAR, &Model::add_linear},
-      {ZYN_OP_ADD, &Model::add_join},
-      {ZYN_OP_MULTIPLY, &Model::add_join},
-      {ZYN_OP_RESAMPLE, &Model::add_resample},
-      {ZYN_OP_AFFINE, &Model::add_affine},
-      {ZYN_OP_RESHAPE, &Model::add_reshape},
-      {ZYN_OP_CONCAT, &Model::add_concat},
-      {ZYN_OP_CHANNEL_SLICE, &Model::add_channels},
-      {ZYN_OP_CHANNEL_GATHER, &Model::add_channels}};
-  const auto adder = kAdders.find(type);
-  return adder == kAdders.end() ? add_activation(type) : (this->*adder->second)(type);
+  gentle_ = gentle;
+  // By the last type of each range.
+  static constexpr struct {
+    int last;
+    int (Model::*add)(int);
+  } kAdders[] = {
+      {5, &Model::add_method_conv}, {8, &Model::add_conv},         {9, &Model::add_function},
+      {11, &Model::add_norm},       {13, &Model::add_method_conv}, {21, &Model::add_activation},
+      {23, &Model::add_pool},       {24, &Model::add_activation},  {25, &Model::add_linear},
+      {28, &Model::add_join},       {30, &Model::add_resample},    {31, &Model::add_affine},
+      {32, &Model::add_reshape},    {33, &Model::add_concat},      {35, &Model::add_channels}};
+  const auto* adder = kAdders;
+  while (adder->last < type) adder++;
+  return (this->*adder->add)(type);
 }
 
 }  // namespace zyn_test

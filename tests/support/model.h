@@ -13,28 +13,9 @@ namespace zyn_test {
 // Every type that a model can add: the convolutions with a kernel for each method ...
 inline constexpr int kConvTypes[] = {ZYN_OP_CONV, ZYN_OP_CONV_DEPTHWISE, ZYN_OP_CONV_POINTWISE,
                                      ZYN_OP_CONV_ACT, ZYN_OP_CONV_BN};
-// ... and all others.
-inline constexpr int kOperatorTypes[] = {ZYN_OP_CONV_GROUPED,
-                                         ZYN_OP_CONV_TRANSPOSED,
-                                         ZYN_OP_FUNCTION,
-                                         ZYN_OP_BATCH_NORM,
-                                         ZYN_OP_BATCH_NORM_FAST,
-                                         ZYN_OP_SIGMOID,
-                                         ZYN_OP_RELU,
-                                         ZYN_OP_RELU6,
-                                         ZYN_OP_HARD_SWISH,
-                                         ZYN_OP_MAX_POOL,
-                                         ZYN_OP_AVERAGE_POOL,
-                                         ZYN_OP_MISH,
-                                         ZYN_OP_LINEAR,
-                                         ZYN_OP_ADD,
-                                         ZYN_OP_MULTIPLY,
-                                         ZYN_OP_RESAMPLE,
-                                         ZYN_OP_AFFINE,
-                                         ZYN_OP_RESHAPE,
-                                         ZYN_OP_CONCAT,
-                                         ZYN_OP_CHANNEL_SLICE,
-                                         ZYN_OP_CHANNEL_GATHER};
+// ... and all others by number, grouped convolution to channel gather.
+inline constexpr int kOperatorTypes[] = {7,  8,  9,  10, 11, 15, 16, 20, 21, 22, 23,
+                                         24, 25, 27, 28, 30, 31, 32, 33, 34, 35};
 
 class Model {
  public:
@@ -73,31 +54,34 @@ class Model {
   // Computes every node's value in the library's order of execution.
   void evaluate();
   // The value that a node's tensor holds after a run.
-  const Array& value(int id) const { return values_[root(id)]; }
+  const Array& value(int id) const { return steps_[root(id)].value; }
   // Compares all nodes after a run.
   void check(double bound);
-  const Array& shape(int id) const { return shapes_[id]; }
-  int size() const { return static_cast<int>(shapes_.size()); }
+  const Array& shape(int id) const { return steps_[id].shape; }
+  int size() const { return static_cast<int>(steps_.size()); }
 
  private:
   struct Step {
+    int type;
     std::vector<int> from;
-    Formula formula;  // null: data
-    int in_place;     // the node whose tensor this one changes, or -1
+    Formula formula;     // null: data
+    int in_place;        // the node whose tensor this one changes, or -1
+    Array shape, value;  // a value right in shape only, or data; that after evaluation
   };
 
   template <typename Record>
   int op(int type, const Record& record, std::vector<int> from, Formula formula) {
     return note(net.op(type, record, from), type, from, formula, -1);
   }
-  int add_data(int id, int type, const Array& a);
   int note(int id, int type, std::vector<int> from, Formula formula, int in_place);
-  size_t root(int id) const;
+  int add_data(int id, int type, const Array& a);
+  int root(int id) const;
+  std::vector<int> any_dims(size_t dim_count);
   int pick(size_t dim_count, int largest = 4000);
   int same_shape(int id, std::vector<int> dims);
-  std::vector<int> any_dims(size_t dim_count);
+  Array small_weights(int taps, int outputs, int more);
 
-  int add_function(bool gentle);
+  int add_function(int type);
   int add_activation(int type);
   int add_join(int type);
   int add_norm(int type);
@@ -112,11 +96,8 @@ class Model {
   int add_method_conv(int type);
 
   uint32_t fixed_point_, method_ = 2;
-  std::vector<Step> steps_;
-  std::vector<Array> shapes_;  // eager values: right in shape only
-  std::vector<Array> data_;
-  std::vector<Array> values_;
-  std::vector<int> types_;
+  bool gentle_ = false;
+  std::deque<Step> steps_;
   std::deque<std::vector<int32_t>> lists_;
 };
 

@@ -57,20 +57,13 @@ inline Array random_array(Random& random, std::vector<int> dims, float low = -2,
   return a;
 }
 
-// Where element (x, y, z) lies in a block of channel order layout.
+// Where element (x, y, z) lies in a block of channel order layout: channels in groups.
 inline size_t place(const Array& a, int x, int y, int z, uint32_t layout) {
-  const size_t pixels = static_cast<size_t>(a.w()) * static_cast<size_t>(a.h());
-  const size_t pixel = static_cast<size_t>(y) * static_cast<size_t>(a.w()) + static_cast<size_t>(x);
-  if (layout == ZYN_LAYOUT_INTERLEAVED)
-    return pixel * static_cast<size_t>(a.c()) + static_cast<size_t>(z);
-  int first = 0, group = 1;
-  for (int left = a.c(); layout == ZYN_LAYOUT_BLOCKED; first += group, left -= group) {
-    group = left >= 8 ? 8 : left >= 4 ? 4 : 1;
-    if (z < first + group)
-      return static_cast<size_t>(first) * pixels + pixel * static_cast<size_t>(group) +
-             static_cast<size_t>(z - first);
-  }
-  return a.index(x, y, z);
+  const int eights = a.c() / 8 * 8, four = a.c() % 8 / 4 * 4;
+  int group = layout == ZYN_LAYOUT_INTERLEAVED ? a.c() : 1;
+  if (layout == ZYN_LAYOUT_BLOCKED && z < eights + four) group = z < eights ? 8 : 4;
+  return a.index(0, 0, z - z % group) + static_cast<size_t>(group) * a.index(x, y, 0) +
+         static_cast<size_t>(z % group);
 }
 
 // One network. Add nodes in the order of their ids, then make(). Graph inputs of
@@ -79,24 +72,20 @@ class Net {
  public:
   explicit Net(uint32_t fixed_point = 0) : settings_{256, 1, {0, 0}, fixed_point} {}
   ~Net() {
-    if (graph_) {
-      EXPECT_EQ(zyn_release_computation_graph_handle(&graph_), 0);
-    }
-    for (Data& data : data_)
-      if (data.block) zyn_release_tensor(&data.tensor);
+    zyn_release_computation_graph_handle(&graph_);
+    for (Node& node : nodes_)
+      if (node.tensor) zyn_release_tensor(&node.tensor);
   }
   Net(const Net&) = delete;
   Net& operator=(const Net&) = delete;
 
   int input(const Array& a, uint32_t layout = 0) { return add_data(ZYN_OP_INPUT, a, layout); }
   int constant(const Array& a) { return add_data(ZYN_OP_CONSTANT, a, 0); }
-  // A data node for a tensor of the test's own.
+  // A data node for a tensor of the test's making, released with the net.
   int tensor(int type, zyn_tensor* own) {
-    nodes_.push_back({type, {}, {}, static_cast<int>(data_.size())});
-    data_.push_back({own, nullptr});
+    nodes_.push_back({type, {}, {}, own, nullptr});
     return static_cast<int>(nodes_.size()) - 1;
   }
-  bool is_data(int id) const { return nodes_[id].data >= 0; }
   bool is_input(int id) const { return nodes_[id].type == ZYN_OP_INPUT; }
   // An operator with its record (copied; lists it points at must outlive make()).
   template <typename Record>
@@ -107,11 +96,12 @@ class Net {
     return id;
   }
   int op(int type, std::vector<int> from) {
-    nodes_.push_back({type, {}, from, -1});
+    nodes_.push_back({type, from, {}, nullptr, nullptr});
     return static_cast<int>(nodes_.size()) - 1;
   }
 
-  // Creates, connects and sorts.
+  // Creates, connects and sorts. What a call prints is swallowed here and below; tests of
+  // texts capture themselves.
   int32_t connect() {
     printed([&] { graph_ = zyn_create_computation_graph_handle(&settings_); });
     if (!graph_) return ZYN_RET_ERR_MEMORY;
@@ -125,9 +115,7 @@ class Net {
   int32_t bind() {
     for (size_t id = 0; id < nodes_.size(); id++) {
       const Node& node = nodes_[id];
-      zyn_cg_node_desc desc = {};
-      desc.type = node.type;
-      if (node.data >= 0) desc.data = data_[node.data].tensor;
+      const zyn_cg_node_desc desc = {node.type, node.tensor, 0, nullptr, 0};
       const int32_t code = zyn_bind_operator_onto_computation_graph(
           graph_, static_cast<int32_t>(id), &desc,
           node.record.empty() ? nullptr : node.record.data());
@@ -139,17 +127,8 @@ class Net {
     const int32_t code = connect();
     return code ? code : bind();
   }
-  // What a call prints on failure is swallowed here; tests of texts capture themselves.
-  int32_t prepare() {
-    int32_t code = 0;
-    printed([&] { code = zyn_prepare_inference_computation(graph_); });
-    return code;
-  }
-  int32_t run() {
-    int32_t code = 0;
-    printed([&] { code = zyn_computation_graph_inference(graph_); });
-    return code;
-  }
+  int32_t prepare() { return quietly(zyn_prepare_inference_computation); }
+  int32_t run() { return quietly(zyn_computation_graph_inference); }
   // make, prepare, run: the first code that is not 0.
   int32_t go() {
     int32_t code = make();
@@ -157,104 +136,91 @@ class Net {
     return code ? code : run();
   }
 
+  zyn_tensor* output_tensor(int id) {
+    zyn_tensor* tensor = nodes_[id].tensor;
+    return tensor ? tensor : zyn_get_computation_node_inference_data(graph_, id);
+  }
   // An operator's output, or a data node's tensor, in planar order.
   Array output(int id) { return read(output_tensor(id)); }
-  zyn_tensor* output_tensor(int id) {
-    const Node& node = nodes_[id];
-    return node.data >= 0 ? data_[node.data].tensor
-                          : zyn_get_computation_node_inference_data(graph_, id);
-  }
-  // Refills a data node in the layout that it has.
-  void fill(int id, const Array& a) {
-    Data& data = data_[nodes_[id].data];
-    write(data, a);
-  }
   static Array read(const zyn_tensor* tensor) {
     if (!tensor || !tensor->data) return Array();
     Array a(std::vector<int>(tensor->dims, tensor->dims + tensor->dim_count));
-    const float* values = static_cast<const float*>(tensor->data);
-    const int16_t* words = static_cast<const int16_t*>(tensor->data);
-    const bool fixed = tensor->type == ZYN_TYPE_FPI16;
     for_each_element(a, [&](int x, int y, int z) {
       const size_t i = place(a, x, y, z, tensor->layout);
-      a.at(x, y, z) = fixed ? words[i] : static_cast<double>(values[i]);
+      a.at(x, y, z) = tensor->type == ZYN_TYPE_FPI16
+                          ? static_cast<const int16_t*>(tensor->data)[i]
+                          : static_cast<double>(static_cast<const float*>(tensor->data)[i]);
     });
     return a;
+  }
+  // Refills a data node in the layout that it has.
+  void fill(int id, const Array& a) {
+    zyn_tensor* tensor = output_tensor(id);
+    for_each_element(a, [&](int x, int y, int z) {
+      const size_t i = place(a, x, y, z, tensor->layout);
+      if (tensor->type == ZYN_TYPE_FPI16)
+        static_cast<int16_t*>(tensor->data)[i] = static_cast<int16_t>(a.at(x, y, z));
+      else
+        static_cast<float*>(tensor->data)[i] = static_cast<float>(a.at(x, y, z));
+    });
   }
   zyn_cg_handle* graph() { return graph_; }
   // Gives the made graph a Q list: q for every node, other values by id.
   uint32_t* q_list(uint32_t q, std::vector<std::pair<int, uint32_t>> others = {}) {
     auto* list = static_cast<uint32_t*>(zyn_malloc(settings_.max_nodes * 4));
-    if (!list) return nullptr;
     for (int i = 0; i < settings_.max_nodes; i++) list[i] = q;
     for (const auto& [id, value] : others) list[id] = value;
     zyn_cg_set_ptr_q_list(graph_, list);
     return list;
   }
   void method(uint32_t method) { method_ = method; }
-  size_t size() const { return nodes_.size(); }
 
  private:
-  struct Data {
-    zyn_tensor* tensor;
-    std::unique_ptr<PageEnd<uint8_t>> block;
-  };
   struct Node {
     int type;
-    std::vector<uint8_t> record;
     std::vector<int> from;
-    int data;
+    std::vector<uint8_t> record;
+    zyn_tensor* tensor;  // of a data node
+    std::unique_ptr<PageEnd<uint8_t>> block;
   };
 
-  static void write(Data& data, const Array& a) {
-    float* values = static_cast<float*>(data.tensor->data);
-    int16_t* words = static_cast<int16_t*>(data.tensor->data);
-    for_each_element(a, [&](int x, int y, int z) {
-      const size_t i = place(a, x, y, z, data.tensor->layout);
-      if (data.tensor->type == ZYN_TYPE_FPI16)
-        words[i] = static_cast<int16_t>(a.at(x, y, z));
-      else
-        values[i] = static_cast<float>(a.at(x, y, z));
-    });
+  int32_t quietly(int32_t (*call)(zyn_cg_handle*)) {
+    int32_t code = 0;
+    printed([&] { code = call(graph_); });
+    return code;
   }
 
   int add_data(int type, const Array& a, uint32_t layout) {
     const bool fixed = settings_.fixed_point == 1 && type == ZYN_OP_INPUT;
-    const size_t bytes = (fixed ? 2 : 4) * a.v.size();
-    Data data = {zyn_create_tensor_header(static_cast<int32_t>(a.dims.size()), a.dims.data(),
-                                          fixed ? ZYN_TYPE_FPI16 : ZYN_TYPE_F32),
-                 std::make_unique<PageEnd<uint8_t>>(bytes)};
-    zyn_set_tensor_data(data.tensor, data.block->data(), static_cast<int64_t>(bytes));
-    data.tensor->layout = layout;
-    write(data, a);
-    data_.push_back(std::move(data));
-    nodes_.push_back({type, {}, {}, static_cast<int>(data_.size()) - 1});
-    return static_cast<int>(nodes_.size()) - 1;
+    const auto dim_count = static_cast<int32_t>(a.dims.size());
+    zyn_tensor* t =
+        zyn_create_tensor_header(dim_count, a.dims.data(), fixed ? ZYN_TYPE_FPI16 : ZYN_TYPE_F32);
+    const int id = tensor(type, t);
+    nodes_[id].block = std::make_unique<PageEnd<uint8_t>>(static_cast<size_t>(t->byte_size));
+    zyn_set_tensor_data(t, nodes_[id].block->data(), t->byte_size);
+    t->layout = layout;
+    fill(id, a);
+    return id;
   }
 
   zyn_cg_create_param settings_;
   zyn_cg_handle* graph_ = nullptr;
   uint32_t method_ = 2;
-  std::vector<Data> data_;
   std::vector<Node> nodes_;
 };
 
 // Whether two blocks agree within bound times the size of the values; says where not.
 inline ::testing::AssertionResult agrees(const Array& got, const Array& expected, double bound) {
+  auto failure = ::testing::AssertionFailure() << ::testing::PrintToString(got.dims) << " ";
   if (got.dims != expected.dims)
-    return ::testing::AssertionFailure()
-           << "shape " << ::testing::PrintToString(got.dims) << ", expected "
-           << ::testing::PrintToString(expected.dims);
+    return failure << "instead of " << ::testing::PrintToString(expected.dims);
   double size = 1;
   for (double v : expected.v)
     if (std::isfinite(v)) size = std::max(size, std::fabs(v));
   for (size_t i = 0; i < got.v.size(); i++) {
     const double g = got.v[i], e = expected.v[i];
     const bool same = std::isnan(e) ? std::isnan(g) : g == e || std::fabs(g - e) <= bound * size;
-    if (!same)
-      return ::testing::AssertionFailure()
-             << "element " << i << " of " << ::testing::PrintToString(got.dims) << ": " << g
-             << ", expected " << e;
+    if (!same) return failure << "element " << i << ": " << g << ", expected " << e;
   }
   return ::testing::AssertionSuccess();
 }

@@ -4,7 +4,6 @@
 
 #include <functional>
 
-#include "support/conv_case.h"
 #include "support/net.h"
 
 namespace zyn_test {
@@ -19,47 +18,22 @@ Array map(const Array& a, Function f) {
 inline Array reference_function(const Array& in, const zyn_func_param& p) {
   return map(in, [&](double x) {
     const double a = static_cast<double>(p.a), b = static_cast<double>(p.b);
-    switch (p.function) {
-      case ZYN_FUNC_ABS:
-        return std::fabs(x);
-      case ZYN_FUNC_NEGATE:
-        return -x;
-      case ZYN_FUNC_SQUARE:
-        return x * x;
-      case ZYN_FUNC_SQRT:
-        return std::sqrt(x);
-      case ZYN_FUNC_RECIPROCAL:
-        return 1 / x;
-      case ZYN_FUNC_EXP:
-        return std::exp(x);
-      case ZYN_FUNC_LOG:
-        return std::log(x);
-      case ZYN_FUNC_TANH:
-        return std::tanh(x);
-      case ZYN_FUNC_POWER:
-        return std::pow(x, a);
-      case ZYN_FUNC_CLIP:
-        return std::min(std::max(x, a), b);
-      default:
-        return x * a + b;
-    }
+    const double each[] = {
+        std::fabs(x), -x,          x * x,        std::sqrt(x),   1 / x,
+        std::exp(x),  std::log(x), std::tanh(x), std::pow(x, a), std::min(std::max(x, a), b),
+        x * a + b};
+    return each[p.function];
   });
 }
 
 inline Array reference_activation(const Array& in, int type) {
   return map(in, [&](double x) {
-    switch (type) {
-      case ZYN_OP_SIGMOID:
-        return 1 / (1 + std::exp(-x));
-      case ZYN_OP_RELU:
-        return std::max(x, 0.0);
-      case ZYN_OP_RELU6:
-        return std::min(std::max(x, 0.0), 6.0);
-      case ZYN_OP_HARD_SWISH:
-        return x * std::min(std::max(x + 3, 0.0), 6.0) / 6;
-      default:
-        return x * std::tanh(x > 700 ? x : std::log1p(std::exp(x)));
-    }
+    const double positive = std::max(x, 0.0);
+    return type == ZYN_OP_SIGMOID      ? 1 / (1 + std::exp(-x))
+           : type == ZYN_OP_RELU       ? positive
+           : type == ZYN_OP_RELU6      ? std::min(positive, 6.0)
+           : type == ZYN_OP_HARD_SWISH ? x * std::min(std::max(x + 3, 0.0), 6.0) / 6
+                                       : x * std::tanh(x > 700 ? x : std::log1p(std::exp(x)));
   });
 }
 
@@ -100,13 +74,9 @@ inline Array reference_linear(const Array& in, const Array& constant, const zyn_
   Array out({m, in.h()});
   for (int r = 0; r < in.h(); r++)
     for (int j = 0; j < m; j++) {
-      double sum = 0;
-      for (int i = 0; i < n; i++)
-        sum += in.at(i, r, 0) *
-               constant.v[static_cast<size_t>(j) * static_cast<size_t>(n) + static_cast<size_t>(i)];
-      if (p.bias == 1 && r == 0)
-        sum += constant
-                   .v[static_cast<size_t>(p.out_features) * p.in_features + static_cast<size_t>(j)];
+      const double* weights = constant.v.data() + j * n;
+      double sum = p.bias == 1 && r == 0 ? constant.v[static_cast<size_t>(m * n + j)] : 0;
+      for (int i = 0; i < n; i++) sum += in.at(i, r, 0) * weights[i];
       out.at(j, r, 0) = sum;
     }
   return out;
@@ -203,14 +173,41 @@ inline Array reference_channels(const Array& in, const std::vector<int>& channel
   return out;
 }
 
-// The one oracle of convolutions: output channel o of a group is its bias, to which
-// add(value, sum of the taps) joins the group's input channels one after another.
-// Transposed: every input pixel spreads over the output. Weights [out][in / groups] or
-// [in][out / groups], then [row][column]; sums of integers are exact. Extents of the
-// output that are not 0 replace the usual ones.
-template <typename Add>
+// Records of convolution layers, and what they mean.
+inline zyn_conv_param conv_param(int in, int out, int kernel, int stride, int pad, int groups = 1) {
+  zyn_conv_param p = {};
+  p.in_channels = in, p.out_channels = out;
+  p.kernel_h = p.kernel_w = kernel;
+  p.stride_h = p.stride_w = stride;
+  p.pad_h = p.pad_w = pad;
+  p.dilation_h = p.dilation_w = 1;
+  p.groups = groups;
+  return p;
+}
+inline bool is_depthwise(const zyn_conv_param& p) {
+  return p.groups > 1 && p.groups == p.in_channels && p.groups == p.out_channels;
+}
+inline bool has_kernel(const zyn_conv_param& p) { return p.groups == 1 || is_depthwise(p); }
+// What an activation code does to a sum with its bias.
+inline double activate(double y, int code) {
+  const double gate = std::min(std::max(y + 3, 0.0), 6.0) / 6;
+  return code == 1 ? std::max(y, 0.0) : code == 2 ? y * gate : code == 4 ? gate : y;
+}
+
+// How the products of a layer are summed: one sum for every input channel, joined exactly.
+struct ExactSum {
+  double start(double) const { return 0; }
+  double tap(double sum, double w, double x) const { return sum + w * x; }
+  double join(double total, double sum) const { return total + sum; }
+};
+
+// The one oracle of convolutions: output channel o of a group is its bias, which the sums
+// of the group's input channels join one after another. Transposed: every input pixel
+// spreads over the output. Weights [out][in / groups] or [in][out / groups], then
+// [row][column]. Extents of the output that are not 0 replace the usual ones.
+template <typename Sum = ExactSum>
 Array reference_conv(const Array& in, const Array& constant, const zyn_conv_param& p,
-                     bool transposed, int ow, int oh, Add add) {
+                     bool transposed = false, int ow = 0, int oh = 0, Sum sum = {}) {
   const auto extent = [&](int64_t size, int64_t k, int64_t s, int64_t pad, int64_t d) {
     return static_cast<int>(transposed ? (size - 1) * s - 2 * pad + d * (k - 1) + 1
                                        : (size - 1 + 2 * pad - (k - 1) * d) / s + 1);
@@ -233,7 +230,9 @@ Array reference_conv(const Array& in, const Array& constant, const zyn_conv_para
       const double* from = &in.v[in.index(0, transposed ? y : row, i)];
       for (int x = 0; x < walked.w(); x++) {
         const int64_t fx = int64_t{x} * p.stride_h - p.pad_h + int64_t{c} * p.dilation_h;
-        if (fx >= 0 && fx < other.w()) to[transposed ? fx : x] += w * from[transposed ? x : fx];
+        if (fx < 0 || fx >= other.w()) continue;
+        double& one = to[transposed ? fx : x];
+        one = sum.tap(one, w, from[transposed ? x : fx]);
       }
     }
   };
@@ -242,18 +241,14 @@ Array reference_conv(const Array& in, const Array& constant, const zyn_conv_para
     std::fill_n(to, pixels, p.bias == 1 ? bias[o] : 0);
     for (int k = 0; k < ig; k++) {
       const int i = o / og * ig + k, pair = transposed ? i * og + o % og : o * ig + k;
-      std::fill(sums.v.begin(), sums.v.end(), 0);
+      std::transform(to, to + pixels, sums.v.begin(), [&](double v) { return sum.start(v); });
       for (int t = 0; t < taps; t++)
         add_tap(i, t / p.kernel_h, t % p.kernel_h,
                 constant.v[static_cast<size_t>(pair * taps + t)]);
-      for (int n = 0; n < pixels; n++) to[n] = add(to[n], sums.v[static_cast<size_t>(n)]);
+      for (int n = 0; n < pixels; n++) to[n] = sum.join(to[n], sums.v[static_cast<size_t>(n)]);
     }
   }
   return out;
-}
-inline Array reference_conv(const Array& in, const Array& constant, const zyn_conv_param& p,
-                            bool transposed = false, int ow = 0, int oh = 0) {
-  return reference_conv(in, constant, p, transposed, ow, oh, std::plus<double>());
 }
 
 // Type 12: bias for codes 0 to 2 where the record has one, then the activation.
