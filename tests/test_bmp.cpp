@@ -75,14 +75,13 @@ struct Bmp {
   // A stored row: values of less than a byte share one, the first in the high bits.
   void row(Bytes& out, int y) const {
     const size_t first = out.size();
-    for (int x = 0; x < width; x++) {
-      const int bit = x * bits % 8;
-      if (bits >= 8 || bit == 0) put(out, 0, (bits + 7) / 8);
-      if (bits >= 8)
-        patch(out, out.size() - (bits + 7) / 8, raw(x, y), (bits + 7) / 8);
-      else
-        out.back() = static_cast<uint8_t>(out.back() | raw(x, y) << (8 - bits - bit));
-    }
+    for (int x = 0; x < width; x++)
+      if (bits < 8) {
+        if (x * bits % 8 == 0) out.push_back(0);
+        out.back() = static_cast<uint8_t>(out.back() | raw(x, y) << (8 - bits - x * bits % 8));
+      } else {
+        put(out, raw(x, y), (bits + 7) / 8);
+      }
     while ((out.size() - first) % 4) out.push_back(own ? 0 : 0xAA);
   }
   Bytes file() const {
@@ -181,15 +180,9 @@ TEST(BmpReader, EveryDepthHeaderAndRowOrder) {
   }
 }
 
-// Bytes from one cut to the next: files are slow under emulation.
-#ifdef _WIN32
-constexpr size_t kCut = 7;
-#else
-constexpr size_t kCut = 1;
-#endif
-
 TEST(BmpReader, CutFilesAreRefusedQuietlyAndHostileFieldsMakeNoPixels) {
   const uint32_t hostile[] = {0, 1, 4, 35, 0x7FFF, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0x55555556};
+  const size_t step = sizeof(long) == 4 ? 7 : 1;  // files are slow under emulation
   Capture capture;
   for (const Bmp& kind : every_kind()) {
     Bytes file = kind.file();
@@ -201,18 +194,14 @@ TEST(BmpReader, CutFilesAreRefusedQuietlyAndHostileFieldsMakeNoPixels) {
         const Image image = read(other, 0);
         EXPECT_LE(image ? size_t(image->rows) * image->cols : 0, 8 * file.size());
       }
-    for (; file.size() > kCut; file.resize(file.size() - kCut))
+    for (; file.size() > step; file.resize(file.size() - step))
       ASSERT_EQ(file == kind.file(), read(file, 0) != nullptr) << kind.bits << " " << file.size();
   }
   EXPECT_EQ(capture.text(), "");
 }
 
 TEST(BmpReader, RefusesOtherFilesRunLengthOtherDepthsAndBitFieldsElsewhere) {
-  std::vector<Bytes> contents = {{0x89, 'P', 'N', 'G', 13, 10, 26, 10, 0, 0, 0, 0},
-                                 {0xFF, 0xD8, 0xFF, 0xE0},
-                                 {},
-                                 {'B'},
-                                 {'B', 'M'}};
+  std::vector<Bytes> contents = {{}, {'B'}, {'B', 'M'}, Bytes(99, 'M')};
   Bmp bmp;
   for (int bits : {1, 4, 8, 24, 32, 2, 12})
     for (uint32_t compression : {1u, 2u, 3u, 4u, 0u}) {

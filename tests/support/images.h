@@ -94,11 +94,10 @@ class Picture {
   }
   testing::AssertionResult holds(const Bytes& want) const {
     const Bytes got = copy();
+    const auto at = std::mismatch(got.begin(), got.end(), want.begin()).first - got.begin();
     if (got == want) return testing::AssertionSuccess();
-    const auto at = std::mismatch(got.begin(), got.end(), want.begin());
-    return testing::AssertionFailure()
-           << image_.cols << "x" << image_.rows << ": byte " << at.first - got.begin() << " is "
-           << +*at.first << ", not " << +*at.second;
+    return testing::AssertionFailure() << image_.cols << "x" << image_.rows << ": byte " << at
+                                       << " is " << +got[at] << ", not " << +want[at];
   }
 
  private:
