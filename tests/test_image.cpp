@@ -50,6 +50,7 @@ TEST(Image, EveryFormatHasItsLayoutWhenCreatedRecreatedAndOverCallerMemory) {
     image = make_image(9, 9, want.format);
     EXPECT_EQ(zyn_recreate_image(image.get(), 6, 5), image.get());
     expect_layout(image.get(), want, false);
+    EXPECT_EQ(image->owns_data, 1u);
     EXPECT_EQ(in_use() - before, sizeof(zyn_image) + 5 * want.stride);
     zyn_image header;
     memset(&header, 0xEE, sizeof(header));
