@@ -44,10 +44,9 @@ class PageEnd {
     data_ = reinterpret_cast<T*>(base_ + pages_ - bytes);
   }
   ~PageEnd() {
-    const uint8_t* first = reinterpret_cast<const uint8_t*>(data_);
-    size_t damaged = 0;
-    for (const uint8_t* p = base_; p < first; p++) damaged += *p != kPattern;
-    EXPECT_EQ(damaged, 0u) << "bytes before the buffer were written";
+    const uint8_t* p = base_;
+    while (p < reinterpret_cast<uint8_t*>(data_) && *p == kPattern) p++;
+    EXPECT_EQ(p, reinterpret_cast<uint8_t*>(data_)) << "a byte before the buffer was written";
 #ifdef _WIN32
     VirtualFree(base_, 0, MEM_RELEASE);
 #else
@@ -86,8 +85,7 @@ class Random {
   }
   // low to high, both included.
   int integer(int low, int high) {
-    return low +
-           static_cast<int>(next() % static_cast<uint64_t>(static_cast<int64_t>(high) - low + 1));
+    return low + static_cast<int>(next() % (uint64_t{1} + high - low));
   }
   // low to high, evenly.
   float real(float low, float high) {

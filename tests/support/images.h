@@ -2,10 +2,8 @@
 // the reports of the image files.
 #pragma once
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "support/buffers.h"
@@ -13,6 +11,8 @@
 #include "zyncore.h"
 
 namespace zyn_test {
+
+using Bytes = std::vector<uint8_t>;
 
 struct ImageDeleter {
   void operator()(zyn_image* image) const { zyn_release_matrix(&image); }
@@ -23,17 +23,9 @@ inline Image make_image(int width, int height, uint32_t format) {
   return Image(zyn_create_image(width, height, format));
 }
 
-inline uint8_t* bytes(zyn_image* image) { return static_cast<uint8_t*>(image->data); }
+inline uint8_t* bytes(const zyn_image* image) { return static_cast<uint8_t*>(image->data); }
 inline uint8_t* bytes(const Image& image) { return bytes(image.get()); }
 
-inline size_t buffer_bytes(int width, int height, uint32_t format) {
-  static const int kPixel[15] = {3, 3, 1, 4, 4, 0, 3, 2, 3, 3, 3, 3, 0, 0, 6};
-  const size_t rows = static_cast<size_t>(height);
-  if (kPixel[format]) return rows * static_cast<size_t>(width * kPixel[format]);
-  return static_cast<size_t>((width + 3) / 4 * 4) * rows * 3 / 2;
-}
-
-// Plane k of an image, or of another block of its layout.
 struct PlaneView {
   uint8_t* data;
   int64_t stride;
@@ -41,39 +33,81 @@ struct PlaneView {
     return data[y * stride + x * channels + c];
   }
 };
-inline PlaneView plane_of(const zyn_image* image, int k, uint8_t* block = nullptr) {
-  void* const planes[3] = {image->data, image->plane1, image->plane2};
-  const int64_t strides[3] = {image->row_bytes, image->plane1_bytes, image->plane2_bytes};
-  uint8_t* data = static_cast<uint8_t*>(planes[k]);
-  return {block ? block + (data - static_cast<uint8_t*>(image->data)) : data, strides[k]};
+inline PlaneView plane_of(const zyn_image& image, int k) {
+  void* const planes[3] = {image.data, image.plane1, image.plane2};
+  const int64_t strides[3] = {image.row_bytes, image.plane1_bytes, image.plane2_bytes};
+  return {static_cast<uint8_t*>(planes[k]), strides[k]};
 }
 
-// An image of the library's layout in a buffer that ends at an inaccessible page.
-class PageEndImage {
+// A record over memory of its own that ends at an inaccessible page, its rows padded. The chroma
+// rows of format 5 are half a row of luma, whatever the record says, or have their own padding.
+class Picture {
  public:
-  PageEndImage(int width, int height, uint32_t format)
-      : memory_(buffer_bytes(width, height, format)), image_(make_image(width, height, format)) {
-    own_ = image_->data;
-    const auto move = [&](void* plane) -> void* {
-      return plane ? memory_.data() + (static_cast<uint8_t*>(plane) - static_cast<uint8_t*>(own_))
-                   : nullptr;
-    };
-    image_->plane1 = move(image_->plane1);
-    image_->plane2 = move(image_->plane2);
-    image_->data = memory_.data();
+  Picture(int width, int height, uint32_t format, int padding = 0, bool half_rows = false)
+      : image_(*make_image(width, height, format)), half_rows_(half_rows && format == 5) {
+    const int64_t row = (format == 5 ? width : image_.row_bytes) + padding;
+    image_.row_bytes = row;
+    image_.owns_data = 0;
+    image_.data = add(row * height * (format == 6 ? 3 : 1));
+    if (format == 6) {
+      image_.plane1_bytes = image_.plane2_bytes = row;
+      image_.plane1 = bytes(&image_) + row * height;
+      image_.plane2 = bytes(&image_) + 2 * row * height;
+    }
+    if (format != 5) return;
+    image_.plane1_bytes = half_rows ? row / 2 : width / 2 + (padding & 1);
+    image_.plane2_bytes = half_rows ? row / 2 : width / 2 + (padding >> 1);
+    image_.plane1 = add(image_.plane1_bytes * (height / 2));
+    image_.plane2 = add(image_.plane2_bytes * (height / 2));
+    if (half_rows) image_.plane1_bytes = image_.plane2_bytes = 1;
   }
-  ~PageEndImage() { image_->data = own_; }
-  zyn_image* operator->() { return image_.get(); }
-  zyn_image* get() { return image_.get(); }
-  PageEnd<uint8_t>& memory() { return memory_; }
-  void fill(Random& random) {
-    for (uint8_t& byte : memory_) byte = static_cast<uint8_t>(random.next());
+  zyn_image* get() { return &image_; }
+  zyn_image* operator->() { return &image_; }
+  int planes() const { return image_.plane1 ? 3 : 1; }
+  int pixel_bytes() const {
+    return image_.plane1 ? 1 : image_.channels * static_cast<int>(image_.element_size);
+  }
+  // A plane, or where it lies in a copy.
+  PlaneView plane(int k, Bytes* copy = nullptr) {
+    PlaneView view = plane_of(image_, k);
+    if (k && half_rows_) view.stride = image_.row_bytes / 2;
+    for (size_t i = 0, at = 0; copy && i < memory_.size(); at += memory_[i++]->size())
+      if (view.data >= memory_[i]->begin() && view.data <= memory_[i]->end())
+        return {copy->data() + at + (view.data - memory_[i]->data()), view.stride};
+    return view;
+  }
+  Picture& fill(uint64_t seed) {
+    Random random(seed);
+    for (const auto& block : memory_)
+      for (uint8_t& byte : *block) byte = static_cast<uint8_t>(random.next());
+    return *this;
+  }
+  // All memory with one value, and as a copy.
+  Bytes clear(uint8_t value) {
+    for (const auto& block : memory_) memset(block->data(), value, block->size());
+    return copy();
+  }
+  Bytes copy() const {
+    Bytes all;
+    for (const auto& block : memory_) all.insert(all.end(), block->begin(), block->end());
+    return all;
+  }
+  testing::AssertionResult holds(const Bytes& want) const {
+    const Bytes got = copy();
+    const auto at = std::mismatch(got.begin(), got.end(), want.begin()).first - got.begin();
+    if (got == want) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << image_.cols << "x" << image_.rows << ": byte " << at
+                                       << " is " << +got[at] << ", not " << +want[at];
   }
 
  private:
-  PageEnd<uint8_t> memory_;
-  Image image_;
-  void* own_;
+  uint8_t* add(int64_t size) {
+    memory_.push_back(std::make_unique<PageEnd<uint8_t>>(static_cast<size_t>(size)));
+    return memory_.back()->data();
+  }
+  zyn_image image_;
+  bool half_rows_;
+  std::vector<std::unique_ptr<PageEnd<uint8_t>>> memory_;
 };
 
 constexpr Reports codec_report{"src/image/zyn_bmp_codec.cpp"};
