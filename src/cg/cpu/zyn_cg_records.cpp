@@ -58,7 +58,8 @@ bool zyn_cg_copy_record(int32_t type, const void* param, void** copy) {
     auto* reshape = static_cast<zyn_reshape_param*>(zyn_calloc(1, sizeof(zyn_reshape_param)));
     if (!reshape) return false;
     reshape->count = source->count;
-    for (int32_t i = 0; i < source->count && i < 5; i++) reshape->dims[i] = source->dims[i];
+    const int32_t extents = source->count <= 5 ? source->count : 0;  // too many: none is read
+    for (int32_t i = 0; i < extents; i++) reshape->dims[i] = source->dims[i];
     *copy = reshape;
     return true;
   }
