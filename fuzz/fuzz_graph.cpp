@@ -26,7 +26,12 @@ using zyn_fuzz::Memory;
 
 // Scratch beside the nodes' own tensors: packed weights, panels, padded rows.
 constexpr int64_t bound_of(double tensor_bytes) {
-  return (int64_t{1} << 20) + static_cast<int64_t>(32 * std::min(tensor_bytes, 1e15));
+  return (int64_t{1} << 20) + static_cast<int64_t>(32 * std::min(1e15, tensor_bytes));
+}
+
+// Not a number counts as too high.
+double within(double low, double value, double high) {
+  return std::max(low, std::min(high, value));
 }
 
 // ---- networks that every rule allows ----
@@ -89,7 +94,7 @@ struct Shape {
   double d[5] = {};
   double bytes() const {
     double product = 8;
-    for (int i = 0; i < count; i++) product *= std::clamp(d[i], 0.0, 2147483647.0);
+    for (int i = 0; i < count; i++) product *= within(0, d[i], 2147483647);
     return product;
   }
 };
@@ -133,7 +138,7 @@ class Attack {
   // What fits, or now and then anything.
   int32_t field(double fits) {
     const uint32_t b = in_.byte();
-    return b >= 240 ? in_.extreme() : static_cast<int32_t>(std::clamp(fits, -2e9, 2e9));
+    return b >= 240 ? in_.extreme() : static_cast<int32_t>(within(-2e9, fits, 2e9));
   }
   int32_t small(int32_t low, int32_t high) {
     const uint32_t b = in_.byte();
@@ -199,7 +204,7 @@ class Attack {
     const uint32_t b = in_.byte();
     if (b >= 250) return;
     const int32_t missing = b >= 220 ? 1 + static_cast<int32_t>(b % 4) : 0;
-    const int32_t size = std::max(static_cast<int32_t>(std::min(count, 20000.0)) - missing, 1);
+    const int32_t size = std::max(static_cast<int32_t>(within(1, count, 20000)) - missing, 1);
     node.from.push_back(
         static_cast<int32_t>(data_node(ZYN_OP_CONSTANT, make_tensor(1, &size, ZYN_TYPE_F32))));
   }

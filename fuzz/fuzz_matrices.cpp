@@ -164,12 +164,10 @@ void poses(Input& in) {
             : static_cast<float>(in.integer(0, 639)) + static_cast<float>(in.byte()) / 256;
   if (any)
     for (float& v : camera) v = in.real();
-  // Two points in one pixel are two points in line with the camera, or nothing.
-  bool sane = !any;
-  for (int i = 0; i < 6; i += 2) {
-    const int k = (i + 2) % 6;
-    sane = sane && std::hypot(image[i] - image[k], image[i + 1] - image[k + 1]) >= 1;
-  }
+  // Pixels on one line have points in a plane with the camera: any error grows there.
+  const float area =
+      (image[2] - image[0]) * (image[5] - image[1]) - (image[4] - image[0]) * (image[3] - image[1]);
+  const bool sane = !any && std::fabs(area) >= 1000;
   double rotations[36], translations[12];
   int32_t count = -1;
   check(!zyn_solve_ap3p(rotations, translations, world, image, camera, nullptr, &count),
