@@ -228,7 +228,7 @@ class Attack {
   Input& in_;
   uint32_t fixed_;
   int32_t highest_ = 0;  // id: edge lists follow the ids
-  bool whole_ = true;    // sorted, and every node bound
+  bool whole_ = true;    // sorted, every node bound and of a type that has an operator
   zyn_cg_create_param settings_;
   zyn_cg_handle* graph_ = nullptr;
   std::vector<Node> nodes_;
@@ -342,6 +342,7 @@ void Attack::add_node() {
   Node node;
   const bool conv = b % 3 == 0;
   node.type = b >= 248 ? in_.extreme() : conv ? kConvs[b / 3 % 7] : kOthers[b / 3 % 25];
+  if (b >= 248) whole_ = false;
   const int32_t from = source();
   node.from.push_back(from);
   if (std::count(std::begin(kConvs), std::end(kConvs), node.type))
@@ -392,7 +393,7 @@ void Attack::connect(bool wild) {
   }
   expect_requests();
   const bool sorted = wild && in_.one_in(8) ? false : zyn_computation_graph_topo_sort(graph_) == 0;
-  whole_ = sorted;
+  whole_ = whole_ && sorted;
   for (size_t id = 0; id < nodes_.size(); id++)
     if ((wild && in_.one_in(16)) || bind(id) != 0) whole_ = false;
   const uint32_t q = in_.byte();
