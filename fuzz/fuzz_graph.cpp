@@ -5,6 +5,7 @@
 // order. No request may be larger than its shapes explain.
 #include <algorithm>
 #include <cmath>
+#include <functional>
 
 #include "support/capture.h"
 #include "support/fuzz.h"
@@ -25,7 +26,12 @@ using zyn_fuzz::Memory;
 
 // Scratch beside the nodes' own tensors: packed weights, panels, padded rows.
 constexpr int64_t bound_of(double tensor_bytes) {
-  return (int64_t{1} << 20) + static_cast<int64_t>(32 * std::min(tensor_bytes, 1e15));
+  return (int64_t{1} << 20) + static_cast<int64_t>(32 * std::min(1e15, tensor_bytes));
+}
+
+// Not a number counts as too high.
+double within(double low, double value, double high) {
+  return std::max(low, std::min(high, value));
 }
 
 // ---- networks that every rule allows ----
@@ -35,9 +41,10 @@ void run_model(Input& input) {
   const bool fixed_point = setup % 8 == 7;
   zyn_test::Model model(input.word(), fixed_point);
   model.layout = fixed_point ? 0 : static_cast<int>(setup / 8 % 2) - 1;
+  model.small = !input.one_in(16);
   model.method(setup / 16 % 3);
   const int64_t failing = setup & 128 ? input.byte() : 0;
-  while (!input.empty() && model.size() < 20) {
+  while (!input.empty() && model.size() < 16) {
     const size_t convs = std::size(zyn_test::kConvTypes),
                  others = std::size(zyn_test::kOperatorTypes);
     const size_t type = input.byte() % (2 * convs + others);
@@ -87,7 +94,7 @@ struct Shape {
   double d[5] = {};
   double bytes() const {
     double product = 8;
-    for (int i = 0; i < count; i++) product *= std::clamp(d[i], 0.0, 2147483647.0);
+    for (int i = 0; i < count; i++) product *= within(0, d[i], 2147483647);
     return product;
   }
 };
@@ -99,6 +106,7 @@ struct Node {
   std::vector<int32_t> list;
   zyn_tensor* tensor = nullptr;
   Shape shape;
+  std::function<void(Shape&)> grow;  // from the inputs' shape to the output's
 };
 
 class Attack {
@@ -130,7 +138,7 @@ class Attack {
   // What fits, or now and then anything.
   int32_t field(double fits) {
     const uint32_t b = in_.byte();
-    return b >= 240 ? in_.extreme() : static_cast<int32_t>(std::clamp(fits, -2e9, 2e9));
+    return b >= 240 ? in_.extreme() : static_cast<int32_t>(within(-2e9, fits, 2e9));
   }
   int32_t small(int32_t low, int32_t high) {
     const uint32_t b = in_.byte();
@@ -164,14 +172,11 @@ class Attack {
   }
   zyn_tensor* any_tensor() {
     int32_t dims[5];
-    const uint32_t count = in_.byte();
+    const auto count = static_cast<int>(in_.byte());
     for (int i = 0; i < 5; i++) dims[i] = std::min(small(1, 9), i < 3 ? 16 : 3);
     if (count < 16 && dims[0] > 0) dims[0] *= 5;
-    const uint32_t type = fixed_ ? ZYN_TYPE_FPI16 : ZYN_TYPE_F32;
-    return make_tensor(count >= 224   ? static_cast<int>(count % 5) + 1
-                       : count >= 192 ? 2
-                                      : 3,
-                       dims, type);
+    return make_tensor(count >= 224 ? count % 5 + 1 : 3 - count / 192, dims,
+                       fixed_ ? ZYN_TYPE_FPI16 : ZYN_TYPE_F32);
   }
   static Shape shape_of(const zyn_tensor* t) {
     Shape shape;
@@ -198,19 +203,21 @@ class Attack {
   void constant(Node& node, double count) {
     const uint32_t b = in_.byte();
     if (b >= 250) return;
-    const int32_t exact = static_cast<int32_t>(std::clamp(count, 1.0, 20000.0));
-    const int32_t dims[1] = {std::max(exact - (b >= 220 ? 1 + static_cast<int32_t>(b % 4) : 0), 1)};
+    const int32_t missing = b >= 220 ? 1 + static_cast<int32_t>(b % 4) : 0;
+    const int32_t size = std::max(static_cast<int32_t>(within(1, count, 20000)) - missing, 1);
     node.from.push_back(
-        static_cast<int32_t>(data_node(ZYN_OP_CONSTANT, make_tensor(1, dims, ZYN_TYPE_F32))));
+        static_cast<int32_t>(data_node(ZYN_OP_CONSTANT, make_tensor(1, &size, ZYN_TYPE_F32))));
   }
   template <typename Record>
-  void record(Node& node, const Record& r) {
+  void record(Node& node, const Record& r, std::function<void(Shape&)> grow = nullptr) {
     node.record.resize(sizeof(Record));
     memcpy(node.record.data(), &r, sizeof(Record));
+    node.grow = grow;
   }
 
   void add_node();
   void add_conv(Node& node, const Shape& in);
+  void add_operator(Node& node, int32_t from);
   Shape output_of(const Node& node) const;
   void connect(bool wild);
   int32_t bind(size_t id);
@@ -221,7 +228,7 @@ class Attack {
   Input& in_;
   uint32_t fixed_;
   int32_t highest_ = 0;  // id: edge lists follow the ids
-  bool whole_ = true;    // sorted, and every node bound
+  bool whole_ = true;    // sorted, every node bound and of a type that has an operator
   zyn_cg_create_param settings_;
   zyn_cg_handle* graph_ = nullptr;
   std::vector<Node> nodes_;
@@ -245,99 +252,103 @@ void Attack::add_conv(Node& node, const Shape& in) {
   p.bias = small(0, 1);
   p.word14.activation = small(0, 4);
   p.activation = small(0, 4);
-  record(node, p);
+  record(node, p, [p, type = node.type](Shape& s) {
+    for (int i = 0; i < 2; i++) {
+      const double in = s.d[i], k = (&p.kernel_h)[i], step = (&p.stride_h)[i];
+      const double reach = (k - 1) * (&p.dilation_h)[i], pad = std::max((&p.pad_h)[i], p.pad_h);
+      s.d[i] = type == ZYN_OP_CONV_TRANSPOSED ? (in - 1) * step - 2 * pad + reach + 1
+               : type == ZYN_OP_CONV_BN       ? (in - k + 2 * pad) / step + 1
+                                              : (in - 1 + 2 * pad - reach) / step + 1;
+    }
+    s.d[2] = p.out_channels;
+  });
   const double out = p.out_channels, taps = static_cast<double>(p.kernel_h) * p.kernel_w;
   const double group_in = p.groups > 0 ? p.in_channels / p.groups : p.in_channels;
   constant(node, taps * out * group_in + (p.bias == 1 ? out : 0) +
                      (node.type == ZYN_OP_CONV_BN ? 4 * out : 0));
 }
 
+void Attack::add_operator(Node& node, int32_t from) {
+  const Shape in = nodes_[static_cast<size_t>(from)].shape;
+  const auto scaled = [](float h, float w) {
+    return [h, w](Shape& s) {
+      s.d[0] *= static_cast<double>(std::max(1.0f, h));
+      s.d[1] *= static_cast<double>(std::max(1.0f, w));
+    };
+  };
+  const auto half = [&] { return static_cast<float>(small(1, 6)) / 2; };
+  if (node.type == ZYN_OP_FUNCTION) {
+    record(node, zyn_func_param{small(0, 10), in_.real(), in_.real()});
+  } else if (node.type == ZYN_OP_BATCH_NORM || node.type == ZYN_OP_BATCH_NORM_FAST) {
+    record(node, zyn_bn_param{in_.real(), 0});
+    constant(node, 4 * in.d[2]);
+  } else if (node.type == ZYN_OP_MAX_POOL || node.type == ZYN_OP_AVERAGE_POOL) {
+    const int32_t k = small(1, 4);
+    record(node, zyn_pool_param{k, field(k), field(k), field(k), 0});
+  } else if (node.type == ZYN_OP_LINEAR) {
+    const zyn_linear_param p = {static_cast<uint32_t>(field(in.d[0])),
+                                static_cast<uint32_t>(small(1, 20)),
+                                static_cast<uint32_t>(small(0, 1))};
+    const double out = p.out_features;
+    record(node, p, [out](Shape& s) { s = {2, {out, s.d[1], 1, 1, 1}}; });
+    constant(node, in.d[0] * out + (p.bias == 1 ? out : 0));
+  } else if (node.type == ZYN_OP_RESAMPLE) {
+    const zyn_resample_param p = {small(0, 2), half(), in_.real()};
+    record(node, p, scaled(p.factor_h, p.factor_w));
+  } else if (node.type == ZYN_OP_AFFINE) {
+    const zyn_affine_param p = {half(), in_.real()};
+    record(node, p, scaled(p.factor_h, p.factor_w));
+    constant(node, 6);
+  } else if (node.type == ZYN_OP_RESHAPE) {
+    zyn_reshape_param p = {small(1, 4),
+                           {field(in.d[1]), field(in.d[0]), field(in.d[2]), field(1), 1}};
+    if (in_.one_in(4)) p.dims[in_.byte() % 5] = -1;
+    record(node, p, [p](Shape& s) {
+      const double all = s.bytes();
+      s.count = std::clamp(p.count, 0, 5);
+      for (int i = 0; i < s.count; i++) s.d[i] = p.dims[i] < 0 ? all : p.dims[i];
+    });
+  } else if (node.type == ZYN_OP_CONCAT) {
+    node.list = {from};
+    for (uint32_t more = in_.byte() % 3; more > 0; more--) {
+      node.list.insert(node.list.begin(), source());
+      node.from.push_back(node.list.front());
+    }
+    if (in_.one_in(16)) node.list[0] = in_.extreme();
+    const auto size = static_cast<int32_t>(node.list.size());
+    record(node, zyn_concat_param{small(0, 2), std::min(field(size), size), nullptr});
+  } else if (node.type == ZYN_OP_CHANNEL_SLICE) {
+    record(node, zyn_slice_param{0, small(1, 4), small(0, 2), small(0, 2), 0});
+  } else if (node.type == ZYN_OP_CHANNEL_GATHER) {
+    for (uint32_t n = in_.byte() % 8 + 1; n > 0; n--) node.list.push_back(small(0, 3));
+    const auto size = static_cast<int32_t>(node.list.size());
+    record(node, zyn_gather_param{size, nullptr}, [size](Shape& s) { s.d[2] = size; });
+  } else if (node.type == ZYN_OP_ADD || node.type == ZYN_OP_MULTIPLY) {
+    node.from.push_back(source());
+  } else if (node.type > ZYN_OP_CHANNEL_GATHER) {
+    node.record.resize(64);
+  }
+}
+
 void Attack::add_node() {
-  static constexpr int32_t kTypes[] = {3,  4,  5,  7,  8,  9,  10, 11, 12, 13, 15,
-                                       16, 20, 21, 22, 23, 24, 25, 27, 28, 30, 31,
-                                       32, 33, 34, 35, 3,  4,  5,  12, 13, 0};
+  static constexpr int32_t kConvs[] = {3, 4, 5, 7, 8, 12, 13};
+  static constexpr int32_t kOthers[] = {9,  10, 11, 15, 16, 20, 21, 22, 23, 24, 25, 27, 28,
+                                        30, 31, 32, 33, 34, 35, 0,  27, 30, 31, 32, 33};
   const uint32_t b = in_.byte();
   if (nodes_.empty() || b % 32 == 31) {
     data_node(b == 255 ? ZYN_OP_DATA : ZYN_OP_INPUT, any_tensor());
     if (nodes_.size() > 1) return;
   }
   Node node;
-  node.type = b >= 248 ? in_.extreme() : kTypes[b % 32];
+  const bool conv = b % 3 == 0;
+  node.type = b >= 248 ? in_.extreme() : conv ? kConvs[b / 3 % 7] : kOthers[b / 3 % 25];
+  if (b >= 248) whole_ = false;
   const int32_t from = source();
-  const Shape in = nodes_[static_cast<size_t>(from)].shape;
   node.from.push_back(from);
-  switch (node.type) {
-    case 3:
-    case 4:
-    case 5:
-    case 7:
-    case 8:
-    case 12:
-    case 13:
-      add_conv(node, in);
-      break;
-    case ZYN_OP_FUNCTION:
-      record(node, zyn_func_param{small(0, 10), in_.real(), in_.real()});
-      break;
-    case 10:
-    case 11:
-      record(node, zyn_bn_param{in_.real(), 0});
-      constant(node, 4 * in.d[2]);
-      break;
-    case 22:
-    case 23: {
-      const int32_t k = small(1, 4);
-      record(node, zyn_pool_param{k, field(k), field(k), field(k), 0});
-      break;
-    }
-    case ZYN_OP_LINEAR: {
-      const zyn_linear_param p = {static_cast<uint32_t>(field(in.d[0])),
-                                  static_cast<uint32_t>(small(1, 20)),
-                                  static_cast<uint32_t>(small(0, 1))};
-      record(node, p);
-      constant(node, in.d[0] * p.out_features + (p.bias == 1 ? p.out_features : 0));
-      break;
-    }
-    case ZYN_OP_RESAMPLE:
-      record(node,
-             zyn_resample_param{small(0, 2), static_cast<float>(small(1, 6)) / 2, in_.real()});
-      break;
-    case ZYN_OP_AFFINE:
-      record(node, zyn_affine_param{static_cast<float>(small(1, 6)) / 2, in_.real()});
-      constant(node, 6);
-      break;
-    case ZYN_OP_RESHAPE: {
-      zyn_reshape_param p = {small(1, 4),
-                             {field(in.d[1]), field(in.d[0]), field(in.d[2]), field(1), 1}};
-      if (in_.one_in(4)) p.dims[in_.byte() % 5] = -1;
-      record(node, p);
-      break;
-    }
-    case ZYN_OP_CONCAT: {
-      node.list = {from};
-      for (uint32_t more = in_.byte() % 3; more > 0; more--) {
-        node.list.insert(node.list.begin(), source());
-        node.from.push_back(node.list.front());
-      }
-      if (in_.one_in(16)) node.list[0] = in_.extreme();
-      const auto size = static_cast<int32_t>(node.list.size());
-      record(node, zyn_concat_param{small(0, 2), std::min(field(size), size), nullptr});
-      break;
-    }
-    case ZYN_OP_CHANNEL_SLICE:
-      record(node, zyn_slice_param{0, small(1, 4), small(0, 2), small(0, 2), 0});
-      break;
-    case ZYN_OP_CHANNEL_GATHER:
-      for (uint32_t n = in_.byte() % 8 + 1; n > 0; n--) node.list.push_back(small(0, 3));
-      record(node, zyn_gather_param{static_cast<int32_t>(node.list.size()), nullptr});
-      break;
-    case 27:
-    case 28:
-      node.from.push_back(source());
-      break;
-    default:
-      if (node.type > 35) node.record.resize(64);
-  }
+  if (std::count(std::begin(kConvs), std::end(kConvs), node.type))
+    add_conv(node, nodes_[static_cast<size_t>(from)].shape);
+  else
+    add_operator(node, from);
   if (in_.one_in(32)) node.from.push_back(source());
   if (in_.one_in(32)) node.record.clear();
   nodes_.push_back(node);
@@ -346,72 +357,17 @@ void Attack::add_node() {
 // The shape that a node's output may have, at most; wider than true where the rules leave
 // the choice among several inputs.
 Shape Attack::output_of(const Node& node) const {
-  Shape in;
+  Shape shape;
   for (int32_t id : node.from) {
     if (id < 0 || static_cast<size_t>(id) >= nodes_.size()) continue;
-    const Shape& other = nodes_[static_cast<size_t>(id)].shape;
-    in.count = std::max(in.count, other.count);
+    const Shape& in = nodes_[static_cast<size_t>(id)].shape;
+    shape.count = std::max(shape.count, in.count);
     for (int i = 0; i < 5; i++)
-      in.d[i] = node.type == ZYN_OP_CONCAT ? in.d[i] + other.d[i] : std::max(in.d[i], other.d[i]);
+      shape.d[i] =
+          node.type == ZYN_OP_CONCAT ? shape.d[i] + in.d[i] : std::max(shape.d[i], in.d[i]);
   }
-  if (node.record.empty()) return in;
-  Shape out = in;
-  const auto take = [&](auto* p) { memcpy(p, node.record.data(), sizeof(*p)); };
-  zyn_conv_param p;
-  switch (node.type) {
-    case 3:
-    case 4:
-    case 5:
-    case 7:
-    case 8:
-    case 12:
-    case 13:
-      take(&p);
-      for (int i = 0; i < 2; i++) {
-        const double k = (&p.kernel_h)[i], s = (&p.stride_h)[i], d = (&p.dilation_h)[i];
-        const double pad = std::max((&p.pad_h)[i], p.pad_h);
-        out.d[i] = node.type == ZYN_OP_CONV_TRANSPOSED
-                       ? (in.d[i] - 1) * s - 2 * pad + d * (k - 1) + 1
-                   : node.type == ZYN_OP_CONV_BN ? (in.d[i] - k + 2 * pad) / s + 1
-                                                 : (in.d[i] - 1 + 2 * pad - (k - 1) * d) / s + 1;
-      }
-      out.d[2] = p.out_channels;
-      break;
-    case ZYN_OP_LINEAR: {
-      zyn_linear_param l;
-      take(&l);
-      out.count = 2;
-      out.d[0] = l.out_features;
-      break;
-    }
-    case ZYN_OP_RESAMPLE: {
-      zyn_resample_param r;
-      take(&r);
-      out.d[0] *= std::max(1.0, static_cast<double>(r.factor_h));
-      out.d[1] *= std::max(1.0, static_cast<double>(r.factor_w));
-      break;
-    }
-    case ZYN_OP_AFFINE: {
-      zyn_affine_param a;
-      take(&a);
-      out.d[0] *= std::max(1.0, static_cast<double>(a.factor_h));
-      out.d[1] *= std::max(1.0, static_cast<double>(a.factor_w));
-      break;
-    }
-    case ZYN_OP_RESHAPE: {
-      zyn_reshape_param r;
-      take(&r);
-      out.count = std::clamp(r.count, 0, 5);
-      for (int i = 0; i < out.count; i++) out.d[i] = r.dims[i] < 0 ? in.bytes() : r.dims[i];
-      break;
-    }
-    case ZYN_OP_CHANNEL_GATHER:
-      out.d[2] = static_cast<double>(node.list.size());
-      break;
-    default:
-      break;
-  }
-  return out;
+  if (node.grow && !node.record.empty()) node.grow(shape);
+  return shape;
 }
 
 void Attack::expect_requests() {
@@ -437,7 +393,7 @@ void Attack::connect(bool wild) {
   }
   expect_requests();
   const bool sorted = wild && in_.one_in(8) ? false : zyn_computation_graph_topo_sort(graph_) == 0;
-  whole_ = sorted;
+  whole_ = whole_ && sorted;
   for (size_t id = 0; id < nodes_.size(); id++)
     if ((wild && in_.one_in(16)) || bind(id) != 0) whole_ = false;
   const uint32_t q = in_.byte();
@@ -535,7 +491,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)once;
   Input input(data, size);
   const uint32_t kind = input.byte();
-  Memory memory(kind % 8 >= 6, int64_t{1} << 24, int64_t{1} << 22);
+  Memory memory(kind % 16 >= 14, int64_t{1} << 24, int64_t{1} << 22);
   if (kind & 1)
     Attack attack(input);
   else

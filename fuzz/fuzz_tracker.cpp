@@ -105,7 +105,7 @@ class Life {
   bool step() {
     if (in_.one_in(3)) return predict();
     const bool many = in_.one_in(48) && model_.size() < 200;
-    const Boxes boxes = many ? Boxes(60, box(in_)) : some_boxes(in_, in_.byte() % 6 + 1);
+    const Boxes boxes = many ? Boxes(60, box(in_)) : some_boxes(in_, in_.byte() % 5 + 1);
     for (const zyn_detection& b : boxes)
       for (const float v : {b.x1, b.y1, b.x2, b.y2}) wild_ = wild_ || !(std::fabs(v) < 300);
     std::vector<uint8_t> mask(boxes.size());
@@ -253,14 +253,14 @@ class Life {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  zyn_fuzz::Memory memory(size % 4 == 3, 1 << 16);
+  zyn_fuzz::Memory memory(size % 8 == 7, 1 << 16);
   Input in(data, size);
   if (in.one_in(3)) {
     for (int rounds = 0; rounds < 4 && !in.empty(); rounds++) associate(in);
     return 0;
   }
   Life life(in);
-  for (int steps = 0; steps < 40 && !in.empty(); steps++)
+  for (int steps = 0; steps < 24 && !in.empty(); steps++)
     if (!life.step()) break;
   return 0;
 }

@@ -94,8 +94,7 @@ class Memory {
   // The n-th request from now on (1 is the next) fails, lasting: all later ones too;
   // n = 0: none.
   static void fail(int64_t n, bool lasting);
-  static bool failed();      // whether one did since fail()
-  static int64_t largest();  // bytes of the largest request so far
+  static bool failed();  // whether one did since fail()
   // Hands back blocks of this many bytes that calls lost on purpose, one for each
   // request that failed.
   static void hand_back(int64_t bytes);

@@ -6,7 +6,8 @@
 #endif
 #include <unistd.h>
 
-#include <unordered_map>
+#include <algorithm>
+#include <vector>
 
 #include "base/zyn_memory.h"
 #include "support/fuzz.h"
@@ -19,21 +20,30 @@ namespace {
 constexpr size_t kOverhead = 48;
 constexpr size_t kLead = 16;  // an address 16 bytes before a multiple of 32: this much is used
 constexpr size_t kPage = 4096;
+constexpr size_t kDirty = 1 << 16;  // so much of a block is full of rubbish: more takes long
 constexpr uint8_t kRubbish = 0xCD;
 
 struct Block {
-  uint8_t* base;
+  uint8_t *base, *address;
   size_t bytes;   // of the library's block
-  size_t mapped;  // before the guard page; 0: from the heap
+  size_t mapped;  // pages before the guard page; 0: from the heap
 };
 struct State {
-  std::unordered_map<void*, Block> live;
   bool pages, lasting, failed;
-  int64_t bound, machine, largest, seen, fail, failures;
+  int64_t bound, machine, seen, fail, failures;
 };
-State* state = nullptr;
+State state;
+// Kept from input to input, as their making takes long.
+std::vector<Block> live;                   // a block's number lies before its address
+std::vector<std::vector<uint8_t*>> spare;  // mapped pages, by their number
 
-uint8_t* map(size_t bytes) {
+uint8_t* map(size_t pages) {
+  if (pages < spare.size() && !spare[pages].empty()) {
+    uint8_t* base = spare[pages].back();
+    spare[pages].pop_back();
+    return base;
+  }
+  const size_t bytes = pages * kPage;
 #ifdef _WIN32
   void* base = VirtualAlloc(nullptr, bytes + kPage, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
   DWORD old = 0;
@@ -47,12 +57,15 @@ uint8_t* map(size_t bytes) {
   return static_cast<uint8_t*>(base);
 }
 
-void unmap(uint8_t* base, size_t bytes) {
+void unmap(const Block& block) {
+  if (block.mapped < 64) {
+    if (spare.size() <= block.mapped) spare.resize(block.mapped + 1);
+    return spare[block.mapped].push_back(block.base);
+  }
 #ifdef _WIN32
-  (void)bytes;
-  VirtualFree(base, 0, MEM_RELEASE);
+  VirtualFree(block.base, 0, MEM_RELEASE);
 #else
-  munmap(base, bytes + kPage);
+  munmap(block.base, block.mapped * kPage + kPage);
 #endif
 }
 
@@ -66,14 +79,13 @@ void* aligned(size_t bytes) {
 }
 
 void* allocate(size_t system_bytes) {
-  State& s = *state;
+  State& s = state;
   const size_t bytes = system_bytes - kOverhead;
   const auto wanted = static_cast<int64_t>(bytes);
   if (bytes > static_cast<uint64_t>(INT64_MAX) || wanted > s.bound) {
     fprintf(stderr, "request of %zu bytes, bound %lld\n", bytes, static_cast<long long>(s.bound));
     broken("no request above what the shapes need");
   }
-  if (wanted > s.largest) s.largest = wanted;
   s.seen++;
   const bool fails = s.fail > 0 && (s.lasting ? s.seen >= s.fail : s.seen == s.fail);
   if (fails || wanted > s.machine) {
@@ -81,84 +93,79 @@ void* allocate(size_t system_bytes) {
     s.failures++;
     return nullptr;
   }
-  Block block = {nullptr, bytes, 0};
-  uint8_t* first;
+  Block block = {nullptr, nullptr, bytes, 0};
+  const size_t whole = s.pages ? (bytes + 31) / 32 * 32 : bytes;
   if (s.pages) {
-    const size_t whole = (bytes + 31) / 32 * 32;
-    block.mapped = (whole + 2 * kLead + kPage - 1) / kPage * kPage;
+    block.mapped = (whole + 2 * kLead + kPage - 1) / kPage;
     block.base = map(block.mapped);
-    memset(block.base, kRubbish, block.mapped);
-    first = block.base + block.mapped - whole;
+    block.address = block.base + block.mapped * kPage - whole - kLead;
+    memset(block.address + kLead + bytes, kRubbish, whole - bytes);
   } else {
-    block.base = static_cast<uint8_t*>(aligned(bytes + 2 * kLead));
+    block.base = static_cast<uint8_t*>(aligned(whole + 2 * kLead));
     check(block.base != nullptr, "the system has memory");
-    memset(block.base, kRubbish, bytes + 2 * kLead);
-    first = block.base + 2 * kLead;
+    block.address = block.base + kLead;
   }
-  s.live[first - kLead] = block;
-  return first - kLead;
+  memset(block.address, kRubbish, std::min(kLead + bytes, kDirty));
+  const size_t number = live.size();
+  memcpy(block.address - kLead, &number, sizeof(number));
+  live.push_back(block);
+  return block.address;
 }
 
 void release(void* address) {
-  const auto at = state->live.find(address);
-  check(at != state->live.end(), "only live blocks are freed");
-  const Block block = at->second;
-  state->live.erase(at);
+  size_t number;
+  memcpy(&number, static_cast<uint8_t*>(address) - kLead, sizeof(number));
+  check(number < live.size() && live[number].address == address, "only live blocks are freed");
+  const Block block = live[number];
+  live[number] = live.back();
+  memcpy(live[number].address - kLead, &number, sizeof(number));
+  live.pop_back();
   if (block.mapped) {
-    const uint8_t* end = block.base + block.mapped;
-    for (const uint8_t* p = static_cast<uint8_t*>(address) + kLead + block.bytes; p < end; p++)
+    const uint8_t* end = block.base + block.mapped * kPage;
+    for (const uint8_t* p = block.address + kLead + block.bytes; p < end; p++)
       check(*p == kRubbish, "nothing is written behind a block");
-    unmap(block.base, block.mapped);
-  } else {
-#ifdef _WIN32
-    _aligned_free(block.base);
-#else
-    free(block.base);
-#endif
+    return unmap(block);
   }
+#ifdef _WIN32
+  _aligned_free(block.base);
+#else
+  free(block.base);
+#endif
 }
 
 }  // namespace
 
 Memory::Memory(bool pages, int64_t bound, int64_t machine)
     : before_(zyn_get_current_memory_size_occupation()) {
-  state = new State{{}, pages, false, false, bound, machine, 0, 0, 0, 0};
+  state = {pages, false, false, bound, machine, 0, 0, 0};
   const zyn_system_allocator hooks = {allocate, release};
   zyn_set_system_allocator(&hooks);
 }
 
 Memory::~Memory() {
-  for (const auto& [address, block] : state->live)
-    fprintf(stderr, "block of %zu bytes is left\n", block.bytes);
+  for (const Block& block : live) fprintf(stderr, "block of %zu bytes is left\n", block.bytes);
   check(zyn_get_current_memory_size_occupation() == before_, "the byte counter is back");
-  check(state->live.empty(), "every block is freed");
+  check(live.empty(), "every block is freed");
   zyn_set_system_allocator(nullptr);
-  delete state;
-  state = nullptr;
 }
 
-void Memory::bound(int64_t bytes) { state->bound = bytes; }
+void Memory::bound(int64_t bytes) { state.bound = bytes; }
 
 void Memory::fail(int64_t n, bool lasting) {
-  state->seen = 0;
-  state->failed = false;
-  state->fail = n;
-  state->lasting = lasting;
+  state.seen = 0;
+  state.failed = false;
+  state.fail = n;
+  state.lasting = lasting;
 }
 
-bool Memory::failed() { return state->failed; }
-
-int64_t Memory::largest() { return state->largest; }
+bool Memory::failed() { return state.failed; }
 
 void Memory::hand_back(int64_t bytes) {
-  for (auto at = state->live.begin(); at != state->live.end() && state->failures > 0;) {
-    const auto next = std::next(at);
-    if (at->second.bytes == static_cast<size_t>(bytes)) {
-      zyn_free(static_cast<uint8_t*>(at->first) + kLead);
-      state->failures--;
+  for (size_t i = live.size(); i-- > 0 && state.failures > 0;)
+    if (live[i].bytes == static_cast<size_t>(bytes)) {
+      zyn_free(live[i].address + kLead);
+      state.failures--;
     }
-    at = next;
-  }
 }
 
 const char* scratch_file(const void* content, size_t bytes) {

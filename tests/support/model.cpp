@@ -76,13 +76,14 @@ void Model::check(double bound) {
 std::vector<int> Model::any_dims(size_t dim_count) {
   // Around the vector and block sizes: 1 to 20, now and then longer rows.
   std::vector<int> dims;
-  for (size_t d = 0; d < dim_count; d++) dims.push_back(random.integer(1, d == 2 ? 21 : 18));
-  if (random.integer(0, 9) == 0) dims[0] = random.integer(30, 70);
+  for (size_t d = 0; d < dim_count; d++) dims.push_back(random.integer(1, (d == 2 ? 21 : 18) / (small ? 2 : 1)));
+  if (!small && random.integer(0, 9) == 0) dims[0] = random.integer(30, 70);
   return dims;
 }
 
 // An earlier node of a dimension count, or an input made for it.
 int Model::pick(size_t dim_count, int largest) {
+  if (small) largest = 500;
   for (int tries = 0; tries < 6 && size() > 0; tries++) {
     const int id = random.integer(std::max(0, size() - 12), size() - 1);
     if (steps_[id].type == ZYN_OP_CONSTANT) continue;

@@ -29,6 +29,7 @@ class Model {
   Net net;
   // Channel order of the graph's inputs: a code, or -1 for any.
   int layout = 0;
+  bool small = false;  // few elements a node
 
   // Convolution method of types 3, 4, 5, 12 and 13.
   void method(uint32_t method) {

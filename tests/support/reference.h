@@ -75,7 +75,8 @@ inline Array reference_linear(const Array& in, const Array& constant, const zyn_
   for (int r = 0; r < in.h(); r++)
     for (int j = 0; j < m; j++) {
       const double* weights = constant.v.data() + j * n;
-      double sum = p.bias == 1 && r == 0 ? constant.v[static_cast<size_t>(m * n + j)] : 0;
+      const size_t bias = p.in_features * p.out_features + static_cast<size_t>(j);
+      double sum = p.bias == 1 && r == 0 ? constant.v[bias] : 0;
       for (int i = 0; i < n; i++) sum += in.at(i, r, 0) * weights[i];
       out.at(j, r, 0) = sum;
     }
