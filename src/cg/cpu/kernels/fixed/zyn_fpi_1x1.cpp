@@ -121,14 +121,15 @@ uint32_t run(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue, zy
   const int64_t pixels = static_cast<int64_t>(input->dims[0]) * input->dims[1];
   const int16_t* in = zyn_fpi_words(input);
   int16_t* out = zyn_fpi_words(output);
+  // The last pixels go through a copy: nothing is read behind a plane. It is made before
+  // anything is written.
+  const int64_t rest = pixels % kPixels;
+  auto tail = zyn_scratch<int16_t>::zeroed(rest == 0 ? 0 : channels * kPixels);
+  if (rest != 0 && !tail) return ZYN_RET_ERR_MEMORY;
   int64_t x = 0;
   for (; x + kPixels <= pixels; x += kPixels)
     run_pixels<kMode>(plan, epilogue, out + x, pixels, in + x, pixels, kPixels);
-  const int64_t rest = pixels - x;
   if (rest == 0) return ZYN_RET_OK;
-  // The last pixels go through a copy: nothing is read behind a plane.
-  auto tail = zyn_scratch<int16_t>::zeroed(channels * kPixels);
-  if (!tail) return ZYN_RET_ERR_MEMORY;
   for (int64_t i = 0; i < channels; i++)
     memcpy(tail.get() + i * kPixels, in + i * pixels + x,
            static_cast<size_t>(rest) * sizeof(int16_t));
