@@ -24,9 +24,8 @@ set_property(SOURCE ${zyn_vector_sources} APPEND PROPERTY COMPILE_OPTIONS ${ZYN_
 if(CMAKE_CXX_FLAGS MATCHES "fsanitize=address")
   set(zyn_kernel_sources ${zyn_sources})
   list(FILTER zyn_kernel_sources INCLUDE REGEX "/cg/cpu/kernels/")
-  set_property(SOURCE ${zyn_kernel_sources} APPEND PROPERTY COMPILE_OPTIONS
-    -fno-sanitize=null,alignment,pointer-overflow,object-size
-    "SHELL:-mllvm -asan-instrumentation-with-call-threshold=300")
+  set_property(SOURCE ${zyn_kernel_sources} APPEND_STRING PROPERTY COMPILE_FLAGS
+    " -fno-sanitize=null,alignment,pointer-overflow,object-size -mllvm -asan-instrumentation-with-call-threshold=300")
 endif()
 
 # Exactly the exports that exports.txt names, whatever else is visible.
