@@ -179,10 +179,10 @@ TEST(GraphHandle, QListIsHandedOverAndReplacedWithoutBeingFreed) {
 TEST(GraphEdges, IdsOutOfRangeStayNodes) {
   Graph graph({{4, 1}, {1, 2}, {2, 4}, {0, 2}, {1, 2}});
   zyn_cg_handle* h = graph.handle;
-  for (const auto& [from, to] : Edges{{1, 8}, {8, 0}, {INT32_MAX, 0}})
-    EXPECT_SAYS(graph.edge(from, to), 1, "");
-  for (const auto& [from, to] : Edges{{-1, 1}, {1, -1}})
-    EXPECT_SAYS(graph.edge(from, to), 1, core_report(kPara, 535));
+  for (const auto& e : Edges{{1, 8}, {8, 0}, {INT32_MAX, 0}})
+    EXPECT_SAYS(graph.edge(e.first, e.second), 1, "");
+  for (const auto& e : Edges{{-1, 1}, {1, -1}})
+    EXPECT_SAYS(graph.edge(e.first, e.second), 1, core_report(kPara, 535));
   EXPECT_SAYS(zyn_add_one_edge_into_computation_graph(nullptr, 0, 1), 1, core_report(kPara, 535));
   EXPECT_EQ(ids(h->nodes), (Ids{4, 1, 2, 0, 8, INT32_MAX}));
   EXPECT_EQ(ids(zyn_cg_inputs(h, 2)), (Ids{1, 0, 1}));
@@ -282,7 +282,8 @@ TEST(GraphBinding, RefusalsAreReported) {
   EXPECT_SAYS(Graph().bind(0), 1, node);  // no nodes at all
   // A routine that fails, or none, leaves the node bound, without a record.
   failing = {"b2", 77};
-  for (const auto& [id, code] : Edges{{1, 0}, {2, 77}, {0, 0}}) {
+  for (const auto& bound : Edges{{1, 0}, {2, 77}, {0, 0}}) {
+    const int id = bound.first, code = bound.second;
     EXPECT_EQ(graph.bind(id, id == 0 ? 14 : kFake), code);
     EXPECT_EQ(zyn_cg_record(h, id) != nullptr, id == 1);
     EXPECT_SAYS(graph.bind(id), 1,
