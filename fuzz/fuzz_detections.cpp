@@ -96,7 +96,9 @@ void decode(Input& in) {
     if (i % 4 < 2) {
       const double shift = static_cast<double>(center) * offset * static_cast<double>(p[i + 2]);
       const double prior = static_cast<double>(p[i]);
-      if (!(std::fabs(static_cast<double>(center) * offset) < 1e37)) continue;
+      // The first product may overflow on the way, or lose digits below the normal range.
+      const double first = std::fabs(static_cast<double>(center) * offset);
+      if (!(first < 1e37) || (first < 1.2e-38 && first > 0)) continue;
       check(close(boxes[i], shift + prior, std::fabs(shift) + std::fabs(prior) + 1e-30),
             "a decoded centre");
     } else {

@@ -27,6 +27,6 @@ bench 0 'whole network' ssd320 --methods 1
 bench 2 'nothing to read' "$work/small.layers"
 bench 2 'cannot read' "$work/missing.layers"
 bench 2 'not 3' ssd320 --methods 3
-bench 2 'not 2,$' ssd320 --methods 2,
+bench 2 'not 2,.?$' ssd320 --methods 2,
 line 2 "$program" --methods 2
 run 0 '^usage: ' "$program"

@@ -113,7 +113,7 @@ struct Bmp {
 };
 
 const std::string& path() {
-  static const std::string name = temp_path("back \xC3\xA4.BMP");  // beyond ASCII
+  static const std::string name = temp_path("back.BMP");
   return name;
 }
 

@@ -45,7 +45,7 @@ struct zyn_fpi_rows {
     return (output->dims[1] - int64_t{1}) * l.stride_y + reach.rows;
   }
   static int64_t capacity_of(int64_t total_rows, int64_t most_rows) {
-    while (most_rows / 2 >= total_rows) most_rows /= 2;
+    while (most_rows > 1 && most_rows / 2 >= total_rows) most_rows /= 2;
     return most_rows;
   }
   // Size of the ring, -1 where it does not fit 64 bits.
