@@ -27,7 +27,13 @@ function(zyn_add_test_program name)
   set_tests_properties(${name} PROPERTIES TIMEOUT 900)
 endfunction()
 
+# The large one runs in two halves beside each other.
 zyn_add_test_program(zyncore_tests ${zyn_test_sources})
+add_test(NAME zyncore_tests_second COMMAND zyncore_tests)
+set_tests_properties(zyncore_tests PROPERTIES
+  ENVIRONMENT "GTEST_TOTAL_SHARDS=2;GTEST_SHARD_INDEX=0")
+set_tests_properties(zyncore_tests_second PROPERTIES TIMEOUT 900
+  ENVIRONMENT "GTEST_TOTAL_SHARDS=2;GTEST_SHARD_INDEX=1")
 foreach(source IN LISTS zyn_process_tests)
   get_filename_component(name ${source} NAME_WE)
   zyn_add_test_program(${name} ${source})
