@@ -59,7 +59,13 @@ void associate(Input& in) {
   std::vector<double> s;
   for (const zyn_detection& a : d)
     for (const zyn_detection& b : t) s.push_back(score(a, b));
-  const bool sane = std::all_of(s.begin(), s.end(), [](double v) { return v >= 0 && v <= 1.001; });
+  // Areas that single precision cannot hold have no score.
+  const auto small = [](const zyn_detection& b) {
+    return std::max({std::fabs(b.x1), std::fabs(b.y1), std::fabs(b.x2), std::fabs(b.y2)}) < 1e15f;
+  };
+  const bool sane =
+      std::all_of(s.begin(), s.end(), [](double v) { return v >= 0 && v <= 1.001; }) &&
+      std::all_of(d.begin(), d.end(), small) && std::all_of(t.begin(), t.end(), small);
   const float threshold = in.one_in(2) ? -1 : in.real();
   zyn_sort_match_info* m = zyn_associate_detections_to_trackers(
       d.data(), static_cast<int32_t>(rows), t.data(), static_cast<int32_t>(cols), threshold);
