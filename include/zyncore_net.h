@@ -61,26 +61,26 @@ enum { ZYN_CHECK_WARNING = 1, ZYN_CHECK_ERROR = 2 };
 
 /* What kind of finding it is. */
 enum {
-  ZYN_CHECK_NOT_SORTED = 1,       /* not sorted since the last edge was added */
-  ZYN_CHECK_NODE_RANGE = 2,       /* an edge names a node id at or above the maximum */
-  ZYN_CHECK_GAP = 3,              /* ids are not 0 to n - 1: an edge is missing */
-  ZYN_CHECK_CYCLE = 4,            /* edges lead back to their own beginning */
-  ZYN_CHECK_UNBOUND = 5,          /* a node without an operator */
-  ZYN_CHECK_TYPE = 6,             /* an operator type that nothing computes */
-  ZYN_CHECK_INPUTS = 7,           /* wrong number or kind of inputs */
-  ZYN_CHECK_RECORD = 8,           /* a parameter out of its range */
-  ZYN_CHECK_CHANNELS = 9,         /* channels of record and input differ */
-  ZYN_CHECK_SHAPE = 10,           /* shapes that do not fit each other, or no output */
-  ZYN_CHECK_CONSTANT_SHORT = 11,  /* a constant holds too little */
-  ZYN_CHECK_CONSTANT_LONG = 12,   /* a constant holds more than is read */
-  ZYN_CHECK_DATA = 13,            /* a data node without a tensor, data, or of a wrong type */
-  ZYN_CHECK_ACTIVATION = 14,      /* an activation code that computes nothing */
-  ZYN_CHECK_POOL_STEP = 15,       /* pooling windows that do not advance as the record says */
-  ZYN_CHECK_IN_PLACE = 16,        /* an in-place activation with a second reader, or on a
-                                     graph input */
-  ZYN_CHECK_METHOD = 17,          /* a shape that the node's convolution method refuses */
-  ZYN_CHECK_FRACTION_BITS = 18,   /* fixed point: q missing or out of range */
-  ZYN_CHECK_UNUSED = 19           /* a data node that no operator reads */
+  ZYN_CHECK_NOT_SORTED = 1,      /* not sorted since the last edge was added */
+  ZYN_CHECK_NODE_RANGE = 2,      /* an edge names a node id at or above the maximum */
+  ZYN_CHECK_GAP = 3,             /* ids are not 0 to n - 1: an edge is missing */
+  ZYN_CHECK_CYCLE = 4,           /* edges lead back to their own beginning */
+  ZYN_CHECK_UNBOUND = 5,         /* a node without an operator */
+  ZYN_CHECK_TYPE = 6,            /* an operator type that nothing computes */
+  ZYN_CHECK_INPUTS = 7,          /* wrong number or kind of inputs */
+  ZYN_CHECK_RECORD = 8,          /* a parameter out of its range */
+  ZYN_CHECK_CHANNELS = 9,        /* channels of record and input differ */
+  ZYN_CHECK_SHAPE = 10,          /* shapes that do not fit each other, or no output */
+  ZYN_CHECK_CONSTANT_SHORT = 11, /* a constant holds too little */
+  ZYN_CHECK_CONSTANT_LONG = 12,  /* a constant holds more than is read */
+  ZYN_CHECK_DATA = 13,           /* a data node without a tensor, data, or of a wrong type */
+  ZYN_CHECK_ACTIVATION = 14,     /* an activation code that computes nothing */
+  ZYN_CHECK_POOL_STEP = 15,      /* pooling windows that do not advance as the record says */
+  ZYN_CHECK_IN_PLACE = 16,       /* an in-place activation with a second reader, or on a
+                                    graph input */
+  ZYN_CHECK_METHOD = 17,         /* a shape that the node's convolution method refuses */
+  ZYN_CHECK_FRACTION_BITS = 18,  /* fixed point: q missing or out of range */
+  ZYN_CHECK_UNUSED = 19          /* a data node that no operator reads */
 };
 
 /* One finding. */
@@ -105,6 +105,150 @@ ZYN_API int32_t zyn_cg_check(const zyn_cg_handle* graph, zyn_cg_report** report)
 
 /* Frees a report and sets *report to null. Null, or a pointer to null, does nothing. */
 ZYN_API void zyn_release_cg_report(zyn_cg_report** report);
+
+/* ------------------------------------------------------------------------ */
+/* Further operators                                                          */
+/* ------------------------------------------------------------------------ */
+
+/* Types 9, 30, 31 and 35 compute more than zyncore.h lists. The first word of the record that
+ * they are bound with says what: a number from the lists below instead of one from zyncore.h.
+ * Axes are counted as in dims: 0 is x, the fastest, 1 is y, 2 the channels. All of them write
+ * tensors of their own in planar order and never work in place. */
+
+/* Type 9, zyn_func_param: one input, output of its shape. */
+enum {
+  ZYN_FUNC_LEAKY_RELU = 16,   /* x, below 0 a * x */
+  ZYN_FUNC_PRELU = 17,        /* x, below 0 s[c] * x: reads one constant more, of one slope or one
+                                 per channel */
+  ZYN_FUNC_ELU = 18,          /* x, below 0 a * (e^x - 1) */
+  ZYN_FUNC_HARD_SIGMOID = 19, /* min(max(a * x + b, 0), 1) */
+  ZYN_FUNC_SIGMOID = 20,      /* 1 / (1 + e^-x) */
+  ZYN_FUNC_SILU = 21,         /* x / (1 + e^(-a * x)); SiLU for a = 1 */
+  ZYN_FUNC_HARD_SWISH = 22,   /* x * min(max(x + 3, 0), 6) / 6 */
+  ZYN_FUNC_MISH = 23,         /* x * tanh(ln(1 + e^x)) */
+  ZYN_FUNC_GELU = 24,        /* a = 0: x * (1 + erf(x / sqrt 2)) / 2; a = 1: with tanh in its place,
+                                x * (1 + tanh(sqrt(2 / pi) * (x + 0.044715 x^3))) / 2 */
+  ZYN_FUNC_SOFTPLUS = 25,    /* ln(1 + e^x) */
+  ZYN_FUNC_SOFTMAX = 26,     /* along axis a: e^x / sum of e^x */
+  ZYN_FUNC_LOG_SOFTMAX = 27, /* along axis a: x - ln(sum of e^x) */
+  ZYN_FUNC_L2_NORM = 28,     /* along axis a: x / max(sqrt(sum of x * x), b) */
+  ZYN_FUNC_ERF = 29          /* the error function */
+};
+
+/* Type 30, zyn_window_param, zyn_resize_param or zyn_reduce_param by the mode. */
+enum {
+  ZYN_RESAMPLE_MAX_WINDOW = 16,      /* zyn_window_param: largest value of a window */
+  ZYN_RESAMPLE_AVERAGE_WINDOW = 17,  /* zyn_window_param: mean of a window */
+  ZYN_RESAMPLE_RESIZE_NEAREST = 18,  /* zyn_resize_param */
+  ZYN_RESAMPLE_RESIZE_BILINEAR = 19, /* zyn_resize_param */
+  ZYN_RESAMPLE_REDUCE = 20           /* zyn_reduce_param */
+};
+
+/* Pooling of any kind, of an input {W, H, C}. Along x the output has
+ *   (W + pad_left + pad_right - (kernel_x - 1) * dilation_x - 1) / stride_x + 1
+ * elements, rounded down, or with ceil_mode up, where a window that would begin behind the
+ * input and its left padding is left out again; along y alike. Maxima pass over padding. */
+typedef struct zyn_window_param {
+  int32_t mode;
+  int32_t kernel_x, kernel_y;                       /* at least 1 */
+  int32_t stride_x, stride_y;                       /* at least 1 */
+  int32_t dilation_x, dilation_y;                   /* at least 1; averages: 1 */
+  int32_t pad_left, pad_top, pad_right, pad_bottom; /* 0 or more, below the dilated kernel */
+  int32_t ceil_mode;                                /* 0 or 1 */
+  int32_t count_pad; /* averages: 1 divides by the elements of the window in input and padding, 0
+                        by those in the input */
+} zyn_window_param;
+
+/* Where the pixels of a resized tensor lie in the input; step is 1 / scale. */
+enum {
+  ZYN_PLACE_HALF_PIXEL = 0,    /* (i + 1/2) * step - 1/2 */
+  ZYN_PLACE_ALIGN_CORNERS = 1, /* i * (in - 1) / (out - 1), 0 where out is 1 */
+  ZYN_PLACE_ASYMMETRIC = 2,    /* i * step */
+  ZYN_PLACE_HALF_PIXEL_0 = 3   /* as half pixel, 0 where out is 1 */
+};
+
+/* Resizing of an input {W, H, C} to {width, height, C}; places outside are moved to the edge. */
+typedef struct zyn_resize_param {
+  int32_t mode;
+  int32_t width, height;  /* at least 1 */
+  int32_t place;          /* ZYN_PLACE_* */
+  int32_t rounding;       /* nearest: 0 half down, 1 half up, 2 down, 3 up */
+  float scale_x, scale_y; /* out / in as the network says it; 0: the quotient of the extents */
+} zyn_resize_param;
+
+enum {
+  ZYN_REDUCE_MEAN = 0,
+  ZYN_REDUCE_SUM = 1,
+  ZYN_REDUCE_MAX = 2,
+  ZYN_REDUCE_MIN = 3,
+  ZYN_REDUCE_L2 = 4 /* square root of the sum of squares */
+};
+
+/* One value along some axes, whose extents become 1. */
+typedef struct zyn_reduce_param {
+  int32_t mode;
+  int32_t axes;      /* bit i: axis i */
+  int32_t operation; /* ZYN_REDUCE_* */
+} zyn_reduce_param;
+
+/* Type 31, two ordered inputs a and b (operators, inputs or constants), zyn_join_param. For
+ * element-wise operations extents are alike or one of them is 1, which is repeated; the fewer
+ * dimensions are continued with 1. */
+enum {
+  ZYN_JOIN_ADD = -1,
+  ZYN_JOIN_SUBTRACT = -2,
+  ZYN_JOIN_MULTIPLY = -3,
+  ZYN_JOIN_DIVIDE = -4,
+  ZYN_JOIN_MAX = -5,
+  ZYN_JOIN_MIN = -6,
+  ZYN_JOIN_POWER = -7, /* a^b */
+  ZYN_JOIN_MATMUL = -8 /* {K, M, ...} and {N, K, ...} make {N, M, ...}: matrices of M rows and K
+                          columns times matrices of K rows and N columns; further extents alike or
+                          1 */
+};
+typedef struct zyn_join_param {
+  int32_t operation;
+  int32_t reserved; /* 0 */
+} zyn_join_param;
+
+/* Type 35: elements are moved, of any type and of up to five dimensions. */
+enum {
+  ZYN_MOVE_PERMUTE = -1, /* zyn_permute_param */
+  ZYN_MOVE_PAD = -2,     /* zyn_pad_param */
+  ZYN_MOVE_SHUFFLE = -3, /* zyn_shuffle_param */
+  ZYN_MOVE_PART = -4     /* zyn_part_param */
+};
+
+/* Axes in another order: axis i of the output is axis order[i] of the input. */
+typedef struct zyn_permute_param {
+  int32_t move;
+  int32_t order[5]; /* a permutation of the input's axes; the rest is not read */
+} zyn_permute_param;
+
+enum { ZYN_PAD_CONSTANT = 0, ZYN_PAD_REFLECT = 1, ZYN_PAD_EDGE = 2 };
+
+/* Elements in front of and behind each axis; negative numbers cut off. */
+typedef struct zyn_pad_param {
+  int32_t move;
+  int32_t mode; /* ZYN_PAD_*; reflection leaves the edge element out and needs pads below the
+                   extent */
+  int32_t before[5], after[5]; /* by axis; those behind the input's last are not read */
+  float value;                 /* ZYN_PAD_CONSTANT; fixed point: with the input's fraction bits */
+} zyn_pad_param;
+
+/* Channel c * groups + g of the output is channel g * (C / groups) + c of the input. */
+typedef struct zyn_shuffle_param {
+  int32_t move;
+  int32_t groups; /* at least 1, divides the channels */
+} zyn_shuffle_param;
+
+/* Elements first, first + step, ... along an axis, count of them. */
+typedef struct zyn_part_param {
+  int32_t move;
+  int32_t axis;
+  int32_t first, count; /* count at least 1; all elements lie in the input */
+  int32_t step;         /* not 0 */
+} zyn_part_param;
 
 /* ------------------------------------------------------------------------ */
 /* Networks                                                                   */
@@ -132,7 +276,8 @@ typedef struct zyn_net_options {
   int64_t memory_limit; /* most bytes that the outputs of all nodes may take together before
                            they share memory; 0: 2^31 */
 } zyn_net_options;
-#define ZYN_NET_DEFAULTS {ZYN_NET_AUTOMATIC, 0, 0, 0, 0}
+#define ZYN_NET_DEFAULTS \
+  { ZYN_NET_AUTOMATIC, 0, 0, 0, 0 }
 
 /* Loads a network file and prepares it. Null: zyn_error_detail tells why. Release it with
  * zyn_net_release. */
@@ -155,23 +300,23 @@ ZYN_API zyn_tensor* zyn_net_input(zyn_net* net, const char* name);
 ZYN_API int32_t zyn_net_run(zyn_net* net);
 
 /* The tensor of an output, by name or, for null, the first: of floats (fixed point: 16-bit
- * values, whose fraction bits zyn_net_describe tells), in planar order whatever the method. The network's own,
- * rewritten by every run. Null: no such output. */
+ * values, whose fraction bits zyn_net_describe tells), in planar order whatever the method. The
+ * network's own, rewritten by every run. Null: no such output. */
 ZYN_API const zyn_tensor* zyn_net_output(zyn_net* net, const char* name);
 
 /* What a network's input or output is. Texts are the network's own. */
 typedef struct zyn_net_port {
   const char* name;
-  int32_t node;          /* id of its node */
-  int32_t dim_count;     /* extents, fastest first */
+  int32_t node;      /* id of its node */
+  int32_t dim_count; /* extents, fastest first */
   int32_t dims[5];
   int32_t leading;       /* axes of extent 1 in front of them in the network's own notation */
   int32_t channel_order; /* inputs: 0 not a picture, 1 blue green red, 2 red green blue, 3 grey */
   int32_t resize;        /* inputs: 0 not said, 1 stretched, 2 bordered, 3 cut out */
   float mean[3];         /* inputs: value = (byte - mean) * scale, in the order of the planes */
   float scale[3];
-  int32_t meaning;       /* outputs: ZYN_NET_MEANING_* */
-  int32_t q;             /* fixed point: fraction bits; else 0 */
+  int32_t meaning; /* outputs: ZYN_NET_MEANING_* */
+  int32_t q;       /* fixed point: fraction bits; else 0 */
 } zyn_net_port;
 
 enum {
@@ -186,13 +331,13 @@ enum {
 
 /* One node as it was prepared. */
 typedef struct zyn_net_node {
-  const char* name;     /* "" where the file has none */
-  int32_t type;         /* ZYN_OP_* */
+  const char* name;      /* "" where the file has none */
+  int32_t type;          /* ZYN_OP_* */
   const char* operation; /* the operator's name, "CONV" for ZYN_OP_CONV */
-  int32_t dim_count;    /* of the output; 0: none */
+  int32_t dim_count;     /* of the output; 0: none */
   int32_t dims[5];
-  int32_t method;       /* convolutions: 0, 1, 2; else -1 */
-  int64_t parameters;   /* floats of the constants that it reads */
+  int32_t method;     /* convolutions: 0, 1, 2; else -1 */
+  int64_t parameters; /* floats of the constants that it reads */
   int64_t multiply_adds;
 } zyn_net_node;
 
@@ -268,8 +413,7 @@ ZYN_API int32_t zyn_net_writer_q(zyn_net_writer* writer, int32_t node, int32_t q
 ZYN_API int32_t zyn_net_writer_method(zyn_net_writer* writer, int32_t node, int32_t method);
 
 /* A line of metadata. 0, 1 (null, an empty or repeated key) or 2. */
-ZYN_API int32_t zyn_net_writer_metadata(zyn_net_writer* writer, const char* key,
-                                        const char* value);
+ZYN_API int32_t zyn_net_writer_metadata(zyn_net_writer* writer, const char* key, const char* value);
 
 /* Writes the file. 0; 1: null argument, no input or no output; 2: no memory; 8: the file
  * cannot be opened or not be written to the end (it is then removed). */

@@ -98,9 +98,9 @@ int32_t bind_node(zyn_net* net, int32_t id, zyn_list<uint32_t>* words, zyn_list<
   if (!copy_words(net->file, node.param, words) || !copy_words(net->file, node.inputs, inputs))
     return no_memory();
   zyn_net_param param;
-  const void* record =
-      zyn_net_read_param(node.type, words->data(), reinterpret_cast<const int32_t*>(inputs->data()),
-                         static_cast<int32_t>(node.inputs.count), &param);
+  const void* record = zyn_net_read_param(node.type, words->data(), words->count(),
+                                          reinterpret_cast<const int32_t*>(inputs->data()),
+                                          static_cast<int32_t>(node.inputs.count), &param);
   if (net->methods[id] >= 0)
     zyn_cg_set_conv_method(net->graph, static_cast<uint32_t>(net->methods[id]));
   return zyn_bind_operator_onto_computation_graph(net->graph, id, &desc, record);

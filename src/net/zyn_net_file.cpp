@@ -242,17 +242,19 @@ int32_t zyn_net_file::check_node(int64_t id, const zyn_file_node& n) const {
   int64_t least = 0, most = 0;
   if (!holds(n.name, 0, kZynFileMostText))
     return zyn_refuse(kRefused, "node %lld: its name does not lie in the texts", number);
-  if (!zyn_net_param_words(n.type, &least, &most))
-    return zyn_refuse(kRefused, "node %lld: operator type %u is not known", number, n.type);
   if (n.param.first > words || n.param.count > words - n.param.first || n.inputs.first > words ||
       n.inputs.count > words - n.inputs.first)
     return zyn_refuse(kRefused, "node %lld: its parameters or inputs do not lie in the words",
                       number);
+  const auto first_word = n.param.count > 0 ? static_cast<int32_t>(word(n.param.first)) : 0;
+  if (!zyn_net_param_words(n.type, first_word, &least, &most))
+    return zyn_refuse(kRefused, "node %lld: operator type %u is not known", number, n.type);
   if (n.param.count < least || n.param.count > most)
     return zyn_refuse(kRefused, "node %lld: type %u has %lld to %lld parameter words, found %u",
                       number, n.type, static_cast<long long>(least), static_cast<long long>(most),
                       n.param.count);
-  const bool listed = n.type == ZYN_OP_RESHAPE || n.type == ZYN_OP_CHANNEL_GATHER;
+  const bool listed = n.type == ZYN_OP_RESHAPE ||
+                      (n.type == ZYN_OP_CHANNEL_GATHER && first_word > ZYN_MOVE_PERMUTE);
   if (listed && word(n.param.first) != n.param.count - 1)
     return zyn_refuse(kRefused, "node %lld: a list of %u entries says that it has %u", number,
                       n.param.count - 1, word(n.param.first));

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "base/zyn_explain.h"
+#include "cg/cpu/zyn_cg_records.h"
 
 namespace {
 
@@ -60,7 +61,11 @@ int32_t append_list(int32_t count, const int32_t* list, int32_t most, zyn_list<u
 
 }  // namespace
 
-bool zyn_net_param_words(uint32_t type, int64_t* least, int64_t* most) {
+bool zyn_net_param_words(uint32_t type, int32_t first_word, int64_t* least, int64_t* most) {
+  if (const auto* further = zyn_cg_find_further(static_cast<int32_t>(type), first_word)) {
+    *least = *most = further->words;
+    return true;
+  }
   for (const plain_words& row : kPlainWords) {
     if (row.type != type) continue;
     *least = *most = row.words;
@@ -71,33 +76,36 @@ bool zyn_net_param_words(uint32_t type, int64_t* least, int64_t* most) {
   return type == ZYN_OP_RESHAPE || type == ZYN_OP_CHANNEL_GATHER;
 }
 
-const void* zyn_net_read_param(uint32_t type, const uint32_t* words, const int32_t* inputs,
-                               int32_t input_count, zyn_net_param* param) {
+const void* zyn_net_read_param(uint32_t type, const uint32_t* words, int64_t count,
+                               const int32_t* inputs, int32_t input_count, zyn_net_param* param) {
   int64_t least = 0, most = 0;
-  if (!zyn_net_param_words(type, &least, &most) || most == 0) return nullptr;
+  const int32_t first_word = count > 0 ? static_cast<int32_t>(words[0]) : 0;
+  if (!zyn_net_param_words(type, first_word, &least, &most) || most == 0) return nullptr;
   memset(param, 0, sizeof(*param));
-  if (type == ZYN_OP_CHANNEL_GATHER) {
+  if (type == ZYN_OP_CHANNEL_GATHER && first_word > 0) {
     param->gather = {static_cast<int32_t>(words[0]), reinterpret_cast<const int32_t*>(words + 1)};
   } else if (type == ZYN_OP_CONCAT) {
     param->concat = {static_cast<int32_t>(words[0]), input_count, inputs};
   } else {
-    const int64_t count = type == ZYN_OP_RESHAPE ? int64_t{words[0]} + 1 : least;
-    memcpy(param, words, static_cast<size_t>(count) * sizeof(uint32_t));
+    const int64_t used = type == ZYN_OP_RESHAPE ? int64_t{words[0]} + 1 : least;
+    memcpy(param, words, static_cast<size_t>(used) * sizeof(uint32_t));
   }
   return param;
 }
 
 int32_t zyn_net_write_param(uint32_t type, const void* param, zyn_list<uint32_t>* words) {
   int64_t least = 0, most = 0;
-  if (!zyn_net_param_words(type, &least, &most))
+  if (!zyn_net_param_words(type, 0, &least, &most))
     return zyn_refuse(ZYN_RET_ERR_PARA, "a file holds no operators of type %u", type);
   if (most == 0) return ZYN_RET_OK;
   if (!param) return zyn_refuse(ZYN_RET_ERR_PARA, "operators of type %u need a record", type);
+  const auto* further = zyn_cg_find_further(static_cast<int32_t>(type), zyn_cg_first_word(param));
+  if (further) least = further->words;
   if (type == ZYN_OP_RESHAPE) {
     const auto* reshape = static_cast<const zyn_reshape_param*>(param);
     return append_list(reshape->count, reshape->dims, 5, words);
   }
-  if (type == ZYN_OP_CHANNEL_GATHER) {
+  if (type == ZYN_OP_CHANNEL_GATHER && !further) {
     const auto* gather = static_cast<const zyn_gather_param*>(param);
     return append_list(gather->count, gather->channels, INT32_MAX, words);
   }

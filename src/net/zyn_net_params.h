@@ -19,16 +19,18 @@ union zyn_net_param {
   zyn_concat_param concat;
   zyn_slice_param slice;
   zyn_gather_param gather;
+  zyn_window_param window;  // the longest of the further operators
+  zyn_pad_param pad;
 };
 
-// How many words the record of a type has: least and most; false for types that a file
-// may not hold.
-bool zyn_net_param_words(uint32_t type, int64_t* least, int64_t* most);
+// How many words the record of a type has whose first word is given (0 for records without
+// words): least and most; false for types that a file may not hold.
+bool zyn_net_param_words(uint32_t type, int32_t first_word, int64_t* least, int64_t* most);
 
-// The record of a type from its words, whose number has been checked: null for a type
+// The record of a type from its count words, a number that has been checked: null for a type
 // without one. A gather's list is words itself, a concatenation's the nodes it reads.
-const void* zyn_net_read_param(uint32_t type, const uint32_t* words, const int32_t* inputs,
-                               int32_t input_count, zyn_net_param* param);
+const void* zyn_net_read_param(uint32_t type, const uint32_t* words, int64_t count,
+                               const int32_t* inputs, int32_t input_count, zyn_net_param* param);
 
 // Appends the words of a record. 1: a null record where the type has one, a type that a
 // file may not hold, a null list; 2: no memory.

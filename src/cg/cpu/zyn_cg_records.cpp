@@ -31,6 +31,23 @@ constexpr record_size kSizes[] = {{ZYN_OP_CONV, sizeof(zyn_conv_param)},
                                   {ZYN_OP_CHANNEL_SLICE, sizeof(zyn_slice_param)},
                                   {ZYN_OP_CHANNEL_GATHER, sizeof(zyn_gather_param)}};
 
+constexpr zyn_cg_further_record kFurther[] = {
+    {ZYN_OP_RESAMPLE, ZYN_RESAMPLE_MAX_WINDOW, ZYN_RESAMPLE_AVERAGE_WINDOW, 13},
+    {ZYN_OP_RESAMPLE, ZYN_RESAMPLE_RESIZE_NEAREST, ZYN_RESAMPLE_RESIZE_BILINEAR, 7},
+    {ZYN_OP_RESAMPLE, ZYN_RESAMPLE_REDUCE, ZYN_RESAMPLE_REDUCE, 3},
+    {ZYN_OP_AFFINE, ZYN_JOIN_MATMUL, ZYN_JOIN_ADD, 2},
+    {ZYN_OP_CHANNEL_GATHER, ZYN_MOVE_PERMUTE, ZYN_MOVE_PERMUTE, 6},
+    {ZYN_OP_CHANNEL_GATHER, ZYN_MOVE_PAD, ZYN_MOVE_PAD, 13},
+    {ZYN_OP_CHANNEL_GATHER, ZYN_MOVE_SHUFFLE, ZYN_MOVE_SHUFFLE, 2},
+    {ZYN_OP_CHANNEL_GATHER, ZYN_MOVE_PART, ZYN_MOVE_PART, 5}};
+constexpr int64_t kWordBytes = sizeof(int32_t);
+static_assert(
+    sizeof(zyn_window_param) == 13 * kWordBytes && sizeof(zyn_resize_param) == 7 * kWordBytes &&
+        sizeof(zyn_reduce_param) == 3 * kWordBytes && sizeof(zyn_join_param) == 2 * kWordBytes &&
+        sizeof(zyn_permute_param) == 6 * kWordBytes && sizeof(zyn_pad_param) == 13 * kWordBytes &&
+        sizeof(zyn_shuffle_param) == 2 * kWordBytes && sizeof(zyn_part_param) == 5 * kWordBytes,
+    "records without gaps");
+
 // A record of bytes that points at count numbers, and those behind it; the place of the
 // numbers is the caller's to enter.
 void* copy_with_list(const void* param, int64_t bytes, const int32_t* list, int32_t count,
@@ -49,10 +66,20 @@ void* copy_with_list(const void* param, int64_t bytes, const int32_t* list, int3
 
 }  // namespace
 
+const zyn_cg_further_record* zyn_cg_find_further(int32_t type, int32_t first_word) {
+  for (const zyn_cg_further_record& row : kFurther)
+    if (row.type == type && first_word >= row.first && first_word <= row.last) return &row;
+  return nullptr;
+}
+
 bool zyn_cg_copy_record(int32_t type, const void* param, void** copy) {
   *copy = nullptr;
   int32_t* list = nullptr;
   if (!param) return true;
+  if (const zyn_cg_further_record* further = zyn_cg_find_further(type, zyn_cg_first_word(param))) {
+    *copy = copy_with_list(param, further->words * kWordBytes, nullptr, 0, &list);
+    return *copy != nullptr;
+  }
   if (type == ZYN_OP_RESHAPE) {  // only the extents in use: the caller's record may end there
     const auto* source = static_cast<const zyn_reshape_param*>(param);
     auto* reshape = static_cast<zyn_reshape_param*>(zyn_calloc(1, sizeof(zyn_reshape_param)));
