@@ -285,7 +285,11 @@ void Attack::add_operator(Node& node, int32_t from) {
   };
   const auto half = [&] { return static_cast<float>(small(1, 6)) / 2; };
   if (node.type == ZYN_OP_FUNCTION) {
-    record(node, zyn_func_param{small(0, 10), in_.real(), in_.real()});
+    zyn_func_param p = {small(0, ZYN_FUNC_ERF), in_.real(), in_.real()};
+    // Axes and GELU's kinds are small whole numbers.
+    if (in_.byte() % 8) p.a = std::round(within(0, p.a, 2));
+    record(node, p);
+    if (p.function == ZYN_FUNC_PRELU) constant(node, in_.one_in(4) ? 1 : in.d[2]);
   } else if (node.type == ZYN_OP_BATCH_NORM || node.type == ZYN_OP_BATCH_NORM_FAST) {
     record(node, zyn_bn_param{in_.real(), 0});
     constant(node, 4 * in.d[2]);
@@ -302,6 +306,14 @@ void Attack::add_operator(Node& node, int32_t from) {
   } else if (node.type == ZYN_OP_RESAMPLE) {
     const zyn_resample_param p = {small(0, 2), half(), in_.real()};
     record(node, p, scaled(p.factor_h, p.factor_w));
+  } else if (node.type == ZYN_OP_AFFINE && in_.byte() % 4) {
+    // Another node, or a constant of one channel, row or column.
+    record(node, zyn_join_param{small(ZYN_JOIN_MATMUL, ZYN_JOIN_ADD), small(0, 0)});
+    const uint32_t other = in_.byte();
+    if (other % 2)
+      node.from.push_back(source());
+    else
+      constant(node, in.d[other / 2 % 3]);
   } else if (node.type == ZYN_OP_AFFINE) {
     const zyn_affine_param p = {half(), in_.real()};
     record(node, p, scaled(p.factor_h, p.factor_w));

@@ -35,15 +35,17 @@ std::string checked(Net& net) {
   return texts;
 }
 
-TEST(Functions, AtTheirEnds) {
-  Array in({23});
-  in.v = {NAN, HUGE_VAL, -HUGE_VAL, 1e30, -1e30, 1e4, -1e4, 200,   -200,   89, -89, 30,
-          -30, 10,       -10,       3,    -3,    0.5, -0.5, 1e-20, -1e-20, 0,  -0.0};
+TEST(Functions, OfNumbersOfEverySize) {
+  std::vector<double> numbers = {NAN,  HUGE_VAL, -HUGE_VAL, 1e30,  -1e30,  1e4, -1e4, 200,
+                                 -200, 89,       -89,       1e-20, -1e-20, 0,   -0.0};
+  for (int i = -3000; i <= 3000; i++) numbers.push_back(i / 150.0);
+  Array in({static_cast<int>(numbers.size())});
+  in.v = numbers;
   for (int f = ZYN_FUNC_LEAKY_RELU; f <= ZYN_FUNC_ERF; f++)
-    for (float a : {0.0f, 1.0f, 0.3f}) {
+    for (float a : {0.0f, 1.0f, 0.3f, -0.7f}) {
       const bool sums = f >= ZYN_FUNC_SOFTMAX && f <= ZYN_FUNC_L2_NORM;
       const bool open = a == 0 && f != ZYN_FUNC_GELU;  // 0 times infinity
-      if (f == ZYN_FUNC_PRELU || sums || open || (f == ZYN_FUNC_GELU && a > 0 && a < 1)) continue;
+      if (f == ZYN_FUNC_PRELU || sums || open || (f == ZYN_FUNC_GELU && a != 0 && a != 1)) continue;
       const zyn_func_param p = {f, a, 0.5f};
       Net net;
       const int x = net.input(in), y = net.op(ZYN_OP_FUNCTION, p, {x});
@@ -125,9 +127,9 @@ TEST(Joins, RepeatExtentsWhereverTheyAre1) {
 
 TEST(Joins, MultiplyMatricesOfEverySize) {
   Random random(7);
-  for (int m : {1, 2, 7, 30})
-    for (int n : {1, 5, 24, 41})
-      for (int k : {1, 3, 32, 100, 1100})
+  for (int m : {1, 2, 9})
+    for (int n : {1, 5, 41})
+      for (int k : {1, 3, 33, 600})
         for (const auto& [more_a, more_b] :
              {std::pair<Shape, Shape>{{}, {}}, {{4}, {4}}, {{3, 2}, {1, 2}}, {{1, 2}, {5}}}) {
           Shape dims_a = {k, m}, dims_b = {n, k};

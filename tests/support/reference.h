@@ -22,16 +22,17 @@ inline Array reference_axis_function(const Array& in, const zyn_func_param& p) {
   size_t step = 1;
   for (size_t d = 0; d < axis; d++) step *= static_cast<size_t>(in.dims[d]);
   const size_t block = step * static_cast<size_t>(in.dims[axis]);
-  for (size_t i = 0; i < in.v.size(); i++) {
-    const size_t first = i / block * block + i % step;
+  for (size_t i = 0; i < in.v.size() / block * step; i++) {
+    const size_t first = i / step * block + i % step, end = first + block;
     double most = in.v[first], sum = 0;
-    for (size_t k = first; k < first + block; k += step) most = std::max(most, in.v[k]);
-    for (size_t k = first; k < first + block; k += step)
+    for (size_t k = first; k < end; k += step) most = std::max(most, in.v[k]);
+    for (size_t k = first; k < end; k += step)
       sum += p.function == ZYN_FUNC_L2_NORM ? in.v[k] * in.v[k] : std::exp(in.v[k] - most);
-    out.v[i] = p.function == ZYN_FUNC_SOFTMAX ? std::exp(in.v[i] - most) / sum
-               : p.function == ZYN_FUNC_LOG_SOFTMAX
-                   ? in.v[i] - most - std::log(sum)
-                   : in.v[i] / std::max(std::sqrt(sum), static_cast<double>(p.b));
+    for (size_t k = first; k < end; k += step)
+      out.v[k] = p.function == ZYN_FUNC_SOFTMAX ? std::exp(in.v[k] - most) / sum
+                 : p.function == ZYN_FUNC_LOG_SOFTMAX
+                     ? in.v[k] - most - std::log(sum)
+                     : in.v[k] / std::max(std::sqrt(sum), static_cast<double>(p.b));
   }
   return out;
 }
