@@ -205,7 +205,10 @@ int32_t find_func_inputs(zyn_cg_handle* graph, int32_t node, func_state* state) 
   state->input = nullptr;
   const bool is_prelu = state->param.function == ZYN_FUNC_PRELU;
   const zyn_cg_sources sources = zyn_cg_find_sources(graph, node);
-  if (sources.count != (is_prelu ? 2 : 1)) return ZYN_RET_ERR_PARA;
+  if (sources.count != (is_prelu ? 2 : 1))
+    return zyn_refuse(ZYN_RET_ERR_PARA, "it reads %lld nodes, %s needed",
+                      static_cast<long long>(sources.count),
+                      is_prelu ? "an input and a constant are" : "one is");
   const int32_t code = zyn_cg_check_input(graph, sources.input);
   if (code != ZYN_RET_OK) return code;
   char text[kZynExplanationBytes];

@@ -267,7 +267,10 @@ int32_t zyn_cg_prepare_join(zyn_cg_handle* graph, int32_t node) {
   zyn_tensor* a = zyn_cg_producer_tensor(graph, ids[0]);
   zyn_tensor* b = zyn_cg_producer_tensor(graph, ids[1]);
   state->input = nullptr;
-  if (zyn_cg_check_input(graph, a) || zyn_cg_check_input(graph, b)) return ZYN_RET_ERR_PARA;
+  if (zyn_cg_check_input(graph, a) || zyn_cg_check_input(graph, b))
+    return zyn_refuse(
+        ZYN_RET_ERR_PARA, "two tensors of %s are needed",
+        zyn_cg_is_fixed_point(graph) ? "16 bits and a list of their fraction bits" : "floats");
   const int32_t operation = state->param.operation;
   if (zyn_cg_is_fixed_point(graph) && fixed_join_of(operation) && !read_q(graph, node, ids, state))
     return zyn_refuse(ZYN_RET_ERR_PARA,
