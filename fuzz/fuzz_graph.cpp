@@ -10,6 +10,7 @@
 #include "support/capture.h"
 #include "support/fuzz.h"
 #include "support/model.h"
+#include "zyncore_net.h"
 
 // What the library prints is the runner's business here.
 namespace zyn_test {
@@ -23,6 +24,9 @@ namespace {
 using zyn_fuzz::check;
 using zyn_fuzz::Input;
 using zyn_fuzz::Memory;
+
+// Of those whose first word says what they are.
+constexpr size_t kLongestRecord = sizeof(zyn_window_param);
 
 // Scratch beside the nodes' own tensors: packed weights, panels, padded rows.
 constexpr int64_t bound_of(double tensor_bytes) {
@@ -210,7 +214,10 @@ class Attack {
   }
   template <typename Record>
   void record(Node& node, const Record& r, std::function<void(Shape&)> grow = nullptr) {
-    node.record.resize(sizeof(Record));
+    // Types 30, 31 and 35 read as much as the first word says, which may be any.
+    const bool varies = node.type == ZYN_OP_RESAMPLE || node.type == ZYN_OP_AFFINE ||
+                        node.type == ZYN_OP_CHANNEL_GATHER;
+    node.record.resize(varies ? std::max(sizeof(Record), kLongestRecord) : sizeof(Record));
     memcpy(node.record.data(), &r, sizeof(Record));
     node.grow = grow;
   }
@@ -278,7 +285,11 @@ void Attack::add_operator(Node& node, int32_t from) {
   };
   const auto half = [&] { return static_cast<float>(small(1, 6)) / 2; };
   if (node.type == ZYN_OP_FUNCTION) {
-    record(node, zyn_func_param{small(0, 10), in_.real(), in_.real()});
+    zyn_func_param p = {small(0, ZYN_FUNC_ERF), in_.real(), in_.real()};
+    // Axes and GELU's kinds are small whole numbers.
+    if (in_.byte() % 8) p.a = std::round(within(0, p.a, 2));
+    record(node, p);
+    if (p.function == ZYN_FUNC_PRELU) constant(node, in_.one_in(4) ? 1 : in.d[2]);
   } else if (node.type == ZYN_OP_BATCH_NORM || node.type == ZYN_OP_BATCH_NORM_FAST) {
     record(node, zyn_bn_param{in_.real(), 0});
     constant(node, 4 * in.d[2]);
@@ -295,6 +306,14 @@ void Attack::add_operator(Node& node, int32_t from) {
   } else if (node.type == ZYN_OP_RESAMPLE) {
     const zyn_resample_param p = {small(0, 2), half(), in_.real()};
     record(node, p, scaled(p.factor_h, p.factor_w));
+  } else if (node.type == ZYN_OP_AFFINE && in_.byte() % 4) {
+    // Another node, or a constant of one channel, row or column.
+    record(node, zyn_join_param{small(ZYN_JOIN_MATMUL, ZYN_JOIN_ADD), small(0, 0)});
+    const uint32_t other = in_.byte();
+    if (other % 2)
+      node.from.push_back(source());
+    else
+      constant(node, in.d[other / 2 % 3]);
   } else if (node.type == ZYN_OP_AFFINE) {
     const zyn_affine_param p = {half(), in_.real()};
     record(node, p, scaled(p.factor_h, p.factor_w));
@@ -416,7 +435,7 @@ int32_t Attack::bind(size_t id) {
   const int32_t* list = node.list.data();
   if (node.type == ZYN_OP_CONCAT && node.record.size() == sizeof(zyn_concat_param))
     memcpy(node.record.data() + offsetof(zyn_concat_param, nodes), &list, sizeof(list));
-  if (node.type == ZYN_OP_CHANNEL_GATHER && node.record.size() == sizeof(zyn_gather_param))
+  if (node.type == ZYN_OP_CHANNEL_GATHER && !node.record.empty() && !node.list.empty())
     memcpy(node.record.data() + offsetof(zyn_gather_param, channels), &list, sizeof(list));
   return zyn_bind_operator_onto_computation_graph(
       graph_, static_cast<int32_t>(id), &desc, node.record.empty() ? nullptr : node.record.data());
