@@ -79,6 +79,8 @@ class zyn_checker {
 // The rules by operator family. Each is called for nodes of its types alone.
 void zyn_check_conv(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
 void zyn_check_operator(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
+// Of types 30 and 35: records that zyn_cg_find_further knows.
+void zyn_check_further(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
 
 // Whether a convolution method computes a record that has passed its rule.
 bool zyn_check_method_computes(uint32_t method, int32_t type, const zyn_conv_param& param,
