@@ -332,9 +332,10 @@ TEST(FurtherShapes, ReductionsOfAnyAxes) {
                      std::to_string(operation));
         const zyn_reduce_param p = {ZYN_RESAMPLE_REDUCE, axes, operation};
         const bool sums = operation == ZYN_REDUCE_SUM || operation == ZYN_REDUCE_L2;
-        const bool fixed = !sums && axes % 3 == 0;
+        const bool fixed = !sums && axes % 3 == 0 && (axes != 3 || i % 2 == 0);
         const Array in = values(random, dims, fixed);
-        const uint32_t layout = dims.size() == 3 && !fixed ? kLayouts[axes % 3] : 0;
+        const uint32_t layout =
+            dims.size() == 3 && !fixed ? kLayouts[(i + static_cast<size_t>(operation)) % 3] : 0;
         const bool exact = operation == ZYN_REDUCE_MAX || operation == ZYN_REDUCE_MIN;
         // A sum's error grows with what was summed.
         const double bound =

@@ -192,11 +192,7 @@ void reduce_all(T* out, const T* in, const reduction& r, int32_t operation) {
 }
 
 template <typename T>
-int32_t reduce(reduce_state* state, const zyn_tensor* input) {
-  const reduction r = plan(state->shape, state->param.axes);
-  const int32_t operation = state->param.operation;
-  const auto* in = static_cast<const T*>(input->data);
-  auto* out = static_cast<T*>(state->output->data);
+void reduce(T* out, const T* in, const reduction& r, int32_t operation) {
   if (operation == ZYN_REDUCE_MAX)
     reduce_all<max_of<T>>(out, in, r, operation);
   else if (operation == ZYN_REDUCE_MIN)
@@ -205,17 +201,48 @@ int32_t reduce(reduce_state* state, const zyn_tensor* input) {
     reduce_all<squares_of<T>>(out, in, r, operation);
   else
     reduce_all<sum_of<T>>(out, in, r, operation);
-  return ZYN_RET_OK;
+}
+
+// Whole planes of an input whose channels lie together: those of a block are side by side.
+void reduce_blocks(reduce_state* state) {
+  const zyn_tensor* input = state->input;
+  const bool interleaved = zyn_cg_order(input) == ZYN_LAYOUT_INTERLEAVED;
+  const int64_t pixels = zyn_cg_pixels(input), channels = zyn_cg_channels(input);
+  for (int64_t c = 0, group; c < channels; c += group) {
+    const int64_t left = channels - c;
+    group = interleaved ? channels : left >= 8 ? 8 : left >= 4 ? 4 : 1;
+    reduction r = {};
+    r.count = pixels;
+    r.row_reduced = group == 1;
+    r.row = r.row_reduced ? pixels : group;
+    if (!r.row_reduced) r.reduced[r.reduced_count++] = {pixels, group, 0};
+    reduce<float>(zyn_cg_floats(state->output) + c, zyn_cg_floats(input) + c * pixels, r,
+                  state->param.operation);
+  }
 }
 
 int32_t run_reduce(void* record) {
+  constexpr int32_t kPlane = 3;  // x and y
   auto* state = static_cast<reduce_state*>(record);
   if (!zyn_cg_same_input(state)) return ZYN_RET_ERR_PARA;
-  const zyn_tensor* input = zyn_cg_planar(state->input, &state->planar);
-  if (!input) return ZYN_RET_ERR_MEMORY;
   state->output->layout = ZYN_LAYOUT_PLANAR;
-  return input->type == ZYN_TYPE_FPI16 ? reduce<int16_t>(state, input)
-                                       : reduce<float>(state, input);
+  const zyn_tensor* input = state->input;
+  if (zyn_cg_order(input) != ZYN_LAYOUT_PLANAR && input->dim_count == 3 &&
+      state->param.axes == kPlane) {
+    reduce_blocks(state);
+    return ZYN_RET_OK;
+  }
+  input = zyn_cg_planar(input, &state->planar);
+  if (!input) return ZYN_RET_ERR_MEMORY;
+  const reduction r = plan(state->shape, state->param.axes);
+  void* out = state->output->data;
+  if (input->type == ZYN_TYPE_FPI16)
+    reduce(static_cast<int16_t*>(out), static_cast<const int16_t*>(input->data), r,
+           state->param.operation);
+  else
+    reduce(static_cast<float*>(out), static_cast<const float*>(input->data), r,
+           state->param.operation);
+  return ZYN_RET_OK;
 }
 
 int32_t prepare_reduce(zyn_cg_handle* graph, int32_t node) {
