@@ -9,6 +9,7 @@
 #include "base/zyn_explain.h"
 #include "base/zyn_list.h"
 #include "cg/cpu/zyn_cg.h"
+#include "cg/cpu/zyn_cg_records.h"
 #include "zyncore_net.h"
 
 // Extents and type of a tensor; dim_count 0: not known, because of an error before.

@@ -3,7 +3,6 @@
 #include <string.h>
 
 #include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
-#include "cg/cpu/zyn_cg_records.h"
 #include "cg/cpu/zyn_cg_support.h"
 #include "net/zyn_check.h"
 
