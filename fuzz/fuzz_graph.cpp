@@ -224,6 +224,9 @@ class Attack {
 
   void add_node();
   void add_conv(Node& node, const Shape& in);
+  void add_window(Node& node, int32_t mode);
+  void add_move(Node& node, const Shape& in, int32_t move);
+  void add_further(Node& node, const Shape& in);
   void add_operator(Node& node, int32_t from);
   Shape output_of(const Node& node) const;
   void connect(bool wild);
@@ -275,8 +278,77 @@ void Attack::add_conv(Node& node, const Shape& in) {
                      (node.type == ZYN_OP_CONV_BN ? 4 * out : 0));
 }
 
+void Attack::add_window(Node& node, int32_t mode) {
+  zyn_window_param p = {};
+  p.mode = mode;
+  p.kernel_x = small(1, 5), p.kernel_y = field(p.kernel_x);
+  p.stride_x = small(1, 3), p.stride_y = field(p.stride_x);
+  const bool gaps = mode == ZYN_RESAMPLE_MAX_WINDOW && in_.one_in(4);
+  p.dilation_x = gaps ? small(1, 3) : field(1), p.dilation_y = field(p.dilation_x);
+  p.pad_left = field(p.kernel_x / 2), p.pad_top = field(p.kernel_y / 2);
+  p.pad_right = field(p.pad_left), p.pad_bottom = field(p.pad_top);
+  p.ceil_mode = small(0, 1), p.count_pad = small(0, 1);
+  record(node, p, [p](Shape& s) {
+    for (int i = 0; i < 2; i++) {
+      const double reach = ((&p.kernel_x)[i] - 1.0) * (&p.dilation_x)[i] + 1;
+      const double span = s.d[i] + (&p.pad_left)[i] + (&p.pad_right)[i] - reach;
+      s.d[i] = std::max(span, 0.0) / std::max((&p.stride_x)[i], 1) + 2;
+    }
+  });
+}
+
+void Attack::add_move(Node& node, const Shape& in, int32_t move) {
+  if (move == ZYN_MOVE_PERMUTE) {
+    zyn_permute_param p = {move, {0, 1, 2, 3, 4}};
+    for (int32_t i = 1; i < std::min(in.count, 5); i++)
+      std::swap(p.order[i], p.order[in_.byte() % static_cast<uint32_t>(i + 1)]);
+    if (in_.one_in(16)) p.order[in_.byte() % 5] = in_.extreme();
+    record(node, p, [p](Shape& s) {
+      const Shape from = s;
+      for (int i = 0; i < s.count; i++)
+        s.d[i] = p.order[i] >= 0 && p.order[i] < s.count ? from.d[p.order[i]] : 1;
+    });
+  } else if (move == ZYN_MOVE_PAD) {
+    zyn_pad_param p = {move, small(0, 2), {}, {}, in_.real()};
+    for (int32_t i = 0; i < 5; i++) p.before[i] = small(-1, 2), p.after[i] = small(-1, 2);
+    record(node, p, [p](Shape& s) {
+      for (int i = 0; i < s.count; i++) s.d[i] += 0.0 + p.before[i] + p.after[i];
+    });
+  } else if (move == ZYN_MOVE_SHUFFLE) {
+    record(node, zyn_shuffle_param{move, field(in_.one_in(2) ? in.d[2] : 1)});
+  } else {
+    const int32_t axis = small(0, 2), step = small(-2, 2);
+    const double extent = axis >= 0 && axis < in.count ? in.d[axis] : 1;
+    const zyn_part_param p = {move, axis, field(step < 0 ? extent - 1 : 0),
+                              field(extent / std::max(std::abs(static_cast<double>(step)), 1.0)),
+                              step};
+    record(node, p);  // never more than the input
+  }
+}
+
+// Types 30 and 35 by other records than those of zyncore.h.
+void Attack::add_further(Node& node, const Shape& in) {
+  if (node.type == ZYN_OP_CHANNEL_GATHER)
+    return add_move(node, in, ZYN_MOVE_PART + static_cast<int32_t>(in_.byte() % 4));
+  const int32_t mode = ZYN_RESAMPLE_MAX_WINDOW + static_cast<int32_t>(in_.byte() % 5);
+  if (mode <= ZYN_RESAMPLE_AVERAGE_WINDOW) return add_window(node, mode);
+  if (mode == ZYN_RESAMPLE_REDUCE)
+    return record(
+        node, zyn_reduce_param{mode, small(1, (2 << std::clamp(in.count, 0, 4)) - 1), small(0, 4)});
+  const zyn_resize_param p = {mode,
+                              small(1, 40),
+                              small(1, 9),
+                              small(0, 3),
+                              small(0, 3),
+                              in_.one_in(4) ? in_.real() : 0,
+                              in_.one_in(4) ? in_.real() : 0};
+  record(node, p, [p](Shape& s) { s.d[0] = p.width, s.d[1] = p.height; });
+}
+
 void Attack::add_operator(Node& node, int32_t from) {
   const Shape in = nodes_[static_cast<size_t>(from)].shape;
+  const bool varies = node.type == ZYN_OP_RESAMPLE || node.type == ZYN_OP_CHANNEL_GATHER;
+  if (varies && in_.byte() % 4 != 0) return add_further(node, in);
   const auto scaled = [](float h, float w) {
     return [h, w](Shape& s) {
       s.d[0] *= static_cast<double>(std::max(1.0f, h));
