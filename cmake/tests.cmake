@@ -61,6 +61,9 @@ add_test(NAME examples COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR
 # The timer reports every node of both kinds of network.
 add_test(NAME zyn_bench COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_zyn_bench.sh
          $<TARGET_FILE:zyn-bench> ${PROJECT_SOURCE_DIR}/bench/layers ${CMAKE_CROSSCOMPILING_EMULATOR})
+# The tools on network files, beside numpy (passed over without it).
+add_test(NAME network_tools COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_network_tools.sh
+         $<TARGET_FILE_DIR:zyn-run> ${PROJECT_SOURCE_DIR} ${CMAKE_CROSSCOMPILING_EMULATOR})
 # The page's table of reports is that of the sources.
 add_test(NAME report_sites COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_report_sites.sh)
 # What is installed serves a C and a C++ host (native builds; sanitizers would have to be

@@ -384,6 +384,11 @@ typedef struct zyn_net_writer zyn_net_writer;
 /* An empty network. Null: no memory. Release it with zyn_net_writer_release. The calls
  * below copy what they are given; a call that fails leaves the writer as it was. */
 ZYN_API zyn_net_writer* zyn_net_writer_create(void);
+
+/* A writer that holds what a network file holds, to give it other methods (those that a loaded
+ * network runs with, say), fraction bits, or more nodes, and to write it anew. Sections that this
+ * version does not know are lost. Null: zyn_error_detail tells why. */
+ZYN_API zyn_net_writer* zyn_net_writer_load(const char* path);
 ZYN_API void zyn_net_writer_release(zyn_net_writer** writer);
 
 /* Every call that adds a node returns its id, counted from 0, or -1. */

@@ -94,7 +94,7 @@ if command -v pkg-config >/dev/null; then
     "-Wl,-rpath,$(pkg-config --variable=libdir zyncore)"
   "$work/host_pc" || fail "host_pc: code $?"
 fi
-quietly "$work/moved/bin/zyn-quant" --help
+for tool in bench info quant run; do quietly "$work/moved/bin/zyn-$tool" --help; done
 for page in README.md LICENSE architecture.md; do
   [ -s "$work/moved/share/doc/zyncore/$page" ] || fail "no $page"
 done
