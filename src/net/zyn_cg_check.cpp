@@ -338,6 +338,18 @@ zyn_cg_report* zyn_checker::report() const {
   return report;
 }
 
+bool zyn_cg_explain_node(const zyn_cg_handle* graph, int32_t node) {
+  zyn_checker checker(graph);
+  zyn_cg_report* report = checker.run() ? checker.report() : nullptr;
+  bool found = false;
+  for (int32_t i = 0; report && !found && i < report->errors; i++) {
+    found = report->findings[i].node == node;
+    if (found) zyn_explain("%s", report->findings[i].text);
+  }
+  zyn_release_cg_report(&report);
+  return found;
+}
+
 int32_t zyn_cg_check(const zyn_cg_handle* graph, zyn_cg_report** report) {
   if (report) *report = nullptr;
   if (!graph || !report) return zyn_refuse(ZYN_RET_ERR_PARA, "the graph or the report is null");
