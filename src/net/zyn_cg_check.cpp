@@ -338,16 +338,23 @@ zyn_cg_report* zyn_checker::report() const {
   return report;
 }
 
-bool zyn_cg_explain_node(const zyn_cg_handle* graph, int32_t node) {
+// Its own error, else what is wrong with the data that it reads; runs alone need all of them.
+bool zyn_cg_explain_node(const zyn_cg_handle* graph, int32_t node, bool is_run) {
   zyn_checker checker(graph);
   zyn_cg_report* report = checker.run() ? checker.report() : nullptr;
-  bool found = false;
-  for (int32_t i = 0; report && !found && i < report->errors; i++) {
-    found = report->findings[i].node == node;
-    if (found) zyn_explain("%s", report->findings[i].text);
-  }
+  const zyn_darray* reads = zyn_cg_inputs(graph, node);
+  const zyn_cg_finding* found = nullptr;
+  for (int32_t i = 0; report && !found && i < report->errors; i++)
+    if (report->findings[i].node == node) found = &report->findings[i];
+  const int32_t said = report ? report->errors + (is_run ? report->warnings : 0) : 0;
+  for (int32_t i = 0; !found && i < said; i++)
+    for (int64_t k = 0; !found && reads && k < reads->count; k++)
+      if (report->findings[i].kind == ZYN_CHECK_DATA &&
+          report->findings[i].node == zyn_darray_ids(reads)[k])
+        found = &report->findings[i];
+  if (found) zyn_explain("%s", found->text);
   zyn_release_cg_report(&report);
-  return found;
+  return found != nullptr;
 }
 
 int32_t zyn_cg_check(const zyn_cg_handle* graph, zyn_cg_report** report) {

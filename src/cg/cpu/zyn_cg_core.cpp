@@ -188,9 +188,9 @@ int32_t explain_node(const zyn_cg_handle* graph, int32_t node, int32_t type, int
 
 // What the check of the graph says of a node that failed, which is more than a code says. Large
 // graphs are not examined again for it.
-bool explain_by_check(const zyn_cg_handle* graph, int32_t node) {
+bool explain_by_check(const zyn_cg_handle* graph, int32_t node, bool is_run) {
   constexpr int32_t kMostExamined = 4096;
-  return zyn_cg_node_count(graph) <= kMostExamined && zyn_cg_explain_node(graph, node);
+  return zyn_cg_node_count(graph) <= kMostExamined && zyn_cg_explain_node(graph, node, is_run);
 }
 
 // Prepares a node that has a record.
@@ -198,7 +198,7 @@ int32_t prepare_node(zyn_cg_handle* graph, int32_t node, int32_t type) {
   const zyn_cg_prepare_fn prepare = graph->operators[type].prepare;
   const zyn_explanation_mark mark;
   const int32_t code = prepare ? prepare(graph, node) : ZYN_RET_OK;
-  if (code != ZYN_RET_OK && !explain_by_check(graph, node))
+  if (code != ZYN_RET_OK && !explain_by_check(graph, node, false))
     explain_node(graph, node, type, code, mark);
   graph->stages[node] = code == ZYN_RET_OK ? ZYN_STAGE_READY : ZYN_STAGE_STALE;
   return code;
@@ -213,7 +213,7 @@ int32_t run_node(zyn_cg_handle* graph, int32_t node) {
     zyn_explain("the latest preparation did not make it ready: prepare the graph first");
   } else {
     code = graph->run[node](graph->records[node]);
-    if (code == ZYN_RET_OK || explain_by_check(graph, node)) return code;
+    if (code == ZYN_RET_OK || explain_by_check(graph, node, true)) return code;
     if (code == ZYN_RET_ERR_PARA && !mark.passed())
       zyn_explain("a tensor that it reads has no data or another shape than at preparation");
   }
