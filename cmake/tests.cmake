@@ -73,9 +73,10 @@ if(NOT CMAKE_CROSSCOMPILING AND NOT CMAKE_CXX_FLAGS MATCHES "fsanitize|coverage"
   set_tests_properties(python PROPERTIES TIMEOUT 900
     ENVIRONMENT "ZYN_LIBRARY=$<TARGET_FILE:zyncore>;PYTHONPATH=${PROJECT_SOURCE_DIR}/python")
 endif()
-# What is installed serves a C and a C++ host (native builds; sanitizers would have to be
-# linked into the hosts too).
-if(NOT CMAKE_CROSSCOMPILING AND NOT CMAKE_CXX_FLAGS MATCHES "fsanitize|coverage")
+# What is installed serves a C and a C++ host (sanitizers would have to be linked into the hosts
+# too).
+if(NOT CMAKE_CXX_FLAGS MATCHES "fsanitize|coverage")
   add_test(NAME install COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_install.sh
-           ${CMAKE_COMMAND} ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR} ${PROJECT_VERSION})
+           ${CMAKE_COMMAND} ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR} ${PROJECT_VERSION}
+           ${CMAKE_TOOLCHAIN_FILE} ${CMAKE_CROSSCOMPILING_EMULATOR})
 endif()

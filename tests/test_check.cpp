@@ -179,6 +179,12 @@ TEST(Check, TextsOfAMissingDataEdgeAndASecondBinding) {
   EXPECT_EQ(findings(net.graph()), Texts({"error " + missing}));
   EXPECT_EQ(net.prepare(), 1);
   EXPECT_EQ(zyn_error_detail(), missing);  // preparation says the same
+  Net nothing;                             // a constant whose descriptor holds no tensor
+  nothing.op(ZYN_OP_BATCH_NORM, zyn_bn_param{0, 0},
+             {nothing.input(Array({2, 2, 2})), nothing.tensor(ZYN_OP_CONSTANT, nullptr)});
+  ASSERT_EQ(nothing.make(), 0);
+  EXPECT_EQ(nothing.prepare(), 1);
+  EXPECT_STREQ(zyn_error_detail(), "node 1 CONSTANT: its descriptor's data is no tensor");
   zyn_cg_set_node_name(net.graph(), node, "stem");
   const zyn_cg_node_desc desc = {ZYN_OP_RELU, nullptr, 0, nullptr, 0};
   printed([&] {

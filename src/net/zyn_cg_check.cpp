@@ -254,13 +254,15 @@ void zyn_checker::check_node(int32_t id) {
   node.id = id;
   node.type = zyn_cg_node_type(graph_, id);
   node.param = graph_->bindings ? graph_->bindings[id].param : nullptr;
+  static constexpr zyn_darray kNothing = {};
   node.reads = zyn_cg_inputs(graph_, id);
+  if (!node.reads) node.reads = &kNothing;
   node.producer = -1;
   node.method = graph_->bindings ? graph_->bindings[id].method : graph_->conv_method;
   for (int64_t i = 0; i < node.reads->count; i++) {
     const int32_t from = zyn_darray_ids(node.reads)[i];
     if (is_constant(from)) {
-      node.constant = data_tensor(graph_, from);
+      node.constant = shapes_[from].known() ? data_tensor(graph_, from) : nullptr;
       node.constants++;
     } else {
       node.producer = from;

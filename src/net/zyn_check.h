@@ -20,8 +20,10 @@ struct zyn_check_shape {
   bool known() const { return dim_count > 0; }
   int64_t extent(int32_t d) const { return d < dim_count ? dims[d] : 1; }
   int64_t count() const {
+    constexpr int64_t kMost = INT64_MAX / 16;  // of records that are no real tensor's
     int64_t product = 1;
-    for (int32_t d = 0; d < dim_count; d++) product *= dims[d];
+    for (int32_t d = 0; d < dim_count; d++)
+      if (!zyn_multiply(product, dims[d], &product) || product > kMost) return kMost;
     return product;
   }
 };
@@ -35,7 +37,7 @@ struct zyn_check_node {
   zyn_check_shape input;       // of the last predecessor that is not a constant
   int32_t producer;            // its id, -1: there is none
   int32_t producers;           // how many predecessors are not constants
-  const zyn_tensor* constant;  // of the last constant, or null
+  const zyn_tensor* constant;  // of the last constant; null where there is none that is sound
   int32_t constants;
   uint32_t method;  // convolutions: 0, 1, 2
 };
