@@ -110,7 +110,8 @@ class Runner {
     bool found = options.node.empty();
     for (int32_t id = 0; id < description_->node_count; id++) {
       const zyn_net_node& node = description_->nodes[id];
-      const bool asked = options.node == node.name || options.node == std::to_string(id);
+      const bool asked = !options.node.empty() &&
+                         (options.node == node.name || options.node == std::to_string(id));
       const bool data = node.type == ZYN_OP_INPUT || node.type == ZYN_OP_CONSTANT;
       if (data || !(asked || options.keep_all)) continue;
       const std::string number = "node" + std::to_string(id);
