@@ -317,6 +317,38 @@ TEST(Network, DamagedAndForeignFilesAreRefusedWithAReason) {
   EXPECT_STREQ(zyn_error_detail(), "'no/such/file.zyn' cannot be opened");
 }
 
+TEST(Network, AWriterTakesAFileUpAndChangesIt) {
+  Bytes file = small_file([](zyn_net_writer* writer) { zyn_net_writer_q(writer, 2, 7); });
+  const std::string path = ::testing::TempDir() + "zyncore_writer.zyn";
+  FILE* out = fopen(path.c_str(), "wb");
+  ASSERT_TRUE(out);
+  fwrite(file.data(), 1, file.size(), out);
+  fclose(out);
+  const Writer writer(zyn_net_writer_load(path.c_str()));
+  remove(path.c_str());
+  ASSERT_TRUE(writer) << zyn_error_detail();
+  EXPECT_EQ(bytes_of(writer.get()), file);
+  EXPECT_EQ(zyn_net_writer_method(writer.get(), 2, 1), 0);
+  EXPECT_NE(zyn_net_writer_metadata(writer.get(), "origin", "another"), 0);
+  // Behind what the file holds: the channels' sums.
+  std::vector<float> ones(6, 1.0f);
+  const zyn_conv_param sum = {6, 1, 1, 1, 1, 1, 0, 0, {0, 0}, 1, 1, 1, 0, {0}, 0};
+  const int from[] = {3, add_constant(writer.get(), ones)};
+  const zyn_net_port s =
+      port("s", {}, zyn_net_writer_node(writer.get(), "s", ZYN_OP_CONV, &sum, from, 2));
+  EXPECT_EQ(zyn_net_writer_output(writer.get(), &s), 0);
+  const Network net = load(bytes_of(writer.get()));
+  ASSERT_TRUE(net) << zyn_error_detail();
+  ASSERT_EQ(zyn_net_run(net.get()), 0);
+  const auto* joined = static_cast<const float*>(zyn_net_output(net.get(), "joined")->data);
+  float expected = 0;
+  for (int c = 0; c < 6; c++) expected += joined[30 * c];
+  EXPECT_EQ(static_cast<const float*>(zyn_net_output(net.get(), "s")->data)[0], expected);
+  EXPECT_EQ(zyn_net_describe(net.get())->nodes[2].method, 1);
+  EXPECT_EQ(zyn_net_writer_load(path.c_str()), nullptr);
+  EXPECT_EQ(zyn_error_detail(), "'" + path + "' cannot be opened");
+}
+
 TEST(Network, EveryByteOfAFileMayBeAnything) {
   const Bytes file = small_file();
   zyn_net_options options = ZYN_NET_DEFAULTS;

@@ -7,6 +7,8 @@
 
 #include <atomic>
 
+#include "base/zyn_explain.h"
+
 namespace {
 
 constexpr uint64_t kOverhead = 48;  // two header words and the way to the next multiple of 32
@@ -22,6 +24,14 @@ zyn_system_allocator allocator = kSystem;
 // relaxed operations suffice.
 std::atomic<uint64_t> bytes_in_use{0};
 
+// Null, explained.
+void* no_block(int64_t size) {
+  zyn_explain(
+      size < 1 ? "a block has at least 1 byte, %lld were asked for" : "no memory for %lld bytes",
+      static_cast<long long>(size));
+  return nullptr;
+}
+
 uint64_t* header_of(void* block) { return static_cast<uint64_t*>(block); }
 
 }  // namespace
@@ -33,10 +43,10 @@ zyn_system_allocator zyn_set_system_allocator(const zyn_system_allocator* replac
 }
 
 void* zyn_malloc(int64_t size) {
-  if (size < 1) return nullptr;
+  if (size < 1) return no_block(size);
   const uint64_t wanted = static_cast<uint64_t>(size);
   void* system_block = allocator.allocate((wanted < kLargest ? wanted : kLargest) + kOverhead);
-  if (!system_block) return nullptr;
+  if (!system_block) return no_block(size);
   const uintptr_t address =
       (reinterpret_cast<uintptr_t>(system_block) + kOverhead - 1) & ~uintptr_t{31};
   uint64_t* block = reinterpret_cast<uint64_t*>(address);
@@ -64,7 +74,7 @@ int64_t zyn_block_bytes(const void* block) {
 
 void* zyn_calloc(int64_t count, int64_t size) {
   int64_t bytes = 0;
-  if (!zyn_multiply(count, size, &bytes)) return nullptr;
+  if (!zyn_multiply(count, size, &bytes)) return no_block(INT64_MAX);
   void* block = zyn_malloc(bytes);
   if (block) memset(block, 0, static_cast<size_t>(bytes));
   return block;

@@ -48,6 +48,8 @@ class zyn_scratch {
     if (zyn_multiply(count, static_cast<int64_t>(sizeof(T)), &bytes))
       block_ = static_cast<T*>(zyn_malloc(bytes));
   }
+  // Takes a block over.
+  explicit zyn_scratch(T* block) : block_(block) {}
   // Zeroed memory.
   static zyn_scratch zeroed(int64_t count) {
     return zyn_scratch(static_cast<T*>(zyn_calloc(count, static_cast<int64_t>(sizeof(T)))));
@@ -68,7 +70,6 @@ class zyn_scratch {
   }
 
  private:
-  explicit zyn_scratch(T* block) : block_(block) {}
   T* block_ = nullptr;
 };
 

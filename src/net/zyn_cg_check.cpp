@@ -254,13 +254,15 @@ void zyn_checker::check_node(int32_t id) {
   node.id = id;
   node.type = zyn_cg_node_type(graph_, id);
   node.param = graph_->bindings ? graph_->bindings[id].param : nullptr;
+  static constexpr zyn_darray kNothing = {};
   node.reads = zyn_cg_inputs(graph_, id);
+  if (!node.reads) node.reads = &kNothing;
   node.producer = -1;
   node.method = graph_->bindings ? graph_->bindings[id].method : graph_->conv_method;
   for (int64_t i = 0; i < node.reads->count; i++) {
     const int32_t from = zyn_darray_ids(node.reads)[i];
     if (is_constant(from)) {
-      node.constant = data_tensor(graph_, from);
+      node.constant = shapes_[from].known() ? data_tensor(graph_, from) : nullptr;
       node.constants++;
     } else {
       node.producer = from;
@@ -336,6 +338,25 @@ zyn_cg_report* zyn_checker::report() const {
       (severity == ZYN_CHECK_ERROR ? report->errors : report->warnings)++;
     }
   return report;
+}
+
+// Its own error, else what is wrong with the data that it reads; runs alone need all of them.
+bool zyn_cg_explain_node(const zyn_cg_handle* graph, int32_t node, bool is_run) {
+  zyn_checker checker(graph);
+  zyn_cg_report* report = checker.run() ? checker.report() : nullptr;
+  const zyn_darray* reads = zyn_cg_inputs(graph, node);
+  const zyn_cg_finding* found = nullptr;
+  for (int32_t i = 0; report && !found && i < report->errors; i++)
+    if (report->findings[i].node == node) found = &report->findings[i];
+  const int32_t said = report ? report->errors + (is_run ? report->warnings : 0) : 0;
+  for (int32_t i = 0; !found && i < said; i++)
+    for (int64_t k = 0; !found && reads && k < reads->count; k++)
+      if (report->findings[i].kind == ZYN_CHECK_DATA &&
+          report->findings[i].node == zyn_darray_ids(reads)[k])
+        found = &report->findings[i];
+  if (found) zyn_explain("%s", found->text);
+  zyn_release_cg_report(&report);
+  return found != nullptr;
 }
 
 int32_t zyn_cg_check(const zyn_cg_handle* graph, zyn_cg_report** report) {

@@ -49,7 +49,7 @@ struct zyn_check_node {
   zyn_check_shape input;       // of the last predecessor that is not a constant
   int32_t producer;            // its id, -1: there is none
   int32_t producers;           // how many predecessors are not constants
-  const zyn_tensor* constant;  // of the last constant, or null
+  const zyn_tensor* constant;  // of the last constant; null where there is none that is sound
   int32_t constants;
   uint32_t method;  // convolutions: 0, 1, 2
 };

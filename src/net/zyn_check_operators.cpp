@@ -353,6 +353,7 @@ bool zyn_check_reads(zyn_checker* check, const zyn_check_node& node, bool with_c
                  "it has no constant: the edge from the node with its weights is missing");
     good = false;
   }
+  if (with_constant && !node.constant) good = false;  // said of the constant itself
   if (node.producers > 1) {
     check->warn(ZYN_CHECK_INPUTS, node.id, "it reads %d inputs: only the last, node %d, counts",
                 node.producers, node.producer);
