@@ -7,7 +7,7 @@
 #include "base/zyn_memory.h"
 #include "base/zyn_report.h"
 #include "cg/cpu/zyn_cg_layout.h"
-#include "net/zyn_check.h"
+#include "cg/cpu/check/zyn_check.h"
 #include "net/zyn_net_graph.h"
 
 namespace {

@@ -126,8 +126,7 @@ inline const zyn_darray* zyn_cg_readers(const zyn_cg_handle* graph, int32_t node
 }
 
 // Makes what the check of a graph finds wrong with a node this thread's explanation; false where it
-// finds nothing. The one thing that the engine asks of a layer above it (src/net/zyn_cg_check.cpp),
-// and after a failure alone.
+// finds nothing.
 bool zyn_cg_explain_node(const zyn_cg_handle* graph, int32_t node, bool is_run);
 
 // Stores a fresh record and its run function for a node being bound.

@@ -30,14 +30,9 @@ struct zyn_check_shape {
   }
 };
 
-// "320 x 240 x 3", of a known shape.
-struct zyn_extents_text {
-  char text[64];
-  explicit zyn_extents_text(const zyn_check_shape& s) {
-    int used = snprintf(text, sizeof(text), "%d", s.dims[0]);
-    for (int32_t d = 1; d < s.dim_count; d++)
-      used += snprintf(text + used, sizeof(text) - static_cast<size_t>(used), " x %d", s.dims[d]);
-  }
+// A shape for a finding: "320 x 240 x 3".
+struct zyn_shape_text : zyn_extents_text {
+  explicit zyn_shape_text(const zyn_check_shape& s) : zyn_extents_text(s.dim_count, s.dims) {}
 };
 
 // A node as its rule sees it.

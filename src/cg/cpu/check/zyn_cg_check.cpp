@@ -4,8 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "cg/cpu/check/zyn_check.h"
 #include "cg/cpu/zyn_cg_names.h"
-#include "net/zyn_check.h"
 
 namespace {
 
