@@ -4,6 +4,7 @@
 #include <cmath>
 #include <vector>
 
+#include "support/buffers.h"
 #include "support/fuzz.h"
 #include "support/network_files.h"
 #include "zyncore_face.h"
@@ -14,18 +15,24 @@ using zyn_fuzz::check;
 using zyn_fuzz::Input;
 using namespace zyn_test;
 
-// Pictures of 16 x 12 pixels; outputs are biases, and weights that the input chose.
+// Pictures of 16 x 12 pixels; outputs are biases and few weights, some of them no numbers.
 Bytes network(Input& in, bool detector, const char* (&keys)[5][2], int planes) {
   Writer writer(zyn_net_writer_create());
   zyn_net_port image = port("image", {16, 12, planes});
-  image.channel_order = planes == 1 ? 3 : in.integer(0, 3);
+  image.channel_order = in.one_in(32) ? in.integer(0, 3) : planes == 1 ? 3 : 1 + planes % 2;
   image.resize = in.integer(0, 3);
   image.scale[0] = image.scale[1] = image.scale[2] = 1 / 64.0f;
   const int source = zyn_net_writer_input(writer.get(), &image);
   const auto output = [&](const char* name, int values, int rows, int meaning) {
-    std::vector<float> words(static_cast<size_t>(values) * 16 * 12 * planes);
-    for (size_t i = 0; i < words.size(); i += 61) words[i] = in.real() / 8;
-    for (int i = 0; i < values; i++) words.push_back(in.real());
+    Random random(in.word());
+    const auto weights = static_cast<size_t>(values) * 16 * 12 * planes;
+    std::vector<float> words(weights + static_cast<size_t>(values));
+    for (size_t i = 0; i < weights; i += 61) words[i] = random.real(-0.5f, 0.5f);
+    for (size_t i = weights; i < words.size(); i++) words[i] = random.real(-2, 2);
+    if (meaning == ZYN_NET_MEANING_LANDMARKS)
+      for (size_t i = weights; i < words.size(); i++)  // a head at rest
+        words[i] = zyn_face_model()[(i - weights) / 2 * 3 + (i - weights) % 2] / 300 + 0.4f;
+    if (in.one_in(8)) words[in.word() % words.size()] = in.real();
     const zyn_conv_param p = {planes, values, 16, 12, 1, 1, 0, 0, {0, 0}, 1, 1, 1, 1, {0}, 0};
     const int from[] = {source, add_constant(writer.get(), words)};
     const int all = zyn_net_writer_node(writer.get(), "", ZYN_OP_CONV_ACT, &p, from, 2);
@@ -55,19 +62,21 @@ Bytes network(Input& in, bool detector, const char* (&keys)[5][2], int planes) {
 class Pictures {
  public:
   explicit Pictures(Input& in) : in_(in), bytes_(3 * 64 * 64 + 4096) {
-    for (uint8_t& b : bytes_) b = static_cast<uint8_t>(in.byte());
+    Random random(in.word());
+    for (uint8_t& b : bytes_) b = static_cast<uint8_t>(random.next());
     width_ = in.integer(1, 64), height_ = in.integer(1, 40);
   }
   // Planes lie in the bytes as far as the record is right; a wrong record is refused unread.
   zyn_face_frame next() {
     constexpr uint32_t kFormats[] = {0, 1, 2, 5, 12, 13, 32};
     if (in_.one_in(16)) width_ = in_.integer(1, 64), height_ = in_.integer(1, 40);
-    if (in_.one_in(16)) height_ = in_.extreme();
+    const int extreme = in_.one_in(16) ? in_.extreme() : 0;
+    if (extreme < 0 || extreme > 16384) height_ = extreme;
     zyn_face_frame f = {in_.one_in(32) ? in_.word() : in_.pick(kFormats), width_, height_, {}, {}};
     const int row = f.format < 2 ? 3 * width_ : f.format == 32 ? 2 * width_ : width_;
     for (int k = 0; k < 3; k++) {
       f.planes[k] = in_.one_in(64) ? nullptr : bytes_.data() + in_.byte();
-      f.strides[k] = in_.one_in(32) ? -in_.extreme() : row;
+      f.strides[k] = in_.one_in(32) ? in_.extreme() : row;
       if (f.strides[k] > 200) f.strides[k] = row;
     }
     return f;
@@ -149,7 +158,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (session && in.one_in(32)) zyn_face_reset(session);
     if (!in.one_in(4)) continue;
     float points[136];
-    for (float& v : points) v = in.real() * 16;
+    for (int k = 0; k < 136; k++)
+      points[k] = zyn_face_model()[k / 2 * 3 + k % 2] + (k % 9 ? 0 : in.real() * 16);
     zyn_image* out = zyn_create_image(9, 9, in.byte() % 3);
     zyn_face_align(out, &frame, points, 9);
     zyn_release_matrix(&out);

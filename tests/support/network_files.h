@@ -99,4 +99,72 @@ inline Bytes ssd320_file(const ssd320::Detector& detector) {
   return bytes_of(writer.get());
 }
 
+// A convolution whose weights of an output are alike.
+inline int add_conv(zyn_net_writer* writer, int from, int in, int kernel, int stride,
+                    const std::vector<float>& weights, const std::vector<float>& biases) {
+  const int out = static_cast<int>(biases.size());
+  std::vector<float> words;
+  for (float weight : weights) words.insert(words.end(), in * kernel * kernel, weight);
+  words.insert(words.end(), biases.begin(), biases.end());
+  const zyn_conv_param p = {in,     out, kernel, kernel, stride, stride,         0, 0,
+                            {0, 0}, 1,   1,      1,      1,      {ZYN_ACT_BIAS}, 0};
+  const int inputs[] = {from, add_constant(writer, words)};
+  return zyn_net_writer_node(writer, "", ZYN_OP_CONV_ACT, &p, inputs, 2);
+}
+
+inline int add_node(zyn_net_writer* writer, int type, const void* param,
+                    const std::vector<int>& from) {
+  return zyn_net_writer_node(writer, "", type, param, from.data(), static_cast<int>(from.size()));
+}
+
+inline int add_concat(zyn_net_writer* writer, int axis, const std::vector<int>& from) {
+  const zyn_concat_param p = {axis, static_cast<int>(from.size()), nullptr};
+  return add_node(writer, ZYN_OP_CONCAT, &p, from);
+}
+
+// A head of channels planes, each pixel's channels one after the other, values of them a row.
+inline int add_rows(zyn_net_writer* writer, int head, int channels, int values) {
+  const zyn_reshape_param column = {2, {1, -1, 0, 0, 0}}, rows = {2, {values, -1, 0, 0, 0}};
+  std::vector<int> columns;
+  for (int c = 0; c < channels; c++) {
+    const zyn_slice_param slice = {0, channels, c, 1, 0};
+    const int plane = add_node(writer, ZYN_OP_CHANNEL_SLICE, &slice, {head});
+    columns.push_back(add_node(writer, ZYN_OP_RESHAPE, &column, {plane}));
+  }
+  return add_node(writer, ZYN_OP_RESHAPE, &rows, {add_concat(writer, 0, columns)});
+}
+
+inline void add_output(zyn_net_writer* writer, const char* name, int node, int meaning) {
+  zyn_net_port p = port(name, {}, node);
+  p.meaning = meaning;
+  EXPECT_EQ(zyn_net_writer_output(writer, &p), 0);
+}
+
+using Keys = std::vector<std::pair<std::string, std::string>>;
+
+inline Bytes finished(const Writer& writer, const Keys& keys) {
+  for (const auto& [key, value] : keys)
+    if (!value.empty()) zyn_net_writer_metadata(writer.get(), key.c_str(), value.c_str());
+  return bytes_of(writer.get());
+}
+
+// The detector for face sessions.
+inline Bytes ssd320_face_file(const ssd320::Detector& detector) {
+  Writer writer(zyn_net_writer_create());
+  const std::vector<int> ids = add_ssd320(writer.get(), detector);
+  std::vector<int> scores, offsets;
+  for (size_t i = 0; i < 4; i++) {
+    const int boxes = i == 1 || i == 2 ? 2 : 3;
+    scores.push_back(add_rows(writer.get(), ids[ssd320::kScoreHeads[i]], 2 * boxes, 2));
+    offsets.push_back(add_rows(writer.get(), ids[ssd320::kLocationHeads[i]], 4 * boxes, 4));
+  }
+  add_output(writer.get(), "scores", add_concat(writer.get(), 1, scores), ZYN_NET_MEANING_SCORES);
+  add_output(writer.get(), "offsets", add_concat(writer.get(), 1, offsets),
+             ZYN_NET_MEANING_OFFSETS);
+  return finished(writer, {{"face.role", "detector"},
+                           {"face.strides", "8,16,32,64"},
+                           {"face.min-sizes", "10,16,24;32,48;64,96;128,192,256"},
+                           {"face.variances", "0.1,0.2"}});
+}
+
 }  // namespace zyn_test
