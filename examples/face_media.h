@@ -238,7 +238,9 @@ class ContactSheet {
   // As one picture; null without frames or memory.
   Image sheet() const {
     if (pictures_.empty()) return nullptr;
-    const int32_t count = static_cast<int32_t>(pictures_.size()), height = pictures_[0]->rows;
+    int32_t count = static_cast<int32_t>(pictures_.size());
+    if (count > kColumns) count -= count % kColumns;  // whole rows
+    const int32_t height = pictures_[0]->rows;
     const int32_t columns = count < kColumns ? count : kColumns;
     const int32_t rows = (count + columns - 1) / columns;
     Image sheet(zyn_create_image(columns * kWidth, rows * height, ZYN_IMAGE_BGR));

@@ -92,8 +92,8 @@ typedef struct zyn_face_options {
   int32_t detect_every;    /* 1 or more: the detector runs on every n-th frame; on the others faces
                               are followed by their landmarks (without a landmark network: their
                               tracks are predicted) */
-  int32_t max_faces;       /* 1 to 1000: faces followed at once; of more, those detected with the
-                              highest scores */
+  int32_t max_faces;       /* 1 to 1000: faces followed at once; of a frame's detections the best
+                              2 * max_faces are looked at */
   float score_threshold;   /* 0 to 1: a detection above it may become a face */
   float keep_threshold;    /* 0 to score_threshold: a detection above it continues a face */
   float overlap_threshold; /* 0 to 1: of detections that overlap more the best one stays */
@@ -101,7 +101,7 @@ typedef struct zyn_face_options {
                               says (border where it does not), 1: stretched, 2: bordered in black,
                               all of it in the middle, 3: cut out, as much of its middle as fits */
   int32_t max_age;         /* 0 or more: a face is dropped when it went unseen for more frames than
-                              this */
+                              this, or its middle left the frame unseen */
   int32_t min_hits;        /* 1 or more: detections before a face is reported */
   float track_overlap;     /* 0 to below 1: what a detection and a predicted box, both enlarged five
                               times, overlap at least if they are the same face */

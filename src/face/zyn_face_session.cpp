@@ -257,7 +257,7 @@ int32_t run_frame(zyn_face_session* s, const zyn_face_frame& frame, double time)
   const int32_t code =
       detects ? run_detection(s, frame, time, jump, &watch) : run_following(s, frame, time, &watch);
   if (code != ZYN_RET_OK) return code;
-  s->tracks.drop_old();
+  s->tracks.drop_lost(frame.width, frame.height);
   hand_out(s);
   watch.add_to(&s->times.tracking);
   s->times.total = watch.total();

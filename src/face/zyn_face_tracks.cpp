@@ -203,7 +203,12 @@ int32_t zyn_face_tracks::warm_up(zyn_face_finding* findings, int32_t count) {
   return correct(findings, count, count, ids.get());
 }
 
-void zyn_face_tracks::drop_old() {
-  for (int32_t i = count_ - 1; i >= 0; i--)
-    if (slots_[i].unseen > options_.max_age) remove(i);
+void zyn_face_tracks::drop_lost(int32_t width, int32_t height) {
+  for (int32_t i = count_ - 1; i >= 0; i--) {
+    const zyn_face_slot& slot = slots_[i];
+    const float x = 0.5f * (slot.box[0] + slot.box[2]), y = 0.5f * (slot.box[1] + slot.box[3]);
+    const bool inside =
+        x >= 0 && y >= 0 && x <= static_cast<float>(width) && y <= static_cast<float>(height);
+    if (slot.unseen > options_.max_age || (slot.unseen > 0 && !inside)) remove(i);
+  }
 }

@@ -58,8 +58,8 @@ class zyn_face_tracks {
   int32_t update(zyn_face_finding* findings, int32_t count, int32_t state);
   // A frame in which every finding is or becomes a track, none of them a face. 0 or a code.
   int32_t warm_up(zyn_face_finding* findings, int32_t count);
-  // Drops faces that went unseen for too long.
-  void drop_old();
+  // Drops faces that went unseen for too long, or whose middle left the frame unseen.
+  void drop_lost(int32_t width, int32_t height);
 
  private:
   int32_t find(uint32_t track) const;
