@@ -315,8 +315,8 @@ Bytes detector_file(const Keys& keys = kDetectorKeys, int order = 3, int meaning
   return finished(writer, keys);
 }
 
-// Landmarks that lie in the crop where a head at rest has them, and go to the right by a tenth of
-// it where the crop is white all over.
+// Landmarks that lie in the crop where a head at rest has them, and go to the right by pull of its
+// side where the crop is white all over.
 const Keys kLandmarkKeys = {{"face.role", "landmarks"},
                             {"face.points", "68"},
                             {"face.crop", "1.5"},
@@ -326,7 +326,8 @@ std::vector<float> marks_in_crop() {
   std::vector<float> marks = seen({0, 0, 0, 0, -35, 600}, 600 / 300.0, 1, 1);
   return marks;
 }
-Bytes landmarks_file(const Keys& keys = kLandmarkKeys, int points = 68) {
+Bytes landmarks_file(const Keys& keys = kLandmarkKeys, int points = 68, float pull = 0.1f,
+                     float height = 1) {
   Writer writer(zyn_net_writer_create());
   zyn_net_port in = port("image", {16, 16, 1});
   in.channel_order = 3;
@@ -334,7 +335,8 @@ Bytes landmarks_file(const Keys& keys = kLandmarkKeys, int points = 68) {
   const int image = zyn_net_writer_input(writer.get(), &in);
   std::vector<float> marks = marks_in_crop(), weights(2 * static_cast<size_t>(points));
   marks.resize(weights.size());
-  for (size_t i = 0; i < weights.size(); i += 2) weights[i] = 0.1f / 256;
+  for (size_t i = 0; i < weights.size(); i += 2) weights[i] = pull / 256;
+  for (size_t i = 1; i < marks.size(); i += 2) marks[i] = 0.5f + height * (marks[i] - 0.5f);
   add_output(writer.get(), "points", add_conv(writer.get(), image, 1, 16, 1, weights, marks),
              ZYN_NET_MEANING_LANDMARKS);
   return finished(writer, keys);
@@ -473,6 +475,33 @@ TEST(FaceSession, StatesFromFrameToFrame) {
   EXPECT_EQ(run(session, *one, 2.4)[0].age, 1);
 }
 
+// Between detections faces are followed as long as their landmarks can be those of a face there.
+TEST(FaceSession, LandmarksThatAreNoFaceAreNotFollowed) {
+  const struct {
+    float pull, height;
+    int state;
+  } cases[] = {{0.3f, 1, ZYN_FACE_FOLLOWED},
+               {0.9f, 1, ZYN_FACE_PREDICTED},    // off the crop's middle
+               {0.3f, -1, ZYN_FACE_PREDICTED}};  // the mouth above the eyes
+  for (const auto& c : cases) {
+    Networks networks;
+    networks.landmarks = landmarks_file(kLandmarkKeys, 68, c.pull, c.height);
+    zyn_face_options options = networks.options();
+    options.detect_every = 2;
+    const Session session(zyn_face_create(&options));
+    EXPECT_EQ(run(session, *squares({5}), 0).at(0).state, ZYN_FACE_DETECTED);
+    EXPECT_EQ(run(session, *squares({5}), 0.04).at(0).state, c.state) << c.pull << c.height;
+    EXPECT_EQ(run(session, *squares({5}), 0.08).at(0).id, 0);
+  }
+  // A face on its way out of the frame is gone once its predicted middle is outside.
+  const Networks networks;
+  zyn_face_options options = networks.options();
+  const Session session(zyn_face_create(&options));
+  for (int cell = 0; cell < 4; cell++) run(session, *squares({cell}), 0.04 * cell);
+  EXPECT_LE(run(session, *squares({}), 0.16).size(), 1u);
+  EXPECT_EQ(run(session, *squares({}), 0.20).size(), 0u);
+}
+
 TEST(FaceSession, ThresholdsAndRoom) {
   const Networks networks;
   zyn_face_options options = networks.options();
@@ -499,6 +528,9 @@ TEST(FaceSession, ThresholdsAndRoom) {
 TEST(FaceSession, SmoothedLandmarksFollowTheFilter) {
   const Networks networks;
   zyn_face_options options = networks.options();
+  options.smooth_cutoff = 1.5f;
+  options.smooth_beta = 20;
+  options.smooth_derivative = 1;
   const Session session(zyn_face_create(&options));
   const std::vector<zyn_face> first = run(session, *squares({5}), 1.0);
   const double start = first.at(0).smoothed[0], y = first[0].smoothed[1];
