@@ -113,7 +113,9 @@ ZYN_API void zyn_release_cg_report(zyn_cg_report** report);
 /* Types 9, 30, 31 and 35 compute more than zyncore.h lists. The first word of the record that
  * they are bound with says what: a number from the lists below instead of one from zyncore.h.
  * Axes are counted as in dims: 0 is x, the fastest, 1 is y, 2 the channels. All of them write
- * tensors of their own in planar order and never work in place. */
+ * tensors of their own and never work in place. Functions of single elements, and joins of like
+ * shapes or with one value a channel, keep the channel order of their input; all others write
+ * planar order. */
 
 /* Type 9, zyn_func_param: one input, output of its shape. */
 enum {
@@ -336,7 +338,8 @@ typedef struct zyn_net_node {
   const char* operation; /* the operator's name, "CONV" for ZYN_OP_CONV */
   int32_t dim_count;     /* of the output; 0: none */
   int32_t dims[5];
-  int32_t method;     /* convolutions: 0, 1, 2; else -1 */
+  int32_t method;     /* convolutions: 0, 1, 2, or 3 and 4: kernels of any shape that write
+                         channel blocks or planes; else -1 */
   int64_t parameters; /* floats of the constants that it reads */
   int64_t multiply_adds;
 } zyn_net_node;
@@ -409,7 +412,7 @@ ZYN_API int32_t zyn_net_writer_output(zyn_net_writer* writer, const zyn_net_port
 /* Fraction bits of a node's output; nodes that are not given any have 0. 0, 1 or 2. */
 ZYN_API int32_t zyn_net_writer_q(zyn_net_writer* writer, int32_t node, int32_t q);
 
-/* The convolution method of a node (0, 1, 2). 0, 1 or 2. */
+/* The convolution method of a node (0 to 4, see zyn_net_node). 0, 1 or 2. */
 ZYN_API int32_t zyn_net_writer_method(zyn_net_writer* writer, int32_t node, int32_t method);
 
 /* A line of metadata. 0, 1 (null, an empty or repeated key) or 2. */
