@@ -173,7 +173,7 @@ ZYN_API int32_t zyn_face_release(zyn_face_session** session);
  * frame and those predicted, in the order of their ids; either pointer may be null.
  * 0; 1: null session or frame, a frame that is not as its record is described, or a time that is
  * not finite: nothing has changed, and nothing is handed out; else the code of what failed (a
- * network's run, memory): the frame counts, and the faces are those from before. */
+ * network's run, memory): the frame counts, and nothing is handed out. */
 ZYN_API int32_t zyn_face_process(zyn_face_session* session, const zyn_face_frame* frame,
                                  double time, const zyn_face** faces, int32_t* count);
 

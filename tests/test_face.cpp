@@ -676,6 +676,24 @@ TEST(FaceSession, NetworksAndOptionsThatDoNotFit) {
   EXPECT_EQ(zyn_face_process(nullptr, nullptr, 0, nullptr, nullptr), ZYN_RET_ERR_PARA);
 }
 
+TEST(FaceSession, FixedPointFindsTheSame) {
+  const Networks networks;
+  zyn_face_options options = networks.options();
+  const Session exact(zyn_face_create(&options));
+  options.fixed_point = 1;
+  const Session fixed(zyn_face_create(&options));
+  ASSERT_TRUE(exact && fixed) << zyn_error_detail();
+  const std::vector<zyn_face> a = run(exact, *squares({1, 6, 11}), 0);
+  const std::vector<zyn_face> b = run(fixed, *squares({1, 6, 11}), 0);
+  ASSERT_EQ(a.size(), 3u);
+  ASSERT_EQ(b.size(), 3u);
+  for (size_t i = 0; i < 3; i++) {
+    for (int k = 0; k < 4; k++) EXPECT_NEAR(a[i].box[k], b[i].box[k], 0.05);
+    for (int k = 0; k < 136; k++) EXPECT_NEAR(a[i].landmarks[k], b[i].landmarks[k], 0.3);
+    EXPECT_NEAR(a[i].score, b[i].score, 0.01);
+  }
+}
+
 // Another number of landmarks, networks of the caller's, no landmark network.
 TEST(FaceSession, OtherNetworks) {
   const Keys keys = {{"face.points", "6"},    {"face.crop", "1.5"}, {"face.left-eye", "0"},

@@ -142,7 +142,9 @@ inline void add_output(zyn_net_writer* writer, const char* name, int node, int m
 
 using Keys = std::vector<std::pair<std::string, std::string>>;
 
+// With metadata; in fixed point every node has 8 fraction bits.
 inline Bytes finished(const Writer& writer, const Keys& keys) {
+  for (int node = 0; zyn_net_writer_q(writer.get(), node, 8) == 0;) node++;
   for (const auto& [key, value] : keys)
     if (!value.empty()) zyn_net_writer_metadata(writer.get(), key.c_str(), value.c_str());
   return bytes_of(writer.get());
