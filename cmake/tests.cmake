@@ -57,7 +57,7 @@ add_test(NAME faces COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/t
          $<TARGET_FILE:detect_faces> $<TARGET_FILE:zyn-quant> ${CMAKE_CROSSCOMPILING_EMULATOR})
 # The examples that need no model run and say what they should.
 add_test(NAME examples COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_examples.sh
-         $<TARGET_FILE:landmarks> $<TARGET_FILE:track_faces> ${CMAKE_CROSSCOMPILING_EMULATOR})
+         $<TARGET_FILE:landmarks> $<TARGET_FILE:track_faces> $<TARGET_FILE:face_app> ${CMAKE_CROSSCOMPILING_EMULATOR})
 # The timer reports every node of both kinds of network.
 add_test(NAME zyn_bench COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_zyn_bench.sh
          $<TARGET_FILE:zyn-bench> ${PROJECT_SOURCE_DIR}/bench/layers ${CMAKE_CROSSCOMPILING_EMULATOR})
