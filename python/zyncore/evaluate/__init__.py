@@ -19,7 +19,14 @@ from onnx import numpy_helper
 from . import elementwise, moving, reductions, resizing, windows  # noqa: F401 (they register)
 from .operators import OPERATORS, Node, Unsupported
 
-__all__ = ["OPERATORS", "Unsupported", "evaluate", "evaluate_node", "opset_of"]
+__all__ = ["OPERATORS", "Unsupported", "evaluate", "evaluate_node", "inputs_of", "opset_of"]
+
+
+def inputs_of(model: onnx.ModelProto) -> dict[str, list[int | None]]:
+    """The shapes of the inputs that are not initializers; None for extents that are not fixed."""
+    weights = {tensor.name for tensor in model.graph.initializer}
+    return {port.name: [axis.dim_value or None for axis in port.type.tensor_type.shape.dim]
+            for port in model.graph.input if port.name not in weights}
 
 
 def opset_of(model: onnx.ModelProto) -> int:
