@@ -9,6 +9,7 @@ from __future__ import annotations
 from typing import Any, Sequence
 
 import numpy as np
+from numpy.typing import ArrayLike
 
 from ._records import BLOCKED, FPI16, INTERLEAVED, Tensor
 
@@ -69,3 +70,34 @@ def _unblock(image: np.ndarray) -> np.ndarray:
         planar[first:first + group] = block.reshape(pixels, group).T
         first += group
     return planar.reshape(image.shape)
+
+
+def tensor_on(array: np.ndarray) -> Tensor:
+    """A planar tensor record on a C-contiguous array's memory, which the record keeps alive."""
+    if not array.flags.c_contiguous or not 1 <= array.ndim <= 5 or array.size == 0:
+        raise ValueError(f"one to five axes in C order are needed, found {array.shape}")
+    types = [code for code, name in _TYPES.items() if np.dtype(name) == array.dtype]
+    if not types:
+        raise ValueError(f"elements are int16, float32 or float64, not {array.dtype}")
+    dims = array.shape[::-1]
+    tensor = Tensor(kind=16, type=types[0], data=array.ctypes.data, dim_count=array.ndim,
+                    element_size=array.itemsize, byte_size=array.nbytes, count=array.size)
+    tensor.dims[:array.ndim] = dims
+    tensor.strides[:array.ndim - 1] = [s for s in reversed(array.strides[:-1])]
+    tensor.array = array
+    return tensor
+
+
+def address(array: np.ndarray | None) -> int | None:
+    """Where an array's elements lie, for an argument; the caller keeps the array."""
+    return None if array is None else array.ctypes.data
+
+
+def run_of(values: ArrayLike, dtype: str, width: int, what: str) -> np.ndarray:
+    """Values as rows of the given width in C order; copied only where they have to be."""
+    array = np.ascontiguousarray(values, dtype)
+    if array.size == 0 and array.ndim == 1:
+        array = array.reshape(0, width)
+    if array.ndim != 2 or array.shape[1] != width:
+        raise ValueError(f"{what}: the shape (n, {width}) is needed, found {array.shape}")
+    return array
