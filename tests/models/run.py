@@ -1,0 +1,98 @@
+"""Exports every network from torch, converts it, and compares what both compute.
+
+    run.py [NAME...] [--folder F] [--runner zyn-run.exe] [--seed N]
+
+The error of a method is the largest absolute difference to torch's output, as a part of the
+output's largest absolute value. Exit code 0: all converted, every error within 1e-4.
+"""
+
+import argparse
+import os
+import sys
+import tempfile
+import traceback
+import warnings
+
+import numpy as np
+import torch
+
+import further
+import networks
+import zyncore
+from zyncore.convert.__main__ import main as convert
+
+TOLERANCE = 1e-4
+METHODS = ("automatic", 0, 1, 2)
+
+
+def export(name, make, shape, opset, seed, folder):
+    """The ONNX file, the input and torch's outputs by name."""
+    module = networks.seeded(make, shape, seed)
+    x = torch.randn(shape)
+    with torch.no_grad(), warnings.catch_warnings():
+        warnings.simplefilter("ignore")
+        outputs = module(x)
+        outputs = outputs if isinstance(outputs, tuple) else (outputs,)
+        names = [f"out{i}" for i in range(len(outputs))]
+        path = os.path.join(folder, name + ".onnx")
+        torch.onnx.export(module, x, path, opset_version=opset, input_names=["image"],
+                          output_names=names)
+    return path, x.numpy(), {n: y.numpy() for n, y in zip(names, outputs)}
+
+
+def error_of(expected, found):
+    """The largest over all outputs; infinite for another shape or an output that is missing."""
+    worst = 0.0
+    for name, y in expected.items():
+        if name not in found or found[name].shape != y.shape:
+            return np.inf
+        worst = max(worst, float(np.abs(found[name] - y).max() / np.abs(y).max()))
+    return worst if worst == worst else np.inf
+
+
+def try_network(case, options):
+    """A line of the table, and whether all is well."""
+    name, make, shape, opset = case
+    path, x, expected = export(name, make, shape, opset, options.seed, options.folder)
+    file = os.path.join(options.folder, name + ".zyn")
+    if convert([path, "-o", file]) != 0:
+        return f"{name:20} not converted", False
+    errors = []
+    for method in METHODS:
+        net = zyncore.Net(file, method=method)
+        errors.append(error_of(expected, net.run(x)))
+    text = "".join(f"{error:11.1e}" for error in errors)
+    line = f"{name:20}{len(net.nodes):6}{net.multiply_adds / 1e6:10.2f}{text}"
+    return line, max(errors) <= TOLERANCE
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("names", nargs="*")
+    parser.add_argument("--folder", help="where the files stay")
+    parser.add_argument("--seed", type=int, default=7)
+    options = parser.parse_args()
+    temporary = None if options.folder else tempfile.TemporaryDirectory()
+    options.folder = options.folder or temporary.name
+    os.makedirs(options.folder, exist_ok=True)
+    cases = [case for case in networks.CASES + further.CASES
+             if not options.names or case[0] in options.names]
+    lines, wrong = [], []
+    for case in cases:
+        try:
+            line, right = try_network(case, options)
+        except Exception:
+            traceback.print_exc()
+            line, right = f"{case[0]:20} failed", False
+        lines.append(line + ("" if right else "  <--"))
+        wrong += [] if right else [case[0]]
+    print(f"\n{'network':20}{'nodes':>6}{'M mult-add':>10}" +
+          "".join(f"{str(method):>11}" for method in METHODS))
+    print("\n".join(lines))
+    print(f"{len(cases) - len(wrong)} of {len(cases)} within {TOLERANCE:g}" +
+          (f"; wrong: {', '.join(wrong)}" if wrong else ""))
+    return 1 if wrong or not cases else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
