@@ -1,6 +1,8 @@
 """Exports every network from torch, converts it, and compares what both compute.
 
-    run.py [NAME...] [--folder F] [--runner zyn-run.exe] [--seed N]
+    run.py [NAME...] [--folder F] [--seed N] [--runner 'cmake/wine build/windows/tools/zyn-run.exe']
+
+With a runner the files also run in a program of their own, by the automatic choice.
 
 The error of a method is the largest absolute difference to torch's output, as a part of the
 output's largest absolute value. Exit code 0: all converted, every error within 1e-4.
@@ -8,6 +10,8 @@ output's largest absolute value. Exit code 0: all converted, every error within 
 
 import argparse
 import os
+import shlex
+import subprocess
 import sys
 import tempfile
 import traceback
@@ -50,6 +54,16 @@ def error_of(expected, found):
     return worst if worst == worst else np.inf
 
 
+def run_outside(options, file, x, names):
+    """The outputs that the runner writes."""
+    array = file[:-4] + ".npy"
+    folder = file[:-4] + ".out"
+    np.save(array, x)
+    subprocess.run([*shlex.split(options.runner), file, array, "--out", folder], check=True,
+                   stdout=subprocess.DEVNULL)
+    return {name: np.load(os.path.join(folder, name + ".npy")) for name in names}
+
+
 def try_network(case, options):
     """A line of the table, and whether all is well."""
     name, make, shape, opset = case
@@ -61,6 +75,8 @@ def try_network(case, options):
     for method in METHODS:
         net = zyncore.Net(file, method=method)
         errors.append(error_of(expected, net.run(x)))
+    if options.runner:
+        errors.append(error_of(expected, run_outside(options, file, x, expected)))
     text = "".join(f"{error:11.1e}" for error in errors)
     line = f"{name:20}{len(net.nodes):6}{net.multiply_adds / 1e6:10.2f}{text}"
     return line, max(errors) <= TOLERANCE
@@ -70,6 +86,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("names", nargs="*")
     parser.add_argument("--folder", help="where the files stay")
+    parser.add_argument("--runner", help="zyn-run, or a command that starts it")
     parser.add_argument("--seed", type=int, default=7)
     options = parser.parse_args()
     temporary = None if options.folder else tempfile.TemporaryDirectory()
@@ -87,7 +104,8 @@ def main():
         lines.append(line + ("" if right else "  <--"))
         wrong += [] if right else [case[0]]
     print(f"\n{'network':20}{'nodes':>6}{'M mult-add':>10}" +
-          "".join(f"{str(method):>11}" for method in METHODS))
+          "".join(f"{str(method):>11}" for method in METHODS) +
+          ("     runner" if options.runner else ""))
     print("\n".join(lines))
     print(f"{len(cases) - len(wrong)} of {len(cases)} within {TOLERANCE:g}" +
           (f"; wrong: {', '.join(wrong)}" if wrong else ""))
