@@ -10,6 +10,7 @@
 #include "support/capture.h"
 #include "support/fuzz.h"
 #include "support/model.h"
+#include "zyncore_net.h"
 
 // What the library prints is the runner's business here.
 namespace zyn_test {
@@ -23,6 +24,9 @@ namespace {
 using zyn_fuzz::check;
 using zyn_fuzz::Input;
 using zyn_fuzz::Memory;
+
+// Of those whose first word says what they are.
+constexpr size_t kLongestRecord = sizeof(zyn_window_param);
 
 // Scratch beside the nodes' own tensors: packed weights, panels, padded rows.
 constexpr int64_t bound_of(double tensor_bytes) {
@@ -210,7 +214,10 @@ class Attack {
   }
   template <typename Record>
   void record(Node& node, const Record& r, std::function<void(Shape&)> grow = nullptr) {
-    node.record.resize(sizeof(Record));
+    // Types 30, 31 and 35 read as much as the first word says, which may be any.
+    const bool varies = node.type == ZYN_OP_RESAMPLE || node.type == ZYN_OP_AFFINE ||
+                        node.type == ZYN_OP_CHANNEL_GATHER;
+    node.record.resize(varies ? std::max(sizeof(Record), kLongestRecord) : sizeof(Record));
     memcpy(node.record.data(), &r, sizeof(Record));
     node.grow = grow;
   }
@@ -416,7 +423,7 @@ int32_t Attack::bind(size_t id) {
   const int32_t* list = node.list.data();
   if (node.type == ZYN_OP_CONCAT && node.record.size() == sizeof(zyn_concat_param))
     memcpy(node.record.data() + offsetof(zyn_concat_param, nodes), &list, sizeof(list));
-  if (node.type == ZYN_OP_CHANNEL_GATHER && node.record.size() == sizeof(zyn_gather_param))
+  if (node.type == ZYN_OP_CHANNEL_GATHER && !node.record.empty() && !node.list.empty())
     memcpy(node.record.data() + offsetof(zyn_gather_param, channels), &list, sizeof(list));
   return zyn_bind_operator_onto_computation_graph(
       graph_, static_cast<int32_t>(id), &desc, node.record.empty() ? nullptr : node.record.data());
