@@ -93,7 +93,7 @@ def main(argv: list[str] | None = None) -> int:
         return 0
     from zyncore.compare import compare  # needs the library
     result = compare(args.network, args.target, seed=args.seed)
-    for line in result.lines:
+    for line in result.lines():
         print(line)
     return 0 if result.ok else 1
 

@@ -147,8 +147,7 @@ _IN_PLACE: list[tuple[Callable[[Function], bool], str]] = [
 
 
 def work_in_place(program: Program) -> None:
-    """Activations that overwrite their input, where nothing else needs it. The step before then
-    holds the activated values after a run, and loses its name to say so."""
+    """Activations that overwrite their input, where nothing else needs it."""
     readers = program.readers()
     outputs = set(program.outputs.values())
     for i, step in enumerate(program.steps):
@@ -160,7 +159,6 @@ def work_in_place(program: Program) -> None:
                 or isinstance(source, (Input, Constant)):
             continue
         new = Operator([source], step.dims, step.name, kind)
-        source.name = f"{source.name or step.name}:overwritten"
         program.steps[i] = new
         program.replace(step, new)
         readers = program.readers()

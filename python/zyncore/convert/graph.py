@@ -25,6 +25,16 @@ class Refusal(Exception):
         self.why, self.help = why, help
 
 
+# What operators with inputs and attributes of wrong kinds or shapes raise where they are computed.
+MALFORMED = (ValueError, IndexError, KeyError, TypeError, AttributeError, ArithmeticError,
+             AssertionError, MemoryError)
+
+
+def malformed(error: BaseException) -> Refusal:
+    return Refusal("its inputs or attributes are not what the operator takes "
+                   f"({printable(str(error)) or type(error).__name__})")
+
+
 @dataclass(frozen=True)
 class Problem:
     """One line of the list of what cannot be converted."""
@@ -82,6 +92,15 @@ class Node:
         if not isinstance(value, kind):
             raise Refusal(f"its attribute '{name}' is not {what}")
         return value
+
+
+@dataclass
+class Branch:
+    """A graph inside a node."""
+
+    nodes: list[Node]
+    outputs: list[str]
+    constants: dict[str, np.ndarray]
 
 
 @dataclass

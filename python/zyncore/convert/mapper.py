@@ -9,7 +9,8 @@ from typing import Callable, Sequence
 
 import numpy as np
 
-from .graph import Graph, Node, Problem, Refusal, Shape, check_elements, shape_text
+from .graph import (MALFORMED, Graph, Node, Problem, Refusal, Shape, check_elements, malformed,
+                    shape_text)
 from .program import (JOINS, PART, PERMUTE, Affine, Constant, Dims, Function, Input, Operator,
                       Program, Step, dims_of, find_axis, leading_of)
 from .shapes import problem, unknown
@@ -25,6 +26,7 @@ class Mapper:
         self._values: dict[str, Step] = {}
         self._reshaped: dict[tuple[Step, Dims], Step] = {}
         self._source: dict[Step, Step] = {}  # of reshapes
+        self._results: dict[Step, Step] = {}  # of constants
 
     # Values.
 
@@ -63,6 +65,8 @@ class Mapper:
 
     def add(self, step: Step) -> Step:
         check_elements(step.dims)
+        if not isinstance(step, Operator) or step.kind != "AFFINE":
+            step.reads = [self._computed(source) for source in step.reads]
         self.program.steps.append(step)
         return step
 
@@ -73,6 +77,15 @@ class Mapper:
                         np.asarray(values, "<f4").reshape(-1))
         self.program.steps.append(step)
         return step
+
+    def _computed(self, x: Step) -> Step:
+        """Joins read constants as they read results; for other operators a constant is made a
+        result."""
+        if not isinstance(x, Constant):
+            return x
+        if x not in self._results:
+            self._results[x] = self.join("ADD", x, self.constant(np.zeros(1)))
+        return self._results[x]
 
     def operator(self, kind: str, reads: list[Step], dims: Sequence[int],
                  words: Sequence[int | float] = ()) -> Step:
@@ -167,7 +180,8 @@ def map_graph(graph: Graph, handlers: dict[str, Callable[[Mapper, Node], None]],
             if node.op not in handlers:
                 raise unknown(node)
             handlers[node.op](mapper, node)
-        except Refusal as refusal:
+        except (Refusal, *MALFORMED) as error:
+            refusal = error if isinstance(error, Refusal) else malformed(error)
             found = problem(graph, node, refusal)
             if all((p.operator, p.node) != (found.operator, found.node) for p in problems):
                 problems.append(found)
@@ -188,8 +202,6 @@ def _set_outputs(mapper: Mapper, problems: list[Problem]) -> None:
             problems.append(problem(graph, Node("output", name, [name], []), refusal))
             continue
         step = mapper.get(name)
-        if isinstance(step, Constant):
-            step = mapper.join("ADD", step, mapper.constant(np.zeros(1)))
-        if isinstance(step, Input):
+        if isinstance(step, (Constant, Input)):
             step = mapper.affine(step, 1.0, 0.0)
         mapper.program.outputs[name] = step

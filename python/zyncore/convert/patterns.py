@@ -12,7 +12,7 @@ from typing import Callable
 
 import numpy as np
 
-from .graph import Graph, Node, Refusal
+from .graph import MALFORMED, Graph, Node, Refusal
 from .semantics import axes_of
 
 _MOST_NODES = 14  # of one activation
@@ -76,7 +76,12 @@ def recognise(graph: Graph) -> None:
     """Replaces what is recognised in graph.nodes."""
     producers = graph.producers()
     for i, node in enumerate(graph.nodes):
-        found = _activation(graph, producers, node) or _l2_norm(graph, producers, node)
+        if any(v not in graph.shapes for v in node.inputs + node.outputs if v):
+            continue  # reported
+        try:
+            found = _activation(graph, producers, node) or _l2_norm(graph, producers, node)
+        except (Refusal, *MALFORMED):
+            continue  # reported by the mapping
         if found:
             graph.nodes[i] = producers[node.outputs[0]] = found
     graph.drop_unused()
@@ -120,6 +125,8 @@ def _reaches(graph: Graph, producers: dict[str, Node], later: str, value: str) -
 
 
 def _is_element_wise(graph: Graph, node: Node) -> bool:
+    if any(v not in graph.shapes for v in node.inputs if v):
+        return False
     if node.op in _ONE_INPUT:
         return True
     if node.op in _OTHERS:
@@ -202,11 +209,8 @@ def _l2_norm(graph: Graph, producers: dict[str, Node], root: Node) -> Node | Non
             return None
     elif not at or at.op != "ReduceL2" or at.inputs[0] != x:
         return None
-    try:
-        axes = axes_of(graph, at, len(graph.shapes[x]))
-        if epsilon < 0 or not axes or len(axes) != 1 or at.integer("keepdims", 1) != 1:
-            return None
-    except Refusal:
+    axes = axes_of(graph, at, len(graph.shapes[x]))
+    if epsilon < 0 or not axes or len(axes) != 1 or at.integer("keepdims", 1) != 1:
         return None
     return Node("L2Normalization", root.name, [x], root.outputs[:1],
                 {"axis": axes[0], "epsilon": float(epsilon)})

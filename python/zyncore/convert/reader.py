@@ -13,7 +13,7 @@ import onnx
 from google.protobuf.message import DecodeError
 from onnx import AttributeProto, TensorProto
 
-from .graph import MOST_ELEMENTS, ConvertError, Graph, Node, Shape, printable, shape_text
+from .graph import MOST_ELEMENTS, Branch, ConvertError, Graph, Node, Shape, printable, shape_text
 
 LEAST_OPSET, MOST_OPSET = 9, 17
 MOST_BYTES = 2**31 - 1  # of the file, and of each file with weights beside it
@@ -83,7 +83,28 @@ def _parse(path: str) -> Any:
         model.ParseFromString(data)
     except (DecodeError, RecursionError):
         raise ConvertError("this is no ONNX file, or it is damaged or cut short") from None
+    _check_texts(model)
     return model
+
+
+def _check_texts(model: Any) -> None:
+    """Texts that are no UTF-8 come as bytes."""
+    graph = model.graph
+    texts = [model.producer_name, model.producer_version, graph.name]
+    texts += [entry.domain for entry in model.opset_import]
+    ports = [*graph.input, *graph.output, *graph.value_info]
+    texts += [port.name for port in ports]
+    texts += [d.dim_param for port in ports for d in port.type.tensor_type.shape.dim]
+    graphs = [graph]
+    for inner in graphs:  # grows
+        texts += [port.name for port in [*inner.output, *inner.input]]
+        texts += [tensor.name for tensor in inner.initializer]
+        for node in inner.node:
+            texts += [node.op_type, node.domain, node.name, *node.input, *node.output]
+            texts += [attribute.name for attribute in node.attribute]
+            graphs += [a.g for a in node.attribute if a.type == AttributeProto.GRAPH]
+    if any(isinstance(text, bytes) for text in texts):
+        raise ConvertError("the file is damaged: a name in it is no text")
 
 
 def _opset(model: Any) -> int:
@@ -139,10 +160,11 @@ def _external(tensor: Any, needed: int, what: str, path: str) -> bytes:
     """Values in a file beside the network's, in its folder or below it."""
     entries = {entry.key: entry.value for entry in tensor.external_data}
     folder = os.path.realpath(os.path.dirname(os.path.abspath(path)))
-    name = os.path.realpath(os.path.join(folder, entries.get("location", "")))
+    location = str(entries.get("location", ""))
+    name = os.path.realpath(os.path.join(folder, location.replace("\0", "?")))
     if not name.startswith(folder + os.sep):
-        raise ConvertError(f"{what}: its file '{printable(entries.get('location', ''))}' does not "
-                           "lie beside the network's")
+        raise ConvertError(f"{what}: its file '{printable(location)}' does not lie beside the "
+                           "network's")
     try:
         offset, length = int(entries.get("offset", 0)), int(entries.get("length", needed))
         if offset < 0 or length != needed:
@@ -150,19 +172,23 @@ def _external(tensor: Any, needed: int, what: str, path: str) -> bytes:
         with open(name, "rb") as file:
             file.seek(offset)
             return file.read(needed)
-    except (OSError, ValueError, OverflowError):
-        raise ConvertError(f"{what}: the file '{printable(entries.get('location', ''))}' cannot be "
-                           "read") from None
+    except (OSError, ValueError, OverflowError, TypeError):
+        raise ConvertError(f"{what}: the file '{printable(location)}' cannot be read") from None
 
 
 def _node(proto: Any, index: int, path: str) -> Node:
     name = proto.name or (proto.output[0] if proto.output else "") or f"#{index}"
     op = proto.op_type if proto.domain in ("", "ai.onnx") else f"{proto.domain}.{proto.op_type}"
-    attributes = {}
+    attributes, inputs = {}, list(proto.input)
     for attribute in proto.attribute:
         what = f"node '{printable(name)}': attribute '{printable(attribute.name)}'"
-        attributes[attribute.name] = _attribute(attribute, what, path)
-    return Node(op, name, list(proto.input), list(proto.output), attributes)
+        value = attributes[attribute.name] = _attribute(attribute, what, path)
+        if isinstance(value, Branch):  # what it reads from outside is read by the node
+            made = {v for node in value.nodes for v in node.outputs} | set(value.constants)
+            reads = [v for node in value.nodes for v in node.inputs] + value.outputs
+            made |= {port.name for port in attribute.g.input}
+            inputs += [v for v in dict.fromkeys(reads) if v and v not in made]
+    return Node(op, name, inputs, list(proto.output), attributes)
 
 
 def _attribute(a: Any, what: str, path: str) -> Any:
@@ -181,9 +207,13 @@ def _attribute(a: Any, what: str, path: str) -> Any:
             return [int(v) for v in a.ints]
         if a.type == AttributeProto.STRINGS:
             return [v.decode("utf-8") for v in a.strings]
+        if a.type == AttributeProto.GRAPH:
+            return Branch([_node(proto, i, path) for i, proto in enumerate(a.g.node)],
+                          [port.name for port in a.g.output],
+                          {t.name: array(t, what, path) for t in a.g.initializer})
     except UnicodeDecodeError:
         raise ConvertError(f"{what} is no text") from None
-    return a  # graphs and the like: only nodes that are refused have them
+    return None  # of a kind that no operator here has
 
 
 def _sorted(nodes: list[Node], known: set[str]) -> list[Node]:

@@ -4,12 +4,13 @@ on shapes that exporters leave in a graph). A node with an output of unknown sha
 
 from __future__ import annotations
 
+from collections import deque
 from typing import Callable
 
 import numpy as np
 
 from . import constants
-from .graph import Graph, Node, Problem, Refusal, Shape, check_elements, printable, shape_text
+from .graph import MALFORMED, Branch, Graph, Node, Problem, Refusal, Shape, check_elements, malformed, printable, shape_text
 from .semantics import (axes_of, axis_of, broadcast, conv_window, gemm_shape, pads_of, pool_window,
                         reshaped, resize_of, slice_parts, split_parts, transposed_window)
 
@@ -19,8 +20,11 @@ def infer(graph: Graph) -> list[Problem]:
     graph.shapes.update(graph.inputs)
     for name, value in graph.constants.items():
         graph.shapes[name] = value.shape
-    problems, kept = [], []
-    for node in graph.nodes:
+    problems: list[Problem] = []
+    kept: list[Node] = []
+    waiting = deque(graph.nodes)
+    while waiting:
+        node = waiting.popleft()
         if any(value and value not in graph.shapes for value in node.inputs):
             if node.op not in _RULES and node.op not in constants.EVALUATE:
                 problems.append(problem(graph, node, unknown(node)))
@@ -28,10 +32,13 @@ def infer(graph: Graph) -> list[Problem]:
             kept.append(node)
             continue
         try:
-            if not _evaluate(graph, node):
+            if node.op == "If":
+                waiting.extendleft(reversed(_taken(graph, node)))
+            elif not _evaluate(graph, node):
                 _set_shapes(graph, node)
                 kept.append(node)
-        except Refusal as refusal:
+        except (Refusal, *MALFORMED) as error:
+            refusal = error if isinstance(error, Refusal) else malformed(error)
             problems.append(problem(graph, node, refusal))
             _use_hints(graph, node)
             kept.append(node)
@@ -83,6 +90,25 @@ def _use_hints(graph: Graph, node: Node) -> None:
             graph.shapes[value] = graph.hints[value]
 
 
+def _taken(graph: Graph, node: Node) -> list[Node]:
+    """The nodes of the branch of an If that is taken, if that is known."""
+    condition = graph.constants.get(node.inputs[0])
+    if condition is None or condition.size != 1:
+        raise Refusal("its condition is computed while the network runs", _NO_SUCH["If"])
+    branch = node.attributes["then_branch" if condition.reshape(-1)[0] else "else_branch"]
+    if not isinstance(branch, Branch) or len(branch.outputs) < len(node.outputs):
+        raise Refusal("a branch is missing")
+    inside = [*branch.constants, *(v for n in branch.nodes for v in n.outputs if v)]
+    if any(v in graph.shapes for v in inside) or len(set(inside)) != len(inside):
+        raise Refusal("a name in its branch is used twice")
+    for name, value in branch.constants.items():
+        graph.constants[name] = value
+        graph.shapes[name] = value.shape
+    ends = [Node("Identity", node.name, [v], [out])
+            for v, out in zip(branch.outputs, node.outputs)]
+    return branch.nodes + ends
+
+
 def _evaluate(graph: Graph, node: Node) -> bool:
     """Computes a node of constants; False if it has to be computed while the network runs."""
     if node.op in ("Shape", "Size"):
@@ -94,11 +120,7 @@ def _evaluate(graph: Graph, node: Node) -> bool:
                 if np.prod(shape, dtype=object) > constants.MOST_CONSTANT:
                     raise Refusal(f"a constant of the shape {shape_text(shape)} is too large")
         with np.errstate(all="ignore"):
-            try:
-                made = constants.EVALUATE[node.op](graph, node, *arrays)
-            except (ValueError, IndexError, TypeError, ZeroDivisionError, OverflowError,
-                    MemoryError) as error:
-                raise Refusal(f"its constants do not fit: {printable(str(error))}") from None
+            made = constants.EVALUATE[node.op](graph, node, *arrays)
         values = made if isinstance(made, list) else [made]
     else:
         return False

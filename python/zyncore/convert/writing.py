@@ -132,11 +132,10 @@ class NetWriter:
             source = self._pad(step, source, dims, step.before, step.after)
             pads = (0, 0)
         name = self._name(step)
-        bias = step.bias.size
         fused = takes_activation(step)
         words = self._conv_words(step, dims[2], pads) + [1, step.activation if fused else 0, 0]
         self.count.multiply_adds += int(np.prod(step.dims)) * step.weights[0].size
-        constant = self._weights(name, step.weights, step.bias[:bias])
+        constant = self._weights(name, step.weights, step.bias)
         return self._node("CONV_ACT" if fused else "CONV_GROUPED", name, [source, constant],
                           words, step.dims)
 
