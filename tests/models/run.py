@@ -1,11 +1,12 @@
-"""Exports every network from torch, converts it, and compares what both compute.
+"""Exports every network from torch, converts it, and compares what both compute; graphs as
+other exporters write them are compared with their evaluation node by node.
 
     run.py [NAME...] [--folder F] [--seed N] [--runner 'cmake/wine build/windows/tools/zyn-run.exe']
 
 With a runner the files also run in a program of their own, by the automatic choice.
 
-The error of a method is the largest absolute difference to torch's output, as a part of the
-output's largest absolute value. Exit code 0: all converted, every error within 1e-4.
+The error of a method is the largest absolute difference to the expected output, as a part of
+the output's largest absolute value. Exit code 0: all converted, every error within 1e-4.
 """
 
 import argparse
@@ -18,19 +19,22 @@ import traceback
 import warnings
 
 import numpy as np
+import onnx
 import torch
 
+import foreign
 import further
 import networks
 import zyncore
 from zyncore.convert.__main__ import main as convert
+from zyncore.evaluate import evaluate
 
 TOLERANCE = 1e-4
 METHODS = ("automatic", 0, 1, 2)
 
 
-def export(name, make, shape, opset, seed, folder):
-    """The ONNX file, the input and torch's outputs by name."""
+def from_torch(make, shape, opset, seed, path):
+    """Writes the ONNX file; the input and torch's outputs by name."""
     module = networks.seeded(make, shape, seed)
     x = torch.randn(shape)
     with torch.no_grad(), warnings.catch_warnings():
@@ -38,10 +42,20 @@ def export(name, make, shape, opset, seed, folder):
         outputs = module(x)
         outputs = outputs if isinstance(outputs, tuple) else (outputs,)
         names = [f"out{i}" for i in range(len(outputs))]
-        path = os.path.join(folder, name + ".onnx")
         torch.onnx.export(module, x, path, opset_version=opset, input_names=["image"],
                           output_names=names)
-    return path, x.numpy(), {n: y.numpy() for n, y in zip(names, outputs)}
+    return x.numpy(), {n: y.numpy() for n, y in zip(names, outputs)}
+
+
+def from_elsewhere(fill, shape, opset, seed, path):
+    """The same for a graph that is built node by node."""
+    builder = foreign.Builder(shape, opset, seed)
+    fill(builder, "image")
+    model = builder.model()
+    onnx.save(model, path)
+    x = builder.random.standard_normal([n if isinstance(n, int) else 1 for n in shape])
+    values = evaluate(model, {"image": x})
+    return x.astype(np.float32), {name: values[name] for name in builder.outputs}
 
 
 def error_of(expected, found):
@@ -66,10 +80,10 @@ def run_outside(options, file, x, names):
 
 def try_network(case, options):
     """A line of the table, and whether all is well."""
-    name, make, shape, opset = case
-    path, x, expected = export(name, make, shape, opset, options.seed, options.folder)
+    export, (name, make, shape, opset) = case
     file = os.path.join(options.folder, name + ".zyn")
-    if convert([path, "-o", file]) != 0:
+    x, expected = export(make, shape, opset, options.seed, file[:-4] + ".onnx")
+    if convert([file[:-4] + ".onnx", "-o", file]) != 0:
         return f"{name:20} not converted", False
     errors = []
     for method in METHODS:
@@ -92,17 +106,18 @@ def main():
     temporary = None if options.folder else tempfile.TemporaryDirectory()
     options.folder = options.folder or temporary.name
     os.makedirs(options.folder, exist_ok=True)
-    cases = [case for case in networks.CASES + further.CASES
-             if not options.names or case[0] in options.names]
+    cases = [(from_torch, case) for case in networks.CASES + further.CASES]
+    cases += [(from_elsewhere, case) for case in foreign.CASES]
+    cases = [c for c in cases if not options.names or c[1][0] in options.names]
     lines, wrong = [], []
     for case in cases:
         try:
             line, right = try_network(case, options)
         except Exception:
             traceback.print_exc()
-            line, right = f"{case[0]:20} failed", False
+            line, right = f"{case[1][0]:20} failed", False
         lines.append(line + ("" if right else "  <--"))
-        wrong += [] if right else [case[0]]
+        wrong += [] if right else [case[1][0]]
     print(f"\n{'network':20}{'nodes':>6}{'M mult-add':>10}" +
           "".join(f"{str(method):>11}" for method in METHODS) +
           ("     runner" if options.runner else ""))
