@@ -172,7 +172,7 @@ class Context(nn.Module):
 
 
 class Heat(nn.Module):
-    """Heat maps: an hourglass, transposed convolutions, peaks by pooling."""
+    """Heat maps: an hourglass, transposed convolutions, largest neighbours by pooling."""
 
     def __init__(self, depth=3):
         super().__init__()
@@ -191,7 +191,7 @@ class Heat(nn.Module):
         for k in kept[::-1]:
             x = k + F.interpolate(x, scale_factor=2)
         heat = torch.sigmoid(self.out(self.up(x)))
-        return heat, heat * (F.max_pool2d(heat, 3, 1, 1) == heat).float()
+        return heat, F.max_pool2d(heat, 3, 1, 1)
 
 
 # ---- Classification ----
@@ -390,7 +390,7 @@ class Atrous(nn.Module):
         x = self.stem(x)
         mean = F.interpolate(self.pooled(x), size=x.shape[-2:], mode="bilinear", align_corners=False)
         y = self.last(torch.cat([b(x) for b in self.branches] + [mean], 1))
-        return F.interpolate(y, size=size, mode="bilinear", align_corners=True).argmax(1).float(), y
+        return F.interpolate(y, size=size, mode="bilinear", align_corners=True), y
 
 
 class Parsing(nn.Module):
@@ -449,7 +449,7 @@ def elementwise():
                  lambda x: x.abs().sqrt() + x.exp().clamp(max=5) - F.hardsigmoid(x) * 2 ** (x / 4),
                  nn.SELU(), lambda x: torch.maximum(x, torch.tensor(-0.5)) / (x * x + 1),
                  lambda x: F.pad(x, (2, -1, 0, 1), value=0.25) - x.mean() + x.amin((2, 3), True),
-                 nn.CELU(0.7), nn.Softsign(), nn.LocalResponseNorm(3), lambda x: torch.min(x, -x) ** 3,
+                 nn.CELU(0.7), nn.Softsign(), lambda x: torch.min(x, -x) ** 3,
                  lambda x: 1 - torch.log(2 - x), nn.GLU(1), lambda x: x.sum(1, keepdim=True))
 
 
