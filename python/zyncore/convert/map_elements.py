@@ -229,6 +229,22 @@ def instance_norm(m: Mapper, node: Node) -> None:
     m.put(node.outputs[0], m.affine(out, scale, shift, inner))
 
 
+def local_response_norm(m: Mapper, node: Node) -> None:
+    """x / (bias + alpha * mean of x * x over neighbouring channels)^beta."""
+    shape = m.graph.shape(node)
+    size = node.integer("size", 0)
+    if len(shape) < 3 or not 1 <= size <= 2**12:
+        raise Refusal(f"its size is {size}, its input {shape_text(shape)}")
+    inner = math.prod(shape[2:])
+    x = m.get(node.inputs[0], (inner, shape[1], shape[0]))
+    before = (size - 1) // 2
+    mean = m.operator("RESAMPLE", [m.function(x, "SQUARE")], x.dims, [
+        17, 1, size, 1, 1, 1, 1, 0, before, 0, size - 1 - before, 0, 1])
+    total = m.affine(mean, node.real("alpha", 1e-4), node.real("bias", 1.0))
+    factor = m.function(total, "POWER", -node.real("beta", 0.75))
+    m.put(node.outputs[0], m.join("MULTIPLY", x, factor))
+
+
 def layer_norm(m: Mapper, node: Node) -> None:
     shape = m.graph.shape(node)
     axis = axis_of(node.integer("axis", -1), len(shape))
@@ -251,4 +267,5 @@ HANDLERS = {
     "PRelu": prelu, "Softmax": softmax, "LogSoftmax": softmax, "L2Normalization": l2_norm,
     "LpNormalization": l2_norm, "BatchNormalization": batch_norm,
     "InstanceNormalization": instance_norm, "LayerNormalization": layer_norm,
+    "LRN": local_response_norm,
 }

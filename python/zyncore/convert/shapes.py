@@ -299,7 +299,7 @@ def _depth_space(graph: Graph, node: Node) -> list[Shape]:
 
 _UNARY = """Relu LeakyRelu PRelu Clip HardSwish HardSigmoid Sigmoid Tanh Mish Elu Selu Celu Softplus
 Softsign Softmax LogSoftmax LpNormalization Erf Exp Log Sqrt Reciprocal Abs Neg Identity Cast
-InstanceNormalization Swish Gelu L2Normalization""".split()
+InstanceNormalization LRN Swish Gelu L2Normalization""".split()
 _REDUCE = """ReduceMean ReduceSum ReduceMax ReduceMin ReduceL1 ReduceL2 ReduceSumSquare""".split()
 
 _RULES: dict[str, Callable[[Graph, Node], list[Shape]]] = {
