@@ -8,7 +8,7 @@ from __future__ import annotations
 
 from typing import Mapping, Sequence
 
-from . import fold, map_conv, map_elements, map_layout, patterns, report, shapes
+from . import fold, map_conv, map_elements, map_layout, map_logic, patterns, report, shapes
 from .graph import ConvertError, ConvertFailure, Graph, Problem
 from .mapper import map_graph
 from .reader import read
@@ -16,7 +16,8 @@ from .writing import NetWriter, Picture, save
 
 __all__ = ["ConvertError", "ConvertFailure", "Picture", "Problem", "convert"]
 
-HANDLERS = {**map_conv.HANDLERS, **map_elements.HANDLERS, **map_layout.HANDLERS}
+HANDLERS = {**map_conv.HANDLERS, **map_elements.HANDLERS, **map_layout.HANDLERS,
+            **map_logic.HANDLERS}
 
 
 def convert(path: str, target: str, *,

@@ -17,28 +17,53 @@ from .program import (PAD, Affine, Constant, Conv, Function, Input, Linear, Oper
 _RELU, _HARD_SWISH = 1, 2  # activation codes of a convolution
 
 
+class _Pass:
+    """One way through a program, in which steps are replaced by others."""
+
+    def __init__(self, program: Program) -> None:
+        self._program = program
+        self._now: dict[Step, Step] = {}  # what stands in place of a step
+        self._reads: dict[Step, int] = {}  # how often a step is read
+        for step in program.steps:
+            for source in step.reads:
+                self._reads[source] = self._reads.get(source, 0) + 1
+        self._outputs = set(program.outputs.values())
+
+    def run(self, change: Callable[[Step, Step], Step | None]) -> None:
+        """change(source, step) is asked for every step and the one that it alone reads."""
+        steps = self._program.steps
+        for i, old in enumerate(steps):
+            step = old
+            step.reads = [self._now.get(source, source) for source in step.reads]
+            while len(step.reads) == 1 and self._is_read_once(step.reads[0]):
+                new = change(step.reads[0], step)
+                if new is None:
+                    break
+                new.name = step.name
+                self._reads[new] = self._reads.get(step, 0)
+                if step in self._outputs:
+                    self._outputs.add(new)
+                step = new
+            steps[i] = self._now[old] = step
+        outputs = self._program.outputs
+        for name, old in outputs.items():
+            outputs[name] = self._now[old]
+        self._program.drop_unused()
+
+    def _is_read_once(self, step: Step) -> bool:
+        return self._reads[step] == 1 and step not in self._outputs
+
+
 def fold(program: Program) -> None:
-    """All folds, until none applies."""
+    """All folds."""
     rules = (_affine_affine, _affine_after, _affine_before, _pad_before, _activation_after)
-    changed = True
-    while changed:
-        changed = False
-        readers = program.readers()
-        outputs = set(program.outputs.values())
-        for i, step in enumerate(program.steps):
-            source = step.reads[0] if len(step.reads) == 1 else None
-            if source is None or len(readers[source]) != 1 or source in outputs:
-                continue
-            new = next((made for made in (rule(source, step) for rule in rules) if made), None)
-            if new is None:
-                continue
-            new.name = step.name
-            program.steps[i] = new
-            program.replace(step, new)
-            changed = True
-            readers = program.readers()
-            outputs = set(program.outputs.values())
-        program.drop_unused()
+    _Pass(program).run(lambda source, step: next(
+        (made for made in (rule(source, step) for rule in rules) if made), None))
+
+
+def work_in_place(program: Program) -> None:
+    """Activations that overwrite their input, where nothing else needs it."""
+    _Pass(program).run(_in_place)
 
 
 def _affine_affine(first: Step, second: Step) -> Step | None:
@@ -146,20 +171,8 @@ _IN_PLACE: list[tuple[Callable[[Function], bool], str]] = [
 ]
 
 
-def work_in_place(program: Program) -> None:
-    """Activations that overwrite their input, where nothing else needs it."""
-    readers = program.readers()
-    outputs = set(program.outputs.values())
-    for i, step in enumerate(program.steps):
-        if not isinstance(step, Function):
-            continue
-        source = step.reads[0]
-        kind = next((name for fits, name in _IN_PLACE if fits(step)), None)
-        if kind is None or len(readers[source]) != 1 or source in outputs \
-                or isinstance(source, (Input, Constant)):
-            continue
-        new = Operator([source], step.dims, step.name, kind)
-        program.steps[i] = new
-        program.replace(step, new)
-        readers = program.readers()
-        outputs = set(program.outputs.values())
+def _in_place(source: Step, step: Step) -> Step | None:
+    if not isinstance(step, Function) or isinstance(source, (Input, Constant)):
+        return None
+    kind = next((name for fits, name in _IN_PLACE if fits(step)), None)
+    return Operator([source], step.dims, "", kind) if kind else None

@@ -6,10 +6,10 @@ from typing import Sequence
 
 import numpy as np
 
-from .graph import Node, Refusal, shape_text
+from .graph import Node, Refusal, Shape, shape_text
 from .mapper import Mapper
 from .program import Conv, Linear, Step, dim_of, dims_of
-from .semantics import (axes_of, conv_window, gemm_shape, pool_window, resize_of,
+from .semantics import (Window, axes_of, conv_window, gemm_shape, pool_window, resize_of,
                         transposed_window)
 
 
@@ -97,9 +97,27 @@ def matmul(m: Mapper, node: Node) -> None:
     m.put(node.outputs[0], out)
 
 
+def _merged(shape: Shape, w: Window) -> tuple[Shape, Window]:
+    """Neighbouring axes of space over which no window reaches as one axis."""
+    space, out = [], Window([], [], [], [], [], [])
+    idle = False
+    for i, n in enumerate(shape[2:]):
+        was_idle, idle = idle, (w.kernel[i], w.stride[i], w.before[i], w.after[i]) == (1, 1, 0, 0)
+        if idle and was_idle:
+            space[-1] *= n
+            out.out[-1] *= n
+            continue
+        space.append(n)
+        for name in ("kernel", "stride", "dilation", "before", "after", "out"):
+            getattr(out, name).append(getattr(w, name)[i])
+    return (*shape[:2], *space), out
+
+
 def pool(m: Mapper, node: Node) -> None:
-    w = pool_window(m.graph, node)
-    x = m.image(node.inputs[0])
+    shape, w = m.graph.shape(node), pool_window(m.graph, node)
+    if len(shape) > 4:
+        shape, w = _merged(shape, w)
+    x = m.image(node.inputs[0], shape)
     largest = node.op == "MaxPool"
     dims = (*_xy(w.out, 1), x.dims[2])
     ceil = int(node.integer("ceil_mode", 0) != 0)

@@ -20,7 +20,7 @@ _JOIN_OF = {"Add": "ADD", "Sub": "SUBTRACT", "Mul": "MULTIPLY", "Div": "DIVIDE",
 def arithmetic(m: Mapper, node: Node) -> None:
     """Two operands; Sum, Max and others also take one or more."""
     if len(node.inputs) == 2 and node.op in _JOIN_OF:
-        return m.put(node.outputs[0], _binary(m, node))
+        return m.put(node.outputs[0], binary(m, node.op, *node.inputs, node.outputs[0]))
     operation = {"Sum": "ADD", "Mean": "ADD", "Max": "MAX", "Min": "MIN"}.get(node.op)
     if operation is None or not node.inputs:
         raise Refusal(f"it has {len(node.inputs)} inputs")
@@ -43,28 +43,28 @@ def _unexpanded(m: Mapper, name: str, other: str, out: str) -> str:
     return name
 
 
-def _binary(m: Mapper, node: Node) -> Step:
+def binary(m: Mapper, op: str, a: str, b: str, result: str) -> Step:
+    """a op b, of the shape of a value of the graph."""
     shapes, constants = m.graph.shapes, m.graph.constants
-    a, b = node.inputs
-    out = shapes[node.outputs[0]]
+    out = shapes[result]
     for x, c, swapped in ((a, b, False), (b, a, True)):
         if c in constants and x not in constants and math.prod(shapes[x]) == math.prod(out):
-            step = _with_constant(m, node.op, x, constants[c], swapped)
+            step = _with_constant(m, op, x, constants[c], swapped)
             if step is not None:
                 return step
-    a = _unexpanded(m, a, b, node.outputs[0])
-    b = _unexpanded(m, b, a, node.outputs[0])
-    if a == b and node.op == "Mul":
+    a = _unexpanded(m, a, b, result)
+    b = _unexpanded(m, b, a, result)
+    if a == b and op == "Mul":
         return m.function(m.held(a), "SQUARE")
-    if a == b and node.op == "Add":
+    if a == b and op == "Add":
         return m.affine(m.held(a), 2.0, 0.0)
     if shapes[a] == shapes[b] and a not in constants and b not in constants \
             and m.held(a).dims == m.held(b).dims:
-        return m.join(_JOIN_OF[node.op], m.held(a), m.held(b))
+        return m.join(_JOIN_OF[op], m.held(a), m.held(b))
     for x in (a, b):
         if len(shapes[x]) - (len(shapes[x]) >= 3 and shapes[x][0] == 1) > 5:
             raise Refusal(f"{shape_text(shapes[x])} has more than five axes")
-    return m.join(_JOIN_OF[node.op], m.get(a), m.get(b))
+    return m.join(_JOIN_OF[op], m.get(a), m.get(b))
 
 
 def _with_constant(m: Mapper, op: str, name: str, values: np.ndarray, swapped: bool) -> Step | None:
@@ -229,6 +229,22 @@ def instance_norm(m: Mapper, node: Node) -> None:
     m.put(node.outputs[0], m.affine(out, scale, shift, inner))
 
 
+def local_response_norm(m: Mapper, node: Node) -> None:
+    """x / (bias + alpha * mean of x * x over neighbouring channels)^beta."""
+    shape = m.graph.shape(node)
+    size = node.integer("size", 0)
+    if len(shape) < 3 or not 1 <= size <= 2**12:
+        raise Refusal(f"its size is {size}, its input {shape_text(shape)}")
+    inner = math.prod(shape[2:])
+    x = m.get(node.inputs[0], (inner, shape[1], shape[0]))
+    before = (size - 1) // 2
+    mean = m.operator("RESAMPLE", [m.function(x, "SQUARE")], x.dims, [
+        17, 1, size, 1, 1, 1, 1, 0, before, 0, size - 1 - before, 0, 1])
+    total = m.affine(mean, node.real("alpha", 1e-4), node.real("bias", 1.0))
+    factor = m.function(total, "POWER", -node.real("beta", 0.75))
+    m.put(node.outputs[0], m.join("MULTIPLY", x, factor))
+
+
 def layer_norm(m: Mapper, node: Node) -> None:
     shape = m.graph.shape(node)
     axis = axis_of(node.integer("axis", -1), len(shape))
@@ -251,4 +267,5 @@ HANDLERS = {
     "PRelu": prelu, "Softmax": softmax, "LogSoftmax": softmax, "L2Normalization": l2_norm,
     "LpNormalization": l2_norm, "BatchNormalization": batch_norm,
     "InstanceNormalization": instance_norm, "LayerNormalization": layer_norm,
+    "LRN": local_response_norm,
 }

@@ -5,6 +5,7 @@ from __future__ import annotations
 import math
 
 import numpy as np
+from onnx import TensorProto
 
 from .graph import Node, Refusal, shape_text
 from .mapper import FLOAT_MAX, Mapper
@@ -18,8 +19,13 @@ def same(m: Mapper, node: Node) -> None:
     m.put(node.outputs[0], m.held(node.inputs[0]))
 
 
+_LOGICAL = {"Equal", "Greater", "Less", "GreaterOrEqual", "LessOrEqual", "And", "Or", "Not"}
+
+
 def cast(m: Mapper, node: Node) -> None:
-    if node.integer("to", 1) not in FLOAT_TYPES:
+    logical = m.producers.get(node.inputs[0])
+    if node.integer("to", 1) == TensorProto.BOOL or not (
+            node.integer("to", 1) in FLOAT_TYPES or logical and logical.op in _LOGICAL):
         raise Refusal("it makes whole numbers of values that the network computes",
                       "cut the graph before it")
     same(m, node)

@@ -43,9 +43,9 @@ class Mapper:
             step.name = name
         return step
 
-    def image(self, name: str) -> Step:
+    def image(self, name: str, shape: Shape | None = None) -> Step:
         """A value of the shape (N, C, H, W) or (N, C, L) as {W, H, N * C}."""
-        shape = self.graph.shapes[name]
+        shape = shape or self.graph.shapes[name]
         if len(shape) not in (3, 4):
             raise Refusal(f"its input is {shape_text(shape)}: one and two axes of space are "
                           "computed")

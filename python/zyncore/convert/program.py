@@ -114,21 +114,6 @@ class Program:
     steps: list[Step] = field(default_factory=list)
     outputs: dict[str, Step] = field(default_factory=dict)
 
-    def readers(self) -> dict[Step, list[Step]]:
-        found: dict[Step, list[Step]] = {step: [] for step in self.steps}
-        for step in self.steps:
-            for source in step.reads:
-                found[source].append(step)
-        return found
-
-    def replace(self, old: Step, new: Step) -> None:
-        """Readers of one step read another."""
-        for step in self.steps:
-            step.reads = [new if source is old else source for source in step.reads]
-        for name, step in self.outputs.items():
-            if step is old:
-                self.outputs[name] = new
-
     def drop_unused(self) -> None:
         needed, kept = set(self.outputs.values()), []
         for step in reversed(self.steps):

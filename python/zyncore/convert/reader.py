@@ -9,9 +9,13 @@ import os
 from typing import Any, Mapping, Sequence
 
 import numpy as np
-import onnx
-from google.protobuf.message import DecodeError
-from onnx import AttributeProto, TensorProto
+
+try:
+    import onnx
+    from google.protobuf.message import DecodeError
+    from onnx import AttributeProto, TensorProto
+except ImportError as error:
+    raise ImportError("converting needs the package onnx (Debian: python3-onnx)") from error
 
 from .graph import MOST_ELEMENTS, Branch, ConvertError, Graph, Node, Shape, printable, shape_text
 

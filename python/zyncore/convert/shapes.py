@@ -72,7 +72,6 @@ _NO_SUCH = {
     "Einsum": "write it as matmul and transpose",
     "GatherND": "cut the graph before it",
     "ScatterND": "cut the graph before it",
-    "Where": "cut the graph before it",
 }
 
 
@@ -299,12 +298,13 @@ def _depth_space(graph: Graph, node: Node) -> list[Shape]:
 
 _UNARY = """Relu LeakyRelu PRelu Clip HardSwish HardSigmoid Sigmoid Tanh Mish Elu Selu Celu Softplus
 Softsign Softmax LogSoftmax LpNormalization Erf Exp Log Sqrt Reciprocal Abs Neg Identity Cast
-InstanceNormalization Swish Gelu L2Normalization""".split()
+InstanceNormalization LRN Swish Gelu L2Normalization Not""".split()
 _REDUCE = """ReduceMean ReduceSum ReduceMax ReduceMin ReduceL1 ReduceL2 ReduceSumSquare""".split()
 
 _RULES: dict[str, Callable[[Graph, Node], list[Shape]]] = {
     **dict.fromkeys(_UNARY, _same), **dict.fromkeys(_REDUCE, _reduce),
-    **dict.fromkeys("Add Sub Mul Div Pow Max Min Sum Mean".split(), _broadcast),
+    **dict.fromkeys(("Add Sub Mul Div Pow Max Min Sum Mean Equal Greater Less GreaterOrEqual "
+                     "LessOrEqual And Or Where").split(), _broadcast),
     "BatchNormalization": _without_mask, "Dropout": _without_mask,
     "LayerNormalization": _without_mask, "Conv": _conv, "ConvTranspose": _conv_transposed,
     "MaxPool": _pool, "AveragePool": _pool, "GlobalAveragePool": _global_pool,
