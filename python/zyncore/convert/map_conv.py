@@ -6,10 +6,11 @@ from typing import Sequence
 
 import numpy as np
 
+from ..evaluate.resizing import Rule, axis_matrix
 from .graph import Node, Refusal, Shape, shape_text
 from .mapper import Mapper
-from .program import Conv, Linear, Step, dim_of, dims_of
-from .semantics import (Window, axes_of, conv_window, gemm_shape, pool_window, resize_of,
+from .program import JOINS, Conv, Linear, Step, dim_of, dims_of
+from .semantics import (Resize, Window, axes_of, conv_window, gemm_shape, pool_window, resize_of,
                         transposed_window)
 
 
@@ -188,10 +189,12 @@ def resize(m: Mapper, node: Node) -> None:
     if r.out[:2] != shape[:2]:
         raise Refusal(f"{shape_text(shape)} becomes {shape_text(r.out)}: only the axes of space, "
                       "behind the channels, are resized", "transpose to (N, C, H, W) before it")
+    if r.mode == "cubic" or r.place == "tf_half_pixel_for_nn":
+        return m.put(node.outputs[0], _by_matrices(m, node, r))
     if r.place not in _PLACES:
         raise Refusal(f"coordinate_transformation_mode '{r.place}' is not computed",
                       "use half_pixel, align_corners or asymmetric")
-    if not r.linear and r.rounding not in _ROUNDINGS:
+    if r.mode == "nearest" and r.rounding not in _ROUNDINGS:
         raise Refusal(f"nearest_mode '{r.rounding}' is unknown")
     x = m.image(node.inputs[0])
     width, height = _xy(r.out[2:], 1)
@@ -199,8 +202,31 @@ def resize(m: Mapper, node: Node) -> None:
     if r.scales is not None:
         scales = [float(r.scales[-1]), float(r.scales[2]) if len(shape) == 4 else 0.0]
     m.put(node.outputs[0], m.operator("RESAMPLE", [x], (width, height, x.dims[2]), [
-        19 if r.linear else 18, width, height, _PLACES[r.place],
+        19 if r.mode == "linear" else 18, width, height, _PLACES[r.place],
         _ROUNDINGS.get(r.rounding, 0), *scales]))
+
+
+def _by_matrices(m: Mapper, node: Node, r: Resize) -> Step:
+    """A resize that no operator computes: every axis times its matrix of weights."""
+    x = m.image(node.inputs[0])
+    rule = Rule(r.mode, r.place, r.rounding, node.real("cubic_coeff_a", -0.75),
+                node.integer("exclude_outside", 0) != 0)
+    shape = m.graph.shape(node)
+    for axis in range(2, len(shape)):
+        count, extent = r.out[axis], shape[axis]
+        if count == extent and (r.scales is None or r.scales[axis] == 1):
+            continue
+        if count * extent > 2**22:
+            raise Refusal(f"mode '{r.mode}' from {extent} to {count} is not computed",
+                          "use nearest or linear (bilinear) resizing")
+        matrix = axis_matrix(rule, extent, count, r.scales[axis] if r.scales else None)
+        words = [JOINS["MATMUL"], 0]
+        if axis == len(shape) - 1:  # rows of x times the matrix turned
+            dims, pair = (count, *x.dims[1:]), [x, m.constant(matrix.T)]
+        else:
+            dims, pair = (x.dims[0], count, x.dims[2]), [m.constant(matrix), x]
+        x = m.operator("AFFINE", pair, dims, words)
+    return x
 
 
 HANDLERS = {

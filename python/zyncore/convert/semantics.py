@@ -215,7 +215,7 @@ def pads_of(graph: Graph, node: Node) -> list[tuple[int, int]]:
 class Resize:
     out: Shape
     scales: list[float] | None  # None: the quotients of the extents
-    linear: bool
+    mode: str
     place: str
     rounding: str
 
@@ -223,7 +223,7 @@ class Resize:
 def resize_of(graph: Graph, node: Node) -> Resize:
     shape = graph.shape(node)
     mode = node.text("mode", "nearest")
-    if mode not in ("nearest", "linear"):
+    if mode not in ("nearest", "linear", "cubic"):
         raise Refusal(f"mode '{mode}' is not computed", "use nearest or linear (bilinear) resizing")
     old = node.op == "Upsample" or graph.opset < 11
     at = 1 if old else 2
@@ -241,7 +241,7 @@ def resize_of(graph: Graph, node: Node) -> Resize:
         out = tuple(int(np.floor(n * np.float32(f))) for n, f in zip(shape, factors))
     if len(out) != len(shape) or (factors is not None and len(factors) != len(shape)):
         raise Refusal(f"sizes or scales of {len(out)} axes for the input {shape_text(shape)}")
-    return Resize(out, factors, mode == "linear", place, rounding)
+    return Resize(out, factors, mode, place, rounding)
 
 
 def gemm_shape(graph: Graph, node: Node) -> tuple[int, int, int]:

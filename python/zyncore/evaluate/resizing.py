@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from dataclasses import dataclass
+
 import numpy as np
 
 from .operators import Node, computes
@@ -41,24 +43,33 @@ def _cubic(distance: np.ndarray, a: float) -> np.ndarray:
     return np.where(d <= 1, near, np.where(d < 2, far, 0))
 
 
-def _weights(node: Node, mode: str, places: np.ndarray, extent: int,
-             rounding: str) -> np.ndarray:
-    """[output][input]: what every input counts for in every output."""
-    if mode == "nearest":
+@dataclass
+class Rule:
+    """How a resize finds its values, in ONNX's words."""
+    mode: str
+    coordinates: str
+    rounding: str                 # of nearest
+    cubic_coefficient: float = -0.75
+    exclude_outside: bool = False
+
+
+def axis_matrix(rule: Rule, extent: int, count: int, scale: float | None) -> np.ndarray:
+    """[output][input]: what every input counts for in every output along an axis. scale is None
+    where the extents alone are given."""
+    places = _places(rule.coordinates, count, extent, scale)
+    if rule.mode == "nearest":
+        rounding = "floor" if rule.coordinates == "tf_half_pixel_for_nn" else rule.rounding
         taps = _ROUNDING[rounding](places)[:, None]
         shares = np.ones_like(taps)
-    elif mode == "linear":
-        first = np.floor(places)[:, None]
-        taps = first + [[0, 1]]
+    elif rule.mode == "linear":
+        taps = np.floor(places)[:, None] + [[0, 1]]
         shares = 1 - np.abs(places[:, None] - taps)
-    elif mode == "cubic":
+    else:
         taps = np.floor(places)[:, None] + [[-1, 0, 1, 2]]
-        shares = _cubic(places[:, None] - taps, node.get("cubic_coeff_a", -0.75))
-        if node.get("exclude_outside", 0):
+        shares = _cubic(places[:, None] - taps, rule.cubic_coefficient)
+        if rule.exclude_outside:
             shares = np.where((taps >= 0) & (taps < extent), shares, 0)
             shares /= shares.sum(axis=1, keepdims=True)
-    else:
-        raise node.unsupported(f"mode {mode}")
     matrix = np.zeros((places.size, extent))
     taps = np.clip(taps, 0, extent - 1).astype(int)  # the edge stands for what is outside
     for column in range(taps.shape[1]):
@@ -70,21 +81,21 @@ def _weights(node: Node, mode: str, places: np.ndarray, extent: int,
 def resize(node: Node, x, *inputs):
     scales, sizes = _scales_and_sizes(node, inputs)
     old = node.kind == "Upsample" or node.opset < 11
-    coordinates = "asymmetric" if old else \
-        node.get("coordinate_transformation_mode", "half_pixel")
-    rounding = "floor" if old else node.get("nearest_mode", "round_prefer_floor")
-    if coordinates == "tf_crop_and_resize":
+    rule = Rule(node.get("mode", "nearest"),
+                "asymmetric" if old else node.get("coordinate_transformation_mode", "half_pixel"),
+                "floor" if old else node.get("nearest_mode", "round_prefer_floor"),
+                node.get("cubic_coeff_a", -0.75), bool(node.get("exclude_outside", 0)))
+    if rule.mode not in ("nearest", "linear", "cubic"):
+        raise node.unsupported(f"mode {rule.mode}")
+    if rule.coordinates == "tf_crop_and_resize":
         raise node.unsupported("coordinates tf_crop_and_resize")
-    if coordinates == "tf_half_pixel_for_nn":
-        rounding = "floor"
     for axis, extent in enumerate(x.shape):
         scale = None if scales is None else float(scales[axis])
         count = int(sizes[axis]) if scale is None else int(np.floor(extent * scale))
         if count == extent and scale in (None, 1.0):
             continue
-        places = _places(coordinates, count, extent, scale)
-        matrix = _weights(node, node.get("mode", "nearest"), places, extent, rounding)
-        x = np.moveaxis(np.tensordot(matrix, x, axes=(1, axis)), 0, axis)
+        x = np.moveaxis(np.tensordot(axis_matrix(rule, extent, count, scale), x, axes=(1, axis)),
+                        0, axis)
     return x
 
 
