@@ -108,8 +108,8 @@ def head(n, x):
 
 def attention(n, x):
     y = n.MatMul(n.Reshape(x, i(1, 6, 108)), w(108, 24, scale=0.1))
-    q, k, v = (n.Transpose(n.Reshape(n.Add(n.MatMul(y, w(24, 24, scale=0.3)), w(24)), i(1, 6, 3, 8)),
-                           perm=[0, 2, 1, 3]) for _ in range(3))
+    q, k, v = (n.Transpose(n.Reshape(n.Add(n.MatMul(y, w(24, 24, scale=0.3)), w(24)), i(
+        1, 6, 3, 8)), perm=[0, 2, 1, 3]) for _ in range(3))
     s = n.Softmax(n.Div(n.MatMul(q, n.Transpose(k, perm=[0, 1, 3, 2])), f(2.8)), axis=-1)
     y = n.Reshape(n.Transpose(n.MatMul(s, v), perm=[0, 2, 1, 3]), i(1, 6, 24))
     return n.LayerNormalization(y, w(24), w(24), axis=-1)
@@ -195,7 +195,8 @@ CASES = [
     ("nearly hard-swish", IMAGE, lambda n, x: n.Div(n.Mul(x, n.Clip(n.Add(x, f(3)), f(0), f(5.9))),
                                                     f(6)), (13,)),
     ("norms", IMAGE, lambda n, x: [l2(n, x), n.LpNormalization(x, axis=1), n.LpNormalization(
-        x, axis=3, p=1), n.InstanceNormalization(x, w(6), w(6)), n.LRN(x, size=3, alpha=0.5, beta=0.6)],
+        x, axis=3, p=1), n.InstanceNormalization(x, w(6), w(6)), n.LRN(
+            x, size=3, alpha=0.5, beta=0.6)],
      (13,)),
     ("local maxima", IMAGE, lambda n, x: [
         n.Mul(x, n.Cast(n.Equal(x, n.MaxPool(x, kernel_shape=[3, 3], pads=[1] * 4)), to=1)),
