@@ -92,6 +92,8 @@ class zyn_checker {
 // The rules by operator family. Each is called for nodes of its types alone.
 void zyn_check_conv(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
 void zyn_check_operator(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
+// Of types 30 and 35: records that zyn_cg_find_further knows.
+void zyn_check_further(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
 
 // Type 9, and the joins of type 31, which have two predecessors.
 void zyn_check_function(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);

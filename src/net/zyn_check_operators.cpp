@@ -3,6 +3,7 @@
 
 #include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
 #include "cg/cpu/ops/zyn_cg_join.h"
+#include "cg/cpu/zyn_cg_records.h"
 #include "cg/cpu/zyn_cg_support.h"
 #include "net/zyn_check.h"
 
@@ -168,6 +169,8 @@ void check_join(zyn_checker* check, const zyn_check_node& node, zyn_check_shape*
 int32_t scaled(int32_t extent, float factor) { return zyn_cg_scaled_extent(extent, factor); }
 
 void check_resample(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output) {
+  if (zyn_cg_find_further(node.type, zyn_cg_first_word(node.param)))
+    return zyn_check_further(check, node, output);
   if (!zyn_check_reads(check, node, false)) return;
   const auto& p = record<zyn_resample_param>(node);
   if (p.mode < ZYN_RESAMPLE_NEAREST || p.mode > ZYN_RESAMPLE_GLOBAL_AVERAGE) {
@@ -298,6 +301,8 @@ void check_slice(zyn_checker* check, const zyn_check_node& node, zyn_check_shape
 }
 
 void check_gather(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output) {
+  if (zyn_cg_find_further(node.type, zyn_cg_first_word(node.param)))
+    return zyn_check_further(check, node, output);
   if (!zyn_check_reads(check, node, false)) return;
   const auto& p = record<zyn_gather_param>(node);
   for (int32_t i = 0; i < p.count; i++)
