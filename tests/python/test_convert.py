@@ -271,6 +271,17 @@ CASES = [
 ]
 
 
+# What is left of cases that are folded.
+FOLDED = {
+    "pad before": "1 CONV_ACT", "factors into groups": "1 CONV_GROUPED",
+    "constants around": "1 CONV_ACT", "residual": "2 CONV_ACT, 1 ADD, 1 RELU",
+    "normalisation": "1 CONV_ACT, 1 BATCH_NORM_FAST", "hard-swish": "3 FUNCTION",
+    "swish, mish": "2 FUNCTION", "gelu": "2 FUNCTION", "old clip": "1 CONV_ACT, 1 RELU6",
+    "dense layers": "2 LINEAR, 1 RESHAPE, 1 RELU", "depthwise": "2 CONV_ACT",
+    "transposed": "1 CONV_TRANSPOSED, 1 CHANNEL_GATHER", "branches": "1 FUNCTION",
+}
+
+
 def run(*arguments):
     """Exit code and what the command said."""
     said = io.StringIO()
@@ -317,12 +328,28 @@ class ConvertTest(Folder):
                               for v in proto.graph.input}
                     values = evaluate(proto, inputs)
                     wanted = {v.name: values[v.name] for v in proto.graph.output}
-                    for options in ([], ["--no-fold"]):
-                        self.convert(*options)
+                    for options in (["--no-fold"], []):
+                        said = self.convert(*options)
                         for method in ("automatic", 0, 1, 2):
                             self.close(zyncore.Net(self.target, method=method).run(inputs), wanted)
+                    self.assertIn(FOLDED.get(label, "") + "\n", said)
                     report = compare(self.source, self.target, inputs)
                     self.assertTrue(report.ok, "\n".join(report.lines()))
+
+    def test_what_is_said_about_ports(self):
+        self.save(with_input(TensorProto.FLOAT, "batch", 3, "h", "w", channels=3))
+        self.convert("--input-shape", "1,3,9,12", "--mean", "127,128,129", "--scale", "0.5",
+                     "--swap-channels", "--resize", "border", "--meaning", "Relu1_0=features",
+                     "--metadata", "licence=MIT", "--check")
+        net = zyncore.Net(self.target)
+        image, out = net.inputs["in0"], net.outputs["Relu1_0"]
+        self.assertEqual((image.shape, image.mean, image.scale), (
+            (1, 3, 9, 12), (127, 128, 129), (0.5,) * 3))
+        self.assertEqual((image.channel_order, image.resize, out.meaning), (
+            zyncore.ChannelOrder.BGR, zyncore.ResizeRule.BORDER, zyncore.Meaning.FEATURES))
+        self.assertEqual((net.metadata["licence"], net.metadata["converter"]),
+                         ("MIT", "zyn-convert"))
+        self.assertIn("net.onnx, opset 13", net.metadata["origin"])
 
 
 GOOD = model(IMAGE, lambda n, x: n.Relu(n.Conv(x, w(4, 6, 3, 3), w(4))))
@@ -358,9 +385,10 @@ def one(op, *inputs, shape=IMAGE, opset=13, outs=1, **attributes):
     return model(shape, lambda n, x: getattr(n, op)(x, *inputs, outs=outs, **attributes), opset)
 
 
-def with_input(code, *dims):
-    return spoilt(lambda p: p.graph.input[0].CopyFrom(
-        helper.make_tensor_value_info("in0", code, dims)))
+def with_input(code, *dims, channels=6):
+    proto = model((1, channels, 9, 12), lambda n, x: n.Relu(n.Conv(x, w(4, channels, 3, 3), w(4))))
+    proto.graph.input[0].CopyFrom(helper.make_tensor_value_info("in0", code, dims))
+    return proto
 
 
 # Label, file, what is said; options of the command.
