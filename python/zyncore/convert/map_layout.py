@@ -17,6 +17,8 @@ from .semantics import axis_of, pads_of, slice_parts, split_parts
 
 def same(m: Mapper, node: Node) -> None:
     """The same elements in the same order, in other axes."""
+    if node.op == "Dropout" and node.has(2) and m.graph.constant(node, 2, "mode").any():
+        raise Refusal("it is in training mode", "export in evaluation mode")
     m.put(node.outputs[0], m.held(node.inputs[0]))
 
 

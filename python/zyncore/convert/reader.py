@@ -331,7 +331,10 @@ def _input_shape(value: Any, given: Sequence[int] | None) -> Shape:
         example = ",".join(str(n) if isinstance(n, int) and n > 0 else "224" for n in chosen)
         raise ConvertError(f"the input '{name}' has the shape {shape_text(shape)}: say all of it, "
                            f"--input-shape {name}={example}")
-    if len(chosen) > MOST_AXES or math.prod(chosen) > MOST_ELEMENTS:  # type: ignore[arg-type]
-        raise ConvertError(f"the input '{name}' has the shape {shape_text(chosen[:MOST_AXES])}, "
+    if len(chosen) > 6 or (len(chosen) == 6 and chosen[0] != 1):
+        raise ConvertError(f"the input '{name}' has {len(chosen)} axes, at most five and a batch "
+                           "axis are possible")
+    if math.prod(chosen) > MOST_ELEMENTS:  # type: ignore[arg-type]
+        raise ConvertError(f"the input '{name}' has the shape {shape_text(chosen)}, "
                            "which is too large")
     return tuple(int(n) for n in chosen)

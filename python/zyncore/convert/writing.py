@@ -114,6 +114,8 @@ class NetWriter:
         elements = int(np.prod(dims))
         if elements > self.count.largest:
             self.count.largest, self.count.largest_dims = elements, dims
+        with np.errstate(over="ignore"):
+            words = [float(np.float32(v)) if isinstance(v, float) else v for v in words]
         return self.file.node(kind, name, reads, words)
 
     def _constant(self, name: str, values: np.ndarray, dims: tuple[int, ...]) -> int:
