@@ -67,7 +67,7 @@ add_test(NAME report_sites COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE
 # interpreter too).
 if(NOT CMAKE_CROSSCOMPILING AND NOT CMAKE_CXX_FLAGS MATCHES "fsanitize|coverage")
   add_test(NAME python COMMAND /usr/bin/python3 -B -m unittest discover -s ${PROJECT_SOURCE_DIR}/tests/python)
-  set_tests_properties(python PROPERTIES
+  set_tests_properties(python PROPERTIES TIMEOUT 900
     ENVIRONMENT "ZYN_LIBRARY=$<TARGET_FILE:zyncore>;PYTHONPATH=${PROJECT_SOURCE_DIR}/python")
 endif()
 # What is installed serves a C and a C++ host (native builds; sanitizers would have to be

@@ -31,6 +31,8 @@ class Error(Exception):
     detail: one line that names what was expected and what was found, or "".
     """
 
+    __module__ = "zyncore"
+
     def __init__(self, function: str, code: Code | None, report: str, detail: str) -> None:
         name = f"code {code.value} ({code.name})" if code else "failed"
         super().__init__(f"{function}: {detail or name}")

@@ -6,6 +6,7 @@ form (x1, y1, x2, y2). Detections are rows of five, a box in corner form and its
 
 from __future__ import annotations
 
+import math
 import os
 from typing import NamedTuple, Sequence
 
@@ -61,7 +62,8 @@ class Placement(NamedTuple):
 
 def fill(net: Net, image: Image, name: str | None = None) -> Placement:
     """Puts a picture into a network's input (the first without a name) as the network's file
-    says: size, order of channels, mean and scale. BGR, RGB and GRAY images."""
+    says: size (with a border where it does not say how), order of channels, mean and scale.
+    BGR, RGB and GRAY images."""
     port = net.inputs[name] if name else next(iter(net.inputs.values()))
     to = net.input(port.name)
     if port.channel_order == ChannelOrder.NONE or to.ndim < 3:
@@ -81,7 +83,7 @@ def fill(net: Net, image: Image, name: str | None = None) -> Placement:
 def _fit(image: Image, width: int, height: int, rule: ResizeRule) -> tuple[Image, Placement]:
     """The picture in the input's size, and where the input lies in the picture."""
     size, offset = (image.width, image.height), (0, 0)
-    if rule == ResizeRule.BORDER:
+    if rule in (ResizeRule.BORDER, ResizeRule.NONE):
         if image.format == Format.GRAY:
             image = Image.from_array(np.repeat(image.array[..., None], 3, axis=2))
         padded = image.border(height / width)
@@ -120,13 +122,13 @@ def ssd_priors(width: int, height: int, *, transposed: bool = False) -> np.ndarr
     return _arrays.tensor_view(record.contents, 0, owned, False)
 
 
-def grid_priors(width: int, height: int, strides: Sequence[int],
+def grid_priors(width: int, height: int, strides: Sequence[float],
                 min_sizes: Sequence[Sequence[float]]) -> np.ndarray:
     """Prior boxes of any grids in centre form, (n, 4) in fractions of the input: level by
     level, row by row, one box per size; strides and sizes in pixels of the input."""
     levels = []
     for stride, sizes in zip(strides, min_sizes, strict=True):
-        columns, rows = -(-width // stride), -(-height // stride)
+        columns, rows = math.ceil(width / stride), math.ceil(height / stride)
         level = np.empty((rows, columns, len(sizes), 4), np.float32)
         level[..., 0] = ((np.arange(columns) + 0.5) / columns)[:, None]
         level[..., 1] = ((np.arange(rows) + 0.5) / rows)[:, None, None]
@@ -181,8 +183,7 @@ class Detector:
         height, width = next(iter(self.net.inputs.values())).shape[-2:]
         data = self.net.metadata
         self.variances = tuple(_numbers(data["face.variances"]))
-        self.priors = grid_priors(width, height,
-                                  [int(s) for s in _numbers(data["face.strides"])],
+        self.priors = grid_priors(width, height, _numbers(data["face.strides"]),
                                   [_numbers(g) for g in data["face.min-sizes"].split(";")])
         if self._offsets.shape[-2:] != self.priors.shape or \
                 scores.shape[-2] != len(self.priors) or len(self.variances) != 2:

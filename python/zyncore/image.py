@@ -209,4 +209,8 @@ def read_bmp(path: str | os.PathLike[str], format: Format | None = Format.BGR) -
     if format not in (None, Format.BGR, Format.GRAY):
         raise ValueError("BMP files are read as BGR or GRAY")
     mode = 0 if format is None else 1 if format == Format.GRAY else 2
-    return Image._of(_native.zyn_create_image_from_file(_native.encode_path(path), mode))
+    try:
+        return Image._of(_native.zyn_create_image_from_file(_native.encode_path(path), mode))
+    except _native.Error as error:  # what is no BMP file is refused in silence
+        said = error.detail or "it is not a BMP file, or damaged"
+        raise _native.Error("read_bmp", error.code, error.report, f"'{path}': {said}") from None

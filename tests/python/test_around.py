@@ -1,12 +1,18 @@
 """Everything around networks: graphs by hand, images, detectors, tracking, pose."""
+import contextlib
 import gc
+import io
+import os
+import tempfile
 import unittest
+from pathlib import Path
 
 import numpy as np
 from networks import TwoLayers, bright_cells, conv_words, convolve
 
 import zyncore
 from zyncore import Format, Image
+from zyncore.netfile import Writer
 
 RNG = np.random.default_rng(3)
 
@@ -135,6 +141,29 @@ class DetectTest(unittest.TestCase):
         wanted = np.hstack([centre - size / 2, centre + size / 2])
         np.testing.assert_allclose(zyncore.decode(offsets, priors), wanted, rtol=1e-5, atol=1e-6)
         self.assertEqual(zyncore.suppress([]).shape, (0, 5))
+
+
+class PageTest(unittest.TestCase):
+    def test_the_example_of_the_page_runs(self):
+        page = (Path(__file__).parents[2] / "docs/python.md").read_text()
+        example = page.split("```python\n")[1].split("```")[0]
+        net = Writer()
+        image = net.input("image", (320, 240, 3))
+        net.output("features", net.node("FUNCTION", "copy", [image], [10, 1.0, 0.0]))
+        pixels = np.full((48, 64, 3), 100, np.uint8)
+        pixels[16:32, 32:48] = 250
+        here = os.getcwd()
+        with tempfile.TemporaryDirectory() as folder:
+            os.chdir(folder)
+            self.addCleanup(os.chdir, here)
+            net.write("features.zyn")
+            Path("detector.zyn").write_bytes(bright_cells())
+            Image.from_array(pixels).write("photo.bmp")
+            said = io.StringIO()
+            with contextlib.redirect_stdout(said):
+                exec(example, {})
+            os.chdir(here)
+        self.assertEqual(said.getvalue().splitlines()[1:], ["32 16 48 32 1.00"])
 
 
 class TrackingTest(unittest.TestCase):
