@@ -108,8 +108,8 @@ def head(n, x):
 
 def attention(n, x):
     y = n.MatMul(n.Reshape(x, i(1, 6, 108)), w(108, 24, scale=0.1))
-    q, k, v = (n.Transpose(n.Reshape(n.Add(n.MatMul(y, w(24, 24, scale=0.3)), w(24)), i(1, 6, 3, 8)),
-                           perm=[0, 2, 1, 3]) for _ in range(3))
+    q, k, v = (n.Transpose(n.Reshape(n.Add(n.MatMul(y, w(24, 24, scale=0.3)), w(24)), i(
+        1, 6, 3, 8)), perm=[0, 2, 1, 3]) for _ in range(3))
     s = n.Softmax(n.Div(n.MatMul(q, n.Transpose(k, perm=[0, 1, 3, 2])), f(2.8)), axis=-1)
     y = n.Reshape(n.Transpose(n.MatMul(s, v), perm=[0, 2, 1, 3]), i(1, 6, 24))
     return n.LayerNormalization(y, w(24), w(24), axis=-1)
@@ -160,7 +160,9 @@ CASES = [
     ("transposed, beyond", IMAGE, lambda n, x: norm(n, n.ConvTranspose(
         x, w(6, 4, 2, 2), w(4), strides=[3, 3], output_padding=[2, 1]), 4), (13,)),
     ("transposed, same", IMAGE, lambda n, x: n.ConvTranspose(
-        x, w(6, 4, 3, 3), strides=[2, 2], auto_pad="SAME_UPPER"), (13,)),
+        n.ConvTranspose(n.ConvTranspose(x, w(6, 6, 3, 3), strides=[2, 2], auto_pad="SAME_UPPER"), w(
+            6, 6, 2, 3), strides=[3, 2], auto_pad="SAME_LOWER"), w(6, 4, 3, 3), strides=[2, 2],
+        output_shape=[108, 95]), (13,)),
     ("normalisation", IMAGE, lambda n, x: norm(n, n.Relu(norm(n, n.Conv(norm(n, x), w(
         6, 6, 1, 1), w(6))))), (9, 15)),
     ("shift into padding", IMAGE, lambda n, x: n.Conv(norm(n, x), w(4, 6, 3, 3), pads=[1] * 4),
@@ -195,7 +197,8 @@ CASES = [
     ("nearly hard-swish", IMAGE, lambda n, x: n.Div(n.Mul(x, n.Clip(n.Add(x, f(3)), f(0), f(5.9))),
                                                     f(6)), (13,)),
     ("norms", IMAGE, lambda n, x: [l2(n, x), n.LpNormalization(x, axis=1), n.LpNormalization(
-        x, axis=3, p=1), n.InstanceNormalization(x, w(6), w(6)), n.LRN(x, size=3, alpha=0.5, beta=0.6)],
+        x, axis=3, p=1), n.InstanceNormalization(x, w(6), w(6)), n.LRN(
+            x, size=3, alpha=0.5, beta=0.6)],
      (13,)),
     ("local maxima", IMAGE, lambda n, x: [
         n.Mul(x, n.Cast(n.Equal(x, n.MaxPool(x, kernel_shape=[3, 3], pads=[1] * 4)), to=1)),
@@ -214,6 +217,9 @@ CASES = [
         n.AveragePool(x, kernel_shape=[2, 3], strides=[2, 2], pads=[1, 1, 0, 1]),
         n.AveragePool(x, kernel_shape=[3, 3], strides=[2, 2], pads=[1] * 4, count_include_pad=1),
         n.GlobalAveragePool(x)], (9, 13)),
+    ("average pooling, last windows", (1, 6, 9, 11), lambda n, x: [n.AveragePool(
+        x, kernel_shape=[3, 3], strides=[2, 3], pads=[1] * 4, ceil_mode=1, count_include_pad=c)
+        for c in (0, 1)], (13,)),
     ("reductions", IMAGE, lambda n, x: [
         n.ReduceMean(x, axes=[2, 3]), n.ReduceMean(x, axes=[-1], keepdims=0),
         n.ReduceMax(x, axes=[1, 3]), n.ReduceMin(x, axes=[1]), n.ReduceL2(x, axes=[3]),
@@ -264,10 +270,23 @@ CASES = [
     ("branches", IMAGE, lambda n, x: n.If(n.Equal(n.Size(x), i(648)), then_branch=branch(1),
                                           else_branch=branch(2)), (13,)),
     ("nothing to do", IMAGE, lambda n, x: n.Dropout(n.Identity(x)), (13,)),
+    ("twice the same", IMAGE, lambda n, x: (lambda y: [y, n.Identity(y), n.Relu(y)])(n.Sigmoid(
+        n.Exp(x))), (13,)),
     ("constants alone", IMAGE, lambda n, x: [n.Add(x, n.Sqrt(n.ConstantOfShape(i(12), value=(
         helper.make_tensor("v", TensorProto.FLOAT, [1], [4.0]))))), n.Mul(n.Range(f(0), f(12), f(
             1)), f(2))], (13,)),
 ]
+
+
+# What is left of cases that are folded.
+FOLDED = {
+    "pad before": "1 CONV_ACT", "factors into groups": "1 CONV_GROUPED",
+    "constants around": "1 CONV_ACT", "residual": "2 CONV_ACT, 1 ADD, 1 RELU",
+    "normalisation": "1 CONV_ACT, 1 BATCH_NORM_FAST", "hard-swish": "3 FUNCTION",
+    "swish, mish": "2 FUNCTION", "gelu": "2 FUNCTION", "old clip": "1 CONV_ACT, 1 RELU6",
+    "dense layers": "2 LINEAR, 1 RESHAPE, 1 RELU", "depthwise": "2 CONV_ACT",
+    "transposed": "1 CONV_TRANSPOSED, 1 CHANNEL_GATHER", "branches": "1 FUNCTION",
+}
 
 
 def run(*arguments):
@@ -316,12 +335,29 @@ class ConvertTest(Folder):
                               for v in proto.graph.input}
                     values = evaluate(proto, inputs)
                     wanted = {v.name: values[v.name] for v in proto.graph.output}
-                    for options in ([], ["--no-fold"]):
-                        self.convert(*options)
+                    for options in (["--no-fold"], []):
+                        said = self.convert(*options)
                         for method in ("automatic", 0, 1, 2):
                             self.close(zyncore.Net(self.target, method=method).run(inputs), wanted)
+                    if label in FOLDED:
+                        self.assertIn(f"operators: {FOLDED[label]}\n", said)
                     report = compare(self.source, self.target, inputs)
                     self.assertTrue(report.ok, "\n".join(report.lines()))
+
+    def test_what_is_said_about_ports(self):
+        self.save(with_input(TensorProto.FLOAT, "batch", 3, "h", "w", channels=3))
+        self.convert("--input-shape", "1,3,9,12", "--mean", "127,128,129", "--scale", "0.5",
+                     "--swap-channels", "--resize", "border", "--meaning", "Relu1_0=features",
+                     "--metadata", "licence=MIT", "--check")
+        net = zyncore.Net(self.target)
+        image, out = net.inputs["in0"], net.outputs["Relu1_0"]
+        self.assertEqual((image.shape, image.mean, image.scale), (
+            (1, 3, 9, 12), (127, 128, 129), (0.5,) * 3))
+        self.assertEqual((image.channel_order, image.resize, out.meaning), (
+            zyncore.ChannelOrder.BGR, zyncore.ResizeRule.BORDER, zyncore.Meaning.FEATURES))
+        self.assertEqual((net.metadata["licence"], net.metadata["converter"]),
+                         ("MIT", "zyn-convert"))
+        self.assertIn("net.onnx, opset 13", net.metadata["origin"])
 
 
 GOOD = model(IMAGE, lambda n, x: n.Relu(n.Conv(x, w(4, 6, 3, 3), w(4))))
@@ -357,9 +393,10 @@ def one(op, *inputs, shape=IMAGE, opset=13, outs=1, **attributes):
     return model(shape, lambda n, x: getattr(n, op)(x, *inputs, outs=outs, **attributes), opset)
 
 
-def with_input(code, *dims):
-    return spoilt(lambda p: p.graph.input[0].CopyFrom(
-        helper.make_tensor_value_info("in0", code, dims)))
+def with_input(code, *dims, channels=6):
+    proto = model((1, channels, 9, 12), lambda n, x: n.Relu(n.Conv(x, w(4, channels, 3, 3), w(4))))
+    proto.graph.input[0].CopyFrom(helper.make_tensor_value_info("in0", code, dims))
+    return proto
 
 
 # Label, file, what is said; options of the command.
@@ -397,6 +434,7 @@ BAD = [
     ("four images", with_input(TensorProto.FLOAT, 4, 6, 9, 12), "one image at a time"),
     ("other channels", with_input(TensorProto.FLOAT, 1, 7, 9, 12), "7 channels"),
     ("too small", with_input(TensorProto.FLOAT, 1, 6, 2, 12), "kernel reaches over 3"),
+    ("seven axes", with_input(TensorProto.FLOAT, 1, 2, 3, 1, 1, 9, 12), "7 axes"),
     ("huge input", with_input(TensorProto.FLOAT, 1, 6, 2**20, 2**20), "too large"),
     ("unknown operator", one("Frobnicate"), "Frobnicate 'Frobnicate0_0', inputs (1, 6, 9, 12)"),
     ("foreign operator", one("Act", domain="com.vendor"), "com.vendor.Act"),

@@ -157,7 +157,7 @@ class Evaluate(unittest.TestCase):
             (node("ConvTranspose", strides=[2], auto_pad="SAME_UPPER"),
              (line[..., :2], np.float32([[[1, 2, 3]]])), [1, 2, 5, 4]),
             (node("ConvTranspose", strides=[2], output_shape=[6]), (line[..., :2], ones),
-             [1, 1, 2, 2]),
+             [1, 1, 2, 2, 0, 0]),
             (node("AveragePool", kernel_shape=[2], strides=[2], ceil_mode=1, count_include_pad=1,
                   pads=[1, 1]), (line,), [0.5, 2.5, 4.5, 6.5]),
             (node("DepthToSpace", blocksize=2, mode="CRD"),

@@ -8,6 +8,8 @@ from __future__ import annotations
 
 from typing import Mapping, Sequence
 
+from zyncore.netfile import MEANINGS
+
 from . import fold, map_conv, map_elements, map_layout, map_logic, patterns, report, shapes
 from .graph import ConvertError, ConvertFailure, Graph, Problem
 from .mapper import map_graph
@@ -40,18 +42,18 @@ def convert(path: str, target: str, *,
     program = map_graph(graph, HANDLERS, problems)
     if problems:
         raise ConvertFailure(problems, _cut(graph, problems))
-    for name in meanings or {}:
+    for name, meaning in (meanings or {}).items():
         if name not in graph.outputs:
             raise ConvertError(f"there is no output '{name}' to give a meaning")
+        if meaning not in MEANINGS:
+            raise ConvertError(f"'{meaning}' is no meaning; there are {', '.join(MEANINGS)}")
     program.drop_unused()
     if folding:
         fold.fold(program)
         fold.work_in_place(program)
     writer = NetWriter(graph.shapes, _by_input(graph, pictures or {}))
     writer.write(program, meanings or {})
-    lines = {"origin": graph.origin, "converter": "zyn-convert", **(metadata or {})}
-    for key, value in lines.items():
-        writer.file.metadata(key, value)
+    writer.metadata({"origin": graph.origin, "converter": "zyn-convert", **(metadata or {})})
     save(writer.file, target)
     return report.summary(graph, writer.count, target)
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import math
 import sys
 
 from . import ConvertError, ConvertFailure, Picture, convert, report
@@ -32,7 +33,7 @@ def _three(text: str) -> tuple[float, ...]:
         numbers = [float(n) for n in text.split(",")]
     except ValueError:
         numbers = []
-    if len(numbers) not in (1, 3):
+    if len(numbers) not in (1, 3) or not all(map(math.isfinite, numbers)):
         raise argparse.ArgumentTypeError(f"'{text}' is neither one number nor three")
     return tuple(numbers * 3 if len(numbers) == 1 else numbers)
 
@@ -91,10 +92,18 @@ def main(argv: list[str] | None = None) -> int:
         return 1
     if not args.check:
         return 0
-    from zyncore.compare import compare  # needs the library
-    result = compare(args.network, args.target, seed=args.seed)
-    for line in result.lines():
-        print(line)
+    return _check(args)
+
+
+def _check(args: argparse.Namespace) -> int:
+    try:
+        from zyncore.compare import compare  # needs the library
+        result = compare(args.network, args.target, seed=args.seed)
+    except Exception as error:  # what an evaluation of any file may meet
+        print(f"zyn-convert: {args.target} is written, and cannot be compared: {error}",
+              file=sys.stderr)
+        return 1
+    print("\n".join(result.lines()))
     return 0 if result.ok else 1
 
 

@@ -87,8 +87,6 @@ def _affine_after(source: Step, step: Step) -> Step | None:
         if step.scale.size > 1 and (step.scale.size != outputs or
                                     step.inner != source.dims[0] * source.dims[1]):
             return None
-        if min(source.after) < 0:
-            return None  # what is added behind a transposed convolution has no bias yet
         scale = np.broadcast_to(step.scale, (outputs,))
         if source.transposed:
             weights = source.weights * scale.reshape(source.groups, 1, -1, 1, 1).repeat(

@@ -7,6 +7,7 @@ import math
 import numpy as np
 from onnx import TensorProto
 
+from .constants import MOST_CONSTANT
 from .graph import Node, Refusal, shape_text
 from .mapper import FLOAT_MAX, Mapper
 from .program import PAD, Step, dim_of, dims_of
@@ -16,6 +17,8 @@ from .semantics import axis_of, pads_of, slice_parts, split_parts
 
 def same(m: Mapper, node: Node) -> None:
     """The same elements in the same order, in other axes."""
+    if node.op == "Dropout" and node.has(2) and m.graph.constant(node, 2, "mode").any():
+        raise Refusal("it is in training mode", "export in evaluation mode")
     m.put(node.outputs[0], m.held(node.inputs[0]))
 
 
@@ -90,7 +93,12 @@ def expand(m: Mapper, node: Node) -> None:
     out = m.graph.shapes[node.outputs[0]]
     if math.prod(out) == math.prod(m.graph.shape(node)):
         return same(m, node)
-    zeros = m.constant(np.zeros(out))
+    shape = m.graph.shape(node)
+    shape = (1,) * (len(out) - len(shape)) + shape
+    repeated = tuple(n if k == 1 else 1 for k, n in zip(shape, out))
+    if math.prod(repeated) > MOST_CONSTANT:
+        raise Refusal(f"it repeats its input {math.prod(repeated)} times")
+    zeros = m.constant(np.zeros(repeated, "<f4"))
     m.put(node.outputs[0], m.join("ADD", m.get(node.inputs[0]), zeros))
 
 

@@ -9,7 +9,7 @@ from .map_elements import binary
 from .mapper import FLOAT_MAX, Mapper
 from .program import Step
 
-_STEEP = 1e38  # takes any difference of ordinary numbers beyond 1
+_STEEP = 1e30  # takes any difference of ordinary numbers beyond 1, with room for factors
 
 
 def compare(m: Mapper, node: Node) -> None:

@@ -38,8 +38,9 @@ class Mapper:
 
     def get(self, name: str, dims: Dims | None = None) -> Step:
         """A value in its usual extents, or in others of as many elements."""
-        step = self.reshape(self.held(name), dims or dims_of(self.graph.shapes[name]))
-        if dims is None and not step.name and step is not self.held(name):
+        usual = dims_of(self.graph.shapes[name])
+        step = self.reshape(self.held(name), dims or usual)
+        if step.dims == usual and not step.name:
             step.name = name
         return step
 

@@ -41,8 +41,8 @@ _TWO_INPUTS: dict[str, Callable[[np.ndarray, np.ndarray], np.ndarray]] = {
 }
 _OTHERS = {"Clip", "HardSigmoid", "LeakyRelu"}
 
-# What is looked for: operator, attributes, values at the points.
-_TARGETS = [(op, attributes, function(_POINTS)) for op, attributes, function in (
+# What is looked for: operator, attributes, function.
+_TARGETS = [
     ("HardSwish", {}, lambda x: x * np.clip(x + 3, 0, 6) / 6),
     ("HardSigmoid", {"alpha": 1 / 6, "beta": 0.5}, lambda x: np.clip(x / 6 + 0.5, 0, 1)),
     ("HardSigmoid", {"alpha": 0.2, "beta": 0.5}, lambda x: np.clip(0.2 * x + 0.5, 0, 1)),
@@ -55,7 +55,8 @@ _TARGETS = [(op, attributes, function(_POINTS)) for op, attributes, function in 
     ("Softplus", {}, lambda x: np.logaddexp(x, 0)),
     ("Sigmoid", {}, _sigmoid),
     ("Clip6", {}, lambda x: np.clip(x, 0, 6)),
-)]
+]
+_WANTED = np.stack([function(_POINTS) for _, _, function in _TARGETS])
 
 
 def clip_range(graph: Graph, node: Node) -> tuple[float, float] | None:
@@ -147,9 +148,9 @@ def _match(graph: Graph, producers: dict[str, Node], root: Node, base: str) -> N
 
     with np.errstate(all="ignore"):
         made = value(root.outputs[0])
-        for op, attributes, wanted in _TARGETS:
-            if np.all(np.abs(made - wanted) <= _TOLERANCE * (1 + np.abs(wanted))):
-                return _made(graph, op, dict(attributes), root, base)
+        near = np.all(np.abs(made - _WANTED) <= _TOLERANCE * (1 + np.abs(_WANTED)), axis=1)
+    for op, attributes, _ in (target for target, fits in zip(_TARGETS, near) if fits):
+        return _made(graph, op, dict(attributes), root, base)
     return None
 
 

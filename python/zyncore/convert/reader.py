@@ -48,7 +48,8 @@ def read(path: str, input_shapes: Mapping[str | None, Sequence[int]] | None = No
         raise ConvertError("this is no ONNX network: it has neither nodes nor outputs")
     opset = _opset(model)
     if len(graph.node) > MOST_NODES:
-        raise ConvertError(f"the network has {len(graph.node)} nodes, at most {MOST_NODES} are read")
+        raise ConvertError(f"the network has {len(graph.node)} nodes, at most {MOST_NODES} are "
+                           "read")
     constants: dict[str, np.ndarray] = {}
     for tensor in graph.initializer:
         constants[tensor.name] = array(tensor, f"weights '{printable(tensor.name)}'", path)
@@ -59,7 +60,8 @@ def read(path: str, input_shapes: Mapping[str | None, Sequence[int]] | None = No
     wanted = _outputs(graph, nodes, constants, outputs)
     origin = f"{os.path.basename(path)}, opset {opset}"
     if model.producer_name:
-        origin += f", by {printable(model.producer_name)} {printable(model.producer_version)}".rstrip()
+        producer = f"{model.producer_name} {model.producer_version}".rstrip()
+        origin += f", by {printable(producer)}"
     result = Graph(nodes, {}, wanted, constants, opset, origin)
     result.drop_unused()
     _read_inputs(result, graph, constants, dict(input_shapes or {}))
@@ -329,7 +331,10 @@ def _input_shape(value: Any, given: Sequence[int] | None) -> Shape:
         example = ",".join(str(n) if isinstance(n, int) and n > 0 else "224" for n in chosen)
         raise ConvertError(f"the input '{name}' has the shape {shape_text(shape)}: say all of it, "
                            f"--input-shape {name}={example}")
-    if len(chosen) > MOST_AXES or math.prod(chosen) > MOST_ELEMENTS:  # type: ignore[arg-type]
-        raise ConvertError(f"the input '{name}' has the shape {shape_text(chosen[:MOST_AXES])}, "
+    if len(chosen) > 6 or (len(chosen) == 6 and chosen[0] != 1):
+        raise ConvertError(f"the input '{name}' has {len(chosen)} axes, at most five and a batch "
+                           "axis are possible")
+    if math.prod(chosen) > MOST_ELEMENTS:  # type: ignore[arg-type]
+        raise ConvertError(f"the input '{name}' has the shape {shape_text(chosen)}, "
                            "which is too large")
     return tuple(int(n) for n in chosen)

@@ -115,9 +115,11 @@ def transposed_window(graph: Graph, node: Node) -> Window:
         if wanted is not None or auto.startswith("SAME"):
             out = wanted[-n:][i] if wanted is not None else shape[2 + i] * stride[i]
             total = full + extra[i] - out
-            small = total // 2
-            w.before[i] = total - small if auto != "SAME_UPPER" else small
+            small = max(total, 0) // 2
+            w.before[i] = small if auto == "SAME_UPPER" else max(total, 0) - small
             w.after[i] = total - w.before[i]
+        elif auto == "VALID":
+            w.before[i] = w.after[i] = 0
         w.after[i] -= extra[i]
         w.out.append(full - w.before[i] - w.after[i])
     return w

@@ -10,7 +10,8 @@ from typing import Callable
 import numpy as np
 
 from . import constants
-from .graph import MALFORMED, Branch, Graph, Node, Problem, Refusal, Shape, check_elements, malformed, printable, shape_text
+from .graph import (MALFORMED, Branch, Graph, Node, Problem, Refusal, Shape, check_elements,
+                    malformed, printable, shape_text)
 from .semantics import (axes_of, axis_of, broadcast, conv_window, gemm_shape, pads_of, pool_window,
                         reshaped, resize_of, slice_parts, split_parts, transposed_window)
 

@@ -17,7 +17,7 @@ from .program import (FUNCTIONS, JOINS, PAD, Affine, Constant, Conv, Function, I
                       Operator, Program, Step, find_axis, leading_of)
 
 _MOST_NODES = 16384
-_MOST_NAME = 255  # bytes
+_MOST_NAME, _MOST_VALUE = 255, 65535  # bytes
 
 
 @dataclass
@@ -51,10 +51,13 @@ class NetWriter:
         self._shapes, self._pictures = shapes, pictures
         self._ids: dict[Step, int] = {}
         self._names: set[str] = set()
+        self._named: dict[Step, str] = {}
+        self._value_names: set[str] = set()  # which helpers leave alone
         self._constants: dict[tuple[bytes, tuple[int, ...]], int] = {}
 
     def write(self, program: Program, meanings: Mapping[str, str]) -> None:
-        self._reserve(program)
+        self._value_names = {file_name(s.name) for s in program.steps
+                             if s.name and not isinstance(s, Constant)}
         for step in program.steps:
             if isinstance(step, Constant):
                 self._ids[step] = self._constant(step.name or "constant", step.values, step.dims)
@@ -73,19 +76,31 @@ class NetWriter:
             raise ConvertError(f"the network would have {self.count.nodes} nodes, at most "
                                f"{_MOST_NODES} are possible")
 
-    def _reserve(self, program: Program) -> None:
-        """Names of values go to the steps that hold them, whatever helpers come before."""
-        self._value_names = {file_name(s.name) for s in program.steps if s.name}
+    def metadata(self, lines: Mapping[str, str]) -> None:
+        for key, value in lines.items():
+            if not 0 < len(key.encode()) <= _MOST_NAME or len(value.encode()) > _MOST_VALUE \
+                    or "\0" in key + value:
+                raise ConvertError(f"metadata '{key[:80]}': keys have 1 to {_MOST_NAME} bytes, "
+                                   f"values up to {_MOST_VALUE}")
+            self.file.metadata(key, value)
 
-    def _name(self, step: Step | None, helper: str = "") -> str:
-        """A name that no other node has."""
-        name = file_name(step.name) if step and step.name and not helper else ""
-        if name and name not in self._names:
-            self._names.add(name)
-            return name
-        base = file_name(f"{step.name}:{helper}" if step and step.name and helper else helper
-                         or name or "step")
-        name, i = base, 1
+    def _name(self, step: Step, helper: str = "") -> str:
+        """The name of the value that a step holds; a helper, or a step that holds none, is named
+        after that or after what it reads."""
+        if step.name and not helper:
+            name = file_name(step.name)
+            if name not in self._names:
+                self._names.add(name)
+                self._named[step] = name
+                return name
+        base = step.name or self._named.get(step.reads[0], "step")
+        kind = step.kind if isinstance(step, Operator) else type(step).__name__
+        name = self._unused(f"{base}:{helper or kind.lower()}")
+        self._named[step] = name
+        return name
+
+    def _unused(self, base: str) -> str:
+        name, i = file_name(base), 1
         while name in self._names or name in self._value_names:
             i += 1
             name = file_name(base, f":{i}")
@@ -99,6 +114,8 @@ class NetWriter:
         elements = int(np.prod(dims))
         if elements > self.count.largest:
             self.count.largest, self.count.largest_dims = elements, dims
+        with np.errstate(over="ignore"):
+            words = [float(np.float32(v)) if isinstance(v, float) else v for v in words]
         return self.file.node(kind, name, reads, words)
 
     def _constant(self, name: str, values: np.ndarray, dims: tuple[int, ...]) -> int:
@@ -107,8 +124,7 @@ class NetWriter:
         if key not in self._constants:
             self.count.nodes += 1
             self.count.parameters += flat.size
-            unique = self._name(Step([], dims, name))
-            self._constants[key] = self.file.constant(unique, flat, dims)
+            self._constants[key] = self.file.constant(self._unused(name), flat, dims)
         return self._constants[key]
 
     def _weights(self, name: str, *parts: np.ndarray) -> int:

@@ -105,7 +105,7 @@ def conv_transpose(node: Node, x, weight, bias=None):
     outputs = weight.shape[1]  # of one group
     full = [(n - 1) * s + (k - 1) * d + 1 + e for n, s, k, d, e in
             zip(x.shape[2:], strides, weight.shape[2:], dilations, extra)]
-    pads = _transposed_pads(node, x.shape[2:], full, strides)
+    full, pads = _transposed_pads(node, x.shape[2:], full, strides)
     weight = weight.reshape(groups, channels // groups, outputs, *weight.shape[2:])
     pixels = x.reshape(batch, groups, channels // groups, -1)
     y = np.zeros((batch, groups * outputs, *full))
@@ -118,17 +118,19 @@ def conv_transpose(node: Node, x, weight, bias=None):
     return _add_bias(y[(..., *inner)], bias)
 
 
-def _transposed_pads(node: Node, extents, full, strides) -> list[int]:
-    """What is cut off the full output, before all axes and then behind all of them."""
+def _transposed_pads(node: Node, extents, full, strides) -> tuple[list[int], list[int]]:
+    """The full output, as large as what is asked for at least, and what is cut off it, before all
+    axes and then behind all of them."""
     automatic = node.get("auto_pad", "NOTSET")
     wanted = node.get("output_shape")
     if wanted is None and automatic not in ("SAME_UPPER", "SAME_LOWER"):
-        return [0] * (2 * len(full)) if automatic == "VALID" else \
-            list(node.get("pads", [0] * (2 * len(full))))
+        none = [0] * (2 * len(full))
+        return full, none if automatic == "VALID" else list(node.get("pads", none))
     if wanted is None:
         wanted = [n * s for n, s in zip(extents, strides)]
     totals = [max(n - w, 0) for n, w in zip(full, wanted)]
-    return split_pads(totals, "SAME_UPPER" if automatic == "SAME_UPPER" else "SAME_LOWER")
+    full = [max(n, w) for n, w in zip(full, wanted)]
+    return full, split_pads(totals, "SAME_UPPER" if automatic == "SAME_UPPER" else "SAME_LOWER")
 
 
 @computes("MaxPool")
