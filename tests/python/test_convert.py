@@ -446,7 +446,7 @@ BAD = [
     ("one pad", one("Conv", w(4, 6, 3, 3), pads=[1]), "has 1 numbers, 4 are needed"),
     ("huge kernel", one("MaxPool", kernel_shape=[2**40, 1]), "65536"),
     ("huge output", one("Resize", "", f([1, 1, 60000, 60000])), "more than"),
-    ("cubic", one("Resize", "", f([1, 1, 2, 2]), mode="cubic"), "'cubic' is not computed"),
+    ("mode", one("Resize", "", f([1, 1, 2, 2]), mode="area"), "'area' is not computed"),
     ("fractions of elements", one("Reshape", i(7, -1)), "cannot take the shape"),
     ("no such axis", one("Softmax", axis=9), "no axis 9"),
     ("beyond the end", one("Gather", i(6), axis=1), "indices"),

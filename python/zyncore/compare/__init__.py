@@ -64,8 +64,8 @@ class Report:
             lines.append(f"{row.name:{width}}  {row.operation:16}  {shape:16}  "
                          f"{row.absolute:.2e}   {row.relative:.2e}{'' if row.ok else '  <--'}")
         if self.not_compared:
-            lines.append(f"without a value of their name in the model: "
-                         f"{', '.join(self.not_compared)}")
+            some = ", ".join(self.not_compared[:4]) + (", ..." if self.not_compared[4:] else "")
+            lines.append(f"{len(self.not_compared)} nodes hold no value of the model: {some}")
         if self.ok:
             worst = max(row.relative for row in self.rows)
             lines.append(f"all {len(self.rows)} within {self.tolerance:g}; worst {worst:.2e}")
