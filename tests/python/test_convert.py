@@ -254,6 +254,14 @@ CASES = [
         n.Slice(x, i(1, -1), i(100, -100), i(1, 3), i(2, -3)), n.Gather(x, i(4), axis=1),
         n.Gather(x, f(2).astype("i8"), axis=2), n.Gather(x, i(5, 0, 0, 3), axis=1),
         n.Gather(x, i(3, 1, 2), axis=3)], (13,)),
+    ("by index", IMAGE, lambda n, x: [
+        n.GatherND(x, np.array([[[0, 5, 8], [0, -1, 2]]])), n.GatherElements(x, np.array(
+            [[[[3, 0], [11, -1]]]]), axis=3), n.ArgMax(x, axis=1), n.ArgMin(x, axis=-1, keepdims=0),
+        n.ScatterND(x, np.array([[0, 2, 3], [0, 1, 8]]), w(2, 12)),
+        n.ScatterND(x, np.stack(np.meshgrid([0], range(6), range(9), [7, 2, 3], indexing="ij"),
+                                -1), n.Sigmoid(n.Slice(x, i(2), i(5), i(3)))),
+        n.ScatterND(w(1, 6, 9, 12), np.array([[[0, 4], [0, 1]]]), n.Slice(x, i(0), i(2), i(1)))],
+     (13,)),
     ("old parts", IMAGE, lambda n, x: [n.Slice(x, starts=[1], ends=[4], axes=[1]), *n.Split(
         x, split=[4, 2], axis=1, outs=2), n.Squeeze(n.ReduceMean(x, axes=[2, 3]), axes=[2])], (9,)),
     ("resize", IMAGE, lambda n, x: [

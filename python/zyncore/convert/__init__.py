@@ -10,7 +10,8 @@ from typing import Mapping, Sequence
 
 from zyncore.netfile import MEANINGS
 
-from . import fold, map_conv, map_elements, map_layout, map_logic, patterns, report, shapes
+from . import (fold, map_conv, map_elements, map_index, map_layout, map_logic, patterns, report,
+               shapes)
 from .graph import ConvertError, ConvertFailure, Graph, Problem
 from .mapper import map_graph
 from .reader import read
@@ -19,7 +20,7 @@ from .writing import NetWriter, Picture, save
 __all__ = ["ConvertError", "ConvertFailure", "Picture", "Problem", "convert"]
 
 HANDLERS = {**map_conv.HANDLERS, **map_elements.HANDLERS, **map_layout.HANDLERS,
-            **map_logic.HANDLERS}
+            **map_logic.HANDLERS, **map_index.HANDLERS}
 
 
 def convert(path: str, target: str, *,

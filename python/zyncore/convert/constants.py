@@ -162,5 +162,6 @@ EVALUATE: dict[str, Callable[..., Any]] = {
     "Flatten": lambda g, n, x: x.reshape(int(np.prod(x.shape[:n.integer("axis", 1)])), -1),
     "Tile": lambda g, n, x, repeats: np.tile(x, [int(r) for r in repeats]),
     "Pad": _pad,
+    "CumSum": lambda g, n, x, axis: np.cumsum(x, int(axis), dtype=x.dtype),
     "NonZero": lambda g, n, x: np.stack(np.nonzero(x)).astype("i8"),
 }

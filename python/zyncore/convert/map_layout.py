@@ -119,36 +119,6 @@ def parts(m: Mapper, node: Node) -> None:
     m.put(node.outputs[0], x)
 
 
-def gather(m: Mapper, node: Node) -> None:
-    shape = m.graph.shape(node)
-    axis = axis_of(node.integer("axis", 0), len(shape))
-    n = shape[axis]
-    at = m.graph.constant(node, 1, "indices").reshape(-1)
-    if at.dtype.kind not in "iu" or at.size < 1 or at.min() < -n or at.max() >= n:
-        raise Refusal(f"its indices are not all within axis {axis} of {shape_text(shape)}")
-    at = np.where(at < 0, at + n, at)
-    inner, outer = math.prod(shape[axis + 1:]), math.prod(shape[:axis])
-    step = int(at[1] - at[0]) if at.size > 1 else 1
-    if step and np.all(np.diff(at) == step):
-        along = dim_of(axis, shape)
-        if along is None:
-            return same(m, node)
-        x = m.part(m.get(node.inputs[0]), along, int(at[0]), at.size, step)
-        return m.put(node.outputs[0], x)
-    words = [int(at.size), *(int(i) for i in at)]
-    if outer == 1:
-        x = m.get(node.inputs[0])
-        if len(x.dims) != 3 or dim_of(axis, shape) != 2:
-            x = m.get(node.inputs[0], (inner, 1, n))
-        x = m.operator("CHANNEL_GATHER", [x], (*x.dims[:2], at.size), words)
-    else:
-        x = m.permute(m.get(node.inputs[0], (inner, n, outer)), (0, 2, 1))
-        x = m.reshape(x, (inner, outer, n))
-        x = m.operator("CHANNEL_GATHER", [x], (inner, outer, at.size), words)
-        x = m.permute(x, (0, 2, 1))
-    m.put(node.outputs[0], x)
-
-
 def pad(m: Mapper, node: Node) -> None:
     shape = m.graph.shape(node)
     mode = node.text("mode", "constant")
@@ -199,6 +169,6 @@ def depth_space(m: Mapper, node: Node) -> None:
 HANDLERS = {
     **dict.fromkeys(("Identity", "Dropout", "Reshape", "Flatten", "Squeeze", "Unsqueeze"), same),
     "Cast": cast, "Transpose": transpose, "Concat": concat, "Tile": tile, "Expand": expand,
-    "Slice": parts, "Split": parts, "Gather": gather, "Pad": pad, "DepthToSpace": depth_space,
+    "Slice": parts, "Split": parts, "Pad": pad, "DepthToSpace": depth_space,
     "SpaceToDepth": depth_space,
 }

@@ -58,7 +58,6 @@ _NO_SUCH = {
                          "(zyncore.suppress)",
     "TopK": "cut the graph before it and choose the best in the program",
     "NonZero": "cut the graph before it and search in the program",
-    "ArgMax": "cut the graph before it: numpy.argmax on the output",
     "Loop": "export without control flow, or cut the graph before it",
     "If": "export without control flow (torch.jit.trace), or cut the graph before it",
     "Scan": "export without control flow, or cut the graph before it",
@@ -71,8 +70,6 @@ _NO_SUCH = {
     "ConvInteger": "export the float network and quantise it here",
     "MatMulInteger": "export the float network and quantise it here",
     "Einsum": "write it as matmul and transpose",
-    "GatherND": "cut the graph before it",
-    "ScatterND": "cut the graph before it",
 }
 
 
@@ -263,6 +260,20 @@ def _gather(graph: Graph, node: Node) -> list[Shape]:
     return [(*shape[:axis], *graph.shape(node, 1), *shape[axis + 1:])]
 
 
+def _gather_nd(graph: Graph, node: Node) -> list[Shape]:
+    shape, at = graph.shape(node), graph.shape(node, 1)
+    if not at or not 1 <= at[-1] <= len(shape):
+        raise Refusal(f"indices {shape_text(at)} into {shape_text(shape)}")
+    return [(*at[:-1], *shape[at[-1]:])]
+
+
+def _arg(graph: Graph, node: Node) -> list[Shape]:
+    shape = graph.shape(node)
+    axis = axis_of(node.integer("axis", 0), len(shape))
+    keep = (1,) if node.integer("keepdims", 1) else ()
+    return [(*shape[:axis], *keep, *shape[axis + 1:])]
+
+
 def _pad(graph: Graph, node: Node) -> list[Shape]:
     return [tuple(n + a + b for n, (a, b) in zip(graph.shape(node), pads_of(graph, node)))]
 
@@ -312,7 +323,9 @@ _RULES: dict[str, Callable[[Graph, Node], list[Shape]]] = {
     "GlobalMaxPool": _global_pool, "Gemm": lambda g, n: [gemm_shape(g, n)[::2]],
     "MatMul": _matmul, "Reshape": lambda g, n: [reshaped(g, n)], "Flatten": _flatten,
     "Squeeze": _squeeze, "Unsqueeze": _unsqueeze, "Transpose": _transpose, "Concat": _concat,
-    "Slice": _slice, "Split": _split, "Gather": _gather, "Pad": _pad, "Expand": _expand,
+    "Slice": _slice, "Split": _split, "Gather": _gather,
+    "GatherND": _gather_nd, "GatherElements": lambda g, n: [g.shape(n, 1)], "ScatterND": _same,
+    "ArgMax": _arg, "ArgMin": _arg, "Pad": _pad, "Expand": _expand,
     "Tile": _tile, "ConstantOfShape": _fill, "DepthToSpace": _depth_space,
     "SpaceToDepth": _depth_space, "Resize": lambda g, n: [resize_of(g, n).out],
     "Upsample": lambda g, n: [resize_of(g, n).out],
