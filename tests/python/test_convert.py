@@ -253,7 +253,8 @@ CASES = [
         *n.Split(x, i(1, 3, 2), axis=1, outs=3), *n.Split(x, axis=3, outs=2),
         n.Slice(x, i(1, -1), i(100, -100), i(1, 3), i(2, -3)), n.Gather(x, i(4), axis=1),
         n.Gather(x, f(2).astype("i8"), axis=2), n.Gather(x, i(5, 0, 0, 3), axis=1),
-        n.Gather(x, i(3, 1, 2), axis=3)], (13,)),
+        n.Gather(x, i(3, 1, 2), axis=3),
+        n.Gather(x, i(5, 4, 2, 2, 0, 3), axis=1), n.Gather(x, i(7, 1, 8, 3, 3, 0), axis=2)], (13,)),
     ("by index", IMAGE, lambda n, x: [
         n.GatherND(x, np.array([[[0, 5, 8], [0, -1, 2]]])), n.GatherElements(x, np.array(
             [[[[3, 0], [11, -1]]]]), axis=3), n.ArgMax(x, axis=1), n.ArgMin(x, axis=-1, keepdims=0),

@@ -67,7 +67,7 @@ def _range(graph: Graph, node: Node, first: np.ndarray, end: np.ndarray,
 
 def _slice(graph: Graph, node: Node, x: np.ndarray, *rest: Any) -> np.ndarray:
     for p in slice_parts(graph, node):
-        x = np.take(x, range(p.first, p.first + p.step * p.count, p.step), axis=p.axis)
+        x = np.take(x, p.first + p.step * np.arange(p.count), axis=p.axis)
     return x
 
 

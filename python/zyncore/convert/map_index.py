@@ -15,6 +15,7 @@ from .program import Step, dim_of, dims_of
 from .semantics import axis_of
 
 _MOST_SINGLE = 2**20  # elements that are picked one by one
+_MOST_RUNS = 4        # of neighbours that are cut out and put together
 _FAR = 1e9            # beyond all indices
 
 
@@ -40,6 +41,10 @@ def along_axis(m: Mapper, x: Step, shape: Shape, axis: int, at: np.ndarray) -> S
     step = int(at[1] - at[0]) if at.size > 1 else 1
     if step and np.all(np.diff(at) == step):
         return m.part(m.reshape(x, (inner, n, outer)), 1, int(at[0]), at.size, step)
+    runs = np.split(at, np.flatnonzero(np.diff(at) != 1) + 1)
+    if len(runs) <= _MOST_RUNS:
+        x = m.reshape(x, (inner, n, outer))
+        return concatenated(m, [m.part(x, 1, int(run[0]), run.size) for run in runs], 1)
     if outer == 1:
         whole = len(x.dims) == 3 and x.dims[2] == n and math.prod(x.dims[:2]) == inner
         return picked(m, x if whole else m.reshape(x, (inner, 1, n)), at)

@@ -140,7 +140,7 @@ def pool_window(graph: Graph, node: Node) -> Window:
 
 @dataclass
 class Part:
-    """Elements first, first + step, ... of an axis."""
+    """Elements first, first + step, ... of an axis; none of a constant is possible."""
 
     axis: int
     first: int
@@ -167,9 +167,7 @@ def slice_parts(graph: Graph, node: Node) -> list[Part]:
             raise Refusal("its step is 0")
         taken = range(*slice(start, end, step).indices(shape[axis])) if step > 0 or end >= -shape[
             axis] else range(*slice(start, None, step).indices(shape[axis]))
-        if not taken:
-            raise Refusal(f"it takes nothing of axis {axis} of {shape_text(shape)}")
-        parts.append(Part(axis, taken[0], len(taken), step))
+        parts.append(Part(axis, taken[0] if taken else 0, len(taken), step))
     return parts
 
 

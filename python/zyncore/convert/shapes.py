@@ -27,7 +27,7 @@ def infer(graph: Graph) -> list[Problem]:
     while waiting:
         node = waiting.popleft()
         if any(value and value not in graph.shapes for value in node.inputs):
-            if node.op not in _RULES and node.op not in constants.EVALUATE:
+            if not any(node.op in ops for ops in (_RULES, constants.EVALUATE, _OTHERS)):
                 problems.append(problem(graph, node, unknown(node)))
             _use_hints(graph, node)
             kept.append(node)
@@ -53,6 +53,7 @@ def problem(graph: Graph, node: Node, refusal: Refusal) -> Problem:
                    refusal.help)
 
 
+_OTHERS = ("Shape", "Size", "If")
 _NO_SUCH = {
     "NonMaxSuppression": "cut the graph before it and suppress with zyn_ssd_nms "
                          "(zyncore.suppress)",
