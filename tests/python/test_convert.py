@@ -278,6 +278,8 @@ CASES = [
         1, 1, 2, 3]), mode="linear")], (9,)),
     ("branches", IMAGE, lambda n, x: n.If(n.Equal(n.Size(x), i(648)), then_branch=branch(1),
                                           else_branch=branch(2)), (13,)),
+    ("shape alone", [IMAGE, (1, 1, 18, 24)], lambda n, a, b: n.Resize(a, "", "", n.Concat(n.Slice(
+        n.Shape(a), i(0), i(2)), n.Slice(n.Shape(b), i(2), i(4)), axis=0)), (13,)),
     ("nothing to do", IMAGE, lambda n, x: n.Dropout(n.Identity(x)), (13,)),
     ("twice the same", IMAGE, lambda n, x: (lambda y: [y, n.Identity(y), n.Relu(y)])(n.Sigmoid(
         n.Exp(x))), (13,)),
@@ -347,7 +349,8 @@ class ConvertTest(Folder):
                     for options in (["--no-fold"], []):
                         said = self.convert(*options)
                         for method in ("automatic", 0, 1, 2):
-                            self.close(zyncore.Net(self.target, method=method).run(inputs), wanted)
+                            net = zyncore.Net(self.target, method=method)
+                            self.close(net.run({name: inputs[name] for name in net.inputs}), wanted)
                     if label in FOLDED:
                         self.assertIn(f"operators: {FOLDED[label]}\n", said)
                     report = compare(self.source, self.target, inputs)
@@ -441,6 +444,7 @@ BAD = [
     ("unknown size", with_input(TensorProto.FLOAT, "n", 6, "h", "w"), "--input-shape in0=1,6,"),
     ("no shape", with_input(TensorProto.FLOAT), "not"),
     ("four images", with_input(TensorProto.FLOAT, 4, 6, 9, 12), "one image at a time"),
+    ("constants alone", model(IMAGE, lambda n, x: n.Cast(n.Shape(x), to=1)), "constants"),
     ("other channels", with_input(TensorProto.FLOAT, 1, 7, 9, 12), "7 channels"),
     ("too small", with_input(TensorProto.FLOAT, 1, 6, 2, 12), "kernel reaches over 3"),
     ("seven axes", with_input(TensorProto.FLOAT, 1, 2, 3, 1, 1, 9, 12), "7 axes"),

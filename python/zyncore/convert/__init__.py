@@ -14,6 +14,7 @@ from . import (fold, map_conv, map_elements, map_index, map_layout, map_logic, p
                shapes)
 from .graph import ConvertError, ConvertFailure, Graph, Problem
 from .mapper import map_graph
+from .program import Input
 from .reader import read
 from .writing import NetWriter, Picture, save
 
@@ -49,6 +50,10 @@ def convert(path: str, target: str, *,
         if meaning not in MEANINGS:
             raise ConvertError(f"'{meaning}' is no meaning; there are {', '.join(MEANINGS)}")
     program.drop_unused()
+    read_inputs = {step.name for step in program.steps if isinstance(step, Input)}
+    if not read_inputs:
+        raise ConvertError("the outputs are constants: they depend on the inputs' shapes alone")
+    graph.inputs = {name: shape for name, shape in graph.inputs.items() if name in read_inputs}
     if folding:
         fold.fold(program)
         fold.work_in_place(program)

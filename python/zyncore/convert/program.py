@@ -117,7 +117,7 @@ class Program:
     def drop_unused(self) -> None:
         needed, kept = set(self.outputs.values()), []
         for step in reversed(self.steps):
-            if step in needed or isinstance(step, Input):
+            if step in needed:
                 kept.append(step)
                 needed.update(step.reads)
         self.steps = kept[::-1]
