@@ -20,6 +20,7 @@ try:
 except ImportError as missing:
     raise unittest.SkipTest(str(missing))
 
+MODELS = os.environ.get("ZYN_MODEL_DIR", "")
 RNG = np.random.default_rng(11)
 
 
@@ -371,6 +372,27 @@ class ConvertTest(Folder):
                          ("MIT", "zyn-convert"))
         self.assertIn("net.onnx, opset 13", net.metadata["origin"])
 
+    @unittest.skipUnless(os.path.exists(f"{MODELS}/ssd320.onnx"), "no ZYN_MODEL_DIR")
+    def test_trained_detector(self):
+        self.source = f"{MODELS}/ssd320.onnx"
+        self.convert("--mean", "127", "--scale", "0.0078125", "--resize", "border", "--meaning",
+                     "scores=probabilities", "--meaning", "boxes=offsets", "--metadata",
+                     "face.strides=8,16,32,64", "--metadata", "face.variances=0.1,0.2",
+                     "--metadata", "face.min-sizes=10,16,24;32,48;64,96;128,192,256")
+        for photo in ("photo_a", "photo_b"):
+            image, logits, boxes = (np.fromfile(f"{MODELS}/{photo}.{kind}.f32", "<f4") for kind in (
+                "input", "logits", "locations"))
+            odds = np.exp(logits.reshape(-1, 2))
+            for method in ("automatic", 0, 1, 2):
+                out = zyncore.Net(self.target, method=method).run(image.reshape(3, 240, 320))
+                np.testing.assert_allclose(out["boxes"].reshape(-1), boxes, atol=2e-4)
+                np.testing.assert_allclose(out["scores"][0], odds / odds.sum(1, keepdims=True),
+                                           atol=2e-4)
+            with open(f"{MODELS}/{photo}.faces.txt") as file:
+                known = [float(line.split()[4]) for line in file if line[0] != "#"]
+            faces = zyncore.Detector(self.target)(zyncore.read_bmp(f"{MODELS}/{photo}.bmp"))
+            np.testing.assert_allclose(faces[:, 4], known, atol=0.02)
+
 
 GOOD = model(IMAGE, lambda n, x: n.Relu(n.Conv(x, w(4, 6, 3, 3), w(4))))
 
@@ -513,6 +535,11 @@ class RefuseTest(Folder):
                                (["--meaning", "x=scores"], "no output 'x'")]:
             self.assertIn(words, self.refused(*options))
         self.assertEqual(run(self.source)[0], 2)
+        for source, target, words in [(self.source, self.source, "overwritten"),
+                                      (os.path.dirname(self.source), self.target, "no file"),
+                                      (self.source + "x", self.target, "cannot be read")]:
+            code, said = run(source, "-o", target)
+            self.assertEqual((code, words in said), (1, True), said)
         self.target = os.path.join(self.source, "net.zyn")
         self.assertEqual(run(self.source, "-o", self.target)[0], 1)
 

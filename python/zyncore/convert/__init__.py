@@ -6,6 +6,7 @@
 
 from __future__ import annotations
 
+import os
 from typing import Mapping, Sequence
 
 from zyncore.netfile import MEANINGS
@@ -38,6 +39,8 @@ def convert(path: str, target: str, *,
     cut the graph. meanings: of outputs, "scores", "probabilities", "offsets", "boxes",
     "landmarks" or "features"."""
     graph = read(path, input_shapes, outputs)
+    if os.path.exists(target) and os.path.samefile(path, target):
+        raise ConvertError("the network would be overwritten: name another file behind -o")
     problems = shapes.infer(graph)
     if folding:
         patterns.recognise(graph)

@@ -74,6 +74,8 @@ def read(path: str, input_shapes: Mapping[str | None, Sequence[int]] | None = No
 
 def _parse(path: str) -> Any:
     try:
+        if os.path.exists(path) and not os.path.isfile(path):
+            raise ConvertError("this is no file")
         size = os.path.getsize(path)
         if size > MOST_BYTES:
             raise ConvertError(f"the file has {size} bytes, at most {MOST_BYTES} are read; store "
