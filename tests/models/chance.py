@@ -23,6 +23,9 @@ class Chance:
     def ints(self, *values):
         return self.g.constant(np.int64(values))
 
+    def number(self, value):
+        return self.g.constant(np.float32(value))
+
     def draw(self):
         x, shape = self.values[-1 - min(int(self.random.exponential(1.5)), len(self.values) - 1)]
         kinds = PLACES if len(shape) == 4 else ROWS
@@ -40,10 +43,12 @@ class Chance:
             n = group * self.whole(1, 2)
         k, d, st = ([self.whole(1, high) for _ in "yx"] for high in (4, 2, 2))
         pads = [self.whole(0, 2) for _ in range(4)]
-        out = [(s[2 + i] + pads[i] + pads[2 + i] - (k[i] - 1) * d[i] - 1) // st[i] + 1 for i in (0, 1)]
+        out = [(s[2 + i] + pads[i] + pads[2 + i] - (k[i] - 1) * d[i] - 1) // st[i] + 1
+               for i in (0, 1)]
         if min(out) < 1:
             return None
-        weights = [self.g.weight(n, s[1] // group, *k)] + [self.g.weight(n, low=-1, high=1)] * self.whole(0, 1)
+        weights = [self.g.weight(n, s[1] // group, *k)]
+        weights += [self.g.weight(n, low=-1, high=1)] * self.whole(0, 1)
         return self.g.op("Conv", x, *weights, kernel_shape=k, dilations=d, strides=st, pads=pads,
                          group=group), [1, n, *out]
 
@@ -51,9 +56,10 @@ class Chance:
         """The shapes that methods have kernels for."""
         k, st, n, dw = self.pick(1, 3, 3, 5), self.pick(1, 2), self.whole(1, 20), self.whole(0, 1)
         w = self.g.weight(s[1] if dw else n, 1 if dw else s[1], k, k)
-        y = self.g.op("Conv", x, w, self.g.weight(s[1] if dw else n, low=-1, high=1), strides=[st] * 2,
+        n = s[1] if dw else n
+        y = self.g.op("Conv", x, w, self.g.weight(n, low=-1, high=1), strides=[st] * 2,
                       pads=[k // 2] * 4, group=s[1] if dw else 1)
-        return y, [1, s[1] if dw else n, *[(v - 1) // st + 1 for v in s[2:]]]
+        return y, [1, n, *[(v - 1) // st + 1 for v in s[2:]]]
 
     def transposed(self, x, s):
         k, st = self.whole(1, 4), self.whole(1, 3)
@@ -65,8 +71,7 @@ class Chance:
                          pads=[pad] * 4, output_padding=[extra] * 2), [1, n, *out]
 
     def pool(self, x, s):
-        k, st, pads = ([self.whole(1, 3) for _ in "yx"] for _ in "ks") if False else (
-            [self.whole(1, 3) for _ in "yx"], [self.whole(1, 3) for _ in "yx"], None)
+        k, st = ([self.whole(1, 3) for _ in "yx"] for _ in "ks")
         pads = [self.whole(0, k[i % 2] - 1) for i in range(4)]
         ceil = self.whole(0, 1)
         out = []
@@ -95,11 +100,12 @@ class Chance:
 
     def resize(self, x, s):
         out = [self.whole(1, 20), self.whole(1, 20)]
-        mode = self.pick("nearest", "linear")
+        mode = self.pick("nearest", "linear", "linear", "cubic")
         place = self.pick("half_pixel", "pytorch_half_pixel", "align_corners", "asymmetric")
         rounding = self.pick("floor", "ceil", "round_prefer_floor", "round_prefer_ceil")
-        return self.g.op("Resize", x, "", "", self.ints(1, s[1], *out), mode=mode, nearest_mode=rounding,
-                         coordinate_transformation_mode=place), [1, s[1], *out]
+        return self.g.op("Resize", x, "", "", self.ints(1, s[1], *out), mode=mode,
+                         nearest_mode=rounding, coordinate_transformation_mode=place), \
+            [1, s[1], *out]
 
     def larger(self, x, s):
         scale = self.pick(2, 2, 1.5)
@@ -147,8 +153,8 @@ class Chance:
     def layer(self, x, s):
         if s[2] < 2:
             return None
-        return self.g.op("LayerNormalization", x, self.g.weight(s[2]), self.g.weight(s[2]), axis=-1,
-                         epsilon=1e-2), s
+        return self.g.op("LayerNormalization", x, self.g.weight(s[2]), self.g.weight(s[2]),
+                         axis=-1, epsilon=1e-2), s
 
     def swapped(self, x, s):
         return self.g.op("Transpose", x, perm=[0, 2, 1]), [1, s[2], s[1]]
@@ -162,18 +168,18 @@ class Chance:
     # Operators on anything.
 
     def activation(self, x, s):
-        kind = self.pick("Relu", "Relu", "Sigmoid", "Tanh", "LeakyRelu", "Elu", "HardSwish", "HardSigmoid",
-                         "Clip", "Softplus", "Abs", "Neg", "silu", "mish", "hswish")
+        kind = self.pick("Relu", "Relu", "Sigmoid", "Tanh", "LeakyRelu", "Elu", "HardSwish",
+                         "HardSigmoid", "Clip", "Softplus", "Abs", "Neg", "silu", "mish", "hswish")
         if kind == "Clip":
-            return self.g.op(kind, x, self.g.constant(np.float32(-0.3)), self.g.constant(np.float32(0.9))), s
+            return self.g.op(kind, x, self.number(-0.3), self.number(0.9)), s
         if kind == "silu":
             return self.g.op("Mul", x, self.g.op("Sigmoid", x)), s
         if kind == "mish":
             return self.g.op("Mul", x, self.g.op("Tanh", self.g.op("Softplus", x))), s
         if kind == "hswish":
-            y = self.g.op("Add", x, self.g.constant(np.float32(3)))
-            y = self.g.op("Clip", y, self.g.constant(np.float32(0)), self.g.constant(np.float32(6)))
-            return self.g.op("Div", self.g.op("Mul", x, y), self.g.constant(np.float32(6))), s
+            y = self.g.op("Add", x, self.number(3))
+            y = self.g.op("Clip", y, self.number(0), self.number(6))
+            return self.g.op("Div", self.g.op("Mul", x, y), self.number(6)), s
         return self.g.op(kind, x), s
 
     def soft(self, x, s):
@@ -187,7 +193,8 @@ class Chance:
         return self.g.op(kind, *((y, x) if self.pick(0, 1) and kind != "Div" else (x, y))), s
 
     def with_other(self, x, s):
-        same = [v for v, t in self.values if len(t) == len(s) and all(a in (1, b) for a, b in zip(t, s))]
+        same = [v for v, t in self.values if len(t) == len(s) and
+                all(a in (1, b) for a, b in zip(t, s))]
         kind = self.pick("Add", "Add", "Sub", "Max", "Min")
         other = self.pick(*same)
         return self.g.op(kind, *((x, other) if self.pick(0, 1) else (other, x))), s
@@ -199,7 +206,9 @@ class Chance:
         some = [self.pick(*same) for _ in range(self.whole(1, 2))] + [(x, s)]
         out = list(s)
         out[axis] = sum(t[axis] for _, t in some)
-        return (self.g.op("Concat", *[v for v, _ in some], axis=axis), out) if out[axis] < 90 else None
+        if out[axis] > 90:
+            return None
+        return self.g.op("Concat", *[v for v, _ in some], axis=axis), out
 
     def part(self, x, s):
         axis = self.whole(1, len(s) - 1)
@@ -207,7 +216,7 @@ class Chance:
             return None
         first = self.whole(0, s[axis] - 2)
         step = self.pick(1, 1, 2)
-        y = self.g.op("Slice", x, self.ints(first), self.ints(2 ** 40), self.ints(axis), self.ints(step))
+        y = self.g.op("Slice", x, *[self.ints(i) for i in (first, 2 ** 40, axis, step)])
         out = list(s)
         out[axis] = -(-(s[axis] - first) // step)
         return y, out
@@ -225,26 +234,28 @@ class Chance:
     def gather(self, x, s):
         axis = self.whole(1, len(s) - 1)
         at = [self.whole(0, s[axis] - 1) for _ in range(self.whole(1, 5))]
-        return self.g.op("Gather", x, self.ints(*at), axis=axis), s[:axis] + [len(at)] + s[axis + 1:]
+        return self.g.op("Gather", x, self.ints(*at), axis=axis), \
+            s[:axis] + [len(at)] + s[axis + 1:]
 
     def padded(self, x, s):
         mode = self.pick("constant", "reflect", "edge")
         before, after = ([0] + [self.whole(0, min(2, n - 1)) for n in s[1:]] for _ in "ba")
-        return self.g.op("Pad", x, self.ints(*before, *after), self.g.constant(np.float32(0.5)), mode=mode), \
+        return self.g.op("Pad", x, self.ints(*before, *after), self.number(0.5), mode=mode), \
             [a + n + b for a, n, b in zip(before, s, after)]
 
     def reduced(self, x, s):
         axes = sorted({self.whole(1, len(s) - 1) for _ in "ab"})
         kind = self.pick("ReduceMean", "ReduceMax", "ReduceMin", "ReduceL2")
-        return self.g.op(kind, x, axes=axes, keepdims=1), [1 if i in axes else n for i, n in enumerate(s)]
+        return self.g.op(kind, x, axes=axes, keepdims=1), \
+            [1 if i in axes else n for i, n in enumerate(s)]
 
 
 _C = Chance
-PLACES = [_C.conv, _C.square, _C.square, _C.square, _C.transposed, _C.pool, _C.norm, _C.norm, _C.instance,
-          _C.slopes, _C.resize, _C.larger, _C.excite, _C.flat, _C.blocks, _C.turned]
+PLACES = [_C.conv, _C.square, _C.square, _C.square, _C.transposed, _C.pool, _C.norm, _C.norm,
+          _C.instance, _C.slopes, _C.resize, _C.larger, _C.excite, _C.flat, _C.blocks, _C.turned]
 ROWS = [_C.dense, _C.dense, _C.picture, _C.layer, _C.swapped, _C.attend]
-ANY = [_C.activation, _C.activation, _C.activation, _C.soft, _C.arithmetic, _C.with_other, _C.with_other,
-       _C.joined, _C.part, _C.split, _C.gather, _C.padded, _C.reduced]
+ANY = [_C.activation, _C.activation, _C.activation, _C.soft, _C.arithmetic, _C.with_other,
+       _C.with_other, _C.joined, _C.part, _C.split, _C.gather, _C.padded, _C.reduced]
 
 
 def graph(seed):

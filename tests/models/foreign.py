@@ -29,7 +29,8 @@ class Builder:
 
     def op(self, kind, *inputs, outputs=1, **attributes):
         names = [f"v{len(self.nodes)}_{i}" for i in range(outputs)]
-        self.nodes.append(helper.make_node(kind, inputs, names, f"n{len(self.nodes)}", **attributes))
+        name = f"n{len(self.nodes)}"
+        self.nodes.append(helper.make_node(kind, inputs, names, name, **attributes))
         return names[0] if outputs == 1 else names
 
     def conv(self, x, inputs, outputs, kernel=3, bias=True, group=1, **attributes):
@@ -72,7 +73,8 @@ def channels_last(g, x):
     heads = g.op("Transpose", g.conv(x, 32, 8, 1), perm=[0, 2, 3, 1])
     heads = g.op("Reshape", heads, g.constant(np.int64([-1, 512, 4])))
     g.outputs.append(g.op("Softmax", heads, axis=-1))
-    mean = g.op("Squeeze", g.op("ReduceMean", x, axes=[2, 3], keepdims=1), g.constant(np.int64([2, 3])))
+    mean = g.op("ReduceMean", x, axes=[2, 3], keepdims=1)
+    mean = g.op("Squeeze", mean, g.constant(np.int64([2, 3])))
     x = g.op("MatMul", mean, g.weight(32, 10))
     g.outputs.append(g.op("Add", x, g.weight(10)))
 
@@ -80,17 +82,19 @@ def channels_last(g, x):
 def normalisation_inside(g, x):
     """Scalars of shape [1] around the input, slopes [channels, 1, 1], a dense layer by a cut
     shape, normalisation of a vector."""
-    x = g.op("Mul", g.op("Sub", x, g.constant(np.float32([127.5]))), g.constant(np.float32([1 / 128])))
+    x = g.op("Sub", x, g.constant(np.float32([127.5])))
+    x = g.op("Mul", x, g.constant(np.float32([1 / 128])))
     x = g.norm(g.conv(x, 3, 16, bias=False, pads=[1] * 4), 16, epsilon=2e-5, momentum=0.9)
     x = g.op("PRelu", x, g.weight(16, 1, 1, low=0, high=0.5))
     y = g.norm(x, 16, epsilon=2e-5)
-    y = g.op("PRelu", g.conv(y, 16, 16, bias=False, pads=[1] * 4), g.weight(16, 1, 1, low=0, high=0.5))
+    y = g.conv(y, 16, 16, bias=False, pads=[1] * 4)
+    y = g.op("PRelu", y, g.weight(16, 1, 1, low=0, high=0.5))
     y = g.norm(g.conv(y, 16, 24, bias=False, pads=[1] * 4, strides=[2, 2]), 24)
     x = g.op("Add", y, g.norm(g.conv(x, 16, 24, 1, bias=False, strides=[2, 2]), 24))
     x = g.op("Dropout", g.norm(x, 24), ratio=0.4) if g.opset < 12 else g.norm(x, 24)
     x = g.op("Reshape", x, g.constant(np.int64([0, -1])))
     x = g.op("Gemm", x, g.weight(32, 24 * 36), g.weight(32), alpha=1.0, beta=1.0, transB=1)
-    x = g.op("BatchNormalization", x, *[g.weight(32, low=0.6, high=1.4) for _ in range(4)], epsilon=2e-5)
+    x = g.norm(x, 32, epsilon=2e-5)
     g.outputs.append(g.op("Div", x, g.op("ReduceL2", x, axes=[1], keepdims=1)))
 
 
@@ -136,14 +140,16 @@ def shape_arithmetic(g, x):
     x = g.op("Split", x, g.constant(np.int64([4, 12])), axis=2, outputs=2)
     g.outputs.append(g.op("Sigmoid", x[0]))
     half = g.op("Div", g.op("Cast", count, to=1), g.constant(np.float32(2)))
-    g.outputs.append(g.op("Mul", g.op("Exp", g.op("Clip", x[1], "", g.constant(np.float32(2)))), half))
+    x = g.op("Exp", g.op("Clip", x[1], "", g.constant(np.float32(2))))
+    g.outputs.append(g.op("Mul", x, half))
 
 
 def pixel_blocks(g, x):
     """Blocks of pixels through six axes, and the operators for it in both orders."""
     x = g.op("Relu", g.conv(x, 3, 16, pads=[1] * 4))
     y = g.op("Reshape", x, g.constant(np.int64([-1, 4, 2, 2, 12, 16])))
-    y = g.op("Reshape", g.op("Transpose", y, perm=[0, 1, 4, 2, 5, 3]), g.constant(np.int64([-1, 4, 24, 32])))
+    y = g.op("Transpose", y, perm=[0, 1, 4, 2, 5, 3])
+    y = g.op("Reshape", y, g.constant(np.int64([-1, 4, 24, 32])))
     z = g.op("DepthToSpace", x, blocksize=2, mode="DCR")
     y = g.op("Add", y, g.op("Add", z, g.op("DepthToSpace", x, blocksize=2, mode="CRD")))
     g.outputs.append(g.op("SpaceToDepth", g.op("Tanh", y), blocksize=2))
@@ -151,7 +157,8 @@ def pixel_blocks(g, x):
 
 def old_detector(g, x):
     """Scale and shift of bytes, slopes of 0.1, SAME pooling without a stride, Upsample."""
-    x = g.op("Add", g.op("Mul", x, g.constant(np.float32([1 / 255]))), g.constant(np.float32([[[0.1]], [[0.2]], [[0]]])))
+    x = g.op("Mul", x, g.constant(np.float32([1 / 255])))
+    x = g.op("Add", x, g.constant(np.float32([[[0.1]], [[0.2]], [[0]]])))
     for a, b, stride in ((3, 16, 2), (16, 24, 2), (24, 32, 1)):
         x = g.norm(g.conv(x, a, b, bias=False, auto_pad="SAME_UPPER"), b)
         x = g.op("MaxPool", g.op("LeakyRelu", x, alpha=0.1), kernel_shape=[2, 2],

@@ -104,7 +104,7 @@ class YoloAnchors(nn.Module):
 
     def forward(self, x):
         # Every second pixel of rows and columns as channels, with steps as slices.
-        x = torch.cat([x[..., ::2, ::2], x[..., 1::2, ::2], x[..., ::2, 1::2], x[..., 1::2, 1::2]], 1)
+        x = torch.cat([x[..., y::2, z::2] for z in (0, 1) for y in (0, 1)], 1)
         y = self.head(self.body(x))
         n, _, rows, columns = y.shape
         y = y.view(n, 3, 16, rows, columns).permute(0, 1, 3, 4, 2).contiguous()
@@ -172,7 +172,7 @@ class Context(nn.Module):
 
 
 class Heat(nn.Module):
-    """Heat maps: an hourglass, transposed convolutions, largest neighbours by pooling."""
+    """Heat maps: an hourglass, transposed convolutions, peaks by pooling."""
 
     def __init__(self, depth=3):
         super().__init__()
@@ -191,7 +191,7 @@ class Heat(nn.Module):
         for k in kept[::-1]:
             x = k + F.interpolate(x, scale_factor=2)
         heat = torch.sigmoid(self.out(self.up(x)))
-        return heat, F.max_pool2d(heat, 3, 1, 1)
+        return heat, heat * (F.max_pool2d(heat, 3, 1, 1) == heat).float()
 
 
 # ---- Classification ----
@@ -226,8 +226,9 @@ def fire(inputs, inner, outputs):
 
 def inception(inputs):
     return Calls(lambda self, x: torch.cat([self.a(x), self.b(x), self.c(x)], 1),
-                 a=conv(inputs, 16, 1), c=nn.Sequential(nn.AvgPool2d(3, 1, 1,
-                                                        count_include_pad=False), conv(inputs, 8, 1)),
+                 a=conv(inputs, 16, 1),
+                 c=nn.Sequential(nn.AvgPool2d(3, 1, 1, count_include_pad=False),
+                                 conv(inputs, 8, 1)),
                  b=nn.Sequential(conv(inputs, 8, 1), *[Tall(8, k) for k in ((1, 7), (7, 1))]))
 
 
@@ -319,7 +320,8 @@ class Attention(nn.Module):
         self.heads, self.size = heads, width // heads
         self.norms = nn.ModuleList([nn.LayerNorm(width), nn.LayerNorm(width)])
         self.qkv, self.out = nn.Linear(width, 3 * width), nn.Linear(width, width)
-        self.mlp = nn.Sequential(nn.Linear(width, 2 * width), nn.GELU(), nn.Linear(2 * width, width))
+        self.mlp = nn.Sequential(nn.Linear(width, 2 * width), nn.GELU(),
+                                 nn.Linear(2 * width, width))
 
     def forward(self, x):
         n, count, width = x.shape
@@ -367,7 +369,8 @@ def transfer():
             nn.InstanceNorm2d(b, affine=True)]
     return Chain(*block(3, 8, 9), nn.ReLU(), *block(8, 16, 3, 2), nn.ReLU(),
                  residual(*block(16, 16, 3), nn.ReLU(), *block(16, 16, 3)), *block(16, 8, 3, 1, 1),
-                 nn.ReLU(), nn.ReplicationPad2d(4), nn.Conv2d(8, 3, 9), lambda x: x.tanh() * 127 + 128)
+                 nn.ReLU(), nn.ReplicationPad2d(4), nn.Conv2d(8, 3, 9),
+                 lambda x: x.tanh() * 127 + 128)
 
 
 def super_resolution():
@@ -383,7 +386,8 @@ class Atrous(nn.Module):
 
     def __init__(self):
         super().__init__()
-        self.stem = nn.Sequential(conv(3, 16, 3, 2), inverted(16, 24, 2, 2), squeeze(24, 8, nn.Sigmoid))
+        self.stem = nn.Sequential(conv(3, 16, 3, 2), inverted(16, 24, 2, 2),
+                                  squeeze(24, 8, nn.Sigmoid))
         self.branches = nn.ModuleList([conv(24, 16, 1), conv(24, 16, dilation=6),
                                        conv(24, 16, dilation=12)])
         self.pooled = nn.Sequential(nn.AdaptiveAvgPool2d(1), nn.Conv2d(24, 16, 1), nn.ReLU())
@@ -392,9 +396,9 @@ class Atrous(nn.Module):
     def forward(self, x):
         size = x.shape[-2:]
         x = self.stem(x)
-        mean = F.interpolate(self.pooled(x), size=x.shape[-2:], mode="bilinear", align_corners=False)
+        mean = F.interpolate(self.pooled(x), x.shape[-2:], mode="bilinear", align_corners=False)
         y = self.last(torch.cat([b(x) for b in self.branches] + [mean], 1))
-        return F.interpolate(y, size=size, mode="bilinear", align_corners=True), y
+        return F.interpolate(y, size=size, mode="bilinear", align_corners=True).argmax(1).float(), y
 
 
 class Parsing(nn.Module):
@@ -422,9 +426,9 @@ def recognition():
                              nn.Conv2d(b, b, 3, stride, 1, bias=False), nn.BatchNorm2d(b))
         short = conv(a, b, 1, stride, act=None) if stride > 1 or a != b else nn.Identity()
         return Calls(lambda self, x: self.body(x) + self.short(x), body=body, short=short)
-    return Chain(lambda x: (x - 127.5) / 128, conv(3, 16, act=lambda: nn.PReLU(16)), block(16, 16, 2),
-                 block(16, 32, 2), block(32, 32, 1), nn.BatchNorm2d(32), nn.Dropout(0.4), nn.Flatten(),
-                 nn.Linear(32 * 49, 64), nn.BatchNorm1d(64),
+    return Chain(lambda x: (x - 127.5) / 128, conv(3, 16, act=lambda: nn.PReLU(16)),
+                 block(16, 16, 2), block(16, 32, 2), block(32, 32, 1), nn.BatchNorm2d(32),
+                 nn.Dropout(0.4), nn.Flatten(), nn.Linear(32 * 49, 64), nn.BatchNorm1d(64),
                  lambda x: x / torch.norm(x, 2, 1, True).clamp(min=1e-12))
 
 
@@ -441,20 +445,40 @@ def pose_angles():
 
 def sequence():
     """Text line: pooling of rows alone, then one vector a column."""
-    return Chain(conv(1, 16), nn.MaxPool2d((2, 1)), conv(16, 24), nn.MaxPool2d((2, 2), (2, 1), (0, 1)),
-                 nn.Conv2d(24, 24, (4, 2)), lambda x: x.squeeze(2).permute(2, 0, 1),
+    return Chain(conv(1, 16), nn.MaxPool2d((2, 1)), conv(16, 24),
+                 nn.MaxPool2d((2, 2), (2, 1), (0, 1)), nn.Conv2d(24, 24, (4, 2)),
+                 lambda x: x.squeeze(2).permute(2, 0, 1),
                  nn.Linear(24, 11), lambda x: x.log_softmax(2))
 
 
 def elementwise():
     """Rarer functions, constants of every shape that broadcasts."""
     row, column = torch.linspace(0.5, 1.5, 12), torch.linspace(0.2, 1, 9).view(9, 1)
-    return Chain(nn.Conv2d(3, 8, 3, 1, 1), lambda x: F.softplus(x) * row + column, nn.GroupNorm(2, 8),
+    return Chain(nn.Conv2d(3, 8, 3, 1, 1), lambda x: F.softplus(x) * row + column,
+                 nn.GroupNorm(2, 8),
                  lambda x: x.abs().sqrt() + x.exp().clamp(max=5) - F.hardsigmoid(x) * 2 ** (x / 4),
                  nn.SELU(), lambda x: torch.maximum(x, torch.tensor(-0.5)) / (x * x + 1),
                  lambda x: F.pad(x, (2, -1, 0, 1), value=0.25) - x.mean() + x.amin((2, 3), True),
                  nn.CELU(0.7), nn.Softsign(), lambda x: torch.min(x, -x) ** 3,
                  lambda x: 1 - torch.log(2 - x), nn.GLU(1), lambda x: x.sum(1, keepdim=True))
+
+
+def in_front(*layers, channels=16, **options):
+    """Layers behind one convolution."""
+    return lambda: nn.Sequential(conv(3, channels, **options), *[layer() for layer in layers])
+
+
+def fires():
+    pool = lambda: nn.MaxPool2d(3, 2, ceil_mode=True)
+    return nn.Sequential(nn.Conv2d(3, 16, 3, 2), nn.ReLU(), pool(), fire(16, 4, 12), pool(),
+                         fire(24, 4, 16), nn.Conv2d(32, 10, 1), nn.ReLU(),
+                         nn.AdaptiveAvgPool2d((1, 1)), nn.Flatten(), nn.Softmax(1))
+
+
+def plain():
+    return nn.Sequential(conv(3, 8), nn.MaxPool2d(2), conv(8, 16), nn.MaxPool2d(2),
+                         nn.AdaptiveAvgPool2d((2, 2)), nn.Flatten(), nn.Linear(64, 32), nn.ReLU(),
+                         nn.Dropout(), nn.Linear(32, 5))
 
 
 CASES = [
@@ -463,25 +487,23 @@ CASES = [
     ("blaze", Blaze, (1, 3, 64, 64), 11),
     ("context", Context, (1, 3, 64, 96), 11),
     ("heat", Heat, (1, 3, 64, 64), 13),
-    ("shuffle", lambda: nn.Sequential(conv(3, 24, 3, 2), Shuffle(24), Shuffle(24)), (1, 3, 32, 40), 9),
+    ("shuffle", in_front(lambda: Shuffle(24), lambda: Shuffle(24), channels=24, stride=2),
+     (1, 3, 32, 40), 9),
     ("ghost", lambda: nn.Sequential(ghost(3, 15), ghost(15, 20)), (1, 3, 20, 24), 11),
-    ("squeeze", lambda: nn.Sequential(nn.Conv2d(3, 16, 3, 2), nn.ReLU(), nn.MaxPool2d(3, 2, ceil_mode=True),
-                                      fire(16, 4, 12), nn.MaxPool2d(3, 2, ceil_mode=True),
-                                      fire(24, 4, 16), nn.Conv2d(32, 10, 1), nn.ReLU(),
-                                      nn.AdaptiveAvgPool2d((1, 1)), nn.Flatten(), nn.Softmax(1)),
-     (1, 3, 61, 47), 9),
-    ("inception", lambda: nn.Sequential(conv(3, 16, 3, 2), inception(16), inception(32)), (1, 3, 48, 64), 11),
-    ("dense", lambda: nn.Sequential(nn.Conv2d(3, 16, 3), Dense(), nn.AvgPool2d(2), Dense(40)), (1, 3, 20, 24), 10),
-    ("vgg", lambda: nn.Sequential(conv(3, 8), nn.MaxPool2d(2), conv(8, 16), nn.MaxPool2d(2), nn.AdaptiveAvgPool2d(
-        (2, 2)), nn.Flatten(), nn.Linear(64, 32), nn.ReLU(), nn.Dropout(), nn.Linear(32, 5)), (1, 3, 16, 16), 9),
-    ("attention-space", lambda: nn.Sequential(conv(3, 16), attention_of_space(16)), (1, 3, 16, 20), 13),
-    ("attention-line", lambda: nn.Sequential(conv(3, 16), attention_of_neighbours()), (1, 3, 16, 20), 11),
-    ("attention-axes", lambda: nn.Sequential(conv(3, 16), attention_of_axes(16)), (1, 3, 16, 20), 13),
-    ("selective", lambda: nn.Sequential(conv(3, 16), fused_kernels(16)), (1, 3, 16, 20), 13),
+    ("squeeze", fires, (1, 3, 61, 47), 9),
+    ("inception", in_front(lambda: inception(16), lambda: inception(32), stride=2),
+     (1, 3, 48, 64), 11),
+    ("dense", lambda: nn.Sequential(nn.Conv2d(3, 16, 3), Dense(), nn.AvgPool2d(2), Dense(40)),
+     (1, 3, 20, 24), 10),
+    ("plain", plain, (1, 3, 16, 16), 9),
+    ("attention-space", in_front(lambda: attention_of_space(16)), (1, 3, 16, 20), 13),
+    ("attention-line", in_front(attention_of_neighbours), (1, 3, 16, 20), 11),
+    ("attention-axes", in_front(lambda: attention_of_axes(16)), (1, 3, 16, 20), 13),
+    ("selective", in_front(lambda: fused_kernels(16)), (1, 3, 16, 20), 13),
     ("next", lambda: nn.Sequential(nn.Conv2d(3, 16, 4, 4), Next(16), Next(16)), (1, 3, 48, 64), 17),
     ("next-11", lambda: nn.Sequential(nn.Conv2d(3, 16, 4, 4), Next(16)), (1, 3, 48, 64), 11),
     ("transformer", Transformer, (1, 3, 32, 32), 14),
-    ("non-local", lambda: nn.Sequential(conv(3, 16), non_local(16)), (1, 3, 10, 12), 11),
+    ("non-local", in_front(lambda: non_local(16)), (1, 3, 10, 12), 11),
     ("transfer", transfer, (1, 3, 40, 48), 11),
     ("super-resolution", super_resolution, (1, 1, 24, 32), 11),
     ("atrous", Atrous, (1, 3, 96, 128), 12),

@@ -166,8 +166,9 @@ class Pfld(nn.Module):
 
 def mobilenet_v2():
     layers, inputs = [conv(3, 32, 3, 2, act=nn.ReLU6)], 32
-    for expand, outputs, count, stride in ((1, 16, 1, 1), (6, 24, 2, 2), (6, 32, 3, 2), (6, 64, 4, 2),
-                                           (6, 96, 3, 1), (6, 160, 3, 2), (6, 320, 1, 1)):
+    for expand, outputs, count, stride in (
+            (1, 16, 1, 1), (6, 24, 2, 2), (6, 32, 3, 2), (6, 64, 4, 2), (6, 96, 3, 1),
+            (6, 160, 3, 2), (6, 320, 1, 1)):
         for i in range(count):
             layers.append(inverted(inputs, outputs, stride if i == 0 else 1, expand, nn.ReLU6))
             inputs = outputs
@@ -228,9 +229,21 @@ def cascade(convolutions, pools):
     return parts
 
 
+class Heads(nn.Module):
+    """A body and several heads on it; the score is a probability."""
+
+    def __init__(self, body, **heads):
+        super().__init__()
+        self.body, self.heads = body, nn.ModuleDict(heads)
+
+    def forward(self, x):
+        y = self.body(x)
+        return tuple(F.softmax(head(y), 1) if name == "score" else head(y)
+                     for name, head in self.heads.items())
+
+
 def proposal():
-    return Calls(lambda self, x: (lambda y: (F.softmax(self.score(y), 1), self.box(y)))(self.body(x)),
-                 body=nn.Sequential(*cascade([(3, 10, 3), (10, 16, 3), (16, 32, 3)], [2, 0, 0])),
+    return Heads(body=nn.Sequential(*cascade([(3, 10, 3), (10, 16, 3), (16, 32, 3)], [2, 0, 0])),
                  score=nn.Conv2d(32, 2, 1), box=nn.Conv2d(32, 4, 1))
 
 
@@ -243,16 +256,13 @@ class Columns(nn.Module):
 
 def refinement():
     body = cascade([(3, 28, 3), (28, 48, 3), (48, 64, 2)], [3, 3, 0])
-    return Calls(lambda self, x: (lambda y: (self.box(y), F.softmax(self.score(y), 1)))(self.body(x)),
-                 body=nn.Sequential(*body, Columns(), nn.Linear(576, 128), nn.PReLU(128)),
+    return Heads(body=nn.Sequential(*body, Columns(), nn.Linear(576, 128), nn.PReLU(128)),
                  score=nn.Linear(128, 2), box=nn.Linear(128, 4))
 
 
 def output_net():
     body = cascade([(3, 32, 3), (32, 64, 3), (64, 64, 3), (64, 128, 2)], [3, 3, 2, 0])
-    return Calls(lambda self, x: (lambda y: (self.box(y), self.points(y), F.softmax(self.score(y), 1))
-                                  )(self.body(x)),
-                 body=nn.Sequential(*body, Columns(), nn.Linear(1152, 256), nn.Dropout(0.25),
+    return Heads(body=nn.Sequential(*body, Columns(), nn.Linear(1152, 256), nn.Dropout(0.25),
                                     nn.PReLU(256)),
                  score=nn.Linear(256, 2), box=nn.Linear(256, 4), points=nn.Linear(256, 10))
 

@@ -1,15 +1,18 @@
 """Exports every network from torch, converts it, and compares what both compute; graphs as
 other exporters write them are compared with their evaluation node by node.
 
-    run.py [NAME...] [--folder F] [--seed N] [--runner 'cmake/wine build/windows/tools/zyn-run.exe']
+    run.py [NAME...] [--folder F] [--seed N] [--random N] [--runner 'cmake/wine .../zyn-run.exe']
 
-With a runner the files also run in a program of their own, by the automatic choice.
+Behind them N random graphs; those that are wrong are named by their seeds. With a runner the
+files also run in a program of their own, by the automatic choice.
 
 The error of a method is the largest absolute difference to the expected output, as a part of
 the output's largest absolute value. Exit code 0: all converted, every error within 1e-4.
 """
 
 import argparse
+import contextlib
+import io
 import os
 import shlex
 import subprocess
@@ -22,6 +25,7 @@ import numpy as np
 import onnx
 import torch
 
+import chance
 import foreign
 import further
 import networks
@@ -51,9 +55,17 @@ def from_elsewhere(fill, shape, opset, seed, path):
     """The same for a graph that is built node by node."""
     builder = foreign.Builder(shape, opset, seed)
     fill(builder, "image")
+    return evaluated(builder, path)
+
+
+def from_chance(_, shape, opset, seed, path):
+    return evaluated(chance.graph(seed), path)
+
+
+def evaluated(builder, path):
     model = builder.model()
     onnx.save(model, path)
-    x = builder.random.standard_normal([n if isinstance(n, int) else 1 for n in shape])
+    x = builder.random.standard_normal([n if isinstance(n, int) else 1 for n in builder.shape])
     values = evaluate(model, {"image": x})
     return x.astype(np.float32), {name: values[name] for name in builder.outputs}
 
@@ -82,9 +94,11 @@ def try_network(case, options):
     """A line of the table, and whether all is well."""
     export, (name, make, shape, opset) = case
     file = os.path.join(options.folder, name + ".zyn")
-    x, expected = export(make, shape, opset, options.seed, file[:-4] + ".onnx")
-    if convert([file[:-4] + ".onnx", "-o", file]) != 0:
-        return f"{name:20} not converted", False
+    seed = int(name.split()[1]) if export is from_chance else options.seed
+    x, expected = export(make, shape, opset, seed, file[:-4] + ".onnx")
+    with contextlib.redirect_stdout(io.StringIO()):  # the summary
+        if convert([file[:-4] + ".onnx", "-o", file]) != 0:
+            return f"{name:20} not converted", False
     errors = []
     for method in METHODS:
         net = zyncore.Net(file, method=method)
@@ -101,7 +115,8 @@ def main():
     parser.add_argument("names", nargs="*")
     parser.add_argument("--folder", help="where the files stay")
     parser.add_argument("--runner", help="zyn-run, or a command that starts it")
-    parser.add_argument("--seed", type=int, default=7)
+    parser.add_argument("--seed", type=int, default=7, help="of the weights (7)")
+    parser.add_argument("--random", type=int, default=0, help="how many random graphs (0)")
     options = parser.parse_args()
     temporary = None if options.folder else tempfile.TemporaryDirectory()
     options.folder = options.folder or temporary.name
@@ -109,6 +124,8 @@ def main():
     cases = [(from_torch, case) for case in networks.CASES + further.CASES]
     cases += [(from_elsewhere, case) for case in foreign.CASES]
     cases = [c for c in cases if not options.names or c[1][0] in options.names]
+    cases += [(from_chance, (f"random {seed}", None, None, None))
+              for seed in range(0 if options.names else options.random)]
     lines, wrong = [], []
     for case in cases:
         try:
@@ -116,7 +133,8 @@ def main():
         except Exception:
             traceback.print_exc()
             line, right = f"{case[1][0]:20} failed", False
-        lines.append(line + ("" if right else "  <--"))
+        if case[0] is not from_chance or not right:
+            lines.append(line + ("" if right else "  <--"))
         wrong += [] if right else [case[1][0]]
     print(f"\n{'network':20}{'nodes':>6}{'M mult-add':>10}" +
           "".join(f"{str(method):>11}" for method in METHODS) +

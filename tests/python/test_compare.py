@@ -93,7 +93,8 @@ FAULTS = [  # node, pattern, what is planted
     ("a", "channels swapped", constant("k1", weights(W1.shape, lambda w: w[:, ::-1]))),
     ("d", "channels swapped", constant("k3", lambda v: np.concatenate(
         [v[:32].reshape(4, 8)[[2, 1, 0, 3]].ravel(), v[32:][[2, 1, 0, 3]]]))),
-    ("a", "rows and columns exchanged", constant("k1", weights(W1.shape, lambda w: w.swapaxes(2, 3)))),
+    ("a", "rows and columns exchanged",
+     constant("k1", weights(W1.shape, lambda w: w.swapaxes(2, 3)))),
     ("d", "scale", constant("k3", lambda v: v * 1.01)),
     ("d", "shift", constant("k3", tail(4, lambda bias: bias + 0.1))),
     ("a", "shift", constant("k1", tail(8, lambda bias: bias + np.linspace(0, 0.3, 8)))),

@@ -19,7 +19,8 @@ def main(arguments: list[str] | None = None) -> int:
     parser.add_argument("--seed", type=int, default=0, help="of the random values (0)")
     parser.add_argument("--tolerance", type=float, default=1e-4, metavar="T",
                         help="largest difference, as a part of a tensor's largest value (1e-4)")
-    parser.add_argument("--method", default="automatic", choices=["automatic", "timed", "0", "1", "2"],
+    parser.add_argument("--method", default="automatic",
+                        choices=["automatic", "timed", "0", "1", "2"],
                         help="how convolutions compute")
     options = parser.parse_args(arguments)
     try:

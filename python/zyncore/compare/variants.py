@@ -89,7 +89,8 @@ def _weights(piece: Piece, index: int, node: onnx.NodeProto) -> Variants:
 def _window(piece: Piece, index: int, node: onnx.NodeProto) -> Variants:
     """Pairs that belong to rows and columns the other way round."""
     pairs = {a.name: list(a.ints) for a in node.attribute
-             if a.name in ("strides", "dilations", "pads", "kernel_shape") and len(a.ints) in (2, 4)}
+             if a.name in ("strides", "dilations", "pads", "kernel_shape")
+             and len(a.ints) in (2, 4)}
     turned = {name: [v[1], v[0]] if len(v) == 2 else [v[1], v[0], v[3], v[2]]
               for name, v in pairs.items()}
     names = [name for name in pairs if turned[name] != pairs[name]]
@@ -144,9 +145,9 @@ def _number(attribute: str, default: float, pattern: str):
         for value in (0.0, 1e-12, 1e-8, 1e-7, 1e-6, 1e-5, 2e-5, 1e-4, 5e-4, 1e-3, 2e-3, 1e-2, 0.02,
                       0.1, 0.2, 0.25, 0.3, 1.0):
             if not np.isclose(value, own, rtol=1e-3, atol=0):
-                yield (pattern, f"{attribute} of '{node.output[0]}' is {own:g}, these are the values "
-                       f"for {value:g}", _with_attributes(piece, index, node, **{attribute: value}),
-                       False)
+                other = _with_attributes(piece, index, node, **{attribute: value})
+                yield (pattern, f"{attribute} of '{node.output[0]}' is {own:g}, these are the "
+                       f"values for {value:g}", other, False)
     return family
 
 
