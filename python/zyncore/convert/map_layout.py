@@ -5,7 +5,6 @@ from __future__ import annotations
 import math
 
 import numpy as np
-from onnx import TensorProto
 
 from .constants import MOST_CONSTANT
 from .graph import Node, Refusal, shape_text
@@ -27,8 +26,7 @@ _LOGICAL = {"Equal", "Greater", "Less", "GreaterOrEqual", "LessOrEqual", "And", 
 
 def cast(m: Mapper, node: Node) -> None:
     logical = m.producers.get(node.inputs[0])
-    if node.integer("to", 1) == TensorProto.BOOL or not (
-            node.integer("to", 1) in FLOAT_TYPES or logical and logical.op in _LOGICAL):
+    if node.integer("to", 1) not in FLOAT_TYPES and not (logical and logical.op in _LOGICAL):
         raise Refusal("it makes whole numbers of values that the network computes",
                       "cut the graph before it")
     same(m, node)
