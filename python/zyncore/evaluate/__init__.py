@@ -3,7 +3,8 @@
     values = evaluate(onnx.load("net.onnx"), {"image": array})
 
 gives the value of every name in the graph, for opsets 9 to 17. Real arithmetic is done in
-double precision inside a node and rounded to the model's own type behind it. One file per
+double precision inside a node and rounded to the model's own type behind it, but never to
+half precision: what is half in the file is single here. One file per
 family of operators: windows (convolution, pooling), elementwise, reductions (sums, products
 of matrices, normalisation), moving (shapes and places), resizing.
 """
@@ -47,7 +48,11 @@ def evaluate_node(proto: onnx.NodeProto, inputs: Sequence[np.ndarray | None],
     else:
         result = function(node, *inputs)
     results = result if isinstance(result, (tuple, list)) else (result,)
-    return [np.asarray(value) for value in results]
+    return [_not_half(np.asarray(value)) for value in results]
+
+
+def _not_half(array: np.ndarray) -> np.ndarray:
+    return array.astype(np.float32) if array.dtype == np.float16 else array
 
 
 def _in_double(function, node: Node, inputs: Sequence[np.ndarray | None]):
@@ -74,7 +79,8 @@ def evaluate(model: onnx.ModelProto, inputs: Mapping[str, np.ndarray]) -> dict[s
     for port in model.graph.input:
         if port.name in inputs:
             kind = onnx.mapping.TENSOR_TYPE_TO_NP_TYPE[port.type.tensor_type.elem_type]
-            values[port.name] = np.asarray(inputs[port.name]).astype(kind)
+            values[port.name] = np.asarray(inputs[port.name]).astype(
+                np.float32 if kind == np.float16 else kind)
         elif port.name not in values:
             raise ValueError(f"input '{port.name}' is missing")
     _run(model.graph, values, opset_of(model))
@@ -82,7 +88,8 @@ def evaluate(model: onnx.ModelProto, inputs: Mapping[str, np.ndarray]) -> dict[s
 
 
 def _add_initializers(graph: onnx.GraphProto, values: dict[str, np.ndarray]) -> None:
-    values.update((tensor.name, numpy_helper.to_array(tensor)) for tensor in graph.initializer)
+    for tensor in graph.initializer:
+        values[tensor.name] = _not_half(numpy_helper.to_array(tensor))
 
 
 def _run(graph: onnx.GraphProto, values: dict[str, np.ndarray], opset: int) -> None:

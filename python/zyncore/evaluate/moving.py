@@ -53,8 +53,9 @@ def cast(node: Node, x):
     kind = node.get("to")
     if kind not in onnx.mapping.TENSOR_TYPE_TO_NP_TYPE or kind == onnx.TensorProto.STRING:
         raise node.unsupported(f"element type {kind}")
+    target = onnx.mapping.TENSOR_TYPE_TO_NP_TYPE[kind]
     with np.errstate(all="ignore"):
-        return x.astype(onnx.mapping.TENSOR_TYPE_TO_NP_TYPE[kind])
+        return x.astype(np.float32 if target == np.float16 else target)
 
 
 @moves("Reshape")
