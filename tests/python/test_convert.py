@@ -204,6 +204,8 @@ CASES = [
     ("local maxima", IMAGE, lambda n, x: [
         n.Mul(x, n.Cast(n.Equal(x, n.MaxPool(x, kernel_shape=[3, 3], pads=[1] * 4)), to=1)),
         n.Where(n.Or(n.Greater(x, f(0.5)), n.Not(n.GreaterOrEqual(x, w(6, 1, 1)))), x, f(-7)),
+        n.Cast(n.Sub(n.Cast(n.Greater(x, f(0)), to=7), n.Cast(n.Cast(n.Less(x, f(0)), to=9), to=7)),
+               to=1),
         n.Cast(n.And(n.Less(x, w(12)), n.LessOrEqual(f(-1), x)), to=1)], (13,)),
     ("softmax", IMAGE, lambda n, x: [n.Softmax(x, axis=1), n.LogSoftmax(x, axis=3), n.Softmax(
         n.Flatten(x))], (9, 13)),
@@ -281,7 +283,8 @@ CASES = [
                                           else_branch=branch(2)), (13,)),
     ("shape alone", [IMAGE, (1, 1, 18, 24)], lambda n, a, b: n.Resize(a, "", "", n.Concat(n.Slice(
         n.Shape(a), i(0), i(2)), n.Slice(n.Shape(b), i(2), i(4)), axis=0)), (13,)),
-    ("nothing to do", IMAGE, lambda n, x: n.Dropout(n.Identity(x)), (13,)),
+    ("nothing to do", IMAGE, lambda n, x: n.Dropout(n.Dropout(n.Identity(x)), outs=2)[0],
+     (13,)),
     ("twice the same", IMAGE, lambda n, x: (lambda y: [y, n.Identity(y), n.Relu(y)])(n.Sigmoid(
         n.Exp(x))), (13,)),
     ("constants alone", IMAGE, lambda n, x: [n.Add(x, n.Sqrt(n.ConstantOfShape(i(12), value=(
@@ -466,6 +469,11 @@ BAD = [
     ("unknown size", with_input(TensorProto.FLOAT, "n", 6, "h", "w"), "--input-shape in0=1,6,"),
     ("no shape", with_input(TensorProto.FLOAT), "not"),
     ("four images", with_input(TensorProto.FLOAT, 4, 6, 9, 12), "one image at a time"),
+    ("addend too large", one("Gemm", w(8, 3), w(8, 3), shape=(1, 8)), "cannot be added"),
+    ("slopes beside", one("PRelu", w(2, 6, 1, 1)), "slopes"),
+    ("three halves", model(IMAGE, lambda n, x: n.Conv(x, w(4, 6, 1, 1), outs=2)), "1 are computed"),
+    ("cut to whole numbers", model(IMAGE, lambda n, x: n.Cast(n.Cast(x, to=1), to=7)), "Cast"),
+    ("no number", one("LeakyRelu", alpha=float("nan")), "not finite"),
     ("constants alone", model(IMAGE, lambda n, x: n.Cast(n.Shape(x), to=1)), "constants"),
     ("other channels", with_input(TensorProto.FLOAT, 1, 7, 9, 12), "7 channels"),
     ("too small", with_input(TensorProto.FLOAT, 1, 6, 2, 12), "kernel reaches over 3"),

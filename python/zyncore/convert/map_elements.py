@@ -141,6 +141,8 @@ def _activation(m: Mapper, node: Node, x: Step) -> Step:
 def prelu(m: Mapper, node: Node) -> None:
     name = node.inputs[0]
     shape = m.graph.shapes[name]
+    if broadcast([shape, m.graph.shape(node, 1)]) != shape:
+        raise Refusal(f"slopes {shape_text(m.graph.shape(node, 1))} for {shape_text(shape)}")
     values = m.graph.constants.get(node.inputs[1])
     along = None if values is None else m.by_axis(values, shape)
     if along:

@@ -24,9 +24,15 @@ def same(m: Mapper, node: Node) -> None:
 _LOGICAL = {"Equal", "Greater", "Less", "GreaterOrEqual", "LessOrEqual", "And", "Or", "Not"}
 
 
+def _is_whole(node: Node | None) -> bool:
+    """Whether what a node makes of values is 0 or 1, under whatever type."""
+    return node is not None and (node.op in _LOGICAL or (
+        node.op == "Cast" and node.attributes.get("to") not in FLOAT_TYPES))
+
+
 def cast(m: Mapper, node: Node) -> None:
-    logical = m.producers.get(node.inputs[0])
-    if node.integer("to", 1) not in FLOAT_TYPES and not (logical and logical.op in _LOGICAL):
+    to = node.integer("to", 1)
+    if to not in FLOAT_TYPES and not _is_whole(m.producers.get(node.inputs[0])):
         raise Refusal("it makes whole numbers of values that the network computes",
                       "cut the graph before it")
     same(m, node)

@@ -93,6 +93,8 @@ class Mapper:
         return self.add(Operator(reads, tuple(dims), "", kind, list(words)))
 
     def function(self, x: Step, function: str, a: float = 0.0, b: float = 0.0) -> Step:
+        if any(math.isnan(v) or (math.isinf(v) and function != "CLIP") for v in (a, b)):
+            raise Refusal("one of its numbers is not finite")
         return self.add(Function([x], x.dims, "", function, float(a), float(b)))
 
     def affine(self, x: Step, scale: np.ndarray | float, shift: np.ndarray | float,
@@ -199,10 +201,9 @@ def _set_outputs(mapper: Mapper, problems: list[Problem]) -> None:
     for name in graph.outputs:
         try:
             leading_of(graph.shapes[name])
+            step = mapper.get(name)
+            if isinstance(step, (Constant, Input)):
+                step = mapper.affine(step, 1.0, 0.0)
+            mapper.program.outputs[name] = step
         except Refusal as refusal:
             problems.append(problem(graph, Node("output", name, [name], []), refusal))
-            continue
-        step = mapper.get(name)
-        if isinstance(step, (Constant, Input)):
-            step = mapper.affine(step, 1.0, 0.0)
-        mapper.program.outputs[name] = step

@@ -211,7 +211,7 @@ def _l2_norm(graph: Graph, producers: dict[str, Node], root: Node) -> Node | Non
     elif not at or at.op != "ReduceL2" or at.inputs[0] != x:
         return None
     axes = axes_of(graph, at, len(graph.shapes[x]))
-    if epsilon < 0 or not axes or len(axes) != 1 or at.integer("keepdims", 1) != 1:
+    if not 0 <= epsilon < 1e30 or not axes or len(axes) != 1 or at.integer("keepdims", 1) != 1:
         return None
     return Node("L2Normalization", root.name, [x], root.outputs[:1],
                 {"axis": axes[0], "epsilon": float(epsilon)})

@@ -253,6 +253,8 @@ def gemm_shape(graph: Graph, node: Node) -> tuple[int, int, int]:
     k2, n = b[::-1] if node.integer("transB", 0) else b
     if k != k2:
         raise Refusal(f"{shape_text(a)} and {shape_text(b)} do not fit each other")
+    if node.has(2) and broadcast([(m, n), graph.shape(node, 2)]) != (m, n):
+        raise Refusal(f"{shape_text(graph.shape(node, 2))} cannot be added to {shape_text((m, n))}")
     return m, k, n
 
 

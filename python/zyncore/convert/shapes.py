@@ -122,6 +122,7 @@ def _evaluate(graph: Graph, node: Node) -> bool:
         values = made if isinstance(made, list) else [made]
     else:
         return False
+    _check_outputs(node, len(values))
     for name, value in zip(node.outputs, values):
         if name:
             graph.constants[name] = value
@@ -129,11 +130,18 @@ def _evaluate(graph: Graph, node: Node) -> bool:
     return True
 
 
+def _check_outputs(node: Node, made: int) -> None:
+    if any(node.outputs[made:]):
+        raise Refusal(f"it has {len(node.outputs)} outputs, {made} are computed")
+
+
 def _set_shapes(graph: Graph, node: Node) -> None:
     rule = _RULES.get(node.op)
     if rule is None:
         raise unknown(node)
-    for name, shape in zip(node.outputs, rule(graph, node)):
+    shapes = rule(graph, node)
+    _check_outputs(node, len(shapes))
+    for name, shape in zip(node.outputs, shapes):
         check_elements(shape)
         if name:
             graph.shapes[name] = tuple(int(n) for n in shape)
@@ -149,6 +157,7 @@ def _without_mask(graph: Graph, node: Node) -> list[Shape]:
     for value in node.outputs[1:]:
         if value and (value in users or value in graph.outputs):
             raise Refusal("its outputs for training are used", "export in evaluation mode")
+    node.outputs = node.outputs[:1]
     return [graph.shape(node)]
 
 
