@@ -76,7 +76,7 @@ class Dilated(nn.Module):
 
     def __init__(self, channels):
         super().__init__()
-        inner, act = channels // 8, nn.ReLU
+        inner = channels // 8
         self.branches = nn.ModuleList([
             nn.Sequential(conv(channels, inner, 1, act=None), conv(inner, 2 * inner),
                           conv(2 * inner, 2 * inner, dilation=2, act=None)),
