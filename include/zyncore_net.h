@@ -337,7 +337,9 @@ enum {
 typedef struct zyn_net_node {
   const char* name;      /* "" where the file has none */
   int32_t type;          /* ZYN_OP_* */
-  const char* operation; /* the operator's name, "CONV" for ZYN_OP_CONV */
+  const char* operation; /* the operator's name: "CONV" for ZYN_OP_CONV; "JOIN", "WINDOW",
+                           "RESIZE", "REDUCE", "PERMUTE", "PAD", "SHUFFLE", "PART" for the
+                           records of the further operators */
   int32_t dim_count;     /* of the output; 0: none */
   int32_t dims[5];
   int32_t method;     /* convolutions: 0, 1, 2, or 3 and 4: kernels of any shape that write
