@@ -19,3 +19,9 @@ install(FILES ${PROJECT_BINARY_DIR}/zyncore.pc DESTINATION ${CMAKE_INSTALL_LIBDI
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
               ${PROJECT_SOURCE_DIR}/LICENSE TYPE DOC)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ TYPE DOC)
+
+# The Python package finds the library in the folders around it.
+if(ZYN_PYTHON)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/python/zyncore DESTINATION lib/python3/dist-packages
+          PATTERN __pycache__ EXCLUDE)
+endif()

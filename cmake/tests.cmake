@@ -63,6 +63,13 @@ add_test(NAME zyn_bench COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DI
          $<TARGET_FILE:zyn-bench> ${PROJECT_SOURCE_DIR}/bench/layers ${CMAKE_CROSSCOMPILING_EMULATOR})
 # The page's table of reports is that of the sources.
 add_test(NAME report_sites COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_report_sites.sh)
+# The Python package on the built library (native builds; sanitizers would have to be in the
+# interpreter too).
+if(NOT CMAKE_CROSSCOMPILING AND NOT CMAKE_CXX_FLAGS MATCHES "fsanitize|coverage")
+  add_test(NAME python COMMAND /usr/bin/python3 -B -m unittest discover -s ${PROJECT_SOURCE_DIR}/tests/python)
+  set_tests_properties(python PROPERTIES TIMEOUT 900
+    ENVIRONMENT "ZYN_LIBRARY=$<TARGET_FILE:zyncore>;PYTHONPATH=${PROJECT_SOURCE_DIR}/python")
+endif()
 # What is installed serves a C and a C++ host (native builds; sanitizers would have to be
 # linked into the hosts too).
 if(NOT CMAKE_CROSSCOMPILING AND NOT CMAKE_CXX_FLAGS MATCHES "fsanitize|coverage")

@@ -3,7 +3,8 @@
 # two at a time, beginning with its inputs in fuzz/corpus. What it discovers stays in
 # BUILD_DIR/fuzz/corpus; an input that breaks something is named, kept and makes the exit
 # status 1. SECONDS 0: the committed inputs alone. MERGE=1 makes them a small set
-# that reaches what all inputs reach.
+# that reaches what all inputs reach. ZYN_GUARD_PAGES=1 puts the blocks of every input before
+# inaccessible pages, not only those of a share.
 set -u
 build=${1:?usage: run.sh BUILD_DIR SECONDS [TARGET]} seconds=${2:?usage: run.sh BUILD_DIR SECONDS [TARGET]}
 here=$(cd "$(dirname "$0")" && pwd)

@@ -336,7 +336,8 @@ typedef struct zyn_net_node {
   const char* operation; /* the operator's name, "CONV" for ZYN_OP_CONV */
   int32_t dim_count;     /* of the output; 0: none */
   int32_t dims[5];
-  int32_t method;     /* convolutions: 0, 1, 2; else -1 */
+  int32_t method;     /* convolutions: 0, 1, 2, or 3 and 4: kernels of any shape that write
+                         channel blocks or planes; else -1 */
   int64_t parameters; /* floats of the constants that it reads */
   int64_t multiply_adds;
 } zyn_net_node;
@@ -409,7 +410,7 @@ ZYN_API int32_t zyn_net_writer_output(zyn_net_writer* writer, const zyn_net_port
 /* Fraction bits of a node's output; nodes that are not given any have 0. 0, 1 or 2. */
 ZYN_API int32_t zyn_net_writer_q(zyn_net_writer* writer, int32_t node, int32_t q);
 
-/* The convolution method of a node (0, 1, 2). 0, 1 or 2. */
+/* The convolution method of a node (0 to 4, see zyn_net_node). 0, 1 or 2. */
 ZYN_API int32_t zyn_net_writer_method(zyn_net_writer* writer, int32_t node, int32_t method);
 
 /* A line of metadata. 0, 1 (null, an empty or repeated key) or 2. */

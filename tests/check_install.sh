@@ -2,7 +2,8 @@
 # Installs the library into a folder of its own, moves it, and builds C and C++ programs against
 # it as a host does: check_install.sh CMAKE BUILD_FOLDER SOURCE_FOLDER VERSION. All link the
 # shared library, one the static one as well; the programs of the README and of docs/networks.md
-# are taken from their texts, and the latter reads a file that the Python writer made.
+# are taken from their texts, and the latter reads a file that the Python writer made. The Python
+# package tests itself.
 set -euo pipefail
 cmake=$1
 build=$2
@@ -80,8 +81,20 @@ END_OF_WRITER
   for program in network_c network_cpp; do
     [ "$("$work/out/$program" "$work/ones.zyn")" = 2.5 ] || fail "$program: not 2.5"
   done
+  # The installed Python package finds the library around it; so does one that pip put there.
+  packages=$work/moved/lib/python3/dist-packages
+  selftest() { quietly env -u ZYN_LIBRARY PYTHONPATH="$packages" /usr/bin/python3 -B -m zyncore.selftest; }
+  selftest
+  if /usr/bin/python3 -c 'import pip, setuptools, wheel' 2>/dev/null; then
+    cp -r "$3/python" "$work/python" # building leaves files in the tree
+    rm -r "$packages"
+    quietly /usr/bin/python3 -m pip install --no-index --no-build-isolation "$work/python" --target "$packages"
+    selftest
+  else
+    echo "no pip: installing with it is passed over"
+  fi
 else
-  echo "no numpy: the Python writer is passed over"
+  echo "no numpy: Python is passed over"
 fi
 ! "$work/out/network_c" "$readme" >"$work/said" || fail "a README is taken for a network"
 grep -q 'this is no network file' "$work/said" || fail "not explained: $(cat "$work/said")"

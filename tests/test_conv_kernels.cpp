@@ -5,6 +5,7 @@
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi.h"
 #include "cg/cpu/kernels/gemm/zyn_gemm_pack.h"
+#include "cg/cpu/kernels/general/zyn_conv_general.h"
 #include "cg/cpu/kernels/planned/zyn_conv_plan.h"
 #include "support/conv_case.h"
 #include "support/failing.h"
@@ -103,6 +104,94 @@ TEST(ConvKernels, PlanarKernelsServeOutputsOfAnySize) {
         EXPECT_EQ(run(&out.tensor, &input.tensor, constant.floats.data(), &p, nullptr), 0u);
         EXPECT_TRUE(agrees(Net::read(&out.tensor), expected, 0)) << kernel << groups << ow;
       }
+}
+
+// The same values in another order of channels.
+Array in_order(const Array& a, uint32_t layout) {
+  Array moved = a;
+  for_each_element(
+      a, [&](int x, int y, int z) { moved.v[place(a, x, y, z, layout)] = a.at(x, y, z); });
+  return moved;
+}
+
+void check_general(const zyn_conv_param& p, int w, int h, Random& random) {
+  const int inputs = p.groups == 1 ? p.in_channels : 1;
+  const int taps = p.kernel_h * p.kernel_w * inputs * p.out_channels;
+  const Array in = integers(random, {w, h, p.in_channels}, 4);
+  const Array weights = integers(random, {taps}, 3), biases = integers(random, {p.out_channels}, 9);
+  const auto extent = [](int size, int k, int pad, int s, int d) {
+    return (size + 2 * pad - (k - 1) * d - 1) / s + 1;
+  };
+  const int ow = extent(w, p.kernel_h, p.pad_h, p.stride_h, p.dilation_h);
+  const int oh = extent(h, p.kernel_w, p.pad_w, p.stride_w, p.dilation_w);
+  const Array raw = reference_conv(in, weights, p, false, ow, oh);
+  const int activation = random.integer(0, 2);
+  const bool biased = random.integer(0, 3) > 0;
+  Array expected = raw;
+  for_each_element(raw, [&](int x, int y, int z) {
+    double& v = expected.at(x, y, z);
+    v += biased ? biases.v[static_cast<size_t>(z)] : 0;
+    if (activation == ZYN_EPILOGUE_RELU) v = std::max(v, 0.0);
+    if (activation == ZYN_EPILOGUE_HARD_SWISH) v *= std::min(std::max(v + 3, 0.0), 6.0) / 6;
+  });
+  const Block constant(weights), bias(biases);
+  for (const bool planar : {false, true})
+    for (const uint32_t layout : {ZYN_LAYOUT_PLANAR, ZYN_LAYOUT_BLOCKED}) {
+      int64_t floats = 0;
+      zyn_conv_general* layer = zyn_conv_general_prepare(constant.floats.data(), &p, in.dims.data(),
+                                                         raw.dims.data(), planar, &floats);
+      ASSERT_NE(layer, nullptr);
+      Block input(in_order(in, layout));
+      input.tensor.layout = layout;
+      Block out(Array({ow, oh, p.out_channels}, 77));
+      const auto scratch =
+          std::make_unique<PageEnd<float>>(static_cast<size_t>(floats + 7) / 8 * 8);
+      std::fill(scratch->begin(), scratch->end(), NAN);
+      zyn_conv_general_run(layer, &out.tensor, &input.tensor,
+                           {biased ? bias.floats.data() : nullptr, activation}, scratch->data());
+      zyn_conv_general_release(&layer);
+      ASSERT_TRUE(agrees(Net::read(&out.tensor), expected, activation == 2 ? 1e-3 : 0))
+          << w << "x" << h << " channels " << p.in_channels << ">" << p.out_channels << " kernel "
+          << p.kernel_h << "x" << p.kernel_w << " stride " << p.stride_h << " pad " << p.pad_h
+          << "," << p.pad_w << " dilation " << p.dilation_h << " groups " << p.groups << planar
+          << layout;
+    }
+}
+
+TEST(ConvKernels, GeneralOnesServeEveryShapeInBothOrders) {
+  Random random(5);
+  constexpr int kChannels[] = {1, 2, 3, 4, 5, 7, 8, 10, 12, 13, 16, 24, 31, 40, 72};
+  constexpr int kKernels[] = {1, 2, 3, 5, 7};
+  for (int i = 0; i < (soak(300, 20000)); i++) {
+    const auto pick = [&](const auto& list) {
+      return list[random.integer(0, static_cast<int>(std::size(list)) - 1)];
+    };
+    zyn_conv_param p = conv_param(pick(kChannels), pick(kChannels), pick(kKernels), 1, 0);
+    if (i % 3 == 0) p.groups = p.out_channels = p.in_channels;
+    if (i % 4 == 0) p.kernel_w = pick(kKernels);
+    p.stride_h = random.integer(1, 3), p.stride_w = i % 5 ? p.stride_h : random.integer(1, 2);
+    p.dilation_h = p.dilation_w = i % 4 == 1 ? 2 : 1;
+    p.pad_h = random.integer(0, (p.kernel_h - 1) * p.dilation_h);
+    p.pad_w = i % 2 ? p.pad_h : 0;
+    p.pad_w = std::min(p.pad_w, (p.kernel_w - 1) * p.dilation_w);
+    const int w = random.integer(1, i % 7 ? 20 : 90) + (p.kernel_h - 1) * p.dilation_h;
+    const int h = random.integer(1, i % 11 ? 12 : 60) + (p.kernel_w - 1) * p.dilation_w;
+    check_general(p, w, h, random);
+    if (HasFatalFailure()) return;
+  }
+  // Many channels: weights come in chunks; rows in strips.
+  check_general(conv_param(300, 20, 3, 1, 1), 40, 30, random);
+  check_general(conv_param(64, 64, 5, 1, 2, 64), 70, 60, random);
+  check_general(conv_param(700, 530, 1, 1, 0), 1, 1, random);
+  // Padding beyond the kernel and kernels far beyond the input are left to others.
+  int64_t floats = 0;
+  const float weight = 1;
+  const int32_t extents[] = {5, 5};
+  for (zyn_conv_param p :
+       {conv_param(1, 1, 1, 1, 1), conv_param(1, 1, 2, 1, 1 << 27), conv_param(2, 4, 1, 1, 0, 2)}) {
+    p.dilation_h = p.pad_h > 1 ? 1 << 27 : 1;
+    EXPECT_EQ(zyn_conv_general_prepare(&weight, &p, extents, extents, true, &floats), nullptr);
+  }
 }
 
 TEST(ConvKernels, ThreadCountIsClamped) {

@@ -4,6 +4,7 @@
 #else
 #include <sys/mman.h>
 #endif
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -137,7 +138,8 @@ void release(void* address) {
 
 Memory::Memory(bool pages, int64_t bound, int64_t machine)
     : before_(zyn_get_current_memory_size_occupation()) {
-  state = {pages, false, false, bound, machine, 0, 0, 0};
+  static const bool all = getenv("ZYN_GUARD_PAGES") != nullptr;
+  state = {pages || all, false, false, bound, machine, 0, 0, 0};
   const zyn_system_allocator hooks = {allocate, release};
   zyn_set_system_allocator(&hooks);
 }

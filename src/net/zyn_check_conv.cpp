@@ -1,6 +1,7 @@
 // What can be wrong with a convolution: its inputs, its record, its constant, its shape, its
 // method, its fraction bits.
 #include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
+#include "cg/cpu/kernels/general/zyn_conv_general.h"
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "net/zyn_check.h"
 
@@ -238,6 +239,13 @@ void check_fraction_bits(zyn_checker* check, const zyn_check_node& node) {
 bool zyn_check_method_computes(uint32_t method, int32_t type, const zyn_conv_param& param,
                                const zyn_check_shape& input) {
   if (method == 1) return blocked_computes(type, param);
+  if (method == ZYN_METHOD_GENERAL || method == ZYN_METHOD_GENERAL_PLANAR) {
+    // Type 13 pads both axes alike and counts no dilation.
+    const bool odd = type == ZYN_OP_CONV_BN &&
+                     (param.pad_h != param.pad_w || param.dilation_h > 1 || param.dilation_w > 1);
+    return !odd &&
+           zyn_conv_general_serves(&param, input.dims[0], static_cast<int32_t>(input.extent(1)));
+  }
   return method == 0 || (has_equal_pairs(param) && reaches(param, input) &&
                          (param.groups == 1 || is_usual_depthwise(param)));
 }

@@ -4,6 +4,7 @@
 
 #include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
+#include "cg/cpu/zyn_cg.h"
 #include "net/zyn_net_graph.h"
 #include "net/zyn_net_params.h"
 
@@ -101,8 +102,7 @@ int32_t bind_node(zyn_net* net, int32_t id, zyn_list<uint32_t>* words, zyn_list<
   const void* record = zyn_net_read_param(node.type, words->data(), words->count(),
                                           reinterpret_cast<const int32_t*>(inputs->data()),
                                           static_cast<int32_t>(node.inputs.count), &param);
-  if (net->methods[id] >= 0)
-    zyn_cg_set_conv_method(net->graph, static_cast<uint32_t>(net->methods[id]));
+  if (net->methods[id] >= 0) net->graph->conv_method = static_cast<uint32_t>(net->methods[id]);
   return zyn_bind_operator_onto_computation_graph(net->graph, id, &desc, record);
 }
 

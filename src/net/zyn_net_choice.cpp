@@ -12,6 +12,7 @@ namespace {
 // Above so many nodes every convolution is chosen by itself: the search looks at each change
 // with the whole network.
 constexpr int32_t kMostSearched = 512;
+constexpr int32_t kLastMethod = ZYN_METHOD_GENERAL_PLANAR;
 constexpr double kWorthIt = 0.999;  // a change that saves less is noise
 
 // Microseconds of a layer: the sum of what was fitted times what it counts.
@@ -84,6 +85,17 @@ double planned_cost(const layer& l) {  // method 2
              : 2.35e-5 * work + 6e-5 * moved + 1.1e-4 * weights + 0.025 * l.in_channels + 0.4;
 }
 
+// Methods 3 and 4; rows are gathered and the sums scattered on the way.
+double general_cost(const layer& l, bool blocked_input, bool blocked_output) {
+  const double taps = l.kernel * l.kernel;
+  const double outputs = rounded_up(l.out_channels, 8);
+  const double moved = (blocked_input ? 1.1e-4 : 1.75e-4) * l.pixels_in * l.in_channels +
+                       (blocked_output ? 0 : 0.65e-4) * l.pixels_out * outputs;
+  if (l.depthwise) return 2.6e-5 * taps * l.pixels_out * outputs + moved + 0.02 * outputs / 8 + 0.1;
+  return 2.15e-5 * taps * l.pixels_out * l.in_channels * outputs + moved +
+         5.7e-5 * taps * l.in_channels * outputs + 0.25;
+}
+
 // Bringing a tensor from one order of channels to the other.
 double conversion_cost(const zyn_check_shape& shape) {
   return 3e-4 * static_cast<double>(shape.count()) + 0.1;
@@ -114,7 +126,7 @@ class chooser {
     }
     if (!kept_.reserve(count) || !best_.reserve(count)) return false;
     double best = -1;
-    for (int32_t method = 0; method <= 2; method++) {
+    for (int32_t method = 0; method <= kLastMethod; method++) {
       for (int64_t i = 0; i < convolutions_.count(); i++) set(convolutions_[i], method);
       double cost = total();
       if (count <= kMostSearched) cost = search(cost);
@@ -149,7 +161,7 @@ class chooser {
     net_->methods[id] = method;
   }
 
-  double cost_of(int32_t id) const {
+  double cost_of(int32_t id, bool blocked_input) const {
     const zyn_conv_param& p = record(id);
     const zyn_check_shape &in = input_of(id), &out = checker_.shape(id);
     const double pixels_in = static_cast<double>(in.extent(0)) * static_cast<double>(in.extent(1));
@@ -162,9 +174,11 @@ class chooser {
                      pixels_in,
                      static_cast<double>(out.extent(0)) * rows,
                      rows};
-    return net_->methods[id] == 0   ? planar_cost(l)
-           : net_->methods[id] == 1 ? blocked_cost(l)
-                                    : planned_cost(l);
+    const int32_t method = net_->methods[id];
+    return method == 0   ? planar_cost(l)
+           : method == 1 ? blocked_cost(l)
+           : method == 2 ? planned_cost(l)
+                         : general_cost(l, blocked_input, method == ZYN_METHOD_GENERAL);
   }
 
   // What the network takes under net->methods.
@@ -178,15 +192,21 @@ class chooser {
       const bool is_conv = net_->methods[id] >= 0;
       const bool keeps = keeps_order(net_->nodes[id].type);
       const int32_t first = zyn_darray_ids(reads)[0];
-      const bool wants_blocked = is_conv ? net_->methods[id] == 1 : keeps && blocked_[first];
+      const int32_t method = net_->methods[id];
+      const bool any_order = method == ZYN_METHOD_GENERAL || method == ZYN_METHOD_GENERAL_PLANAR;
+      const bool wants_blocked = is_conv ? method == 1 : keeps && blocked_[first];
+      const bool writes_blocked = method == ZYN_METHOD_GENERAL || wants_blocked;
+      bool reads_blocked = wants_blocked;
       for (int64_t i = 0; i < reads->count; i++) {
         const int32_t from = zyn_darray_ids(reads)[i];
-        if (!checker_.is_constant(from) && has_order(checker_.shape(from)) &&
-            (blocked_[from] != 0) != wants_blocked)
+        if (checker_.is_constant(from) || !has_order(checker_.shape(from))) continue;
+        if (any_order)
+          reads_blocked = blocked_[from] != 0;
+        else if ((blocked_[from] != 0) != wants_blocked)
           sum += conversion_cost(checker_.shape(from));
       }
-      blocked_[id] = wants_blocked && has_order(checker_.shape(id)) ? 1 : 0;
-      if (is_conv) sum += cost_of(id);
+      blocked_[id] = writes_blocked && has_order(checker_.shape(id)) ? 1 : 0;
+      if (is_conv) sum += cost_of(id, reads_blocked);
     }
     for (int32_t i = 0; i < net_->description.output_count; i++) {
       const int32_t id = net_->description.outputs[i].node;
@@ -201,7 +221,7 @@ class chooser {
       changed = false;
       for (int64_t length = 1; length <= convolutions_.count(); length *= 2)
         for (int64_t first = 0; first + length <= convolutions_.count(); first++)
-          for (int32_t method = 0; method <= 2; method++) {
+          for (int32_t method = 0; method <= kLastMethod; method++) {
             const double tried = try_run(first, length, method);
             if (tried < kWorthIt * cost) {
               cost = tried;

@@ -10,6 +10,7 @@
 #include "base/zyn_list.h"
 #include "base/zyn_md5.h"
 #include "base/zyn_platform.h"
+#include "cg/cpu/zyn_cg.h"
 #include "net/zyn_net_file.h"
 #include "net/zyn_net_params.h"
 
@@ -314,7 +315,8 @@ int32_t zyn_net_writer_q(zyn_net_writer* writer, int32_t node, int32_t q) {
 }
 
 int32_t zyn_net_writer_method(zyn_net_writer* writer, int32_t node, int32_t method) {
-  if (!is_node(writer, node) || method < 0 || method > 2)
+  if (!is_node(writer, node) || method < 0 ||
+      method > static_cast<int32_t>(ZYN_METHOD_GENERAL_PLANAR))
     return zyn_refuse(ZYN_RET_ERR_PARA, "node %d or method %d is not there", node, method);
   writer->methods[node] = static_cast<uint32_t>(method);
   writer->has_methods = true;

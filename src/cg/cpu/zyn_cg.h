@@ -46,6 +46,22 @@ struct zyn_cg_binding {
   uint32_t method;  // the graph's convolution method then
 };
 
+// Scratch of kernels, of which one runs at a time: as large as the largest needs.
+struct zyn_cg_shared_scratch {
+  float* block;
+  int64_t floats;
+};
+
+// Makes the scratch hold at least so many floats; its content is lost. False without memory: it
+// is then as it was.
+bool zyn_cg_reserve_scratch(zyn_cg_shared_scratch* scratch, int64_t floats);
+
+// Methods of convolutions beside 0 to 2, for networks that choose layer by layer.
+enum zyn_cg_inner_method : uint32_t {
+  ZYN_METHOD_GENERAL = 3,        // kernels/general, output in channel blocks
+  ZYN_METHOD_GENERAL_PLANAR = 4  // the same, planar output
+};
+
 struct zyn_cg_handle {
   int32_t max_nodes;
   zyn_darray* nodes;           // i32: every id of an edge, in order of appearance
@@ -58,7 +74,7 @@ struct zyn_cg_handle {
   void** extras;               // by id: one word for the operators' use, which none needs
   zyn_cg_operator* operators;  // kZynOperatorTypes rows
   uint32_t thread_count;
-  uint32_t conv_method;  // 0, 1 or 2
+  uint32_t conv_method;  // 0, 1 or 2, or a zyn_cg_inner_method
   uint32_t prepared;     // 1 after preparation
   uint32_t device_type;  // always 0
   void* device_context;  // always null
@@ -72,6 +88,7 @@ struct zyn_cg_handle {
   zyn_cg_binding* bindings;  // by id, record_count entries
   char** names;              // by id, name_count entries: null where a node has none
   int32_t name_count;
+  zyn_cg_shared_scratch scratch;
 };
 
 // A stored data node (types 0, 1, 2): a copy of its descriptor with extra cleared.

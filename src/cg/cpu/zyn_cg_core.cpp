@@ -246,6 +246,7 @@ int32_t zyn_release_computation_graph_handle(zyn_cg_handle** handle) {
   zyn_free(graph->bound);
   zyn_free(graph->operators);
   zyn_free(graph->q_list);
+  zyn_free(graph->scratch.block);
   zyn_free(graph);
   return ZYN_RET_OK;
 }

@@ -109,3 +109,12 @@ int32_t zyn_cg_release_io(void** record) {
   *record = nullptr;
   return ZYN_RET_OK;
 }
+
+bool zyn_cg_reserve_scratch(zyn_cg_shared_scratch* scratch, int64_t floats) {
+  if (floats <= scratch->floats) return true;
+  float* block = zyn_scratch<float>(floats).take();
+  if (!block) return false;
+  zyn_free(scratch->block);
+  *scratch = {block, floats};
+  return true;
+}

@@ -79,6 +79,21 @@ uint32_t run_method1(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue
                      : zyn_cg_dwconv3x3(output, input, state->blocked, &p, &epilogue);
 }
 
+bool is_general(uint32_t method) {
+  return method == ZYN_METHOD_GENERAL || method == ZYN_METHOD_GENERAL_PLANAR;
+}
+
+uint32_t run_general(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) {
+  if (!state->general) return ZYN_RET_ERR_PARA;
+  const zyn_tensor* input = state->input;
+  if (zyn_cg_order(input) != ZYN_LAYOUT_BLOCKED) {
+    input = zyn_cg_planar(input, &state->planar);
+    if (!input) return ZYN_RET_ERR_MEMORY;
+  }
+  zyn_conv_general_run(state->general, state->output, input, epilogue, state->scratch->block);
+  return ZYN_RET_OK;
+}
+
 uint32_t run_method2(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) {
   const zyn_tensor* input = zyn_cg_planar(state->input, &state->planar);
   if (!input) return ZYN_RET_ERR_MEMORY;
@@ -92,6 +107,7 @@ uint32_t run_method2(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue
 void release_workspace(zyn_cg_conv_state* state) {
   if (state->blocked) zyn_cg_conv_release_direct(&state->blocked);
   if (state->plan) zyn_cg_conv_release_planned(&state->plan);
+  zyn_conv_general_release(&state->general);
   zyn_cg_drop(&state->folded);
   zyn_cg_drop(&state->biases);
   zyn_fpi_drop_plan(&state->fixed);
@@ -106,7 +122,15 @@ int32_t make_workspace(zyn_cg_conv_state* state) {
   if (state->method == 2)
     state->plan = zyn_cg_conv_prepare_planned(state->input, state->weights, &state->param,
                                               &state->thread_count);
-  const bool made = state->method == 0 || state->blocked || state->plan;
+  if (is_general(state->method)) {
+    int64_t scratch = 0;
+    state->general = zyn_conv_general_prepare(zyn_cg_floats(state->weights), &state->param,
+                                              state->input->dims, state->output->dims,
+                                              state->method == ZYN_METHOD_GENERAL_PLANAR, &scratch);
+    if (state->general && !zyn_cg_reserve_scratch(state->scratch, scratch))
+      zyn_conv_general_release(&state->general);
+  }
+  const bool made = state->method == 0 || state->blocked || state->plan || state->general;
   return made ? ZYN_RET_OK : ZYN_RET_ERR_MEMORY;
 }
 
@@ -165,6 +189,7 @@ int32_t zyn_cg_bind_conv_state(zyn_cg_handle* graph, int32_t node, const void* p
   if (!state) return ZYN_RET_ERR_MEMORY;
   state->param = *static_cast<const zyn_conv_param*>(param);
   state->method = graph->conv_method;
+  state->scratch = &graph->scratch;
   state->thread_count = graph->thread_count;
   state->fixed_point = graph->fixed_point;
   state->device_type = graph->device_type;
@@ -229,6 +254,8 @@ int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilo
     code = run_method0(state, epilogue);
   else if (state->method == 1)
     code = run_method1(state, epilogue, keep_standard);
+  else if (is_general(state->method))
+    code = run_general(state, epilogue);
   else
     code = run_method2(state, epilogue);
   return static_cast<int32_t>(code);
@@ -242,6 +269,7 @@ bool zyn_cg_conv_memory(zyn_cg_handle* graph, int32_t node, int64_t* weights, in
              zyn_block_bytes(state->fixed.packed);
   *scratch = bytes_of(state->planar);
   if (state->blocked) *weights += bytes_of(state->blocked->packed);
+  *weights += zyn_conv_general_bytes(state->general);
   if (state->plan) {
     *weights += zyn_block_bytes(state->plan->weights);
     *scratch += zyn_block_bytes(state->plan->scratch.block);

@@ -1,0 +1,239 @@
+// Dense tiles: Blocks x 8 output channels by Pixels pixels. One input value is spread over a
+// vector and multiplied by the weights of 8 output channels. Depthwise tiles: 8 channels by
+// Pixels pixels. Tiles of a line are nearly equal, so that none has few sums.
+#include "cg/cpu/kernels/general/zyn_general_tile.h"
+
+#include <immintrin.h>
+
+#include "simd/zyn_vectors.h"
+
+namespace {
+
+constexpr int64_t kLanes = 8;
+constexpr int32_t kDepthwisePixels = 14;
+
+// The places of a tile's pixels: one pointer for every four, and distances whose origin the
+// compiler does not see. Else it makes an offset for every pixel and channel, more than there
+// are registers.
+template <int Pixels>
+struct pixel_places {
+  static constexpr int kPointers = (Pixels + 3) / 4;
+  const char* four[kPointers];
+  int64_t step, steps3;  // bytes
+
+  [[gnu::always_inline]] pixel_places(const float* first, int64_t floats) {
+    step = floats * static_cast<int64_t>(sizeof(float));
+    steps3 = 3 * step;
+    __asm__("" : "+r"(step), "+r"(steps3));
+    const char* p = reinterpret_cast<const char*>(first);
+    ZYN_UNROLL for (int i = 0; i < kPointers; i++, p += 4 * step) {
+      four[i] = p;
+      __asm__("" : "+r"(four[i]));
+    }
+  }
+  [[gnu::always_inline]] void next() {
+    ZYN_UNROLL for (int i = 0; i < kPointers; i++) {
+      four[i] += sizeof(float);
+      __asm__("" : "+r"(four[i]));
+    }
+  }
+  [[gnu::always_inline]] const float* at(int i) const {
+    const char* p = four[i / 4];
+    return reinterpret_cast<const float*>(i % 4 == 0   ? p
+                                          : i % 4 == 1 ? p + step
+                                          : i % 4 == 2 ? p + 2 * step
+                                                       : p + steps3);
+  }
+};
+
+// sum += a * b in the form that adds to its own register: left to choose, the compiler
+// overwrites a or b, moves sums about and runs out of registers.
+[[gnu::always_inline]] inline void add_product(__m256& sum, __m256 a, __m256 b) {
+  __asm__("vfmadd231ps %2, %1, %0" : "+x"(sum) : "x"(a), "x"(b));
+}
+
+// The same with b in memory.
+[[gnu::always_inline]] inline void add_product(__m256& sum, __m256 a, const float* b) {
+  __asm__("vfmadd231ps %2, %1, %0"
+          : "+x"(sum)
+          : "x"(a), "m"(*reinterpret_cast<const __m256_u*>(b)));
+}
+
+template <int Blocks, int Pixels>
+struct sums {
+  __m256 value[Blocks][Pixels];
+
+  void start(const zyn_general_lines& l, const float* out) {
+    ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) value[b][i] =
+          l.first ? _mm256_setzero_ps() : _mm256_loadu_ps(out + b * l.out_block + i * l.out_step);
+    }
+  }
+  // Whichever there are fewer of, weights or pixels, stay in registers.
+  [[gnu::always_inline]] void add(const pixel_places<Pixels>& in, const float* weights) {
+    if constexpr (Blocks <= Pixels) {
+      __m256 weight[Blocks];
+      ZYN_UNROLL for (int b = 0; b < Blocks; b++) weight[b] = _mm256_loadu_ps(weights + b * kLanes);
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
+        const __m256 pixel = _mm256_broadcast_ss(in.at(i));
+        ZYN_UNROLL for (int b = 0; b < Blocks; b++) add_product(value[b][i], pixel, weight[b]);
+      }
+    } else {
+      __m256 pixel[Pixels];
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) pixel[i] = _mm256_broadcast_ss(in.at(i));
+      ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
+        const __m256 weight = _mm256_loadu_ps(weights + b * kLanes);
+        ZYN_UNROLL for (int i = 0; i < Pixels; i++) add_product(value[b][i], pixel[i], weight);
+      }
+    }
+  }
+  void finish(const zyn_general_lines& l, float* out) const {
+    const __m256 floor = _mm256_set1_ps(l.floor);
+    ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
+      const __m256 bias = _mm256_loadu_ps(l.bias + b * kLanes);
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) _mm256_storeu_ps(
+          out + b * l.out_block + i * l.out_step,
+          _mm256_max_ps(floor, _mm256_add_ps(value[b][i], bias)));  // NaN stays NaN
+    }
+  }
+};
+
+template <int Blocks, int Pixels>
+struct dense_tile {
+  static void run(const zyn_general_lines& l, const float* in, float* out) {
+    sums<Blocks, Pixels> s;
+    s.start(l, out);
+    const float* weights = l.weights;
+    const int64_t step = l.in_step;
+    if (l.inputs == 1) {
+      for (int32_t t = 0; t < l.tap_count; t++, weights += Blocks * kLanes)
+        s.add({in + l.taps[t], step}, weights);
+    } else {
+      for (int32_t t = 0; t < l.tap_count; t++, weights += kLanes * Blocks * kLanes) {
+        pixel_places<Pixels> from(in + l.taps[t], step);
+        ZYN_UNROLL for (int i = 0; i < kLanes; i++) {
+          s.add(from, weights + i * Blocks * kLanes);
+          from.next();
+        }
+      }
+    }
+    s.finish(l, out);
+  }
+};
+
+// Step: from pixel to pixel where the compiler is to know it, else 0. Few pixels take their taps
+// in turn into several sums, which would else wait for each other.
+template <int Pixels, int Step>
+struct depthwise_tile {
+  static constexpr int kParts = Pixels == 1 ? 8 : Pixels <= 3 ? 4 : Pixels <= 6 ? 2 : 1;
+
+  [[gnu::always_inline]] static void add(__m256 (&sum)[Pixels], const float* from, int64_t step,
+                                         const float* weights) {
+    const __m256 weight = _mm256_loadu_ps(weights);
+    ZYN_UNROLL for (int i = 0; i < Pixels; i++) add_product(sum[i], weight, from + i * step);
+  }
+  static void run(const zyn_general_lines& l, const float* in, float* out) {
+    const int64_t step = Step ? Step : l.in_step;
+    __m256 sum[kParts][Pixels];
+    ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[0][i] = _mm256_loadu_ps(l.bias);
+    ZYN_UNROLL for (int p = 1; p < kParts; p++) {
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[p][i] = _mm256_setzero_ps();
+    }
+    const float* weights = l.weights;
+    int32_t t = 0;
+    // Several taps a round: a loop of few rounds ends where the processor expects it to.
+    constexpr int kRound = kParts < 4 ? 4 : kParts;
+    for (; t + kRound <= l.tap_count; t += kRound, weights += kRound * kLanes)
+      ZYN_UNROLL for (int p = 0; p < kRound; p++)
+          add(sum[p % kParts], in + l.taps[t + p], step, weights + p * kLanes);
+    for (; t < l.tap_count; t++, weights += kLanes) add(sum[0], in + l.taps[t], step, weights);
+    ZYN_UNROLL for (int p = 1; p < kParts; p++) {
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[0][i] = _mm256_add_ps(sum[0][i], sum[p][i]);
+    }
+    const __m256 floor = _mm256_set1_ps(l.floor);
+    ZYN_UNROLL for (int i = 0; i < Pixels; i++)
+        _mm256_storeu_ps(out + i * l.out_step, _mm256_max_ps(floor, sum[0][i]));  // NaN stays NaN
+  }
+};
+
+using tile = void (*)(const zyn_general_lines&, const float*, float*);
+
+template <int Blocks>
+tile dense_tile_of(int64_t pixels) {
+  static constexpr tile kTiles[12] = {dense_tile<Blocks, 1>::run,
+                                      dense_tile < Blocks,
+                                      zyn_general_most_pixels(Blocks) >= 2 ? 2 : 1 > ::run,
+                                      dense_tile < Blocks,
+                                      zyn_general_most_pixels(Blocks) >= 3 ? 3 : 1 > ::run,
+                                      dense_tile < Blocks,
+                                      zyn_general_most_pixels(Blocks) >= 4 ? 4 : 1 > ::run,
+                                      dense_tile < Blocks,
+                                      zyn_general_most_pixels(Blocks) >= 5 ? 5 : 1 > ::run,
+                                      dense_tile < Blocks,
+                                      zyn_general_most_pixels(Blocks) >= 6 ? 6 : 1 > ::run,
+                                      dense_tile < Blocks,
+                                      zyn_general_most_pixels(Blocks) >= 7 ? 7 : 1 > ::run,
+                                      dense_tile < Blocks,
+                                      zyn_general_most_pixels(Blocks) >= 8 ? 8 : 1 > ::run,
+                                      dense_tile < Blocks,
+                                      zyn_general_most_pixels(Blocks) >= 9 ? 9 : 1 > ::run,
+                                      dense_tile < Blocks,
+                                      zyn_general_most_pixels(Blocks) >= 10 ? 10 : 1 > ::run,
+                                      dense_tile < Blocks,
+                                      zyn_general_most_pixels(Blocks) >= 11 ? 11 : 1 > ::run,
+                                      dense_tile < Blocks,
+                                      zyn_general_most_pixels(Blocks) >= 12 ? 12 : 1 > ::run};
+  return kTiles[pixels - 1];
+}
+
+template <int Step>
+tile depthwise_tile_of(int64_t pixels) {
+  static constexpr tile kTiles[kDepthwisePixels] = {
+      depthwise_tile<1, Step>::run,  depthwise_tile<2, Step>::run,  depthwise_tile<3, Step>::run,
+      depthwise_tile<4, Step>::run,  depthwise_tile<5, Step>::run,  depthwise_tile<6, Step>::run,
+      depthwise_tile<7, Step>::run,  depthwise_tile<8, Step>::run,  depthwise_tile<9, Step>::run,
+      depthwise_tile<10, Step>::run, depthwise_tile<11, Step>::run, depthwise_tile<12, Step>::run,
+      depthwise_tile<13, Step>::run, depthwise_tile<14, Step>::run};
+  return kTiles[pixels - 1];
+}
+
+// Every line's count pixels in tiles of at most most, all within one of each other.
+template <typename Of>
+void cover(const zyn_general_lines& l, int64_t count, int64_t most, Of tile_of) {
+  const auto pixels = static_cast<uint32_t>(count);  // 32-bit divisions are the fast ones
+  const uint32_t tiles = (pixels + static_cast<uint32_t>(most) - 1) / static_cast<uint32_t>(most);
+  const int64_t small = pixels / tiles, larger = pixels % tiles;
+  const tile run_larger = larger > 0 ? tile_of(small + 1) : nullptr, run_small = tile_of(small);
+  for (int64_t y = 0; y < l.lines; y++) {
+    const float* in = l.in + y * l.in_line;
+    float* out = l.out + y * l.out_line;
+    for (int64_t i = 0; i < larger; i++) {
+      run_larger(l, in, out);
+      in += (small + 1) * l.in_step;
+      out += (small + 1) * l.out_step;
+    }
+    for (int64_t i = larger; i < tiles; i++) {
+      run_small(l, in, out);
+      in += small * l.in_step;
+      out += small * l.out_step;
+    }
+  }
+}
+
+}  // namespace
+
+void zyn_general_dense_lines(const zyn_general_lines& lines, int32_t blocks, int64_t count) {
+  const auto tile_of = blocks == 1   ? dense_tile_of<1>
+                       : blocks == 2 ? dense_tile_of<2>
+                       : blocks == 3 ? dense_tile_of<3>
+                       : blocks == 4 ? dense_tile_of<4>
+                                     : dense_tile_of<8>;
+  cover(lines, count, zyn_general_most_pixels(blocks), tile_of);
+}
+
+void zyn_general_depthwise_lines(const zyn_general_lines& lines, int64_t count) {
+  const auto tile_of = lines.in_step == kLanes       ? depthwise_tile_of<kLanes>
+                       : lines.in_step == 2 * kLanes ? depthwise_tile_of<2 * kLanes>
+                                                     : depthwise_tile_of<0>;
+  cover(lines, count, kDepthwisePixels, tile_of);
+}

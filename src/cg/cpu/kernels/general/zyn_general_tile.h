@@ -1,0 +1,41 @@
+// The micro-kernels of the general convolutions: tiles of output pixels in registers, by a
+// list of taps with any distance between pixels.
+#pragma once
+
+#include <stdint.h>
+
+// Lines of output pixels, and what their tiles need. Distances are in floats.
+struct zyn_general_lines {
+  const float* in;      // first tap of the line's first pixel
+  const int64_t* taps;  // offsets from there, one per tap (dense: per tap and input block)
+  int32_t tap_count;
+  int32_t inputs;        // dense: input channels per tap, 1 or 8
+  int64_t in_step;       // from pixel to pixel
+  const float* weights;  // [tap][input][lane] or, depthwise, [tap][lane]
+  float* out;
+  int64_t out_step;                  // from pixel to pixel
+  int64_t out_block;                 // from 8 lanes to the next 8
+  bool first;                        // sums start at zero, not at the output
+  const float* bias;                 // one per lane
+  float floor;                       // lower bound of every value
+  int64_t lines, in_line, out_line;  // how many, and how far apart
+};
+
+// The widest tile of a number of 8-lane blocks: 12 sums where possible, so that two
+// multiply-adds a cycle never wait for each other, and the weights or the pixels stay in the
+// registers that are left.
+constexpr int32_t zyn_general_most_pixels(int32_t blocks) {
+  return blocks == 1 ? 12 : blocks == 2 ? 6 : blocks == 3 ? 4 : blocks == 4 ? 3 : 1;
+}
+constexpr int32_t kZynGeneralMostBlocks = 8;
+// Blocks that tiles have: 1, 2, 3, 4 and 8.
+constexpr int32_t zyn_general_blocks_within(int32_t blocks) {
+  return blocks >= 8 ? 8 : blocks > 4 ? 4 : blocks;
+}
+
+// Lines of count pixels of a dense layer's blocks of 8 output channels, in tiles of nearly equal
+// size.
+void zyn_general_dense_lines(const zyn_general_lines& lines, int32_t blocks, int64_t count);
+
+// Lines of count pixels of 8 channels of a depthwise layer.
+void zyn_general_depthwise_lines(const zyn_general_lines& lines, int64_t count);
