@@ -16,8 +16,9 @@ struct textures {
       float strength = 1.0f;
       for (int cells = 4; cells <= 128; cells *= 2, strength *= decay)
         for (int y = 0; y < kTile; y++)
-          for (int x = 0; x < kTile; x++) values[t][static_cast<size_t>(y * kTile + x)] +=
-              strength * tiled(x, y, cells, t * 10 + cells);
+          for (int x = 0; x < kTile; x++)
+            values[t][static_cast<size_t>(y * kTile + x)] +=
+                strength * tiled(x, y, cells, t * 10 + cells);
     }
   }
   static float tiled(int x, int y, int cells, int seed) {
@@ -26,7 +27,8 @@ struct textures {
     const float v = step(0, 1, static_cast<float>(y % step_size) / static_cast<float>(step_size));
     const int jx = (ix + 1) % cells, jy = (iy + 1) % cells;
     return 2.0f * mix(mix(hash_unit(ix, iy, seed), hash_unit(jx, iy, seed), u),
-                      mix(hash_unit(ix, jy, seed), hash_unit(jx, jy, seed), u), v) - 1.0f;
+                      mix(hash_unit(ix, jy, seed), hash_unit(jx, jy, seed), u), v) -
+           1.0f;
   }
 };
 
@@ -57,7 +59,8 @@ class cloth {
 
 vec3 any_color(dice& r) {
   const float grey = r.within(5, 250), full = std::sqrt(r.unit()) * 0.8f;
-  return {mix(grey, r.within(0, 255), full * r.unit()), mix(grey, r.within(0, 255), full * r.unit()),
+  return {mix(grey, r.within(0, 255), full * r.unit()),
+          mix(grey, r.within(0, 255), full * r.unit()),
           mix(grey, r.within(0, 255), full * r.unit())};
 }
 
@@ -116,8 +119,10 @@ float pattern_at(const patch& p, float u, float v) {
       return part(b) < 0.12f || shifted < 0.06f ? 1.0f : 0.0f;
     }
     case 4: {
-      const int line = static_cast<int>(std::floor(b)), letter = static_cast<int>(std::floor(a * 3));
-      return part(b) > 0.35f && hash_unit(letter, line, 5) > 0.35f && part(a * 3) > 0.25f ? 1.0f : 0.0f;
+      const int line = static_cast<int>(std::floor(b)),
+                letter = static_cast<int>(std::floor(a * 3));
+      return part(b) > 0.35f && hash_unit(letter, line, 5) > 0.35f && part(a * 3) > 0.25f ? 1.0f
+                                                                                          : 0.0f;
     }
     default:
       return 0.0f;
@@ -142,7 +147,8 @@ void paint_patch(const patch& p, const cloth& rough, picture* out) {
       if (p.rough > 0.0f) light += p.rough * rough.at(dx, dy);
       if (p.shading > 0.0f) {
         const float ru = u / p.wide, rv = v / p.high;
-        light *= 1.0f - p.shading * clamp(0.5f * (ru * ru + rv * rv) + 0.4f * ru + 0.3f * rv, -0.3f, 0.9f);
+        light *= 1.0f -
+                 p.shading * clamp(0.5f * (ru * ru + rv * rv) + 0.4f * ru + 0.3f * rv, -0.3f, 0.9f);
       }
       blend(out->at(x, y), color * light, part);
       if (p.hides && part > 0.5f) out->owner[static_cast<size_t>(y * out->width + x)] = 0;
@@ -267,7 +273,8 @@ void paint_occluder(dice& r, const float (&box)[4], picture* out) {
   p.cy = mix(box[1], box[3], r.within(0.0f, 1.1f));
   const int kind = r.below(3);
   if (kind == 0) {  // a bar across or beside
-    p.form = 0, p.wide = wide * r.within(0.08f, 0.25f), p.high = 3.0f * high, p.angle = 0.4f * r.normal();
+    p.form = 0, p.wide = wide * r.within(0.08f, 0.25f), p.high = 3.0f * high,
+    p.angle = 0.4f * r.normal();
   } else if (kind == 1) {  // fingers
     p.form = 3, p.pattern = 0, p.color = skin_color(r), p.shading = 0.7f;
     p.wide = wide * r.within(0.07f, 0.13f), p.high = high * r.within(0.25f, 0.45f);
@@ -276,7 +283,8 @@ void paint_occluder(dice& r, const float (&box)[4], picture* out) {
     for (int i = 1; i < fingers; i++) {
       patch next = p;
       next.cx += 2.0f * p.wide * static_cast<float>(i) * std::cos(p.angle);
-      next.cy += 2.0f * p.wide * static_cast<float>(i) * std::sin(p.angle) + r.within(-0.1f, 0.1f) * high;
+      next.cy +=
+          2.0f * p.wide * static_cast<float>(i) * std::sin(p.angle) + r.within(-0.1f, 0.1f) * high;
       paint_patch(next, rough, out);
     }
   } else {  // from below: a cup, a telephone, a scarf

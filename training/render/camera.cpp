@@ -38,8 +38,10 @@ void blur_along(float dx, float dy, int half, picture* out) {
     for (int x = 0; x < out->width; x++) {
       float sum[3] = {0, 0, 0};
       for (int i = -half; i <= half; i++) {
-        const int sx = std::min(std::max(static_cast<int>(std::lround(x + dx * i)), 0), out->width - 1);
-        const int sy = std::min(std::max(static_cast<int>(std::lround(y + dy * i)), 0), out->height - 1);
+        const int sx =
+            std::min(std::max(static_cast<int>(std::lround(x + dx * i)), 0), out->width - 1);
+        const int sy =
+            std::min(std::max(static_cast<int>(std::lround(y + dy * i)), 0), out->height - 1);
         const float* p = &from[static_cast<size_t>(sy * out->width + sx) * 3];
         for (int c = 0; c < 3; c++) sum[c] += p[c];
       }
@@ -60,8 +62,8 @@ void change_light(dice& r, picture* out) {
   float curve[3][256];
   for (int c = 0; c < 3; c++)
     for (int i = 0; i < 256; i++)
-      curve[c][i] =
-          clamp(255.0f * std::pow(static_cast<float>(i) / 255.0f, gamma) * gain[c] + lift[c], 0, 255);
+      curve[c][i] = clamp(
+          255.0f * std::pow(static_cast<float>(i) / 255.0f, gamma) * gain[c] + lift[c], 0, 255);
   for (size_t i = 0; i < out->rgb.size(); i++)
     out->rgb[i] = curve[i % 3][static_cast<int>(clamp(out->rgb[i], 0.0f, 255.0f))];
 }
@@ -143,7 +145,8 @@ float seen_part(const picture& p, const float (&box)[4], uint8_t owner) {
       const float x = box[0] + (j + 0.5f) * dx, y = box[1] + (i + 0.5f) * dy;
       all++;
       if (x < 0 || y < 0 || x >= p.width || y >= p.height) continue;
-      const size_t at = static_cast<size_t>(y) * static_cast<size_t>(p.width) + static_cast<size_t>(x);
+      const size_t at =
+          static_cast<size_t>(y) * static_cast<size_t>(p.width) + static_cast<size_t>(x);
       seen += p.owner[at] == owner ? 1 : 0;
     }
   return static_cast<float>(seen) / static_cast<float>(all);
@@ -175,15 +178,15 @@ void compress(float coarse, picture* out) {
     for (int y0 = 0; y0 + kBlock <= out->height; y0 += kBlock)
       for (int x0 = 0; x0 + kBlock <= out->width; x0 += kBlock) {
         float block[kBlock][kBlock];
-        float* corner = &planes[static_cast<size_t>(plane) * count +
-                                static_cast<size_t>(y0 * out->width + x0)];
+        float* corner =
+            &planes[static_cast<size_t>(plane) * count + static_cast<size_t>(y0 * out->width + x0)];
         for (int y = 0; y < kBlock; y++)
           for (int x = 0; x < kBlock; x++) block[y][x] = corner[y * out->width + x];
         transform(by, false, block);
         for (int y = 0; y < kBlock; y++)
           for (int x = 0; x < kBlock; x++) {
-            const float step_size = coarse * (1.0f + 0.8f * static_cast<float>(x + y)) *
-                                    (plane ? 2.0f : 1.0f);
+            const float step_size =
+                coarse * (1.0f + 0.8f * static_cast<float>(x + y)) * (plane ? 2.0f : 1.0f);
             block[y][x] = std::nearbyint(block[y][x] / step_size) * step_size;
           }
         transform(by, true, block);

@@ -35,9 +35,14 @@ void pack(const head_truth& truth, int who, bool face, float* to) {
   std::memcpy(to, truth.box, 4 * sizeof(float));
   std::memcpy(to + 4, truth.rotation, 9 * sizeof(float));
   std::memcpy(to + 13, truth.translation, 3 * sizeof(float));
-  const float rest[] = {truth.focal, truth.cx,   truth.cy,
-                        truth.yaw,   truth.pitch, truth.roll,
-                        static_cast<float>(who), face ? 1.0f : 0.0f};
+  const float rest[] = {truth.focal,
+                        truth.cx,
+                        truth.cy,
+                        truth.yaw,
+                        truth.pitch,
+                        truth.roll,
+                        static_cast<float>(who),
+                        face ? 1.0f : 0.0f};
   std::memcpy(to + 16, rest, sizeof(rest));
 }
 
@@ -70,7 +75,9 @@ void placed_box(const placing& where, int size, const float* box, float (&out)[4
 float overlap(const float (&a)[4], const float (&b)[4]) {
   const float w = std::min(a[2], b[2]) - std::max(a[0], b[0]);
   const float h = std::min(a[3], b[3]) - std::max(a[1], b[1]);
-  return w > 0 && h > 0 ? w * h / std::min((a[2] - a[0]) * (a[3] - a[1]), (b[2] - b[0]) * (b[3] - b[1])) : 0;
+  return w > 0 && h > 0
+             ? w * h / std::min((a[2] - a[0]) * (a[3] - a[1]), (b[2] - b[0]) * (b[3] - b[1]))
+             : 0;
 }
 
 vec3 any_gain(dice& r) {
@@ -97,7 +104,8 @@ std::vector<placed> choose_heads(dice& r, const stored& store, int width, int he
   const float crowd = height * (wanted > 3 ? 0.65f : 0.85f);  // many faces are small
   const float common = std::exp(r.within(std::log(13.0f), std::log(0.7f * crowd)));
   const bool alike = r.chance(0.4f);  // a group at one distance
-  for (int attempt = 0; attempt < wanted * 3 && static_cast<int>(heads.size()) < wanted; attempt++) {
+  for (int attempt = 0; attempt < wanted * 3 && static_cast<int>(heads.size()) < wanted;
+       attempt++) {
     placed h{};
     h.index = store.any(r);
     const float* box = box_of(store.truth(h.index));
@@ -114,8 +122,9 @@ std::vector<placed> choose_heads(dice& r, const stored& store, int width, int he
     for (const placed& other : heads) free = free && overlap(h.box, other.box) < 0.25f;
     if (free) heads.push_back(h);
   }
-  std::sort(heads.begin(), heads.end(),
-            [](const placed& a, const placed& b) { return a.box[3] - a.box[1] < b.box[3] - b.box[1]; });
+  std::sort(heads.begin(), heads.end(), [](const placed& a, const placed& b) {
+    return a.box[3] - a.box[1] < b.box[3] - b.box[1];
+  });
   return heads;
 }
 
@@ -173,7 +182,8 @@ void render_store_head(uint64_t seed, uint32_t index, int size, uint8_t* rgba, f
   const float roll = clamp(13.0f * r.normal(), -40.0f, 40.0f);
   const float distance = std::exp(r.within(std::log(45.0f), std::log(260.0f)));
   const float middle = 0.5f * static_cast<float>(size);
-  const camera view{0.42f * static_cast<float>(size) * distance / 15.0f, middle, middle, size, size};
+  const camera view{0.42f * static_cast<float>(size) * distance / 15.0f, middle, middle, size,
+                    size};
   const head_pose pose = make_pose(yaw, pitch, roll, {0.0f, -2.0f, distance});
   head_truth found{};
   render_head(who, mood, lights, pose, view, rgba, &found);
@@ -234,7 +244,8 @@ int render_crop(uint64_t seed, const uint8_t* heads, const float* truths, int fi
     points[3 * i] = x / static_cast<float>(real);
     points[3 * i + 1] = y / static_cast<float>(real);
     // Points at the outline may lie just beside the head's own pixels.
-    const bool hidden = within && out.owner[static_cast<size_t>(row * real + column)] == 0 && i >= 17;
+    const bool hidden =
+        within && out.owner[static_cast<size_t>(row * real + column)] == 0 && i >= 17;
     points[3 * i + 2] = p[2] * (hidden ? 0.0f : 1.0f);
   }
   picture full(side, side);
@@ -245,8 +256,9 @@ int render_crop(uint64_t seed, const uint8_t* heads, const float* truths, int fi
       const float v = clamp((y + 0.5f) * per - 0.5f, 0.0f, real - 1.001f);
       const int iu = static_cast<int>(u), iv = static_cast<int>(v);
       for (int c = 0; c < 3; c++)
-        full.at(x, y)[c] = mix(mix(out.at(iu, iv)[c], out.at(iu + 1, iv)[c], u - iu),
-                               mix(out.at(iu, iv + 1)[c], out.at(iu + 1, iv + 1)[c], u - iu), v - iv);
+        full.at(x, y)[c] =
+            mix(mix(out.at(iu, iv)[c], out.at(iu + 1, iv)[c], u - iu),
+                mix(out.at(iu, iv + 1)[c], out.at(iu + 1, iv + 1)[c], u - iu), v - iv);
     }
   to_bytes(full, rgb);
   return h.index;

@@ -50,8 +50,8 @@ class painter {
     const vec3 mirror = n * (2.0f * dot(n, view)) - view;
     const float glance = noise(mirror.x * 5.0f, mirror.y * 5.0f, who_.seed + 31);
     const float glare = 0.04f + 0.5f * step(0.45f, 0.7f, glance) * step(0.2f, -0.6f, mirror.y);
-    const vec3 tint = who_.glasses == 3 ? who_.glasses_color * 0.4f + vec3{0.02f, 0.02f, 0.02f}
-                                        : behind * 0.93f;
+    const vec3 tint =
+        who_.glasses == 3 ? who_.glasses_color * 0.4f + vec3{0.02f, 0.02f, 0.02f} : behind * 0.93f;
     return tint + (lights_.sky + lights_.lights[0].color * 0.3f) * glare * 0.7f;
   }
 
@@ -130,7 +130,8 @@ class painter {
                       0.2f * bump2(p.x, 1.5f, p.y - 10.3f, 0.8f);
     out->color = out->color * mix({1, 1, 1}, {1.04f, 0.80f, 0.80f}, red * who_.blush);
     const float tired = bump2(ax - form_.eye_apart + 0.2f, 1.2f, p.y - 1.1f, 0.45f);
-    out->color = out->color * mix({1, 1, 1}, {0.82f, 0.76f, 0.78f}, tired * (0.3f + who_.age * 0.5f));
+    out->color =
+        out->color * mix({1, 1, 1}, {0.82f, 0.76f, 0.78f}, tired * (0.3f + who_.age * 0.5f));
     if (who_.freckles > 0.0f) {
       const float spot = noise(p.x * 5.5f + 7.0f, p.y * 5.5f, who_.seed + 9) +
                          0.4f * noise(p.x * 11.0f, p.y * 11.0f, who_.seed + 10);
@@ -138,16 +139,17 @@ class painter {
       out->color = out->color * (1.0f - 0.35f * who_.freckles * where * step(0.55f, 0.9f, spot));
     }
     if (who_.age > 0.4f) {  // lines of the forehead and at the eyes
-      const float waves = std::sin(p.y * 6.0f + 0.25f * p.x * p.x * 0.3f + noise(p.x, p.y, who_.seed));
+      const float waves =
+          std::sin(p.y * 6.0f + 0.25f * p.x * p.x * 0.3f + noise(p.x, p.y, who_.seed));
       const float lines = step(0.6f, 1.0f, waves) * bump2(p.x, 3.0f, p.y + 4.4f, 0.9f);
       out->color = out->color * (1.0f - 0.16f * (who_.age - 0.4f) * lines);
     }
     const float along = (p.y - 5.0f) / 2.6f;
     if (along > 0.0f && along < 1.1f) {
       const float fold = bump(ax - mix(1.75f, form_.mouth_half + 0.6f, along), 0.16f);
-      out->color = out->color * (1.0f - (0.10f + 0.12f * who_.age +
-                                         0.16f * std::max(form_.mood.smile, 0.0f)) *
-                                            fold * step(1.1f, 0.8f, along));
+      out->color = out->color *
+                   (1.0f - (0.10f + 0.12f * who_.age + 0.16f * std::max(form_.mood.smile, 0.0f)) *
+                               fold * step(1.1f, 0.8f, along));
     }
   }
 
@@ -184,15 +186,15 @@ class painter {
     const float chin = step(-0.5f, 0.7f, p.y - std::max(cheek_line, 1.0f)) * goatee;
     const float bottom = step(13.6f, 12.4f, p.y);
     const float lip = form_.mouth_edge(clamp(p.x / form_.mouth_half, -1.0f, 1.0f), 0);
-    const float above = step(5.35f, 5.75f, p.y + 0.05f * ax) * step(3.3f, 2.7f, ax) *
-                        step(lip + 0.7f, lip, p.y);
+    const float above =
+        step(5.35f, 5.75f, p.y + 0.05f * ax) * step(3.3f, 2.7f, ax) * step(lip + 0.7f, lip, p.y);
     const float grain = noise(p.x * 10.0f, p.y * 5.0f, who_.seed + 14) +
                         0.5f * noise(p.x * 17.0f, p.y * 9.0f, who_.seed + 15);
     const float region = std::max(chin * bottom, above);
     out->color = mix(out->color, who_.hair * 0.5f + vec3{0.02f, 0.022f, 0.026f},
                      region * who_.stubble * (0.45f + 0.2f * grain));
-    const float full = std::max(chin * bottom * (who_.beard > 0.0f ? 1.0f : 0.0f),
-                                above * who_.moustache);
+    const float full =
+        std::max(chin * bottom * (who_.beard > 0.0f ? 1.0f : 0.0f), above * who_.moustache);
     const float cover = step(0.15f, 0.75f, full + 0.3f * grain * (full > 0.05f ? 1.0f : 0.0f));
     out->color = mix(out->color, who_.hair * (0.9f + 0.35f * grain), 0.95f * cover);
     out->gloss *= 1.0f - 0.8f * cover;
@@ -243,13 +245,16 @@ class painter {
     const float ends = step(1.08f, 0.98f, std::fabs(t));
     // The fold above the lid, and paint between it and the lashes.
     const float fold = upper - 0.34f - 0.1f * (1.0f - c * c);
-    out->color = out->color * (1.0f - 0.4f * bump(p.y - fold, 0.1f) * step(1.3f, 0.8f, std::fabs(t)));
-    const float painted = step(fold - 0.2f, fold + 0.2f, p.y) * step(upper + 0.1f, upper - 0.1f, p.y);
+    out->color =
+        out->color * (1.0f - 0.4f * bump(p.y - fold, 0.1f) * step(1.3f, 0.8f, std::fabs(t)));
+    const float painted =
+        step(fold - 0.2f, fold + 0.2f, p.y) * step(upper + 0.1f, upper - 0.1f, p.y);
     out->color = mix(out->color, who_.lips * 0.4f, painted * ends * who_.makeup * 0.5f);
-    const float inside = step(upper - 0.03f, upper + 0.06f, p.y) *
-                         step(lower + 0.05f, lower - 0.05f, p.y) * ends;
+    const float inside =
+        step(upper - 0.03f, upper + 0.06f, p.y) * step(lower + 0.05f, lower - 0.05f, p.y) * ends;
     if (inside > 0.0f) eyeball(p, side, upper, inside, out);
-    const float lashes = bump(p.y - upper, 0.075f + 0.04f * who_.makeup) * step(1.15f, 0.95f, std::fabs(t));
+    const float lashes =
+        bump(p.y - upper, 0.075f + 0.04f * who_.makeup) * step(1.15f, 0.95f, std::fabs(t));
     const float below = bump(p.y - lower, 0.06f) * ends * (0.25f + 0.4f * who_.makeup);
     out->color = mix(out->color, {0.02f, 0.014f, 0.012f}, std::min(0.85f * lashes + below, 1.0f));
     const float corner = bump2(t + 0.97f, 0.09f, p.y - form_.eye_y(-1.0f), 0.12f);
@@ -294,16 +299,23 @@ class painter {
     const vec3 p = s.canonical;
     const int seed = who_.seed;
     const float curl = who_.hair_curl;
-    const float wave = 0.25f * noise(p.y * (0.5f + curl), s.u * 3.0f, seed + 21) * (0.5f + 2 * curl);
+    const float wave =
+        0.25f * noise(p.y * (0.5f + curl), s.u * 3.0f, seed + 21) * (0.5f + 2 * curl);
     const float strand = 0.6f * noise((s.u + wave * 0.2f) * 38.0f, p.y * 0.35f, seed + 22) +
                          0.5f * noise((s.u + wave * 0.2f) * 90.0f, p.y * 0.6f, seed + 23);
     const float lock = noise((s.u + wave * 0.3f) * 12.0f, p.y * 0.25f, seed + 24);
     const float knots = noise(p.x * 2.6f + p.z, p.y * 2.6f, seed + 25) +
                         0.6f * noise(p.x * 5.0f, p.y * 5.0f + p.z * 2, seed + 26);
     const float tone = mix(strand + 0.5f * lock, knots * 1.1f, std::min(curl, 1.0f) * 0.8f);
-    surface out{who_.hair * clamp(1.0f + 0.5f * tone, 0.25f, 2.0f), s.normal, 0.0f, 18.0f, 1.0f,
-                0.25f, true};
-    const float grey = step(0.2f, -0.6f, noise(s.u * 70.0f, p.y * 0.3f, seed + 27) - who_.hair_grey);
+    surface out{who_.hair * clamp(1.0f + 0.5f * tone, 0.25f, 2.0f),
+                s.normal,
+                0.0f,
+                18.0f,
+                1.0f,
+                0.25f,
+                true};
+    const float grey =
+        step(0.2f, -0.6f, noise(s.u * 70.0f, p.y * 0.3f, seed + 27) - who_.hair_grey);
     out.color = mix(out.color, {0.45f, 0.45f, 0.46f}, grey * who_.hair_grey);
     out.gloss = (0.05f + 0.12f * (1.0f - curl)) * clamp(0.6f + tone, 0.1f, 1.5f) *
                 (0.4f + dot(who_.hair, {0.8f, 0.8f, 0.8f}));
@@ -317,13 +329,15 @@ class painter {
   surface hat(const sample& s) const {
     const vec3 p = s.canonical;
     float weave = 0.0f;
-    if (who_.hat == 1) weave = 0.35f * std::sin(s.u * 60.0f) + 0.15f * std::sin(p.y * 9.0f);
-    else weave = 0.1f * noise(p.x * 6.0f, p.y * 6.0f + p.z * 3.0f, who_.seed + 28);
+    if (who_.hat == 1)
+      weave = 0.35f * std::sin(s.u * 60.0f) + 0.15f * std::sin(p.y * 9.0f);
+    else
+      weave = 0.1f * noise(p.x * 6.0f, p.y * 6.0f + p.z * 3.0f, who_.seed + 28);
     if (who_.hat == 4) weave += 0.35f * noise(s.u * 5.0f, p.y * 0.6f + s.u * 4.0f, who_.seed + 29);
     vec3 color = who_.hat_color;
     if (who_.hat <= 2 && p.y > -5.4f && s.v < 4.0f) color = mix(color, who_.cloth[1], 0.7f);
-    return {color * (1.0f + 0.4f * weave), s.normal, 0.02f, 8.0f, clamp(0.9f + 0.3f * weave, 0.3f, 1.f),
-            0.15f, false};
+    return {color * (1.0f + 0.4f * weave),         s.normal, 0.02f, 8.0f,
+            clamp(0.9f + 0.3f * weave, 0.3f, 1.f), 0.15f,    false};
   }
 
   surface cloth(const sample& s) const {
@@ -337,9 +351,10 @@ class painter {
       color = mix(color, who_.cloth[1], 0.5f * stripes(p.y * 1.7f) + 0.5f * stripes(p.x * 1.7f));
     if (who_.pattern == 3 && std::fabs(p.x) < 3.0f + 0.3f * (p.y - who_.collar))
       color = who_.cloth[1];  // a jacket over a shirt
-    if (p.y < who_.collar + collar_dip(s) + 1.2f && who_.pattern != 1) color = mix(color, who_.cloth[1], 0.6f);
-    return {color * (1.0f + 0.25f * folds), s.normal, 0.01f, 6.0f, clamp(0.85f + 0.3f * folds, 0.3f, 1.0f),
-            0.1f, false};
+    if (p.y < who_.collar + collar_dip(s) + 1.2f && who_.pattern != 1)
+      color = mix(color, who_.cloth[1], 0.6f);
+    return {color * (1.0f + 0.25f * folds),          s.normal, 0.01f, 6.0f,
+            clamp(0.85f + 0.3f * folds, 0.3f, 1.0f), 0.1f,     false};
   }
 
   const shape& form_;
@@ -443,8 +458,7 @@ void render_head(const identity& who, const expression& mood, const lighting& li
       }
       uint8_t* to = rgba + 4 * (static_cast<size_t>(y) * static_cast<size_t>(view.width) +
                                 static_cast<size_t>(x));
-      for (int c = 0; c < 4; c++)
-        to[c] = static_cast<uint8_t>(sum[c] / (kFiner * kFiner) + 0.5f);
+      for (int c = 0; c < 4; c++) to[c] = static_cast<uint8_t>(sum[c] / (kFiner * kFiner) + 0.5f);
     }
   truth_finder{form, pose, view}.fill(samples, finer, truth);
 }

@@ -4,14 +4,15 @@
 namespace render {
 namespace {
 
-constexpr float kSkins[][3] = {{255, 226, 208}, {247, 210, 186}, {238, 195, 165}, {225, 175, 140},
-                               {205, 150, 115}, {176, 121, 86},  {140, 92, 62},   {105, 67, 45},
-                               {78, 50, 36}};
+constexpr float kSkins[][3] = {{255, 226, 208}, {247, 210, 186}, {238, 195, 165},
+                               {225, 175, 140}, {205, 150, 115}, {176, 121, 86},
+                               {140, 92, 62},   {105, 67, 45},   {78, 50, 36}};
 constexpr int kSkinCount = sizeof(kSkins) / sizeof(kSkins[0]);
-constexpr float kHairs[][3] = {{22, 18, 16},   {35, 26, 21},   {52, 36, 26},  {78, 52, 34},
-                               {110, 74, 44},  {150, 108, 62}, {196, 158, 98}, {140, 62, 30},
+constexpr float kHairs[][3] = {{22, 18, 16},    {35, 26, 21},   {52, 36, 26},   {78, 52, 34},
+                               {110, 74, 44},   {150, 108, 62}, {196, 158, 98}, {140, 62, 30},
                                {150, 148, 146}, {205, 203, 200}};
-constexpr float kIrises[][3] = {{60, 36, 20}, {90, 58, 30}, {70, 90, 60}, {90, 120, 150}, {110, 110, 110}};
+constexpr float kIrises[][3] = {
+    {60, 36, 20}, {90, 58, 30}, {70, 90, 60}, {90, 120, 150}, {110, 110, 110}};
 
 vec3 color_of(const float (&c)[3]) { return srgb_to_linear(c[0], c[1], c[2]); }
 
@@ -83,7 +84,8 @@ void choose_hair(dice& r, identity* who) {
     who->hair_side = r.within(0.4f, 1.3f);
     who->hair_thick = r.within(0.4f, 1.6f);
     if (r.chance(0.4f)) who->hair_front = r.within(-4.2f, -1.5f);
-    if (r.chance(0.3f)) who->hair_part = r.chance(0.5f) ? r.within(0.4f, 1.2f) : -r.within(0.4f, 1.2f);
+    if (r.chance(0.3f))
+      who->hair_part = r.chance(0.5f) ? r.within(0.4f, 1.2f) : -r.within(0.4f, 1.2f);
   } else {  // a ball of curls
     who->hair_curl = 1.2f;
     who->hair_thick = r.within(2.0f, 4.5f);
@@ -109,8 +111,9 @@ void choose_colors(dice& r, identity* who) {
   const float pale = r.within(0.5f, 0.85f);
   who->lips = who->skin * vec3{0.92f, pale * 0.85f, pale * 0.88f};
   if (who->makeup > 0.0f)
-    who->lips = mix(who->lips, srgb_to_linear(r.within(120, 205), r.within(20, 80), r.within(40, 95)),
-                    r.within(0.2f, 0.9f));
+    who->lips =
+        mix(who->lips, srgb_to_linear(r.within(120, 205), r.within(20, 80), r.within(40, 95)),
+            r.within(0.2f, 0.9f));
   who->blush = r.within(0.1f, 1.0f) * (dark ? 0.4f : 1.0f);
   who->freckles = r.chance(0.15f) && tone < 3.0f ? r.unit() : 0.0f;
   who->oily = r.unit() * r.unit();
@@ -168,8 +171,10 @@ expression make_expression(dice& r) {
   if (r.chance(0.1f)) mood.pucker = r.unit() * std::max(1.0f - mood.smile, 0.0f);
   mood.skew = 0.2f * r.normal();
   const float raise = 0.3f * r.normal();
-  const float lids = r.chance(0.08f) ? r.within(0.0f, 0.4f)
-                                     : clamp(1.0f - 0.25f * std::max(mood.smile, 0.0f) + 0.12f * r.normal(), 0.3f, 1.35f);
+  const float lids =
+      r.chance(0.08f)
+          ? r.within(0.0f, 0.4f)
+          : clamp(1.0f - 0.25f * std::max(mood.smile, 0.0f) + 0.12f * r.normal(), 0.3f, 1.35f);
   for (int side = 0; side < 2; side++) {
     mood.brow_raise[side] = clamp(raise + 0.1f * r.normal(), -0.6f, 1.0f);
     mood.lids[side] = clamp(lids + 0.04f * r.normal(), 0.0f, 1.4f);
@@ -192,9 +197,11 @@ lighting make_lighting(dice& r) {
   const int count = 1 + r.below(3);
   for (int i = 0; i < 3; i++) {
     const float yaw = r.within(-1.6f, 1.6f), pitch = r.within(-0.3f, 1.2f);
-    out.lights[i].direction = normalize(vec3{std::sin(yaw) * std::cos(pitch), -std::sin(pitch),
-                                             -std::cos(yaw) * std::cos(pitch)});
-    const float strength = i >= count ? 0.0f : i == 0 ? r.within(0.25f, 0.9f) : r.within(0.05f, 0.35f);
+    out.lights[i].direction = normalize(
+        vec3{std::sin(yaw) * std::cos(pitch), -std::sin(pitch), -std::cos(yaw) * std::cos(pitch)});
+    const float strength = i >= count ? 0.0f
+                           : i == 0   ? r.within(0.25f, 0.9f)
+                                      : r.within(0.05f, 0.35f);
     out.lights[i].color = tint(0.1f) * strength;
   }
   out.shadow = r.within(0.35f, 0.95f);

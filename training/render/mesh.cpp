@@ -72,8 +72,7 @@ mesh build_ear(const shape& form, const head_pose& pose, float side) {
       const float b = 2.0f * kPi * static_cast<float>(j) / static_cast<float>(m.columns - 1);
       const float rim = std::sin(a);
       const float narrow = 1.0f - 0.3f * step(0.3f, 1.0f, -std::cos(a));
-      vec3 p{0.55f * std::sin(b) * rim, -3.0f * std::cos(a),
-             1.65f * std::cos(b) * rim * narrow};
+      vec3 p{0.55f * std::sin(b) * rim, -3.0f * std::cos(a), 1.65f * std::cos(b) * rim * narrow};
       const vec3 turned = turn(-0.55f * side, 0.12f, 0.12f * side) * p;
       vertex& v = m.at(i, j);
       v.canonical = {side * 7.2f + turned.x, 1.0f + turned.y, -0.6f - turned.z};
@@ -90,9 +89,10 @@ float hair_height(const shape& form, float ring, float angle, float cover) {
   const identity& who = form.who;
   const float side = step(0.5f, 1.4f, std::fabs(angle)) * step(3.0f, 5.5f, ring);
   const float full = mix(who.hair_thick, who.hair_side, side);
-  const float lumps = 1.0f + (0.25f + 0.3f * who.hair_curl) *
-                                 noise(angle * 2.5f + 9.0f, ring * 0.9f, who.seed + 5) +
-                      0.18f * noise(angle * 7.0f, ring * 2.4f, who.seed + 6);
+  const float lumps =
+      1.0f +
+      (0.25f + 0.3f * who.hair_curl) * noise(angle * 2.5f + 9.0f, ring * 0.9f, who.seed + 5) +
+      0.18f * noise(angle * 7.0f, ring * 2.4f, who.seed + 6);
   return (0.12f + full * step(-0.4f, 1.6f, cover)) * lumps;
 }
 
@@ -211,8 +211,7 @@ vec3 rim_point(const shape& form, float side, float angle, float part) {
   const float c = std::cos(angle), s = std::sin(angle), round = who.glasses_round;
   const float x = side * (3.35f * who.eye_apart) +
                   part * who.glasses_wide * std::copysign(std::pow(std::fabs(c), round), c);
-  const float y =
-      0.35f + part * who.glasses_high * std::copysign(std::pow(std::fabs(s), round), s);
+  const float y = 0.35f + part * who.glasses_high * std::copysign(std::pow(std::fabs(s), round), s);
   return {x, y, 10.75f - 0.04f * x * x};
 }
 
@@ -238,14 +237,16 @@ void build_glasses(const shape& form, const head_pose& pose, std::vector<mesh>* 
                                 i == 0 ? 0.02f : 1.0f);
         v.cover = 1.0f;
         v.seen = to_camera(pose, form.to_face(v.canonical), 0.0f);
-        v.normal = pose.rotation * normalize(vec3{0.08f * v.canonical.x, 0.02f * v.canonical.y, -1});
+        v.normal =
+            pose.rotation * normalize(vec3{0.08f * v.canonical.x, 0.02f * v.canonical.y, -1});
       }
     meshes->push_back(lens);
   }
   const float inner = 3.35f * who.eye_apart - who.glasses_wide;
-  const std::vector<vec3> bridge = {
-      {-inner, 0.1f, 10.75f}, {-0.4f * inner, -0.25f, 11.0f}, {0.4f * inner, -0.25f, 11.0f},
-      {inner, 0.1f, 10.75f}};
+  const std::vector<vec3> bridge = {{-inner, 0.1f, 10.75f},
+                                    {-0.4f * inner, -0.25f, 11.0f},
+                                    {0.4f * inner, -0.25f, 11.0f},
+                                    {inner, 0.1f, 10.75f}};
   meshes->push_back(build_tube(form, pose, bridge, thick));
 }
 
@@ -276,8 +277,7 @@ std::vector<mesh> build_head(const shape& form, const head_pose& pose) {
     meshes.push_back(build_ear(form, pose, -1.0f));
     meshes.push_back(build_ear(form, pose, 1.0f));
   }
-  if (!who.bald && who.hat != 4 && who.hair_thick > 0.05f)
-    meshes.push_back(build_hair(form, pose));
+  if (!who.bald && who.hat != 4 && who.hair_thick > 0.05f) meshes.push_back(build_hair(form, pose));
   if (who.hat) meshes.push_back(build_hat(form, pose));
   if (who.hat == 2 || who.hat == 3) meshes.push_back(build_brim(form, pose));
   if (who.glasses) build_glasses(form, pose, &meshes);
@@ -321,7 +321,7 @@ vec3 landmark(const shape& form, int i) {
     const float y = k == 0 || k == 3 ? form.eye_y(t) : form.lid(side, t, k < 3 ? -1 : 1);
     return form.to_face(on_skin(form, x, y));
   }
-  const float outer[] = {-1.0f, -0.62f, -0.24f, 0.0f, 0.24f, 0.62f,
+  const float outer[] = {-1.0f, -0.62f, -0.24f, 0.0f, 0.24f,  0.62f,
                          1.0f,  0.62f,  0.26f,  0.0f, -0.26f, -0.62f};
   const float inner[] = {-0.88f, -0.38f, 0.0f, 0.38f, 0.88f, 0.38f, 0.0f, -0.38f};
   const int k = i < 60 ? i - 48 : i - 60;

@@ -48,7 +48,8 @@ void each_triangle(const mesh& m, const F& f) {
 
 // Hair ends in strands: its cover is frayed by noise along them.
 float frayed(float cover, float u, float v, int seed) {
-  return cover + 0.55f * noise(u * 26.0f, v * 0.7f, seed) + 0.35f * noise(u * 61.0f, v * 1.2f, seed);
+  return cover + 0.55f * noise(u * 26.0f, v * 0.7f, seed) +
+         0.35f * noise(u * 61.0f, v * 1.2f, seed);
 }
 
 }  // namespace
@@ -64,7 +65,8 @@ void draw(const mesh& m, const camera& view, int seed, std::vector<sample>* samp
     places[i] = {p.x * scale + view.cx, p.y * scale + view.cy};
   }
   each_triangle(m, [&](int ia, int ib, int ic) {
-    const vertex &va = m.vertices[static_cast<size_t>(ia)], &vb = m.vertices[static_cast<size_t>(ib)],
+    const vertex &va = m.vertices[static_cast<size_t>(ia)],
+                 &vb = m.vertices[static_cast<size_t>(ib)],
                  &vc = m.vertices[static_cast<size_t>(ic)];
     if (va.seen.z <= 1.0f || vb.seen.z <= 1.0f || vc.seen.z <= 1.0f) return;
     const bool ends = m.kind == kHair || m.kind == kHat;
@@ -80,8 +82,13 @@ void draw(const mesh& m, const camera& view, int seed, std::vector<sample>* samp
       const float u = a * va.u + b * vb.u + c * vc.u, v = a * va.v + b * vb.v + c * vc.v;
       if (m.kind == kHair && frayed(cover, u, v, seed) < 0.0f) return;
       if (m.kind == kHat && cover < 0.0f) return;
-      s = {z, va.canonical * a + vb.canonical * b + vc.canonical * c,
-           va.normal * a + vb.normal * b + vc.normal * c, cover, u, v, m.kind};
+      s = {z,
+           va.canonical * a + vb.canonical * b + vc.canonical * c,
+           va.normal * a + vb.normal * b + vc.normal * c,
+           cover,
+           u,
+           v,
+           m.kind};
     });
   });
 }
@@ -105,8 +112,8 @@ shadow_map::shadow_map(const std::vector<mesh>& meshes, vec3 towards_light)
     each_triangle(m, [&](int ia, int ib, int ic) {
       const auto at = [](int i) { return static_cast<size_t>(i); };
       if ((m.kind == kHair || m.kind == kHat) &&
-          std::min({m.vertices[at(ia)].cover, m.vertices[at(ib)].cover,
-                    m.vertices[at(ic)].cover}) < 0.0f)
+          std::min({m.vertices[at(ia)].cover, m.vertices[at(ib)].cover, m.vertices[at(ic)].cover}) <
+              0.0f)
         return;
       const vec3 &pa = places[at(ia)], &pb = places[at(ib)], &pc = places[at(ic)];
       const triangle t({pa.x, pb.x, pc.x}, {pa.y, pb.y, pc.y});

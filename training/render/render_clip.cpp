@@ -70,7 +70,8 @@ actor make_actor(dice& r, uint64_t seed, int index, int count) {
   return a;
 }
 
-void paint_actor(const actor& a, const lighting& lights, float seconds, shown* out, picture* frame) {
+void paint_actor(const actor& a, const lighting& lights, float seconds, shown* out,
+                 picture* frame) {
   const float t = std::max(seconds - a.start, 0.0f);
   const float moved = t * step(0.0f, 0.5f, t);  // starts softly
   const vec3 place{a.x.at(moved), a.y.at(moved), a.z.at(moved)};
@@ -85,11 +86,12 @@ void paint_actor(const actor& a, const lighting& lights, float seconds, shown* o
                     size, size};
   std::vector<uint8_t> rgba(static_cast<size_t>(size * size) * 4);
   render_head(a.who, mood, lights, pose, view, rgba.data(), &out->truth);
-  const placing where{1.0f, static_cast<float>(left), static_cast<float>(top), false, a.gain,
+  const placing where{1.0f,    static_cast<float>(left),     static_cast<float>(top), false, a.gain,
                       kHeight, static_cast<uint8_t>(out->id)};
   paint_sprite({rgba.data(), size}, where, frame);
   for (auto& p : out->truth.points) p[0] += left, p[1] += top;
-  for (int i = 0; i < 4; i++) out->box[i] = out->truth.box[i] + static_cast<float>(i % 2 ? top : left);
+  for (int i = 0; i < 4; i++)
+    out->box[i] = out->truth.box[i] + static_cast<float>(i % 2 ? top : left);
   out->depth = place.z;
 }
 
@@ -108,7 +110,8 @@ void write_bmp(const picture& p, const std::string& path) {
     for (int x = 0; x < kWidth; x++)
       for (int c = 2; c >= 0; c--)
         body.push_back(static_cast<uint8_t>(
-            clamp(p.rgb[static_cast<size_t>(y * kWidth + x) * 3 + static_cast<size_t>(c)], 0, 255) + 0.5f));
+            clamp(p.rgb[static_cast<size_t>(y * kWidth + x) * 3 + static_cast<size_t>(c)], 0, 255) +
+            0.5f));
   FILE* file = std::fopen(path.c_str(), "wb");
   if (!file || std::fwrite(head, 1, 54, file) != 54 ||
       std::fwrite(body.data(), 1, body.size(), file) != body.size() || std::fclose(file) != 0) {
@@ -172,9 +175,10 @@ int main(int count, char** arguments) {
     std::fprintf(stderr, "render_clip: cannot write %s/truth.json\n", arguments[1]);
     return 1;
   }
-  std::fprintf(file, "{\"width\": %d, \"height\": %d, \"rate\": %d, \"camera\": {\"focal\": %g, "
-               "\"cx\": %g, \"cy\": %g},\n \"frames\": [", kWidth, kHeight, kRate, kFocal, kMiddleX,
-               kMiddleY);
+  std::fprintf(file,
+               "{\"width\": %d, \"height\": %d, \"rate\": %d, \"camera\": {\"focal\": %g, "
+               "\"cx\": %g, \"cy\": %g},\n \"frames\": [",
+               kWidth, kHeight, kRate, kFocal, kMiddleX, kMiddleY);
   for (int f = 0; f < frames; f++) {
     picture frame = background;
     const std::vector<shown> faces =

@@ -44,8 +44,9 @@ ring_key ring_at(float ring) {
   const ring_key &b = kRings[i], &c = kRings[i + 1], &d = kRings[std::min(i + 2, kRingCount - 1)];
   const float t = ring - static_cast<float>(i);
   const auto at = [&](float ring_key::*v) { return between(a.*v, b.*v, c.*v, d.*v, t); };
-  return {at(&ring_key::front_y), at(&ring_key::side_y), at(&ring_key::back_y),
-          std::max(at(&ring_key::wide), 0.0f), at(&ring_key::front), at(&ring_key::back),
+  return {at(&ring_key::front_y), at(&ring_key::side_y),
+          at(&ring_key::back_y),  std::max(at(&ring_key::wide), 0.0f),
+          at(&ring_key::front),   at(&ring_key::back),
           at(&ring_key::boxy)};
 }
 
@@ -87,7 +88,7 @@ float shape::lid(int side, float t, int sign) const {
   const float edge = 1.0f - t * t;
   if (sign < 0)
     return eye_y(t) - 0.58f * who.eye_size * (open - 0.25f * (1.0f - open)) *
-                                (1.0f - std::pow(std::fabs(t + 0.12f * (1 - t * t)), 2.3f));
+                          (1.0f - std::pow(std::fabs(t + 0.12f * (1 - t * t)), 2.3f));
   return eye_y(t) + (0.36f - 0.10f * std::max(mood.smile, 0.0f)) * who.eye_size * edge;
 }
 
@@ -166,8 +167,10 @@ float shape::mouth(float x, float y) const {
   if (std::fabs(u) < 1.15f) {
     const float edges[] = {mouth_edge(u, 0), mouth_edge(u, 1), mouth_edge(u, 2), mouth_edge(u, 3)};
     const float fade = std::max(1.0f - u * u, 0.0f);
-    const float in_upper = (y - 0.5f * (edges[0] + edges[1])) / (0.6f * (edges[1] - edges[0]) + .1f);
-    const float in_lower = (y - 0.5f * (edges[2] + edges[3])) / (0.6f * (edges[3] - edges[2]) + .1f);
+    const float in_upper =
+        (y - 0.5f * (edges[0] + edges[1])) / (0.6f * (edges[1] - edges[0]) + .1f);
+    const float in_lower =
+        (y - 0.5f * (edges[2] + edges[3])) / (0.6f * (edges[3] - edges[2]) + .1f);
     out += fade * (0.34f * bump(in_upper, 0.8f) + 0.42f * bump(in_lower, 0.8f) -
                    0.22f * bump(y - 0.5f * (edges[1] + edges[2]), 0.12f));
     const float gap = edges[2] - edges[1];
@@ -183,8 +186,8 @@ float shape::mouth(float x, float y) const {
     out -= depth * bump(std::fabs(x) - fold_x, 0.28f) * step(-0.2f, 0.2f, along) *
            step(1.2f, 0.8f, along);
   }
-  return out + 0.42f * std::max(mood.smile, 0.0f) *
-                   bump2(std::fabs(x) - 4.1f, 1.0f, y - 3.9f, 1.2f);
+  return out +
+         0.42f * std::max(mood.smile, 0.0f) * bump2(std::fabs(x) - 4.1f, 1.0f, y - 3.9f, 1.2f);
 }
 
 float shape::relief(float x, float y) const {
