@@ -80,8 +80,8 @@ class InvertedResidual(nn.Module):
         super().__init__()
         inner = inputs * wider
         self.adds = stride == 1 and inputs == outputs
-        self.layers = nn.Sequential(convolution(inputs, inner, 1),
-                                    convolution(inner, inner, 3, stride, inner),
+        self.layers = nn.Sequential(plain(inputs, inner, 1),
+                                    plain(inner, inner, 3, stride, inner),
                                     convolution(inner, outputs, 1, relu=False))
 
     def forward(self, x):
@@ -94,8 +94,7 @@ class Landmarks(nn.Module):
     def __init__(self):
         super().__init__()
         self.layers = nn.Sequential(
-            plain(3, 16, 3, 2), plain(16, 16, 3, 1, 16),
-            InvertedResidual(16, 24, 3, 2), InvertedResidual(24, 24, 3),
+            plain(3, 16, 3, 2), separable(16, 24, 2), InvertedResidual(24, 24, 3),
             InvertedResidual(24, 24, 3),
             InvertedResidual(24, 40, 4, 2), InvertedResidual(40, 40, 4),
             InvertedResidual(40, 40, 4), InvertedResidual(40, 40, 4),

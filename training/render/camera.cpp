@@ -1,4 +1,8 @@
 // Putting heads into pictures, and what lens, sensor and compression do to them.
+#include <immintrin.h>
+
+#include <cstring>
+
 #include "scene.h"
 
 namespace render {
@@ -6,28 +10,31 @@ namespace {
 
 constexpr int kBlock = 8;
 
-// The mean of the sprite over a square, by the pixels it touches.
+// The mean of the sprite over a square, by the pixels it touches: red, green, blue, alpha.
 struct mean_color {
   float v[4];
 };
 mean_color mean_of(const sprite& s, float x1, float y1, float x2, float y2) {
-  mean_color sum{};
+  __m128 sum = _mm_setzero_ps();
   float weight = 0.0f;
   const int left = std::max(static_cast<int>(x1), 0), top = std::max(static_cast<int>(y1), 0);
   const int right = std::min(static_cast<int>(std::ceil(x2)), s.size);
   const int low = std::min(static_cast<int>(std::ceil(y2)), s.size);
   for (int y = top; y < low; y++) {
     const float wy = std::min(y2, y + 1.0f) - std::max(y1, static_cast<float>(y));
+    const uint8_t* row = s.rgba + 4 * static_cast<size_t>(y * s.size);
     for (int x = left; x < right; x++) {
       const float w = wy * (std::min(x2, x + 1.0f) - std::max(x1, static_cast<float>(x)));
-      const uint8_t* from = s.rgba + 4 * static_cast<size_t>(y * s.size + x);
-      for (int c = 0; c < 4; c++) sum.v[c] += w * from[c];
+      int bytes;
+      std::memcpy(&bytes, row + 4 * x, 4);
+      const __m128 color = _mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(bytes)));
+      sum = _mm_fmadd_ps(_mm_set1_ps(w), color, sum);
       weight += w;
     }
   }
-  if (weight > 0.0f)
-    for (float& v : sum.v) v /= weight;
-  return sum;
+  mean_color mean;
+  _mm_storeu_ps(mean.v, _mm_div_ps(sum, _mm_set1_ps(std::max(weight, 1e-6f))));
+  return mean;
 }
 
 // A box blur of width 2 * half + 1 along one direction: steps of one pixel.
@@ -115,15 +122,17 @@ void paint_sprite(const sprite& head, const placing& where, picture* out) {
   const int y2 = std::min(end + where.body, out->height - 1);
   const float gain[3] = {where.gain.x, where.gain.y, where.gain.z};
   const float reach = std::max(per, 1.0f);  // a square of at least one pixel smooths enlarging
+  std::vector<mean_color> row(static_cast<size_t>(std::max(x2 + 1, 1)));
   for (int y = y1; y <= y2; y++)
     for (int x = x1; x <= x2; x++) {
-      const float dy = static_cast<float>(std::min(y, end)) - where.y;
-      const float dx = static_cast<float>(x) - where.x;
-      float u = (dx + 0.5f) * per;
-      const float v = std::min((dy + 0.5f) * per, static_cast<float>(head.size) - 0.51f * reach);
-      if (where.mirrored) u = static_cast<float>(head.size) - u;
-      const mean_color c =
-          mean_of(head, u - 0.5f * reach, v - 0.5f * reach, u + 0.5f * reach, v + 0.5f * reach);
+      mean_color& c = row[static_cast<size_t>(x)];  // below the sprite that of its last row
+      if (y <= end || y == y1) {
+        const float dy = static_cast<float>(std::min(y, end)) - where.y;
+        float u = (static_cast<float>(x) - where.x + 0.5f) * per;
+        const float v = std::min((dy + 0.5f) * per, static_cast<float>(head.size) - 0.51f * reach);
+        if (where.mirrored) u = static_cast<float>(head.size) - u;
+        c = mean_of(head, u - 0.5f * reach, v - 0.5f * reach, u + 0.5f * reach, v + 0.5f * reach);
+      }
       if (c.v[3] <= 0.0f) continue;
       float* to = out->at(x, y);
       const float behind = 1.0f - c.v[3] / 255.0f;
