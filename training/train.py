@@ -2,13 +2,15 @@
 """Trains a network on rendered people: train.py detector|landmarks --samples N [--resume].
 
 The detector first sees pictures of half the width and height: a quarter of the work each, and
-they count as a quarter of a sample. Pictures are composed as they are needed from a store of rendered heads; picture i of a seed is
-always the same. A checkpoint is written every few minutes; --resume goes on from it, and
---samples may differ then: the learning rate follows the share of samples seen.
+they count as a quarter of a sample. Pictures are composed as they are needed from a store of
+rendered heads; picture i of a seed is always the same. A checkpoint is written every few minutes
+and at SIGINT and SIGTERM; --resume goes on from it, and --samples may differ then: the learning
+rate follows the share of samples seen.
 """
 import argparse
 import math
 import os
+import signal
 import time
 
 import numpy as np
@@ -42,6 +44,15 @@ def rate(seen, total, peak, warmup=1500):
         0.01 + 0.99 * 0.5 * (1 + math.cos(math.pi * min(seen / total, 1.0))))
 
 
+def has_bfloat16():
+    """Whether the processor computes with it: elsewhere it is slower than single precision."""
+    try:
+        with open("/proc/cpuinfo") as file:
+            return "avx512_bf16" in file.read()
+    except OSError:
+        return False
+
+
 class Trainer:
     def __init__(self, options):
         self.options = options
@@ -49,11 +60,15 @@ class Trainer:
         self.device = "cuda" if torch.cuda.is_available() else "cpu"
         self.model = NETWORKS[options.network]().to(self.device,
                                                     memory_format=torch.channels_last)
+        self.half = not options.single and (self.device == "cuda" or has_bfloat16())
         self.mean = NETWORKS[options.network]()  # running mean of the weights: what is used
         self.mean.load_state_dict(self.model.state_dict())
         self.optimizer = torch.optim.AdamW(self.model.parameters(), lr=options.rate,
                                            weight_decay=1e-4)
         self.seen, self.steps, self.made = 0.0, 0, 0  # samples, steps, pictures
+        self.stopped = False
+        for number in (signal.SIGINT, signal.SIGTERM):
+            signal.signal(number, self.stop)
         self.path = os.path.join(options.folder, options.network + ".pt")
         if options.resume and os.path.exists(self.path):
             saved = torch.load(self.path, map_location="cpu")
@@ -61,6 +76,9 @@ class Trainer:
             self.mean.load_state_dict(saved["mean"])
             self.optimizer.load_state_dict(saved["optimizer"])
             self.seen, self.steps, self.made = (saved[k] for k in ("seen", "steps", "made"))
+
+    def stop(self, *_):
+        self.stopped = True
 
     def save(self):
         state = {"network": self.options.network, "model": self.model.state_dict(),
@@ -75,7 +93,7 @@ class Trainer:
         for group in self.optimizer.param_groups:
             group["lr"] = rate(self.seen, options.samples, options.rate)
         self.model.train()
-        with torch.autocast(self.device, torch.bfloat16, enabled=not options.single):
+        with torch.autocast(self.device, torch.bfloat16, enabled=self.half):
             found = self.model(models.normalize(pictures).to(self.device))
         found = [f.float() for f in found] if isinstance(found, tuple) else found.float()
         truth = [t.to(self.device) for t in truth]
@@ -106,7 +124,7 @@ class Trainer:
         quarter = losses.Targets(data.WIDTH // 2, data.HEIGHT // 2)
         saved = noted = time.time()
         sums, count, first = 0.0, 0, self.seen
-        while self.seen < options.samples:
+        while self.seen < options.samples and not self.stopped:
             small = options.network == "detector" and self.seen < options.small * options.samples
             size = options.batch * (2 if small else 1)
             start = options.seed * 10**10 + self.made
@@ -140,7 +158,7 @@ def main():
     parser.add_argument("--minutes", type=float, default=3, help="between checkpoints")
     parser.add_argument("--threads", type=int, default=1)
     parser.add_argument("--single", action="store_true", help="single precision, not bfloat16")
-    parser.add_argument("--heads", type=int, default=6000, help="in the store")
+    parser.add_argument("--heads", type=int, default=5400, help="in the store")
     parser.add_argument("--folder", default=data.default_folder(), help="checkpoints")
     parser.add_argument("--store", help="rendered heads (default: FOLDER/store)")
     options = parser.parse_args()

@@ -212,7 +212,7 @@ int render_scene(uint64_t seed, const uint8_t* heads, const float* truths, int f
     if (seen < 0.15f) continue;
     float* to = boxes + 5 * found++;
     std::memcpy(to, h.box, sizeof(h.box));
-    to[4] = seen > 0.42f && h.box[3] - h.box[1] > 10.0f ? 1.0f : 0.0f;
+    to[4] = seen > 0.5f && h.box[3] - h.box[1] > 10.0f ? 1.0f : 0.0f;
   }
   spoil(r, &out);
   to_bytes(out, rgb);
@@ -226,13 +226,13 @@ int render_crop(uint64_t seed, const uint8_t* heads, const float* truths, int fi
   dice r(seed);
   const stored store{heads, truths, first, count, size};
   // Far faces have fewer pixels than the crop.
-  const int real = r.chance(0.5f) ? side : static_cast<int>(side * r.within(0.2f, 1.0f));
+  const int real = r.chance(0.6f) ? side : static_cast<int>(side * r.within(0.3f, 1.0f));
   picture out(real, real);
   paint_background(r, &out);
   std::vector<placed> chosen = choose_crop(r, store, real);
   paint_heads(store, &chosen, &out);
   const placed& h = chosen.back();
-  if (r.chance(0.25f)) paint_occluder(r, h.box, &out);
+  if (r.chance(0.15f)) paint_occluder(r, h.box, &out);
   spoil(r, &out);
   const float* truth = store.truth(h.index);
   for (int i = 0; i < kPoints; i++) {
