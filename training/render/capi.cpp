@@ -110,7 +110,7 @@ std::vector<placed> choose_heads(dice& r, const stored& store, int width, int he
     h.index = store.any(r);
     const float* box = box_of(store.truth(h.index));
     const float high = alike ? common * r.within(0.85f, 1.18f)
-                             : std::exp(r.within(std::log(11.0f), std::log(crowd)));
+                             : std::exp(r.within(std::log(12.0f), std::log(crowd)));
     h.where.scale = high / std::max(box[3] - box[1], 0.8f * (box[2] - box[0]));
     h.where.mirrored = r.chance(0.5f);
     h.where.gain = any_gain(r);
@@ -212,7 +212,7 @@ int render_scene(uint64_t seed, const uint8_t* heads, const float* truths, int f
     if (seen < 0.15f) continue;
     float* to = boxes + 5 * found++;
     std::memcpy(to, h.box, sizeof(h.box));
-    to[4] = seen > 0.5f && h.box[3] - h.box[1] > 10.0f ? 1.0f : 0.0f;
+    to[4] = seen > 0.5f && h.box[3] - h.box[1] > 12.0f ? 1.0f : 0.0f;
   }
   spoil(r, &out);
   to_bytes(out, rgb);

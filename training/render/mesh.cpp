@@ -42,6 +42,14 @@ float column_angle(int j, int columns) {
   return kPi * (0.55f * c + 0.45f * c * c * c);
 }
 
+void set(vertex* v, vec3 canonical, float cover, float along_u, float along_v, vec3 seen) {
+  v->canonical = canonical;
+  v->cover = cover;
+  v->u = along_u;
+  v->v = along_v;
+  v->seen = seen;
+}
+
 float follow_of_ring(float ring) { return step(13.5f, 17.5f, ring); }
 
 mesh build_skin(const shape& form, const head_pose& pose) {
@@ -118,12 +126,8 @@ mesh build_hair(const shape& form, const head_pose& pose) {
         p.z += 0.2f * low * behind;
         p.x *= 1.0f + 0.012f * low * (1.0f + noise(low * 0.4f, angle, who.seed + 8));
       }
-      vertex& v = m.at(i, j);
-      v.canonical = p;
-      v.cover = cover;
-      v.u = angle;
-      v.v = p.y;
-      v.seen = to_camera(pose, form.to_face(p), 0.8f * step(10.0f, 18.0f, p.y));
+      set(&m.at(i, j), p, cover, angle, p.y,
+          to_camera(pose, form.to_face(p), 0.8f * step(10.0f, 18.0f, p.y)));
     }
   find_normals(m, true, -1.0f);
   return m;
@@ -148,12 +152,8 @@ mesh build_hat(const shape& form, const head_pose& pose) {
       p = p + out * (high + std::max(who.hair_side, 0.0f) * 0.3f +
                      0.2f * noise(angle * 3.0f, p.y * 0.4f, who.seed + 11));
       p.y -= rise;
-      vertex& v = m.at(i, j);
-      v.canonical = p;
-      v.cover = edge - p.y + (cloth ? 0.0f : 0.01f);
-      v.u = angle;
-      v.v = p.y;
-      v.seen = to_camera(pose, form.to_face(p), 0.8f * step(9.0f, 16.0f, p.y));
+      set(&m.at(i, j), p, edge - p.y + (cloth ? 0.0f : 0.01f), angle, p.y,
+          to_camera(pose, form.to_face(p), 0.8f * step(9.0f, 16.0f, p.y)));
     }
   find_normals(m, true, -1.0f);
   return m;
@@ -173,12 +173,7 @@ mesh build_brim(const shape& form, const head_pose& pose) {
       const vec3 away = normalize(vec3{visor ? 0.35f * p.x : p.x, 0.0f, p.z});
       p = p + away * out;
       p.y += across * (visor ? 1.6f - 1.0f * c * c : 1.2f);
-      vertex& v = m.at(i, j);
-      v.canonical = p;
-      v.cover = 1.0f;
-      v.u = angle;
-      v.v = 4.0f + across;
-      v.seen = to_camera(pose, form.to_face(p), 0.0f);
+      set(&m.at(i, j), p, 1.0f, angle, 4.0f + across, to_camera(pose, form.to_face(p), 0.0f));
     }
   find_normals(m, false, -1.0f);
   return m;
