@@ -139,8 +139,8 @@ std::vector<placed> choose_crop(dice& r, const stored& store, int side) {
     } while (i == others && !is_face(store.truth(h.index)));
     const float* box = box_of(store.truth(h.index));
     const float larger = std::max(box[2] - box[0], box[3] - box[1]);
-    const float wobble = i == others ? 0.055f : 0.8f;
-    h.where.scale = static_cast<float>(side) / (1.25f * larger) * std::exp(0.07f * r.normal());
+    const float wobble = i == others ? 0.04f : 0.8f;
+    h.where.scale = static_cast<float>(side) / (1.25f * larger) * std::exp(0.055f * r.normal());
     h.where.mirrored = r.chance(0.5f);
     h.where.gain = any_gain(r);
     const float cx = 0.5f * (box[0] + box[2]), cy = 0.5f * (box[1] + box[3]);
@@ -226,14 +226,14 @@ int render_crop(uint64_t seed, const uint8_t* heads, const float* truths, int fi
   dice r(seed);
   const stored store{heads, truths, first, count, size};
   // Far faces have fewer pixels than the crop.
-  const int real = r.chance(0.6f) ? side : static_cast<int>(side * r.within(0.3f, 1.0f));
+  const int real = r.chance(0.7f) ? side : static_cast<int>(side * r.within(0.35f, 1.0f));
   picture out(real, real);
   paint_background(r, &out);
   std::vector<placed> chosen = choose_crop(r, store, real);
   paint_heads(store, &chosen, &out);
   const placed& h = chosen.back();
   if (r.chance(0.15f)) paint_occluder(r, h.box, &out);
-  spoil(r, &out);
+  if (r.chance(0.75f)) spoil(r, &out);
   const float* truth = store.truth(h.index);
   for (int i = 0; i < kPoints; i++) {
     const float* p = truth + 3 * (h.where.mirrored ? mirrored_point(i) : i);
