@@ -44,6 +44,13 @@ def rate(seen, total, peak, warmup=1500):
         0.01 + 0.99 * 0.5 * (1 + math.cos(math.pi * min(seen / total, 1.0))))
 
 
+def share(parameter):
+    """Of the learning rate: weights of many inputs start small, and steps of one size for all
+    would drown them."""
+    inputs = parameter[0].numel() if parameter.dim() > 1 else 1
+    return min(1.0, math.sqrt(64 / inputs))
+
+
 def has_bfloat16():
     """Whether the processor computes with it: elsewhere it is slower than single precision."""
     try:
@@ -63,8 +70,9 @@ class Trainer:
         self.half = not options.single and (self.device == "cuda" or has_bfloat16())
         self.mean = NETWORKS[options.network]()  # running mean of the weights: what is used
         self.mean.load_state_dict(self.model.state_dict())
-        self.optimizer = torch.optim.AdamW(self.model.parameters(), lr=options.rate,
-                                           weight_decay=1e-4)
+        self.optimizer = torch.optim.AdamW([{"params": [p], "share": share(p)}
+                                            for p in self.model.parameters()],
+                                           lr=options.rate, weight_decay=1e-4)
         self.seen, self.steps, self.made = 0.0, 0, 0  # samples, steps, pictures
         self.stopped = False
         for number in (signal.SIGINT, signal.SIGTERM):
@@ -91,7 +99,7 @@ class Trainer:
     def step(self, pictures, truth, weight):
         options = self.options
         for group in self.optimizer.param_groups:
-            group["lr"] = rate(self.seen, options.samples, options.rate)
+            group["lr"] = rate(self.seen, options.samples, options.rate) * group["share"]
         self.model.train()
         with torch.autocast(self.device, torch.bfloat16, enabled=self.half):
             found = self.model(models.normalize(pictures).to(self.device))
