@@ -160,7 +160,7 @@ def main():
     parser.add_argument("--resume", action="store_true")
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--batch", type=int, default=12)
-    parser.add_argument("--small", type=float, default=0.6,
+    parser.add_argument("--small", type=float, default=0.43,
                         help="share of the detector's samples with quarter pictures")
     parser.add_argument("--rate", type=float, default=2e-3)
     parser.add_argument("--minutes", type=float, default=3, help="between checkpoints")
