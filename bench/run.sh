@@ -21,7 +21,7 @@ for net in ssd320 pfld112; do
   layers=$here/layers/$net.layers
   size=320x240
   [ $net = pfld112 ] && size=112x112
-  run "conv-$net" "$build/conv_peers" "$layers" --rounds "$rounds" --ms 2 --methods 2,1 \
+  run "conv-$net" "$build/conv_peers" "$layers" --rounds "$rounds" --ms 2 --methods 2,1,-1 \
     --methods-3x3 3,0  # 3: fixed point
   run "net-$net" "$build/net_peers" "$layers" $size --runs $((30 * rounds)) --layers "$layers" \
     --net "$layers" --methods 2,1,0,3

@@ -10,6 +10,7 @@
 #include "support/capture.h"
 #include "support/fuzz.h"
 #include "support/model.h"
+#include "zyncore_net.h"
 
 // What the library prints is the runner's business here.
 namespace zyn_test {
@@ -23,6 +24,9 @@ namespace {
 using zyn_fuzz::check;
 using zyn_fuzz::Input;
 using zyn_fuzz::Memory;
+
+// Of those whose first word says what they are.
+constexpr size_t kLongestRecord = sizeof(zyn_window_param);
 
 // Scratch beside the nodes' own tensors: packed weights, panels, padded rows.
 constexpr int64_t bound_of(double tensor_bytes) {
@@ -210,13 +214,19 @@ class Attack {
   }
   template <typename Record>
   void record(Node& node, const Record& r, std::function<void(Shape&)> grow = nullptr) {
-    node.record.resize(sizeof(Record));
+    // Types 30, 31 and 35 read as much as the first word says, which may be any.
+    const bool varies = node.type == ZYN_OP_RESAMPLE || node.type == ZYN_OP_AFFINE ||
+                        node.type == ZYN_OP_CHANNEL_GATHER;
+    node.record.resize(varies ? std::max(sizeof(Record), kLongestRecord) : sizeof(Record));
     memcpy(node.record.data(), &r, sizeof(Record));
     node.grow = grow;
   }
 
   void add_node();
   void add_conv(Node& node, const Shape& in);
+  void add_window(Node& node, int32_t mode);
+  void add_move(Node& node, const Shape& in, int32_t move);
+  void add_further(Node& node, const Shape& in);
   void add_operator(Node& node, int32_t from);
   Shape output_of(const Node& node) const;
   void connect(bool wild);
@@ -268,8 +278,77 @@ void Attack::add_conv(Node& node, const Shape& in) {
                      (node.type == ZYN_OP_CONV_BN ? 4 * out : 0));
 }
 
+void Attack::add_window(Node& node, int32_t mode) {
+  zyn_window_param p = {};
+  p.mode = mode;
+  p.kernel_x = small(1, 5), p.kernel_y = field(p.kernel_x);
+  p.stride_x = small(1, 3), p.stride_y = field(p.stride_x);
+  const bool gaps = mode == ZYN_RESAMPLE_MAX_WINDOW && in_.one_in(4);
+  p.dilation_x = gaps ? small(1, 3) : field(1), p.dilation_y = field(p.dilation_x);
+  p.pad_left = field(p.kernel_x / 2), p.pad_top = field(p.kernel_y / 2);
+  p.pad_right = field(p.pad_left), p.pad_bottom = field(p.pad_top);
+  p.ceil_mode = small(0, 1), p.count_pad = small(0, 1);
+  record(node, p, [p](Shape& s) {
+    for (int i = 0; i < 2; i++) {
+      const double reach = ((&p.kernel_x)[i] - 1.0) * (&p.dilation_x)[i] + 1;
+      const double span = s.d[i] + (&p.pad_left)[i] + (&p.pad_right)[i] - reach;
+      s.d[i] = std::max(span, 0.0) / std::max((&p.stride_x)[i], 1) + 2;
+    }
+  });
+}
+
+void Attack::add_move(Node& node, const Shape& in, int32_t move) {
+  if (move == ZYN_MOVE_PERMUTE) {
+    zyn_permute_param p = {move, {0, 1, 2, 3, 4}};
+    for (int32_t i = 1; i < std::min(in.count, 5); i++)
+      std::swap(p.order[i], p.order[in_.byte() % static_cast<uint32_t>(i + 1)]);
+    if (in_.one_in(16)) p.order[in_.byte() % 5] = in_.extreme();
+    record(node, p, [p](Shape& s) {
+      const Shape from = s;
+      for (int i = 0; i < s.count; i++)
+        s.d[i] = p.order[i] >= 0 && p.order[i] < s.count ? from.d[p.order[i]] : 1;
+    });
+  } else if (move == ZYN_MOVE_PAD) {
+    zyn_pad_param p = {move, small(0, 2), {}, {}, in_.real()};
+    for (int32_t i = 0; i < 5; i++) p.before[i] = small(-1, 2), p.after[i] = small(-1, 2);
+    record(node, p, [p](Shape& s) {
+      for (int i = 0; i < s.count; i++) s.d[i] += 0.0 + p.before[i] + p.after[i];
+    });
+  } else if (move == ZYN_MOVE_SHUFFLE) {
+    record(node, zyn_shuffle_param{move, field(in_.one_in(2) ? in.d[2] : 1)});
+  } else {
+    const int32_t axis = small(0, 2), step = small(-2, 2);
+    const double extent = axis >= 0 && axis < in.count ? in.d[axis] : 1;
+    const zyn_part_param p = {move, axis, field(step < 0 ? extent - 1 : 0),
+                              field(extent / std::max(std::abs(static_cast<double>(step)), 1.0)),
+                              step};
+    record(node, p);  // never more than the input
+  }
+}
+
+// Types 30 and 35 by other records than those of zyncore.h.
+void Attack::add_further(Node& node, const Shape& in) {
+  if (node.type == ZYN_OP_CHANNEL_GATHER)
+    return add_move(node, in, ZYN_MOVE_PART + static_cast<int32_t>(in_.byte() % 4));
+  const int32_t mode = ZYN_RESAMPLE_MAX_WINDOW + static_cast<int32_t>(in_.byte() % 5);
+  if (mode <= ZYN_RESAMPLE_AVERAGE_WINDOW) return add_window(node, mode);
+  if (mode == ZYN_RESAMPLE_REDUCE)
+    return record(
+        node, zyn_reduce_param{mode, small(1, (2 << std::clamp(in.count, 0, 4)) - 1), small(0, 4)});
+  const zyn_resize_param p = {mode,
+                              small(1, 40),
+                              small(1, 9),
+                              small(0, 3),
+                              small(0, 3),
+                              in_.one_in(4) ? in_.real() : 0,
+                              in_.one_in(4) ? in_.real() : 0};
+  record(node, p, [p](Shape& s) { s.d[0] = p.width, s.d[1] = p.height; });
+}
+
 void Attack::add_operator(Node& node, int32_t from) {
   const Shape in = nodes_[static_cast<size_t>(from)].shape;
+  const bool varies = node.type == ZYN_OP_RESAMPLE || node.type == ZYN_OP_CHANNEL_GATHER;
+  if (varies && in_.byte() % 4 != 0) return add_further(node, in);
   const auto scaled = [](float h, float w) {
     return [h, w](Shape& s) {
       s.d[0] *= static_cast<double>(std::max(1.0f, h));
@@ -278,7 +357,11 @@ void Attack::add_operator(Node& node, int32_t from) {
   };
   const auto half = [&] { return static_cast<float>(small(1, 6)) / 2; };
   if (node.type == ZYN_OP_FUNCTION) {
-    record(node, zyn_func_param{small(0, 10), in_.real(), in_.real()});
+    zyn_func_param p = {small(0, ZYN_FUNC_ERF), in_.real(), in_.real()};
+    // Axes and GELU's kinds are small whole numbers.
+    if (in_.byte() % 8) p.a = std::round(within(0, p.a, 2));
+    record(node, p);
+    if (p.function == ZYN_FUNC_PRELU) constant(node, in_.one_in(4) ? 1 : in.d[2]);
   } else if (node.type == ZYN_OP_BATCH_NORM || node.type == ZYN_OP_BATCH_NORM_FAST) {
     record(node, zyn_bn_param{in_.real(), 0});
     constant(node, 4 * in.d[2]);
@@ -295,6 +378,14 @@ void Attack::add_operator(Node& node, int32_t from) {
   } else if (node.type == ZYN_OP_RESAMPLE) {
     const zyn_resample_param p = {small(0, 2), half(), in_.real()};
     record(node, p, scaled(p.factor_h, p.factor_w));
+  } else if (node.type == ZYN_OP_AFFINE && in_.byte() % 4) {
+    // Another node, or a constant of one channel, row or column.
+    record(node, zyn_join_param{small(ZYN_JOIN_MATMUL, ZYN_JOIN_ADD), small(0, 0)});
+    const uint32_t other = in_.byte();
+    if (other % 2)
+      node.from.push_back(source());
+    else
+      constant(node, in.d[other / 2 % 3]);
   } else if (node.type == ZYN_OP_AFFINE) {
     const zyn_affine_param p = {half(), in_.real()};
     record(node, p, scaled(p.factor_h, p.factor_w));
@@ -416,7 +507,7 @@ int32_t Attack::bind(size_t id) {
   const int32_t* list = node.list.data();
   if (node.type == ZYN_OP_CONCAT && node.record.size() == sizeof(zyn_concat_param))
     memcpy(node.record.data() + offsetof(zyn_concat_param, nodes), &list, sizeof(list));
-  if (node.type == ZYN_OP_CHANNEL_GATHER && node.record.size() == sizeof(zyn_gather_param))
+  if (node.type == ZYN_OP_CHANNEL_GATHER && !node.record.empty() && !node.list.empty())
     memcpy(node.record.data() + offsetof(zyn_gather_param, channels), &list, sizeof(list));
   return zyn_bind_operator_onto_computation_graph(
       graph_, static_cast<int32_t>(id), &desc, node.record.empty() ? nullptr : node.record.data());

@@ -113,7 +113,9 @@ ZYN_API void zyn_release_cg_report(zyn_cg_report** report);
 /* Types 9, 30, 31 and 35 compute more than zyncore.h lists. The first word of the record that
  * they are bound with says what: a number from the lists below instead of one from zyncore.h.
  * Axes are counted as in dims: 0 is x, the fastest, 1 is y, 2 the channels. All of them write
- * tensors of their own in planar order and never work in place. */
+ * tensors of their own and never work in place. Functions of single elements, and joins of like
+ * shapes or with one value a channel, keep the channel order of their input; all others write
+ * planar order. */
 
 /* Type 9, zyn_func_param: one input, output of its shape. */
 enum {

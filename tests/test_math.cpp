@@ -34,6 +34,10 @@ double ulps(float got, double exact) {
 }
 
 double exact_sigmoid(double x) { return 1 / (1 + exp(-x)); }
+double exact_softplus(double x) { return x > 700 ? x : log1p(exp(x)); }
+// e^x - 1 of the negative numbers: the vector function knows no others.
+double exact_expm1(double x) { return expm1(-fabs(x)); }
+__m256 expm1_below(__m256 x) { return zyn_expm1_8(_mm256_or_ps(x, _mm256_set1_ps(-0.0f))); }
 
 struct Function {
   const char* name;
@@ -43,7 +47,10 @@ struct Function {
 const Function kFunctions[] = {{"exp", zyn_exp8, exp},
                                {"log", zyn_log8, log},
                                {"tanh", zyn_tanh8, tanh},
-                               {"sigmoid", zyn_sigmoid8, exact_sigmoid}};
+                               {"sigmoid", zyn_sigmoid8, exact_sigmoid},
+                               {"softplus", zyn_softplus8, exact_softplus},
+                               {"erf", zyn_erf8, erf},
+                               {"expm1", expm1_below, exact_expm1}};
 
 float first_of(const Function& f, float x) { return _mm256_cvtss_f32(f.vector(_mm256_set1_ps(x))); }
 

@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
+#include <cmath>
 #include <functional>
 #include <memory>
 #include <string>
@@ -228,6 +230,55 @@ TEST(Network, ComputesTheBitsOfTheGraphMadeByHandInLittleMemory) {
           << out.name;
     }
   }
+}
+
+// Constants that functions and joins read must outlive the file's bytes.
+TEST(Network, FurtherFunctionsAndJoinsComeBackWithTheirConstants) {
+  Writer writer(zyn_net_writer_create());
+  const zyn_net_port in = port("x", {6, 5, 9});
+  int y = zyn_net_writer_input(writer.get(), &in);
+  const auto add = [&](int type, const auto& record, std::vector<int> from) {
+    const auto count = static_cast<int32_t>(from.size());
+    return zyn_net_writer_node(writer.get(), "", type, &record, from.data(), count);
+  };
+  std::vector<float> slopes, row = {1, -2, 3, -4, 5, 0.5f}, matrix;
+  for (int i = 0; i < 9; i++) slopes.push_back(static_cast<float>(i) / 8);
+  for (int i = 0; i < 12; i++) matrix.push_back(static_cast<float>(i % 5) - 2);
+  const std::vector<int> constants = {add_constant(writer.get(), slopes),
+                                      add_constant(writer.get(), row)};
+  zyn_tensor tensor = {};
+  const int32_t dims[] = {2, 6};
+  zyn_set_tensor_header(&tensor, 2, dims, ZYN_TYPE_F32);
+  zyn_set_tensor_data(&tensor, matrix.data(), tensor.byte_size);
+  const int weights = zyn_net_writer_constant(writer.get(), "", &tensor);
+  y = add(ZYN_OP_FUNCTION, zyn_func_param{ZYN_FUNC_PRELU, 0, 0}, {y, constants[0]});
+  y = add(ZYN_OP_AFFINE, zyn_join_param{ZYN_JOIN_MULTIPLY, 0}, {y, constants[1]});
+  y = add(ZYN_OP_AFFINE, zyn_join_param{ZYN_JOIN_MATMUL, 0}, {y, weights});
+  y = add(ZYN_OP_FUNCTION, zyn_func_param{ZYN_FUNC_L2_NORM, 0, 1e-6f}, {y});
+  const zyn_net_port out = port("y", {}, y);
+  ASSERT_EQ(zyn_net_writer_output(writer.get(), &out), 0);
+  Bytes bytes = bytes_of(writer.get());
+  const Network net = load(bytes);
+  ASSERT_TRUE(net) << zyn_error_detail();
+  EXPECT_EQ(zyn_net_describe(net.get())->multiply_adds, 2 * 5 * 9 * 6);
+  EXPECT_EQ(zyn_net_describe(net.get())->parameters, 9 + 6 + 12);
+  std::fill(bytes.begin(), bytes.end(), uint8_t{0});
+  auto* x = static_cast<float*>(zyn_net_input(net.get(), nullptr)->data);
+  for (int i = 0; i < 270; i++) x[i] = static_cast<float>(i * 7 % 11) - 5;
+  std::vector<float> expected;
+  for (int line = 0; line < 45; line++) {
+    double sums[2] = {};
+    for (int i = 0; i < 12; i++) {
+      const float v = x[6 * line + i / 2];
+      sums[i % 2] +=
+          static_cast<double>((v < 0 ? v * slopes[line / 5] : v) * row[i / 2] * matrix[i]);
+    }
+    for (double sum : sums)
+      expected.push_back(static_cast<float>(sum / std::max(std::hypot(sums[0], sums[1]), 1e-6)));
+  }
+  ASSERT_EQ(zyn_net_run(net.get()), 0);
+  const auto* got = static_cast<const float*>(zyn_net_output(net.get(), nullptr)->data);
+  for (size_t i = 0; i < expected.size(); i++) ASSERT_NEAR(got[i], expected[i], 1e-6) << i;
 }
 
 TEST(Network, DamagedAndForeignFilesAreRefusedWithAReason) {

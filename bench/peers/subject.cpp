@@ -9,6 +9,7 @@
 #include "common.h"
 #include "matrix/zyn_matrix_ops.h"
 #include "network.h"
+#include "zyncore_net.h"
 
 namespace subject {
 
@@ -23,7 +24,62 @@ namespace {
 using peers::Buffer;
 using peers::Layer;
 
-Job network_job(const std::vector<Layer>& layers, uint32_t method, bool scaled) {
+constexpr int kAutomatic = -1;  // in place of a method: as a network file, which chooses by layer
+
+// The layers as a network file, loaded; planar in and out.
+class FileNetwork {
+ public:
+  FileNetwork(const std::vector<Layer>& layers, bool scaled) {
+    const bench::Network made(layers, 0, scaled);
+    zyn_net_writer* writer = made.ok() ? zyn_net_writer_create() : nullptr;
+    if (!writer) return;
+    zyn_net_port port = {};
+    port.name = "in";
+    port.dim_count = 3;
+    std::copy_n(made.input()->dims, 3, port.dims);
+    std::vector<int32_t> ids = {zyn_net_writer_input(writer, &port)};
+    for (const bench::Node& node : made.nodes()) {
+      const int32_t reads[] = {ids[static_cast<size_t>(node.from + 1)],
+                               zyn_net_writer_constant(writer, "", node.constant)};
+      ids.push_back(zyn_net_writer_node(writer, "", node.type, &node.param, reads, 2));
+    }
+    port.name = "out";
+    port.node = ids.back();
+    zyn_net_writer_output(writer, &port);
+    void* data = nullptr;
+    int64_t size = 0;
+    if (zyn_net_write_memory(writer, &data, &size) == ZYN_RET_OK)
+      net_ = zyn_net_load_memory(data, size, nullptr);
+    zyn_free(data);
+    zyn_net_writer_release(&writer);
+    if (net_)
+      memcpy(zyn_net_input(net_, nullptr)->data, made.input()->data,
+             static_cast<size_t>(made.input()->byte_size));
+  }
+  FileNetwork(const FileNetwork&) = delete;
+  FileNetwork& operator=(const FileNetwork&) = delete;
+  ~FileNetwork() {
+    if (net_) zyn_net_release(&net_);
+  }
+  bool run() {
+    if (!net_ || zyn_net_run(net_) != ZYN_RET_OK) return false;
+    output_ = zyn_net_output(net_, nullptr);
+    return output_ != nullptr;
+  }
+  double output(size_t i) const { return double(static_cast<const float*>(output_->data)[i]); }
+
+ private:
+  zyn_net* net_ = nullptr;
+  const zyn_tensor* output_ = nullptr;
+};
+
+Job network_job(const std::vector<Layer>& layers, int method_number, bool scaled) {
+  if (method_number == kAutomatic) {
+    const auto network = std::make_shared<FileNetwork>(layers, scaled);
+    if (!network->run()) return {};
+    return {[=] { network->run(); }, [=](size_t i) { return network->output(i); }};
+  }
+  const auto method = static_cast<uint32_t>(method_number);
   const auto network = std::make_shared<bench::Network>(layers, method, scaled);
   if (!network->ok() || !network->run()) return {};
   return {[=] { network->run(); }, [=](size_t i) { return double(network->output(i)); }};
@@ -31,7 +87,7 @@ Job network_job(const std::vector<Layer>& layers, uint32_t method, bool scaled) 
 
 Job conv_job(std::istringstream& request) {
   Layer l;
-  uint32_t method = 0;
+  int method = 0;
   request >> l.in_c >> l.out_c >> l.in_w >> l.in_h >> l.k >> l.stride >> l.pad >> l.groups >>
       method;
   return request ? network_job({l}, method, false) : Job();
@@ -40,7 +96,7 @@ Job conv_job(std::istringstream& request) {
 // "net FILE [METHOD]": the network of a layer list.
 Job net_job(std::istringstream& request) {
   std::string file;
-  uint32_t method = 2;
+  int method = 2;
   request >> file >> method;
   const std::vector<Layer> layers = peers::read_layers(file, false);
   return layers.empty() ? Job() : network_job(layers, method, true);

@@ -9,6 +9,7 @@
 #include "base/zyn_explain.h"
 #include "base/zyn_list.h"
 #include "cg/cpu/zyn_cg.h"
+#include "cg/cpu/zyn_cg_records.h"
 #include "zyncore_net.h"
 
 // Extents and type of a tensor; dim_count 0: not known, because of an error before.
@@ -19,10 +20,23 @@ struct zyn_check_shape {
 
   bool known() const { return dim_count > 0; }
   int64_t extent(int32_t d) const { return d < dim_count ? dims[d] : 1; }
+  // Above 2^56 always that: joins of tensors that fit may have more elements than int64_t holds.
   int64_t count() const {
+    constexpr int64_t kMost = int64_t{1} << 56;
     int64_t product = 1;
-    for (int32_t d = 0; d < dim_count; d++) product *= dims[d];
+    for (int32_t d = 0; d < dim_count; d++)
+      if (__builtin_mul_overflow(product, dims[d], &product) || product > kMost) return kMost;
     return product;
+  }
+};
+
+// "320 x 240 x 3", of a known shape.
+struct zyn_extents_text {
+  char text[64];
+  explicit zyn_extents_text(const zyn_check_shape& s) {
+    int used = snprintf(text, sizeof(text), "%d", s.dims[0]);
+    for (int32_t d = 1; d < s.dim_count; d++)
+      used += snprintf(text + used, sizeof(text) - static_cast<size_t>(used), " x %d", s.dims[d]);
   }
 };
 
@@ -79,6 +93,12 @@ class zyn_checker {
 // The rules by operator family. Each is called for nodes of its types alone.
 void zyn_check_conv(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
 void zyn_check_operator(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
+// Of types 30 and 35: records that zyn_cg_find_further knows.
+void zyn_check_further(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
+
+// Type 9, and the joins of type 31, which have two predecessors.
+void zyn_check_function(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
+void zyn_check_join(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output);
 
 // Whether a convolution method computes a record that has passed its rule.
 bool zyn_check_method_computes(uint32_t method, int32_t type, const zyn_conv_param& param,

@@ -1,8 +1,8 @@
 // What can be wrong with the operators that are no convolutions.
-#include <math.h>
 #include <string.h>
 
 #include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
+#include "cg/cpu/ops/zyn_cg_join.h"
 #include "cg/cpu/zyn_cg_support.h"
 #include "net/zyn_check.h"
 
@@ -35,26 +35,7 @@ bool same_extents(const zyn_check_shape& a, const zyn_check_shape& b, int32_t di
   return true;
 }
 
-// "320 x 240 x 3" into a buffer.
-struct extents_text {
-  char text[64];
-  explicit extents_text(const zyn_check_shape& s) {
-    int used = snprintf(text, sizeof(text), "%d", s.dims[0]);
-    for (int32_t d = 1; d < s.dim_count; d++)
-      used += snprintf(text + used, sizeof(text) - static_cast<size_t>(used), " x %d", s.dims[d]);
-  }
-};
-
-void check_function(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output) {
-  if (!zyn_check_reads(check, node, false)) return;
-  const auto& p = record<zyn_func_param>(node);
-  if (p.function < ZYN_FUNC_ABS || p.function > ZYN_FUNC_SCALE_SHIFT)
-    check->error(ZYN_CHECK_RECORD, node.id, "there is no function %d", p.function);
-  else if (p.function == ZYN_FUNC_POWER && !isfinite(p.a))
-    check->error(ZYN_CHECK_RECORD, node.id, "the exponent is not finite");
-  no_fixed_point(check, node);
-  *output = node.input;
-}
+using extents_text = zyn_extents_text;
 
 void check_normalisation(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output) {
   if (!zyn_check_reads(check, node, true)) return;
@@ -187,6 +168,8 @@ void check_join(zyn_checker* check, const zyn_check_node& node, zyn_check_shape*
 int32_t scaled(int32_t extent, float factor) { return zyn_cg_scaled_extent(extent, factor); }
 
 void check_resample(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output) {
+  if (zyn_cg_find_further(node.type, zyn_cg_first_word(node.param)))
+    return zyn_check_further(check, node, output);
   if (!zyn_check_reads(check, node, false)) return;
   const auto& p = record<zyn_resample_param>(node);
   if (p.mode < ZYN_RESAMPLE_NEAREST || p.mode > ZYN_RESAMPLE_GLOBAL_AVERAGE) {
@@ -206,6 +189,7 @@ void check_resample(zyn_checker* check, const zyn_check_node& node, zyn_check_sh
 
 void check_affine(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output) {
   if (!two_inputs(check, node)) return;
+  if (zyn_cg_is_join(node.param)) return zyn_check_join(check, node, output);
   const zyn_check_shape image = input_at(check, node, 0), map = input_at(check, node, 1);
   if (!image.known() || !map.known()) return;
   const auto& p = record<zyn_affine_param>(node);
@@ -316,6 +300,8 @@ void check_slice(zyn_checker* check, const zyn_check_node& node, zyn_check_shape
 }
 
 void check_gather(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output) {
+  if (zyn_cg_find_further(node.type, zyn_cg_first_word(node.param)))
+    return zyn_check_further(check, node, output);
   if (!zyn_check_reads(check, node, false)) return;
   const auto& p = record<zyn_gather_param>(node);
   for (int32_t i = 0; i < p.count; i++)
@@ -333,7 +319,7 @@ struct rule_row {
   bool has_record;
   rule check;
 };
-constexpr rule_row kRules[] = {{ZYN_OP_FUNCTION, true, check_function},
+constexpr rule_row kRules[] = {{ZYN_OP_FUNCTION, true, zyn_check_function},
                                {ZYN_OP_BATCH_NORM, true, check_normalisation},
                                {ZYN_OP_BATCH_NORM_FAST, true, check_normalisation},
                                {ZYN_OP_SIGMOID, false, check_activation},

@@ -4,6 +4,9 @@
 // of neighbouring convolutions change their method as long as that lowers the sum.
 #include <string.h>
 
+#include "cg/cpu/ops/zyn_cg_function.h"
+#include "cg/cpu/ops/zyn_cg_join.h"
+#include "cg/cpu/zyn_cg_records.h"
 #include "net/zyn_check.h"
 #include "net/zyn_net_graph.h"
 
@@ -106,12 +109,15 @@ bool has_order(const zyn_check_shape& shape) {
   return shape.dim_count > 2 && shape.dims[2] >= 4 && shape.extent(0) * shape.extent(1) > 1;
 }
 
-// Whether an operator gives its output the order of its input.
-bool keeps_order(int32_t type) {
-  return type == ZYN_OP_FUNCTION || type == ZYN_OP_ADD || type == ZYN_OP_MULTIPLY ||
-         type == ZYN_OP_SIGMOID || type == ZYN_OP_RELU || type == ZYN_OP_RELU6 ||
-         type == ZYN_OP_HARD_SWISH || type == ZYN_OP_MISH || type == ZYN_OP_BATCH_NORM ||
-         type == ZYN_OP_BATCH_NORM_FAST;
+// Whether an operator gives its output the order of its input; joins of extents that differ in
+// more than one value a channel do not, and are few.
+bool keeps_order(int32_t type, const void* param) {
+  const int32_t first = param ? zyn_cg_first_word(param) : 0;
+  if (type == ZYN_OP_FUNCTION) return !zyn_cg_is_axis_function(first);
+  if (type == ZYN_OP_AFFINE) return zyn_cg_is_join(param) && first != ZYN_JOIN_MATMUL;
+  return type == ZYN_OP_ADD || type == ZYN_OP_MULTIPLY || type == ZYN_OP_SIGMOID ||
+         type == ZYN_OP_RELU || type == ZYN_OP_RELU6 || type == ZYN_OP_HARD_SWISH ||
+         type == ZYN_OP_MISH || type == ZYN_OP_BATCH_NORM || type == ZYN_OP_BATCH_NORM_FAST;
 }
 
 class chooser {
@@ -190,7 +196,7 @@ class chooser {
       const zyn_darray* reads = zyn_cg_inputs(graph, id);
       if (!reads || reads->count == 0) continue;
       const bool is_conv = net_->methods[id] >= 0;
-      const bool keeps = keeps_order(net_->nodes[id].type);
+      const bool keeps = keeps_order(net_->nodes[id].type, graph->bindings[id].param);
       const int32_t first = zyn_darray_ids(reads)[0];
       const int32_t method = net_->methods[id];
       const bool any_order = method == ZYN_METHOD_GENERAL || method == ZYN_METHOD_GENERAL_PLANAR;

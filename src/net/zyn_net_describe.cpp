@@ -78,6 +78,11 @@ int64_t multiply_adds(const zyn_net* net, const zyn_file_node& file, const zyn_n
       const zyn_net_node& input = net->nodes[net->file.word(file.inputs.first)];
       return elements(input.dims, input.dim_count) * word(1) / word(12) * word(2) * word(3);
     }
+    case ZYN_OP_AFFINE: {
+      if (word(0) != ZYN_JOIN_MATMUL) return 0;
+      const zyn_net_node& first = net->nodes[net->file.word(file.inputs.first)];
+      return elements(node.dims, node.dim_count) * first.dims[0];
+    }
     case ZYN_OP_LINEAR:
       return elements(node.dims, node.dim_count) * word(0);
     case ZYN_OP_CONV:

@@ -23,17 +23,23 @@ class FailingAllocations {
     fail(n, persistent);
     before_ = zyn_set_system_allocator(&hooks);
   }
-  ~FailingAllocations() { zyn_set_system_allocator(&before_); }
+  ~FailingAllocations() {
+    zyn_set_system_allocator(&before_);
+    bound_ = SIZE_MAX;
+  }
   FailingAllocations(const FailingAllocations&) = delete;
   FailingAllocations& operator=(const FailingAllocations&) = delete;
 
   // Counts again from now on.
   static void fail(int64_t n, bool persistent) { n_ = n, persistent_ = persistent, seen_ = 0; }
   static int64_t seen() { return seen_; }
+  // Larger requests fail, until the end of the scope.
+  static void bound(size_t bytes) { bound_ = bytes; }
 
  protected:
   static void* allocate(size_t bytes) {
     seen_++;
+    if (bytes > bound_) return nullptr;
     if (n_ > 0 && (persistent_ ? seen_ >= n_ : seen_ == n_)) return nullptr;
     void* block = malloc(bytes);
     return block ? memset(block, 0xCD, bytes) : nullptr;
@@ -41,6 +47,7 @@ class FailingAllocations {
 
  private:
   inline static int64_t n_, seen_;
+  inline static size_t bound_ = SIZE_MAX;
   inline static bool persistent_;
   zyn_system_allocator before_;
 };

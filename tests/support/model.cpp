@@ -76,7 +76,8 @@ void Model::check(double bound) {
 std::vector<int> Model::any_dims(size_t dim_count) {
   // Around the vector and block sizes: 1 to 20, now and then longer rows.
   std::vector<int> dims;
-  for (size_t d = 0; d < dim_count; d++) dims.push_back(random.integer(1, (d == 2 ? 21 : 18) / (small ? 2 : 1)));
+  for (size_t d = 0; d < dim_count; d++)
+    dims.push_back(random.integer(1, (d == 2 ? 21 : 18) / (small ? 2 : 1)));
   if (!small && random.integer(0, 9) == 0) dims[0] = random.integer(30, 70);
   return dims;
 }
@@ -109,14 +110,27 @@ Array Model::small_weights(int taps, int outputs, int more) {
 }
 
 int Model::add_function(int type) {
-  static constexpr int kGentle[6] = {ZYN_FUNC_ABS,  ZYN_FUNC_NEGATE,      ZYN_FUNC_TANH,
-                                     ZYN_FUNC_CLIP, ZYN_FUNC_SCALE_SHIFT, ZYN_FUNC_NEGATE};
-  zyn_func_param p = {gentle_ ? kGentle[random.integer(0, 5)] : random.integer(0, 10), 0, 0};
+  static constexpr int kGentle[] = {ZYN_FUNC_ABS,  ZYN_FUNC_NEGATE,      ZYN_FUNC_TANH,
+                                    ZYN_FUNC_CLIP, ZYN_FUNC_SCALE_SHIFT, ZYN_FUNC_HARD_SIGMOID,
+                                    ZYN_FUNC_SILU, ZYN_FUNC_SOFTMAX,     ZYN_FUNC_SIGMOID,
+                                    ZYN_FUNC_PRELU};
+  int function = kGentle[random.integer(0, static_cast<int>(std::size(kGentle)) - 1)];
+  if (!gentle_) function = random.integer(0, 24);
+  if (!gentle_ && function > ZYN_FUNC_SCALE_SHIFT)
+    function += ZYN_FUNC_LEAKY_RELU - ZYN_FUNC_SCALE_SHIFT - 1;
+  zyn_func_param p = {function, 0, 0};
   p.a = random.real(-1.5f, 1.5f);
   p.b = p.a + random.real(0, 2);
   const bool positive = p.function == ZYN_FUNC_SQRT || p.function == ZYN_FUNC_LOG ||
                         p.function == ZYN_FUNC_RECIPROCAL || p.function == ZYN_FUNC_POWER;
   const int in = positive ? input(random_array(random, any_dims(3), 0.1f, 4)) : pick(3);
+  if (p.function == ZYN_FUNC_GELU) p.a = static_cast<float>(random.integer(0, 1));
+  if (p.function >= ZYN_FUNC_SOFTMAX && p.function <= ZYN_FUNC_L2_NORM)
+    p.a = static_cast<float>(random.integer(0, 2)), p.b = random.real(0.1f, 2);
+  if (p.function == ZYN_FUNC_PRELU) {
+    const int k = constant(random_array(random, {random.integer(0, 3) ? shape(in).c() : 1}));
+    return op(type, p, {k, in}, [](Inputs a) { return reference_prelu(*a[1], *a[0]); });
+  }
   return op(type, p, {in}, [p](Inputs a) { return reference_function(*a[0], p); });
 }
 
@@ -189,7 +203,35 @@ int Model::add_resample(int type) {
   return op(type, p, {in}, [p](Inputs x) { return reference_resample(*x[0], p); });
 }
 
+// Operands of up to five extents, each now and then 1 in one of them; matrices multiplied.
+int Model::add_further_join(int type) {
+  int operation = random.integer(ZYN_JOIN_MATMUL, ZYN_JOIN_ADD);
+  if (gentle_ && (operation == ZYN_JOIN_POWER || operation == ZYN_JOIN_DIVIDE))
+    operation = ZYN_JOIN_MAX;
+  const bool positive = operation == ZYN_JOIN_POWER || operation == ZYN_JOIN_DIVIDE;
+  int a = positive ? input(random_array(random, any_dims(3), 0.5f, 2))
+                   : pick(static_cast<size_t>(random.integer(2, 3)));
+  std::vector<int> dims = shape(a).dims, other = dims;
+  if (operation == ZYN_JOIN_MATMUL) {
+    other[0] = random.integer(0, 2) ? random.integer(1, 40) : 1;
+    other[1] = dims[0];
+  }
+  for (size_t d = operation == ZYN_JOIN_MATMUL ? 2 : 0; d < other.size(); d++)
+    if (random.integer(0, 2) == 0) other[d] = 1;
+  while (!gentle_ && other.size() < 5 && random.integer(0, 2) == 0)
+    other.push_back(random.integer(1, 3));
+  // Sums of products grow with their terms.
+  const float most = operation == ZYN_JOIN_MATMUL ? 1 / std::sqrt(static_cast<float>(dims[0])) : 2;
+  const Array values = random_array(random, other, positive ? 0.5f : -most, most);
+  int b = random.integer(0, 1) ? constant(values) : input(values);
+  if (operation != ZYN_JOIN_MATMUL && random.integer(0, 1)) std::swap(a, b);
+  const zyn_join_param p = {operation, 0};
+  return op(type, p, {a, b},
+            [operation](Inputs x) { return reference_further_join(*x[0], *x[1], operation); });
+}
+
 int Model::add_affine(int type) {
+  if (random.integer(0, 2)) return add_further_join(type);
   const int in = pick(3, 1200);
   const Array& a = shape(in);
   Array m = random_array(random, {6}, -1, 1);

@@ -90,6 +90,7 @@ class Model {
   int add_linear(int type);
   int add_resample(int type);
   int add_affine(int type);
+  int add_further_join(int type);
   int add_reshape(int type);
   int add_concat(int type);
   int add_channels(int type);

@@ -14,7 +14,7 @@
 
 #include "support/buffers.h"
 #include "support/capture.h"
-#include "zyncore.h"
+#include "zyncore_net.h"
 
 namespace zyn_test {
 
@@ -34,6 +34,7 @@ struct Array {
   int w() const { return extent(0); }
   int h() const { return extent(1); }
   int c() const { return extent(2); }
+  int planes() const { return c() * extent(3) * extent(4); }
   size_t index(int x, int y, int z) const {
     return (static_cast<size_t>(z) * static_cast<size_t>(h()) + static_cast<size_t>(y)) *
                static_cast<size_t>(w()) +
@@ -43,10 +44,10 @@ struct Array {
   double at(int x, int y, int z) const { return v[index(x, y, z)]; }
 };
 
-// Calls f(x, y, z) for every element of a block.
+// Calls f(x, y, z) for every element of a block, z counting planes of further extents too.
 template <typename Function>
 void for_each_element(const Array& a, Function f) {
-  for (int z = 0; z < a.c(); z++)
+  for (int z = 0; z < a.planes(); z++)
     for (int y = 0; y < a.h(); y++)
       for (int x = 0; x < a.w(); x++) f(x, y, z);
 }
@@ -59,11 +60,11 @@ inline Array random_array(Random& random, std::vector<int> dims, float low = -2,
 
 // Where element (x, y, z) lies in a block of channel order layout: channels in groups.
 inline size_t place(const Array& a, int x, int y, int z, uint32_t layout) {
-  const int eights = a.c() / 8 * 8, four = a.c() % 8 / 4 * 4;
+  const int eights = a.c() / 8 * 8, four = a.c() % 8 / 4 * 4, c = z % a.c();
   int group = layout == ZYN_LAYOUT_INTERLEAVED ? a.c() : 1;
-  if (layout == ZYN_LAYOUT_BLOCKED && z < eights + four) group = z < eights ? 8 : 4;
-  return a.index(0, 0, z - z % group) + static_cast<size_t>(group) * a.index(x, y, 0) +
-         static_cast<size_t>(z % group);
+  if (layout == ZYN_LAYOUT_BLOCKED && c < eights + four) group = c < eights ? 8 : 4;
+  return a.index(0, 0, z - c % group) + static_cast<size_t>(group) * a.index(x, y, 0) +
+         static_cast<size_t>(c % group);
 }
 
 // One network. Add nodes in the order of their ids, then make(). Graph inputs of

@@ -15,15 +15,125 @@ Array map(const Array& a, Function f) {
   return out;
 }
 
+// Softmax, its logarithm and division by the length, along axis a.
+inline Array reference_axis_function(const Array& in, const zyn_func_param& p) {
+  Array out = in;
+  const auto axis = static_cast<size_t>(p.a);
+  size_t step = 1;
+  for (size_t d = 0; d < axis; d++) step *= static_cast<size_t>(in.dims[d]);
+  const size_t block = step * static_cast<size_t>(in.dims[axis]);
+  for (size_t i = 0; i < in.v.size() / block * step; i++) {
+    const size_t first = i / step * block + i % step, end = first + block;
+    double most = in.v[first], sum = 0;
+    for (size_t k = first; k < end; k += step) most = std::max(most, in.v[k]);
+    for (size_t k = first; k < end; k += step)
+      sum += p.function == ZYN_FUNC_L2_NORM ? in.v[k] * in.v[k] : std::exp(in.v[k] - most);
+    for (size_t k = first; k < end; k += step)
+      out.v[k] = p.function == ZYN_FUNC_SOFTMAX ? std::exp(in.v[k] - most) / sum
+                 : p.function == ZYN_FUNC_LOG_SOFTMAX
+                     ? in.v[k] - most - std::log(sum)
+                     : in.v[k] / std::max(std::sqrt(sum), static_cast<double>(p.b));
+  }
+  return out;
+}
+
+inline Array reference_prelu(const Array& in, const Array& slopes) {
+  Array out = in;
+  const int count = static_cast<int>(slopes.v.size());
+  for_each_element(in, [&](int x, int y, int z) {
+    out.at(x, y, z) *= in.at(x, y, z) < 0 ? slopes.v[static_cast<size_t>(z % in.c() % count)] : 1;
+  });
+  return out;
+}
+
 inline Array reference_function(const Array& in, const zyn_func_param& p) {
+  if (p.function >= ZYN_FUNC_SOFTMAX && p.function <= ZYN_FUNC_L2_NORM)
+    return reference_axis_function(in, p);
   return map(in, [&](double x) {
     const double a = static_cast<double>(p.a), b = static_cast<double>(p.b);
-    const double each[] = {
-        std::fabs(x), -x,          x * x,        std::sqrt(x),   1 / x,
-        std::exp(x),  std::log(x), std::tanh(x), std::pow(x, a), std::min(std::max(x, a), b),
-        x * a + b};
+    const double root = std::sqrt(2 / std::acos(-1.0)),
+                 softplus = x > 700 ? x : std::log1p(std::exp(x));
+    const double phi =
+        a == 0 ? std::erf(x / std::sqrt(2.0)) : std::tanh(root * (x + 0.044715 * x * x * x));
+    const double each[] = {std::fabs(x),
+                           -x,
+                           x * x,
+                           std::sqrt(x),
+                           1 / x,
+                           std::exp(x),
+                           std::log(x),
+                           std::tanh(x),
+                           std::pow(x, a),
+                           std::min(std::max(x, a), b),
+                           x * a + b,
+                           0,
+                           0,
+                           0,
+                           0,
+                           0,  // no functions
+                           x < 0 ? a * x : x,
+                           0,  // PReLU
+                           x < 0 ? a * std::expm1(x) : x,
+                           std::min(std::max(a * x + b, 0.0), 1.0),
+                           1 / (1 + std::exp(-x)),
+                           x / (1 + std::exp(-a * x)),
+                           x * std::min(std::max(x + 3, 0.0), 6.0) / 6,
+                           x * std::tanh(softplus),
+                           x * (1 + phi) / 2,
+                           softplus,
+                           0,
+                           0,
+                           0,  // along an axis
+                           std::erf(x)};
     return each[p.function];
   });
+}
+
+// The place in a block with extents of 1 repeated that element i of a block out stands for.
+inline size_t repeated_place(const Array& a, const std::vector<int>& out, size_t i) {
+  size_t place = 0, pitch = 1;
+  for (size_t d = 0; d < out.size(); d++) {
+    const auto extent = static_cast<size_t>(out[d]);
+    if (a.extent(d) > 1) place += i % extent * pitch;
+    pitch *= static_cast<size_t>(a.extent(d));
+    i /= extent;
+  }
+  return place;
+}
+
+inline double reference_join_of(int operation, double x, double y) {
+  const double each[] = {x + y,          x - y,          x * y,         x / y,
+                         std::max(x, y), std::min(x, y), std::pow(x, y)};
+  return each[-1 - operation];
+}
+
+// Type 31's joins: extents of 1 repeated, or matrices of the first two extents.
+inline Array reference_further_join(const Array& a, const Array& b, int operation) {
+  const bool product = operation == ZYN_JOIN_MATMUL;
+  std::vector<int> dims;
+  for (size_t d = 0; d < std::max(a.dims.size(), b.dims.size()); d++)
+    dims.push_back(product && d < 2 ? (d ? a.h() : b.w()) : std::max(a.extent(d), b.extent(d)));
+  Array out(dims);
+  for (size_t i = 0; i < out.v.size(); i++) {
+    if (!product) {
+      out.v[i] = reference_join_of(operation, a.v[repeated_place(a, dims, i)],
+                                   b.v[repeated_place(b, dims, i)]);
+      continue;
+    }
+    // The matrices of this place, then row and column in them.
+    std::vector<int> planes(dims);
+    planes[0] = 1;
+    if (planes.size() > 1) planes[1] = 1;
+    Array first = a, second = b;
+    for (Array* m : {&first, &second})
+      for (size_t d = 0; d < 2 && d < m->dims.size(); d++) m->dims[d] = 1;
+    const auto n = static_cast<size_t>(b.w()), m = static_cast<size_t>(a.h()),
+               k = static_cast<size_t>(a.w());
+    const size_t at_a = repeated_place(first, planes, i / (n * m)) * k * m + i / n % m * k;
+    const size_t at_b = repeated_place(second, planes, i / (n * m)) * k * n + i % n;
+    for (size_t t = 0; t < k; t++) out.v[i] += a.v[at_a + t] * b.v[at_b + t * n];
+  }
+  return out;
 }
 
 inline Array reference_activation(const Array& in, int type) {

@@ -193,3 +193,32 @@ void zyn_map2(float* out, const float* a, const float* b, int64_t count, Functio
   _mm256_maskstore_ps(out + i, mask,
                       f(_mm256_maskload_ps(a + i, mask), _mm256_maskload_ps(b + i, mask)));
 }
+
+// out = f(x, values[c]) for every element x of channel c, in the order in which input lies.
+template <typename Function>
+void zyn_map_channels(float* out, const zyn_tensor* input, const float* values, Function f) {
+  const int64_t pixels = zyn_cg_pixels(input), channels = zyn_cg_channels(input);
+  const uint32_t order = zyn_cg_order(input);
+  const bool side_by_side = pixels == 1 || order == ZYN_LAYOUT_INTERLEAVED;
+  const float* in = zyn_cg_floats(input);
+  for (int64_t image = input->count / (pixels * channels); image > 0; image--) {
+    for (int64_t c = 0, group; c < channels; c += group) {
+      const int64_t left = channels - c;
+      const bool blocked = order == ZYN_LAYOUT_BLOCKED;
+      group = side_by_side ? left : blocked && left >= 8 ? 8 : blocked && left >= 4 ? 4 : 1;
+      const int64_t at = c * pixels, count = group * pixels;
+      if (side_by_side) {
+        for (int64_t p = 0; p < count; p += channels)
+          zyn_map2(out + p, in + p, values, channels, f);
+        continue;
+      }
+      const float* v = values + c;
+      const __m256 lanes = group == 8   ? _mm256_loadu_ps(v)
+                           : group == 4 ? _mm256_set_m128(_mm_loadu_ps(v), _mm_loadu_ps(v))
+                                        : _mm256_set1_ps(*v);
+      zyn_map(out + at, in + at, count, [=](__m256 x) { return f(x, lanes); });
+    }
+    in += channels * pixels;
+    out += channels * pixels;
+  }
+}

@@ -1,8 +1,6 @@
 // Activations of one tensor, in place: sigmoid (15), ReLU (16), ReLU6 (20), hard-swish
 // (21), Mish (24). The output is the input tensor itself, in whatever channel order it
 // lies; only header outputs of device graphs are the node's own.
-#include <float.h>
-
 #include "cg/cpu/kernels/fixed/zyn_fpi_lanes.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi_ops.h"
 #include "cg/cpu/ops/zyn_cg_operators.h"
@@ -64,17 +62,6 @@ __m256 hard_swish(__m256 x) {
   return _mm256_mul_ps(_mm256_mul_ps(x, gate), _mm256_set1_ps(kSixth));
 }
 
-// x * tanh(ln(1 + e^x)) = x * n / (n + 2) with n = e^x (e^x + 2): one exponential, no
-// cancellation. From 20 on the quotient is 1 in single precision; below, x is kept
-// finite so that the limit 0 comes out for minus infinity.
-__m256 mish(__m256 x) {
-  const __m256 e = zyn_exp8(_mm256_min_ps(_mm256_set1_ps(20.0f), x));
-  const __m256 two = _mm256_set1_ps(2.0f);
-  const __m256 n = _mm256_mul_ps(e, _mm256_add_ps(e, two));
-  const __m256 factor = _mm256_div_ps(n, _mm256_add_ps(n, two));
-  return _mm256_mul_ps(_mm256_max_ps(_mm256_set1_ps(-FLT_MAX), x), factor);
-}
-
 // The matrix view that the sigmoid works on: rows of dims[0], as many as there are. A
 // tensor without a second dimension has no rows, which the matrix header refuses.
 int32_t view_as_matrix(zyn_matrix* view, const zyn_tensor* tensor) {
@@ -116,7 +103,7 @@ int32_t run_mish(void* record) {
   auto* state = static_cast<activation_state*>(record);
   if (!state) return ZYN_RET_ERR_PARA;
   if (state->device_type == 2) return ZYN_RET_OK;
-  return zyn_cg_on_device(state->device_type) ? ZYN_RET_ERR_PARA : apply(state, mish);
+  return zyn_cg_on_device(state->device_type) ? ZYN_RET_ERR_PARA : apply(state, zyn_mish8);
 }
 
 // The output is the node's own, not its input: only then it is released here.

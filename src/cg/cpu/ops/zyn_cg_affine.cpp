@@ -3,6 +3,7 @@
 // places and weights over all channels.
 #include <math.h>
 
+#include "cg/cpu/ops/zyn_cg_join.h"
 #include "cg/cpu/ops/zyn_cg_operators.h"
 #include "cg/cpu/zyn_cg_support.h"
 
@@ -140,8 +141,20 @@ int32_t prepare_affine(zyn_cg_handle* graph, int32_t node) {
   return zyn_cg_is_fixed_point(graph) ? zyn_cg_no_fixed_point() : ZYN_RET_OK;
 }
 
+// Type 31 serves two kinds of records.
+int32_t bind_affine(zyn_cg_handle* graph, int32_t node, const void* param) {
+  return zyn_cg_is_join(param)
+             ? zyn_cg_bind_join(graph, node, param)
+             : zyn_cg_bind_record<affine_state, ZYN_OP_AFFINE, run_affine>(graph, node, param);
+}
+
+int32_t prepare_by_record(zyn_cg_handle* graph, int32_t node) {
+  return graph && zyn_cg_is_join(graph->bindings[node].param) ? zyn_cg_prepare_join(graph, node)
+                                                              : prepare_affine(graph, node);
+}
+
 }  // namespace
 
-const zyn_cg_operator zyn_cg_affine_row = {
-    zyn_cg_bind_record<affine_state, ZYN_OP_AFFINE, run_affine>, prepare_affine, zyn_cg_release_io,
-    zyn_cg_output_if<affine_state, ZYN_OP_AFFINE>, nullptr};
+const zyn_cg_operator zyn_cg_affine_row = {bind_affine, prepare_by_record, zyn_cg_release_io,
+                                           zyn_cg_output_if<zyn_cg_io_state, ZYN_OP_AFFINE>,
+                                           nullptr};

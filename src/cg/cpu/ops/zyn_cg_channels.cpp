@@ -1,6 +1,7 @@
 // Channel slice and channel gather: planes of the input, selected by a rule or a list, in
 // planar order; a blocked input is brought to it on the way. Elements are moved as they
-// are, whatever their type.
+// are, whatever their type. Further moves of type 35 are bound elsewhere.
+#include "cg/cpu/ops/zyn_cg_further.h"
 #include "cg/cpu/ops/zyn_cg_operators.h"
 #include "cg/cpu/zyn_cg_support.h"
 
@@ -12,9 +13,9 @@ struct slice_state : zyn_cg_io_state {
   zyn_slice_param param;
 };
 
-struct gather_state : zyn_cg_io_state {
-  int32_t* channels;
-  int32_t count;
+// The workspace holds the list.
+struct gather_state : zyn_cg_varied_state {
+  zyn_gather_param param;
 };
 
 // Blocks of all channels: the product of the extents behind the third.
@@ -59,7 +60,7 @@ int32_t run_slice(void* record) {
 
 int32_t run_gather(void* record) {
   auto* state = static_cast<gather_state*>(record);
-  return copy_channels(state, [=](int64_t c) { return state->channels[c]; });
+  return copy_channels(state, [=](int64_t c) { return state->param.channels[c]; });
 }
 
 // An output with the input's shape but for the number of channels.
@@ -89,35 +90,48 @@ int32_t prepare_slice(zyn_cg_handle* graph, int32_t node) {
   return make_channels(state, taken);
 }
 
-int32_t bind_gather(zyn_cg_handle* graph, int32_t node, const void* param) {
-  const auto* list = static_cast<const zyn_gather_param*>(param);
-  if (!list || !list->channels || list->count < 1) return ZYN_RET_ERR_PARA;
-  zyn_scratch<int32_t> channels(list->count);
-  if (!channels) return ZYN_RET_ERR_MEMORY;
-  auto* state = zyn_cg_new_state<gather_state>(graph, node, ZYN_OP_CHANNEL_GATHER, run_gather);
-  if (!state) return ZYN_RET_ERR_MEMORY;
-  memcpy(channels.get(), list->channels, static_cast<size_t>(list->count) * sizeof(int32_t));
-  state->channels = channels.take();
-  state->count = list->count;
-  return ZYN_RET_OK;
-}
-
 int32_t prepare_gather(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<gather_state>(graph, node);
   zyn_tensor* input = nullptr;
   const int32_t code = zyn_cg_moved_input(graph, node, state, &input);
   if (code != ZYN_RET_OK) return code;
   if (input->dim_count < 3) return ZYN_RET_ERR_PARA;
-  for (int32_t i = 0; i < state->count; i++)
-    if (state->channels[i] < 0 || state->channels[i] >= input->dims[2]) return ZYN_RET_ERR_PARA;
+  const zyn_gather_param& param = state->param;
+  for (int32_t i = 0; i < param.count; i++)
+    if (param.channels[i] < 0 || param.channels[i] >= input->dims[2]) return ZYN_RET_ERR_PARA;
   state->input = input;
-  return make_channels(state, state->count);
+  return make_channels(state, param.count);
 }
 
-int32_t release_gather(void** record) {
-  if (!record || !*record) return ZYN_RET_ERR_PARA;
-  zyn_free(static_cast<gather_state*>(*record)->channels);
-  return zyn_cg_release_io(record);
+int32_t bind_list(zyn_cg_handle* graph, int32_t node, const void* param) {
+  const auto* list = static_cast<const zyn_gather_param*>(param);
+  if (!list->channels || list->count < 1) return ZYN_RET_ERR_PARA;
+  zyn_scratch<int32_t> channels(list->count);
+  if (!channels) return ZYN_RET_ERR_MEMORY;
+  memcpy(channels.get(), list->channels, static_cast<size_t>(list->count) * sizeof(int32_t));
+  const zyn_gather_param own = {list->count, channels.get()};
+  const int32_t code = zyn_cg_bind_varied<gather_state>(graph, node, &own, ZYN_OP_CHANNEL_GATHER,
+                                                        prepare_gather, run_gather);
+  if (code == ZYN_RET_OK)
+    static_cast<gather_state*>(zyn_cg_record(graph, node))->workspace = channels.take();
+  return code;
+}
+
+// By the first word alone: only the record of a list has a pointer behind it.
+int32_t bind_gather(zyn_cg_handle* graph, int32_t node, const void* param) {
+  if (!param) return ZYN_RET_ERR_PARA;
+  switch (zyn_cg_first_word(param)) {
+    case ZYN_MOVE_PERMUTE:
+      return zyn_cg_bind_permute(graph, node, param);
+    case ZYN_MOVE_PAD:
+      return zyn_cg_bind_pad(graph, node, param);
+    case ZYN_MOVE_SHUFFLE:
+      return zyn_cg_bind_shuffle(graph, node, param);
+    case ZYN_MOVE_PART:
+      return zyn_cg_bind_part(graph, node, param);
+    default:
+      return bind_list(graph, node, param);
+  }
 }
 
 }  // namespace
@@ -126,6 +140,6 @@ const zyn_cg_operator zyn_cg_slice_row = {
     zyn_cg_bind_record<slice_state, ZYN_OP_CHANNEL_SLICE, run_slice>, prepare_slice,
     zyn_cg_release_io, zyn_cg_output_if<slice_state, ZYN_OP_CHANNEL_SLICE>, nullptr};
 
-const zyn_cg_operator zyn_cg_gather_row = {bind_gather, prepare_gather, release_gather,
-                                           zyn_cg_output_if<gather_state, ZYN_OP_CHANNEL_GATHER>,
-                                           nullptr};
+const zyn_cg_operator zyn_cg_gather_row = {
+    bind_gather, zyn_cg_prepare_varied, zyn_cg_release_io,
+    zyn_cg_output_if<zyn_cg_varied_state, ZYN_OP_CHANNEL_GATHER>, nullptr};

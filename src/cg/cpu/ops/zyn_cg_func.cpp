@@ -1,13 +1,13 @@
 // Addition and multiplication of two tensors, with one value per channel as broadcast
-// form, and element-wise functions of one tensor. All carry the input's
+// form, and functions of one tensor. All carry the input's
 // channel order on where every element stays in its place; a broadcast, and inputs
 // that lie in different orders, are computed in planar order.
+#include "base/zyn_explain.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi_lanes.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi_ops.h"
+#include "cg/cpu/ops/zyn_cg_function.h"
 #include "cg/cpu/ops/zyn_cg_operators.h"
-#include "cg/cpu/ops/zyn_cg_power.h"
 #include "cg/cpu/zyn_cg_support.h"
-#include "matrix/zyn_math.h"
 
 namespace {
 
@@ -27,7 +27,15 @@ struct join_state : zyn_cg_io_state {
 
 struct func_state : zyn_cg_io_state {
   zyn_func_param param;
+  zyn_tensor* slopes;         // ZYN_FUNC_PRELU
+  int32_t q_input, q_output;  // fixed point
 };
+
+// One slope, or one a channel.
+bool has_slopes(const zyn_tensor* slopes, const zyn_tensor* input) {
+  return slopes && slopes->data && slopes->type == ZYN_TYPE_F32 &&
+         (slopes->count == 1 || slopes->count == zyn_cg_channels(input));
+}
 
 using fixed_join = void (*)(int16_t* out, int32_t q_out, const zyn_fpi_operand& a,
                             const zyn_fpi_operand& b, int64_t count);
@@ -147,62 +155,28 @@ bool read_join_q(const zyn_cg_handle* graph, int32_t node, const int32_t* ids, j
          (state->type != ZYN_OP_MULTIPLY || state->q_a + state->q_b >= state->q_output);
 }
 
-// One function over a whole tensor.
-struct mapper {
-  float* out;
-  const float* in;
-  int64_t count;
-  template <typename Function>
-  int32_t operator()(Function f) const {
-    zyn_map(out, in, count, f);
-    return ZYN_RET_OK;
-  }
-};
-
-int32_t apply(const mapper& map, const zyn_func_param& param) {
-  const __m256 a = _mm256_set1_ps(param.a);
-  const __m256 b = _mm256_set1_ps(param.b);
-  const __m256 sign = _mm256_set1_ps(-0.0f);
-  switch (param.function) {
-    case ZYN_FUNC_ABS:
-      return map([=](__m256 x) { return _mm256_andnot_ps(sign, x); });
-    case ZYN_FUNC_NEGATE:
-      return map([=](__m256 x) { return _mm256_xor_ps(sign, x); });
-    case ZYN_FUNC_SQUARE:
-      return map([](__m256 x) { return _mm256_mul_ps(x, x); });
-    case ZYN_FUNC_SQRT:
-      return map([](__m256 x) { return _mm256_sqrt_ps(x); });
-    case ZYN_FUNC_RECIPROCAL:
-      return map([](__m256 x) { return _mm256_div_ps(_mm256_set1_ps(1.0f), x); });
-    case ZYN_FUNC_EXP:
-      return map([](__m256 x) { return zyn_exp8(x); });
-    case ZYN_FUNC_LOG:
-      return map([](__m256 x) { return zyn_log8(x); });
-    case ZYN_FUNC_TANH:
-      return map([](__m256 x) { return zyn_tanh8(x); });
-    case ZYN_FUNC_POWER:
-      return map([=](__m256 x) { return zyn_power8(x, param.a); });
-    case ZYN_FUNC_CLIP:  // operands in this order let NaN through
-      return map([=](__m256 x) { return _mm256_min_ps(b, _mm256_max_ps(a, x)); });
-    case ZYN_FUNC_SCALE_SHIFT:
-      return map([=](__m256 x) { return _mm256_fmadd_ps(x, a, b); });
-    default:
-      return ZYN_RET_ERR_PARA;
-  }
-}
-
 int32_t run_func(void* record) {
   auto* state = static_cast<func_state*>(record);
   const zyn_tensor* input = state->input;
+  const zyn_tensor* slopes = state->slopes;
   zyn_tensor* output = state->output;
   if (!zyn_cg_ready(input, output) || !zyn_cg_same_dims(input, output)) return ZYN_RET_ERR_PARA;
-  output->layout = input->layout;
-  return apply({zyn_cg_floats(output), zyn_cg_floats(input), output->count}, state->param);
-}
-
-bool is_known(const zyn_func_param& param) {
-  if (param.function < ZYN_FUNC_ABS || param.function > ZYN_FUNC_SCALE_SHIFT) return false;
-  return param.function != ZYN_FUNC_POWER || isfinite(param.a);
+  const bool is_prelu = state->param.function == ZYN_FUNC_PRELU;
+  if (is_prelu && !has_slopes(slopes, input)) return ZYN_RET_ERR_PARA;
+  if (output->type == ZYN_TYPE_FPI16) {
+    zyn_cg_apply_fixed_function(output, input,
+                                {state->param, slopes, state->q_input, state->q_output});
+  } else if (is_prelu) {
+    zyn_cg_apply_prelu(output, input, slopes);
+  } else if (zyn_cg_is_axis_function(state->param.function)) {
+    input = zyn_cg_planar(input, &state->planar);
+    if (!input) return ZYN_RET_ERR_MEMORY;
+    zyn_cg_apply_axis_function(output, input, state->param);
+    output->layout = ZYN_LAYOUT_PLANAR;
+  } else {
+    zyn_cg_apply_function(output, input, state->param);
+  }
+  return ZYN_RET_OK;
 }
 
 int32_t prepare_join(zyn_cg_handle* graph, int32_t node) {
@@ -226,16 +200,44 @@ int32_t prepare_join(zyn_cg_handle* graph, int32_t node) {
   return ZYN_RET_OK;
 }
 
+// The inputs of a function, checked with its record; state->input stays null otherwise.
+int32_t find_func_inputs(zyn_cg_handle* graph, int32_t node, func_state* state) {
+  state->input = nullptr;
+  const bool is_prelu = state->param.function == ZYN_FUNC_PRELU;
+  const zyn_cg_sources sources = zyn_cg_find_sources(graph, node);
+  if (sources.count != (is_prelu ? 2 : 1))
+    return zyn_refuse(ZYN_RET_ERR_PARA, "it reads %lld nodes, %s needed",
+                      static_cast<long long>(sources.count),
+                      is_prelu ? "an input and a constant are" : "one is");
+  const int32_t code = zyn_cg_check_input(graph, sources.input);
+  if (code != ZYN_RET_OK) return code;
+  char text[kZynExplanationBytes];
+  if (zyn_cg_find_function_fault(state->param, sources.input->dim_count, text, sizeof(text)))
+    return zyn_refuse(ZYN_RET_ERR_PARA, "%s", text);
+  if (is_prelu && !has_slopes(sources.constant, sources.input))
+    return zyn_refuse(ZYN_RET_ERR_PARA, "a constant of 1 or %lld floats is needed as slopes",
+                      static_cast<long long>(zyn_cg_channels(sources.input)));
+  state->slopes = sources.constant;
+  state->input = sources.input;
+  if (!zyn_cg_is_fixed_point(graph) || !zyn_cg_function_is_fixed_point(state->param.function))
+    return ZYN_RET_OK;
+  const bool listed = zyn_cg_read_q(graph, sources.producer, &state->q_input) &&
+                      zyn_cg_read_q(graph, node, &state->q_output);
+  return listed ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
+}
+
 int32_t prepare_func(zyn_cg_handle* graph, int32_t node) {
   auto* state = zyn_cg_state<func_state>(graph, node);
-  if (!state || !is_known(state->param)) return ZYN_RET_ERR_PARA;
-  zyn_cg_io_state* io = state;
-  int32_t code = zyn_cg_only_input(graph, node, &io->input, nullptr);
+  if (!state) return ZYN_RET_ERR_PARA;
+  int32_t code = find_func_inputs(graph, node, state);
   if (code != ZYN_RET_OK) return code;
-  code = zyn_cg_make_output_like(graph, &io->output, io->input, &kFuncOutput);
+  const zyn_tensor* input = state->input;
+  code = zyn_cg_make_output_like(graph, &state->output, input, &kFuncOutput);
   if (code != ZYN_RET_OK) return code;
-  io->output->layout = io->input->layout;
-  return zyn_cg_is_fixed_point(graph) ? zyn_cg_no_fixed_point() : ZYN_RET_OK;
+  state->output->layout = input->layout;
+  const bool computed =
+      !zyn_cg_is_fixed_point(graph) || zyn_cg_function_is_fixed_point(state->param.function);
+  return computed ? ZYN_RET_OK : zyn_cg_no_fixed_point();
 }
 
 // Slot 3 of all three rows. Types 25 and 29 are admitted as well, though the one has a slot

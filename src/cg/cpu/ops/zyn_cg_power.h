@@ -1,4 +1,4 @@
-// Eight powers x^y for one exponent: 2^(y * log2 |x|) in double precision, so that the
+// Eight powers x^y: 2^(y * log2 |x|) in double precision, so that the
 // float result is within one unit in the last place over the whole range, then the
 // special values of C's pow.
 #pragma once
@@ -41,34 +41,42 @@ inline __m256d zyn_exp2_4(__m256d t) {
   return _mm256_mul_pd(sum, _mm256_castsi256_pd(power));
 }
 
-inline __m128 zyn_power_4(__m128 positive, double y) {
-  __m256d t = _mm256_mul_pd(zyn_log2_4(_mm256_cvtps_pd(positive)), _mm256_set1_pd(y));
+inline __m128 zyn_power_4(__m128 positive, __m128 y) {
+  __m256d t = _mm256_mul_pd(zyn_log2_4(_mm256_cvtps_pd(positive)), _mm256_cvtps_pd(y));
   t = _mm256_max_pd(_mm256_min_pd(t, _mm256_set1_pd(1000.0)), _mm256_set1_pd(-1000.0));
   return _mm256_cvtpd_ps(zyn_exp2_4(t));
 }
 
-// x^y, y finite. x = 0 and infinite x as pow gives them; NaN for negative x unless y is
-// an integer; 1 for y = 0.
-inline __m256 zyn_power8(__m256 x, float y) {
-  if (y == 0.0f) return _mm256_set1_ps(1.0f);
+// x^y as C's pow gives it: 1 for y = 0 and for x = 1, NaN for negative x unless y is an integer.
+inline __m256 zyn_power8(__m256 x, __m256 y) {
   const __m256 sign_bit = _mm256_set1_ps(-0.0f);
   const __m256 infinity = _mm256_set1_ps(INFINITY);
   const __m256 zero = _mm256_setzero_ps();
+  const __m256 one = _mm256_set1_ps(1.0f);
   const __m256 size = _mm256_andnot_ps(sign_bit, x);
   __m256 result =
-      _mm256_set_m128(zyn_power_4(_mm256_extractf128_ps(size, 1), static_cast<double>(y)),
-                      zyn_power_4(_mm256_castps256_ps128(size), static_cast<double>(y)));
+      _mm256_set_m128(zyn_power_4(_mm256_extractf128_ps(size, 1), _mm256_extractf128_ps(y, 1)),
+                      zyn_power_4(_mm256_castps256_ps128(size), _mm256_castps256_ps128(y)));
   const __m256 is_zero = _mm256_cmp_ps(size, zero, _CMP_EQ_OQ);
   const __m256 is_infinite = _mm256_cmp_ps(size, infinity, _CMP_EQ_OQ);
-  result = _mm256_blendv_ps(result, y > 0 ? zero : infinity, is_zero);
-  result = _mm256_blendv_ps(result, y > 0 ? infinity : zero, is_infinite);
-  const bool whole = y == floorf(y);
-  const bool odd = whole && fmodf(y, 2.0f) != 0.0f;
-  if (odd) result = _mm256_or_ps(result, _mm256_and_ps(sign_bit, x));
-  __m256 invalid = _mm256_cmp_ps(x, x, _CMP_UNORD_Q);
-  if (!whole) {
-    const __m256 negative = _mm256_cmp_ps(x, zero, _CMP_LT_OQ);
-    invalid = _mm256_or_ps(invalid, _mm256_andnot_ps(is_infinite, negative));
-  }
-  return _mm256_blendv_ps(result, _mm256_set1_ps(NAN), invalid);
+  const __m256 grows = _mm256_cmp_ps(y, zero, _CMP_GT_OQ);
+  result = _mm256_blendv_ps(result, _mm256_andnot_ps(grows, infinity), is_zero);
+  result = _mm256_blendv_ps(result, _mm256_and_ps(grows, infinity), is_infinite);
+  result = _mm256_blendv_ps(result, one, _mm256_cmp_ps(size, one, _CMP_EQ_OQ));
+  const __m256 whole = _mm256_cmp_ps(y, _mm256_floor_ps(y), _CMP_EQ_OQ);
+  const __m256 half = _mm256_mul_ps(y, _mm256_set1_ps(0.5f));
+  const __m256 odd =
+      _mm256_andnot_ps(_mm256_cmp_ps(half, _mm256_floor_ps(half), _CMP_EQ_OQ), whole);
+  result = _mm256_or_ps(result, _mm256_and_ps(odd, _mm256_and_ps(sign_bit, x)));
+  // Neither infinite nor whole: there is no real power of a negative number.
+  __m256 invalid =
+      _mm256_andnot_ps(_mm256_or_ps(whole, is_infinite), _mm256_cmp_ps(x, zero, _CMP_LT_OQ));
+  invalid = _mm256_or_ps(invalid, _mm256_cmp_ps(x, y, _CMP_UNORD_Q));
+  result = _mm256_blendv_ps(result, _mm256_set1_ps(NAN), invalid);
+  return _mm256_blendv_ps(
+      result, one,
+      _mm256_or_ps(_mm256_cmp_ps(y, zero, _CMP_EQ_OQ), _mm256_cmp_ps(x, one, _CMP_EQ_OQ)));
 }
+
+// For one exponent.
+inline __m256 zyn_power8(__m256 x, float y) { return zyn_power8(x, _mm256_set1_ps(y)); }

@@ -58,6 +58,17 @@ struct rescale {
   __m256i operator()(__m256i v) const { return right(_mm256_sll_epi32(v, left)); }
 };
 
+// map2 on 32-bit lanes of operands that are brought to q_out first.
+template <typename Function>
+void map2_rescaled(int16_t* out, int32_t q_out, const zyn_fpi_operand& a, const zyn_fpi_operand& b,
+                   int64_t count, Function f) {
+  const rescale scale_a(a.q, q_out), scale_b(b.q, q_out);
+  const auto half = [=](__m256i x, __m256i y) { return f(scale_a(x), scale_b(y)); };
+  map2(out, a, b, count, [=](__m256i x, __m256i y) {
+    return join(half(low_half(x), low_half(y)), half(high_half(x), high_half(y)));
+  });
+}
+
 // floor((a + b / 2) / b): rounded to nearest, halves up.
 int64_t divide(int64_t a, int64_t b) {
   const int64_t shifted = a + b / 2;
@@ -148,11 +159,26 @@ void zyn_fpi_rescale(int16_t* out, int32_t q_out, const int16_t* in, int32_t q_i
 
 void zyn_fpi_add(int16_t* out, int32_t q_out, const zyn_fpi_operand& a, const zyn_fpi_operand& b,
                  int64_t count) {
-  const rescale scale_a(a.q, q_out), scale_b(b.q, q_out);
-  const auto half = [=](__m256i x, __m256i y) { return _mm256_add_epi32(scale_a(x), scale_b(y)); };
-  map2(out, a, b, count, [=](__m256i x, __m256i y) {
-    return join(half(low_half(x), low_half(y)), half(high_half(x), high_half(y)));
-  });
+  map2_rescaled(out, q_out, a, b, count,
+                [](__m256i x, __m256i y) { return _mm256_add_epi32(x, y); });
+}
+
+void zyn_fpi_subtract(int16_t* out, int32_t q_out, const zyn_fpi_operand& a,
+                      const zyn_fpi_operand& b, int64_t count) {
+  map2_rescaled(out, q_out, a, b, count,
+                [](__m256i x, __m256i y) { return _mm256_sub_epi32(x, y); });
+}
+
+void zyn_fpi_max(int16_t* out, int32_t q_out, const zyn_fpi_operand& a, const zyn_fpi_operand& b,
+                 int64_t count) {
+  map2_rescaled(out, q_out, a, b, count,
+                [](__m256i x, __m256i y) { return _mm256_max_epi32(x, y); });
+}
+
+void zyn_fpi_min(int16_t* out, int32_t q_out, const zyn_fpi_operand& a, const zyn_fpi_operand& b,
+                 int64_t count) {
+  map2_rescaled(out, q_out, a, b, count,
+                [](__m256i x, __m256i y) { return _mm256_min_epi32(x, y); });
 }
 
 void zyn_fpi_multiply(int16_t* out, int32_t q_out, const zyn_fpi_operand& a,

@@ -30,8 +30,14 @@ struct zyn_fpi_operand {
   int32_t q;
   bool is_single;
 };
-// a + b, both brought to q_out first.
+// a + b, a - b, the larger and the smaller one, both brought to q_out first.
 void zyn_fpi_add(int16_t* out, int32_t q_out, const zyn_fpi_operand& a, const zyn_fpi_operand& b,
+                 int64_t count);
+void zyn_fpi_subtract(int16_t* out, int32_t q_out, const zyn_fpi_operand& a,
+                      const zyn_fpi_operand& b, int64_t count);
+void zyn_fpi_max(int16_t* out, int32_t q_out, const zyn_fpi_operand& a, const zyn_fpi_operand& b,
+                 int64_t count);
+void zyn_fpi_min(int16_t* out, int32_t q_out, const zyn_fpi_operand& a, const zyn_fpi_operand& b,
                  int64_t count);
 // (a * b) >> (q_a + q_b - q_out), which is not negative.
 void zyn_fpi_multiply(int16_t* out, int32_t q_out, const zyn_fpi_operand& a,
