@@ -1,0 +1,73 @@
+"""What the networks are trained for."""
+import numpy as np
+import torch
+import torch.nn.functional as F
+
+import data
+import models
+
+MATCH, NEAR = 0.38, 0.28  # overlaps: from MATCH on a prior is a face, below NEAR background
+NEGATIVES = 3  # background priors a face prior, the hardest ones
+
+
+def overlaps(boxes, priors):
+    """Intersection over union of corner boxes (M x 4) with corner priors (N x 4): M x N."""
+    low = np.maximum(boxes[:, None, :2], priors[None, :, :2])
+    high = np.minimum(boxes[:, None, 2:], priors[None, :, 2:])
+    common = np.prod(np.clip(high - low, 0, None), axis=2)
+    area = lambda b: np.prod(b[:, 2:] - b[:, :2], axis=1)
+    return common / (area(boxes)[:, None] + area(priors)[None] - common)
+
+
+class Targets:
+    """Turns a picture's boxes into labels (1 face, 0 background, -1 neither) and offsets."""
+
+    def __init__(self, width=data.WIDTH, height=data.HEIGHT):
+        self.width, self.height = width, height
+        self.priors = models.priors(width, height)
+        half = self.priors[:, 2:] / 2
+        self.corners = np.concatenate([self.priors[:, :2] - half, self.priors[:, :2] + half], 1)
+
+    def __call__(self, boxes):
+        labels = np.zeros(len(self.priors), np.int64)
+        offsets = np.zeros((len(self.priors), 4), np.float32)
+        if not len(boxes):
+            return labels, offsets
+        corners = boxes[:, :4] / np.array([self.width, self.height] * 2, np.float32)
+        overlap = overlaps(corners, self.corners)
+        best = overlap.argmax(0)
+        quality = overlap.max(0)
+        labels[quality >= NEAR] = -1
+        labels[quality >= MATCH] = 1
+        for face, prior in enumerate(overlap.argmax(1)):  # each face has at least one prior
+            if overlap[face, prior] > 0.2:
+                labels[prior], best[prior] = 1, face
+        labels[(labels == 1) & (boxes[best, 4] < 0.5)] = -1
+        matched = corners[best]
+        center, size = (matched[:, :2] + matched[:, 2:]) / 2, matched[:, 2:] - matched[:, :2]
+        offsets[:, :2] = (center - self.priors[:, :2]) / self.priors[:, 2:] / models.VARIANCES[0]
+        offsets[:, 2:] = np.log(size / self.priors[:, 2:]) / models.VARIANCES[1]
+        return labels, offsets
+
+
+def detector_loss(scores, offsets, labels, targets):
+    """Cross entropy over the faces and the hardest background, and smooth L1 of the offsets."""
+    face = labels == 1
+    count = face.sum().clamp(min=1)
+    each = F.cross_entropy(scores.reshape(-1, 2), labels.clamp(min=0).reshape(-1), reduction="none")
+    each = each.reshape(labels.shape)
+    background = torch.where(labels == 0, each.detach(), torch.full_like(each, -1.0)).reshape(-1)
+    kept = NEGATIVES * int(count) + 10 * len(labels)
+    hardest = background.topk(min(kept, background.numel())).indices
+    score_loss = (each[face].sum() + each.reshape(-1)[hardest].sum()) / count
+    offset_loss = F.smooth_l1_loss(offsets[face], targets[face], reduction="sum") / count
+    return score_loss, offset_loss
+
+
+def landmark_loss(found, points, width=4.0, bend=1.0):
+    """Wing loss in pixels of the crop: steep for small errors. Hidden points count less."""
+    error = (found.reshape(points.shape[0], -1, 2) - points[..., :2]).abs() * data.CROP
+    offset = width - width * np.log(1 + width / bend)
+    wing = torch.where(error < width, width * torch.log(1 + error / bend), error - offset)
+    weight = 0.4 + 0.6 * points[..., 2:]
+    return (wing * weight).sum() / weight.sum() / 2

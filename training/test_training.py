@@ -1,0 +1,105 @@
+"""The renderer's truth and the training's targets. ZYN_RENDER_LIBRARY and ZYN_RENDER_CLIP name
+the renderer's library and program."""
+import json
+import os
+import pathlib
+import subprocess
+import tempfile
+import unittest
+
+import numpy as np
+
+import data
+
+COUNT = 12
+
+
+class Rendered(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory()
+        cls.store = data.Store(cls.folder.name, COUNT, seed=3)
+
+    def test_same_seed_same_bytes(self):
+        again = self.store.renderer.head(3, 5)
+        np.testing.assert_array_equal(again[0], self.store.heads[5])
+        np.testing.assert_array_equal(again[1], self.store.truth[5])
+        self.assertTrue((self.store.renderer.head(4, 5)[0] != again[0]).any())
+        for make in (self.store.scene, self.store.crop):
+            a, b, other = make(7), make(7), make(8)
+            np.testing.assert_array_equal(a[0], b[0])
+            np.testing.assert_array_equal(a[1], b[1])
+            self.assertTrue((a[0] != other[0]).any())
+
+    def test_truth_is_where_the_head_is(self):
+        for rgba, truth in zip(self.store.heads, self.store.truth):
+            points, rest = truth[:204].reshape(68, 3), truth[204:]
+            if rest[-1] < 0.5:
+                continue
+            box, turn, place = rest[:4], rest[4:13].reshape(3, 3), rest[13:16]
+            focal, middle, yaw = rest[16], rest[17:19], rest[19]
+            self.assertTrue((points[:, :2] >= box[:2] - 0.01).all())
+            self.assertTrue((points[:, :2] <= box[2:] + 0.01).all())
+            # Seen points inside the outline lie on opaque pixels, or within one of them.
+            for x, y, seen in points[17:]:
+                if seen:
+                    near = rgba[int(y) - 1:int(y) + 2, int(x) - 1:int(x) + 2, 3]
+                    self.assertGreater(near.max(), 100)
+            # The projection of a mean head's nose tip and chin, from rotation and translation.
+            np.testing.assert_allclose(turn @ turn.T, np.eye(3), atol=1e-5)
+            for index, mean in ((30, (0, 4.2, -11.9)), (8, (0, 11.5, -9.0))):
+                seen = turn @ np.array(mean) + place
+                expected = seen[:2] / seen[2] * focal + middle
+                error = np.linalg.norm(points[index, :2] - expected) * seen[2] / focal
+                self.assertLess(error, 3.2, f"point {index}, yaw {yaw}")  # cm: shapes vary
+
+    def test_mirrored_points_keep_their_order(self):
+        for seed in range(40):
+            _, points, truth = self.store.crop(seed)
+            if abs(truth[223]) > 35 or abs(truth[225]) > 20:
+                continue
+            for left, right in ((0, 16), (17, 26), (36, 45), (39, 42), (31, 35), (48, 54), (60, 64)):
+                self.assertLess(points[left, 0], points[right, 0], f"seed {seed}")
+            for high, low in ((19, 37), (37, 41), (44, 46), (33, 51), (51, 57), (61, 67), (57, 8)):
+                self.assertLess(points[high, 1], points[low, 1] + 0.004, f"seed {seed}")
+
+    def test_targets_decode_to_the_boxes(self):
+        try:
+            import losses
+        except ImportError:
+            self.skipTest("without torch")
+        targets = losses.Targets()
+        faces = 0
+        for seed in range(8):
+            _, boxes = self.store.scene(seed)
+            labels, offsets = targets(boxes)
+            chosen = labels == 1
+            priors, offsets = targets.priors[chosen], offsets[chosen]
+            center = 0.1 * offsets[:, :2] * priors[:, 2:] + priors[:, :2]
+            half = np.exp(0.2 * offsets[:, 2:]) * priors[:, 2:] / 2
+            decoded = np.concatenate([center - half, center + half], 1) * ([320, 240] * 2)
+            for box in decoded:
+                self.assertLess(np.abs(boxes[:, :4] - box).max(1).min(), 0.01)
+            for box in boxes[boxes[:, 4] > 0.5]:
+                found = np.abs(decoded - box[:4]).max(1).min() if len(decoded) else 99
+                faces += found < 0.01
+        self.assertGreater(faces, 8)
+
+    def test_clip(self):
+        clips = []
+        for name in "ab":
+            folder = os.path.join(self.folder.name, name)
+            subprocess.run([os.environ["ZYN_RENDER_CLIP"], folder, "5", "2", "3"], check=True)
+            clips.append([pathlib.Path(folder, file).read_bytes()
+                          for file in ("frame_0000.bmp", "frame_0001.bmp", "truth.json")])
+        self.assertEqual(*clips)
+        truth = json.loads(clips[0][2])
+        self.assertEqual([len(f["faces"]) for f in truth["frames"]], [3, 3])
+        for face in truth["frames"][1]["faces"]:
+            points = np.array(face["landmarks"]).reshape(68, 2)
+            self.assertTrue((points >= np.array(face["box"][:2]) - 0.01).all())
+            self.assertTrue((points <= np.array(face["box"][2:]) + 0.01).all())
+
+
+if __name__ == "__main__":
+    unittest.main()
