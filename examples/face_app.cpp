@@ -91,6 +91,10 @@ void write_line(FILE* file, int64_t frame, double time, const zyn_face* faces, i
       fprintf(file, ",\"yaw\":%.2f,\"pitch\":%.2f,\"roll\":%.2f", static_cast<double>(f.pose.yaw),
               static_cast<double>(f.pose.pitch), static_cast<double>(f.pose.roll));
       write_points(file, "translation", f.pose.translation, 3);
+      fprintf(file, ",\"rotation\":[");
+      for (int k = 0; k < 9; k++)
+        fprintf(file, "%s%.5f", k ? "," : "", static_cast<double>(f.pose.rotation[k]));
+      fputc(']', file);
     }
     fputc('}', file);
   }
