@@ -73,8 +73,11 @@ void interleave_rows(float* out, const float* planes, int64_t plane, int32_t wid
 }
 
 void copy_vectors(float* out, const float* from, int64_t count) {
-  for (int64_t i = 0; i < count; i++)
-    _mm256_storeu_ps(out + i * kLanes, _mm256_loadu_ps(from + i * kLanes));
+  for (int64_t i = 0; i < count; i++) {
+    __m256 v = _mm256_loadu_ps(from + i * kLanes);
+    __asm__("" : "+x"(v));  // else the compiler makes it a call, which costs more than short rows
+    _mm256_storeu_ps(out + i * kLanes, v);
+  }
 }
 
 // count pixels of lanes channels, any order, into [pixel][lane].
@@ -151,6 +154,10 @@ void zyn_general_gather(float* out, const zyn_general_tensor& from, int32_t chan
   } else if (whole && !from.blocked && lanes == kLanes && channel + lanes <= from.channels) {
     interleave_rows(inside, from.data + channel * from.plane() + start, from.plane(), from.width,
                     bottom - top, w.pitch);
+  } else if (from.blocked && lanes == kLanes && channel + lanes <= from.channels) {
+    const float* row = from.data + channel * from.plane() + (start + begin) * lanes;
+    for (int32_t y = top; y < bottom; y++, inside += row_floats, row += from.width * lanes)
+      copy_vectors(inside, row, end - begin);
   } else {
     for (int32_t y = top; y < bottom; y++, inside += row_floats)
       copy_pixels(inside, from, channel, lanes, start + int64_t{y - top} * from.width + begin,
