@@ -1,5 +1,5 @@
 // The choice of a method for every convolution: what each takes by a formula whose numbers
-// were fitted to 566 layers timed on one core (2.7 GHz, AVX2), and what it takes to bring
+// were fitted to 820 layers timed on one core (2.7 GHz, AVX2), and what it takes to bring
 // channels into the order that the next node wants. Starting from one method for all, runs
 // of neighbouring convolutions change their method as long as that lowers the sum.
 #include <string.h>
@@ -15,11 +15,17 @@ constexpr int32_t kMostSearched = 512;
 constexpr int32_t kLastMethod = ZYN_METHOD_GENERAL_PLANAR;
 constexpr double kWorthIt = 0.999;  // a change that saves less is noise
 
-// Microseconds of a layer: the sum of what was fitted times what it counts.
+// A layer by what its microseconds are fitted to.
 struct layer {
   bool depthwise;
+  bool usual;  // kernel 3 or 5 with padding kernel / 2, stride 1 or 2, no dilation: methods 0 and 2
+               // have kernels for these
   int32_t kernel, stride;
+  double taps;
   double in_channels, out_channels, pixels_in, pixels_out, rows_out;
+
+  double weights() const { return taps * in_channels * out_channels; }
+  double moved() const { return pixels_in * in_channels + pixels_out * out_channels; }
 };
 
 double rounded_up(double value, int32_t step) {
@@ -37,63 +43,73 @@ double block_lanes(double channels, double single) {
          single * static_cast<double>(count >= 4 ? count - 4 : count);
 }
 
+double planar_depthwise(const layer& l) {
+  const double work = l.taps * l.pixels_out * l.in_channels, rows = l.in_channels * l.rows_out;
+  if (!l.usual) return 9.7e-5 * work + (l.stride == 1 ? 0.028 : 0.053) * rows + 0.28;
+  return l.stride == 1
+             ? 3.2e-5 * work + 3.6e-4 * l.taps * rows + 8e-3 * l.in_channels + 0.07
+             : 5.8e-5 * work + (1.3e-3 + 3.8e-4 * l.taps) * rows + 1e-2 * l.in_channels + 0.02;
+}
+
 double planar_cost(const layer& l) {  // method 0
-  const double taps = l.kernel * l.kernel;
-  if (l.depthwise)
-    return l.stride == 1 ? 4.2e-5 * taps * l.pixels_out * l.in_channels +
-                               4.5e-3 * l.in_channels * l.rows_out + 0.02
-                         : 8.5e-5 * taps * l.pixels_out * l.in_channels +
-                               3.2e-3 * l.in_channels * l.rows_out + 0.015 * l.in_channels + 0.02;
-  const double columns = rounded_up(l.pixels_out, 8);
-  const double outputs = rounded_up(l.out_channels, 4);
-  const double work = taps * columns * l.in_channels * outputs;
-  return l.kernel == 1
-             ? 2.3e-5 * work +
-                   8.2e-5 * (l.pixels_in * l.in_channels + l.pixels_out * l.out_channels) + 0.03
-             : 4.7e-5 * work + 1.1e-4 * taps * l.in_channels * l.out_channels +
-                   0.04 * l.in_channels + 0.4;
+  if (l.depthwise) return planar_depthwise(l);
+  const double outputs = l.in_channels * rounded_up(l.out_channels, 4);
+  const double rows = l.in_channels * l.out_channels * l.rows_out;
+  if (l.kernel == 1) {
+    const double work = rounded_up(l.pixels_out, 8) * outputs;
+    return l.stride == 1 ? 1.9e-5 * work + 5.1e-5 * l.moved() + 0.05
+                         : 3.8e-5 * work + 1.4e-4 * l.moved() + 7.3e-4 * rows + 0.47;
+  }
+  const double columns = rounded_up(l.pixels_out / l.rows_out, 8) * l.taps * l.rows_out;
+  if (l.usual && l.kernel == 3 && l.stride == 1)  // channel by channel
+    return 3.6e-5 * columns * l.in_channels * (l.out_channels + 0.6) + 0.4;
+  const double work = columns * outputs;
+  if (l.stride == 1) return 3.6e-5 * work + 0.4;
+  return l.usual ? 3.9e-5 * work + 1.2e-3 * rows + 0.65
+                 : 3.7e-5 * work + 1.5e-4 * l.taps * rows + 0.5;
 }
 
 double blocked_cost(const layer& l) {  // method 1
-  const double taps = l.kernel * l.kernel;
+  const double rows = l.in_channels * l.rows_out;
   if (l.depthwise)
-    return (l.stride == 1 ? 3.2e-5 : 3.5e-5) * taps * l.pixels_out * block_lanes(l.in_channels, 6) +
-           0.03;
-  const double work = taps * l.pixels_out * l.in_channels * block_lanes(l.out_channels, 3.5);
-  const double moved = l.pixels_in * l.in_channels + l.pixels_out * l.out_channels;
-  const double weights = taps * l.in_channels * l.out_channels;
-  return l.kernel == 1 ? 2.0e-5 * work + 5.2e-5 * moved + 5.7e-5 * weights + 0.06
-                       : 2.1e-5 * work + 1.4e-4 * moved + 2.0e-4 * weights + 0.25;
+    return 2.2e-5 * l.taps * l.pixels_out * block_lanes(l.in_channels, 6) + 1.4e-4 * rows +
+           1.4e-5 * l.pixels_in * l.in_channels + 0.08;
+  const double work = l.taps * l.pixels_out * l.in_channels * block_lanes(l.out_channels, 3.5);
+  return l.kernel == 1 ? 1.75e-5 * work + 5e-5 * l.moved() + 5e-5 * l.weights() + 0.08
+                       : 2.05e-5 * work + 4.1e-5 * l.moved() + 3.4e-5 * l.weights() + 0.34;
 }
 
 double planned_cost(const layer& l) {  // method 2
-  const double taps = l.kernel * l.kernel;
   if (l.depthwise)
-    return l.stride == 1
-               ? 2.2e-5 * taps * l.pixels_out * l.in_channels + 9e-4 * l.in_channels * l.rows_out +
-                     2e-4 * l.pixels_in * l.in_channels + 0.06
-               : 1.9e-5 * taps * l.pixels_in * l.in_channels + 7e-3 * l.in_channels + 0.07;
-  const double outputs = static_cast<int64_t>(l.out_channels) % 6 == 0
-                             ? l.out_channels
-                             : rounded_up(l.out_channels, 4);
-  const double work = taps * rounded_up(l.pixels_out, 8) * l.in_channels * outputs;
-  const double moved =
-      (taps > 1 ? taps : 1) * l.pixels_in * l.in_channels + l.pixels_out * l.out_channels;
-  const double weights = taps * l.in_channels * l.out_channels;
-  return l.kernel == 1
-             ? 2.15e-5 * work + 5.3e-5 * moved + 4.4e-5 * weights + 0.12
-             : 2.35e-5 * work + 6e-5 * moved + 1.1e-4 * weights + 0.025 * l.in_channels + 0.4;
+    return (l.stride == 1 ? 3.9e-5 : 6.5e-5) * l.taps * l.pixels_out * l.in_channels +
+           3e-3 * l.in_channels + 0.14;
+  const bool pointwise = l.kernel == 1 && l.stride == 1;
+  if (pointwise && l.pixels_out <= 1) return 4.5e-5 * l.weights() + 2e-3 * l.in_channels + 0.1;
+  const double fours = rounded_up(l.out_channels, 4);
+  const bool sixes = static_cast<int64_t>(l.out_channels) % 6 == 0 && (pointwise || l.usual);
+  const double work =
+      l.taps * rounded_up(l.pixels_out, 8) * l.in_channels * (sixes ? l.out_channels : fours);
+  if (pointwise) return 1.85e-5 * work + 6.4e-5 * l.moved() + 2.4e-5 * l.weights() + 0.12;
+  if (l.usual)
+    return 2.1e-5 * work + 3.2e-5 * l.taps * l.pixels_in * l.in_channels +
+           5e-5 * l.pixels_out * l.out_channels + 6.8e-5 * l.weights() + 0.016 * l.in_channels +
+           0.4;
+  return 2.05e-5 * work + 1.2e-4 * l.taps * l.pixels_out * l.in_channels +
+         2e-4 * l.pixels_out * l.out_channels + 7e-3 * l.taps * l.in_channels * l.rows_out + 0.25;
 }
 
 // Methods 3 and 4; rows are gathered and the sums scattered on the way.
 double general_cost(const layer& l, bool blocked_input, bool blocked_output) {
-  const double taps = l.kernel * l.kernel;
   const double outputs = rounded_up(l.out_channels, 8);
-  const double moved = (blocked_input ? 1.1e-4 : 1.75e-4) * l.pixels_in * l.in_channels +
-                       (blocked_output ? 0 : 0.65e-4) * l.pixels_out * outputs;
-  if (l.depthwise) return 2.6e-5 * taps * l.pixels_out * outputs + moved + 0.02 * outputs / 8 + 0.1;
-  return 2.15e-5 * taps * l.pixels_out * l.in_channels * outputs + moved +
-         5.7e-5 * taps * l.in_channels * outputs + 0.25;
+  if (l.depthwise)
+    return 2.1e-5 * l.taps * l.pixels_out * outputs +
+           (blocked_input ? 1.7e-5 : 1.2e-4) * l.pixels_in * outputs +
+           (blocked_output ? 4.8e-5 : 1.65e-4) * l.pixels_out * outputs + 1.8e-3 * outputs + 0.09;
+  const double gathered = blocked_input ? (l.kernel == 1 ? 1.5e-5 : 7e-5) : 2e-4;
+  return 1.95e-5 * l.taps * l.pixels_out * l.in_channels * outputs +
+         gathered * l.pixels_in * l.in_channels +
+         (blocked_output ? 8.5e-5 : 1.85e-4) * l.pixels_out * outputs +
+         3.8e-5 * l.taps * l.in_channels * outputs + 6e-4 * outputs + 0.15;
 }
 
 // Bringing a tensor from one order of channels to the other.
@@ -166,9 +182,14 @@ class chooser {
     const zyn_check_shape &in = input_of(id), &out = checker_.shape(id);
     const double pixels_in = static_cast<double>(in.extent(0)) * static_cast<double>(in.extent(1));
     const double rows = static_cast<double>(out.extent(1));
+    const bool own = p.kernel_h == p.kernel_w && (p.kernel_h == 3 || p.kernel_h == 5) &&
+                     p.stride_h == p.stride_w && p.stride_h <= 2;
     const layer l = {p.groups != 1,
-                     p.kernel_h,
-                     p.stride_h,
+                     own && p.pad_h == p.kernel_h / 2 && p.pad_w == p.pad_h && p.dilation_h == 1 &&
+                         p.dilation_w == 1,
+                     p.kernel_h > p.kernel_w ? p.kernel_h : p.kernel_w,
+                     p.stride_h > p.stride_w ? p.stride_h : p.stride_w,
+                     static_cast<double>(p.kernel_h) * p.kernel_w,
                      static_cast<double>(p.in_channels),
                      static_cast<double>(p.out_channels),
                      pixels_in,
