@@ -12,8 +12,9 @@ namespace {
 // Above so many nodes every convolution is chosen by itself: the search looks at each change
 // with the whole network.
 constexpr int32_t kMostSearched = 512;
-constexpr int32_t kLastMethod = ZYN_METHOD_GENERAL_PLANAR;
-constexpr double kWorthIt = 0.999;  // a change that saves less is noise
+constexpr int32_t kMethods = ZYN_METHOD_GENERAL_PLANAR + 1;
+constexpr bool kOrders[] = {false, true};  // of channels: planar, blocked
+constexpr double kWorthIt = 0.999;         // a change that saves less is noise
 
 // A layer by what its microseconds are fitted to.
 struct layer {
@@ -140,9 +141,10 @@ class chooser {
       if (!blocked_.push(0)) return false;
       if (net_->methods[id] >= 0 && !convolutions_.push(id)) return false;
     }
-    if (!kept_.reserve(count) || !best_.reserve(count)) return false;
+    if (!kept_.reserve(count) || !best_.reserve(count) || !fill_tables() || !find_steps())
+      return false;
     double best = -1;
-    for (int32_t method = 0; method <= kLastMethod; method++) {
+    for (int32_t method = 0; method < kMethods; method++) {
       for (int64_t i = 0; i < convolutions_.count(); i++) set(convolutions_[i], method);
       double cost = total();
       if (count <= kMostSearched) cost = search(cost);
@@ -167,17 +169,34 @@ class chooser {
     return checker_.shape(zyn_darray_ids(reads)[0]);
   }
 
-  // Gives a convolution a method, or the one that takes its layer where that refuses it.
-  void set(int32_t id, int32_t method) {
+  // The method that a convolution gets where one is wanted: that, or the one that takes its layer
+  // where that refuses it.
+  int32_t method_for(int32_t id, int32_t wanted) const {
     const zyn_conv_param& p = record(id);
     const zyn_check_shape& in = input_of(id);
     const int32_t type = net_->nodes[id].type;
-    if (!zyn_check_method_computes(static_cast<uint32_t>(method), type, p, in))
-      method = zyn_check_method_computes(2, type, p, in) ? 2 : 0;
-    net_->methods[id] = method;
+    if (zyn_check_method_computes(static_cast<uint32_t>(wanted), type, p, in)) return wanted;
+    return zyn_check_method_computes(2, type, p, in) ? 2 : 0;
   }
 
-  double cost_of(int32_t id, bool blocked_input) const {
+  // What the search asks for again and again.
+  bool fill_tables() {
+    for (int32_t id = 0; id < net_->description.node_count; id++)
+      for (int32_t method = 0; method < kMethods; method++) {
+        const bool is_conv = net_->methods[id] >= 0;
+        const int32_t taken = is_conv ? method_for(id, method) : -1;
+        if (!taken_.push(taken)) return false;
+        for (const bool blocked : kOrders)
+          if (!costs_.push(is_conv ? cost_of(id, method, blocked) : 0)) return false;
+      }
+    return true;
+  }
+  void set(int32_t id, int32_t method) { net_->methods[id] = taken_[id * kMethods + method]; }
+  double node_cost(int32_t id, bool blocked_input) const {
+    return costs_[(id * kMethods + net_->methods[id]) * 2 + (blocked_input ? 1 : 0)];
+  }
+
+  double cost_of(int32_t id, int32_t method, bool blocked_input) const {
     const zyn_conv_param& p = record(id);
     const zyn_check_shape &in = input_of(id), &out = checker_.shape(id);
     const double pixels_in = static_cast<double>(in.extent(0)) * static_cast<double>(in.extent(1));
@@ -195,39 +214,66 @@ class chooser {
                      pixels_in,
                      static_cast<double>(out.extent(0)) * rows,
                      rows};
-    const int32_t method = net_->methods[id];
     return method == 0   ? planar_cost(l)
            : method == 1 ? blocked_cost(l)
            : method == 2 ? planned_cost(l)
                          : general_cost(l, blocked_input, method == ZYN_METHOD_GENERAL);
   }
 
-  // What the network takes under net->methods.
-  double total() {
-    double sum = 0;
+  // What total() has to know of the nodes in their order, and of what they read.
+  struct step {
+    int32_t id, first;  // the node, and the first that it reads
+    bool is_conv, keeps, has_order;
+    int64_t reads, read_count;
+  };
+  struct read {
+    int32_t from;
+    double conversion;
+  };
+
+  bool find_steps() {
     const zyn_cg_handle* graph = net_->graph;
     for (int32_t k = 0; k < graph->sorted_count; k++) {
       const int32_t id = graph->order[k];
-      const zyn_darray* reads = zyn_cg_inputs(graph, id);
-      if (!reads || reads->count == 0) continue;
-      const bool is_conv = net_->methods[id] >= 0;
-      const bool keeps = keeps_order(net_->nodes[id].type);
-      const int32_t first = zyn_darray_ids(reads)[0];
-      const int32_t method = net_->methods[id];
+      const zyn_darray* inputs = zyn_cg_inputs(graph, id);
+      if (!inputs || inputs->count == 0) continue;
+      step s = {id,
+                zyn_darray_ids(inputs)[0],
+                net_->methods[id] >= 0,
+                keeps_order(net_->nodes[id].type),
+                has_order(checker_.shape(id)),
+                reads_.count(),
+                0};
+      for (int64_t i = 0; i < inputs->count; i++) {
+        const int32_t from = zyn_darray_ids(inputs)[i];
+        if (checker_.is_constant(from) || !has_order(checker_.shape(from))) continue;
+        if (!reads_.push({from, conversion_cost(checker_.shape(from))})) return false;
+      }
+      s.read_count = reads_.count() - s.reads;
+      if (!steps_.push(s)) return false;
+    }
+    return true;
+  }
+
+  // What the network takes under net->methods.
+  double total() {
+    double sum = 0;
+    for (int64_t k = 0; k < steps_.count(); k++) {
+      const step& s = steps_[k];
+      const int32_t method = net_->methods[s.id];
       const bool any_order = method == ZYN_METHOD_GENERAL || method == ZYN_METHOD_GENERAL_PLANAR;
-      const bool wants_blocked = is_conv ? method == 1 : keeps && blocked_[first];
+      const bool wants_blocked = s.is_conv ? method == 1 : s.keeps && blocked_[s.first];
       const bool writes_blocked = method == ZYN_METHOD_GENERAL || wants_blocked;
       bool reads_blocked = wants_blocked;
-      for (int64_t i = 0; i < reads->count; i++) {
-        const int32_t from = zyn_darray_ids(reads)[i];
-        if (checker_.is_constant(from) || !has_order(checker_.shape(from))) continue;
+      for (int64_t i = s.reads; i < s.reads + s.read_count; i++) {
+        const bool is_blocked = blocked_[reads_[i].from] != 0;
         if (any_order)
-          reads_blocked = blocked_[from] != 0;
-        else if ((blocked_[from] != 0) != wants_blocked)
-          sum += conversion_cost(checker_.shape(from));
+          reads_blocked = is_blocked;
+        else if (is_blocked != wants_blocked)
+          sum += reads_[i].conversion;
       }
-      blocked_[id] = writes_blocked && has_order(checker_.shape(id)) ? 1 : 0;
-      if (is_conv) sum += cost_of(id, reads_blocked);
+      blocked_[s.id] = writes_blocked && s.has_order ? 1 : 0;
+      if (s.is_conv) sum += node_cost(s.id, reads_blocked);
     }
     for (int32_t i = 0; i < net_->description.output_count; i++) {
       const int32_t id = net_->description.outputs[i].node;
@@ -242,8 +288,8 @@ class chooser {
       changed = false;
       for (int64_t length = 1; length <= convolutions_.count(); length *= 2)
         for (int64_t first = 0; first + length <= convolutions_.count(); first++)
-          for (int32_t method = 0; method <= kLastMethod; method++) {
-            const double tried = try_run(first, length, method);
+          for (int32_t method = 0; method < kMethods; method++) {
+            const double tried = try_run(first, length, method, cost);
             if (tried < kWorthIt * cost) {
               cost = tried;
               changed = true;
@@ -256,19 +302,27 @@ class chooser {
     return cost;
   }
 
-  double try_run(int64_t first, int64_t length, int32_t method) {
+  // What the network takes with another method for a run; cost: what it takes now.
+  double try_run(int64_t first, int64_t length, int32_t method, double cost) {
     kept_.cut(0);
+    bool changes = false;
     for (int64_t i = 0; i < length; i++) {
-      kept_.push(net_->methods[convolutions_[first + i]]);
-      set(convolutions_[first + i], method);
+      const int32_t id = convolutions_[first + i], before = net_->methods[id];
+      kept_.push(before);
+      set(id, method);
+      changes |= net_->methods[id] != before;
     }
-    return total();
+    return changes ? total() : cost;
   }
 
   zyn_net* net_;
   const zyn_checker& checker_;
   zyn_list<int32_t> convolutions_;  // ids
   zyn_list<uint8_t> blocked_;       // by id: whether the output is in blocked order
+  zyn_list<step> steps_;
+  zyn_list<read> reads_;
+  zyn_list<int32_t> taken_;  // by id and method
+  zyn_list<double> costs_;   // by id, method, order of the input
   zyn_list<int32_t> kept_, best_;
 };
 
