@@ -5,6 +5,7 @@
 #include <math.h>
 
 #include "cg/cpu/kernels/fixed/zyn_fpi_lanes.h"
+#include "matrix/zyn_math.h"
 
 namespace {
 
@@ -246,14 +247,23 @@ void zyn_fpi_hard_swish_any(int16_t* values, int64_t count, int32_t q) {
 }
 
 void zyn_fpi_sigmoid(int16_t* out, const int16_t* in, int32_t q_in, int64_t count) {
-  const double unit = ldexp(1.0, -q_in);
-  for (int64_t i = 0; i < count; i++) {
-    // Double precision: the rounding to 15 bits is then right for every input. e^-x is
-    // finite for every 16-bit x.
-    const double y = ldexp(1.0 / (1.0 + exp(-in[i] * unit)), kSigmoidBits);
-    const double rounded = floor(y + 0.5);
-    out[i] = static_cast<int16_t>(rounded < kMostWord ? rounded : kMostWord);
-  }
+  constexpr double kLog2E = 1.4426950408889634, kMostPower = 1000.0;
+  const __m256d unit = _mm256_set1_pd(ldexp(-kLog2E, -q_in)), one = _mm256_set1_pd(1.0);
+  const __m256d most = _mm256_set1_pd(kMostPower), least = _mm256_set1_pd(-kMostPower);
+  // Double precision: the rounding to 15 bits is then right for every input.
+  const auto quarter = [=](__m128i x) {
+    const __m256d power = _mm256_mul_pd(_mm256_cvtepi32_pd(x), unit);
+    const __m256d e = zyn_exp2_4(_mm256_max_pd(_mm256_min_pd(power, most), least));
+    const __m256d y = _mm256_div_pd(_mm256_set1_pd(1 << kSigmoidBits), _mm256_add_pd(one, e));
+    return _mm256_cvttpd_epi32(_mm256_add_pd(y, _mm256_set1_pd(0.5)));
+  };
+  const auto half = [=](__m256i x) {
+    const __m256i y = _mm256_set_m128i(quarter(_mm256_extracti128_si256(x, 1)),
+                                       quarter(_mm256_castsi256_si128(x)));
+    return _mm256_min_epi32(y, _mm256_set1_epi32(kMostWord));
+  };
+  zyn_fpi_map(out, in, count,
+              [=](__m256i x) { return pack(half(low_half(x)), half(high_half(x))); });
 }
 
 void zyn_fpi_rescale(int16_t* out, int32_t q_out, const int16_t* in, int32_t q_in, int64_t count) {
