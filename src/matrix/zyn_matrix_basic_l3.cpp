@@ -25,7 +25,7 @@ bool is_large(const zyn_matrix* a, const zyn_matrix* b) {
 
 // Rows of a up to which reading transposed rows of b where they lie, three rows of a at a time,
 // takes less than packing them.
-constexpr int32_t kDirectRows = 12;
+constexpr int32_t kDirectRows = 9;
 
 template <typename T>
 int32_t multiply(zyn_matrix* c, const zyn_matrix* a, const zyn_matrix* b, bool transpose_b,
