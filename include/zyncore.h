@@ -441,7 +441,9 @@ ZYN_API int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph);
 /* Runs every node once, in order; the network's inputs are read from the tensors of
  * its data nodes. 0; 1: null graph, a graph that was not sorted (silent); else the code
  * of the first node that fails, after printing "failed to inference: %d!!!": 1 at the
- * first operator that the latest preparation did not make ready. */
+ * first operator that the latest preparation did not make ready. Values and constants
+ * below the normal range (1.2e-38) count as 0, here and while preparing; the caller's
+ * floating-point state comes back in any case. */
 ZYN_API int32_t zyn_computation_graph_inference(zyn_cg_handle* graph);
 
 /* The output tensor of a node: the graph's, valid until it is released or prepared

@@ -9,6 +9,7 @@
 #include "cg/cpu/zyn_cg_names.h"
 #include "cg/cpu/zyn_cg_records.h"
 #include "cg/cpu/zyn_cg_support.h"
+#include "simd/zyn_flush.h"
 
 namespace {
 
@@ -365,6 +366,7 @@ int32_t zyn_bind_operator_onto_computation_graph(zyn_cg_handle* graph, int32_t n
 
 int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph) {
   if (!graph) return zyn_fail_null(kPrepareArgs, "the graph");
+  const zyn_flush_denormals flush;
   outdate_nodes(graph);
   for (int32_t k = 0; k < zyn_cg_node_count(graph); k++) {
     // Nodes that no sort has seen are unbound.
@@ -392,6 +394,7 @@ int32_t zyn_computation_graph_inference(zyn_cg_handle* graph) {
   if (!graph) return zyn_fail_null(kInferenceArgs, "the graph");
   if (zyn_cg_node_count(graph) > 0 && !graph->order)
     return zyn_refuse(ZYN_RET_ERR_PARA, "the graph has not been sorted");
+  const zyn_flush_denormals flush;
   for (int32_t k = 0; k < graph->sorted_count; k++) {
     const int32_t id = graph->order[k];
     if (!zyn_cg_record(graph, id) || !graph->run[id]) continue;
