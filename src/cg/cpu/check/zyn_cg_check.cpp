@@ -6,6 +6,7 @@
 
 #include "cg/cpu/check/zyn_check.h"
 #include "cg/cpu/zyn_cg_names.h"
+#include "simd/zyn_flush.h"
 
 namespace {
 
@@ -362,6 +363,7 @@ bool zyn_cg_explain_node(const zyn_cg_handle* graph, int32_t node, bool is_run) 
 int32_t zyn_cg_check(const zyn_cg_handle* graph, zyn_cg_report** report) {
   if (report) *report = nullptr;
   if (!graph || !report) return zyn_refuse(ZYN_RET_ERR_PARA, "the graph or the report is null");
+  const zyn_flush_denormals flush;  // as preparation reads records
   zyn_checker checker(graph);
   if (checker.run()) *report = checker.report();
   if (*report) return ZYN_RET_OK;
