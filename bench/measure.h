@@ -115,29 +115,84 @@ struct Peak {
 
 // ------------------------------------------------------------------- layers
 
+// Along x and along y.
+struct Pair {
+  int x = 1, y = 1;
+  bool operator==(const Pair& o) const { return x == o.x && y == o.y; }
+  bool operator!=(const Pair& o) const { return !(*this == o); }
+  std::string str() const { return std::to_string(x) + (x == y ? "" : "x" + std::to_string(y)); }
+};
+
+// "3", or "1x7": 1 across, 7 down.
+inline std::istream& operator>>(std::istream& s, Pair& p) {
+  std::string word;
+  s >> word;
+  int used = 0, used_both = 0;
+  const int found = sscanf(word.c_str(), "%d%nx%d%n", &p.x, &used, &p.y, &used_both);
+  if (found == 1) p.y = p.x;
+  if (found < 1 || size_t(found == 1 ? used : used_both) != word.size()) s.setstate(s.failbit);
+  return s;
+}
+
 struct Layer {
-  int in_c, out_c, in_w, in_h, k, stride, pad, groups;
+  int in_c = 0, out_c = 0, in_w = 0, in_h = 0;
+  Pair k, stride, pad;
+  int groups = 1;
+  Pair dilation;
   std::string name;
   int count = 1;
-  int out_w() const { return (in_w + 2 * pad - k) / stride + 1; }
-  int out_h() const { return (in_h + 2 * pad - k) / stride + 1; }
-  int k_len() const { return in_c / groups * k * k; }
+  // Input pixels between the first and the last that an output reads, both counted.
+  Pair extent() const { return {(k.x - 1) * dilation.x + 1, (k.y - 1) * dilation.y + 1}; }
+  int out_w() const { return (in_w + 2 * pad.x - extent().x) / stride.x + 1; }
+  int out_h() const { return (in_h + 2 * pad.y - extent().y) / stride.y + 1; }
+  int k_len() const { return in_c / groups * k.x * k.y; }
   bool depthwise() const { return groups > 1 && groups == in_c && groups == out_c; }
+  bool valid() const {
+    return in_c > 0 && out_c > 0 && in_w > 0 && in_h > 0 && groups > 0 && in_c % groups == 0 &&
+           out_c % groups == 0 && std::min({k.x, k.y, stride.x, stride.y}) > 0 &&
+           std::min({dilation.x, dilation.y}) > 0 && std::min(pad.x, pad.y) >= 0 &&
+           in_w + 2 * pad.x >= extent().x && in_h + 2 * pad.y >= extent().y;
+  }
+  bool same_shape(const Layer& o) const { return line() == o.line(); }
   double flop() const { return 2.0 * out_w() * out_h() * out_c * k_len(); }
   size_t in_size() const { return size_t(in_c) * in_w * in_h; }
   size_t out_size() const { return size_t(out_c) * out_w() * out_h(); }
   size_t w_size() const { return size_t(out_c) * k_len(); }
+  // As a layer file has it, without the name.
+  std::string line() const {
+    char b[160];
+    snprintf(b, sizeof b, "%d %d %d %d %s %s %s %d", in_c, out_c, in_w, in_h, k.str().c_str(),
+             stride.str().c_str(), pad.str().c_str(), groups);
+    return b + (dilation == Pair{} ? "" : " d" + dilation.str());
+  }
+  // For people: padding where it is not the one that keeps the extents at stride 1.
   std::string str() const {
-    char b[128];
-    snprintf(b, sizeof b, "%d>%d %dx%d k%d s%d%s", in_c, out_c, in_w, in_h, k, stride,
-             depthwise()  ? " dw"
-             : groups > 1 ? " grp"
-                          : "");
-    return b;
+    char b[160];
+    snprintf(b, sizeof b, "%d>%d %dx%d k%s s%s", in_c, out_c, in_w, in_h, k.str().c_str(),
+             stride.str().c_str());
+    std::string label = b;
+    if (dilation != Pair{}) label += " d" + dilation.str();
+    if (pad != Pair{extent().x / 2, extent().y / 2}) label += " p" + pad.str();
+    return label + (depthwise() ? " dw" : groups > 1 ? " grp" : "");
   }
 };
 
-// Lines: in_c out_c in_w in_h k stride pad groups [name...]; '#' starts a comment.
+// in_c out_c in_w in_h k stride pad groups [dN], pairs as above.
+inline std::istream& operator>>(std::istream& s, Layer& l) {
+  s >> l.in_c >> l.out_c >> l.in_w >> l.in_h >> l.k >> l.stride >> l.pad >> l.groups;
+  l.dilation = {};
+  l.name.clear();
+  std::string word;
+  if (s && !s.eof() && (s >> std::ws).good() && s.peek() == 'd') s >> word;
+  if (word.find_first_not_of("0123456789x", 1) != word.npos || word.size() == 1)
+    l.name = word;
+  else if (!word.empty())
+    std::istringstream(word.substr(1)) >> l.dilation;
+  if (!l.valid()) s.setstate(s.failbit);
+  return s;
+}
+
+// Lines: in_c out_c in_w in_h k stride pad groups [dN] [name...]; '#' starts a comment.
 // Equal layers are merged and counted, unless their order matters.
 inline std::vector<Layer> read_layers(const std::string& path, bool merge = true) {
   std::ifstream f(path);
@@ -149,26 +204,51 @@ inline std::vector<Layer> read_layers(const std::string& path, bool merge = true
   std::string line;
   for (int no = 1; std::getline(f, line); no++) {
     line = line.substr(0, line.find('#'));
+    if (line.find_first_not_of(" \t\r") == line.npos) continue;
     std::istringstream s(line);
     Layer l;
-    if (!(s >> l.in_c)) continue;
-    if (!(s >> l.out_c >> l.in_w >> l.in_h >> l.k >> l.stride >> l.pad >> l.groups) || l.in_c < 1 ||
-        l.out_c < 1 || l.k < 1 || l.stride < 1 || l.pad < 0 || l.groups < 1 || l.in_c % l.groups ||
-        l.out_c % l.groups || l.in_w + 2 * l.pad < l.k || l.in_h + 2 * l.pad < l.k) {
+    if (!(s >> l)) {
       fprintf(stderr, "%s:%d: bad layer line\n", path.c_str(), no);
       exit(2);
     }
-    s >> l.name;
+    if (l.name.empty()) s >> l.name;
     bool seen = false;
     for (Layer& o : v)
-      if (merge && o.in_c == l.in_c && o.out_c == l.out_c && o.in_w == l.in_w && o.in_h == l.in_h &&
-          o.k == l.k && o.stride == l.stride && o.pad == l.pad && o.groups == l.groups) {
+      if (merge && o.same_shape(l)) {
         o.count++;
         seen = true;
       }
     if (!seen) v.push_back(l);
   }
   return v;
+}
+
+// What every layer of a network reads: layer from[i], or where that is negative input
+// -1 - from[i]. It is the latest layer that puts out its input shape, else an input of that
+// shape. Input j is the one that layer inputs[j] was the first to need: behind pooling and
+// joins, which lists leave out.
+struct Wiring {
+  std::vector<int> from;
+  std::vector<size_t> inputs;
+};
+
+inline Wiring wire(const std::vector<Layer>& layers) {
+  Wiring w;
+  for (size_t i = 0; i < layers.size(); i++) {
+    const Layer& l = layers[i];
+    const int none = -1 - static_cast<int>(w.inputs.size());
+    int from = none;
+    for (size_t j = 0; j < w.inputs.size(); j++) {
+      const Layer& o = layers[w.inputs[j]];
+      if (o.in_c == l.in_c && o.in_w == l.in_w && o.in_h == l.in_h) from = -1 - static_cast<int>(j);
+    }
+    for (size_t j = 0; j < i; j++)
+      if (layers[j].out_c == l.in_c && layers[j].out_w() == l.in_w && layers[j].out_h() == l.in_h)
+        from = static_cast<int>(j);
+    if (from == none) w.inputs.push_back(i);
+    w.from.push_back(from);
+  }
+  return w;
 }
 
 // -------------------------------------------------------------- fixed point
@@ -196,6 +276,9 @@ inline float test_value(uint32_t i, uint32_t s) {
   x ^= x >> 13;
   return static_cast<float>(x & 0xffffu) / 65536.0f - 0.5f;
 }
+
+// What the operators take: wide enough for every branch of the activations.
+inline float operand(uint32_t i, uint32_t s) { return 8 * test_value(i, s); }
 
 enum Stream : uint32_t { kInput = 1, kWeights = 2, kBias = 3, kMatA = 4, kMatB = 5, kPixels = 6 };
 

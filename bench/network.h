@@ -1,7 +1,7 @@
 // Graphs of convolutions through the exported functions. A Network is made from a list of
 // layers: every layer is a fused convolution with bias and ReLU (type 12) on the latest
-// layer whose output has its input shape, so that heads branch off. Weights are seeded,
-// scaled to keep the values' size from layer to layer.
+// layer whose output has its input shape, so that heads branch off, or on an input of its own
+// (peers::wire). Weights are seeded, scaled to keep the values' size from layer to layer.
 #pragma once
 
 #include <cmath>
@@ -49,7 +49,7 @@ inline void make_blocked(zyn_tensor* t) {
   zyn_set_tensor_channel_layout(t, ZYN_LAYOUT_BLOCKED);
 }
 
-// A convolution of a graph: from is the index of the node that it reads, -1 the input.
+// A convolution of a graph: from is the index of the node that it reads, -1 - j input j.
 struct Node {
   int from;
   int32_t type;
@@ -57,8 +57,9 @@ struct Node {
   zyn_tensor* constant;
 };
 
-// An input and convolutions behind it. Input and constants stay the caller's and outlive
-// the graph. The input has id 0, node i the id 2 i + 2, its constant the one before.
+// Inputs and convolutions behind them. Inputs and constants stay the caller's and outlive
+// the graph. Input 0 has id 0, node i the id 2 i + 2, its constant the one before; further
+// inputs follow behind the nodes.
 class Graph {
  public:
   Graph() = default;
@@ -68,11 +69,16 @@ class Graph {
     if (graph_) zyn_release_computation_graph_handle(&graph_);
   }
   // Whether the graph could be made and prepared; in fixed point with the fraction bits q of
-  // the input and of every node, kNetworkFractionBits where there are none.
+  // the inputs and of every node, kNetworkFractionBits where there are none.
   bool create(zyn_tensor* input, const std::vector<Node>& nodes, uint32_t method,
               const std::vector<uint32_t>& q = {}) {
+    return create(std::vector<zyn_tensor*>{input}, nodes, method, q);
+  }
+  bool create(const std::vector<zyn_tensor*>& inputs, const std::vector<Node>& nodes,
+              uint32_t method, const std::vector<uint32_t>& q = {}) {
+    node_count_ = nodes.size();
     zyn_cg_create_param settings = {};
-    settings.max_nodes = static_cast<int32_t>(2 * nodes.size() + 1);
+    settings.max_nodes = static_cast<int32_t>(2 * nodes.size() + inputs.size());
     settings.thread_count = 1;
     settings.fixed_point = method == kFixedPoint;
     graph_ = zyn_create_computation_graph_handle(&settings);
@@ -84,8 +90,9 @@ class Graph {
       if (zyn_add_one_edge_into_computation_graph(graph_, id(nodes[i].from), id(i)) ||
           zyn_add_one_edge_into_computation_graph(graph_, id(i) - 1, id(i)))
         return false;
-    if (zyn_computation_graph_topo_sort(graph_) || !bind(0, ZYN_OP_INPUT, input, nullptr))
-      return false;
+    if (zyn_computation_graph_topo_sort(graph_)) return false;
+    for (size_t j = 0; j < inputs.size(); j++)
+      if (!bind(id(-1 - static_cast<int>(j)), ZYN_OP_INPUT, inputs[j], nullptr)) return false;
     for (size_t i = 0; i < nodes.size(); i++)
       if (!bind(id(i) - 1, ZYN_OP_CONSTANT, nodes[i].constant, nullptr) ||
           !bind(id(i), nodes[i].type, nullptr, &nodes[i].param))
@@ -99,14 +106,17 @@ class Graph {
 
  private:
   template <class Index>
-  static int32_t id(Index node) {
-    return 2 * static_cast<int32_t>(node) + 2;
+  int32_t id(Index node) const {
+    const auto i = static_cast<int32_t>(node);
+    return i >= -1 ? 2 * i + 2 : 2 * static_cast<int32_t>(node_count_) - 1 - i;
   }
   // The list becomes the graph's own. Constants need none.
   bool give_fraction_bits(int32_t count, const std::vector<uint32_t>& q) {
     auto* list = static_cast<uint32_t*>(zyn_malloc(count * int64_t{sizeof(uint32_t)}));
     for (int32_t i = 0; list && i < count; i++) list[i] = kNetworkFractionBits;
     for (size_t i = 0; list && i < q.size(); i++) list[2 * i] = q[i];
+    for (auto i = static_cast<int32_t>(2 * q.size()) - 1; list && !q.empty() && i < count; i++)
+      list[i] = q[0];
     return list && zyn_cg_set_ptr_q_list(graph_, list) == ZYN_RET_OK;
   }
   bool bind(int32_t node, int32_t type, zyn_tensor* data, const void* param) {
@@ -117,13 +127,14 @@ class Graph {
   }
 
   zyn_cg_handle* graph_ = nullptr;
+  size_t node_count_ = 0;
 };
 
 class Network {
  public:
   // scaled: for whole networks; else weights are the test values as they are. A single
   // layer under method 1 gets its input in channel blocks, as within a network. words: what
-  // the constants hold instead, one behind the other. q: fraction bits of the input and of
+  // the constants hold instead, one behind the other. q: fraction bits of the inputs and of
   // every layer.
   Network(const std::vector<peers::Layer>& layers, uint32_t method, bool scaled,
           const float* words = nullptr, const std::vector<uint32_t>& q = {})
@@ -131,19 +142,22 @@ class Network {
     const bool single = layers.size() == 1;
     if (q_.empty())
       q_.assign(layers.size() + 1, single ? peers::kLayerFractionBits : kNetworkFractionBits);
-    const peers::Layer& first = layers.front();
-    add_tensor({first.in_w, first.in_h, first.in_c}, peers::kInput, 0, 1);
-    if (method == 1 && single) make_blocked(tensors_[0]->t);
-    if (method == kFixedPoint) make_fixed_point();
+    const peers::Wiring wiring = peers::wire(layers);
+    for (size_t reader : wiring.inputs) {
+      const peers::Layer& l = layers[reader];
+      add_tensor({l.in_w, l.in_h, l.in_c}, peers::kInput, 0, 1);
+      if (method == 1 && single) make_blocked(tensors_.back()->t);
+      if (method == kFixedPoint) make_fixed_point(tensors_.back());
+      inputs_.push_back(tensors_.back()->t);
+    }
     for (size_t i = 0; i < layers.size(); i++) {
-      nodes_.push_back(node(layers[i], source(layers, i), scaled));
-      if (nodes_.back().from < -1) return;
+      nodes_.push_back(node(layers[i], wiring.from[i], scaled));
       if (!words) continue;
       const Tensor& constant = *tensors_.back();
       std::copy(words, words + constant.t->count, constant.data());
       words += constant.t->count;
     }
-    ok_ = graph_.create(tensors_[0]->t, nodes_, method, q_);
+    ok_ = graph_.create(inputs_, nodes_, method, q_);
   }
 
   bool ok() const { return ok_; }
@@ -157,29 +171,17 @@ class Network {
     const auto* data = static_cast<const float*>(t->data);
     return data[t->layout == ZYN_LAYOUT_BLOCKED ? blocked_index(t, i) : i];
   }
-  zyn_tensor* input() const { return tensors_[0]->t; }
+  zyn_tensor* input() const { return inputs_[0]; }
+  const std::vector<zyn_tensor*>& inputs() const { return inputs_; }
   const std::vector<Node>& nodes() const { return nodes_; }
   const Graph& graph() const { return graph_; }
 
-  // Whether every layer has something to read.
+  // Whether every layer but those of the one input reads another.
   static bool connected(const std::vector<peers::Layer>& layers) {
-    for (size_t i = 0; i < layers.size(); i++)
-      if (source(layers, i) < -1) return false;
-    return !layers.empty();
+    return peers::wire(layers).inputs.size() == 1;
   }
 
  private:
-  // The layer that layer i reads: the latest with its input shape; -1 for the input, -2 if
-  // there is none.
-  static int source(const std::vector<peers::Layer>& layers, size_t i) {
-    const peers::Layer& l = layers[i];
-    for (size_t j = i; j-- > 0;)
-      if (layers[j].out_c == l.in_c && layers[j].out_w() == l.in_w && layers[j].out_h() == l.in_h)
-        return static_cast<int>(j);
-    const peers::Layer& f = layers[0];
-    return f.in_c == l.in_c && f.in_w == l.in_w && f.in_h == l.in_h ? -1 : -2;
-  }
-
   float* add_tensor(const std::vector<int32_t>& dims, uint32_t stream, size_t skip, float scale) {
     tensors_.emplace_back(new Tensor(dims));
     const auto count = static_cast<size_t>(tensors_.back()->t->count) - skip;
@@ -188,14 +190,14 @@ class Network {
     return tensors_.back()->data() + count;
   }
 
-  void make_fixed_point() {
-    const zyn_tensor& from = *tensors_[0]->t;
+  void make_fixed_point(std::unique_ptr<Tensor>& tensor) {
+    const zyn_tensor& from = *tensor->t;
     std::unique_ptr<Tensor> words(
         new Tensor({from.dims[0], from.dims[1], from.dims[2]}, ZYN_TYPE_FPI16));
     for (int64_t i = 0; i < from.count; i++)
-      static_cast<int16_t*>(words->t->data)[i] = static_cast<int16_t>(
-          std::lrint(std::ldexp(tensors_[0]->data()[i], static_cast<int>(q_[0]))));
-    tensors_[0] = std::move(words);
+      static_cast<int16_t*>(words->t->data)[i] =
+          static_cast<int16_t>(std::lrint(std::ldexp(tensor->data()[i], static_cast<int>(q_[0]))));
+    tensor = std::move(words);
   }
 
   Node node(const peers::Layer& l, int from, bool scaled) {
@@ -207,10 +209,14 @@ class Network {
     zyn_conv_param p = {};
     p.in_channels = l.in_c;
     p.out_channels = l.out_c;
-    p.kernel_h = p.kernel_w = l.k;
-    p.stride_h = p.stride_w = l.stride;
-    p.pad_h = p.pad_w = l.pad;
-    p.dilation_h = p.dilation_w = 1;
+    p.kernel_h = l.k.x;  // _h is along x
+    p.kernel_w = l.k.y;
+    p.stride_h = l.stride.x;
+    p.stride_w = l.stride.y;
+    p.pad_h = l.pad.x;
+    p.pad_w = l.pad.y;
+    p.dilation_h = l.dilation.x;
+    p.dilation_w = l.dilation.y;
     p.groups = l.groups;
     p.bias = 1;
     p.word14.activation = ZYN_ACT_RELU;
@@ -219,6 +225,7 @@ class Network {
 
   // The graph refers to the tensors, so it goes first.
   std::vector<std::unique_ptr<Tensor>> tensors_;
+  std::vector<zyn_tensor*> inputs_;
   std::vector<Node> nodes_;
   Graph graph_;
   std::vector<uint32_t> q_;

@@ -1,11 +1,26 @@
 #!/usr/bin/env python3
-"""Makes one table of ratios from the raw outputs of bench/run.sh."""
+"""Makes one table of ratios from the raw outputs of bench/run.sh: table.py FOLDER NETWORK...
+
+All rows go to FOLDER/table.md; printed are, of the layers, those that miss their bar.
+"""
+import glob
+import math
 import re
 import sys
 
 out = sys.argv[1]
 WINOGRAD = "wino"
 missed = 0
+table = ["| work | ours us | % peak | peer us | times as fast | to reach | |", "|---|---|---|---|---|---|---|"]
+rows_auto = []  # (family, ratio, work) against the best planar peer
+rows_blocked = []  # against oneDNN's free layout
+rows_fixed = []  # fixed point against method 0
+
+# To reach: every row and the geometric mean; of the automatic choice, and in channel blocks.
+AUTO, AUTO_PEAK, AUTO_MEAN = 1.0, 95, 1.3
+BLOCKED, BLOCKED_MEAN = 0.97, 1.1
+# Whole networks, automatic, over the sum of oneDNN's free layers.
+WHOLE = {"ssd320": 0.95, "pfld112": 0.85}
 
 
 def read(name):
@@ -21,18 +36,22 @@ def verdict(ok):
     return "ok" if ok else "MISSED"
 
 
-def row(work, ours, peer, name, goal, peak="", wrong=False):
-    """How much faster ours is than the peer; goal 0: no bar."""
+def us(value):
+    return f"{value:.1f}" if value >= 10 else f"{value:.3f}"
+
+
+def row(work, ours, peer, name, goal, peak="", wrong=False, enough=False):
+    """How much faster ours is than the peer; goal 0: no bar; enough: met in another way."""
     ratio = peer / ours
-    end = f"{goal:.2f} | {verdict(ratio >= goal and not wrong)}" if goal else "- | "
-    print(f"| {work} | {ours:.1f} | {peak} | {peer:.1f} {name} | {ratio:.2f} | {end} |")
+    end = f"{goal:.2f} | {verdict((ratio >= goal or enough) and not wrong)}" if goal else "- | "
+    table.append(f"| {work} | {us(ours)} | {peak} | {us(peer)} {name} | {ratio:.2f} | {end} |")
 
 
 def limit(work, ours, other, name, most, wrong=False):
     """How much longer ours takes than the other."""
     ratio = ours / other
-    print(f"| {work} | {ours:.1f} | | {other:.1f} {name} | takes {ratio:.2f} x | at most {most} | "
-          f"{verdict(ratio <= most and not wrong)} |")
+    table.append(f"| {work} | {us(ours)} | | {us(other)} {name} | takes {ratio:.2f} x | at most {most} | "
+                 f"{verdict(ratio <= most and not wrong)} |")
 
 
 def layers(name):
@@ -47,75 +66,121 @@ def layers(name):
     return rows
 
 
+def family(label):
+    m = re.match(r"(\d+)>\d+ \d+x\d+ k(\S+) s\S+( d\d\S*)?(?: p\S+)?( dw)?", label)
+    if m[3]:
+        return "dilated"
+    if m[4]:
+        return "depthwise"
+    if int(m[1]) <= 4:
+        return "first layers"
+    return {"1": "pointwise", "3": "dense 3x3"}.get(m[2], "other kernels")
+
+
 def bars(label):
-    """Kind of layer; planned: the ratio and the share of the FMA peak to reach; blocked:
-    the ratio to reach."""
-    m = re.match(r"(\d+)>(\d+) (\d+)x(\d+) k(\d+) s(\d+)( dw)?", label)
+    """Of the planned method: kind of layer, the ratio and the share of the FMA peak to reach."""
+    m = re.match(r"(\d+)>(\d+) (\d+)x(\d+) k(\d+) s(\d+)(?: p\d+)?( dw)?", label)
     ic, oc, w, h, k, s = (int(m[i]) for i in range(1, 7))
     if m[7]:
-        return "depthwise", 1.5 if s == 1 else 1.3, 0, 0.95 if k == 3 else 0
-    blocked = 0.9 if k in (1, 3) and ic >= 32 and oc >= 32 else 0
+        return "depthwise", 1.5 if s == 1 else 1.3, 0
     if k == 1:
         if oc <= 12:
-            return "head", 1.4, 0, 0
-        return "pointwise", 1.4 if w * h >= 80 * 60 else 1.1, 85 if ic >= 64 and oc >= 64 else 0, blocked
+            return "head", 1.4, 0
+        return "pointwise", 1.4 if w * h >= 80 * 60 else 1.1, 85 if ic >= 64 and oc >= 64 else 0
     if k == 3 and s == 1 and ic >= 32:
-        return "dense", 0.95, 0, blocked
+        return "dense", 0.95, 0
     if k == 3 and s == 2 and ic == 3:
-        return "first", 1.05, 0, 0
-    return "other", 0, 0, blocked
+        return "first", 1.05, 0
+    return "other", 0, 0
+
+
+def planned(label, count, ours, best, name):
+    kind, ratio, peak = bars(label)
+    goal = f"{ratio:.2f}" + (f", {peak} %" if peak else "") if ratio else "-"
+    ok = best / ours[1] >= ratio and ours[2] >= peak and "WRONG" not in ours[3]
+    table.append(f"| {label} x{count} ({kind}), method 2 | {us(ours[1])} | {ours[2]:.1f} | {us(best)} {name} | "
+                 f"{best / ours[1]:.2f} | {goal} | {verdict(ok) if ratio else ''} |")
+
+
+def layer(net, label, count, peers):
+    planar = [(v[1], n) for n, v in peers.items() if v[0] == "planar" and not n.startswith("subject")
+              and WINOGRAD not in v[3] and "WRONG" not in v[3]]
+    work = f"{net}: {label} x{count}"
+    kind = family(label)
+    if "subject-auto" in peers and planar:
+        ours = peers["subject-auto"]
+        best, name = min(planar)
+        row(f"{work} ({kind})", ours[1], best, name, AUTO, ours[2], "WRONG" in ours[3], ours[2] >= AUTO_PEAK)
+        rows_auto.append((kind, best / ours[1], work))
+        if net in WHOLE and "subject-m2" in peers:
+            planned(label, count, peers["subject-m2"], best, name)
+    blocked = [peers[n] for n in ("subject-m1", "subject-m4") if n in peers]
+    if blocked and "onednn-free" in peers:
+        ours = min(blocked, key=lambda v: v[1])
+        free = peers["onednn-free"][1]
+        row(f"{work} ({kind}), blocked", ours[1], free, "onednn-free", BLOCKED, ours[2], "WRONG" in ours[3])
+        rows_blocked.append((kind, free / ours[1], work))
+    if "subject-m0" not in peers:
+        return
+    plain = peers["subject-m0"][1]
+    for method in ("1", "2"):
+        ours = peers.get(f"subject-m{method}")
+        if ours and ours[1] > 1.05 * plain:
+            limit(f"{work}, method {method} over method 0", ours[1], plain, "method 0", 1.05, "WRONG" in ours[3])
+    if "subject-m3" in peers:
+        ours = peers["subject-m3"]
+        rows_fixed.append((kind, plain / ours[1], work))
+        if net in WHOLE and " k3 " in label:
+            limit(f"{work}, fixed point over method 0", ours[1], plain, "method 0", 1.0, "WRONG" in ours[3])
+
+
+def whole(net, free):
+    times = dict(re.findall(r"(opencv-dnn|subject-\w+) +min +([\d.]+) us", "\n".join(read(f"net-{net}"))))
+    times = {name: float(time) for name, time in times.items()}
+    if "opencv-dnn" not in times or "subject-auto" not in times:
+        return
+    opencv, ours = times["opencv-dnn"], times["subject-auto"]
+    limit(f"whole {net}, automatic, over oneDNN's free layers", ours, free, "onednn-free", WHOLE.get(net, 1.05))
+    row(f"whole {net}, automatic", ours, opencv, "opencv-dnn", 2.0)
+    if net not in WHOLE or "subject-m2" not in times:
+        return
+    large, ours = net == "ssd320", times["subject-m2"]
+    row(f"whole {net}, method 2", ours, opencv, "opencv-dnn", 2.1 if large else 1.5)
+    limit(f"whole {net}, method 2, over oneDNN's free layers", ours, free, "onednn-free", 1.15)
+    if not large:
+        return
+    row(f"whole {net}, method 1", times["subject-m1"], opencv, "opencv-dnn", 2.0)
+    for method, other, most in (("1", "2", 1.1), ("3", "0", 2), ("3", "2", 3.5)):
+        what = "fixed point" if method == "3" else f"method {method}"
+        limit(f"whole {net}, {what}, over method {other}", times[f"subject-m{method}"],
+              times[f"subject-m{other}"], f"method {other}", most)
+    limit(f"whole {net}, method 0", times["subject-m0"], opencv, "opencv-dnn", 3)
 
 
 def network(net):
-    blocked = []
-    fixed = []
     free = 0.0
     for label, count, peers in layers(f"conv-{net}"):
-        planar = [(v[1], n) for n, v in peers.items() if v[0] == "planar" and not n.startswith("subject")
-                  and WINOGRAD not in v[3]]
-        kind, ratio, peak, ratio_blocked = bars(label)
+        layer(net, label, count, peers)
         free += count * peers["onednn-free"][1]
-        if "subject-m1" in peers:
-            ours = peers["subject-m1"]
-            blocked.append((f"{label} x{count} ({kind}), blocked", ours[1], peers["onednn-free"][1], "onednn-free",
-                            ratio_blocked, ours[2], "WRONG" in ours[3]))
-        if "subject-m3" in peers and "subject-m0" in peers:
-            ours = peers["subject-m3"]
-            fixed.append((f"{label} x{count}, fixed point, over method 0", ours[1], peers["subject-m0"][1],
-                          "method 0", 1.0, "WRONG" in ours[3]))
-        if "subject-m2" not in peers or not planar:
-            continue
-        ours = peers["subject-m2"]
-        best, name = min(planar)
-        goal = f"{ratio:.2f}" + (f", {peak} %" if peak else "") if ratio else "-"
-        ok = best / ours[1] >= ratio and ours[2] >= peak and "WRONG" not in ours[3]
-        print(f"| {label} x{count} ({kind}) | {ours[1]:.1f} | {ours[2]:.1f} | {best:.1f} {name} | "
-              f"{best / ours[1]:.2f} | {goal} | {verdict(ok) if ratio else ''} |")
-    for values in blocked:
-        row(*values)
-    for values in fixed:
-        limit(*values)
-    times = dict(re.findall(r"(opencv-dnn|subject-m\d) +min +([\d.]+) us", "\n".join(read(f"net-{net}"))))
-    times = {name: float(us) for name, us in times.items()}
-    if "opencv-dnn" not in times or "subject-m2" not in times:
-        return
-    opencv, ours = times["opencv-dnn"], times["subject-m2"]
-    large = net == "ssd320"
-    row(f"whole {net}, method 2", ours, opencv, "opencv-dnn", 2.1 if large else 1.5)
-    limit(f"whole {net}, method 2, over oneDNN's free layers", ours, free, "onednn-free", 1.15)
-    if "subject-m1" in times:
-        row(f"whole {net}, method 1", times["subject-m1"], opencv, "opencv-dnn", 2.0 if large else 0)
-        if large:
-            limit(f"whole {net}, method 1, over method 2", times["subject-m1"], ours, "method 2", 1.1)
-    if "subject-m0" in times:
-        if large:
-            limit(f"whole {net}, method 0", times["subject-m0"], opencv, "opencv-dnn", 3)
+    whole(net, free)
+
+
+def operators():
+    found = {}
+    label = ""
+    for line in read("op"):
+        entry = re.match(r" +(\S+) +(planar|free) +min +([\d.]+) us +median +[\d.]+ us(.*)", line)
+        if entry:
+            found.setdefault(label, {}).setdefault(entry[1], (entry[2], float(entry[3]), "WRONG" in entry[4]))
         else:
-            row(f"whole {net}, method 0", times["subject-m0"], opencv, "opencv-dnn", 0)
-    if large and "subject-m3" in times and "subject-m0" in times:
-        for other, most in (("0", 2), ("2", 3.5)):
-            limit(f"whole {net}, fixed point, over method {other}", times["subject-m3"], times[f"subject-m{other}"],
-                  f"method {other}", most)
+            label = line
+    for label, peers in found.items():
+        planar = [(v[1], n) for n, v in peers.items() if v[0] == "planar" and n != "subject" and not v[2]]
+        if "subject" in peers and planar:
+            best, name = min(planar)
+            _, ours, wrong = peers["subject"]
+            row(label, ours, best, name, AUTO, "", wrong)
+            rows_auto.append(("ops", best / ours, label))
 
 
 def products():
@@ -130,8 +195,8 @@ def products():
     for ours, peer, name, goal in kinds:
         for n, found in sizes.items():
             if ours in found:
-                us, peak, wrong = found[ours]
-                row(f"{name} {n}", us, found[peer][0], "openblas", goal(n), peak, wrong)
+                time, peak, wrong = found[ours]
+                row(f"{name} {n}", time, found[peer][0], "openblas", goal(n), peak, wrong)
 
 
 # Operation, and what to reach: (peer, ratio); "best" is the fastest peer.
@@ -180,12 +245,41 @@ def steps():
             row(step, times["subject"][0], times["opencv"][0], "opencv", 4.0 if bar else 0, "", times["subject"][1])
 
 
-print("| work | ours us | % peak | peer us | times as fast | to reach | |")
-print("|---|---|---|---|---|---|---|")
-for section in (lambda: network("ssd320"), lambda: network("pfld112"), products, images, steps):
+def summary(title, rows, goal, every_family=False):
+    """Geometric mean by family, a layer that several networks have counted once; worst rows."""
+    if not rows:
+        return
+    distinct = {}
+    for kind, ratio, work in rows:
+        distinct.setdefault(work.split(": ")[-1].rsplit(" x", 1)[0], (kind, ratio))
+    print(f"\n| {title} | distinct rows | geometric mean | below 1 | to reach | |\n|---|---|---|---|---|---|")
+    kinds = list(dict.fromkeys(kind for kind, _ in distinct.values()))
+    for kind in kinds + ["all"]:
+        ratios = [r for k, r in distinct.values() if kind in (k, "all")]
+        mean = math.exp(sum(math.log(r) for r in ratios) / len(ratios))
+        end = f"{goal} | {verdict(mean >= goal)}" if every_family or kind == "all" else "- | "
+        print(f"| {kind} | {len(ratios)} | {mean:.2f} | {sum(r < 1 for r in ratios)} | {end} |")
+    worst = sorted((r, w) for _, r, w in rows)[:5]
+    print("\nWorst: " + "; ".join(f"{w} {r:.2f}" for r, w in worst) + ".")
+
+
+for name in sys.argv[2:]:
+    network(name)
+for section in (operators, products, images, steps):
     section()
-for name in ("conv-ssd320", "conv-pfld112", "sgemm"):
-    for line in read(name):
-        if line.startswith("AVX2 FMA peak"):
-            print(f"\n{name}: {line}")
-print(f"\n{missed} bars missed; raw outputs in {out}")
+with open(f"{out}/table.md", "w") as whole_table:
+    print("\n".join(table), file=whole_table)
+print("\n".join(line for line in table if line.endswith("MISSED |") or not re.match(r"\| \w+: ", line)))
+summary("automatic, planar, over the best planar peer", rows_auto, AUTO_MEAN)
+summary("in channel blocks, over oneDNN's free layout", rows_blocked, BLOCKED_MEAN)
+summary("fixed point over method 0", rows_fixed, 1.0, True)
+peaks = []
+for path in sorted(glob.glob(f"{out}/*.txt")):
+    name = path.split("/")[-1][:-4]
+    text = "\n".join(read(name))
+    peaks += [float(best) for best in re.findall(r"AVX2 FMA peak of this run: best ([\d.]+)", text)]
+    if "WRONG RESULT" in text:
+        print(f"\n{name}: wrong results")
+if peaks:
+    print(f"\nBest AVX2 FMA bursts of the runs: {min(peaks)} to {max(peaks)} GFLOP/s.")
+print(f"\n{missed} bars missed; all rows in {out}/table.md")

@@ -2,7 +2,8 @@
 include(CMakePackageConfigHelpers)
 install(TARGETS zyncore EXPORT zyncore-targets RUNTIME LIBRARY ARCHIVE)
 install(TARGETS zyncore_static EXPORT zyncore-targets ARCHIVE)
-install(FILES ${PROJECT_SOURCE_DIR}/include/zyncore.h ${PROJECT_SOURCE_DIR}/include/zyncore_net.h TYPE INCLUDE)
+install(FILES ${PROJECT_SOURCE_DIR}/include/zyncore.h ${PROJECT_SOURCE_DIR}/include/zyncore_net.h
+              ${PROJECT_SOURCE_DIR}/include/zyncore_face.h TYPE INCLUDE)
 install(EXPORT zyncore-targets NAMESPACE zyncore:: FILE zyncore-config.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zyncore)
 

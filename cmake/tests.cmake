@@ -57,10 +57,13 @@ add_test(NAME faces COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/t
          $<TARGET_FILE:detect_faces> $<TARGET_FILE:zyn-quant> ${CMAKE_CROSSCOMPILING_EMULATOR})
 # The examples that need no model run and say what they should.
 add_test(NAME examples COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_examples.sh
-         $<TARGET_FILE:landmarks> $<TARGET_FILE:track_faces> ${CMAKE_CROSSCOMPILING_EMULATOR})
+         $<TARGET_FILE:landmarks> $<TARGET_FILE:track_faces> $<TARGET_FILE:face_app> ${CMAKE_CROSSCOMPILING_EMULATOR})
 # The timer reports every node of both kinds of network.
 add_test(NAME zyn_bench COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_zyn_bench.sh
          $<TARGET_FILE:zyn-bench> ${PROJECT_SOURCE_DIR}/bench/layers ${CMAKE_CROSSCOMPILING_EMULATOR})
+# The tools on network files, beside numpy (passed over without it).
+add_test(NAME network_tools COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_network_tools.sh
+         $<TARGET_FILE_DIR:zyn-run> ${PROJECT_SOURCE_DIR} ${CMAKE_CROSSCOMPILING_EMULATOR})
 # The page's table of reports is that of the sources.
 add_test(NAME report_sites COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_report_sites.sh)
 # The Python package on the built library (native builds; sanitizers would have to be in the
@@ -70,9 +73,10 @@ if(NOT CMAKE_CROSSCOMPILING AND NOT CMAKE_CXX_FLAGS MATCHES "fsanitize|coverage"
   set_tests_properties(python PROPERTIES TIMEOUT 900
     ENVIRONMENT "ZYN_LIBRARY=$<TARGET_FILE:zyncore>;PYTHONPATH=${PROJECT_SOURCE_DIR}/python")
 endif()
-# What is installed serves a C and a C++ host (native builds; sanitizers would have to be
-# linked into the hosts too).
-if(NOT CMAKE_CROSSCOMPILING AND NOT CMAKE_CXX_FLAGS MATCHES "fsanitize|coverage")
+# What is installed serves a C and a C++ host (sanitizers would have to be linked into the hosts
+# too).
+if(NOT CMAKE_CXX_FLAGS MATCHES "fsanitize|coverage")
   add_test(NAME install COMMAND ${CMAKE_COMMAND} -E env bash ${PROJECT_SOURCE_DIR}/tests/check_install.sh
-           ${CMAKE_COMMAND} ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR} ${PROJECT_VERSION})
+           ${CMAKE_COMMAND} ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR} ${PROJECT_VERSION}
+           ${CMAKE_TOOLCHAIN_FILE} ${CMAKE_CROSSCOMPILING_EMULATOR})
 endif()

@@ -9,6 +9,7 @@
 #include <deque>
 #include <vector>
 
+#include "findings.h"
 #include "zyncore.h"
 
 class LandmarkNetwork {
@@ -55,7 +56,7 @@ class LandmarkNetwork {
   LandmarkNetwork(const LandmarkNetwork&) = delete;
   LandmarkNetwork& operator=(const LandmarkNetwork&) = delete;
 
-  // Edges, order, one binding per node, preparation: 0 or the first code that is not.
+  // Edges, order, one binding per node, a check, preparation: 0 or the first code that is not.
   int32_t build() {
     const zyn_cg_create_param settings = {static_cast<int32_t>(nodes_.size()), 1, {0, 0}, 0};
     graph_ = zyn_create_computation_graph_handle(&settings);
@@ -72,7 +73,8 @@ class LandmarkNetwork {
               graph_, static_cast<int32_t>(id), &desc, &nodes_[id].record))
         return code;
     }
-    return zyn_prepare_inference_computation(graph_);
+    return check_graph(graph_) ? zyn_prepare_inference_computation(graph_)
+                               : int32_t{ZYN_RET_ERR_PARA};
   }
 
   // Planar {112, 112, 3}: fill it before every run.

@@ -67,7 +67,7 @@ int main(int argc, char** argv) {
   const double start = zyn_get_current_system_time();
   if (!code) code = network.run();
   if (code) {
-    fprintf(stderr, "failed with code %d\n", static_cast<int>(code));
+    fprintf(stderr, "failed with code %d: %s\n", static_cast<int>(code), zyn_error_detail());
     zyn_release_matrix(&image);
     return 1;
   }

@@ -17,6 +17,8 @@
 #include <memory>
 #include <vector>
 
+#include "findings.h"
+
 namespace ssd320 {
 
 // ---- owners: every record has its release function
@@ -226,7 +228,10 @@ class Detector {
   // Replaces the weights by noise, scaled so that values neither vanish nor explode.
   void generate_weights(uint64_t seed);
   // Reads the weights; call it again after changing them.
-  bool prepare() { return zyn_prepare_inference_computation(graph_.get()) == ZYN_RET_OK; }
+  bool prepare() {
+    return check_graph(graph_.get()) &&
+           zyn_prepare_inference_computation(graph_.get()) == ZYN_RET_OK;
+  }
 
   // For a closer look: the graph, and the constant of element i of convolutions().
   zyn_cg_handle* graph() const { return graph_.get(); }

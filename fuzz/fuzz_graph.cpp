@@ -462,7 +462,7 @@ Shape Attack::output_of(const Node& node) const {
 }
 
 void Attack::expect_requests() {
-  double bytes = 16.0 * (4096 + highest_);
+  double bytes = 16.0 * (4096.0 + highest_);
   for (size_t pass = 0; pass < nodes_.size(); pass++)
     for (Node& node : nodes_)
       if (node.type < 0 || node.type > 2) node.shape = output_of(node);

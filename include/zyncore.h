@@ -254,9 +254,11 @@ ZYN_API int32_t zyn_tensor_convert_NHWG2NHWC(zyn_tensor* destination, const zyn_
 /* Softmax over each group of group_size consecutive floats; what follows the last
  * whole group is left alone. Same shape on both sides, in place allowed. The result
  * of a group does not depend on how many there are or where they lie; a group
- * without a finite element gives zeros, one with a NaN or +infinity gives NaN. 1
- * (silent): null tensor or data, group_size < 1, different shapes, no whole group,
- * elements narrower than 4 bytes. */
+ * without a finite element gives zeros, one with a NaN or +infinity gives NaN. The
+ * logarithm of a group's sum is added to its maximum before that is subtracted: where floats
+ * of the maximum's size lie further apart than the logarithm (from 2^24 on, about), the results
+ * do not sum to 1; equal elements of 1e8 give 1 each. 1 (silent): null tensor or data,
+ * group_size < 1, different shapes, no whole group, elements narrower than 4 bytes. */
 ZYN_API int32_t zyn_tensor_softmax(zyn_tensor* destination, const zyn_tensor* source,
                                    int32_t group_size);
 
@@ -439,7 +441,9 @@ ZYN_API int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph);
 /* Runs every node once, in order; the network's inputs are read from the tensors of
  * its data nodes. 0; 1: null graph, a graph that was not sorted (silent); else the code
  * of the first node that fails, after printing "failed to inference: %d!!!": 1 at the
- * first operator that the latest preparation did not make ready. */
+ * first operator that the latest preparation did not make ready. Values and constants
+ * below the normal range (1.2e-38) count as 0, here and while preparing; the caller's
+ * floating-point state comes back in any case. */
 ZYN_API int32_t zyn_computation_graph_inference(zyn_cg_handle* graph);
 
 /* The output tensor of a node: the graph's, valid until it is released or prepared
@@ -975,10 +979,10 @@ ZYN_API int32_t zyn_convert_rgba_to_rgb(uint8_t* destination, const uint8_t* sou
 /* Pads an image (format 0, 1 or 5) with black to height / width = ratio; the odd
  * pixel goes to the bottom or right. The four margins in pixels come back through
  * the pointers. The chroma planes of format 5 become 128 and take half the margins.
- * Returns a new image, release it with zyn_release_matrix. Null (silent, unless the
- * source's format is above 14) for a null pointer or null data, ratio <= 0 or NaN, a
- * source side outside 1 to 4096, a padded side beyond 31 bits, another format, or
- * without memory; the margins are then unchanged. */
+ * Returns a new image, release it with zyn_release_matrix. Null for a null pointer or null data,
+ * ratio <= 0 or NaN, a source side outside 1 to 4096, a padded side beyond 31 bits, or another
+ * format (silent, unless it is above 14), and without memory (reported, but for the pixels of
+ * format 5); the margins are then unchanged. */
 ZYN_API zyn_image* zyn_create_border_image(int32_t* top, int32_t* bottom, int32_t* left,
                                            int32_t* right, const zyn_image* source, float ratio);
 

@@ -29,14 +29,16 @@ extern "C" {
 /* Explanations                                                               */
 /* ------------------------------------------------------------------------ */
 
-/* Why the latest failing call of this thread failed: one line without a line end. Calls of
- * this header, and binding, preparing and running graphs, name what was expected and what was
- * found, and in graphs the node by id, name and operator:
+/* Why the latest failing call of this thread failed, be it of this header or of zyncore.h, silent
+ * or with a report: one line without a line end. It names what was expected and what was found,
+ * and in graphs the node by id, name and operator:
  *   node 3 'head.cls' CONV: constant holds 216 floats, 8 x 3 x 3 x 3 weights + 8 biases =
  *   224 are needed
- * Of the other calls of zyncore.h those that print a report leave its message here; their
- * silent failures leave the text as it is. Empty before the first failure. The text is the
- * thread's own, UTF-8, at most 511 bytes; calls that succeed leave it alone. */
+ * Where an operator refuses, that is what zyn_cg_check says of it (graphs of up to 4096 nodes).
+ * Calls without a code or a null to answer with (nothing is done) explain themselves too where
+ * a description says that they check; releasing null where that does nothing is no failure.
+ * Empty before the first failure. The text is the thread's own, UTF-8, at most 511 bytes; calls
+ * that succeed leave it alone, unless they went on without memory that they could not get. */
 ZYN_API const char* zyn_error_detail(void);
 
 /* Receives what the library would print: one call for every report or notice, text as it
@@ -335,7 +337,9 @@ enum {
 typedef struct zyn_net_node {
   const char* name;      /* "" where the file has none */
   int32_t type;          /* ZYN_OP_* */
-  const char* operation; /* the operator's name, "CONV" for ZYN_OP_CONV */
+  const char* operation; /* the operator's name: "CONV" for ZYN_OP_CONV; "JOIN", "WINDOW",
+                           "RESIZE", "REDUCE", "PERMUTE", "PAD", "SHUFFLE", "PART" for the
+                           records of the further operators */
   int32_t dim_count;     /* of the output; 0: none */
   int32_t dims[5];
   int32_t method;     /* convolutions: 0, 1, 2, or 3 and 4: kernels of any shape that write
@@ -387,6 +391,11 @@ typedef struct zyn_net_writer zyn_net_writer;
 /* An empty network. Null: no memory. Release it with zyn_net_writer_release. The calls
  * below copy what they are given; a call that fails leaves the writer as it was. */
 ZYN_API zyn_net_writer* zyn_net_writer_create(void);
+
+/* A writer that holds what a network file holds, to give it other methods (those that a loaded
+ * network runs with, say), fraction bits, or more nodes, and to write it anew. Sections that this
+ * version does not know are lost. Null: zyn_error_detail tells why. */
+ZYN_API zyn_net_writer* zyn_net_writer_load(const char* path);
 ZYN_API void zyn_net_writer_release(zyn_net_writer** writer);
 
 /* Every call that adds a node returns its id, counted from 0, or -1. */

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the library into a folder of its own, moves it, and builds C and C++ programs against
-# it as a host does: check_install.sh CMAKE BUILD_FOLDER SOURCE_FOLDER VERSION. All link the
-# shared library, one the static one as well; the programs of the README and of docs/networks.md
+# it as a host does: check_install.sh CMAKE BUILD_FOLDER SOURCE_FOLDER VERSION [TOOLCHAIN EMULATOR],
+# the last two for a cross build. All link the shared library, one the static one as well; the programs of the README and of docs/networks.md
 # are taken from their texts, and the latter reads a file that the Python writer made. The Python
 # package tests itself.
 set -euo pipefail
@@ -9,9 +9,13 @@ cmake=$1
 build=$2
 readme=$3/README.md
 version=$4
+toolchain=${5:-}
+emulator=${6:-}
+suffix=${toolchain:+.exe}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "$*"; exit 1; }
+runs() { $emulator "$work/out/$1$suffix" "${@:2}" | tr -d '\r'; } # program, arguments...
 quietly() { "$@" >"$work/said" 2>&1 || { cat "$work/said"; fail "failed: $*"; }; }
 
 mkdir "$work/host"
@@ -57,12 +61,14 @@ sed 's/float\* pixels = /&(float*)/' "$work/host/network.c" >"$work/host/network
 
 quietly "$cmake" --install "$build" --prefix "$work/prefix"
 mv "$work/prefix" "$work/moved"
-quietly "$cmake" -G Ninja -S "$work/host" -B "$work/out" -DCMAKE_PREFIX_PATH="$work/moved"
+quietly "$cmake" -G Ninja -S "$work/host" -B "$work/out" -DCMAKE_PREFIX_PATH="$work/moved" \
+  ${toolchain:+"-DCMAKE_TOOLCHAIN_FILE=$toolchain"}
 quietly "$cmake" --build "$work/out"
+if [ -n "$toolchain" ]; then cp "$work"/moved/bin/*.dll "$work/out"; fi # programs look beside themselves
 for program in host_c host_static host_cpp; do
-  "$work/out/$program" || fail "$program: code $?"
+  runs $program || fail "$program: code $?"
 done
-"$work/out/readme_c" >"$work/said"
+runs readme_c >"$work/said"
 grep -qx 'corner 9, middle 19' "$work/said" || fail "the README's program says: $(cat "$work/said")"
 
 if /usr/bin/python3 -c 'import numpy' 2>/dev/null; then
@@ -79,8 +85,18 @@ net.metadata("origin", "a test")
 net.write(sys.argv[1])
 END_OF_WRITER
   for program in network_c network_cpp; do
-    [ "$("$work/out/$program" "$work/ones.zyn")" = 2.5 ] || fail "$program: not 2.5"
+    [ "$(runs $program "$work/ones.zyn")" = 2.5 ] || fail "$program: not 2.5"
   done
+fi
+! runs network_c "$readme" >"$work/said" || fail "a README is taken for a network"
+grep -q 'this is no network file' "$work/said" || fail "not explained: $(cat "$work/said")"
+for page in README.md LICENSE architecture.md; do
+  [ -s "$work/moved/share/doc/zyncore/$page" ] || fail "no $page"
+done
+for tool in bench info quant run; do quietly $emulator "$work/moved/bin/zyn-$tool$suffix" --help; done
+if [ -n "$toolchain" ]; then exit 0; fi
+
+if /usr/bin/python3 -c 'import numpy' 2>/dev/null; then
   # The installed Python package finds the library around it; so does one that pip put there.
   packages=$work/moved/lib/python3/dist-packages
   selftest() { quietly env -u ZYN_LIBRARY PYTHONPATH="$packages" /usr/bin/python3 -B -m zyncore.selftest; }
@@ -96,8 +112,6 @@ END_OF_WRITER
 else
   echo "no numpy: Python is passed over"
 fi
-! "$work/out/network_c" "$readme" >"$work/said" || fail "a README is taken for a network"
-grep -q 'this is no network file' "$work/said" || fail "not explained: $(cat "$work/said")"
 
 if command -v pkg-config >/dev/null; then
   pc=$(find "$work/moved" -name zyncore.pc)
@@ -107,7 +121,3 @@ if command -v pkg-config >/dev/null; then
     "-Wl,-rpath,$(pkg-config --variable=libdir zyncore)"
   "$work/host_pc" || fail "host_pc: code $?"
 fi
-quietly "$work/moved/bin/zyn-quant" --help
-for page in README.md LICENSE architecture.md; do
-  [ -s "$work/moved/share/doc/zyncore/$page" ] || fail "no $page"
-done

@@ -3,6 +3,7 @@
 #include <stddef.h>
 
 #include "zyncore.h"
+#include "zyncore_face.h"
 #include "zyncore_net.h"
 
 #define HOLDS(name, condition) typedef char name[(condition) ? 1 : -1]

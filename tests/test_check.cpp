@@ -170,6 +170,30 @@ TEST(Check, TextsOfMistakesInEdgesAndBindings) {
                                          "zyn_bind_operator_onto_computation_graph for it"}));
 }
 
+TEST(Check, TextsOfAMissingDataEdgeAndASecondBinding) {
+  Net net;
+  const int node = net.op(ZYN_OP_CONV, conv(4, 5, 3), {net.constant(Array({185}, 1))});
+  ASSERT_EQ(net.make(), 0);
+  const std::string missing =
+      "node 1 CONV: it has no input: the edge from the node that it reads is missing";
+  EXPECT_EQ(findings(net.graph()), Texts({"error " + missing}));
+  EXPECT_EQ(net.prepare(), 1);
+  EXPECT_EQ(zyn_error_detail(), missing);  // preparation says the same
+  Net nothing;                             // a constant whose descriptor holds no tensor
+  nothing.op(ZYN_OP_BATCH_NORM, zyn_bn_param{0, 0},
+             {nothing.input(Array({2, 2, 2})), nothing.tensor(ZYN_OP_CONSTANT, nullptr)});
+  ASSERT_EQ(nothing.make(), 0);
+  EXPECT_EQ(nothing.prepare(), 1);
+  EXPECT_STREQ(zyn_error_detail(), "node 1 CONSTANT: its descriptor's data is no tensor");
+  zyn_cg_set_node_name(net.graph(), node, "stem");
+  const zyn_cg_node_desc desc = {ZYN_OP_RELU, nullptr, 0, nullptr, 0};
+  printed([&] {
+    EXPECT_EQ(zyn_bind_operator_onto_computation_graph(net.graph(), node, &desc, nullptr), 1);
+  });
+  EXPECT_STREQ(zyn_error_detail(),
+               "node 1 'stem' CONV: it has been bound before: bind every node once");
+}
+
 TEST(Check, TextsOfSharedInputsAndPooling) {
   Net net;
   const int in = net.input(Array({8, 6, 4}, 1));
@@ -191,4 +215,17 @@ TEST(Check, TextsOfFixedPoint) {
   EXPECT_EQ(large.check(),
             Texts({"error node 2 'head.cls' CONV: fraction bits: input 8 + weights 15 - output 30 "
                    "= -7, 0 to 31 is needed; give the output at most 23"}));
+
+  Net floats(1);
+  const int32_t dims[3] = {8, 6, 4};
+  const int in = floats.tensor(ZYN_OP_INPUT, zyn_create_tensor(3, dims, ZYN_TYPE_F32));
+  floats.op(ZYN_OP_RELU, {in});
+  ASSERT_EQ(floats.make(), 0);
+  floats.q_list(8);
+  const std::string float_input =
+      "node 0 INPUT: its tensor has element type 6, a fixed-point graph reads 16-bit values (type "
+      "3)";
+  EXPECT_EQ(findings(floats.graph())[0], "error " + float_input);
+  EXPECT_EQ(floats.prepare(), 1);
+  EXPECT_EQ(zyn_error_detail(), float_input);
 }

@@ -323,8 +323,8 @@ TEST(Joins, RefusalsAreSaidInPreparationAndInTheCheck) {
     Net net;
     const int a = net.input(Array(c.a)), b = net.input(Array(c.b));
     net.op(ZYN_OP_AFFINE, zyn_join_param{c.operation, 0}, {a, b});
-    EXPECT_EQ(explained(net), "1 node 2 AFFINE: the extents of its operands do not fit each other");
-    EXPECT_EQ(checked(net), std::string("node 2 AFFINE: ") + c.text);
+    EXPECT_EQ(explained(net), std::string("1 node 2 JOIN: ") + c.text);
+    EXPECT_EQ(checked(net), std::string("node 2 JOIN: ") + c.text);
   }
   // More elements than numbers hold: only preparation finds no memory.
   Net net;

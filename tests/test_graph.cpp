@@ -1,5 +1,7 @@
 // The graph engine: handle, edges, order, binding, and the loops that drive the
 // operators, seen through a fake operator that logs its calls.
+#include <immintrin.h>
+
 #include <vector>
 
 #include "cg/cpu/zyn_cg.h"
@@ -39,7 +41,11 @@ int32_t log_call(char step, int32_t node) {
   return call == failing.step_and_node ? failing.code : 0;
 }
 int32_t node_of(const void* record) { return static_cast<const FakeRecord*>(record)->node; }
-int32_t fake_run(void* record) { return log_call('r', node_of(record)); }
+uint32_t state_of_runs;  // of the floating-point unit
+int32_t fake_run(void* record) {
+  state_of_runs = _mm_getcsr();
+  return log_call('r', node_of(record));
+}
 int32_t fake_bind(zyn_cg_handle* graph, int32_t node, const void* param) {
   if (const int32_t code = log_call('b', node)) return code;
   auto* record = static_cast<FakeRecord*>(zyn_malloc(sizeof(FakeRecord)));
@@ -328,6 +334,23 @@ TEST(GraphDriver, EveryStepFollowsTheOrderUpToAFailure) {
     calls.clear();
   }
   EXPECT_EQ(calls, "x0 x1 x2 ");  // release goes by id
+}
+
+TEST(GraphDriver, RunsFlushDenormalsAndGiveTheCallersStateBack) {
+  Graph graph({{0, 1}});
+  graph.ready();
+  const uint32_t usual = _mm_getcsr(), upwards = usual | 0x4000;
+  EXPECT_EQ(graph.prepare(), 0);
+  for (uint32_t state : {usual, upwards, usual | 0x8000})
+    for (const char* at : {"", "r0"}) {
+      failing = {at, 7};
+      _mm_setcsr(state);
+      EXPECT_EQ(printed([&] { graph.run(); }).empty(), *at == 0);
+      const uint32_t left = _mm_getcsr();
+      _mm_setcsr(usual);
+      EXPECT_EQ(left, state);
+      EXPECT_EQ(state_of_runs, state | 0x8040);
+    }
 }
 
 // A release routine that fails ends the loop: the records after it are left.

@@ -16,51 +16,12 @@
 #include "net/zyn_net_file.h"
 #include "support/capture.h"
 #include "support/ledger.h"
+#include "support/network_files.h"
 #include "zyncore_net.h"
 
 using namespace zyn_test;
 
 namespace {
-
-struct ReleaseNet {
-  void operator()(zyn_net* net) const { zyn_net_release(&net); }
-  void operator()(zyn_net_writer* writer) const { zyn_net_writer_release(&writer); }
-};
-using Network = std::unique_ptr<zyn_net, ReleaseNet>;
-using Writer = std::unique_ptr<zyn_net_writer, ReleaseNet>;
-using Bytes = std::vector<uint8_t>;
-
-zyn_net_port port(const char* name, std::vector<int> dims = {}, int node = 0) {
-  zyn_net_port p = {};
-  p.name = name;
-  p.node = node;
-  p.dim_count = static_cast<int>(dims.size());
-  for (size_t i = 0; i < dims.size(); i++) p.dims[i] = dims[i];
-  for (float& scale : p.scale) scale = 1.0f;
-  p.leading = 1;
-  return p;
-}
-
-Bytes bytes_of(const zyn_net_writer* writer) {
-  void* data = nullptr;
-  int64_t size = 0;
-  EXPECT_EQ(zyn_net_write_memory(writer, &data, &size), 0) << zyn_error_detail();
-  Bytes bytes(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
-  zyn_free(data);
-  return bytes;
-}
-
-Network load(const Bytes& bytes, zyn_net_options options = ZYN_NET_DEFAULTS) {
-  return Network(zyn_net_load_memory(bytes.data(), static_cast<int64_t>(bytes.size()), &options));
-}
-
-int add_constant(zyn_net_writer* writer, std::vector<float> values, const char* name = "w") {
-  zyn_tensor tensor = {};
-  const auto count = static_cast<int32_t>(values.size());
-  zyn_set_tensor_header(&tensor, 1, &count, ZYN_TYPE_F32);
-  zyn_set_tensor_data(&tensor, values.data(), 4 * int64_t{count});
-  return zyn_net_writer_constant(writer, name, &tensor);
-}
 
 // image {6, 5, 2} > conv 3 x 3 to 4 channels > {y, and y beside the image}.
 Bytes small_file(std::function<void(zyn_net_writer*)> more = {}) {
@@ -108,44 +69,6 @@ size_t section_at(const Bytes& bytes, uint32_t id) {
 std::string refusal(const Bytes& bytes) {
   EXPECT_EQ(load(bytes), nullptr);
   return zyn_error_detail();
-}
-
-// The detector of examples/ssd320.h with generated weights, as a file.
-Bytes ssd320_file(const ssd320::Detector& detector) {
-  Writer writer(zyn_net_writer_create());
-  const zyn_net_port in = port("image", {ssd320::kWidth, ssd320::kHeight, 3});
-  std::vector<int> ids = {zyn_net_writer_input(writer.get(), &in)};
-  const std::vector<ssd320::Convolution> list = ssd320::convolutions();
-  for (size_t i = 0; i < list.size(); i++) {
-    const ssd320::Convolution& c = list[i];
-    const bool bn = c.type == ZYN_OP_CONV_BN;
-    zyn_conv_param p = {};
-    p.in_channels = static_cast<int>(c.in_channels);
-    p.out_channels = static_cast<int>(c.out_channels);
-    p.kernel_h = p.kernel_w = static_cast<int>(c.kernel);
-    p.stride_h = p.stride_w = static_cast<int>(c.stride);
-    p.pad_h = p.pad_w = p.kernel_h / 2;
-    p.dilation_h = p.dilation_w = 1;
-    p.groups = static_cast<int>(c.groups);
-    p.bias = bn ? 0 : 1;
-    if (bn)
-      p.word14.epsilon = 1e-5f;
-    else
-      p.word14.activation = c.type == ZYN_OP_CONV_ACT ? ZYN_ACT_RELU : 0;
-    p.activation = bn ? ZYN_ACT_RELU : 0;
-    const int from[] = {ids[static_cast<size_t>(c.from)],
-                        zyn_net_writer_constant(writer.get(), "", detector.constant(i))};
-    ids.push_back(zyn_net_writer_node(writer.get(), "", c.type, &p, from, 2));
-  }
-  for (size_t i = 0; i < 4; i++) {
-    const std::string number = std::to_string(i);
-    const std::string scores = "scores" + number, locations = "locations" + number;
-    const zyn_net_port a = port(scores.c_str(), {}, ids[ssd320::kScoreHeads[i]]);
-    const zyn_net_port b = port(locations.c_str(), {}, ids[ssd320::kLocationHeads[i]]);
-    zyn_net_writer_output(writer.get(), &a);
-    zyn_net_writer_output(writer.get(), &b);
-  }
-  return bytes_of(writer.get());
 }
 
 }  // namespace
@@ -315,6 +238,38 @@ TEST(Network, DamagedAndForeignFilesAreRefusedWithAReason) {
             "112 are needed (and 1 more)");
   EXPECT_EQ(zyn_net_load("no/such/file.zyn", nullptr), nullptr);
   EXPECT_STREQ(zyn_error_detail(), "'no/such/file.zyn' cannot be opened");
+}
+
+TEST(Network, AWriterTakesAFileUpAndChangesIt) {
+  Bytes file = small_file([](zyn_net_writer* writer) { zyn_net_writer_q(writer, 2, 7); });
+  const std::string path = ::testing::TempDir() + "zyncore_writer.zyn";
+  FILE* out = fopen(path.c_str(), "wb");
+  ASSERT_TRUE(out);
+  fwrite(file.data(), 1, file.size(), out);
+  fclose(out);
+  const Writer writer(zyn_net_writer_load(path.c_str()));
+  remove(path.c_str());
+  ASSERT_TRUE(writer) << zyn_error_detail();
+  EXPECT_EQ(bytes_of(writer.get()), file);
+  EXPECT_EQ(zyn_net_writer_method(writer.get(), 2, 1), 0);
+  EXPECT_NE(zyn_net_writer_metadata(writer.get(), "origin", "another"), 0);
+  // Behind what the file holds: the channels' sums.
+  std::vector<float> ones(6, 1.0f);
+  const zyn_conv_param sum = {6, 1, 1, 1, 1, 1, 0, 0, {0, 0}, 1, 1, 1, 0, {0}, 0};
+  const int from[] = {3, add_constant(writer.get(), ones)};
+  const zyn_net_port s =
+      port("s", {}, zyn_net_writer_node(writer.get(), "s", ZYN_OP_CONV, &sum, from, 2));
+  EXPECT_EQ(zyn_net_writer_output(writer.get(), &s), 0);
+  const Network net = load(bytes_of(writer.get()));
+  ASSERT_TRUE(net) << zyn_error_detail();
+  ASSERT_EQ(zyn_net_run(net.get()), 0);
+  const auto* joined = static_cast<const float*>(zyn_net_output(net.get(), "joined")->data);
+  float expected = 0;
+  for (int c = 0; c < 6; c++) expected += joined[30 * c];
+  EXPECT_EQ(static_cast<const float*>(zyn_net_output(net.get(), "s")->data)[0], expected);
+  EXPECT_EQ(zyn_net_describe(net.get())->nodes[2].method, 1);
+  EXPECT_EQ(zyn_net_writer_load(path.c_str()), nullptr);
+  EXPECT_EQ(zyn_error_detail(), "'" + path + "' cannot be opened");
 }
 
 TEST(Network, EveryByteOfAFileMayBeAnything) {

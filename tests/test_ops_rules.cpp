@@ -130,7 +130,7 @@ TEST(Ops, ActivationsAtTheirEnds) {
     for (size_t i = 0; i < in.v.size(); i++) {
       const double got = net.output(x).v[i], e = expected.v[i];
       EXPECT_TRUE(std::isnan(e) ? std::isnan(got)
-                                : got == e || std::fabs(got - e) <= 1e-6 * std::fabs(e) + 2e-43)
+                                : got == e || std::fabs(got - e) <= 1e-6 * std::fabs(e) + 1.2e-38)
           << type << " of " << in.v[i] << ": " << got << ", not " << e;
     }
   }

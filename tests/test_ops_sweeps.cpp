@@ -33,6 +33,37 @@ INSTANTIATE_TEST_SUITE_P(Conv, EveryType, ::testing::ValuesIn(kConvTypes),
 INSTANTIATE_TEST_SUITE_P(Ops, EveryType, ::testing::ValuesIn(kOperatorTypes),
                          [](const auto& info) { return "Type" + std::to_string(info.param); });
 
+// Constants of which 60 % lie below the normal range, and the same with zeros instead.
+TEST(Ops, DenormalConstantsAreZeros) {
+  std::vector<int> types(std::begin(kConvTypes), std::end(kConvTypes));
+  types.insert(types.end(), std::begin(kOperatorTypes), std::end(kOperatorTypes));
+  int differ = 0;
+  for (uint64_t seed = 0; seed < 20; seed++)
+    for (int type : types) {
+      Model with(seed), without(seed);
+      const bool conv = std::count(std::begin(kConvTypes), std::end(kConvTypes), type) > 0;
+      for (Model* model : {&with, &without})
+        model->method(conv ? static_cast<uint32_t>(seed % 3) : 2);
+      if (with.add(type) < 0 || without.add(type) < 0) continue;
+      for (Model* model : {&with, &without}) {
+        Random random(seed + 1);
+        for (int id = 0; id < model->size(); id++) {
+          if (!model->net.is_constant(id)) continue;
+          Array values = model->net.output(id);
+          for (double& v : values.v)
+            if (random.integer(0, 4) < 3) v = model == &with ? 1e-39 : 0;
+          model->net.fill(id, values);
+        }
+        ASSERT_EQ(model->net.go(), 0);
+      }
+      const int last = with.size() - 1;
+      const Array got = with.net.output(last), expected = without.net.output(last);
+      EXPECT_TRUE(agrees(got, expected, 0)) << "type " << type << " seed " << seed;
+      differ++;
+    }
+  EXPECT_GT(differ, 200);
+}
+
 TEST(Ops, RandomGraphsAgreeWithTheirReference) {
   for (uint64_t seed = 0; seed < 600; seed++) {
     SCOPED_TRACE("seed " + std::to_string(seed));

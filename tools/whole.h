@@ -1,20 +1,22 @@
 // The networks that the tools know, with what a tool needs to look into them: the ssd320
-// detector of the examples, and layer lists (see bench/README.md).
+// detector of the examples, layer lists (see bench/README.md), and network files.
 #pragma once
 
 #include "../bench/network.h"
 #include "../examples/ssd320.h"
+#include "net.h"
 
 namespace tools {
 
 // A network under one method. Node i of the list is the convolution whose output
-// output(i) gives; its id is first_id + i * id_step.
+// output(i) gives; its id is first_id + i * id_step. A network file has no list.
 struct Whole {
   std::vector<bench::Node> nodes;
   zyn_tensor* input = nullptr;
   std::function<bool()> run;
   std::function<zyn_tensor*(size_t)> output;
   int first_id = 0, id_step = 1;
+  std::shared_ptr<zyn_net> net;  // of a file
 
   int id(size_t node) const { return first_id + static_cast<int>(node) * id_step; }
   // Words of all constants, one behind the other: what a model file holds.
@@ -82,6 +84,14 @@ inline bool make_listed(const std::vector<peers::Layer>& layers, const Making& m
   whole->output = [network](size_t i) { return network->graph().output(i); };
   whole->first_id = whole->id_step = 2;
   return true;
+}
+
+// method is one of a network's options. False: zyn_error_detail tells why.
+inline bool make_file(const std::string& path, int32_t method, Whole* whole) {
+  whole->net = load(path, method, false, false);
+  const auto net = whole->net;
+  whole->run = [net] { return zyn_net_run(net.get()) == ZYN_RET_OK; };
+  return net != nullptr;
 }
 
 // The detector where there are no layers.

@@ -20,7 +20,8 @@ namespace {
 using tools::Whole;
 
 constexpr char kHelp[] =
-    "usage: zyn-bench ssd320|LAYERFILE [--methods 2,1,0] [--rounds 15] [--ms 2] [--json]\n"
+    "usage: zyn-bench ssd320|LAYERFILE|FILE.zyn [--methods 2,1,0] [--rounds 15] [--ms 2] [--json]\n"
+    "                 [--store OUT.zyn]\n"
     "\n"
     "Times the ssd320 face detector (generated weights: they do not change the time), or the\n"
     "network of a layer list: lines \"in_c out_c width height kernel stride padding groups\",\n"
@@ -38,11 +39,16 @@ constexpr char kHelp[] =
     "of the best burst of 256-bit fused multiply-adds between the rounds; ratio: to the first\n"
     "method's time. One thread; pin it to a core (taskset -c 1) and compare ratios, not times,\n"
     "on a shared machine.\n"
-    "--json prints one JSON object instead of the table.\n";
+    "--json prints one JSON object instead of the table.\n"
+    "\n"
+    "Of a network file (.zyn) the whole network is timed, by default with --methods auto,2,1,0;\n"
+    "auto is the file's own choice or that of the table of costs, timed the fastest of some runs\n"
+    "while loading. --store writes the file anew with the methods of the fastest: automatic\n"
+    "loading takes them from then on. In JSON the methods auto and timed are -1 and -2.\n";
 
 struct Options {
-  std::string file;  // of layers; empty: ssd320
-  std::vector<uint32_t> methods;
+  std::string layers, network, store;  // files; neither layers nor network: ssd320
+  std::vector<int32_t> methods;
   int rounds;
   double ms;
   bool json;
@@ -50,7 +56,7 @@ struct Options {
 
 // One method's graphs and times; the last entry of times is the whole network.
 struct Method {
-  uint32_t number;
+  int32_t number;
   Whole whole;
   std::vector<std::unique_ptr<bench::Graph>> single;
   std::vector<peers::Samples> times;
@@ -63,10 +69,15 @@ bool same(const zyn_tensor* a, const zyn_tensor* b) {
 
 // The whole graph, then every node alone. False, with a note, when a graph cannot be made
 // or a lone node gives something else.
-bool make_method(const std::vector<peers::Layer>& layers, Method* m) {
+bool make_method(const Options& options, const std::vector<peers::Layer>& layers, Method* m) {
   Whole& whole = m->whole;
-  if (!tools::make_whole(layers, {m->number, nullptr, {}}, &whole) || !whole.run()) {
-    fprintf(stderr, "method %u: the network cannot be run\n", m->number);
+  const auto number = static_cast<uint32_t>(m->number);
+  const bool made = options.network.empty()
+                        ? tools::make_whole(layers, {number, nullptr, {}}, &whole)
+                        : tools::make_file(options.network, m->number, &whole);
+  if (!made || !whole.run()) {
+    fprintf(stderr, "method %s: the network cannot be run: %s\n",
+            tools::method_name(m->number).c_str(), zyn_error_detail());
     return false;
   }
   for (size_t i = 0; i < whole.nodes.size(); i++) {
@@ -76,9 +87,9 @@ bool make_method(const std::vector<peers::Layer>& layers, Method* m) {
     node.from = -1;
     m->single.emplace_back(new bench::Graph);
     bench::Graph& graph = *m->single.back();
-    if (!graph.create(input, {node}, m->number) || !graph.run() ||
+    if (!graph.create(input, {node}, number) || !graph.run() ||
         !same(graph.output(0), whole.output(i))) {
-      fprintf(stderr, "method %u, node %zu: not the whole network's result\n", m->number, i);
+      fprintf(stderr, "method %u, node %zu: not the whole network's result\n", number, i);
       return false;
     }
   }
@@ -138,8 +149,9 @@ std::vector<Row> rows(const Whole& whole) {
   return all;
 }
 
-double total(const std::vector<Row>& list) {
+double total(const std::vector<Row>& list, const Whole& whole) {
   double flop = 0;
+  if (whole.net) flop = 2.0 * static_cast<double>(zyn_net_describe(whole.net.get())->multiply_adds);
   for (const Row& row : list) flop += row.flop;
   return flop;
 }
@@ -154,8 +166,8 @@ void print_table(FILE* out, const std::vector<Row>& list, const std::vector<Meth
                  double peak) {
   fprintf(out, "%4s  %-20s %-12s %8s", "node", "type", "output", "MFLOP");
   for (const Method& m : methods)
-    fprintf(out, " | method %u: us      med  GFLOP/s %%peak%s", m.number,
-            &m == &methods[0] ? "" : "  ratio");
+    fprintf(out, " | method %s: us      med  GFLOP/s %%peak%s",
+            tools::method_name(m.number).c_str(), &m == &methods[0] ? "" : "  ratio");
   fprintf(out, "\n");
   const auto columns = [&](size_t i, double flop) {
     for (const Method& m : methods) {
@@ -173,11 +185,12 @@ void print_table(FILE* out, const std::vector<Row>& list, const std::vector<Meth
             list[i].flop / 1e6);
     columns(i, list[i].flop);
   }
-  fprintf(out, "%4s  %-33s %8.2f", "", "whole network", total(list) / 1e6);
-  columns(list.size(), total(list));
+  fprintf(out, "%4s  %-33s %8.2f", "", "whole network", total(list, methods[0].whole) / 1e6);
+  columns(list.size(), total(list, methods[0].whole));
   for (const Method& m : methods)
-    fprintf(out, "method %u: the sum of the nodes is %.1f us, %.1f %% of the whole\n", m.number,
-            sum_of_nodes(m) / 1e3, 100 * sum_of_nodes(m) / m.times.back().min());
+    if (!list.empty())
+      fprintf(out, "method %d: the sum of the nodes is %.1f us, %.1f %% of the whole\n", m.number,
+              sum_of_nodes(m) / 1e3, 100 * sum_of_nodes(m) / m.times.back().min());
   fprintf(out, "FMA peak of this run: %.1f GFLOP/s\n", peak);
 }
 
@@ -188,7 +201,7 @@ void print_json(FILE* out, const std::vector<Row>& list, const std::vector<Metho
     for (const Method& m : methods) {
       const double ns = m.times[i].min();
       fprintf(out,
-              "%s{\"method\":%u,\"min_us\":%.3f,\"median_us\":%.3f,\"gflops\":%.3f,"
+              "%s{\"method\":%d,\"min_us\":%.3f,\"median_us\":%.3f,\"gflops\":%.3f,"
               "\"percent_of_peak\":%.2f,\"ratio\":%.4f}",
               &m == &methods[0] ? "" : ",", m.number, ns / 1e3, m.times[i].median() / 1e3,
               flop / ns, 100 * flop / ns / peak, ns / methods[0].times[i].min());
@@ -202,19 +215,39 @@ void print_json(FILE* out, const std::vector<Row>& list, const std::vector<Metho
             list[i].shape[2], list[i].flop / 1e6);
     times(i, list[i].flop);
   }
-  fprintf(out, "],\n\"whole\":{\"mflop\":%.4f,", total(list) / 1e6);
-  times(list.size(), total(list));
+  fprintf(out, "],\n\"whole\":{\"mflop\":%.4f,", total(list, methods[0].whole) / 1e6);
+  times(list.size(), total(list, methods[0].whole));
   fprintf(out, "}\n");
 }
 
-bool parse_methods(const char* text, std::vector<uint32_t>* methods) {
-  methods->clear();
-  for (; *text >= '0' && *text <= '2'; text++) {
-    methods->push_back(static_cast<uint32_t>(*text - '0'));
-    if (text[1] == '\0') return true;
-    if (*++text != ',') return false;
+// A list of methods, auto and timed among them where the network is a file.
+bool parse_methods(const std::string& text, bool is_file, std::vector<int32_t>* methods) {
+  for (size_t from = 0; from <= text.size();) {
+    const size_t comma = std::min(text.find(',', from), text.size());
+    int32_t method = 0;
+    if (!tools::parse_method(text.substr(from, comma - from), &method)) return false;
+    if (method < 0 && !is_file) return false;
+    methods->push_back(method);
+    from = comma + 1;
   }
-  return false;
+  return true;
+}
+
+// The file with the methods of the fastest network.
+bool store(const Options& options, const std::vector<Method>& methods) {
+  const auto faster = [](const Method& a, const Method& b) {
+    return a.times.back().min() < b.times.back().min();
+  };
+  const Method& best = *std::min_element(methods.begin(), methods.end(), faster);
+  const zyn_net_description* const d = zyn_net_describe(best.whole.net.get());
+  const tools::Writer writer(zyn_net_writer_load(options.network.c_str()));
+  bool done = writer != nullptr;
+  for (int32_t id = 0; done && id < d->node_count; id++)
+    done = d->nodes[id].method < 0 ||
+           zyn_net_writer_method(writer.get(), id, d->nodes[id].method) == ZYN_RET_OK;
+  done = done && zyn_net_write(writer.get(), options.store.c_str()) == ZYN_RET_OK;
+  if (!done) fprintf(stderr, "%s: %s\n", options.store.c_str(), zyn_error_detail());
+  return done;
 }
 
 Options parse(int argc, char** argv) {
@@ -222,13 +255,23 @@ Options parse(int argc, char** argv) {
     fputs(kHelp, stdout);
     exit(0);
   }
-  const cli::Line line(argc, argv, kHelp,
-                       {{"methods", "2,1,0"}, {"rounds", "15"}, {"ms", "2"}, {"json", nullptr}}, 1);
+  const cli::Line line(
+      argc, argv, kHelp,
+      {{"methods", ""}, {"rounds", "15"}, {"ms", "2"}, {"json", nullptr}, {"store", ""}}, 1);
   Options options;
   if (line.words().empty()) line.wrong("which network?\n");
-  if (line.word(0) != "ssd320") options.file = line.word(0);
-  if (!parse_methods(line["methods"].c_str(), &options.methods))
-    line.wrong("--methods takes a list of 0, 1 and 2, not " + line["methods"] + "\n");
+  const bool is_file = tools::ends_with(line.word(0), ".zyn");
+  if (is_file)
+    options.network = line.word(0);
+  else if (line.word(0) != "ssd320")
+    options.layers = line.word(0);
+  const std::string methods = line.has("methods") ? line["methods"]
+                              : is_file           ? "auto,2,1,0"
+                                                  : "2,1,0";
+  if (!parse_methods(methods, is_file, &options.methods))
+    line.wrong("--methods takes a list of 0, 1 and 2, not " + methods + "\n");
+  options.store = line["store"];
+  if (!is_file && !options.store.empty()) line.wrong("--store is for network files\n");
   options.rounds = static_cast<int>(line.number("rounds", 1));
   options.ms = line.number("ms", 0.001);
   options.json = line.has("json");
@@ -240,10 +283,14 @@ Options parse(int argc, char** argv) {
 int main(int argc, char** argv) {
   const Options options = parse(argc, argv);
   std::vector<peers::Layer> layers;
-  if (!options.file.empty()) {
-    layers = peers::read_layers(options.file, false);
+  if (!options.store.empty() && !cli::writable(options.store, false)) {
+    fprintf(stderr, "%s cannot be written\n", options.store.c_str());
+    return 1;
+  }
+  if (!options.layers.empty()) {
+    layers = peers::read_layers(options.layers, false);
     if (!bench::Network::connected(layers)) {
-      fprintf(stderr, "%s: a layer has nothing to read\n", options.file.c_str());
+      fprintf(stderr, "%s: a layer has nothing to read\n", options.layers.c_str());
       return 2;
     }
   }
@@ -252,10 +299,10 @@ int main(int argc, char** argv) {
   if (!out || !freopen(kNowhere, "w", stdout)) return 1;
 
   std::vector<Method> methods;
-  for (const uint32_t number : options.methods) {
+  for (const int32_t number : options.methods) {
     methods.emplace_back();
     methods.back().number = number;
-    if (!make_method(layers, &methods.back())) return 1;
+    if (!make_method(options, layers, &methods.back())) return 1;
   }
   peers::Peak peak;
   peak.probe(20);
@@ -265,5 +312,6 @@ int main(int argc, char** argv) {
     print_json(out, list, methods, options, peak.best);
   else
     print_table(out, list, methods, peak.best);
+  if (!options.store.empty() && !store(options, methods)) return 1;
   return fclose(out) == 0 ? 0 : 1;
 }

@@ -7,17 +7,22 @@
 #include <string>
 #include <vector>
 
+#include "net_quant.h"
 #include "options.h"
 #include "whole.h"
 
 namespace {
 
+using tools::bits_for;
+using tools::Floats;
+using tools::is_normalised;
+using tools::kMostWord;
 using tools::Whole;
-using Floats = std::vector<float>;
 
 constexpr char kHelp[] =
     "usage: zyn-quant [--layers FILE] --model FILE.zynm --out LIST [--margin 1.5] [--vary] "
     "SAMPLE...\n"
+    "       zyn-quant --model FILE.zyn --out OUT.zyn [--margin 1.5] SAMPLE...\n"
     "\n"
     "Chooses the fraction bits of a network for the fixed-point backend: runs the float network\n"
     "over sample inputs, takes for every node the largest q that holds --margin times what was\n"
@@ -26,12 +31,13 @@ constexpr char kHelp[] =
     "\n"
     "The network is the ssd320 detector or that of a layer list. A sample is a raw file with\n"
     "the floats of its input (.f32); for the detector, a BMP photo too. --vary calibrates the\n"
-    "detector on flips, crops and brightness changes of the samples instead of the samples.\n";
-constexpr double kMostWord = 32767;
-constexpr int32_t kMostBits = 15;
+    "detector on flips, crops and brightness changes of the samples instead of the samples.\n"
+    "\n"
+    "Of a network file (.zyn) OUT.zyn is the same file with the fraction bits in it. A sample is\n"
+    "what zyn-run takes: a BMP photo, an array (.npy), or the floats of the input; of a network\n"
+    "with several inputs one file for each, in their order, then those of the next sample.\n";
 constexpr uint32_t kMethod = 0;
-constexpr float kEpsilon = 1e-5f;  // of the normalised convolutions whose record has none
-constexpr int32_t kColour = 2;     // reading mode: blue, green, red
+constexpr int32_t kColour = 2;  // reading mode: blue, green, red
 
 struct Options {
   std::string layers, model, out;
@@ -58,7 +64,10 @@ Options parse(int argc, char** argv) {
                            line.has("vary")};
   if (options.model.empty() || options.out.empty() || options.samples.empty())
     line.wrong("a model, a file for the list and samples are needed\n");
-  if (options.vary && !options.layers.empty()) line.wrong("--vary is for the detector\n");
+  const bool is_file = tools::ends_with(options.model, ".zyn");
+  if (options.vary && (is_file || !options.layers.empty()))
+    line.wrong("--vary is for the detector\n");
+  if (is_file && !options.layers.empty()) line.wrong("a network file has its own layers\n");
   return options;
 }
 
@@ -163,53 +172,15 @@ struct Node {
   int64_t wrapped = 0;
 };
 
-bool is_normalised(const bench::Node& node) { return node.type == ZYN_OP_CONV_BN; }
-
 // A node without its activation. What a fixed-point node must hold is the sum before it: a
 // value beyond 16 bits changes its sign there.
 bench::Node sums_of(bench::Node node) {
   node.from = -1;
   node.param.activation = 0;
-  if (is_normalised(node)) return node;
+  if (is_normalised(node.type)) return node;
   node.type = ZYN_OP_CONV;
   node.param.word14.activation = 0;
   return node;
-}
-
-// The q that preparation gives to the weights and biases of a node; -1: none.
-int32_t weight_bits(const bench::Node& node) {
-  const zyn_conv_param& p = node.param;
-  const int32_t channels = p.out_channels;
-  const int32_t per_channel = p.in_channels / p.groups * p.kernel_h * p.kernel_w;
-  const auto* words = static_cast<const float*>(node.constant->data);
-  const float* after = words + int64_t{per_channel} * channels;
-  float low = 0, high = 0;
-  const auto note = [&](float v) {
-    low = std::min(low, v);
-    high = std::max(high, v);
-  };
-  for (int32_t c = 0; c < channels; c++) {
-    float scale = 1, bias = after[c];
-    if (is_normalised(node)) {  // scale, shift, mean and variance
-      const float epsilon = p.word14.epsilon != 0.0f ? p.word14.epsilon : kEpsilon;
-      scale = after[c] / sqrtf(after[3 * channels + c] + epsilon);
-      bias = after[channels + c] - after[2 * channels + c] * scale;
-    }
-    note(bias);
-    for (int32_t i = c * per_channel; i < (c + 1) * per_channel; i++) note(words[i] * scale);
-  }
-  const float extreme = fabsf(high) < fabsf(low) ? low : high;
-  for (int32_t q = kMostBits; q >= 0; q--)
-    if (extreme >= -ldexpf(1, kMostBits - q) && extreme <= ldexpf(1, kMostBits - q) - ldexpf(1, -q))
-      return q;
-  return -1;
-}
-
-// The largest q that holds values up to extreme; -1: none.
-int32_t bits_for(double extreme) {
-  int32_t q = kMostBits;
-  while (q >= 0 && !(ldexp(extreme, q) <= kMostWord)) q--;
-  return q;
 }
 
 // The float network, its layers one by one, and what was seen of them.
@@ -266,7 +237,8 @@ bool Quantiser::create(const Options& options) {
     probes_.emplace_back(new bench::Graph);
     if (!probes_[i]->create(input, {sums_of(node)}, kMethod))
       return failed(name_of(i + 1) + " cannot be built by itself");
-    nodes_[i + 1].q_weights = weight_bits(node);
+    nodes_[i + 1].q_weights =
+        tools::weight_bits(node.type, node.param, static_cast<const float*>(node.constant->data));
     if (nodes_[i + 1].q_weights < 0)
       return failed(name_of(i + 1) + ": its weights do not fit 16 bits with any q");
   }
@@ -394,6 +366,12 @@ int main(int argc, char** argv) {
   if (!cli::writable(options.out, false)) {
     failed(options.out + " cannot be written");
     return 1;
+  }
+  if (tools::ends_with(options.model, ".zyn")) {
+    tools::NetQuantiser net(options.model, options.margin);
+    const std::string wrong = net.run(options.samples, options.out);
+    if (wrong.empty()) net.report();
+    return wrong.empty() || failed(wrong) ? 0 : 1;
   }
   if (!quantiser.create(options) || !quantiser.choose(options.margin) || !quantiser.measure() ||
       !quantiser.write(options.out))

@@ -97,12 +97,13 @@ inline double conv_ref(const Layer& l, const float* in, const float* w, const fl
   const int icg = l.in_c / l.groups, g = c / (l.out_c / l.groups);
   double s = b[c];
   for (int i = 0; i < icg; i++)
-    for (int ky = 0; ky < l.k; ky++)
-      for (int kx = 0; kx < l.k; kx++) {
-        const int iy = y * l.stride + ky - l.pad, ix = x * l.stride + kx - l.pad;
+    for (int ky = 0; ky < l.k.y; ky++)
+      for (int kx = 0; kx < l.k.x; kx++) {
+        const int iy = y * l.stride.y + ky * l.dilation.y - l.pad.y;
+        const int ix = x * l.stride.x + kx * l.dilation.x - l.pad.x;
         if (iy < 0 || iy >= l.in_h || ix < 0 || ix >= l.in_w) continue;
         s += double(in[(size_t(g * icg + i) * l.in_h + iy) * l.in_w + ix]) *
-             w[(size_t(c) * icg + i) * l.k * l.k + ky * l.k + kx];
+             w[((size_t(c) * icg + i) * l.k.y + ky) * l.k.x + kx];
       }
   return std::max(s, 0.0);
 }

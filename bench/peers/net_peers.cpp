@@ -5,24 +5,26 @@
 using namespace peers;
 
 static constexpr char kHelp[] =
-    "usage: net_peers FILE WIDTHxHEIGHT [--channels 3] [--isa avx2|native] [--runs n] "
-    "[--layers LAYERFILE] [--subject COMMAND --net NAME [--methods 2,1,0]]\n"
+    "usage: net_peers FILE [WIDTHxHEIGHT] [--channels 3] [--isa avx2|native] [--runs n] "
+    "[--layers LAYERFILE] [--subject COMMAND --net NAME [--methods 2,1,0,-1]]\n"
     "FILE is an ONNX network, or a layer list (*.layers): then the network in which every layer\n"
-    "reads the latest output of its input shape, each a convolution with bias and ReLU. The\n"
-    "layer file only supplies the work count (OpenCV's own count is wrong for depthwise layers).\n"
-    "With a subject, its network is NAME under each of the methods, measured in turn.\n";
+    "reads the latest output of its input shape, or an input, each a convolution with bias and\n"
+    "ReLU. The layer file only supplies the work count (OpenCV's own count is wrong for depthwise\n"
+    "layers). With a subject, its network is NAME under each of the methods, measured in turn;\n"
+    "-1: the choice of a network file.\n";
 
 namespace {
 
 cv::dnn::Net network_of_layers(const std::vector<Layer>& layers) {
   cv::dnn::Net net;
+  const Wiring wiring = wire(layers);
+  std::vector<cv::String> names;
+  for (size_t j = 0; j < wiring.inputs.size(); j++) names.push_back("in" + std::to_string(j));
+  net.setInputsNames(names);
   std::vector<int> ids;
   for (size_t i = 0; i < layers.size(); i++) {
     const Layer& l = layers[i];
-    int from = 0;
-    for (size_t j = 0; j < i; j++)
-      if (layers[j].out_c == l.in_c && layers[j].out_w() == l.in_w && layers[j].out_h() == l.in_h)
-        from = ids[j];
+    const int from = wiring.from[i];
     Buffer<float> w(l.w_size()), b(l.out_c);
     fill(w, kWeights);
     fill(b, kBias);
@@ -30,7 +32,10 @@ cv::dnn::Net network_of_layers(const std::vector<Layer>& layers) {
     cv::dnn::LayerParams p = opencv_convolution(l, w.p, b.p), relu;
     const std::string name = std::to_string(i);
     const int conv = net.addLayer("c" + name, "Convolution", p);
-    net.connect(from, 0, conv, 0);
+    if (from < 0)
+      net.connect(0, -1 - from, conv, 0);
+    else
+      net.connect(ids[static_cast<size_t>(from)], 0, conv, 0);
     ids.push_back(net.addLayer("r" + name, "ReLU", relu));
     net.connect(conv, 0, ids.back(), 0);
   }
@@ -42,24 +47,38 @@ cv::dnn::Net network_of_layers(const std::vector<Layer>& layers) {
 int main(int argc, char** argv) {
   const cli::Line line(argc, argv, kHelp, with_common({{"channels", "3"}, {"runs", "200"}, {"layers", ""}, {"net", ""}, {"methods", "2"}}), 2);
   const Isa isa = select_isa(line, argv);
-  int w = 0, h = 0;
-  if (sscanf(line.word(1).c_str(), "%dx%d", &w, &h) != 2)
-    line.wrong("a network and its input's size are needed\n");
   const int runs = static_cast<int>(line.number("runs", 1));
   const int ch = static_cast<int>(line.number("channels", 1));
   cv::setNumThreads(1);
   const std::string file = line.word(0);
   const bool list = file.size() > 7 && file.compare(file.size() - 7, 7, ".layers") == 0;
-  cv::dnn::Net net =
-      list ? network_of_layers(read_layers(file, false)) : cv::dnn::readNetFromONNX(file);
+  const std::vector<Layer> layers = list ? read_layers(file, false) : std::vector<Layer>();
+  cv::dnn::Net net = list ? network_of_layers(layers) : cv::dnn::readNetFromONNX(file);
   net.setPreferableBackend(cv::dnn::DNN_BACKEND_OPENCV);
   net.setPreferableTarget(cv::dnn::DNN_TARGET_CPU);
-  Buffer<float> in(size_t(ch) * w * h);
-  fill(in, kInput);
-  int dims[] = {1, ch, h, w};
+  // Where a layer reads an input, or the ONNX network's one.
+  std::vector<std::vector<int>> shapes;
+  if (list) {
+    for (size_t i : wire(layers).inputs)
+      shapes.push_back({1, layers[i].in_c, layers[i].in_h, layers[i].in_w});
+  } else {
+    int w = 0, h = 0;
+    if (sscanf(line.word(1).c_str(), "%dx%d", &w, &h) != 2) line.wrong("the input's size is needed\n");
+    shapes.push_back({1, ch, h, w});
+  }
+  std::vector<cv::Mat> inputs;
+  for (const std::vector<int>& shape : shapes) {
+    inputs.emplace_back(4, shape.data(), CV_32F);
+    for (size_t i = 0; i < inputs.back().total(); i++)
+      inputs.back().ptr<float>()[i] = test_value(static_cast<uint32_t>(i), kInput);
+  }
+  const auto set_inputs = [&] {
+    for (size_t j = 0; j < inputs.size(); j++)
+      net.setInput(inputs[j], list ? "in" + std::to_string(j) : "");
+  };
   const std::vector<std::string> outs = net.getUnconnectedOutLayersNames();
   std::vector<cv::Mat> res;
-  net.setInput(cv::Mat(4, dims, CV_32F, in.p));
+  set_inputs();
   net.forward(res, outs);
   double flop = 0;
   const std::string lf = line["layers"];
@@ -86,12 +105,12 @@ int main(int argc, char** argv) {
   }
   Samples s;
   Peak peak;
-  const int rounds = 40;  // short ones: the clock drifts
+  constexpr int rounds = 40;  // short ones: the clock drifts
   for (int r = 0; r < rounds; r++) {
     peak.probe(2);
     const double start = now_ns();
     for (int i = 0; i < (runs + rounds - 1) / rounds; i++) {
-      net.setInput(cv::Mat(4, dims, CV_32F, in.p));
+      set_inputs();
       const double t0 = now_ns();
       net.forward(res, outs);
       s.ns.push_back(now_ns() - t0);
@@ -119,8 +138,9 @@ int main(int argc, char** argv) {
   for (auto& o : ours) {
     failed |= o->process.failed();
     if (!(o->min > 0)) continue;
-    print(("subject-m" + o->method).c_str(), o->min, o->medians.median());
-    printf("  subject-m%s x%.2f of opencv-dnn\n", o->method.c_str(), s.min() / o->min);
+    const std::string who = o->method == "-1" ? "subject-auto" : "subject-m" + o->method;
+    print(who.c_str(), o->min, o->medians.median());
+    printf("  %s x%.2f of opencv-dnn\n", who.c_str(), s.min() / o->min);
   }
   return failed ? 1 : 0;
 }

@@ -1,6 +1,6 @@
 // This library's side of the comparison: answers the harness's requests (protocol in
-// bench/README.md) through the exported functions; only the general multiply and the
-// matrix product, which are not exported, are called directly.
+// bench/README.md) through the exported functions; only the general multiply, the matrix product
+// and the changes of channel order, which are not exported, are called directly.
 #include <unistd.h>
 
 #include <iostream>
@@ -9,75 +9,48 @@
 #include "common.h"
 #include "matrix/zyn_matrix_ops.h"
 #include "network.h"
-#include "zyncore_net.h"
+#include "subject_job.h"
 
 namespace subject {
-
-struct Job {
-  std::function<void()> run;
-  std::function<double(size_t)> out;
-};
-Job image_job(std::istringstream& request);
 
 namespace {
 
 using peers::Buffer;
 using peers::Layer;
 
-constexpr int kAutomatic = -1;  // in place of a method: as a network file, which chooses by layer
+// In place of a method, as a network file: it chooses by layer; its kernels of any shape, channel
+// blocks in and out.
+constexpr int kAutomatic = -1, kAnyShape = 4;
 
-// The layers as a network file, loaded; planar in and out.
-class FileNetwork {
- public:
-  FileNetwork(const std::vector<Layer>& layers, bool scaled) {
-    const bench::Network made(layers, 0, scaled);
-    zyn_net_writer* writer = made.ok() ? zyn_net_writer_create() : nullptr;
-    if (!writer) return;
-    zyn_net_port port = {};
-    port.name = "in";
-    port.dim_count = 3;
-    std::copy_n(made.input()->dims, 3, port.dims);
-    std::vector<int32_t> ids = {zyn_net_writer_input(writer, &port)};
-    for (const bench::Node& node : made.nodes()) {
-      const int32_t reads[] = {ids[static_cast<size_t>(node.from + 1)],
-                               zyn_net_writer_constant(writer, "", node.constant)};
-      ids.push_back(zyn_net_writer_node(writer, "", node.type, &node.param, reads, 2));
-    }
-    port.name = "out";
-    port.node = ids.back();
-    zyn_net_writer_output(writer, &port);
-    void* data = nullptr;
-    int64_t size = 0;
-    if (zyn_net_write_memory(writer, &data, &size) == ZYN_RET_OK)
-      net_ = zyn_net_load_memory(data, size, nullptr);
-    zyn_free(data);
-    zyn_net_writer_release(&writer);
-    if (net_)
-      memcpy(zyn_net_input(net_, nullptr)->data, made.input()->data,
-             static_cast<size_t>(made.input()->byte_size));
+// The layers as a network file; outputs are the last layer and all others that none reads.
+std::shared_ptr<FileNetwork> file_network(const std::vector<Layer>& layers, int method,
+                                          bool scaled) {
+  const bench::Network made(layers, 0, scaled);
+  const auto net = std::make_shared<FileNetwork>();
+  if (!made.ok()) return nullptr;
+  std::vector<int32_t> inputs, ids;
+  for (const zyn_tensor* input : made.inputs()) inputs.push_back(net->input(input));
+  std::vector<bool> read(layers.size());
+  for (const bench::Node& node : made.nodes()) {
+    const int from = node.from;
+    if (from >= 0) read[static_cast<size_t>(from)] = true;
+    const int32_t reads[] = {
+        from < 0 ? inputs[static_cast<size_t>(-1 - from)] : ids[static_cast<size_t>(from)],
+        zyn_net_writer_constant(net->writer(), "", node.constant)};
+    ids.push_back(zyn_net_writer_node(net->writer(), "", node.type, &node.param, reads, 2));
+    if (method == kAnyShape) zyn_net_writer_method(net->writer(), ids.back(), 3);
   }
-  FileNetwork(const FileNetwork&) = delete;
-  FileNetwork& operator=(const FileNetwork&) = delete;
-  ~FileNetwork() {
-    if (net_) zyn_net_release(&net_);
-  }
-  bool run() {
-    if (!net_ || zyn_net_run(net_) != ZYN_RET_OK) return false;
-    output_ = zyn_net_output(net_, nullptr);
-    return output_ != nullptr;
-  }
-  double output(size_t i) const { return double(static_cast<const float*>(output_->data)[i]); }
-
- private:
-  zyn_net* net_ = nullptr;
-  const zyn_tensor* output_ = nullptr;
-};
+  for (size_t i = layers.size(); i-- > 0;)
+    if (!read[i]) net->output(ids[i]);
+  if (method == kAnyShape) net->stay_in_blocks();
+  return net->load() ? net : nullptr;
+}
 
 Job network_job(const std::vector<Layer>& layers, int method_number, bool scaled) {
-  if (method_number == kAutomatic) {
-    const auto network = std::make_shared<FileNetwork>(layers, scaled);
-    if (!network->run()) return {};
-    return {[=] { network->run(); }, [=](size_t i) { return network->output(i); }};
+  if (method_number == kAutomatic || method_number == kAnyShape) {
+    const auto network = file_network(layers, method_number, scaled);
+    if (!network) return {};
+    return {[=] { network->run(); }, [=](size_t i) { return network->element(i); }};
   }
   const auto method = static_cast<uint32_t>(method_number);
   const auto network = std::make_shared<bench::Network>(layers, method, scaled);
@@ -88,8 +61,7 @@ Job network_job(const std::vector<Layer>& layers, int method_number, bool scaled
 Job conv_job(std::istringstream& request) {
   Layer l;
   int method = 0;
-  request >> l.in_c >> l.out_c >> l.in_w >> l.in_h >> l.k >> l.stride >> l.pad >> l.groups >>
-      method;
+  request >> l >> method;
   return request ? network_job({l}, method, false) : Job();
 }
 
@@ -213,8 +185,9 @@ Job nms_job(std::istringstream& request) {
 const struct {
   const char* verb;
   Job (*make)(std::istringstream& request);
-} kJobs[] = {{"conv", conv_job},   {"sgemm", sgemm_job}, {"matmul", matmul_job}, {"net", net_job},
-             {"image", image_job}, {"nms", nms_job},     {"track", track_job}};
+} kJobs[] = {{"conv", conv_job},   {"sgemm", sgemm_job}, {"matmul", matmul_job},
+             {"net", net_job},     {"image", image_job}, {"nms", nms_job},
+             {"track", track_job}, {"op", operator_job}};
 
 Job make_job(const std::string& verb, std::istringstream& request) {
   for (const auto& job : kJobs)

@@ -1,18 +1,10 @@
 // The image operations as jobs of the comparison harness: "OP src_w src_h dst_w dst_h"
 // sets up source and destination, out(i) is byte i of the destination's buffer.
-#include <functional>
 #include <memory>
-#include <sstream>
-#include <string>
 
-#include "zyncore.h"
+#include "subject_job.h"
 
 namespace subject {
-
-struct Job {
-  std::function<void()> run;
-  std::function<double(size_t)> out;
-};
 
 namespace {
 

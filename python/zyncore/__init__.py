@@ -6,6 +6,8 @@ from ._native import Error
 from ._records import ChannelOrder, Code, Meaning, Operator, ResizeRule
 from .detect import (Detector, Placement, decode, fill, grid_priors, pfld_input, ssd_input,
                      ssd_priors, suppress)
+from .faces import (YUYV, Face, Faces, FaceState, Pose, align, face_model, frame_of,
+                    solve_pose)
 from .graph import Finding, Graph
 from .image import Bordered, Format, Image, read_bmp
 from .net import Memory, Net, Node, Port
@@ -15,10 +17,11 @@ from .tracking import OneEuro, Tracker, Tracks
 __version__ = "1.1.0"
 
 __all__ = [
-    "Bordered", "ChannelOrder", "Code", "Detector", "Error", "Finding", "Format", "Graph",
-    "Image", "Meaning", "Memory", "Net", "Node", "OneEuro", "Operator", "Placement", "Port",
-    "Poses", "ResizeRule", "Tracker", "Tracks", "decode", "fill", "grid_priors", "library_version",
-    "pfld_input", "read_bmp", "solve_ap3p", "ssd_input", "ssd_priors", "suppress",
+    "Bordered", "ChannelOrder", "Code", "Detector", "Error", "Face", "FaceState", "Faces",
+    "Finding", "Format", "Graph", "Image", "Meaning", "Memory", "Net", "Node", "OneEuro",
+    "Operator", "Placement", "Port", "Pose", "Poses", "ResizeRule", "Tracker", "Tracks", "YUYV",
+    "align", "decode", "face_model", "fill", "frame_of", "grid_priors", "library_version",
+    "pfld_input", "read_bmp", "solve_ap3p", "solve_pose", "ssd_input", "ssd_priors", "suppress",
 ]
 
 

@@ -16,7 +16,8 @@ from ctypes import POINTER, c_char_p, c_double, c_float, c_int32, c_int64, c_uin
 from pathlib import Path
 from typing import Any, Callable
 
-from ._records import (CheckReport, Code, GraphParam, MatchInfo, Matrix, NetDescription,
+from ._records import (CheckReport, Code, FaceFrame, FaceOptions, FacePose, FaceRecord,
+                       FaceTimes, GraphParam, MatchInfo, Matrix, NetDescription,
                        NetMemoryUse, NetOptions, NodeDesc, OneEuroParam, SortParam, Tensor,
                        TrackInfo)
 
@@ -116,6 +117,16 @@ _PROTOTYPES: dict[str, tuple] = {
     "zyn_release_track_info": (None, None, POINTER(POINTER(TrackInfo))),
     "zyn_one_euro_filter_v2": (c_float, None, c_float, c_float, c_float, POINTER(OneEuroParam),
                                POINTER(c_float)),
+    # Faces
+    "zyn_face_create": ("made", None, POINTER(FaceOptions)),
+    "zyn_face_release": ("explained", None, _own),
+    "zyn_face_process": ("explained", None, _ptr, POINTER(FaceFrame), c_double,
+                         POINTER(POINTER(FaceRecord)), POINTER(c_int32)),
+    "zyn_face_reset": ("explained", None, _ptr),
+    "zyn_face_get_times": ("explained", None, _ptr, POINTER(FaceTimes)),
+    "zyn_face_model": (POINTER(c_float), None),
+    "zyn_face_solve_pose": ("explained", None, _ptr, c_int32, c_int32, c_float, POINTER(FacePose)),
+    "zyn_face_align": ("explained", None, _image, POINTER(FaceFrame), _ptr, c_int32),
     "zyn_solve_ap3p": ("code", None, _ptr, _ptr, _ptr, _ptr, _ptr, _ptr, POINTER(c_int32)),
 }
 

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from ctypes import (POINTER, Structure, c_char, c_char_p, c_float, c_int32, c_int64, c_uint32,
+from ctypes import (POINTER, Structure, c_char, c_char_p, c_double, c_float, c_int32, c_int64, c_uint32,
                     c_uint64, c_void_p)
 from enum import IntEnum
 
@@ -88,3 +88,31 @@ TrackInfo = _record("TrackInfo", ("boxes", POINTER(c_float)), ("ids", POINTER(c_
                     ("payload", c_void_p))
 OneEuroParam = _record("OneEuroParam", ("te", c_float), ("derivative_cutoff", c_float),
                        ("min_cutoff", c_float), ("beta", c_float))
+
+FaceFrame = _record("FaceFrame", ("format", c_uint32), ("width", c_int32), ("height", c_int32),
+                    ("planes", c_void_p * 3), ("strides", c_int32 * 3))
+FaceOptions = _record(
+    "FaceOptions", ("detector", c_char_p), ("detector_data", c_void_p), ("detector_bytes", c_int64),
+    ("detector_net", c_void_p), ("landmarks", c_char_p), ("landmarks_data", c_void_p),
+    ("landmarks_bytes", c_int64), ("landmarks_net", c_void_p), ("method", c_int32),
+    ("fixed_point", c_int32), ("detect_every", c_int32), ("max_faces", c_int32),
+    ("score_threshold", c_float), ("keep_threshold", c_float), ("overlap_threshold", c_float),
+    ("resize", c_int32), ("max_age", c_int32), ("min_hits", c_int32), ("track_overlap", c_float),
+    ("smooth_cutoff", c_float), ("smooth_beta", c_float), ("smooth_derivative", c_float),
+    ("focal_length", c_float), ("reserved", c_int32))
+# ZYN_FACE_DEFAULTS
+FaceOptions.DEFAULTS = {
+    "detect_every": 1, "max_faces": 32, "score_threshold": 0.7, "keep_threshold": 0.5,
+    "overlap_threshold": 0.3, "resize": 0, "max_age": 10, "min_hits": 1, "track_overlap": 0.5,
+    "smooth_cutoff": 0.8, "smooth_beta": 12, "smooth_derivative": 0.5, "focal_length": 0}
+FacePose = _record("FacePose", ("valid", c_int32), ("rotation", c_float * 9),
+                   ("translation", c_float * 3), ("yaw", c_float), ("pitch", c_float),
+                   ("roll", c_float), ("error", c_float))
+FaceRecord = _record(
+    "FaceRecord", ("id", c_int32), ("state", c_int32), ("age", c_int32), ("unseen", c_int32),
+    ("score", c_float), ("box", c_float * 4), ("landmark_count", c_int32),
+    ("landmarks", POINTER(c_float)), ("smoothed", POINTER(c_float)), ("points", c_float * 10),
+    ("pose", FacePose))
+FaceTimes = _record("FaceTimes", *((name, c_double) for name in (
+    "detector_input", "detector", "boxes", "tracking", "landmark_input", "landmarks", "pose",
+    "total")))

@@ -3,12 +3,14 @@
 A Writer collects nodes in an order of execution; every call that adds a node returns its
 id. Shapes are given fastest extent first, as in the library: a picture of 320 x 240 pixels
 in three planes is (320, 240, 3), which as a numpy array has the shape (3, 240, 320).
+read() gives the content of a file, whose nodes can be changed and written again.
 """
 
 from __future__ import annotations
 
 import hashlib
 import struct
+from dataclasses import dataclass
 from typing import Sequence
 
 import numpy as np
@@ -168,3 +170,85 @@ def _five(extents: Sequence[int]) -> list[int]:
     if not 1 <= len(extents) <= 5:
         raise ValueError(f"1 to 5 extents are needed, found {len(extents)}")
     return list(extents) + [0] * (5 - len(extents))
+
+
+@dataclass
+class Node:
+    """A node of a file that was read."""
+    type: int                    # one of OPERATORS' numbers
+    name: str
+    words: np.ndarray            # the parameter record, uint32 (view it as float32 for floats)
+    inputs: list[int]            # nodes that it reads
+    values: np.ndarray | None    # constants: their floats, slowest axis first; may be changed
+
+
+class Content:
+    """A file that was read, to be looked at, changed and written again."""
+
+    def __init__(self, data: bytes) -> None:
+        if data[:8] != MAGIC or len(data) < 48 or hashlib.md5(data[:-16]).digest() != data[-16:]:
+            raise ValueError("not a network file, or a damaged one")
+        if struct.unpack_from("<II", data, 8) != (BYTE_ORDER, VERSION):
+            raise ValueError("a network file of another version")
+        self._sections: dict[int, bytes] = {}
+        for row in range(struct.unpack_from("<I", data, 24)[0]):
+            section, _, at, size = struct.unpack_from("<IIQQ", data, 32 + 24 * row)
+            self._sections[section] = data[at:at + size]
+        self._words = np.frombuffer(self._sections[WORDS], "<u4")
+        self.nodes: list[Node] = [self._node(*r) for r in self._records(NODES, "<8I")]
+
+    def _records(self, section: int, form: str) -> list[tuple]:
+        return list(struct.iter_unpack(form, self._sections.get(section, b"")))
+
+    def _text(self, at: int, size: int) -> str:
+        return self._sections[TEXTS][at:at + size].decode("utf-8")
+
+    def _node(self, kind: int, name_at: int, name_size: int, word: int, word_count: int,
+              first: int, input_count: int, data: int) -> Node:
+        values = self._values(data) if kind == OPERATORS["CONSTANT"] else None
+        return Node(kind, self._text(name_at, name_size),
+                    self._words[word:word + word_count].copy(),
+                    [int(i) for i in self._words[first:first + input_count]], values)
+
+    def _values(self, index: int) -> np.ndarray:
+        at, count, *dims = struct.unpack_from("<QI5i", self._sections[CONSTANTS], 40 * index)
+        shape = dims[:count][::-1]
+        flat = np.frombuffer(self._sections[DATA], "<f4", int(np.prod(shape)), at)
+        return flat.reshape(shape).copy()
+
+    def tobytes(self) -> bytes:
+        """The file with the nodes as they are now."""
+        out = Writer()
+        inputs = iter(self._records(INPUTS, "<3I5i2I6f2I"))
+        for node in self.nodes:
+            if node.type == OPERATORS["INPUT"]:
+                at, size, count, *rest = next(inputs)
+                out.input(self._text(at, size), rest[:count], channel_order=_name(
+                    CHANNEL_ORDERS, rest[5]), resize=_name(RESIZE_RULES, rest[6]),
+                    mean=rest[7:10], scale=rest[10:13], leading=rest[13])
+            elif node.values is not None:
+                out.constant(node.name, node.values, node.values.shape[::-1])
+            else:
+                out._node(node.type, node.name, node.words, node.inputs, NONE)
+        for at, size, node, meaning, leading, _ in self._records(OUTPUTS, "<6I"):
+            out.output(self._text(at, size), node, meaning=_name(MEANINGS, meaning),
+                       leading=leading)
+        out._q = {i: q for i, (q,) in enumerate(self._records(Q, "<i"))}
+        out._methods = {i: m for i, (m,) in enumerate(self._records(METHODS, "<I"))}
+        for key_at, key_size, at, size in self._records(METADATA, "<4I"):
+            out.metadata(self._text(key_at, key_size), self._text(at, size))
+        return out.tobytes()
+
+    def write(self, path: str) -> None:
+        with open(path, "wb") as file:
+            file.write(self.tobytes())
+
+
+def read(path: str) -> Content:
+    """Reads a file. ValueError: it is not one."""
+    with open(path, "rb") as file:
+        return Content(file.read())
+
+
+def _name(names: dict[str, int], number: int) -> str:
+    return next(name for name, value in names.items() if value == number)

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 
 namespace {
@@ -36,7 +37,10 @@ int32_t make_room(zyn_darray* array) {
 }  // namespace
 
 zyn_darray* zyn_create_darray(const zyn_darray_type* type) {
-  if (!type) return nullptr;
+  if (!type) {
+    zyn_refuse_null("the type of the elements");
+    return nullptr;
+  }
   auto* array = static_cast<zyn_darray*>(zyn_calloc(1, sizeof(zyn_darray)));
   if (array) array->type = *type;
   return array;

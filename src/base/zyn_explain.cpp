@@ -37,6 +37,17 @@ int32_t zyn_refuse(int32_t code, const char* format, ...) {
   return code;
 }
 
+int32_t zyn_refuse_null(const char* what) {
+  return zyn_refuse(ZYN_RET_ERR_PARA, "%s is null", what);
+}
+
+zyn_extents_text::zyn_extents_text(int32_t count, const int32_t* extents) {
+  int used = snprintf(text, sizeof(text), extents ? "" : "null");
+  for (int32_t i = 0; extents && i < count && i < 5; i++)
+    used += snprintf(text + used, sizeof(text) - static_cast<size_t>(used), i ? " x %d" : "%d",
+                     extents[i]);
+}
+
 void zyn_explain_where(const char* format, ...) {
   char what[kZynExplanationBytes];
   memcpy(what, explanation, sizeof(what));

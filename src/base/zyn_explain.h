@@ -22,6 +22,15 @@ ZYN_FORMAT(1, 2) void zyn_explain(const char* format, ...);
 // The same, and returns code.
 ZYN_FORMAT(2, 3) int32_t zyn_refuse(int32_t code, const char* format, ...);
 
+// Refuses an argument that may not be null: "what is null".
+int32_t zyn_refuse_null(const char* what);
+
+// Extents for an explanation: "320 x 240 x 3"; "null" for null.
+struct zyn_extents_text {
+  char text[80];
+  zyn_extents_text(int32_t count, const int32_t* extents);
+};
+
 // Puts a text in front of this thread's explanation: where the failure happened, said by
 // the caller of what failed.
 ZYN_FORMAT(1, 2) void zyn_explain_where(const char* format, ...);

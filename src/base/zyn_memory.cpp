@@ -1,11 +1,14 @@
 // The counted allocator. Every block is aligned to 32 bytes and preceded by two
-// 64-bit words: [-1] the size asked for, [-2] the address the system gave.
+// 64-bit words: [-1] the size asked for, [-2] the address the system gave, whose lowest bit
+// is set where the block fills a power of two and so may be recycled.
 #include "base/zyn_memory.h"
 
 #include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
+
+#include "base/zyn_explain.h"
 
 namespace {
 
@@ -22,9 +25,67 @@ zyn_system_allocator allocator = kSystem;
 // relaxed operations suffice.
 std::atomic<uint64_t> bytes_in_use{0};
 
+// Null, explained.
+void* no_block(int64_t size) {
+  zyn_explain(
+      size < 1 ? "a block has at least 1 byte, %lld were asked for" : "no memory for %lld bytes",
+      static_cast<long long>(size));
+  return nullptr;
+}
+
 uint64_t* header_of(void* block) { return static_cast<uint64_t*>(block); }
 
+constexpr uint64_t kRecyclable = 1;  // addresses from a system are even
+constexpr uint64_t kSmallestRecycled = 64;
+constexpr uint64_t kLargestRecycled = uint64_t{1} << 62;
+
+thread_local zyn_recycler* recycler = nullptr;
+
+// The list of blocks that hold so many bytes, at most kLargestRecycled.
+int32_t list_of(uint64_t bytes) {
+  return bytes <= kSmallestRecycled ? 6 : 64 - __builtin_clzll(bytes - 1);
+}
+
+// A block for bytes of which wanted are in use; tag goes into the header.
+void* make_block(uint64_t bytes, uint64_t wanted, uint64_t tag) {
+  void* system_block = allocator.allocate((bytes < kLargest ? bytes : kLargest) + kOverhead);
+  if (!system_block) return nullptr;
+  const uintptr_t address =
+      (reinterpret_cast<uintptr_t>(system_block) + kOverhead - 1) & ~uintptr_t{31};
+  uint64_t* block = reinterpret_cast<uint64_t*>(address);
+  block[-1] = wanted;
+  block[-2] = reinterpret_cast<uintptr_t>(system_block) | tag;
+  return block;
+}
+
+void give_back(void* block) {
+  void* system_block =
+      reinterpret_cast<void*>(static_cast<uintptr_t>(header_of(block)[-2] & ~kRecyclable));
+  if (system_block) allocator.release(system_block);
+}
+
+// A kept block, or one that can be kept later.
+void* recycled_block(uint64_t wanted) {
+  void** list = &recycler->lists[list_of(wanted)];
+  if (!*list) return make_block(uint64_t{1} << list_of(wanted), wanted, kRecyclable);
+  void* block = *list;
+  memcpy(list, block, sizeof(block));
+  header_of(block)[-1] = wanted;
+  return block;
+}
+
 }  // namespace
+
+void zyn_empty_recycler(zyn_recycler* kept) {
+  for (void*& list : kept->lists)
+    while (void* block = list) {
+      memcpy(&list, block, sizeof(block));
+      give_back(block);
+    }
+}
+
+zyn_recycling::zyn_recycling(zyn_recycler* kept) : before_(recycler) { recycler = kept; }
+zyn_recycling::~zyn_recycling() { recycler = before_; }
 
 zyn_system_allocator zyn_set_system_allocator(const zyn_system_allocator* replacement) {
   const zyn_system_allocator before = allocator;
@@ -33,15 +94,11 @@ zyn_system_allocator zyn_set_system_allocator(const zyn_system_allocator* replac
 }
 
 void* zyn_malloc(int64_t size) {
-  if (size < 1) return nullptr;
+  if (size < 1) return no_block(size);
   const uint64_t wanted = static_cast<uint64_t>(size);
-  void* system_block = allocator.allocate((wanted < kLargest ? wanted : kLargest) + kOverhead);
-  if (!system_block) return nullptr;
-  const uintptr_t address =
-      (reinterpret_cast<uintptr_t>(system_block) + kOverhead - 1) & ~uintptr_t{31};
-  uint64_t* block = reinterpret_cast<uint64_t*>(address);
-  block[-1] = wanted;
-  block[-2] = reinterpret_cast<uintptr_t>(system_block);
+  void* block = recycler && wanted <= kLargestRecycled ? recycled_block(wanted)
+                                                       : make_block(wanted, wanted, 0);
+  if (!block) return no_block(size);
   bytes_in_use.fetch_add(wanted, std::memory_order_relaxed);
   return block;
 }
@@ -50,8 +107,10 @@ void zyn_free(void* block) {
   if (!block) return;
   const uint64_t* header = header_of(block);
   bytes_in_use.fetch_sub(header[-1], std::memory_order_relaxed);
-  void* system_block = reinterpret_cast<void*>(static_cast<uintptr_t>(header[-2]));
-  if (system_block) allocator.release(system_block);
+  if (!recycler || !(header[-2] & kRecyclable)) return give_back(block);
+  void** list = &recycler->lists[list_of(header[-1])];
+  memcpy(block, list, sizeof(block));
+  *list = block;
 }
 
 uint64_t zyn_get_current_memory_size_occupation(void) {
@@ -64,7 +123,7 @@ int64_t zyn_block_bytes(const void* block) {
 
 void* zyn_calloc(int64_t count, int64_t size) {
   int64_t bytes = 0;
-  if (!zyn_multiply(count, size, &bytes)) return nullptr;
+  if (!zyn_multiply(count, size, &bytes)) return no_block(INT64_MAX);
   void* block = zyn_malloc(bytes);
   if (block) memset(block, 0, static_cast<size_t>(bytes));
   return block;

@@ -28,6 +28,28 @@ void* zyn_grow(void* block, int64_t bytes);
 // The size that a block was asked with; 0 for null.
 int64_t zyn_block_bytes(const void* block);
 
+// Blocks that one owner keeps instead of giving them back to the system, for work that needs
+// the same memory again and again: while a zyn_recycling of it exists, what this thread frees
+// goes onto its lists, and what it allocates comes from there as far as it can. Blocks are
+// filled up to powers of two, so that they serve the next larger request too. Kept blocks are
+// not counted as in use, and any of the library's blocks may be freed anywhere.
+struct zyn_recycler {
+  void* lists[64];  // by the binary logarithm of the bytes; a kept block begins with the next one
+};
+// Gives all kept blocks back to the system.
+void zyn_empty_recycler(zyn_recycler* recycler);
+
+class zyn_recycling {
+ public:
+  explicit zyn_recycling(zyn_recycler* recycler);
+  ~zyn_recycling();
+  zyn_recycling(const zyn_recycling&) = delete;
+  zyn_recycling& operator=(const zyn_recycling&) = delete;
+
+ private:
+  zyn_recycler* before_;
+};
+
 // *product = a * b; false when either is negative or the product does not fit.
 inline bool zyn_multiply(int64_t a, int64_t b, int64_t* product) {
   return a >= 0 && b >= 0 && !__builtin_mul_overflow(a, b, product);
@@ -48,6 +70,8 @@ class zyn_scratch {
     if (zyn_multiply(count, static_cast<int64_t>(sizeof(T)), &bytes))
       block_ = static_cast<T*>(zyn_malloc(bytes));
   }
+  // Takes a block over.
+  explicit zyn_scratch(T* block) : block_(block) {}
   // Zeroed memory.
   static zyn_scratch zeroed(int64_t count) {
     return zyn_scratch(static_cast<T*>(zyn_calloc(count, static_cast<int64_t>(sizeof(T)))));
@@ -68,7 +92,6 @@ class zyn_scratch {
   }
 
  private:
-  explicit zyn_scratch(T* block) : block_(block) {}
   T* block_ = nullptr;
 };
 

@@ -48,3 +48,8 @@ void zyn_report(const zyn_site& site) {
   zyn_print("Error occurred: %s \nError position:\nFile:%s:%d\n", site.message, site.path,
             static_cast<int>(site.line));
 }
+
+int32_t zyn_fail_null(const zyn_site& site, const char* what) {
+  zyn_report(site);
+  return zyn_refuse_null(what);
+}

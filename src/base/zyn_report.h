@@ -53,6 +53,9 @@ class zyn_quiet {
 // Prints the report of a site.
 void zyn_report(const zyn_site& site);
 
+// Prints the report of a site and refuses an argument that is null: "what is null".
+int32_t zyn_fail_null(const zyn_site& site, const char* what);
+
 // Prints the report of a site and returns code; message and code need not match.
 inline int32_t zyn_fail(const zyn_site& site, int32_t code) {
   zyn_report(site);

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "base/zyn_darray.h"
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "base/zyn_platform.h"
 #include "base/zyn_report.h"
@@ -16,6 +17,11 @@ double tick_frequency = -1.0;  // ticks per second; negative until the first rea
 
 bool pattern_is_accepted(const char* pattern) {
   return strlen(pattern) >= 3 && (pattern[0] == '*' || pattern[1] == '.');
+}
+
+double no_time() {
+  zyn_explain("the system's clock cannot be read");
+  return -1.0;
 }
 
 // False without memory. A string that could not be copied is a null element.
@@ -52,24 +58,34 @@ int32_t list_matches(zyn_darray* list, const char* directory, const char* patter
 double zyn_get_current_system_time(void) {
   if (tick_frequency < 0) {
     int64_t frequency = 0;
-    if (!zyn_platform_tick_frequency(&frequency) || frequency < 1) return -1.0;
+    if (!zyn_platform_tick_frequency(&frequency) || frequency < 1) return no_time();
     tick_frequency = static_cast<double>(frequency);
   }
   int64_t ticks = 0;
-  if (!zyn_platform_ticks(&ticks)) return -1.0;
+  if (!zyn_platform_ticks(&ticks)) return no_time();
   return static_cast<double>(ticks * 1000) / tick_frequency;
 }
 
 int32_t zyn_get_specfic_files_for_given_dir(zyn_darray* list, const char* directory,
                                             const char* pattern) {
-  if (!list || !directory || !pattern || !pattern_is_accepted(pattern)) return ZYN_RET_ERR_PARA;
+  if (!list || !directory || !pattern)
+    return zyn_refuse_null("the list, the directory or the pattern");
+  if (!pattern_is_accepted(pattern))
+    return zyn_refuse(ZYN_RET_ERR_PARA,
+                      "the pattern '%s' is not one of 3 characters or more that begins with * or "
+                      "has . as its second",
+                      pattern);
   zyn_platform_place place;
   if (!zyn_platform_enter(directory, &place)) {
     zyn_print("chdir %s error\n", directory);
-    return ZYN_RET_ERR_PARA;
+    return zyn_refuse(ZYN_RET_ERR_PARA, "the directory '%s' cannot be entered", directory);
   }
   const int32_t code = list_matches(list, directory, pattern);
-  if (code == ZYN_RET_ERR_PARA) zyn_print("no %s file format in the %s!\n", pattern, directory);
+  if (code == ZYN_RET_ERR_PARA) {
+    zyn_print("no %s file format in the %s!\n", pattern, directory);
+    zyn_explain("nothing in '%s' matches '%s'", directory, pattern);
+  }
+  if (code == ZYN_RET_ERR_MEMORY) zyn_explain("no memory for the names in '%s'", directory);
   zyn_platform_leave(&place);
   return code;
 }

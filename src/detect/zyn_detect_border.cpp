@@ -3,6 +3,7 @@
 // with positions and sizes halved by an arithmetic shift.
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "image/zyn_image.h"
 
@@ -193,10 +194,8 @@ int32_t check_patch(const zyn_image* target, const zyn_image* source, const patc
   return planes_sound(target) && planes_sound(source) ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
 }
 
-}  // namespace
-
-zyn_image* zyn_create_border_image(int32_t* top, int32_t* bottom, int32_t* left, int32_t* right,
-                                   const zyn_image* source, float ratio) {
+zyn_image* make_border_image(int32_t* top, int32_t* bottom, int32_t* left, int32_t* right,
+                             const zyn_image* source, float ratio) {
   if (!top || !bottom || !left || !right || !source || !(ratio > 0)) return nullptr;
   const int32_t width = source->cols, height = source->rows;
   if (!side_in_range(width) || !side_in_range(height)) return nullptr;
@@ -215,13 +214,9 @@ zyn_image* zyn_create_border_image(int32_t* top, int32_t* bottom, int32_t* left,
   return image.take();
 }
 
-int32_t zyn_image_cropped_patch_with_border(zyn_image* destination,
-                                            const int32_t destination_position[2],
-                                            const zyn_image* source,
-                                            const int32_t source_position[2],
-                                            const int32_t size[2]) {
-  if (!destination || !destination_position || !source || !source_position || !size)
-    return ZYN_RET_ERR_PARA;
+int32_t copy_cropped(zyn_image* destination, const int32_t destination_position[2],
+                     const zyn_image* source, const int32_t source_position[2],
+                     const int32_t size[2]) {
   const patch p{{destination_position[0], destination_position[1]},
                 {source_position[0], source_position[1]},
                 size[0],
@@ -239,4 +234,38 @@ int32_t zyn_image_cropped_patch_with_border(zyn_image* destination,
     copy_patch(chroma, chroma_plane<const uint8_t>(source, which), p.halved());
   }
   return ZYN_RET_OK;
+}
+
+}  // namespace
+
+zyn_image* zyn_create_border_image(int32_t* top, int32_t* bottom, int32_t* left, int32_t* right,
+                                   const zyn_image* source, float ratio) {
+  const zyn_explanation_mark mark;
+  zyn_image* image = make_border_image(top, bottom, left, right, source, ratio);
+  if (!image && !source) zyn_refuse_null("the source");
+  if (!image && !mark.passed())
+    zyn_explain(
+        "margins, an image with data of format 0, 1 or 5 with sides of 1 to 4096, and a ratio "
+        "above 0 that makes no side of 2^31 are needed, found %d x %d of format %u, ratio %g",
+        source->cols, source->rows, source->format, static_cast<double>(ratio));
+  return image;
+}
+
+int32_t zyn_image_cropped_patch_with_border(zyn_image* destination,
+                                            const int32_t destination_position[2],
+                                            const zyn_image* source,
+                                            const int32_t source_position[2],
+                                            const int32_t size[2]) {
+  if (!destination_position || !source_position || !size)
+    return zyn_refuse_null("a position or the size");
+  const int32_t code = destination && source ? copy_cropped(destination, destination_position,
+                                                            source, source_position, size)
+                                             : int32_t{ZYN_RET_ERR_PARA};
+  if (code == ZYN_RET_OK) return code;
+  return zyn_refuse_images(
+      code,
+      code == ZYN_RET_ERR_NOT_SUPPORT
+          ? "packed pixels of one or three channels, or format 5, are"
+          : "a patch inside both images, which have like pixels and share none, is",
+      destination, source);
 }

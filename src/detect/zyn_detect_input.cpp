@@ -5,6 +5,7 @@
 #include <immintrin.h>
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "zyncore.h"
 
 namespace {
@@ -110,7 +111,10 @@ void convert_row(typename Form::element* const to[kChannels], const uint8_t* pix
 template <typename Form, bool kReversed>
 void convert(zyn_tensor* tensor, const zyn_image* image) {
   using element = typename Form::element;
-  if (!tensor || !tensor->data || !image || !image->data) return;
+  if (!tensor || !tensor->data || !image || !image->data) {
+    zyn_refuse_null("the tensor, the image or the data of one");
+    return;
+  }
   if (image->rows < 1 || image->cols < 1) return;
   const int64_t plane = static_cast<int64_t>(image->rows) * image->cols;
   auto* first = static_cast<element*>(tensor->data);
@@ -164,7 +168,7 @@ void zyn_transform_image_data_for_pfld_detector_rgb24_fp16(zyn_tensor* tensor,
 
 int32_t zyn_convert_rgba_to_rgb(uint8_t* destination, const uint8_t* source, int32_t width,
                                 int32_t height) {
-  if (!destination || !source) return ZYN_RET_ERR_PARA;
+  if (!destination || !source) return zyn_refuse_null("the destination or the source");
   if (width < 1 || height < 1) return ZYN_RET_OK;
   const int64_t count = static_cast<int64_t>(width) * height;
   const __m256i drop = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1,  //

@@ -7,6 +7,7 @@
 #include <math.h>
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "simd/zyn_vectors.h"
 #include "zyncore.h"
@@ -455,6 +456,7 @@ int32_t survivors(const columns& c, const zyn_detection* boxes, const sort_entry
 
 int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int32_t count,
                     float iou_threshold) {
+  if (!out || !boxes) zyn_refuse_null("the boxes or the place for them");
   if (count < 1 || !out || !boxes) return 0;
   zyn_scratch<float> sorted(5 * static_cast<int64_t>(count));
   zyn_scratch<zyn_detection> compaction(count);

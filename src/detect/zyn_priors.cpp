@@ -3,6 +3,7 @@
 // y, width, height (centre form) or x1, y1, x2, y2 (corner form).
 #include <immintrin.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "base/zyn_report.h"
 #include "matrix/zyn_math.h"
@@ -81,7 +82,10 @@ __m256 decode(__m256 offsets, __m256 priors, __m256 center_variance, __m256 size
 }  // namespace
 
 zyn_tensor* zyn_generate_priors(uint32_t height, uint32_t width, uint32_t transposed) {
-  if (width == 0 || height == 0) return nullptr;  // nothing that priors could be fractions of
+  if (width == 0 || height == 0) {  // nothing that priors could be fractions of
+    zyn_explain("an input has sides of at least 1, found %u x %u", width, height);
+    return nullptr;
+  }
   const feature_maps& maps = maps_of(width, height);
   const int32_t dims[2] = {kBoxFloats, prior_count(maps)};
   zyn_tensor* priors = zyn_create_tensor_header(2, dims, ZYN_TYPE_F32);

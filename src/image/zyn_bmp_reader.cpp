@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "base/zyn_platform.h"
 #include "base/zyn_report.h"
@@ -282,21 +283,28 @@ zyn_image* read_bmp(FILE* stream, int32_t mode) {
 
 zyn_image* zyn_create_image_from_file(const char* file_name, int32_t mode) {
   if (!file_name) {
-    zyn_report(kNoName);
+    zyn_fail_null(kNoName, "the file's name");
     return nullptr;
   }
   FILE* stream = zyn_platform_open(file_name, "rb");
   if (!stream) {
     zyn_print("file name is %s\n", file_name);
     zyn_report(kNoFile);
+    zyn_explain("'%s' cannot be opened", file_name);
     return nullptr;
   }
   // PNG and JPEG have signatures of their own, but there is no decoder for them: they
   // end as every other file that is no BMP.
   uint8_t signature[2] = {};
   zyn_image* image = nullptr;
-  if (fread(signature, 1, 2, stream) == 2 && memcmp(signature, "BM", 2) == 0)
-    image = read_bmp(stream, mode);
+  const bool is_bmp = fread(signature, 1, 2, stream) == 2 && memcmp(signature, "BM", 2) == 0;
+  const zyn_explanation_mark mark;
+  if (is_bmp) image = read_bmp(stream, mode);
   fclose(stream);
+  if (!image && !mark.passed())
+    zyn_explain(is_bmp ? "'%s' is cut short, damaged, or coded in a way that is not read: 1, 4, 8, "
+                         "16, 24 or 32 bits without compression are"
+                       : "'%s' is no BMP file: it does not begin with BM",
+                file_name);
   return image;
 }

@@ -2,6 +2,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "base/zyn_platform.h"
 #include "base/zyn_report.h"
@@ -80,9 +81,7 @@ int32_t write_i420(const char* file_name, const char* extension, zyn_image* imag
   return write_by_extension(file_name, extension, bgr.get());
 }
 
-}  // namespace
-
-int32_t zyn_image_write_to_file_with_level(const char* file_name, zyn_image* image) {
+int32_t write_image(const char* file_name, zyn_image* image) {
   if (!file_name || !zyn_is_image(image) ||
       (image->format > ZYN_IMAGE_I420 && image->format != ZYN_IMAGE_BGR48))
     return zyn_fail(kImageArgs, ZYN_RET_ERR_PARA);
@@ -104,4 +103,18 @@ int32_t zyn_image_write_to_file_with_level(const char* file_name, zyn_image* ima
     default:
       return write_by_extension(file_name, extension, image);
   }
+}
+
+}  // namespace
+
+int32_t zyn_image_write_to_file_with_level(const char* file_name, zyn_image* image) {
+  const int32_t code = write_image(file_name, image);
+  if (code == ZYN_RET_OK || code == ZYN_RET_ERR_MEMORY) return code;
+  if (!file_name || !image) return zyn_refuse_null("the file's name or the image");
+  if (code == ZYN_RET_ERR_OPEN_FILE)
+    return zyn_refuse(code, "'%s' cannot be opened or not be written to its end", file_name);
+  return zyn_refuse(code,
+                    "images with data of formats 0, 1, 2 and 5, below 4 GB, are written to names "
+                    "that end in .bmp or .BMP, found format %u, '%s'",
+                    image->format, file_name);
 }

@@ -1,6 +1,7 @@
 // The image record: formats, creation, headers over a caller's memory.
 #include "image/zyn_image.h"
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "base/zyn_report.h"
 #include "matrix/zyn_matrix.h"
@@ -26,7 +27,11 @@ zyn_image* create_420(int32_t width, int32_t height, uint32_t format) {
   const int64_t stride = zyn_aligned_stride(width);
   int64_t bytes = 0;
   // The size is a 32-bit product; what exceeds it is refused.
-  if (!zyn_multiply(stride * 3, height, &bytes) || bytes > INT32_MAX) return nullptr;
+  if (!zyn_multiply(stride * 3, height, &bytes) || bytes > INT32_MAX) {
+    zyn_explain("an image of %d x %d pixels of format %u has 2^31 bytes or more", width, height,
+                format);
+    return nullptr;
+  }
   zyn_matrix_guard image(zyn_create_matrix_header(height, width, 1, zyn_image_type(format)));
   if (!image) return nullptr;
   auto* data = static_cast<uint8_t*>(zyn_malloc(bytes / 2));
@@ -104,7 +109,28 @@ bool planes_at_half_width(const zyn_image* image, zyn_plane planes[3]) {
   return planes[1].data && planes[2].data;
 }
 
+int32_t refuse_image(int32_t code, int32_t least, int32_t width, int32_t height, uint32_t format) {
+  return zyn_refuse(code,
+                    "an image has sides of at least %d and a format of 0 to 14, found %d x %d, "
+                    "format %u",
+                    least, width, height, format);
+}
+
 }  // namespace
+
+int32_t zyn_refuse_images(int32_t code, const char* needed, const zyn_image* destination,
+                          const zyn_image* source) {
+  const zyn_image* const both[] = {destination, source};
+  for (const zyn_image* image : both)
+    if (!image || !image->data || !(image->kind & ZYN_KIND_IMAGE))
+      return zyn_refuse(code, "the %s is %s", image == source ? "source" : "destination",
+                        !image        ? "null"
+                        : image->data ? "no image"
+                                      : "without data");
+  return zyn_refuse(code, "%s needed, found %d x %d of format %u from %d x %d of format %u", needed,
+                    destination->cols, destination->rows, destination->format, source->cols,
+                    source->rows, source->format);
+}
 
 zyn_image_layout zyn_layout_of(uint32_t format) {
   switch (format) {
@@ -168,7 +194,7 @@ bool zyn_images_overlap(const zyn_image* a, const zyn_image* b, bool half_stride
 
 zyn_image* zyn_create_image(int32_t width, int32_t height, uint32_t format) {
   if (width < 1 || height < 1 || format >= kZynImageFormats) {
-    zyn_report(kCreateArgs);
+    refuse_image(zyn_fail(kCreateArgs, ZYN_RET_ERR_PARA), 1, width, height, format);
     return nullptr;
   }
   const zyn_image_layout layout = zyn_layout_of(format);
@@ -188,7 +214,10 @@ zyn_image* zyn_create_image(int32_t width, int32_t height, uint32_t format) {
 }
 
 zyn_image* zyn_recreate_image(zyn_image* image, int32_t width, int32_t height) {
-  if (!image || width < 1 || height < 1) return image;
+  if (!image || width < 1 || height < 1) {
+    refuse_image(ZYN_RET_ERR_PARA, 1, width, height, image ? image->format : kZynImageFormats);
+    return image;
+  }
   void* before = image->data;
   // On purpose: a refused header keeps the old size, and the buffer is renewed all the
   // same. The old one goes even if the image did not own it, and formats with several
@@ -205,7 +234,8 @@ zyn_image* zyn_recreate_image(zyn_image* image, int32_t width, int32_t height) {
 int32_t zyn_set_image_header(zyn_image* image, int32_t width, int32_t height, uint32_t format) {
   // On purpose: the smallest image here is 4 x 4, while zyn_create_image takes 1 x 1.
   if (!image || width < kHeaderMinimum || height < kHeaderMinimum || format >= kZynImageFormats)
-    return zyn_fail(kHeaderArgs, ZYN_RET_ERR_PARA);
+    return refuse_image(zyn_fail(kHeaderArgs, ZYN_RET_ERR_PARA), kHeaderMinimum, width, height,
+                        format);
   const int32_t code = zyn_set_matrix_header(image, height, width, 1, zyn_image_type(format));
   if (code) return code;
   image->kind = ZYN_KIND_IMAGE;
@@ -216,10 +246,14 @@ int32_t zyn_set_image_header(zyn_image* image, int32_t width, int32_t height, ui
 
 int32_t zyn_set_image_data(zyn_image* image, void* data, int64_t length) {
   if (!image || !(image->kind & ZYN_KIND_IMAGE) || !data || length < kLengthMinimum)
-    return zyn_fail(kDataArgs, ZYN_RET_ERR_PARA);
+    return zyn_refuse(zyn_fail(kDataArgs, ZYN_RET_ERR_PARA),
+                      "an image and at least %lld bytes of data are needed, found %lld bytes",
+                      static_cast<long long>(kLengthMinimum), static_cast<long long>(length));
   int64_t bytes = 0;
   if (!plane_bytes(image, &bytes) || length < bytes)
-    return zyn_fail(kDataLength, ZYN_RET_ERR_DATA_LENGTH);
+    return zyn_refuse(zyn_fail(kDataLength, ZYN_RET_ERR_DATA_LENGTH),
+                      "%d rows of %lld bytes are needed, found %lld bytes", image->rows,
+                      static_cast<long long>(image->row_bytes), static_cast<long long>(length));
   // On purpose: a buffer that the image owned is not freed, and it goes on owning
   // what data points at.
   image->data = data;
@@ -242,7 +276,9 @@ int32_t zyn_set_image_data(zyn_image* image, void* data, int64_t length) {
     case ZYN_IMAGE_GRAY:
       return ZYN_RET_OK;
     default:
-      return ZYN_RET_ERR_DATA_LENGTH;  // On purpose: the pointer is stored all the same.
+      // On purpose: the pointer is stored all the same.
+      return zyn_refuse(ZYN_RET_ERR_DATA_LENGTH, "images of format %u take no data this way",
+                        image->format);
   }
 }
 
@@ -250,7 +286,10 @@ int32_t zyn_set_image_header_and_data(zyn_image* image, int32_t width, int32_t h
                                       uint32_t format, void* const planes[3],
                                       const int32_t strides[3]) {
   if (!image || width < 1 || height < 1 || !planes || !planes[0] || !strides || strides[0] < width)
-    return zyn_fail(kHeaderAndDataArgs, ZYN_RET_ERR_PARA);
+    return zyn_refuse(zyn_fail(kHeaderAndDataArgs, ZYN_RET_ERR_PARA),
+                      "an image, sides of at least 1, a first plane and strides of at least the "
+                      "width are needed, found %d x %d, stride %d",
+                      width, height, strides ? strides[0] : 0);
   const zyn_image_layout layout =
       format < kZynImageFormats ? zyn_layout_of(format) : zyn_image_layout::packed;
   if (layout != zyn_image_layout::i420 && layout != zyn_image_layout::two_plane) {

@@ -38,6 +38,10 @@ inline int32_t zyn_pixel_bytes(const zyn_image* image) {
   return image->channels * static_cast<int32_t>(image->element_size);
 }
 
+// Refuses two images that do not go together, with what is needed and what they are; code.
+int32_t zyn_refuse_images(int32_t code, const char* needed, const zyn_image* destination,
+                          const zyn_image* source);
+
 // A rectangle of samples, width counted in pixels; stride in bytes.
 struct zyn_plane {
   uint8_t* data;

@@ -233,9 +233,7 @@ int32_t split_or_merge(const zyn_image* planar, const zyn_image* packed, bool sp
   return ZYN_RET_OK;
 }
 
-}  // namespace
-
-int32_t zyn_image_color_space_convert(zyn_image* destination, zyn_image* source, uint32_t code) {
+int32_t convert(zyn_image* destination, zyn_image* source, uint32_t code) {
   if (!zyn_is_image(destination) || !zyn_is_image(source) || destination->rows != source->rows ||
       destination->cols != source->cols || destination->pages != source->pages)
     return zyn_fail(kImages, ZYN_RET_ERR_PARA);
@@ -261,4 +259,38 @@ int32_t zyn_image_color_space_convert(zyn_image* destination, zyn_image* source,
     default:
       return ZYN_RET_ERR_NOT_SUPPORT;
   }
+}
+
+// What a code asks for.
+const char* needed_by(uint32_t code) {
+  switch (code) {
+    case ZYN_COLOR_BGR_TO_GRAY:
+      return "code 0: images of one size, format 0 to 2 or to 0, are";
+    case ZYN_COLOR_BGR_TO_RGB:
+    case ZYN_COLOR_RGB_TO_BGR:
+      return "codes 2 and 3: packed images of one size with equal pixels of three or four values "
+             "are";
+    case ZYN_COLOR_BGR_TO_I420:
+      return "code 8: images of one size, format 0 to 5 with all planes, are";
+    case ZYN_COLOR_I420_TO_BGR:
+      return "code 9: images of one size, format 5 with all planes to 0, are";
+    case ZYN_COLOR_BGR_TO_SIGNED3:
+      return "code 13: images of one size, format 0 to 8, are";
+    case ZYN_COLOR_SIGNED3_TO_BGR:
+      return "code 14: images of one size, format 8 to 0, are";
+    case ZYN_COLOR_BGR_TO_PLANAR:
+      return "code 21: images of one size, format 0 to 6, apart, are";
+    case ZYN_COLOR_PLANAR_TO_BGR:
+      return "code 22: images of one size, format 6 to 0, apart, are";
+    default:
+      return "one of the codes 0, 2, 3, 8, 9, 13, 14, 21 and 22 is";
+  }
+}
+
+}  // namespace
+
+int32_t zyn_image_color_space_convert(zyn_image* destination, zyn_image* source, uint32_t code) {
+  const int32_t result = convert(destination, source, code);
+  if (result == ZYN_RET_OK) return ZYN_RET_OK;
+  return zyn_refuse_images(result, needed_by(code), destination, source);
 }

@@ -1,6 +1,7 @@
 // Rectangles of an image, with the edge pixels repeated outside of it.
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "image/zyn_image.h"
 
 namespace {
@@ -50,7 +51,7 @@ void crop_plane(const zyn_plane& destination, const zyn_plane& source, int32_t p
 int32_t crop_i420(zyn_image* destination, const zyn_image* source, int32_t position[2]) {
   zyn_plane to[3], from[3];
   if (!zyn_i420_planes_half_stride(destination, to) || !zyn_i420_planes_half_stride(source, from))
-    return ZYN_RET_ERR_PARA;
+    return zyn_refuse(ZYN_RET_ERR_PARA, "an image of format 5 lacks a plane");
   crop_plane(to[0], from[0], 1, position[0], position[1]);
   // On purpose: the caller's position stays halved.
   position[0] >>= 1;
@@ -68,6 +69,11 @@ int32_t crop_i420(zyn_image* destination, const zyn_image* source, int32_t posit
   return ZYN_RET_OK;
 }
 
+constexpr char kNeeded[] =
+    "a position and a destination of the size, with the source's pixels, are";
+constexpr char kFormats[] = "packed pixels of one or three channels, or format 5, are";
+constexpr char kApart[] = "images that share no pixels are";
+
 }  // namespace
 
 int32_t zyn_image_cropped_patch(zyn_image* destination, const zyn_image* source,
@@ -76,14 +82,16 @@ int32_t zyn_image_cropped_patch(zyn_image* destination, const zyn_image* source,
       destination->cols != size[0] || destination->rows != size[1] ||
       destination->channels != source->channels ||
       destination->element_size != source->element_size)
-    return ZYN_RET_ERR_PARA;
+    return zyn_refuse_images(ZYN_RET_ERR_PARA, kNeeded, destination, source);
   const zyn_image_layout layout = zyn_layout_of(source->format);
-  if (layout != zyn_layout_of(destination->format)) return ZYN_RET_ERR_PARA;
+  if (layout != zyn_layout_of(destination->format))
+    return zyn_refuse_images(ZYN_RET_ERR_PARA, kNeeded, destination, source);
   const bool i420 = layout == zyn_image_layout::i420;
   if (!i420 &&
       (layout != zyn_image_layout::packed || (source->channels != 3 && source->channels != 1)))
-    return ZYN_RET_ERR_NOT_SUPPORT;
-  if (zyn_images_overlap(destination, source, true)) return ZYN_RET_ERR_PARA;
+    return zyn_refuse_images(ZYN_RET_ERR_NOT_SUPPORT, kFormats, destination, source);
+  if (zyn_images_overlap(destination, source, true))
+    return zyn_refuse_images(ZYN_RET_ERR_PARA, kApart, destination, source);
   if (i420) return crop_i420(destination, source, position);
   crop_plane(zyn_first_plane(destination), zyn_first_plane(source), zyn_pixel_bytes(source),
              position[0], position[1]);

@@ -109,9 +109,7 @@ int32_t resize_packed(zyn_image* destination, const zyn_image* source, int32_t m
   }
 }
 
-}  // namespace
-
-int32_t zyn_image_resizer(zyn_image* destination, const zyn_image* source, int32_t method) {
+int32_t resize(zyn_image* destination, const zyn_image* source, int32_t method) {
   if (!accepted(destination, source)) return zyn_fail(kImages, ZYN_RET_ERR_PARA);
   const bool equal = destination->rows == source->rows && destination->cols == source->cols &&
                      destination->pages == source->pages;
@@ -121,4 +119,17 @@ int32_t zyn_image_resizer(zyn_image* destination, const zyn_image* source, int32
                     source->cols == 2 * static_cast<int64_t>(destination->cols);
   return source->format == ZYN_IMAGE_I420 ? resize_i420(destination, source, method, equal, half)
                                           : resize_packed(destination, source, method, equal, half);
+}
+
+}  // namespace
+
+int32_t zyn_image_resizer(zyn_image* destination, const zyn_image* source, int32_t method) {
+  const int32_t code = resize(destination, source, method);
+  if (code == ZYN_RET_OK || code == ZYN_RET_ERR_MEMORY) return code;
+  return zyn_refuse_images(code,
+                           code == ZYN_RET_ERR_NOT_SUPPORT
+                               ? "method 0 or 1 is"
+                               : "images of one pixel type that share no pixels, of format 0, 1, "
+                                 "2, 5 (with all planes), 8 or 11, are",
+                           destination, source);
 }

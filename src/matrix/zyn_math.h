@@ -189,5 +189,17 @@ inline __m256 zyn_mish8(__m256 x) {
   return _mm256_mul_ps(_mm256_max_ps(_mm256_set1_ps(-FLT_MAX), x), factor);
 }
 
+// 2^t for t in [-1000, 1000]: 2^n times the series of e^(f ln 2), |f| <= 1/2.
+inline __m256d zyn_exp2_4(__m256d t) {
+  const __m256d n = _mm256_round_pd(t, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+  const __m256d g = _mm256_mul_pd(_mm256_sub_pd(t, n), _mm256_set1_pd(0.6931471805599453));
+  __m256d sum = _mm256_set1_pd(1.0);
+  for (int k = 12; k >= 1; k--)
+    sum = _mm256_fmadd_pd(_mm256_mul_pd(sum, g), _mm256_set1_pd(1.0 / k), _mm256_set1_pd(1.0));
+  const __m256i power = _mm256_slli_epi64(
+      _mm256_add_epi64(_mm256_cvtepi32_epi64(_mm256_cvtpd_epi32(n)), _mm256_set1_epi64x(1023)), 52);
+  return _mm256_mul_pd(sum, _mm256_castsi256_pd(power));
+}
+
 // One float through a vector's lane: the same bits.
 inline float zyn_exp1(float x) { return _mm256_cvtss_f32(zyn_exp8(_mm256_set1_ps(x))); }

@@ -23,6 +23,10 @@ bool is_large(const zyn_matrix* a, const zyn_matrix* b) {
   return static_cast<int32_t>(elements) > kDirectElements;
 }
 
+// Rows of a up to which reading transposed rows of b where they lie, three rows of a at a time,
+// takes less than packing them.
+constexpr int32_t kDirectRows = 9;
+
 template <typename T>
 int32_t multiply(zyn_matrix* c, const zyn_matrix* a, const zyn_matrix* b, bool transpose_b,
                  const void* alpha, const void* beta) {
@@ -39,8 +43,9 @@ int32_t multiply(zyn_matrix* c, const zyn_matrix* a, const zyn_matrix* b, bool t
                          transpose_b,
                          static_cast<T*>(c->data),
                          c->row_bytes / kSize};
+  const bool streams = transpose_b && p.m <= kDirectRows && p.alpha != 0;
   // Without memory for packing the direct path does it, only slower.
-  if (!is_large(a, b) || !zyn_product_blocked(p)) zyn_product_direct(p);
+  if (streams || !is_large(a, b) || !zyn_product_blocked(p)) zyn_product_direct(p);
   return ZYN_RET_OK;
 }
 

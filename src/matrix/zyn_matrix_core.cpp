@@ -1,6 +1,7 @@
 // The matrix container: header fields, ownership, release.
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "base/zyn_report.h"
 #include "matrix/zyn_matrix.h"
@@ -52,13 +53,20 @@ bool block_bytes(const zyn_matrix* matrix, int64_t* bytes) {
          zyn_multiply(*bytes, matrix->pages, bytes);
 }
 
+int32_t refuse_header(int32_t code, int32_t rows, int32_t cols, int32_t pages, int32_t type) {
+  return zyn_refuse(code,
+                    "a matrix has extents of at least 1 and a type of 0 to 31, found %d rows, %d "
+                    "columns, %d pages, type %d",
+                    rows, cols, pages, type);
+}
+
 }  // namespace
 
 int32_t zyn_matrix_element_bytes(int32_t type) { return kElementBytes[type & 31]; }
 
 zyn_matrix* zyn_create_matrix_header(int32_t rows, int32_t cols, int32_t pages, int32_t type) {
   if (rows < 1 || cols < 1 || pages < 1 || type < 0 || type > 31) {
-    zyn_report(kHeaderArgs);
+    refuse_header(zyn_fail(kHeaderArgs, ZYN_RET_ERR_PARA), rows, cols, pages, type);
     return nullptr;
   }
   auto* matrix = static_cast<zyn_matrix*>(zyn_malloc(sizeof(zyn_matrix)));
@@ -77,7 +85,9 @@ zyn_matrix* zyn_create_matrix(int32_t rows, int32_t cols, int32_t pages, int32_t
   int64_t bytes = 0;
   if (block_bytes(matrix.get(), &bytes)) matrix->data = zyn_malloc(bytes);
   if (!matrix->data) {
-    zyn_report(kBlockMemory);
+    zyn_refuse(zyn_fail(kBlockMemory, ZYN_RET_ERR_MEMORY),
+               "no memory for %d rows of %lld bytes, %d pages", rows,
+               static_cast<long long>(matrix->row_bytes), pages);
     return nullptr;
   }
   return matrix.take();
@@ -85,17 +95,21 @@ zyn_matrix* zyn_create_matrix(int32_t rows, int32_t cols, int32_t pages, int32_t
 
 int32_t zyn_set_matrix_header(zyn_matrix* matrix, int32_t rows, int32_t cols, int32_t pages,
                               int32_t type) {
-  if (!matrix || rows < 1 || cols < 1 || pages < 1)
-    return zyn_fail(kSetHeaderArgs, ZYN_RET_ERR_PARA);
+  if (!matrix || rows < 1 || cols < 1 || pages < 1) {
+    const int32_t code = zyn_fail(kSetHeaderArgs, ZYN_RET_ERR_PARA);
+    return matrix ? refuse_header(code, rows, cols, pages, type) : zyn_refuse_null("the matrix");
+  }
   fill_header(matrix, rows, cols, pages, type);  // On purpose: an owned block is not freed.
   return ZYN_RET_OK;
 }
 
 int32_t zyn_set_matrix_data(zyn_matrix* matrix, void* data, int64_t length) {
-  if (!matrix || !data) return zyn_fail(kSetDataArgs, ZYN_RET_ERR_PARA);
+  if (!matrix || !data) return zyn_fail_null(kSetDataArgs, "the matrix or its data");
   int64_t bytes = 0;
   if (!block_bytes(matrix, &bytes) || length < bytes)
-    return zyn_fail(kSetDataLength, ZYN_RET_ERR_DATA_LENGTH);
+    return zyn_refuse(zyn_fail(kSetDataLength, ZYN_RET_ERR_DATA_LENGTH),
+                      "the matrix has %lld bytes, found %lld", static_cast<long long>(bytes),
+                      static_cast<long long>(length));
   if (data == matrix->data) return ZYN_RET_OK;  // its own block, owned as before
   if (matrix->data && matrix->owns_data) zyn_free(matrix->data);
   matrix->data = data;
@@ -104,7 +118,7 @@ int32_t zyn_set_matrix_data(zyn_matrix* matrix, void* data, int64_t length) {
 }
 
 int32_t zyn_release_matrix(zyn_matrix** matrix) {
-  if (!matrix || !*matrix) return zyn_fail(kReleaseArgs, ZYN_RET_ERR_PARA);
+  if (!matrix || !*matrix) return zyn_fail_null(kReleaseArgs, "the matrix");
   zyn_matrix* self = *matrix;
   if (self->owns_data && self->data) zyn_free(self->data);
   zyn_free(self);

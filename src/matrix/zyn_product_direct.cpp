@@ -53,24 +53,23 @@ void rows_plain(const zyn_product<T>& p, int64_t i) {
   if (j < p.n) tile_plain<T, Rows, 1>(p, i, j, zyn_lanes<T>::mask(p.n - j));
 }
 
-// c[i ... i + Rows)[j ... j + 4) as dot products of rows of a and b.
-template <typename T, int Rows>
+// c[i ... i + Rows)[j ... j + Cols) as dot products of rows of a and b.
+template <typename T, int Rows, int Cols>
 void tile_transposed(const zyn_product<T>& p, int64_t i, int64_t j) {
   using L = zyn_lanes<T>;
-  constexpr int kCols = 4;
   const T* a[Rows];
-  const T* b[kCols];
-  vector<T> sum[Rows][kCols];
-  ZYN_UNROLL for (int q = 0; q < kCols; q++) b[q] =
+  const T* b[Cols];
+  vector<T> sum[Rows][Cols];
+  ZYN_UNROLL for (int q = 0; q < Cols; q++) b[q] =
       p.b + (j + q < p.n ? j + q : p.n - 1) * p.b_pitch;
   ZYN_UNROLL for (int r = 0; r < Rows; r++) {
     a[r] = p.a + (i + r < p.m ? i + r : p.m - 1) * p.a_pitch;
-    ZYN_UNROLL for (int q = 0; q < kCols; q++) sum[r][q] = L::zero();
+    ZYN_UNROLL for (int q = 0; q < Cols; q++) sum[r][q] = L::zero();
   }
   const auto step = [&](auto load) __attribute__((always_inline)) {
     vector<T> left[Rows];
     ZYN_UNROLL for (int r = 0; r < Rows; r++) left[r] = load(a[r]);
-    ZYN_UNROLL for (int q = 0; q < kCols; q++) {
+    ZYN_UNROLL for (int q = 0; q < Cols; q++) {
       const vector<T> right = load(b[q]);
       ZYN_UNROLL for (int r = 0; r < Rows; r++) sum[r][q] = L::fma(left[r], right, sum[r][q]);
     }
@@ -83,10 +82,11 @@ void tile_transposed(const zyn_product<T>& p, int64_t i, int64_t j) {
   }
   ZYN_UNROLL for (int r = 0; r < Rows; r++) {
     if (i + r >= p.m) break;
-    T sums[kCols];
-    L::sums(sum[r][0], sum[r][1], sum[r][2], sum[r][3], sums);
+    T sums[Cols];
+    ZYN_UNROLL for (int q = 0; q < Cols; q += 4)
+        L::sums(sum[r][q], sum[r][q + 1], sum[r][q + 2], sum[r][q + 3], sums + q);
     T* c = p.c + (i + r) * p.c_pitch + j;
-    for (int64_t q = 0; q < kCols && j + q < p.n; q++)
+    for (int64_t q = 0; q < Cols && j + q < p.n; q++)
       c[q] = p.beta != 0 ? L::fma(p.beta, c[q], p.alpha * sums[q]) : p.alpha * sums[q];
   }
 }
@@ -98,9 +98,9 @@ void zyn_product_direct(const zyn_product<T>& p) {
   int64_t i = 0;
   if (p.transpose_b) {
     for (; p.m - i > 1; i += 3)
-      for (int64_t j = 0; j < p.n; j += 4) tile_transposed<T, 3>(p, i, j);
+      for (int64_t j = 0; j < p.n; j += 4) tile_transposed<T, 3, 4>(p, i, j);
     if (i < p.m)
-      for (int64_t j = 0; j < p.n; j += 4) tile_transposed<T, 1>(p, i, j);
+      for (int64_t j = 0; j < p.n; j += 8) tile_transposed<T, 1, 8>(p, i, j);
     return;
   }
   for (; p.m - i > 1; i += 4) rows_plain<T, 4>(p, i);

@@ -3,6 +3,7 @@
 
 #include <math.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_report.h"
 #include "zyncore.h"
 
@@ -79,7 +80,8 @@ double zyn_random_gauss(double mean, double deviation) {
 }
 
 int32_t zyn_random_norm(zyn_matrix* matrix, const void* mean, const void* deviation) {
-  if (!matrix || !matrix->data || !mean || !deviation) return zyn_fail(kArgs, ZYN_RET_ERR_PARA);
+  if (!matrix || !matrix->data || !mean || !deviation)
+    return zyn_fail_null(kArgs, "the matrix, its data, the mean or the deviation");
   switch (matrix->type & 7) {
     case ZYN_TYPE_F32:
       fill<float>(matrix, mean, deviation);
@@ -88,6 +90,7 @@ int32_t zyn_random_norm(zyn_matrix* matrix, const void* mean, const void* deviat
       fill<double>(matrix, mean, deviation);
       return ZYN_RET_OK;
     default:
-      return zyn_fail(kType, ZYN_RET_ERR_NOT_SUPPORT);
+      return zyn_refuse(zyn_fail(kType, ZYN_RET_ERR_NOT_SUPPORT),
+                        "a matrix of floats or doubles is needed, found type %u", matrix->type);
   }
 }

@@ -3,6 +3,7 @@
 
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "base/zyn_report.h"
 
@@ -35,6 +36,14 @@ bool extents_fit(int32_t dim_count, const int32_t* dims, uint32_t type) {
   return true;
 }
 
+// Says what a header needs and what was given; code.
+int32_t refuse_header(int32_t code, int32_t dim_count, const int32_t* dims, uint32_t type) {
+  return zyn_refuse(code,
+                    "a tensor has 1 to 5 dimensions of at least 1, fewer than 2^31 bytes and an "
+                    "element type of 0 to 31, found %d dimensions, %s, type %u",
+                    dim_count, zyn_extents_text(dim_count, dims).text, type);
+}
+
 // Fills the shape fields; the extents fit.
 void set_shape(zyn_tensor* tensor, int32_t dim_count, const int32_t* dims, uint32_t type) {
   memset(tensor->dims, 0, sizeof(tensor->dims));
@@ -57,11 +66,11 @@ void set_shape(zyn_tensor* tensor, int32_t dim_count, const int32_t* dims, uint3
 
 zyn_tensor* zyn_create_tensor_header(int32_t dim_count, const int32_t* dims, uint32_t type) {
   if (dim_count < 1 || dim_count > kMaxDims || !dims || type > 31) {
-    zyn_report(kHeaderArgs);
+    refuse_header(zyn_fail(kHeaderArgs, ZYN_RET_ERR_PARA), dim_count, dims, type);
     return nullptr;
   }
   if (!extents_fit(dim_count, dims, type)) {
-    zyn_report(kHeaderExtent);
+    refuse_header(zyn_fail(kHeaderExtent, ZYN_RET_ERR_PARA), dim_count, dims, type);
     return nullptr;
   }
   auto* tensor = static_cast<zyn_tensor*>(zyn_calloc(1, sizeof(zyn_tensor)));
@@ -96,10 +105,12 @@ zyn_tensor* zyn_create_tensor_like(const zyn_tensor* source) {
 int32_t zyn_set_tensor_header(zyn_tensor* tensor, int32_t dim_count, const int32_t* dims,
                               uint32_t type) {
   if (!tensor || dim_count < 1 || dim_count > kMaxDims || !dims)
-    return zyn_fail(kSetHeaderArgs, ZYN_RET_ERR_PARA);
-  if (!extents_fit(dim_count, dims, type)) return zyn_fail(kSetHeaderExtent, ZYN_RET_ERR_PARA);
+    return refuse_header(zyn_fail(kSetHeaderArgs, ZYN_RET_ERR_PARA), dim_count, dims, type);
+  if (!extents_fit(dim_count, dims, type))
+    return refuse_header(zyn_fail(kSetHeaderExtent, ZYN_RET_ERR_PARA), dim_count, dims, type);
   if (type != ZYN_TYPE_F32 && type != ZYN_TYPE_F64)
-    return zyn_fail(kSetHeaderType, ZYN_RET_ERR_PARA);
+    return zyn_refuse(zyn_fail(kSetHeaderType, ZYN_RET_ERR_PARA),
+                      "element type %u: 6 (float) or 7 (double) is needed here", type);
   set_shape(tensor, dim_count, dims, type);
   tensor->data = nullptr;  // On purpose: a block that the record owned is not freed.
   tensor->owns_data = 0;
@@ -108,8 +119,11 @@ int32_t zyn_set_tensor_header(zyn_tensor* tensor, int32_t dim_count, const int32
 }
 
 int32_t zyn_set_tensor_data(zyn_tensor* tensor, void* data, int64_t length) {
-  if (!tensor || !data) return zyn_fail(kSetDataArgs, ZYN_RET_ERR_PARA);
-  if (length < tensor->byte_size) return zyn_fail(kSetDataLength, ZYN_RET_ERR_DATA_LENGTH);
+  if (!tensor || !data) return zyn_fail_null(kSetDataArgs, "the tensor or its data");
+  if (length < tensor->byte_size)
+    return zyn_refuse(zyn_fail(kSetDataLength, ZYN_RET_ERR_DATA_LENGTH),
+                      "the tensor has %lld bytes, found %lld",
+                      static_cast<long long>(tensor->byte_size), static_cast<long long>(length));
   if (data == tensor->data) return ZYN_RET_OK;  // its own block, owned as before
   if (tensor->data && tensor->owns_data) zyn_free(tensor->data);
   tensor->data = data;
@@ -118,19 +132,19 @@ int32_t zyn_set_tensor_data(zyn_tensor* tensor, void* data, int64_t length) {
 }
 
 int32_t zyn_set_tensor_reference_value(zyn_tensor* tensor, uint32_t value) {
-  if (!tensor) return ZYN_RET_ERR_PARA;
+  if (!tensor) return zyn_refuse_null("the tensor");
   tensor->owns_data = value;
   return ZYN_RET_OK;
 }
 
 int32_t zyn_set_tensor_channel_layout(zyn_tensor* tensor, uint32_t layout) {
-  if (!tensor) return ZYN_RET_ERR_PARA;
+  if (!tensor) return zyn_refuse_null("the tensor");
   tensor->layout = layout;
   return ZYN_RET_OK;
 }
 
 int32_t zyn_release_tensor(zyn_tensor** tensor) {
-  if (!tensor || !*tensor) return zyn_fail(kReleaseArgs, ZYN_RET_ERR_PARA);
+  if (!tensor || !*tensor) return zyn_fail_null(kReleaseArgs, "the tensor");
   zyn_tensor* self = *tensor;
   if (self->owns_data && self->data) zyn_free(self->data);
   zyn_free(self);

@@ -4,6 +4,7 @@
 #include <immintrin.h>
 #include <math.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "matrix/zyn_math.h"
 #include "matrix/zyn_tensor.h"
@@ -51,6 +52,15 @@ bool take_image(zyn_tensor* destination, const zyn_tensor* source, uint32_t layo
   int64_t words = 0;
   return zyn_multiply(image->pixels, image->channels, &words) && words <= source->count &&
          holds_words(source, words) && holds_words(destination, words);
+}
+
+int32_t refuse_image(const zyn_tensor* destination, const zyn_tensor* source, uint32_t layout) {
+  if (!destination || !source) return zyn_refuse_null("the destination or the source");
+  return zyn_refuse(ZYN_RET_ERR_PARA,
+                    "two tensors with data of one size, 3 dimensions or more and 4 bytes an "
+                    "element are needed, the source in layout %u, found %s from %s in layout %u",
+                    layout, zyn_extents_text(destination->dim_count, destination->dims).text,
+                    zyn_extents_text(source->dim_count, source->dims).text, source->layout);
 }
 
 // Rows of four words become columns.
@@ -235,7 +245,8 @@ bool same_shape(const zyn_tensor* a, const zyn_tensor* b) {
 
 int32_t zyn_tensor_convert_NCHW2NHWC(zyn_tensor* destination, const zyn_tensor* source) {
   image_words image;
-  if (!take_image(destination, source, ZYN_LAYOUT_PLANAR, &image)) return ZYN_RET_ERR_PARA;
+  if (!take_image(destination, source, ZYN_LAYOUT_PLANAR, &image))
+    return refuse_image(destination, source, ZYN_LAYOUT_PLANAR);
   for (int64_t p = 0; p < image.pixels; p += kTile) {
     const int64_t last = p + kTile < image.pixels ? p + kTile : image.pixels;
     int64_t c = 0;
@@ -248,7 +259,8 @@ int32_t zyn_tensor_convert_NCHW2NHWC(zyn_tensor* destination, const zyn_tensor* 
 
 int32_t zyn_tensor_convert_NHWG2NHWC(zyn_tensor* destination, const zyn_tensor* source) {
   image_words image;
-  if (!take_image(destination, source, ZYN_LAYOUT_BLOCKED, &image)) return ZYN_RET_ERR_PARA;
+  if (!take_image(destination, source, ZYN_LAYOUT_BLOCKED, &image))
+    return refuse_image(destination, source, ZYN_LAYOUT_BLOCKED);
   for (int64_t p = 0; p < image.pixels; p += kTile) {
     const int64_t last = p + kTile < image.pixels ? p + kTile : image.pixels;
     int64_t c = 0;
@@ -260,13 +272,23 @@ int32_t zyn_tensor_convert_NHWG2NHWC(zyn_tensor* destination, const zyn_tensor* 
   return ZYN_RET_OK;
 }
 
+static int32_t refuse_groups(const zyn_tensor* destination, const zyn_tensor* source,
+                             int32_t group_size) {
+  return zyn_refuse(ZYN_RET_ERR_PARA,
+                    "two tensors of floats of one shape that hold groups of %d are needed, found "
+                    "%s from %s",
+                    group_size, zyn_extents_text(destination->dim_count, destination->dims).text,
+                    zyn_extents_text(source->dim_count, source->dims).text);
+}
+
 int32_t zyn_tensor_softmax(zyn_tensor* destination, const zyn_tensor* source, int32_t group_size) {
-  if (!destination || !source || group_size < 1 || !same_shape(destination, source))
-    return ZYN_RET_ERR_PARA;
+  if (!destination || !source) return zyn_refuse_null("the destination or the source");
+  if (group_size < 1 || !same_shape(destination, source))
+    return refuse_groups(destination, source, group_size);
   const int64_t groups = source->count / group_size;
   const int64_t words = groups * group_size;
   if (groups < 1 || !holds_words(source, words) || !holds_words(destination, words))
-    return ZYN_RET_ERR_PARA;
+    return refuse_groups(destination, source, group_size);
   const auto* x = static_cast<const float*>(source->data);
   auto* y = static_cast<float*>(destination->data);
   const bool apart = x == y || disjoint(x, words * kWord, y, words * kWord);
@@ -283,10 +305,15 @@ int32_t zyn_tensor_softmax(zyn_tensor* destination, const zyn_tensor* source, in
 int32_t zyn_tensor_transform_data_from_fpi16_to_real32(zyn_tensor* destination,
                                                        const zyn_tensor* source, int32_t count,
                                                        uint32_t q) {
-  if (!destination || !source || destination->count < count || source->count < count || q >= 16 ||
-      source->type != ZYN_TYPE_FPI16 || destination->type != ZYN_TYPE_F32 || !source->data ||
-      !destination->data)
-    return ZYN_RET_ERR_PARA;
+  if (!destination || !source || !destination->data || !source->data)
+    return zyn_refuse_null("the destination, the source or the data of one");
+  if (destination->count < count || source->count < count || q >= 16 ||
+      source->type != ZYN_TYPE_FPI16 || destination->type != ZYN_TYPE_F32)
+    return zyn_refuse(ZYN_RET_ERR_PARA,
+                      "%d elements from type 3 to type 6 with q of 0 to 15 are needed, found %lld "
+                      "of type %u, %lld of type %u, q %u",
+                      count, static_cast<long long>(source->count), source->type,
+                      static_cast<long long>(destination->count), destination->type, q);
   const auto* x = static_cast<const int16_t*>(source->data);
   auto* y = static_cast<float*>(destination->data);
   const float scale = 1.0f / static_cast<float>(1 << q);

@@ -1,21 +1,18 @@
 // Networks: loading, ports, running, release.
-#include <stdio.h>
 #include <string.h>
 
 #include <new>
 
 #include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
-#include "base/zyn_platform.h"
 #include "base/zyn_report.h"
 #include "cg/cpu/zyn_cg_layout.h"
-#include "net/zyn_check.h"
+#include "cg/cpu/check/zyn_check.h"
 #include "net/zyn_net_graph.h"
 
 namespace {
 
 constexpr zyn_net_options kDefaults = ZYN_NET_DEFAULTS;
-constexpr int64_t kMostFileBytes = int64_t{1} << 31;
 constexpr int32_t kTimedRuns = 7;
 constexpr int64_t kMostMemory = int64_t{1} << 31;
 
@@ -29,39 +26,6 @@ int32_t check_options(const zyn_net_options& options) {
                       options.method);
   if (options.memory_limit < 0) return zyn_refuse(ZYN_RET_ERR_PARA, "the memory limit is negative");
   return ZYN_RET_OK;
-}
-
-// A file's bytes; null with an explanation. The frame is read first, so that a file of
-// another kind is not read whole.
-void* read_file(const char* path, int64_t* size) {
-  FILE* file = zyn_platform_open(path, "rb");
-  if (!file) {
-    zyn_explain("'%s' cannot be opened", path);
-    return nullptr;
-  }
-  zyn_file_frame frame = {};
-  const bool framed = fread(&frame, sizeof(frame), 1, file) == 1 &&
-                      memcmp(frame.magic, kZynFileMagic, sizeof(frame.magic)) == 0;
-  const bool usual = framed && frame.byte_order == kZynFileByteOrder;
-  if (framed && usual && frame.size > static_cast<uint64_t>(kMostFileBytes)) {
-    zyn_explain("'%s' says that it has %llu bytes; at most 2^31 are read", path,
-                static_cast<unsigned long long>(frame.size));
-    fclose(file);
-    return nullptr;
-  }
-  // One byte more than the frame says: what is behind the end is noticed. A file without a
-  // frame is read as far as it takes to say what is wrong with it.
-  const int64_t least = sizeof(frame) + kZynFileDigestBytes;
-  int64_t bytes = usual ? static_cast<int64_t>(frame.size) : least;
-  if (bytes < least) bytes = least;
-  zyn_scratch<uint8_t> data(bytes + 1);
-  if (!data) no_memory();
-  if (data) {
-    rewind(file);
-    *size = static_cast<int64_t>(fread(data.get(), 1, static_cast<size_t>(bytes) + 1, file));
-  }
-  fclose(file);
-  return data.take();
 }
 
 void release_graph(zyn_net* net) {
@@ -229,12 +193,8 @@ const zyn_net_port* find_port(const zyn_net_port* ports, int32_t count, const ch
 }  // namespace
 
 zyn_net* zyn_net_load(const char* path, const zyn_net_options* options) {
-  if (!path) {
-    zyn_explain("the file's name is null");
-    return nullptr;
-  }
   int64_t size = 0;
-  void* bytes = read_file(path, &size);
+  void* bytes = zyn_net_read_file(path, &size);
   return bytes ? load_as_asked(bytes, size, options ? *options : kDefaults) : nullptr;
 }
 

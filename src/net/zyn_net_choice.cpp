@@ -1,5 +1,5 @@
 // The choice of a method for every convolution: what each takes by a formula whose numbers
-// were fitted to 566 layers timed on one core (2.7 GHz, AVX2), and what it takes to bring
+// were fitted to 820 layers timed on one core (2.7 GHz, AVX2), and what it takes to bring
 // channels into the order that the next node wants. Starting from one method for all, runs
 // of neighbouring convolutions change their method as long as that lowers the sum.
 #include <string.h>
@@ -7,7 +7,7 @@
 #include "cg/cpu/ops/zyn_cg_function.h"
 #include "cg/cpu/ops/zyn_cg_join.h"
 #include "cg/cpu/zyn_cg_records.h"
-#include "net/zyn_check.h"
+#include "cg/cpu/check/zyn_check.h"
 #include "net/zyn_net_graph.h"
 
 namespace {
@@ -15,14 +15,21 @@ namespace {
 // Above so many nodes every convolution is chosen by itself: the search looks at each change
 // with the whole network.
 constexpr int32_t kMostSearched = 512;
-constexpr int32_t kLastMethod = ZYN_METHOD_GENERAL_PLANAR;
-constexpr double kWorthIt = 0.999;  // a change that saves less is noise
+constexpr int32_t kMethods = ZYN_METHOD_GENERAL_PLANAR + 1;
+constexpr bool kOrders[] = {false, true};  // of channels: planar, blocked
+constexpr double kWorthIt = 0.999;         // a change that saves less is noise
 
-// Microseconds of a layer: the sum of what was fitted times what it counts.
+// A layer by what its microseconds are fitted to.
 struct layer {
   bool depthwise;
+  bool usual;  // kernel 3 or 5 with padding kernel / 2, stride 1 or 2, no dilation: methods 0 and 2
+               // have kernels for these
   int32_t kernel, stride;
+  double taps;
   double in_channels, out_channels, pixels_in, pixels_out, rows_out;
+
+  double weights() const { return taps * in_channels * out_channels; }
+  double moved() const { return pixels_in * in_channels + pixels_out * out_channels; }
 };
 
 double rounded_up(double value, int32_t step) {
@@ -40,63 +47,73 @@ double block_lanes(double channels, double single) {
          single * static_cast<double>(count >= 4 ? count - 4 : count);
 }
 
+double planar_depthwise(const layer& l) {
+  const double work = l.taps * l.pixels_out * l.in_channels, rows = l.in_channels * l.rows_out;
+  if (!l.usual) return 9.7e-5 * work + (l.stride == 1 ? 0.028 : 0.053) * rows + 0.28;
+  return l.stride == 1
+             ? 3.2e-5 * work + 3.6e-4 * l.taps * rows + 8e-3 * l.in_channels + 0.07
+             : 5.8e-5 * work + (1.3e-3 + 3.8e-4 * l.taps) * rows + 1e-2 * l.in_channels + 0.02;
+}
+
 double planar_cost(const layer& l) {  // method 0
-  const double taps = l.kernel * l.kernel;
-  if (l.depthwise)
-    return l.stride == 1 ? 4.2e-5 * taps * l.pixels_out * l.in_channels +
-                               4.5e-3 * l.in_channels * l.rows_out + 0.02
-                         : 8.5e-5 * taps * l.pixels_out * l.in_channels +
-                               3.2e-3 * l.in_channels * l.rows_out + 0.015 * l.in_channels + 0.02;
-  const double columns = rounded_up(l.pixels_out, 8);
-  const double outputs = rounded_up(l.out_channels, 4);
-  const double work = taps * columns * l.in_channels * outputs;
-  return l.kernel == 1
-             ? 2.3e-5 * work +
-                   8.2e-5 * (l.pixels_in * l.in_channels + l.pixels_out * l.out_channels) + 0.03
-             : 4.7e-5 * work + 1.1e-4 * taps * l.in_channels * l.out_channels +
-                   0.04 * l.in_channels + 0.4;
+  if (l.depthwise) return planar_depthwise(l);
+  const double outputs = l.in_channels * rounded_up(l.out_channels, 4);
+  const double rows = l.in_channels * l.out_channels * l.rows_out;
+  if (l.kernel == 1) {
+    const double work = rounded_up(l.pixels_out, 8) * outputs;
+    return l.stride == 1 ? 1.9e-5 * work + 5.1e-5 * l.moved() + 0.05
+                         : 3.8e-5 * work + 1.4e-4 * l.moved() + 7.3e-4 * rows + 0.47;
+  }
+  const double columns = rounded_up(l.pixels_out / l.rows_out, 8) * l.taps * l.rows_out;
+  if (l.usual && l.kernel == 3 && l.stride == 1)  // channel by channel
+    return 3.6e-5 * columns * l.in_channels * (l.out_channels + 0.6) + 0.4;
+  const double work = columns * outputs;
+  if (l.stride == 1) return 3.6e-5 * work + 0.4;
+  return l.usual ? 3.9e-5 * work + 1.2e-3 * rows + 0.65
+                 : 3.7e-5 * work + 1.5e-4 * l.taps * rows + 0.5;
 }
 
 double blocked_cost(const layer& l) {  // method 1
-  const double taps = l.kernel * l.kernel;
+  const double rows = l.in_channels * l.rows_out;
   if (l.depthwise)
-    return (l.stride == 1 ? 3.2e-5 : 3.5e-5) * taps * l.pixels_out * block_lanes(l.in_channels, 6) +
-           0.03;
-  const double work = taps * l.pixels_out * l.in_channels * block_lanes(l.out_channels, 3.5);
-  const double moved = l.pixels_in * l.in_channels + l.pixels_out * l.out_channels;
-  const double weights = taps * l.in_channels * l.out_channels;
-  return l.kernel == 1 ? 2.0e-5 * work + 5.2e-5 * moved + 5.7e-5 * weights + 0.06
-                       : 2.1e-5 * work + 1.4e-4 * moved + 2.0e-4 * weights + 0.25;
+    return 2.2e-5 * l.taps * l.pixels_out * block_lanes(l.in_channels, 6) + 1.4e-4 * rows +
+           1.4e-5 * l.pixels_in * l.in_channels + 0.08;
+  const double work = l.taps * l.pixels_out * l.in_channels * block_lanes(l.out_channels, 3.5);
+  return l.kernel == 1 ? 1.75e-5 * work + 5e-5 * l.moved() + 5e-5 * l.weights() + 0.08
+                       : 2.05e-5 * work + 4.1e-5 * l.moved() + 3.4e-5 * l.weights() + 0.34;
 }
 
 double planned_cost(const layer& l) {  // method 2
-  const double taps = l.kernel * l.kernel;
   if (l.depthwise)
-    return l.stride == 1
-               ? 2.2e-5 * taps * l.pixels_out * l.in_channels + 9e-4 * l.in_channels * l.rows_out +
-                     2e-4 * l.pixels_in * l.in_channels + 0.06
-               : 1.9e-5 * taps * l.pixels_in * l.in_channels + 7e-3 * l.in_channels + 0.07;
-  const double outputs = static_cast<int64_t>(l.out_channels) % 6 == 0
-                             ? l.out_channels
-                             : rounded_up(l.out_channels, 4);
-  const double work = taps * rounded_up(l.pixels_out, 8) * l.in_channels * outputs;
-  const double moved =
-      (taps > 1 ? taps : 1) * l.pixels_in * l.in_channels + l.pixels_out * l.out_channels;
-  const double weights = taps * l.in_channels * l.out_channels;
-  return l.kernel == 1
-             ? 2.15e-5 * work + 5.3e-5 * moved + 4.4e-5 * weights + 0.12
-             : 2.35e-5 * work + 6e-5 * moved + 1.1e-4 * weights + 0.025 * l.in_channels + 0.4;
+    return (l.stride == 1 ? 3.9e-5 : 6.5e-5) * l.taps * l.pixels_out * l.in_channels +
+           3e-3 * l.in_channels + 0.14;
+  const bool pointwise = l.kernel == 1 && l.stride == 1;
+  if (pointwise && l.pixels_out <= 1) return 4.5e-5 * l.weights() + 2e-3 * l.in_channels + 0.1;
+  const double fours = rounded_up(l.out_channels, 4);
+  const bool sixes = static_cast<int64_t>(l.out_channels) % 6 == 0 && (pointwise || l.usual);
+  const double work =
+      l.taps * rounded_up(l.pixels_out, 8) * l.in_channels * (sixes ? l.out_channels : fours);
+  if (pointwise) return 1.85e-5 * work + 6.4e-5 * l.moved() + 2.4e-5 * l.weights() + 0.12;
+  if (l.usual)
+    return 2.1e-5 * work + 3.2e-5 * l.taps * l.pixels_in * l.in_channels +
+           5e-5 * l.pixels_out * l.out_channels + 6.8e-5 * l.weights() + 0.016 * l.in_channels +
+           0.4;
+  return 2.05e-5 * work + 1.2e-4 * l.taps * l.pixels_out * l.in_channels +
+         2e-4 * l.pixels_out * l.out_channels + 7e-3 * l.taps * l.in_channels * l.rows_out + 0.25;
 }
 
 // Methods 3 and 4; rows are gathered and the sums scattered on the way.
 double general_cost(const layer& l, bool blocked_input, bool blocked_output) {
-  const double taps = l.kernel * l.kernel;
   const double outputs = rounded_up(l.out_channels, 8);
-  const double moved = (blocked_input ? 1.1e-4 : 1.75e-4) * l.pixels_in * l.in_channels +
-                       (blocked_output ? 0 : 0.65e-4) * l.pixels_out * outputs;
-  if (l.depthwise) return 2.6e-5 * taps * l.pixels_out * outputs + moved + 0.02 * outputs / 8 + 0.1;
-  return 2.15e-5 * taps * l.pixels_out * l.in_channels * outputs + moved +
-         5.7e-5 * taps * l.in_channels * outputs + 0.25;
+  if (l.depthwise)
+    return 2.1e-5 * l.taps * l.pixels_out * outputs +
+           (blocked_input ? 1.7e-5 : 1.2e-4) * l.pixels_in * outputs +
+           (blocked_output ? 4.8e-5 : 1.65e-4) * l.pixels_out * outputs + 1.8e-3 * outputs + 0.09;
+  const double gathered = blocked_input ? (l.kernel == 1 ? 1.5e-5 : 7e-5) : 2e-4;
+  return 1.95e-5 * l.taps * l.pixels_out * l.in_channels * outputs +
+         gathered * l.pixels_in * l.in_channels +
+         (blocked_output ? 8.5e-5 : 1.85e-4) * l.pixels_out * outputs +
+         3.8e-5 * l.taps * l.in_channels * outputs + 6e-4 * outputs + 0.15;
 }
 
 // Bringing a tensor from one order of channels to the other.
@@ -130,9 +147,10 @@ class chooser {
       if (!blocked_.push(0)) return false;
       if (net_->methods[id] >= 0 && !convolutions_.push(id)) return false;
     }
-    if (!kept_.reserve(count) || !best_.reserve(count)) return false;
+    if (!kept_.reserve(count) || !best_.reserve(count) || !fill_tables() || !find_steps())
+      return false;
     double best = -1;
-    for (int32_t method = 0; method <= kLastMethod; method++) {
+    for (int32_t method = 0; method < kMethods; method++) {
       for (int64_t i = 0; i < convolutions_.count(); i++) set(convolutions_[i], method);
       double cost = total();
       if (count <= kMostSearched) cost = search(cost);
@@ -157,62 +175,111 @@ class chooser {
     return checker_.shape(zyn_darray_ids(reads)[0]);
   }
 
-  // Gives a convolution a method, or the one that takes its layer where that refuses it.
-  void set(int32_t id, int32_t method) {
+  // The method that a convolution gets where one is wanted: that, or the one that takes its layer
+  // where that refuses it.
+  int32_t method_for(int32_t id, int32_t wanted) const {
     const zyn_conv_param& p = record(id);
     const zyn_check_shape& in = input_of(id);
     const int32_t type = net_->nodes[id].type;
-    if (!zyn_check_method_computes(static_cast<uint32_t>(method), type, p, in))
-      method = zyn_check_method_computes(2, type, p, in) ? 2 : 0;
-    net_->methods[id] = method;
+    if (zyn_check_method_computes(static_cast<uint32_t>(wanted), type, p, in)) return wanted;
+    return zyn_check_method_computes(2, type, p, in) ? 2 : 0;
   }
 
-  double cost_of(int32_t id, bool blocked_input) const {
+  // What the search asks for again and again.
+  bool fill_tables() {
+    for (int32_t id = 0; id < net_->description.node_count; id++)
+      for (int32_t method = 0; method < kMethods; method++) {
+        const bool is_conv = net_->methods[id] >= 0;
+        const int32_t taken = is_conv ? method_for(id, method) : -1;
+        if (!taken_.push(taken)) return false;
+        for (const bool blocked : kOrders)
+          if (!costs_.push(is_conv ? cost_of(id, method, blocked) : 0)) return false;
+      }
+    return true;
+  }
+  void set(int32_t id, int32_t method) { net_->methods[id] = taken_[id * kMethods + method]; }
+  double node_cost(int32_t id, bool blocked_input) const {
+    return costs_[(id * kMethods + net_->methods[id]) * 2 + (blocked_input ? 1 : 0)];
+  }
+
+  double cost_of(int32_t id, int32_t method, bool blocked_input) const {
     const zyn_conv_param& p = record(id);
     const zyn_check_shape &in = input_of(id), &out = checker_.shape(id);
     const double pixels_in = static_cast<double>(in.extent(0)) * static_cast<double>(in.extent(1));
     const double rows = static_cast<double>(out.extent(1));
+    const bool own = p.kernel_h == p.kernel_w && (p.kernel_h == 3 || p.kernel_h == 5) &&
+                     p.stride_h == p.stride_w && p.stride_h <= 2;
     const layer l = {p.groups != 1,
-                     p.kernel_h,
-                     p.stride_h,
+                     own && p.pad_h == p.kernel_h / 2 && p.pad_w == p.pad_h && p.dilation_h == 1 &&
+                         p.dilation_w == 1,
+                     p.kernel_h > p.kernel_w ? p.kernel_h : p.kernel_w,
+                     p.stride_h > p.stride_w ? p.stride_h : p.stride_w,
+                     static_cast<double>(p.kernel_h) * p.kernel_w,
                      static_cast<double>(p.in_channels),
                      static_cast<double>(p.out_channels),
                      pixels_in,
                      static_cast<double>(out.extent(0)) * rows,
                      rows};
-    const int32_t method = net_->methods[id];
     return method == 0   ? planar_cost(l)
            : method == 1 ? blocked_cost(l)
            : method == 2 ? planned_cost(l)
                          : general_cost(l, blocked_input, method == ZYN_METHOD_GENERAL);
   }
 
-  // What the network takes under net->methods.
-  double total() {
-    double sum = 0;
+  // What total() has to know of the nodes in their order, and of what they read.
+  struct step {
+    int32_t id, first;  // the node, and the first that it reads
+    bool is_conv, keeps, has_order;
+    int64_t reads, read_count;
+  };
+  struct read {
+    int32_t from;
+    double conversion;
+  };
+
+  bool find_steps() {
     const zyn_cg_handle* graph = net_->graph;
     for (int32_t k = 0; k < graph->sorted_count; k++) {
       const int32_t id = graph->order[k];
-      const zyn_darray* reads = zyn_cg_inputs(graph, id);
-      if (!reads || reads->count == 0) continue;
-      const bool is_conv = net_->methods[id] >= 0;
-      const bool keeps = keeps_order(net_->nodes[id].type, graph->bindings[id].param);
-      const int32_t first = zyn_darray_ids(reads)[0];
-      const int32_t method = net_->methods[id];
+      const zyn_darray* inputs = zyn_cg_inputs(graph, id);
+      if (!inputs || inputs->count == 0) continue;
+      step s = {id,
+                zyn_darray_ids(inputs)[0],
+                net_->methods[id] >= 0,
+                keeps_order(net_->nodes[id].type, graph->bindings[id].param),
+                has_order(checker_.shape(id)),
+                reads_.count(),
+                0};
+      for (int64_t i = 0; i < inputs->count; i++) {
+        const int32_t from = zyn_darray_ids(inputs)[i];
+        if (checker_.is_constant(from) || !has_order(checker_.shape(from))) continue;
+        if (!reads_.push({from, conversion_cost(checker_.shape(from))})) return false;
+      }
+      s.read_count = reads_.count() - s.reads;
+      if (!steps_.push(s)) return false;
+    }
+    return true;
+  }
+
+  // What the network takes under net->methods.
+  double total() {
+    double sum = 0;
+    for (int64_t k = 0; k < steps_.count(); k++) {
+      const step& s = steps_[k];
+      const int32_t method = net_->methods[s.id];
       const bool any_order = method == ZYN_METHOD_GENERAL || method == ZYN_METHOD_GENERAL_PLANAR;
-      const bool wants_blocked = is_conv ? method == 1 : keeps && blocked_[first];
+      const bool wants_blocked = s.is_conv ? method == 1 : s.keeps && blocked_[s.first];
       const bool writes_blocked = method == ZYN_METHOD_GENERAL || wants_blocked;
       bool reads_blocked = wants_blocked;
-      for (int64_t i = 0; i < reads->count; i++) {
-        const int32_t from = zyn_darray_ids(reads)[i];
-        if (checker_.is_constant(from) || !has_order(checker_.shape(from))) continue;
+      for (int64_t i = s.reads; i < s.reads + s.read_count; i++) {
+        const bool is_blocked = blocked_[reads_[i].from] != 0;
         if (any_order)
-          reads_blocked = blocked_[from] != 0;
-        else if ((blocked_[from] != 0) != wants_blocked)
-          sum += conversion_cost(checker_.shape(from));
+          reads_blocked = is_blocked;
+        else if (is_blocked != wants_blocked)
+          sum += reads_[i].conversion;
       }
-      blocked_[id] = writes_blocked && has_order(checker_.shape(id)) ? 1 : 0;
-      if (is_conv) sum += cost_of(id, reads_blocked);
+      blocked_[s.id] = writes_blocked && s.has_order ? 1 : 0;
+      if (s.is_conv) sum += node_cost(s.id, reads_blocked);
     }
     for (int32_t i = 0; i < net_->description.output_count; i++) {
       const int32_t id = net_->description.outputs[i].node;
@@ -227,8 +294,8 @@ class chooser {
       changed = false;
       for (int64_t length = 1; length <= convolutions_.count(); length *= 2)
         for (int64_t first = 0; first + length <= convolutions_.count(); first++)
-          for (int32_t method = 0; method <= kLastMethod; method++) {
-            const double tried = try_run(first, length, method);
+          for (int32_t method = 0; method < kMethods; method++) {
+            const double tried = try_run(first, length, method, cost);
             if (tried < kWorthIt * cost) {
               cost = tried;
               changed = true;
@@ -241,19 +308,27 @@ class chooser {
     return cost;
   }
 
-  double try_run(int64_t first, int64_t length, int32_t method) {
+  // What the network takes with another method for a run; cost: what it takes now.
+  double try_run(int64_t first, int64_t length, int32_t method, double cost) {
     kept_.cut(0);
+    bool changes = false;
     for (int64_t i = 0; i < length; i++) {
-      kept_.push(net_->methods[convolutions_[first + i]]);
-      set(convolutions_[first + i], method);
+      const int32_t id = convolutions_[first + i], before = net_->methods[id];
+      kept_.push(before);
+      set(id, method);
+      changes |= net_->methods[id] != before;
     }
-    return total();
+    return changes ? total() : cost;
   }
 
   zyn_net* net_;
   const zyn_checker& checker_;
   zyn_list<int32_t> convolutions_;  // ids
   zyn_list<uint8_t> blocked_;       // by id: whether the output is in blocked order
+  zyn_list<step> steps_;
+  zyn_list<read> reads_;
+  zyn_list<int32_t> taken_;  // by id and method
+  zyn_list<double> costs_;   // by id, method, order of the input
   zyn_list<int32_t> kept_, best_;
 };
 

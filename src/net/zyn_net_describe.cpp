@@ -149,6 +149,7 @@ void zyn_net_describe_nodes(zyn_net* net) {
     if (!tensor) continue;
     node.dim_count = tensor->dim_count;
     memcpy(node.dims, tensor->dims, sizeof(node.dims));
+    node.operation = zyn_cg_node_operation(net->graph, id, node.type);
     node.method = net->methods[id];
     for (uint32_t i = 0; i < file.inputs.count; i++) {
       const uint32_t from = net->file.word(int64_t{file.inputs.first} + i);

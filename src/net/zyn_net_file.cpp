@@ -3,16 +3,19 @@
 #include "net/zyn_net_file.h"
 
 #include <math.h>
+#include <stdio.h>
 #include <string.h>
 
 #include "base/zyn_explain.h"
 #include "base/zyn_md5.h"
 #include "base/zyn_memory.h"
+#include "base/zyn_platform.h"
 #include "cg/cpu/zyn_cg.h"
 #include "net/zyn_net_params.h"
 
 namespace {
 
+constexpr int64_t kMostFileBytes = int64_t{1} << 31;
 constexpr int64_t kMostElements = INT32_MAX;
 constexpr int32_t kRefused = ZYN_RET_ERR_PARA;
 // Most inputs, outputs and metadata: their names are compared with each other.
@@ -85,6 +88,42 @@ int64_t zyn_file_record_bytes(uint32_t section) {
     default:
       return sizeof(uint32_t);
   }
+}
+
+void* zyn_net_read_file(const char* path, int64_t* size) {
+  if (!path) {
+    zyn_explain("the file's name is null");
+    return nullptr;
+  }
+  FILE* file = zyn_platform_open(path, "rb");
+  if (!file) {
+    zyn_explain("'%s' cannot be opened", path);
+    return nullptr;
+  }
+  zyn_file_frame frame = {};
+  const bool framed = fread(&frame, sizeof(frame), 1, file) == 1 &&
+                      memcmp(frame.magic, kZynFileMagic, sizeof(frame.magic)) == 0;
+  const bool usual = framed && frame.byte_order == kZynFileByteOrder;
+  if (framed && usual && frame.size > static_cast<uint64_t>(kMostFileBytes)) {
+    zyn_explain("'%s' says that it has %llu bytes; at most 2^31 are read", path,
+                static_cast<unsigned long long>(frame.size));
+    fclose(file);
+    return nullptr;
+  }
+  // One byte more than the frame says: what is behind the end is noticed. A file without a
+  // frame is read as far as it takes to say what is wrong with it.
+  const int64_t least = sizeof(frame) + kZynFileDigestBytes;
+  int64_t bytes = usual ? static_cast<int64_t>(frame.size) : least;
+  if (bytes < least) bytes = least;
+  zyn_scratch<uint8_t> data(bytes + 1);
+  if (!data)
+    zyn_explain("no memory for the %lld bytes of '%s'", static_cast<long long>(bytes), path);
+  if (data) {
+    rewind(file);
+    *size = static_cast<int64_t>(fread(data.get(), 1, static_cast<size_t>(bytes) + 1, file));
+  }
+  fclose(file);
+  return data.take();
 }
 
 int32_t zyn_net_file::open(const void* data, int64_t size) {

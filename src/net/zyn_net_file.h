@@ -5,6 +5,7 @@
 
 #include <stdint.h>
 
+#include "base/zyn_list.h"
 #include "zyncore_net.h"
 
 // Sections by id.
@@ -85,6 +86,10 @@ inline constexpr uint32_t kZynFileMostSections = 16;
 int64_t zyn_file_record_bytes(uint32_t section);
 inline int64_t zyn_file_alignment(uint32_t section) { return section == ZYN_FILE_DATA ? 64 : 8; }
 
+// A file's bytes, which zyn_free frees; null with an explanation. The frame is read first, so that
+// a file of another kind is not read whole.
+void* zyn_net_read_file(const char* path, int64_t* size);
+
 // A file in memory whose every rule has been checked. Records are read by copy: the memory
 // need not be aligned.
 class zyn_net_file {
@@ -110,6 +115,13 @@ class zyn_net_file {
   }
   uint32_t method(int64_t node) const {
     return count(ZYN_FILE_METHODS) ? record<uint32_t>(ZYN_FILE_METHODS, node) : kZynFileNone;
+  }
+  // Puts all records of a section behind a list's; false without memory.
+  template <typename Record>
+  bool copy(uint32_t section, zyn_list<Record>* list) const {
+    if (!list->reserve(count(section))) return false;
+    for (int64_t i = 0; i < count(section); i++) list->push(record<Record>(section, i));
+    return true;
   }
   // The bytes of a text (not ended by a zero), and of a constant's values.
   const char* text(const zyn_file_text& text) const {

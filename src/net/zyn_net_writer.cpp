@@ -183,6 +183,27 @@ int32_t put_file(const zyn_net_writer* writer, zyn_list<uint8_t>* bytes) {
   return check.open(bytes->data(), bytes->count());
 }
 
+// Fills an empty writer; false without memory. Records and what they refer to stay where they are
+// in their sections.
+bool copy_file(const zyn_net_file& file, zyn_net_writer* writer) {
+  static constexpr float kZeros[kDataFloats] = {};
+  const int64_t ragged = file.count(ZYN_FILE_DATA) % kDataFloats;
+  if (!file.copy(ZYN_FILE_TEXTS, &writer->texts) || !file.copy(ZYN_FILE_NODES, &writer->nodes) ||
+      !file.copy(ZYN_FILE_WORDS, &writer->words) ||
+      !file.copy(ZYN_FILE_CONSTANTS, &writer->constants) ||
+      !file.copy(ZYN_FILE_DATA, &writer->data) ||
+      !writer->data.append(kZeros, ragged ? kDataFloats - ragged : 0) ||
+      !file.copy(ZYN_FILE_INPUTS, &writer->inputs) ||
+      !file.copy(ZYN_FILE_OUTPUTS, &writer->outputs) ||
+      !file.copy(ZYN_FILE_METADATA, &writer->metadata))
+    return false;
+  for (int64_t id = 0; id < writer->nodes.count(); id++)
+    if (!writer->q.push(file.q(id)) || !writer->methods.push(file.method(id))) return false;
+  writer->has_q = file.count(ZYN_FILE_Q) > 0;
+  writer->has_methods = file.count(ZYN_FILE_METHODS) > 0;
+  return true;
+}
+
 }  // namespace
 
 zyn_net_writer* zyn_net_writer_create() {
@@ -192,6 +213,19 @@ zyn_net_writer* zyn_net_writer_create() {
     return nullptr;
   }
   return new (block) zyn_net_writer{};
+}
+
+zyn_net_writer* zyn_net_writer_load(const char* path) {
+  int64_t size = 0;
+  const zyn_scratch<uint8_t> bytes(static_cast<uint8_t*>(zyn_net_read_file(path, &size)));
+  zyn_net_file file;
+  if (!bytes || file.open(bytes.get(), size) != ZYN_RET_OK) return nullptr;
+  zyn_net_writer* writer = zyn_net_writer_create();
+  if (writer && !copy_file(file, writer)) {
+    zyn_net_writer_release(&writer);
+    no_memory();
+  }
+  return writer;
 }
 
 void zyn_net_writer_release(zyn_net_writer** writer) {

@@ -45,6 +45,7 @@
 #include <math.h>
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "zyncore.h"
 
 namespace {
@@ -355,7 +356,8 @@ void add_poses(const frames& f, const vec& first, double c, poses* found) {
 
 int32_t zyn_solve_ap3p(double* rotations, double* translations, const float* world,
                        const float* image, const float* camera, const void*, int32_t* count) {
-  if (!rotations || !translations || !world || !image || !camera || !count) return ZYN_RET_ERR_PARA;
+  if (!rotations || !translations || !world || !image || !camera || !count)
+    return zyn_refuse_null("the rotations, translations, points, camera or count");
   const double per_fx = 1 / static_cast<double>(camera[0]);
   const double per_fy = 1 / static_cast<double>(camera[4]);
   vec points[3], bearings[3];

@@ -6,6 +6,7 @@
 #include <math.h>
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "matrix/zyn_matrix_ops.h"
 #include "tracking/zyn_tracking_report.h"
@@ -263,6 +264,8 @@ zyn_sort_match_info* zyn_associate_detections_to_trackers(const zyn_detection* d
   // On purpose: null tracks are let through, and overlap nothing.
   if (!detections || detection_count == 0 || track_count == 0) {
     zyn_report(kAssociateArgs);
+    zyn_explain("detections and tracks are needed, found %d%s and %d", detection_count,
+                detections ? "" : " at null", track_count);
     return nullptr;
   }
   const zyn_matrix_guard scores(zyn_create_matrix(detection_count, track_count, 1, ZYN_TYPE_F32));
@@ -274,6 +277,10 @@ zyn_sort_match_info* zyn_associate_detections_to_trackers(const zyn_detection* d
   int32_t* const pairs = zyn_assignment_pairs(scores.get());
   if (!pairs) {
     zyn_report(kSolve);
+    zyn_explain(
+        "the overlaps of %d detections with %d tracks cannot be solved: no memory, or a box "
+        "that is not finite",
+        detection_count, track_count);
     return nullptr;
   }
   zyn_sort_match_info* const info = make_match_info(scores.get(), pairs, iou_threshold);

@@ -3,6 +3,7 @@
 
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "tracking/zyn_tracking_report.h"
 
@@ -247,12 +248,13 @@ struct update_v2 {
   int32_t correct_tracks(const zyn_detection& detection, int32_t i, uint32_t id,
                          bool allowed) const {
     int32_t k = index->first(id);
-    if (k == kNone) return ZYN_RET_ERR_UNKNOWN;
+    if (k == kNone)
+      return zyn_refuse(ZYN_RET_ERR_UNKNOWN, "detection %d: no track has the id %u", i, id);
     for (; allowed && k != kNone; k = index->next(id, k)) {
       const int32_t code = zyn_box_tracker_update(&detection.x1, handle->tracks[k]);
       if (code != ZYN_RET_OK) {
         zyn_report_code(kUpdateLine, code);
-        return code;
+        return zyn_refuse(code, "detection %d does not correct track %u", i, id);
       }
       give_payload(i, k);
     }
@@ -266,6 +268,12 @@ zyn_sort_handle* zyn_create_sort_handle(const zyn_sort_param* param) {
   if (!param || param->max_age < 0 || param->min_hits < 1 ||
       !(param->iou_threshold >= 0 && param->iou_threshold < 1)) {
     zyn_report(kCreateArgs);
+    zyn_explain(
+        "a max_age of at least 0, a min_hits of at least 1 and an iou_threshold of 0 to below 1 "
+        "are "
+        "needed, found %d, %d, %g",
+        param ? param->max_age : -1, param ? param->min_hits : 0,
+        param ? static_cast<double>(param->iou_threshold) : -1.0);
     return nullptr;
   }
   sort_guard handle(static_cast<zyn_sort_handle*>(zyn_calloc(1, sizeof(zyn_sort_handle))));
@@ -283,7 +291,7 @@ zyn_sort_handle* zyn_create_sort_handle(const zyn_sort_param* param) {
 }
 
 int32_t zyn_release_sort_handle(zyn_sort_handle** handle) {
-  if (!handle || !*handle) return ZYN_RET_ERR_PARA;
+  if (!handle || !*handle) return zyn_refuse_null("the tracker");
   zyn_sort_handle* self = *handle;
   zyn_free(self->payload);
   for (int32_t k = 0; k < self->count; k++) zyn_release_box_tracker(&self->tracks[k]);
@@ -294,13 +302,18 @@ int32_t zyn_release_sort_handle(zyn_sort_handle** handle) {
 }
 
 zyn_track_info* zyn_create_sort_predict(zyn_sort_handle* handle) {
-  if (!handle) return nullptr;
+  if (!handle) {
+    zyn_refuse_null("the tracker");
+    return nullptr;
+  }
   info_guard info(create_track_info(handle));
   if (!info) return nullptr;
   for (int32_t k = 0; k < handle->count; k++) {
     zyn_box_tracker* const track = handle->tracks[k];
-    if (zyn_box_tracker_predict(info->boxes + int64_t{k} * kBoxFloats, track) != ZYN_RET_OK)
+    if (zyn_box_tracker_predict(info->boxes + int64_t{k} * kBoxFloats, track) != ZYN_RET_OK) {
+      zyn_explain("the prediction of track %u failed", track->id);
       return nullptr;
+    }
     info->time_since_update[k] = track->time_since_update;
     fill_entry(info.get(), k, handle, k);
   }
@@ -312,9 +325,12 @@ zyn_track_info* zyn_create_sort_predict(zyn_sort_handle* handle) {
 int32_t zyn_sort_update_detection(const zyn_detection* detections, int32_t* ids,
                                   const uint8_t* mask, int32_t detection_count,
                                   const zyn_sort_match_info* matches, zyn_sort_handle* handle) {
-  if (!detections || !matches || !handle || (detection_count > 0 && !ids) ||
-      !indices_fit(matches, mask, detection_count, handle))
-    return ZYN_RET_ERR_PARA;
+  if (!detections || !matches || !handle || (detection_count > 0 && !ids))
+    return zyn_refuse_null("the detections, the ids, the matches or the tracker");
+  if (!indices_fit(matches, mask, detection_count, handle))
+    return zyn_refuse(ZYN_RET_ERR_PARA,
+                      "an index of the matches lies outside of %d detections and %d tracks",
+                      detection_count, handle->count);
   for (int32_t d = 0; d < detection_count; d++) ids[d] = -1;
   for (int32_t i = 0; i < matches->unmatched_count; i++) {
     const int32_t d = matches->unmatched[i];
@@ -331,7 +347,8 @@ int32_t zyn_sort_update_detection(const zyn_detection* detections, int32_t* ids,
     zyn_box_tracker* const track = handle->tracks[matches->matched[2 * int64_t{i} + 1]];
     if (may_correct(mask, d)) {
       const int32_t code = zyn_box_tracker_update(&detections[d].x1, track);
-      if (code != ZYN_RET_OK) return code;
+      if (code != ZYN_RET_OK)
+        return zyn_refuse(code, "detection %d does not correct track %u", d, track->id);
     }
     ids[d] = static_cast<int32_t>(track->id);
   }
@@ -342,7 +359,8 @@ int32_t zyn_sort_update_detection(const zyn_detection* detections, int32_t* ids,
 int32_t zyn_sort_update_detection_v2(const zyn_detection* detections, const int32_t* ids,
                                      const uint8_t* mask, int32_t detection_count,
                                      const void* payloads, zyn_sort_handle* handle) {
-  if (!detections || !ids || !handle) return ZYN_RET_ERR_PARA;
+  if (!detections || !ids || !handle)
+    return zyn_refuse_null("the detections, the ids or the tracker");
   // The first update may have left tracks without a slot.
   if (!make_slots(handle, handle->count, handle->capacity)) return ZYN_RET_ERR_MEMORY;
   int32_t newcomers = 0;
@@ -362,7 +380,7 @@ int32_t zyn_sort_update_detection_v2(const zyn_detection* detections, const int3
 
 zyn_track_info* zyn_sort_get_track_info(const zyn_sort_handle* handle) {
   if (!handle) {
-    zyn_report(kListArgs);
+    zyn_fail_null(kListArgs, "the tracker");
     return nullptr;
   }
   zyn_track_info* const info = create_track_info(handle);
@@ -378,6 +396,7 @@ zyn_track_info* zyn_sort_get_track_info(const zyn_sort_handle* handle) {
 }
 
 uint64_t zyn_sort_get_frame_count(const zyn_sort_handle* handle) {
+  if (!handle) zyn_refuse_null("the tracker");
   return handle ? handle->frame_count : UINT64_MAX;
 }
 

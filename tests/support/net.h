@@ -88,6 +88,7 @@ class Net {
     return static_cast<int>(nodes_.size()) - 1;
   }
   bool is_input(int id) const { return nodes_[id].type == ZYN_OP_INPUT; }
+  bool is_constant(int id) const { return nodes_[id].type == ZYN_OP_CONSTANT; }
   // An operator with its record (copied; lists it points at must outlive make()).
   template <typename Record>
   int op(int type, const Record& record, std::vector<int> from) {

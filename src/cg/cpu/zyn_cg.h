@@ -125,6 +125,10 @@ inline const zyn_darray* zyn_cg_readers(const zyn_cg_handle* graph, int32_t node
   return node >= 0 && node < graph->list_count ? graph->successors[node] : nullptr;
 }
 
+// Makes what the check of a graph finds wrong with a node this thread's explanation; false where it
+// finds nothing.
+bool zyn_cg_explain_node(const zyn_cg_handle* graph, int32_t node, bool is_run);
+
 // Stores a fresh record and its run function for a node being bound.
 void zyn_cg_install(zyn_cg_handle* graph, int32_t node, void* record, zyn_cg_run_fn run);
 

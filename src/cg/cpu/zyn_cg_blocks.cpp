@@ -1,4 +1,5 @@
 // Network building blocks: whole blocks of convolutions bound onto consecutive nodes.
+#include "base/zyn_explain.h"
 #include "cg/cpu/zyn_cg.h"
 
 namespace {
@@ -49,7 +50,7 @@ int32_t bind(zyn_cg_handle* graph, uint32_t node, int32_t type, const void* para
 // Binds layers onto node, node + 1, ...; the first failure ends the block.
 template <uint32_t Count>
 int32_t bind_layers(zyn_cg_handle* graph, uint32_t node, const layer (&layers)[Count]) {
-  if (!graph) return ZYN_RET_ERR_PARA;
+  if (!graph) return zyn_refuse_null("the graph");
   for (uint32_t i = 0; i < Count; i++) {
     const zyn_conv_param param = param_of(layers[i]);
     if (const int32_t code = bind(graph, node + i, layers[i].type, &param)) return code;

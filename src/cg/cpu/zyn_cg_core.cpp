@@ -9,6 +9,7 @@
 #include "cg/cpu/zyn_cg_names.h"
 #include "cg/cpu/zyn_cg_records.h"
 #include "cg/cpu/zyn_cg_support.h"
+#include "simd/zyn_flush.h"
 
 namespace {
 
@@ -186,20 +187,38 @@ int32_t explain_node(const zyn_cg_handle* graph, int32_t node, int32_t type, int
   return code;
 }
 
+// What the check of the graph says of a node that failed, which is more than a code says. Large
+// graphs are not examined again for it.
+bool explain_by_check(const zyn_cg_handle* graph, int32_t node, bool is_run) {
+  constexpr int32_t kMostExamined = 4096;
+  return zyn_cg_node_count(graph) <= kMostExamined && zyn_cg_explain_node(graph, node, is_run);
+}
+
 // Prepares a node that has a record.
 int32_t prepare_node(zyn_cg_handle* graph, int32_t node, int32_t type) {
   const zyn_cg_prepare_fn prepare = graph->operators[type].prepare;
   const zyn_explanation_mark mark;
   const int32_t code = prepare ? prepare(graph, node) : ZYN_RET_OK;
-  if (code != ZYN_RET_OK) explain_node(graph, node, type, code, mark);
+  if (code != ZYN_RET_OK && !explain_by_check(graph, node, false))
+    explain_node(graph, node, type, code, mark);
   graph->stages[node] = code == ZYN_RET_OK ? ZYN_STAGE_READY : ZYN_STAGE_STALE;
   return code;
 }
 
 // Runs a node that has a record and a run function.
 int32_t run_node(zyn_cg_handle* graph, int32_t node) {
-  return graph->stages[node] == ZYN_STAGE_READY ? graph->run[node](graph->records[node])
-                                                : ZYN_RET_ERR_PARA;
+  const int32_t type = zyn_cg_node_type(graph, node);
+  const zyn_explanation_mark mark;
+  int32_t code = ZYN_RET_ERR_PARA;
+  if (graph->stages[node] != ZYN_STAGE_READY) {
+    zyn_explain("the latest preparation did not make it ready: prepare the graph first");
+  } else {
+    code = graph->run[node](graph->records[node]);
+    if (code == ZYN_RET_OK || explain_by_check(graph, node, true)) return code;
+    if (code == ZYN_RET_ERR_PARA && !mark.passed())
+      zyn_explain("a tensor that it reads has no data or another shape than at preparation");
+  }
+  return explain_node(graph, node, type, code, mark);
 }
 
 int32_t store_data_node(zyn_cg_handle* graph, int32_t node, const zyn_cg_node_desc* desc) {
@@ -222,6 +241,8 @@ zyn_cg_handle* zyn_create_computation_graph_handle(const zyn_cg_create_param* pa
   graph->fixed_point = settings.fixed_point;
   graph->conv_method = kLastMethod;
   if (!make_handle_arrays(graph)) {
+    if (settings.max_nodes < 1)
+      zyn_explain("max_nodes is %d, at least 1 is needed", settings.max_nodes);
     zyn_release_computation_graph_handle(&graph);
     return nullptr;
   }
@@ -231,7 +252,8 @@ zyn_cg_handle* zyn_create_computation_graph_handle(const zyn_cg_create_param* pa
 }
 
 int32_t zyn_release_computation_graph_handle(zyn_cg_handle** handle) {
-  if (!handle || !*handle) return ZYN_RET_ERR_MEMORY;  // On purpose not 1.
+  if (!handle || !*handle)  // On purpose not 1.
+    return zyn_refuse(ZYN_RET_ERR_MEMORY, "the graph is null");
   zyn_cg_handle* graph = *handle;
   *handle = nullptr;
   release_edge_lists(graph, graph->successors);
@@ -252,7 +274,9 @@ int32_t zyn_release_computation_graph_handle(zyn_cg_handle** handle) {
 }
 
 int32_t zyn_cg_set_conv_method(zyn_cg_handle* graph, uint32_t method) {
-  if (!graph || method > kLastMethod) return ZYN_RET_ERR_PARA;
+  if (!graph) return zyn_refuse_null("the graph");
+  if (method > kLastMethod)
+    return zyn_refuse(ZYN_RET_ERR_PARA, "there is no method %u: 0, 1 or 2 is needed", method);
   graph->conv_method = method;
   return ZYN_RET_OK;
 }
@@ -264,22 +288,37 @@ void* zyn_get_dev_context_from_cg_handle(const zyn_cg_handle* graph) {
 }
 
 int32_t zyn_cg_set_ptr_q_list(zyn_cg_handle* graph, uint32_t* q_list) {
-  if (!graph || !q_list) return ZYN_RET_ERR_PARA;
+  if (!graph || !q_list) return zyn_refuse_null("the graph or the list of fraction bits");
   graph->q_list = q_list;  // On purpose: a list set before is not freed.
   return ZYN_RET_OK;
 }
 
 uint32_t zyn_cg_get_q_from_list(const zyn_cg_handle* graph, int32_t node) {
-  if (!graph || node < 0 || !graph->q_list || node >= graph->max_nodes) return kNoQ;
+  if (!graph || node < 0 || !graph->q_list || node >= graph->max_nodes) {
+    if (!graph)
+      zyn_refuse_null("the graph");
+    else if (!graph->q_list)
+      zyn_explain("the graph has no list of fraction bits");
+    else
+      zyn_explain("there is no node %d: ids are 0 to %d", node, graph->max_nodes - 1);
+    return kNoQ;
+  }
   return graph->q_list[node];
 }
 
 int32_t zyn_add_one_edge_into_computation_graph(zyn_cg_handle* graph, int32_t from, int32_t to) {
-  if (!graph || from < 0 || to < 0) return zyn_fail(kEdgeArgs, ZYN_RET_ERR_PARA);
+  if (!graph) return zyn_fail_null(kEdgeArgs, "the graph");
+  if (from < 0 || to < 0)
+    return zyn_refuse(zyn_fail(kEdgeArgs, ZYN_RET_ERR_PARA),
+                      "an edge from node %d to node %d: ids are at least 0", from, to);
   // On purpose before the range check: ids out of range stay in the list.
   add_node(graph->nodes, from);
   add_node(graph->nodes, to);
-  if (from >= graph->max_nodes || to >= graph->max_nodes) return ZYN_RET_ERR_PARA;
+  if (from >= graph->max_nodes || to >= graph->max_nodes)
+    return zyn_refuse(ZYN_RET_ERR_PARA,
+                      "an edge from node %d to node %d, but the graph was created for ids 0 to %d: "
+                      "create it with max_nodes of at least %lld",
+                      from, to, graph->max_nodes - 1, 1LL + (from > to ? from : to));
   push_edge(graph, &zyn_cg_handle::successors, from, to);
   push_edge(graph, &zyn_cg_handle::predecessors, to, from);
   return ZYN_RET_OK;
@@ -287,16 +326,26 @@ int32_t zyn_add_one_edge_into_computation_graph(zyn_cg_handle* graph, int32_t fr
 
 int32_t zyn_bind_operator_onto_computation_graph(zyn_cg_handle* graph, int32_t node,
                                                  const zyn_cg_node_desc* desc, const void* param) {
-  if (!graph || !desc || desc->type < 0 || desc->type >= kZynOperatorTypes)
-    return zyn_fail(kBindArgs, ZYN_RET_ERR_PARA);
+  if (!graph || !desc) return zyn_fail_null(kBindArgs, "the graph or the descriptor");
+  if (desc->type < 0 || desc->type >= kZynOperatorTypes)
+    return zyn_refuse(zyn_fail(kBindArgs, ZYN_RET_ERR_PARA),
+                      "node %d: there is no operator type %d, types are 0 to %d", node, desc->type,
+                      kZynOperatorTypes - 1);
   // Before the sort, and for nodes added after it, there is no room.
   const bool has_room =
       node < graph->sorted_count && (!graph->records || node < graph->record_count);
-  if (!has_node(graph->nodes, node) || !has_room) return zyn_fail(kBindNode, ZYN_RET_ERR_PARA);
+  if (!has_node(graph->nodes, node) || !has_room)
+    return zyn_refuse(zyn_fail(kBindNode, ZYN_RET_ERR_PARA),
+                      has_node(graph->nodes, node)
+                          ? "node %d: sort the graph after its last edge and before it is bound"
+                          : "node %d: no edge names it, add its edges and sort the graph first",
+                      node);
   if (graph->bound[node]) {
     zyn_report(kBindTwice);
     zyn_print("the %d th node operator has been bound!\n", static_cast<int>(node));
-    return ZYN_RET_ERR_PARA;
+    char name[kZynExplanationBytes];
+    zyn_cg_name_node(graph, node, zyn_cg_node_type(graph, node), name, sizeof(name));
+    return zyn_refuse(ZYN_RET_ERR_PARA, "%sit has been bound before: bind every node once", name);
   }
   if (!make_binding_arrays(graph)) return ZYN_RET_ERR_MEMORY;
   graph->bound[node] = 1;  // On purpose before the operator: a refusal leaves it bound.
@@ -309,11 +358,15 @@ int32_t zyn_bind_operator_onto_computation_graph(zyn_cg_handle* graph, int32_t n
     return zyn_refuse(ZYN_RET_ERR_MEMORY, "no memory for the record of node %d", node);
   const zyn_explanation_mark mark;
   const int32_t code = bind(graph, node, param);
+  if (code == ZYN_RET_ERR_PARA && !mark.passed())
+    zyn_explain(param ? "its record is not one that this type takes"
+                      : "it needs a record, found null");
   return code == ZYN_RET_OK ? code : explain_node(graph, node, desc->type, code, mark);
 }
 
 int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph) {
-  if (!graph) return zyn_fail(kPrepareArgs, ZYN_RET_ERR_PARA);
+  if (!graph) return zyn_fail_null(kPrepareArgs, "the graph");
+  const zyn_flush_denormals flush;
   outdate_nodes(graph);
   for (int32_t k = 0; k < zyn_cg_node_count(graph); k++) {
     // Nodes that no sort has seen are unbound.
@@ -321,7 +374,11 @@ int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph) {
     const int32_t type = zyn_cg_node_type(graph, id);
     if (type < 0) {
       graph->prepared = 1;
-      return ZYN_RET_ERR_PARA;
+      if (id < 0)
+        return zyn_refuse(ZYN_RET_ERR_PARA,
+                          "the graph has not been sorted since its last edge was added");
+      return zyn_refuse(ZYN_RET_ERR_PARA, "node %d has not been bound, or its binding was refused",
+                        id);
     }
     const int32_t code = prepare_node(graph, id, type);
     if (code != ZYN_RET_OK) {
@@ -334,8 +391,10 @@ int32_t zyn_prepare_inference_computation(zyn_cg_handle* graph) {
 }
 
 int32_t zyn_computation_graph_inference(zyn_cg_handle* graph) {
-  if (!graph) return zyn_fail(kInferenceArgs, ZYN_RET_ERR_PARA);
-  if (zyn_cg_node_count(graph) > 0 && !graph->order) return ZYN_RET_ERR_PARA;
+  if (!graph) return zyn_fail_null(kInferenceArgs, "the graph");
+  if (zyn_cg_node_count(graph) > 0 && !graph->order)
+    return zyn_refuse(ZYN_RET_ERR_PARA, "the graph has not been sorted");
+  const zyn_flush_denormals flush;
   for (int32_t k = 0; k < graph->sorted_count; k++) {
     const int32_t id = graph->order[k];
     if (!zyn_cg_record(graph, id) || !graph->run[id]) continue;
@@ -350,22 +409,31 @@ int32_t zyn_computation_graph_inference(zyn_cg_handle* graph) {
 
 zyn_tensor* zyn_get_computation_node_inference_data(zyn_cg_handle* graph, int32_t node) {
   if (!graph) {
-    zyn_report(kOutputGraph);
+    zyn_fail_null(kOutputGraph, "the graph");
     return nullptr;
   }
   // On purpose: one past the last node is admitted; the arrays have a spare entry.
   if (node < 0 || node > zyn_cg_node_count(graph)) {
     zyn_report(kOutputNode);
+    zyn_explain("there is no node %d: ids are 0 to %d", node, zyn_cg_node_count(graph) - 1);
     return nullptr;
   }
   const int32_t type = zyn_cg_node_type(graph, node);
   if (type < 0) {
     zyn_report(kOutputRecord);
+    zyn_explain("node %d has not been bound", node);
     return nullptr;
   }
   const zyn_cg_output_fn output = graph->operators[type].output;
   const bool readable = graph->bound[node] && !is_stale(graph, node);
-  return readable && output ? output(graph, node) : nullptr;
+  zyn_tensor* tensor = readable && output ? output(graph, node) : nullptr;
+  if (!tensor)
+    zyn_explain(is_data_type(static_cast<uint32_t>(type))
+                    ? "node %d is a data node: its tensor is the caller's"
+                    : "node %d has no output: the graph has not been prepared, or the latest "
+                      "preparation failed before or at it",
+                node);
+  return tensor;
 }
 
 void* zyn_cg_record(const zyn_cg_handle* graph, int32_t node) {

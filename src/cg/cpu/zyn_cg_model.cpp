@@ -2,6 +2,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_md5.h"
 #include "base/zyn_memory.h"
 #include "base/zyn_platform.h"
@@ -27,18 +28,18 @@ bool read_model(FILE* file, void* buffer, int32_t word_count, char* digest) {
 }  // namespace
 
 int32_t zyn_cg_load_model(void* buffer, int32_t word_count, const char* path) {
-  if (!buffer || !path) return ZYN_RET_ERR_PARA;
+  if (!buffer || !path) return zyn_refuse_null("the buffer or the file's name");
   FILE* file = zyn_platform_open(path, "rb");
   if (!file) {
     zyn_print("failed to open model file from %s", path);
-    return ZYN_RET_ERR_PARA;
+    return zyn_refuse(ZYN_RET_ERR_PARA, "'%s' cannot be opened", path);
   }
   char stored[kDigestBytes] = {};
   const bool complete = read_model(file, buffer, word_count, stored);
   fclose(file);
   if (!complete) {
     zyn_print("failed to read model file");
-    return ZYN_RET_ERR_PARA;
+    return zyn_refuse(ZYN_RET_ERR_PARA, "'%s' does not hold %d words", path, word_count);
   }
   zyn_scratch<zyn_md5_ctx> md5(1);
   if (!md5) return ZYN_RET_ERR_MEMORY;
@@ -48,5 +49,9 @@ int32_t zyn_cg_load_model(void* buffer, int32_t word_count, const char* path) {
   zyn_md5_finish(md5.get(), reinterpret_cast<uint8_t*>(computed));
   // On purpose a bounded string comparison: bytes after a zero that both share do not
   // count.
-  return strncmp(stored, computed, kDigestBytes) == 0 ? ZYN_RET_OK : ZYN_RET_ERR_PARA;
+  if (strncmp(stored, computed, kDigestBytes) == 0) return ZYN_RET_OK;
+  return zyn_refuse(ZYN_RET_ERR_PARA,
+                    "'%s': the digest behind %d words does not match them: the file is damaged, or "
+                    "holds another number of words",
+                    path, word_count);
 }

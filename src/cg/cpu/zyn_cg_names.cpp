@@ -7,6 +7,7 @@
 #include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "cg/cpu/zyn_cg.h"
+#include "cg/cpu/zyn_cg_records.h"
 
 const char* zyn_cg_operation_name(int32_t type) {
   static constexpr struct {
@@ -48,13 +49,21 @@ const char* zyn_cg_operation_name(int32_t type) {
   return "NOTHING";
 }
 
+const char* zyn_cg_node_operation(const zyn_cg_handle* graph, int32_t node, int32_t type) {
+  const bool bound = graph && graph->bindings && node >= 0 && node < graph->record_count;
+  const void* param = bound ? graph->bindings[node].param : nullptr;
+  const zyn_cg_further_record* further =
+      param ? zyn_cg_find_further(type, zyn_cg_first_word(param)) : nullptr;
+  return further ? further->name : zyn_cg_operation_name(type);
+}
+
 int zyn_cg_name_node(const zyn_cg_handle* graph, int32_t node, int32_t type, char* buffer,
                      size_t size) {
   const char* name = graph && node >= 0 && node < graph->name_count ? graph->names[node] : nullptr;
   const char* quote = name ? "'" : "";
   const int used = snprintf(buffer, size, "node %d%s%s%s%s%s%s: ", node, name ? " " : "", quote,
                             name ? name : "", quote, type >= 0 ? " " : "",
-                            type >= 0 ? zyn_cg_operation_name(type) : "");
+                            type >= 0 ? zyn_cg_node_operation(graph, node, type) : "");
   return used < static_cast<int>(size) ? used : static_cast<int>(size) - 1;
 }
 

@@ -11,6 +11,7 @@ struct zyn_cg_further_record {
   int32_t type;
   int32_t first, last;  // first words that name it
   int32_t words;        // 32-bit fields without gaps
+  const char* name;     // of the operator, for explanations
 };
 
 // The further record that a type's first word names; null: the record of zyncore.h.

@@ -3,6 +3,7 @@
 // edges in the same order always give the same result.
 #include <string.h>
 
+#include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "base/zyn_report.h"
 #include "cg/cpu/zyn_cg.h"
@@ -99,7 +100,7 @@ int32_t drain(zyn_cg_handle* graph, int32_t count, int32_t* in_degree, id_queue*
 }  // namespace
 
 int32_t zyn_computation_graph_topo_sort(zyn_cg_handle* graph) {
-  if (!graph) return zyn_fail(kSortArgs, ZYN_RET_ERR_PARA);
+  if (!graph) return zyn_fail_null(kSortArgs, "the graph");
   const int32_t count = zyn_cg_node_count(graph);
   if (count < 1) return ZYN_RET_OK;
   zyn_scratch<int32_t> in_degree(count);
@@ -113,7 +114,12 @@ int32_t zyn_computation_graph_topo_sort(zyn_cg_handle* graph) {
   count_inputs(graph, count, in_degree.get());
   for (int32_t id = 0; id < count; id++)
     if (in_degree[id] == 0) enqueue(queue.get(), id);
-  if (drain(graph, count, in_degree.get(), queue.get()) != count)
-    return zyn_fail(kCycle, ZYN_RET_ERR_UNKNOWN);
+  const int32_t sorted = drain(graph, count, in_degree.get(), queue.get());
+  if (sorted != count)
+    return zyn_refuse(
+        zyn_fail(kCycle, ZYN_RET_ERR_UNKNOWN),
+        "%d of %d nodes can be sorted: the edges lead in a circle, or the ids are not "
+        "0 to %d (zyn_cg_check says which)",
+        sorted, count, count - 1);
   return ZYN_RET_OK;
 }

@@ -13,6 +13,7 @@
 #include "cg/cpu/kernels/zyn_conv_shape.h"
 #include "cg/cpu/ops/zyn_cg_operators.h"
 #include "cg/cpu/zyn_cg_support.h"
+#include "simd/zyn_flush.h"
 
 namespace {
 
@@ -65,7 +66,7 @@ void sum_tile(float* out, int64_t pitch, const row_sum& row, int64_t x) {
   __m256 low[Outputs], high[Outputs];
 #pragma GCC unroll 4
   for (int oc = 0; oc < Outputs; oc++)
-    low[oc] = high[oc] = row.bias ? _mm256_set1_ps(row.bias[oc]) : _mm256_setzero_ps();
+    low[oc] = high[oc] = row.bias ? _mm256_set1_ps(zyn_flushed(row.bias[oc])) : _mm256_setzero_ps();
   for (int64_t ic = 0; ic < row.inputs; ic++) {
     const float* plane = row.planes + ic * row.plane_pitch + x;
     const float* weights = row.weights + ic * row.input_step;
@@ -250,7 +251,7 @@ void run_group_unpacked(const group_conv_state* state, int64_t group, const floa
   float* out = zyn_cg_floats(output) + group * outputs * zyn_cg_pixels(output);
   for (int64_t oc = 0; oc < outputs; oc++) {
     aim(row, state, group, oc);
-    const float start = row.bias ? *row.bias : 0.0f;
+    const float start = row.bias ? zyn_flushed(*row.bias) : 0.0f;
     for (int64_t y = 0; y < zyn_cg_height(output); y++)
       for (int64_t x = 0; x < zyn_cg_width(output); x++)
         *out++ = sum_pixel(state, row, start, x, y);

@@ -7,6 +7,8 @@
 #include <math.h>
 #include <stdint.h>
 
+#include "matrix/zyn_math.h"
+
 // log2 of four positive finite doubles that are not denormal. The mantissa is brought
 // to [sqrt(1/2), sqrt(2)), ln m = 2 (s + s^3/3 + ...) with s = (m - 1) / (m + 1).
 inline __m256d zyn_log2_4(__m256d x) {
@@ -27,18 +29,6 @@ inline __m256d zyn_log2_4(__m256d x) {
   for (int k = 15; k >= 1; k -= 2) sum = _mm256_fmadd_pd(sum, s2, _mm256_set1_pd(1.0 / k));
   const __m256d log = _mm256_mul_pd(_mm256_mul_pd(s, sum), _mm256_set1_pd(2.8853900817779268));
   return _mm256_add_pd(e, log);
-}
-
-// 2^t for t in [-1000, 1000]: 2^n times the series of e^(f ln 2), |f| <= 1/2.
-inline __m256d zyn_exp2_4(__m256d t) {
-  const __m256d n = _mm256_round_pd(t, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
-  const __m256d g = _mm256_mul_pd(_mm256_sub_pd(t, n), _mm256_set1_pd(0.6931471805599453));
-  __m256d sum = _mm256_set1_pd(1.0);
-  for (int k = 12; k >= 1; k--)
-    sum = _mm256_fmadd_pd(_mm256_mul_pd(sum, g), _mm256_set1_pd(1.0 / k), _mm256_set1_pd(1.0));
-  const __m256i power = _mm256_slli_epi64(
-      _mm256_add_epi64(_mm256_cvtepi32_epi64(_mm256_cvtpd_epi32(n)), _mm256_set1_epi64x(1023)), 52);
-  return _mm256_mul_pd(sum, _mm256_castsi256_pd(power));
 }
 
 inline __m128 zyn_power_4(__m128 positive, __m128 y) {

@@ -20,7 +20,7 @@
 // Which kernel serves a record; ZYN_FPI_NONE clears the output.
 enum zyn_fpi_kind : uint32_t {
   ZYN_FPI_NONE,
-  ZYN_FPI_POINTWISE,  // 1 x 1, stride 1, no padding
+  ZYN_FPI_POINTWISE,  // 1 x 1, no padding
   ZYN_FPI_DENSE_3X3,  // stride 1 or 2, rows that fill vectors well enough
   ZYN_FPI_DENSE_CHANNELS,
   ZYN_FPI_DENSE_ANY,  // a plain loop: large extents and strides

@@ -1,5 +1,6 @@
-// Fixed-point 1 x 1 convolution, stride 1, in 16-bit lanes: the pixels of a plane are one
-// run, and a tile is 4 output channels of 32 pixels.
+// Fixed-point 1 x 1 convolution without padding (with strides: of a copy of the pixels that are
+// read) in 16-bit lanes: the pixels of a plane are one run, and a tile is 4 output channels of
+// 32 pixels.
 //
 // For 1 <= d <= 15 a weight is split as w = high * 2^d + low, -2^(d-1) <= low < 2^(d-1);
 // then (x * w + r) >> d = x * high + ((x * low + r) >> d) exactly, and the last term is
@@ -114,12 +115,12 @@ void run_pixels(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
   }
 }
 
+// in: planes of as many pixels as the output's.
 template <mode kMode>
 uint32_t run(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue, zyn_tensor* output,
-             const zyn_tensor* input) {
+             const int16_t* in) {
   const int64_t channels = plan->layer.in_channels;
-  const int64_t pixels = static_cast<int64_t>(input->dims[0]) * input->dims[1];
-  const int16_t* in = zyn_fpi_words(input);
+  const int64_t pixels = static_cast<int64_t>(output->dims[0]) * output->dims[1];
   int16_t* out = zyn_fpi_words(output);
   // The last pixels go through a copy: nothing is read behind a plane. It is made before
   // anything is written.
@@ -135,6 +136,17 @@ uint32_t run(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue, zy
            static_cast<size_t>(rest) * sizeof(int16_t));
   run_pixels<kMode>(plan, epilogue, out + x, pixels, tail.get(), kPixels, rest);
   return ZYN_RET_OK;
+}
+
+// The pixels of every plane that a layer with strides reads, side by side.
+void subsample(int16_t* out, const zyn_fpi_layer& l, const zyn_tensor* output,
+               const zyn_tensor* input) {
+  const int64_t width = input->dims[0], plane = width * input->dims[1];
+  for (int64_t i = 0; i < l.in_channels; i++)
+    for (int64_t y = 0; y < output->dims[1]; y++, out += output->dims[0]) {
+      const int16_t* row = zyn_fpi_words(input) + i * plane + y * l.stride_y * width;
+      for (int64_t x = 0; x < output->dims[0]; x++) out[x] = row[x * l.stride_x];
+    }
 }
 
 }  // namespace
@@ -170,7 +182,16 @@ void zyn_fpi_pack_1x1(zyn_fpi_plan* plan) {
 
 uint32_t zyn_fpi_run_1x1(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
                          zyn_tensor* output, const zyn_tensor* input) {
-  if (plan->shift <= kMulhrs) return run<kRounding>(plan, epilogue, output, input);
-  return plan->shift == 16 ? run<kMiddle>(plan, epilogue, output, input)
-                           : run<kHigh>(plan, epilogue, output, input);
+  const zyn_fpi_layer& l = plan->layer;
+  const int64_t width = output->dims[0], height = output->dims[1];
+  if ((width - 1) * l.stride_x >= input->dims[0] || (height - 1) * l.stride_y >= input->dims[1])
+    return ZYN_RET_ERR_PARA;
+  const bool strided = l.stride_x > 1 || l.stride_y > 1;
+  zyn_scratch<int16_t> copy(strided ? l.in_channels * width * height : 0);
+  if (strided && !copy) return ZYN_RET_ERR_MEMORY;
+  if (strided) subsample(copy.get(), l, output, input);
+  const int16_t* in = strided ? copy.get() : zyn_fpi_words(input);
+  if (plan->shift <= kMulhrs) return run<kRounding>(plan, epilogue, output, in);
+  return plan->shift == 16 ? run<kMiddle>(plan, epilogue, output, in)
+                           : run<kHigh>(plan, epilogue, output, in);
 }

@@ -37,7 +37,7 @@ bool is_better_by_pixels(const zyn_fpi_layer& l, int64_t width) {
 }
 
 zyn_fpi_kind choose_dense(const zyn_fpi_layer& l, int64_t width) {
-  const bool unpadded = l.pad_x == 0 && l.pad_y == 0 && has_stride(l, 1);
+  const bool unpadded = l.pad_x == 0 && l.pad_y == 0;
   if (l.kernel_x == 1 && l.kernel_y == 1 && unpadded) return ZYN_FPI_POINTWISE;
   if (is_3x3(l) && (has_stride(l, 1) || has_stride(l, 2)) && is_better_by_pixels(l, width))
     return ZYN_FPI_DENSE_3X3;

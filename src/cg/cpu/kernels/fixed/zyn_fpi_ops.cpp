@@ -5,6 +5,7 @@
 #include <math.h>
 
 #include "cg/cpu/kernels/fixed/zyn_fpi_lanes.h"
+#include "matrix/zyn_math.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ __m256i low_half(__m256i v) { return _mm256_cvtepi16_epi32(_mm256_castsi256_si12
 __m256i high_half(__m256i v) { return _mm256_cvtepi16_epi32(_mm256_extracti128_si256(v, 1)); }
 
 // The low 16 bits of the lanes of two halves.
-__m256i join(__m256i low, __m256i high) {
+__m256i pack(__m256i low, __m256i high) {
   const __m256i mask = _mm256_set1_epi32(0xFFFF);
   const __m256i packed =
       _mm256_packus_epi32(_mm256_and_si256(low, mask), _mm256_and_si256(high, mask));
@@ -65,7 +66,7 @@ void map2_rescaled(int16_t* out, int32_t q_out, const zyn_fpi_operand& a, const 
   const rescale scale_a(a.q, q_out), scale_b(b.q, q_out);
   const auto half = [=](__m256i x, __m256i y) { return f(scale_a(x), scale_b(y)); };
   map2(out, a, b, count, [=](__m256i x, __m256i y) {
-    return join(half(low_half(x), low_half(y)), half(high_half(x), high_half(y)));
+    return pack(half(low_half(x), low_half(y)), half(high_half(x), high_half(y)));
   });
 }
 
@@ -78,15 +79,135 @@ int64_t divide(int64_t a, int64_t b) {
 
 int64_t least(int64_t a, int64_t b) { return a < b ? a : b; }
 
-// finish(first value, rows, columns) for every window that has an output.
-template <typename Finish>
-void for_each_window(int16_t* out, const int16_t* in, const zyn_fpi_pool& s, Finish finish) {
-  for (int64_t y = 0; y < s.out_height; y++)
-    for (int64_t x = 0; x < s.out_width; x++, out++) {
-      const int64_t rows = least(s.k, s.height - y * s.k);
-      const int64_t columns = least(s.k, s.width - x * s.k);
-      *out = rows > 0 && columns > 0 ? finish(in + y * s.k * s.width + x * s.k, rows, columns)
-                                     : int16_t{0};
+// Pooling reduces a window down its columns first, for a stretch of whole windows at once, then
+// along the row of column results.
+constexpr int64_t kStretch = 512;      // column results on the stack
+constexpr int64_t kMostRows = 0xFFFF;  // whose sum 32 bits hold
+
+struct largest {
+  using column = int16_t;
+  static constexpr int64_t kStart = -kMostWord - 1;
+  static int64_t join(int64_t a, int64_t b) { return a > b ? a : b; }
+  int16_t finish(int64_t value) const { return static_cast<int16_t>(value); }
+
+  void reduce(int16_t* columns, const int16_t* in, int64_t rows, int64_t pitch,
+              int64_t count) const {
+    for (int64_t i = 0; i < count; i += kZynFpiLanes) {
+      const int64_t left = count - i;
+      const bool whole = left >= kZynFpiLanes;
+      const auto at = [=](int64_t r) {
+        const int16_t* from = in + r * pitch + i;
+        return whole ? zyn_fpi_load(from) : zyn_fpi_load_part(from, left);
+      };
+      __m256i best = at(0);
+      for (int64_t r = 1; r < rows; r++) best = _mm256_max_epi16(best, at(r));
+      if (whole)
+        zyn_fpi_store(columns + i, best);
+      else
+        zyn_fpi_store_part(columns + i, best, left);
+    }
+  }
+  // 16 windows of 2 columns.
+  void pairs(int16_t* out, const int16_t* columns) const {
+    const auto half = [](__m256i v) {  // the larger of every two, in 32 bits
+      const __m256i best = _mm256_max_epi16(v, _mm256_srli_epi32(v, 16));
+      return _mm256_srai_epi32(_mm256_slli_epi32(best, 16), 16);
+    };
+    zyn_fpi_store(out,
+                  pack(half(zyn_fpi_load(columns)), half(zyn_fpi_load(columns + kZynFpiLanes))));
+  }
+};
+
+struct mean {
+  using column = int32_t;
+  static constexpr int64_t kStart = 0;
+  int64_t k;
+  int32_t q_in, q_out;
+  rescale scale{q_in, q_out};
+
+  static int64_t join(int64_t a, int64_t b) { return a + b; }
+  int16_t finish(int64_t sum) const {
+    return zyn_fpi_rescale1(static_cast<int32_t>(divide(sum, k * k)), q_in, q_out);
+  }
+  void reduce(int32_t* columns, const int16_t* in, int64_t rows, int64_t pitch,
+              int64_t count) const {
+    int64_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+      const auto at = [=](int64_t r) {
+        const int16_t* from = in + r * pitch + i;
+        return _mm256_cvtepi16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(from)));
+      };
+      __m256i sum = at(0);
+      for (int64_t r = 1; r < rows; r++) sum = _mm256_add_epi32(sum, at(r));
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(columns + i), sum);
+    }
+    for (; i < count; i++) {
+      columns[i] = 0;
+      for (int64_t r = 0; r < rows; r++) columns[i] += in[r * pitch + i];
+    }
+  }
+  void pairs(int16_t* out, const int32_t* columns) const {
+    const auto half = [&](const int32_t* from) {
+      const auto* at = reinterpret_cast<const __m256i*>(from);
+      const __m256i sums = _mm256_permute4x64_epi64(
+          _mm256_hadd_epi32(_mm256_loadu_si256(at), _mm256_loadu_si256(at + 1)), 0xD8);
+      return scale(_mm256_srai_epi32(_mm256_add_epi32(sums, _mm256_set1_epi32(2)), 2));
+    };
+    zyn_fpi_store(out, pack(half(columns), half(columns + kZynFpiLanes)));
+  }
+};
+
+// count windows over columns, width of them.
+template <typename Kind>
+void reduce_row(int16_t* out, const typename Kind::column* columns, int64_t count, int64_t k,
+                int64_t width, const Kind& kind) {
+  int64_t i = 0;
+  if (k == 2)
+    for (; i + kZynFpiLanes <= count && (i + kZynFpiLanes) * 2 <= width; i += kZynFpiLanes)
+      kind.pairs(out + i, columns + 2 * i);
+  for (; i < count; i++) {
+    const int64_t end = least((i + 1) * k, width);
+    int64_t total = columns[i * k];
+    for (int64_t c = i * k + 1; c < end; c++) total = Kind::join(total, columns[c]);
+    out[i] = kind.finish(total);
+  }
+}
+
+// One window of more columns or rows than are reduced at once.
+template <typename Kind>
+int16_t reduce_wide(const int16_t* in, int64_t rows, int64_t pitch, int64_t width,
+                    const Kind& kind) {
+  typename Kind::column columns[kStretch];
+  int64_t total = Kind::kStart;
+  for (int64_t y = 0; y < rows; y += kMostRows)
+    for (int64_t x = 0; x < width; x += kStretch) {
+      const int64_t count = least(kStretch, width - x);
+      kind.reduce(columns, in + y * pitch + x, least(kMostRows, rows - y), pitch, count);
+      for (int64_t i = 0; i < count; i++) total = Kind::join(total, columns[i]);
+    }
+  return kind.finish(total);
+}
+
+template <typename Kind>
+void pool(int16_t* out, const int16_t* in, const zyn_fpi_pool& s, const Kind& kind) {
+  typename Kind::column columns[kStretch];
+  const int64_t k = s.k, step = k > kStretch ? 1 : kStretch / k;
+  const int64_t across = least((s.width + k - 1) / k, s.out_width);
+  const int64_t down = least((s.height + k - 1) / k, s.out_height);
+  if (across < s.out_width || down < s.out_height)
+    memset(out, 0, static_cast<size_t>(s.out_width * s.out_height) * sizeof(int16_t));
+  for (int64_t y = 0; y < down; y++)
+    for (int64_t x = 0; x < across; x += step) {
+      const int64_t count = least(step, across - x), rows = least(k, s.height - y * k);
+      const int64_t width = least(count * k, s.width - x * k);
+      const int16_t* from = in + y * k * s.width + x * k;
+      int16_t* to = out + y * s.out_width + x;
+      if (k > kStretch) {
+        *to = reduce_wide(from, rows, s.width, width, kind);
+      } else {
+        kind.reduce(columns, from, rows, s.width, width);
+        reduce_row(to, columns, count, k, width, kind);
+      }
     }
 }
 
@@ -119,7 +240,7 @@ void zyn_fpi_hard_swish(int16_t* out, int32_t q_out, const int16_t* in, int32_t 
     return shift(_mm256_mullo_epi32(x, gate));
   };
   zyn_fpi_map(out, in, count,
-              [=](__m256i x) { return join(half(low_half(x)), half(high_half(x))); });
+              [=](__m256i x) { return pack(half(low_half(x)), half(high_half(x))); });
 }
 
 void zyn_fpi_hard_swish_any(int16_t* values, int64_t count, int32_t q) {
@@ -137,14 +258,23 @@ void zyn_fpi_hard_swish_any(int16_t* values, int64_t count, int32_t q) {
 }
 
 void zyn_fpi_sigmoid(int16_t* out, const int16_t* in, int32_t q_in, int64_t count) {
-  const double unit = ldexp(1.0, -q_in);
-  for (int64_t i = 0; i < count; i++) {
-    // Double precision: the rounding to 15 bits is then right for every input. e^-x is
-    // finite for every 16-bit x.
-    const double y = ldexp(1.0 / (1.0 + exp(-in[i] * unit)), kSigmoidBits);
-    const double rounded = floor(y + 0.5);
-    out[i] = static_cast<int16_t>(rounded < kMostWord ? rounded : kMostWord);
-  }
+  constexpr double kLog2E = 1.4426950408889634, kMostPower = 1000.0;
+  const __m256d unit = _mm256_set1_pd(ldexp(-kLog2E, -q_in)), one = _mm256_set1_pd(1.0);
+  const __m256d most = _mm256_set1_pd(kMostPower), least = _mm256_set1_pd(-kMostPower);
+  // Double precision: the rounding to 15 bits is then right for every input.
+  const auto quarter = [=](__m128i x) {
+    const __m256d power = _mm256_mul_pd(_mm256_cvtepi32_pd(x), unit);
+    const __m256d e = zyn_exp2_4(_mm256_max_pd(_mm256_min_pd(power, most), least));
+    const __m256d y = _mm256_div_pd(_mm256_set1_pd(1 << kSigmoidBits), _mm256_add_pd(one, e));
+    return _mm256_cvttpd_epi32(_mm256_add_pd(y, _mm256_set1_pd(0.5)));
+  };
+  const auto half = [=](__m256i x) {
+    const __m256i y = _mm256_set_m128i(quarter(_mm256_extracti128_si256(x, 1)),
+                                       quarter(_mm256_castsi256_si128(x)));
+    return _mm256_min_epi32(y, _mm256_set1_epi32(kMostWord));
+  };
+  zyn_fpi_map(out, in, count,
+              [=](__m256i x) { return pack(half(low_half(x)), half(high_half(x))); });
 }
 
 void zyn_fpi_rescale(int16_t* out, int32_t q_out, const int16_t* in, int32_t q_in, int64_t count) {
@@ -154,7 +284,7 @@ void zyn_fpi_rescale(int16_t* out, int32_t q_out, const int16_t* in, int32_t q_i
   }
   const rescale scale(q_in, q_out);
   zyn_fpi_map(out, in, count,
-              [=](__m256i x) { return join(scale(low_half(x)), scale(high_half(x))); });
+              [=](__m256i x) { return pack(scale(low_half(x)), scale(high_half(x))); });
 }
 
 void zyn_fpi_add(int16_t* out, int32_t q_out, const zyn_fpi_operand& a, const zyn_fpi_operand& b,
@@ -186,29 +316,17 @@ void zyn_fpi_multiply(int16_t* out, int32_t q_out, const zyn_fpi_operand& a,
   const round_shift shift(a.q + b.q - q_out);
   const auto half = [=](__m256i x, __m256i y) { return shift(_mm256_mullo_epi32(x, y)); };
   map2(out, a, b, count, [=](__m256i x, __m256i y) {
-    return join(half(low_half(x), low_half(y)), half(high_half(x), high_half(y)));
+    return pack(half(low_half(x), low_half(y)), half(high_half(x), high_half(y)));
   });
 }
 
 void zyn_fpi_max_pool(int16_t* out, const int16_t* in, const zyn_fpi_pool& shape) {
-  for_each_window(out, in, shape, [&](const int16_t* window, int64_t rows, int64_t columns) {
-    int16_t best = *window;
-    for (int64_t y = 0; y < rows; y++)
-      for (int64_t x = 0; x < columns; x++)
-        if (window[y * shape.width + x] > best) best = window[y * shape.width + x];
-    return best;
-  });
+  pool(out, in, shape, largest{});
 }
 
 void zyn_fpi_average_pool(int16_t* out, int32_t q_out, const int16_t* in, int32_t q_in,
                           const zyn_fpi_pool& shape) {
-  for_each_window(out, in, shape, [&](const int16_t* window, int64_t rows, int64_t columns) {
-    int64_t sum = 0;
-    for (int64_t y = 0; y < rows; y++)
-      for (int64_t x = 0; x < columns; x++) sum += window[y * shape.width + x];
-    const auto mean = static_cast<int32_t>(divide(sum, shape.k * shape.k));
-    return zyn_fpi_rescale1(mean, q_in, q_out);
-  });
+  pool(out, in, shape, mean{shape.k, q_in, q_out});
 }
 
 void zyn_fpi_linear(int16_t* out, int64_t units, const int16_t* in, const int16_t* weights,

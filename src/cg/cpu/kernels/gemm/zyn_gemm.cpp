@@ -15,15 +15,18 @@
 namespace {
 
 constexpr int64_t kMostTileFloats = 6 * 16;
+// Products of so few rows read whole panels where they lie: they do not earn a copy back.
+constexpr int64_t kRowsInPlace = 8;
 
 // A product of at most 512 rows and terms.
 void multiply_block(const zyn_gemm_operands& p, float* panel) {
   for (int64_t column = 0; column < p.n; column += ZYN_GEMM_WIDE) {
     const int64_t here = zyn_smaller(ZYN_GEMM_WIDE, p.n - column);
     const int64_t width = zyn_round_up(here, 8);
-    zyn_gemm_pack_panels(p.k, here, width, p.b + column, p.ldb, panel);
-    zyn_gemm_rows_by_panel(p.m, p.k, p.alpha, p.beta, p.a, p.lda, panel, width, here, p.c + column,
-                           p.ldc);
+    const bool copies = p.m > kRowsInPlace || here < width;
+    if (copies) zyn_gemm_pack_panels(p.k, here, width, p.b + column, p.ldb, panel);
+    zyn_gemm_rows_by_panel(p.m, p.k, p.alpha, p.beta, p.a, p.lda, copies ? panel : p.b + column,
+                           copies ? width : p.ldb, width, here, p.c + column, p.ldc);
   }
 }
 

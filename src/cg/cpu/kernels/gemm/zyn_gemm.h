@@ -46,6 +46,10 @@ void zyn_gemm_general(const zyn_gemm_operands& p, float* panel);
 // ZYN_GEMM_VECTOR_ROWS rows, k-major.
 void zyn_gemm_by_vector(int64_t rows, int64_t k, const float* packed, const float* x, float* y);
 
+// y = A x for A in blocks of block (4 or 6) rows, k-major.
+void zyn_gemm_blocks_by_vector(int64_t rows, int64_t k, const float* packed, int64_t block,
+                               const float* x, float* y);
+
 // Where the rows of B lie when they are read in place: row c * taps + t starts at
 // channel c, tap t: base + c * channel_stride + offsets[t].
 struct zyn_gemm_rows {

@@ -42,13 +42,14 @@ template <int kRows, int kVectors>
   store_scaled(sums, alpha, beta, tile, pitch);
 }
 
-// A product of rows of A as they lie by one packed panel.
+// A product of rows of A as they lie by one panel.
 struct scaled_tile {
   int64_t k;
   float alpha, beta;
   const float* a;
   int64_t lda;
   const float* panel;
+  int64_t panel_pitch;  // from term to term
   float* tile;
   int64_t pitch, columns;
 };
@@ -56,7 +57,7 @@ struct scaled_tile {
 template <int kRows, int kVectors>
 void rows_tile(const scaled_tile& t, int64_t row) {
   const float* a = t.a + row * t.lda;
-  const int64_t lda = t.lda;
+  const int64_t lda = t.lda, panel_pitch = t.panel_pitch;
   const float* panel = t.panel;
   __m256 sums[kRows][kVectors];
   zyn_gemm_clear(sums);
@@ -65,7 +66,7 @@ void rows_tile(const scaled_tile& t, int64_t row) {
         sums, [a, lda](int r) { return a + r * lda; }, [panel](int v) { return panel + 8 * v; },
         nullptr);
     a++;
-    panel += 8 * kVectors;
+    panel += panel_pitch;
   }
   float* tile = t.tile + row * t.pitch;
   if (t.columns == 8 * kVectors) return store_scaled(sums, t.alpha, t.beta, tile, t.pitch);
@@ -94,6 +95,43 @@ void multiply_rows(const float* packed, int64_t block_stride, int64_t terms, con
   ZYN_UNROLL for (int b = 0; b < kBlocks; b++) {
     float* to = y + b * ZYN_GEMM_VECTOR_ROWS;
     _mm256_storeu_ps(to, add ? _mm256_add_ps(sums[b], _mm256_loadu_ps(to)) : sums[b]);
+  }
+}
+
+// kCount blocks of kBlock (4 or 6) rows by a vector: the lanes behind a block's rows hold
+// nothing of use.
+template <int kBlock, int kCount>
+void multiply_blocks(const float* packed, int64_t k, const float* x, float* y) {
+  const int64_t stride = k * kBlock;
+  __m256 sums[kCount];
+  ZYN_UNROLL for (int b = 0; b < kCount; b++) sums[b] = _mm256_setzero_ps();
+  ZYN_UNROLL_BY(2) for (int64_t i = 0; i < k - 1; i++, packed += kBlock) {
+    const __m256 value = _mm256_broadcast_ss(x + i);
+    ZYN_UNROLL for (int b = 0; b < kCount; b++) sums[b] =
+        _mm256_fmadd_ps(_mm256_loadu_ps(packed + b * stride), value, sums[b]);
+  }
+  const __m256 value = _mm256_broadcast_ss(x + k - 1);
+  const __m256i mask = zyn_first_lanes(kBlock);
+  ZYN_UNROLL for (int b = 0; b < kCount; b++) {
+    const __m256 last = _mm256_maskload_ps(packed + b * stride, mask);
+    _mm256_maskstore_ps(y + b * kBlock, mask, _mm256_fmadd_ps(last, value, sums[b]));
+  }
+}
+
+template <int kBlock>
+void blocks_by_vector(int64_t rows, int64_t k, const float* packed, const float* x, float* y) {
+  float sums[8 * kBlock];
+  for (int64_t row = 0, count = 0; row < rows; row += count, packed += count * k) {
+    const int64_t left = zyn_units(rows - row, kBlock);
+    const int64_t blocks = left >= 8 ? 8 : left >= 4 ? 4 : zyn_smaller(left, 2);
+    const auto multiply = blocks == 8   ? multiply_blocks<kBlock, 8>
+                          : blocks == 4 ? multiply_blocks<kBlock, 4>
+                          : blocks == 2 ? multiply_blocks<kBlock, 2>
+                                        : multiply_blocks<kBlock, 1>;
+    multiply(packed, k, x, sums);
+    count = blocks * kBlock;
+    const int64_t there = zyn_smaller(count, rows - row);
+    memcpy(y + row, sums, static_cast<size_t>(there) * sizeof(float));
   }
 }
 
@@ -127,6 +165,11 @@ void zyn_gemm_by_vector(int64_t rows, int64_t k, const float* packed, const floa
   }
 }
 
+void zyn_gemm_blocks_by_vector(int64_t rows, int64_t k, const float* packed, int64_t block,
+                               const float* x, float* y) {
+  (block == 6 ? blocks_by_vector<6> : blocks_by_vector<4>)(rows, k, packed, x, y);
+}
+
 void zyn_gemm_micro_6x16(int64_t k, float alpha, float beta, const float* weights,
                          const float* panel, float* tile, int64_t pitch) {
   packed_tile<6, 2>(k, alpha, beta, weights, panel, tile, pitch);
@@ -143,9 +186,9 @@ void zyn_gemm_micro_8x8(int64_t k, float alpha, float beta, const float* weights
 }
 
 void zyn_gemm_rows_by_panel(int64_t rows, int64_t k, float alpha, float beta, const float* a,
-                            int64_t lda, const float* panel, int64_t width, int64_t columns,
-                            float* tile, int64_t pitch) {
-  const scaled_tile t = {k, alpha, beta, a, lda, panel, tile, pitch, columns};
+                            int64_t lda, const float* panel, int64_t panel_pitch, int64_t width,
+                            int64_t columns, float* tile, int64_t pitch) {
+  const scaled_tile t = {k, alpha, beta, a, lda, panel, panel_pitch, tile, pitch, columns};
   int64_t row = 0;
   if (width == 24) {
     row = panel_rows<4, 3>(t, row, rows);

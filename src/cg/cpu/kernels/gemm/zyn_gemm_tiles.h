@@ -45,10 +45,11 @@ extern const zyn_gemm_tile_set zyn_gemm_tiles_4, zyn_gemm_tiles_6;
 enum { ZYN_GEMM_HALF = 20 };  // columns of a tile of two vectors and a half
 
 // tile = alpha * A x panel + beta * tile for rows of A as they lie, lda floats apart, and a
-// panel of width 8, 16 or 24 columns, of which columns are written.
+// panel of width 8, 16 or 24 columns, whose terms lie panel_pitch floats apart and of which columns
+// are written.
 void zyn_gemm_rows_by_panel(int64_t rows, int64_t k, float alpha, float beta, const float* a,
-                            int64_t lda, const float* panel, int64_t width, int64_t columns,
-                            float* tile, int64_t pitch);
+                            int64_t lda, const float* panel, int64_t panel_pitch, int64_t width,
+                            int64_t columns, float* tile, int64_t pitch);
 
 // Adds the valid part of a finished tile to the output, as a micro-kernel would.
 void zyn_gemm_merge(const float* tile, int64_t tile_pitch, int64_t rows, int64_t columns,

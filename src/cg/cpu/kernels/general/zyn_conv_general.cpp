@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "base/zyn_memory.h"
+#include "cg/cpu/kernels/general/zyn_general_depthwise.h"
 #include "cg/cpu/kernels/general/zyn_general_strip.h"
 #include "cg/cpu/kernels/general/zyn_general_tile.h"
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
@@ -15,13 +16,14 @@ struct zyn_conv_general {
   bool depthwise, planar_output;
   int32_t in_channels, out_channels;
   int32_t width, height, out_width, out_height;
-  int32_t blocks;     // of 8 output channels a group of them; depthwise: 1
+  int32_t blocks;     // of 8 output channels a group of them
   int32_t pitch;      // columns of a gathered row
   int32_t strip;      // output rows at a time
   bool along_y;       // lines of pixels run downwards
   int64_t in_floats;  // of scratch for gathered rows
   int64_t* taps[2];   // pixels from a pixel's first tap to each, in place and gathered
   float* weights;     // by group, then [step][input][lane]; depthwise [8 channels][tap][lane]
+  zyn_general_depthwise_plan* planes;  // depthwise layers; these need nothing else of the above
 };
 
 namespace {
@@ -31,7 +33,6 @@ using layer = zyn_conv_general;
 constexpr int32_t kLanes = 8;
 constexpr int64_t kInputBytes = 512 * 1024;  // gathered rows of all channels
 constexpr int64_t kOutputBytes = 64 * 1024;  // a group's rows
-constexpr int64_t kPlaneBytes = 24 * 1024;   // depthwise: rows of 8 channels
 constexpr int64_t kChunkBytes = 20 * 1024;   // weights of a group
 constexpr int32_t kMostTaps = 256;           // of a chunk
 constexpr int32_t kAlignment = 8;            // floats
@@ -143,8 +144,7 @@ struct call {
   const layer& l;
   zyn_general_tensor in, out;
   bool gathers;
-  const float* bias;  // padded to whole blocks, or kNoBias
-  bool has_bias;
+  const float* bias;  // padded to whole blocks
   float floor;
   int32_t activation;  // what is left to do behind bias and floor
   float* rows;         // gathered input
@@ -188,10 +188,7 @@ void run_lines(const call& c, zyn_general_lines line, int32_t lanes, int32_t pit
   line.lines = lines;
   line.in_line = in_line;
   line.out_line = out_line;
-  if (l.depthwise)
-    zyn_general_depthwise_lines(line, pixels);
-  else
-    zyn_general_dense_lines(line, blocks, pixels);
+  zyn_general_dense_lines(line, blocks, pixels);
 }
 
 // Where a group's sums of a strip go: the output itself where its order is that of the tiles.
@@ -284,7 +281,7 @@ const float* dense_group(const call& c, const strip_input& in, const float* weig
                                 0,
                                 to.block,
                                 first,
-                                last && c.has_bias ? c.bias + block * kLanes : kNoBias,
+                                last ? c.bias + block * kLanes : kNoBias,
                                 last ? c.floor : -__builtin_inff(),
                                 0,
                                 0,
@@ -297,18 +294,6 @@ const float* dense_group(const call& c, const strip_input& in, const float* weig
   }
   finish(c, to, block, blocks, y, rows);
   return weights;
-}
-
-void depthwise_block(const call& c, const strip_input& in, int32_t block, int32_t y, int32_t rows) {
-  const layer& l = c.l;
-  const target to = target_of(c, block, 1, y, rows);
-  const int32_t taps = taps_of(l);
-  const zyn_general_lines line = {
-      in.base + in.row * in.pitch * kLanes,           in.taps, taps, kLanes,   0,
-      l.weights + int64_t{block} * taps * kLanes,     to.out,  0,    to.block, true,
-      c.has_bias ? c.bias + block * kLanes : kNoBias, c.floor, 0,    0,        0};
-  run_lines(c, line, kLanes, in.pitch, rows, 1);
-  finish(c, to, block, 1, y, rows);
 }
 
 // What a strip reads.
@@ -341,24 +326,6 @@ void run_dense(const call& c) {
   }
 }
 
-void run_depthwise(const call& c) {
-  const layer& l = c.l;
-  // In a single strip, places outside stay zero from block to block.
-  const bool zeros = l.strip < l.out_height;
-  if (!zeros) memset(c.rows, 0, static_cast<size_t>(l.in_floats) * sizeof(float));
-  for (int32_t block = 0; block < block_count(l); block++)
-    for (int32_t y = 0; y < l.out_height; y += l.strip) {
-      const int32_t rows = l.out_height - y < l.strip ? l.out_height - y : l.strip;
-      strip_input in = {c.in.data + block * kLanes * c.in.plane(), 0, int64_t{y} * l.shape.stride_y,
-                        l.width, l.taps[0]};
-      if (c.gathers || (block + 1) * kLanes > l.in_channels) {
-        in = {c.rows, 0, 0, l.pitch, l.taps[1]};
-        zyn_general_gather(c.rows, c.in, block * kLanes, kLanes, window_of(l, y, rows), zeros);
-      }
-      depthwise_block(c, in, block, y, rows);
-    }
-}
-
 // Whether a record and an input are ones that the kernels take; scratch stays within a small
 // multiple of the tensors.
 bool serves(const layer& l, const zyn_conv_param& p) {
@@ -377,10 +344,8 @@ bool serves(const layer& l, const zyn_conv_param& p) {
 
 // Output rows at a time, so that what they read and write stays in the caches.
 int32_t strip_rows(const layer& l) {
-  const int64_t channels = l.depthwise ? kLanes : l.in_channels;
-  const int64_t most =
-      (l.depthwise ? kPlaneBytes : kInputBytes) / static_cast<int64_t>(sizeof(float));
-  const int64_t row = channels * l.pitch;
+  const int64_t most = kInputBytes / static_cast<int64_t>(sizeof(float));
+  const int64_t row = int64_t{l.in_channels} * l.pitch;
   const int64_t reach = rows_read(l, 1);
   int64_t rows = (most / row - reach) / l.shape.stride_y + 1;
   const int64_t out_row = int64_t{l.blocks} * kLanes * l.out_width;
@@ -392,12 +357,10 @@ int32_t strip_rows(const layer& l) {
   return static_cast<int32_t>((l.out_height + strips - 1) / strips);
 }
 
-// Depthwise: in floats, as all steps are 8 channels.
 void fill_taps(const layer& l, int64_t* taps, int32_t pitch) {
-  const int64_t scale = l.depthwise ? kLanes : 1;
   for (int64_t ky = 0; ky < l.shape.kernel_y; ky++)
     for (int64_t kx = 0; kx < l.shape.kernel_x; kx++)
-      *taps++ = (ky * l.shape.dilation_y * pitch + kx * l.shape.dilation_x) * scale;
+      *taps++ = ky * l.shape.dilation_y * pitch + kx * l.shape.dilation_x;
 }
 
 // The layer's shape; false where it is not served.
@@ -419,8 +382,8 @@ bool open(layer* l, const zyn_conv_param& param, int32_t width, int32_t height) 
   return true;
 }
 
-// What the run is made of.
-void plan(layer* l) {
+// What a dense run is made of.
+void plan_dense(layer* l) {
   const zyn_conv_shape& s = l->shape;
   const int64_t reach = int64_t{s.kernel_x - 1} * s.dilation_x;
   l->pitch = static_cast<int32_t>(int64_t{l->out_width - 1} * s.stride_x + reach + 1);
@@ -429,9 +392,10 @@ void plan(layer* l) {
   const int64_t pixels = one_line     ? int64_t{l->out_width} * l->out_height
                          : l->along_y ? l->out_height
                                       : l->out_width;
-  l->blocks = l->depthwise ? 1 : choose_blocks(*l, pixels);
+  l->blocks = choose_blocks(*l, pixels);
   l->strip = strip_rows(*l);
-  if (l->along_y && !l->depthwise) l->strip = l->out_height;
+  if (l->along_y) l->strip = l->out_height;
+  l->in_floats = round_up(int64_t{l->in_channels} * rows_read(*l, l->strip) * l->pitch, kAlignment);
 }
 
 }  // namespace
@@ -449,16 +413,21 @@ zyn_conv_general* zyn_conv_general_prepare(const float* weights, const zyn_conv_
       l.out_height != output[1])
     return nullptr;
   l.planar_output = planar_output;
-  plan(&l);
   const int64_t blocks = block_count(l);
-  const int64_t channels = l.depthwise ? kLanes : l.in_channels;
   const int64_t inputs = l.depthwise ? 1 : l.in_channels;
-  l.in_floats = round_up(channels * rows_read(l, l.strip) * l.pitch, kAlignment);
-  *scratch = blocks * kLanes + l.in_floats + int64_t{l.blocks} * kLanes * l.strip * l.out_width;
   zyn_scratch<float> packed(blocks * kLanes * inputs * taps_of(l));
   zyn_scratch<int64_t> taps(int64_t{2} * taps_of(l));
   zyn_scratch<layer> made(1);
   if (!packed || !taps || !made) return nullptr;
+  if (l.depthwise) {
+    l.planes = zyn_general_depthwise_make(l.shape, {l.width, l.height, l.out_width, l.out_height},
+                                          planar_output, scratch);
+    if (!l.planes) return nullptr;
+  } else {
+    plan_dense(&l);
+    *scratch = l.in_floats + int64_t{l.blocks} * kLanes * l.strip * l.out_width;
+  }
+  *scratch += blocks * kLanes;
   l.weights = packed.take();
   l.taps[0] = taps.take();
   l.taps[1] = l.taps[0] + taps_of(l);
@@ -473,13 +442,14 @@ void zyn_conv_general_release(zyn_conv_general** layer) {
   if (!*layer) return;
   zyn_free((*layer)->weights);
   zyn_free((*layer)->taps[0]);
+  zyn_general_depthwise_release(&(*layer)->planes);
   zyn_free(*layer);
   *layer = nullptr;
 }
 
 int64_t zyn_conv_general_bytes(const zyn_conv_general* layer) {
   return layer ? zyn_block_bytes(layer->weights) + zyn_block_bytes(layer->taps[0]) +
-                     zyn_block_bytes(layer)
+                     zyn_general_depthwise_bytes(layer->planes) + zyn_block_bytes(layer)
                : 0;
 }
 
@@ -492,26 +462,23 @@ void zyn_conv_general_run(const zyn_conv_general* layer, zyn_tensor* output,
   const bool blocked = input->layout == ZYN_LAYOUT_BLOCKED || one_pixel;
   const bool padded = l.shape.pad_x > 0 || l.shape.pad_y > 0;
   const bool relu = epilogue.activation == ZYN_EPILOGUE_RELU;
-  const bool same_order = !l.depthwise && l.in_channels < 4;
+  const bool same_order = l.in_channels < 4;
   float* bias = scratch;
-  if (epilogue.bias) {
-    memset(bias, 0, static_cast<size_t>(blocks * kLanes) * sizeof(float));
+  scratch += blocks * kLanes;
+  // -0 changes no value that it is added to.
+  for (int64_t i = 0; i < blocks * kLanes; i++) bias[i] = -0.0f;
+  if (epilogue.bias)
     memcpy(bias, epilogue.bias, static_cast<size_t>(l.out_channels) * sizeof(float));
-  }
-  const call c = {l,
-                  {static_cast<float*>(input->data), blocked, l.in_channels, l.width, l.height},
-                  {static_cast<float*>(output->data), !l.planar_output, l.out_channels, l.out_width,
-                   l.out_height},
-                  padded || !(blocked || same_order),
-                  bias,
-                  epilogue.bias != nullptr,
-                  relu ? 0.0f : -__builtin_inff(),
-                  relu ? int32_t{ZYN_EPILOGUE_NONE} : epilogue.activation,
-                  scratch + blocks * kLanes,
-                  scratch + blocks * kLanes + l.in_floats};
-  if (l.depthwise)
-    run_depthwise(c);
-  else
-    run_dense(c);
+  const zyn_general_tensor in = {static_cast<float*>(input->data), blocked, l.in_channels, l.width,
+                                 l.height};
+  const zyn_general_tensor out = {static_cast<float*>(output->data), !l.planar_output,
+                                  l.out_channels, l.out_width, l.out_height};
+  const float floor = relu ? 0.0f : -__builtin_inff();
+  const int32_t activation = relu ? int32_t{ZYN_EPILOGUE_NONE} : epilogue.activation;
   output->layout = l.planar_output ? ZYN_LAYOUT_PLANAR : ZYN_LAYOUT_BLOCKED;
+  if (l.depthwise)
+    return zyn_general_depthwise_planes(l.planes,
+                                        {in, out, l.weights, bias, floor, activation, scratch});
+  run_dense({l, in, out, padded || !(blocked || same_order), bias, floor, activation, scratch,
+             scratch + l.in_floats});
 }

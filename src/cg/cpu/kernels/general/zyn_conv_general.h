@@ -5,7 +5,8 @@
 // The output is made in strips of rows. Where the input has padding, or is planar, the rows
 // that a strip reads are first copied into scratch: channel blocks, as in blocked order, with
 // zeros around. Behind that, a layer is a list of taps, each an offset from an output
-// pixel's first tap, and one micro-kernel serves all shapes (zyn_general_tile.h).
+// pixel's first tap, and one micro-kernel serves all shapes (zyn_general_tile.h). Depthwise
+// layers have a way of their own (zyn_general_depthwise.h).
 #pragma once
 
 #include <stdint.h>

@@ -9,96 +9,113 @@ namespace {
 
 constexpr int32_t kLanes = 8;
 
-// Where a channel's pixels lie, and how far apart.
-struct channel_place {
-  float* first;
-  int64_t step;
+// Up to 8 planes; the last one stands for those that are missing.
+struct plane_set {
+  const float* of[kLanes];
+
+  plane_set(const float* first, int64_t plane, int32_t valid) {
+    for (int32_t k = 0; k < kLanes; k++) of[k] = first + (k < valid ? k : valid - 1) * plane;
+  }
+  // Pixels x to x + count - 1, at most 8, as vectors of channels.
+  void load(int64_t x, int64_t count, __m256 (&pixels)[8]) const {
+    if (count >= kLanes) {
+      ZYN_UNROLL for (int k = 0; k < 8; k++) pixels[k] = _mm256_loadu_ps(of[k] + x);
+    } else {
+      const __m256i mask = zyn_first_lanes(count);
+      for (int k = 0; k < 8; k++) pixels[k] = _mm256_maskload_ps(of[k] + x, mask);
+    }
+    zyn_transpose_8x8(pixels);
+  }
 };
 
-channel_place place_of(const zyn_general_tensor& t, int32_t channel) {
-  const int32_t eights = t.channels / 8 * 8, fours = t.channels / 4 * 4;
-  if (!t.blocked || channel >= fours) return {t.data + channel * t.plane(), 1};
-  const int32_t width = channel < eights ? 8 : 4;
-  const int32_t block = channel / width * width;
-  return {t.data + block * t.plane() + (channel - block), width};
-}
-
-// count pixels of 8 planes, valid of them there, into [pixel][8].
-void interleave(float* out, const float* planes, int64_t plane, int32_t valid, int64_t count) {
+// count pixels of planes into [pixel][8].
+void interleave(float* out, const plane_set& planes, int64_t count) {
   for (int64_t x = 0; x < count; x += kLanes) {
-    const int64_t here = count - x < kLanes ? count - x : kLanes;
-    __m256 row[8];
-    if (here == kLanes && valid == kLanes) {
-      ZYN_UNROLL for (int k = 0; k < 8; k++) row[k] = _mm256_loadu_ps(planes + k * plane + x);
+    __m256 pixels[8];
+    planes.load(x, count - x, pixels);
+    if (count - x >= kLanes) {
+      ZYN_UNROLL for (int k = 0; k < 8; k++) _mm256_storeu_ps(out + (x + k) * kLanes, pixels[k]);
     } else {
-      const __m256i mask = zyn_first_lanes(here);
-      for (int k = 0; k < 8; k++)
-        row[k] = k < valid ? _mm256_maskload_ps(planes + k * plane + x, mask) : _mm256_setzero_ps();
-    }
-    zyn_transpose_8x8(row);
-    if (here == kLanes) {
-      ZYN_UNROLL for (int k = 0; k < 8; k++) _mm256_storeu_ps(out + (x + k) * kLanes, row[k]);
-    } else {
-      for (int k = 0; k < here; k++) _mm256_storeu_ps(out + (x + k) * kLanes, row[k]);
+      for (int k = 0; k < count - x; k++) _mm256_storeu_ps(out + (x + k) * kLanes, pixels[k]);
     }
   }
 }
 
-// Pixels of 8 whole planes, row by row without gaps, into rows pitch pixels apart: short rows
-// would leave most lanes of a transposition empty.
-void interleave_rows(float* out, const float* planes, int64_t plane, int32_t width, int32_t rows,
+// Pixels of planes, row by row without gaps, into rows pitch pixels apart: short rows would
+// leave most lanes of a transposition empty.
+void interleave_rows(float* out, const plane_set& planes, int32_t width, int32_t rows,
                      int32_t pitch) {
   const int64_t count = int64_t{width} * rows;
   const int64_t gap = int64_t{pitch - width} * kLanes;
   int32_t column = 0;
   for (int64_t x = 0; x < count; x += kLanes) {
+    __m256 pixels[8];
+    planes.load(x, count - x, pixels);
     const int64_t here = count - x < kLanes ? count - x : kLanes;
-    const __m256i mask = zyn_first_lanes(here);
-    __m256 row[8];
-    if (here == kLanes) {
-      ZYN_UNROLL for (int k = 0; k < 8; k++) row[k] = _mm256_loadu_ps(planes + k * plane + x);
-    } else {
-      for (int k = 0; k < 8; k++) row[k] = _mm256_maskload_ps(planes + k * plane + x, mask);
-    }
-    zyn_transpose_8x8(row);
     for (int k = 0; k < here; k++, out += kLanes) {
       if (column == width) {
         column = 0;
         out += gap;
       }
       column++;
-      _mm256_storeu_ps(out, row[k]);
+      _mm256_storeu_ps(out, pixels[k]);
     }
   }
 }
 
-void copy_vectors(float* out, const float* from, int64_t count) {
-  for (int64_t i = 0; i < count; i++)
-    _mm256_storeu_ps(out + i * kLanes, _mm256_loadu_ps(from + i * kLanes));
+// Four pixels of up to 4 planes as vectors of channels; the first plane stands for missing ones.
+void load_quad(const float* planes, int64_t plane, int32_t valid, __m128 (&pixels)[4]) {
+  for (int32_t k = 0; k < 4; k++) pixels[k] = _mm_loadu_ps(planes + (k < valid ? k : 0) * plane);
+  _MM_TRANSPOSE4_PS(pixels[0], pixels[1], pixels[2], pixels[3]);
 }
 
-// count pixels of lanes channels, any order, into [pixel][lane].
+// The channels behind the last whole block of a blocked tensor, into [pixel][8]: a block of 4
+// if there are as many, then single ones.
+void interleave_rest(float* out, const zyn_general_tensor& from, int32_t channel, int64_t first,
+                     int64_t count) {
+  const int32_t left = from.channels - channel, fours = left / 4 * 4, ones = left - fours;
+  const float* block = from.data + channel * from.plane() + first * 4;
+  const float* single = from.data + (channel + fours) * from.plane() + first;
+  if (fours > 0)
+    for (int64_t x = 0; x < count; x++)
+      _mm_storeu_ps(out + x * kLanes, _mm_loadu_ps(block + x * 4));
+  if (ones == 0) return;
+  float* to = out + fours;
+  int64_t x = 0;
+  for (; x + 4 <= count; x += 4) {
+    __m128 pixels[4];
+    load_quad(single + x, from.plane(), ones, pixels);
+    for (int k = 0; k < 4; k++) _mm_storeu_ps(to + (x + k) * kLanes, pixels[k]);
+  }
+  for (; x < count; x++)
+    for (int32_t k = 0; k < ones; k++) to[x * kLanes + k] = single[k * from.plane() + x];
+}
+
+void copy_vectors(float* out, const float* from, int64_t count) {
+  for (int64_t i = 0; i < count; i++) {
+    __m256 v = _mm256_loadu_ps(from + i * kLanes);
+    __asm__("" : "+x"(v));  // else the compiler makes it a call, which costs more than short rows
+    _mm256_storeu_ps(out + i * kLanes, v);
+  }
+}
+
+// count pixels of lanes channels into [pixel][lane]: blocks as they are, or up to 8 channels of
+// either order.
 void copy_pixels(float* out, const zyn_general_tensor& from, int32_t channel, int32_t lanes,
                  int64_t first, int64_t count) {
   const int32_t left = from.channels - channel;
-  const int32_t valid = left < lanes ? left : lanes;
-  const channel_place start = place_of(from, channel);
-  if (start.step == kLanes && lanes == kLanes && valid == lanes) {
-    copy_vectors(out, start.first + first * lanes, count);
-    return;
-  }
-  if (start.step == lanes && valid == lanes) {
-    memcpy(out, start.first + first * lanes, static_cast<size_t>(count * lanes) * sizeof(float));
-    return;
-  }
-  if (lanes == kLanes && !from.blocked) {
-    interleave(out, start.first + first, from.plane(), valid, count);
-    return;
-  }
-  for (int32_t k = 0; k < lanes; k++) {
-    const channel_place place = k < valid ? place_of(from, channel + k) : channel_place{};
-    for (int64_t x = 0; x < count; x++)
-      out[x * lanes + k] = k < valid ? place.first[(first + x) * place.step] : 0.0f;
+  if (from.blocked && lanes == kLanes && left < lanes) {
+    interleave_rest(out, from, channel, first, count);
+  } else if (from.blocked || lanes == 1) {
+    memcpy(out, from.data + channel * from.plane() + first * lanes,
+           static_cast<size_t>(count * lanes) * sizeof(float));
+  } else if (lanes == kLanes) {
+    interleave(out, {from.data + channel * from.plane() + first, from.plane(), left}, count);
+  } else {
+    for (int32_t k = 0; k < lanes; k++) {
+      const float* plane = from.data + (channel + k) * from.plane() + first;
+      for (int64_t x = 0; x < count; x++) out[x * lanes + k] = plane[x];
+    }
   }
 }
 
@@ -148,9 +165,14 @@ void zyn_general_gather(float* out, const zyn_general_tensor& from, int32_t chan
   float* inside = out + top * row_floats + before * lanes;
   if (whole && !gaps) {
     copy_pixels(inside, from, channel, lanes, start, int64_t{bottom - top} * from.width);
-  } else if (whole && !from.blocked && lanes == kLanes && channel + lanes <= from.channels) {
-    interleave_rows(inside, from.data + channel * from.plane() + start, from.plane(), from.width,
-                    bottom - top, w.pitch);
+  } else if (whole && !from.blocked && lanes == kLanes) {
+    interleave_rows(
+        inside, {from.data + channel * from.plane() + start, from.plane(), from.channels - channel},
+        from.width, bottom - top, w.pitch);
+  } else if (from.blocked && lanes == kLanes && channel + lanes <= from.channels) {
+    const float* row = from.data + channel * from.plane() + (start + begin) * lanes;
+    for (int32_t y = top; y < bottom; y++, inside += row_floats, row += from.width * lanes)
+      copy_vectors(inside, row, end - begin);
   } else {
     for (int32_t y = top; y < bottom; y++, inside += row_floats)
       copy_pixels(inside, from, channel, lanes, start + int64_t{y - top} * from.width + begin,
@@ -171,8 +193,12 @@ void zyn_general_scatter(const zyn_general_tensor& to, int32_t channel, int64_t 
            static_cast<size_t>(count * kLanes) * sizeof(float));
     return;
   }
-  for (int32_t k = 0; k < valid; k++) {
-    const channel_place place = place_of(to, channel + k);
-    for (int64_t x = 0; x < count; x++) place.first[(first + x) * place.step] = in[x * kLanes + k];
+  const int32_t fours = valid / 4 * 4;
+  float* block = to.data + channel * to.plane() + first * 4;
+  if (fours > 0)
+    for (int64_t x = 0; x < count; x++) _mm_storeu_ps(block + x * 4, _mm_loadu_ps(in + x * kLanes));
+  for (int32_t k = fours; k < valid; k++) {
+    float* plane = to.data + (channel + k) * to.plane() + first;
+    for (int64_t x = 0; x < count; x++) plane[x] = in[x * kLanes + k];
   }
 }

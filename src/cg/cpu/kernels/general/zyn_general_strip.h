@@ -21,8 +21,8 @@ struct zyn_general_window {
 };
 
 // The window of lanes channels from channel on (8, 4 or 1, the width of a block that begins
-// there, or 8 where fewer are left: the missing ones are zero) into [row][pixel][lane]. Places
-// outside the tensor become zero or, without zeros, stay as they are.
+// there, or 8 where fewer are left: the missing lanes hold anything) into [row][pixel][lane].
+// Places outside the tensor become zero or, without zeros, stay as they are.
 void zyn_general_gather(float* out, const zyn_general_tensor& from, int32_t channel, int32_t lanes,
                         const zyn_general_window& window, bool zeros);
 

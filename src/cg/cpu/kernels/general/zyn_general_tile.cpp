@@ -1,6 +1,6 @@
 // Dense tiles: Blocks x 8 output channels by Pixels pixels. One input value is spread over a
-// vector and multiplied by the weights of 8 output channels. Depthwise tiles: 8 channels by
-// Pixels pixels. Tiles of a line are nearly equal, so that none has few sums.
+// vector and multiplied by the weights of 8 output channels. Tiles of a line are nearly equal, so
+// that none has few sums.
 #include "cg/cpu/kernels/general/zyn_general_tile.h"
 
 #include <immintrin.h>
@@ -10,7 +10,6 @@
 namespace {
 
 constexpr int64_t kLanes = 8;
-constexpr int32_t kDepthwisePixels = 14;
 
 // The places of a tile's pixels: one pointer for every four, and distances whose origin the
 // compiler does not see. Else it makes an offset for every pixel and channel, more than there
@@ -50,13 +49,6 @@ struct pixel_places {
 // overwrites a or b, moves sums about and runs out of registers.
 [[gnu::always_inline]] inline void add_product(__m256& sum, __m256 a, __m256 b) {
   __asm__("vfmadd231ps %2, %1, %0" : "+x"(sum) : "x"(a), "x"(b));
-}
-
-// The same with b in memory.
-[[gnu::always_inline]] inline void add_product(__m256& sum, __m256 a, const float* b) {
-  __asm__("vfmadd231ps %2, %1, %0"
-          : "+x"(sum)
-          : "x"(a), "m"(*reinterpret_cast<const __m256_u*>(b)));
 }
 
 template <int Blocks, int Pixels>
@@ -121,41 +113,6 @@ struct dense_tile {
   }
 };
 
-// Step: from pixel to pixel where the compiler is to know it, else 0. Few pixels take their taps
-// in turn into several sums, which would else wait for each other.
-template <int Pixels, int Step>
-struct depthwise_tile {
-  static constexpr int kParts = Pixels == 1 ? 8 : Pixels <= 3 ? 4 : Pixels <= 6 ? 2 : 1;
-
-  [[gnu::always_inline]] static void add(__m256 (&sum)[Pixels], const float* from, int64_t step,
-                                         const float* weights) {
-    const __m256 weight = _mm256_loadu_ps(weights);
-    ZYN_UNROLL for (int i = 0; i < Pixels; i++) add_product(sum[i], weight, from + i * step);
-  }
-  static void run(const zyn_general_lines& l, const float* in, float* out) {
-    const int64_t step = Step ? Step : l.in_step;
-    __m256 sum[kParts][Pixels];
-    ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[0][i] = _mm256_loadu_ps(l.bias);
-    ZYN_UNROLL for (int p = 1; p < kParts; p++) {
-      ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[p][i] = _mm256_setzero_ps();
-    }
-    const float* weights = l.weights;
-    int32_t t = 0;
-    // Several taps a round: a loop of few rounds ends where the processor expects it to.
-    constexpr int kRound = kParts < 4 ? 4 : kParts;
-    for (; t + kRound <= l.tap_count; t += kRound, weights += kRound * kLanes)
-      ZYN_UNROLL for (int p = 0; p < kRound; p++)
-          add(sum[p % kParts], in + l.taps[t + p], step, weights + p * kLanes);
-    for (; t < l.tap_count; t++, weights += kLanes) add(sum[0], in + l.taps[t], step, weights);
-    ZYN_UNROLL for (int p = 1; p < kParts; p++) {
-      ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[0][i] = _mm256_add_ps(sum[0][i], sum[p][i]);
-    }
-    const __m256 floor = _mm256_set1_ps(l.floor);
-    ZYN_UNROLL for (int i = 0; i < Pixels; i++)
-        _mm256_storeu_ps(out + i * l.out_step, _mm256_max_ps(floor, sum[0][i]));  // NaN stays NaN
-  }
-};
-
 using tile = void (*)(const zyn_general_lines&, const float*, float*);
 
 template <int Blocks>
@@ -183,17 +140,6 @@ tile dense_tile_of(int64_t pixels) {
                                       zyn_general_most_pixels(Blocks) >= 11 ? 11 : 1 > ::run,
                                       dense_tile < Blocks,
                                       zyn_general_most_pixels(Blocks) >= 12 ? 12 : 1 > ::run};
-  return kTiles[pixels - 1];
-}
-
-template <int Step>
-tile depthwise_tile_of(int64_t pixels) {
-  static constexpr tile kTiles[kDepthwisePixels] = {
-      depthwise_tile<1, Step>::run,  depthwise_tile<2, Step>::run,  depthwise_tile<3, Step>::run,
-      depthwise_tile<4, Step>::run,  depthwise_tile<5, Step>::run,  depthwise_tile<6, Step>::run,
-      depthwise_tile<7, Step>::run,  depthwise_tile<8, Step>::run,  depthwise_tile<9, Step>::run,
-      depthwise_tile<10, Step>::run, depthwise_tile<11, Step>::run, depthwise_tile<12, Step>::run,
-      depthwise_tile<13, Step>::run, depthwise_tile<14, Step>::run};
   return kTiles[pixels - 1];
 }
 
@@ -229,11 +175,4 @@ void zyn_general_dense_lines(const zyn_general_lines& lines, int32_t blocks, int
                        : blocks == 4 ? dense_tile_of<4>
                                      : dense_tile_of<8>;
   cover(lines, count, zyn_general_most_pixels(blocks), tile_of);
-}
-
-void zyn_general_depthwise_lines(const zyn_general_lines& lines, int64_t count) {
-  const auto tile_of = lines.in_step == kLanes       ? depthwise_tile_of<kLanes>
-                       : lines.in_step == 2 * kLanes ? depthwise_tile_of<2 * kLanes>
-                                                     : depthwise_tile_of<0>;
-  cover(lines, count, kDepthwisePixels, tile_of);
 }

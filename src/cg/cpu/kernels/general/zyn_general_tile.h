@@ -1,4 +1,4 @@
-// The micro-kernels of the general convolutions: tiles of output pixels in registers, by a
+// The micro-kernels of the general dense convolutions: tiles of output pixels in registers, by a
 // list of taps with any distance between pixels.
 #pragma once
 
@@ -7,11 +7,11 @@
 // Lines of output pixels, and what their tiles need. Distances are in floats.
 struct zyn_general_lines {
   const float* in;      // first tap of the line's first pixel
-  const int64_t* taps;  // offsets from there, one per tap (dense: per tap and input block)
+  const int64_t* taps;  // offsets from there, one per tap and input block
   int32_t tap_count;
-  int32_t inputs;        // dense: input channels per tap, 1 or 8
+  int32_t inputs;        // input channels per tap, 1 or 8
   int64_t in_step;       // from pixel to pixel
-  const float* weights;  // [tap][input][lane] or, depthwise, [tap][lane]
+  const float* weights;  // [tap][input][lane]
   float* out;
   int64_t out_step;                  // from pixel to pixel
   int64_t out_block;                 // from 8 lanes to the next 8
@@ -36,6 +36,3 @@ constexpr int32_t zyn_general_blocks_within(int32_t blocks) {
 // Lines of count pixels of a dense layer's blocks of 8 output channels, in tiles of nearly equal
 // size.
 void zyn_general_dense_lines(const zyn_general_lines& lines, int32_t blocks, int64_t count);
-
-// Lines of count pixels of 8 channels of a depthwise layer.
-void zyn_general_depthwise_lines(const zyn_general_lines& lines, int64_t count);

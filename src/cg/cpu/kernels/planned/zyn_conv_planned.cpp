@@ -5,6 +5,8 @@
 //   dense 3x3, 5x5               zyn_conv_planned_dense.cpp
 //   depthwise 3x3 by 8 channels  zyn_conv_planned_dw_lanes.cpp, for small planes
 //   other depthwise              zyn_conv_planned_dw.cpp, stride 1 and 2
+#include <string.h>
+
 #include "base/zyn_memory.h"
 #include "base/zyn_platform.h"
 #include "cg/cpu/kernels/gemm/zyn_gemm_pack.h"
@@ -35,6 +37,21 @@ struct pixel_run {
   int64_t x, y, count;  // of the first one
 };
 
+float* clear(float* to, int64_t count) {
+  for (int64_t i = 0; i < count; i++) to[i] = 0.0f;
+  return to + count;
+}
+
+float* copy(float* to, const float* from, int64_t count, int64_t stride) {
+  if (count <= 0) return to;
+  if (stride == 1) {
+    memcpy(to, from, static_cast<size_t>(count) * sizeof(float));
+  } else {
+    ZYN_UNROLL_BY(4) for (int64_t i = 0; i < count; i++) to[i] = from[i * stride];
+  }
+  return to + count;
+}
+
 // What tap (ky, kx) of one plane sees under a run of output pixels.
 void fill_row(float* to, const float* plane, const zyn_conv_plan* p, int64_t ky, int64_t kx,
               const pixel_run& run) {
@@ -47,11 +64,11 @@ void fill_row(float* to, const float* plane, const zyn_conv_plan* p, int64_t ky,
     const int64_t last = zyn_smaller(x + rest, out_w), iy = y * stride + ky - p->pad;
     rest -= last - x;
     const bool inside = iy >= 0 && iy < p->input_h;
-    for (const int64_t zeros = inside ? zyn_smaller(first, last) : last; x < zeros; x++)
-      *to++ = 0.0f;
-    for (const int64_t stop = zyn_smaller(end, last); x < stop; x++)
-      *to++ = plane[iy * w + x * stride - left];
-    for (; x < last; x++) *to++ = 0.0f;
+    const int64_t begin = inside ? zyn_larger(x, zyn_smaller(first, last)) : last;
+    const int64_t stop = inside ? zyn_larger(begin, zyn_smaller(end, last)) : last;
+    to = clear(to, begin - x);
+    to = copy(to, plane + iy * w + begin * stride - left, stop - begin, stride);
+    to = clear(to, last - stop);
   }
 }
 
@@ -109,6 +126,12 @@ uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_
 uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_conv_plan* plan,
                                 const zyn_conv_epilogue& epilogue) {
   const int64_t pixels = plan->output_pixels, k = plan->k, width = plan->panel_width;
+  if (pixels == 1) {
+    zyn_gemm_blocks_by_vector(plan->output_channels, k, plan->weights, plan->channel_block, input,
+                              output);
+    zyn_conv_finish_rows(output, plan->output_channels, 1, epilogue);
+    return 0;
+  }
   zyn_gemm_rows b = {input, pixels, k, 1, nullptr, nullptr};
   const zyn_gemm_output out = {output, pixels, plan->output_channels, epilogue};
   // At steps of 16 bytes one vector in four straddles cache lines, which costs nothing; planes

@@ -30,14 +30,9 @@ struct zyn_check_shape {
   }
 };
 
-// "320 x 240 x 3", of a known shape.
-struct zyn_extents_text {
-  char text[64];
-  explicit zyn_extents_text(const zyn_check_shape& s) {
-    int used = snprintf(text, sizeof(text), "%d", s.dims[0]);
-    for (int32_t d = 1; d < s.dim_count; d++)
-      used += snprintf(text + used, sizeof(text) - static_cast<size_t>(used), " x %d", s.dims[d]);
-  }
+// A shape for a finding: "320 x 240 x 3".
+struct zyn_shape_text : zyn_extents_text {
+  explicit zyn_shape_text(const zyn_check_shape& s) : zyn_extents_text(s.dim_count, s.dims) {}
 };
 
 // A node as its rule sees it.
@@ -49,7 +44,7 @@ struct zyn_check_node {
   zyn_check_shape input;       // of the last predecessor that is not a constant
   int32_t producer;            // its id, -1: there is none
   int32_t producers;           // how many predecessors are not constants
-  const zyn_tensor* constant;  // of the last constant, or null
+  const zyn_tensor* constant;  // of the last constant; null where there is none that is sound
   int32_t constants;
   uint32_t method;  // convolutions: 0, 1, 2
 };

@@ -4,8 +4,9 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "cg/cpu/check/zyn_check.h"
 #include "cg/cpu/zyn_cg_names.h"
-#include "net/zyn_check.h"
+#include "simd/zyn_flush.h"
 
 namespace {
 
@@ -254,13 +255,15 @@ void zyn_checker::check_node(int32_t id) {
   node.id = id;
   node.type = zyn_cg_node_type(graph_, id);
   node.param = graph_->bindings ? graph_->bindings[id].param : nullptr;
+  static constexpr zyn_darray kNothing = {};
   node.reads = zyn_cg_inputs(graph_, id);
+  if (!node.reads) node.reads = &kNothing;
   node.producer = -1;
   node.method = graph_->bindings ? graph_->bindings[id].method : graph_->conv_method;
   for (int64_t i = 0; i < node.reads->count; i++) {
     const int32_t from = zyn_darray_ids(node.reads)[i];
     if (is_constant(from)) {
-      node.constant = data_tensor(graph_, from);
+      node.constant = shapes_[from].known() ? data_tensor(graph_, from) : nullptr;
       node.constants++;
     } else {
       node.producer = from;
@@ -338,9 +341,29 @@ zyn_cg_report* zyn_checker::report() const {
   return report;
 }
 
+// Its own error, else what is wrong with the data that it reads; runs alone need all of them.
+bool zyn_cg_explain_node(const zyn_cg_handle* graph, int32_t node, bool is_run) {
+  zyn_checker checker(graph);
+  zyn_cg_report* report = checker.run() ? checker.report() : nullptr;
+  const zyn_darray* reads = zyn_cg_inputs(graph, node);
+  const zyn_cg_finding* found = nullptr;
+  for (int32_t i = 0; report && !found && i < report->errors; i++)
+    if (report->findings[i].node == node) found = &report->findings[i];
+  const int32_t said = report ? report->errors + (is_run ? report->warnings : 0) : 0;
+  for (int32_t i = 0; !found && i < said; i++)
+    for (int64_t k = 0; !found && reads && k < reads->count; k++)
+      if (report->findings[i].kind == ZYN_CHECK_DATA &&
+          report->findings[i].node == zyn_darray_ids(reads)[k])
+        found = &report->findings[i];
+  if (found) zyn_explain("%s", found->text);
+  zyn_release_cg_report(&report);
+  return found != nullptr;
+}
+
 int32_t zyn_cg_check(const zyn_cg_handle* graph, zyn_cg_report** report) {
   if (report) *report = nullptr;
   if (!graph || !report) return zyn_refuse(ZYN_RET_ERR_PARA, "the graph or the report is null");
+  const zyn_flush_denormals flush;  // as preparation reads records
   zyn_checker checker(graph);
   if (checker.run()) *report = checker.report();
   if (*report) return ZYN_RET_OK;

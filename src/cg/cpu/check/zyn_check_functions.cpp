@@ -1,7 +1,7 @@
 // What can be wrong with functions (type 9) and joins (type 31).
+#include "cg/cpu/check/zyn_check.h"
 #include "cg/cpu/ops/zyn_cg_function.h"
 #include "cg/cpu/ops/zyn_cg_join.h"
-#include "net/zyn_check.h"
 
 namespace {
 
@@ -74,7 +74,7 @@ void zyn_check_join(zyn_checker* check, const zyn_check_node& node, zyn_check_sh
   *output = a;
   output->dim_count = zyn_cg_joined_extents(operation, extents_of(a), extents_of(b), output->dims);
   if (output->known()) return;
-  const zyn_extents_text first(a), second(b);
+  const zyn_shape_text first(a), second(b);
   if (operation == ZYN_JOIN_MATMUL)
     check->error(ZYN_CHECK_SHAPE, node.id,
                  "%s times %s: the first extent of the one and the second of the other are alike, "

@@ -1,9 +1,9 @@
 // What can be wrong with a convolution: its inputs, its record, its constant, its shape, its
 // method, its fraction bits.
+#include "cg/cpu/check/zyn_check.h"
 #include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
 #include "cg/cpu/kernels/general/zyn_conv_general.h"
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
-#include "net/zyn_check.h"
 
 namespace {
 

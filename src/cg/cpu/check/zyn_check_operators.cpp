@@ -1,10 +1,10 @@
 // What can be wrong with the operators that are no convolutions.
 #include <string.h>
 
+#include "cg/cpu/check/zyn_check.h"
 #include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
 #include "cg/cpu/ops/zyn_cg_join.h"
 #include "cg/cpu/zyn_cg_support.h"
-#include "net/zyn_check.h"
 
 namespace {
 
@@ -35,7 +35,7 @@ bool same_extents(const zyn_check_shape& a, const zyn_check_shape& b, int32_t di
   return true;
 }
 
-using extents_text = zyn_extents_text;
+using extents_text = zyn_shape_text;
 
 void check_normalisation(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output) {
   if (!zyn_check_reads(check, node, true)) return;
@@ -353,6 +353,7 @@ bool zyn_check_reads(zyn_checker* check, const zyn_check_node& node, bool with_c
                  "it has no constant: the edge from the node with its weights is missing");
     good = false;
   }
+  if (with_constant && !node.constant) good = false;  // said of the constant itself
   if (node.producers > 1) {
     check->warn(ZYN_CHECK_INPUTS, node.id, "it reads %d inputs: only the last, node %d, counts",
                 node.producers, node.producer);

@@ -1,7 +1,7 @@
 // What can be wrong with the further operators of types 30 and 35: the verdict that their
 // preparation asks for, and fraction bits.
+#include "cg/cpu/check/zyn_check.h"
 #include "cg/cpu/ops/zyn_cg_further.h"
-#include "net/zyn_check.h"
 
 void zyn_check_further(zyn_checker* check, const zyn_check_node& node, zyn_check_shape* output) {
   if (!zyn_check_reads(check, node, false)) return;

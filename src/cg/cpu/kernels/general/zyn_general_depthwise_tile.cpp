@@ -1,0 +1,179 @@
+// Tiles of one or two lines of pixels: up to 14 sums beside a vector of weights, whose taps come
+// row by row of the kernel. Tiles of a line are nearly equal, so that none has few sums; tiles of
+// one size follow each other within one call, so that a tile starts while the last one ends.
+#include "cg/cpu/kernels/general/zyn_general_depthwise_tile.h"
+
+#include <immintrin.h>
+
+#include "simd/zyn_vectors.h"
+
+namespace {
+
+using rectangle = zyn_general_rectangle;
+
+constexpr int64_t kLanes = 8;
+constexpr int32_t kMostPixels = 14;
+constexpr int32_t kMostPixelsOfTwo = 7;  // a line's, of two lines
+constexpr int32_t kFewPixels = 4;        // lines shorter than this run along the other axis
+
+// sum += weight * value in the form that adds to its own register: left to choose, the compiler
+// moves sums about and runs out of registers.
+[[gnu::always_inline]] inline void add_product(__m256& sum, __m256 weight, const float* value) {
+  __asm__("vfmadd231ps %2, %1, %0"
+          : "+x"(sum)
+          : "x"(weight), "m"(*reinterpret_cast<const __m256_u*>(value)));
+}
+
+// Columns: of the kernel's part, 0 for any number. Step: floats from pixel to pixel, 0 for any.
+// Few pixels take their taps in turn into several sums, which would else wait for each other.
+template <int Columns, int Lines, int Pixels, int Step>
+struct tile {
+  static constexpr int kSums = Lines * Pixels;
+  static constexpr int kParts = Columns == 0 || kSums > 6 ? 1 : kSums > 2 ? 2 : Columns;
+
+  // One tap; from is then at the next. The compiler is not to see where from comes from: else it
+  // makes an offset for every pixel, more than there are registers.
+  [[gnu::always_inline]] static void add(__m256 (&sum)[Lines][Pixels], const float* (&from)[Lines],
+                                         int64_t step, int64_t column, const float* weights) {
+    const __m256 weight = _mm256_loadu_ps(weights);
+    ZYN_UNROLL for (int n = 0; n < Lines; n++) {
+      __asm__("" : "+r"(from[n]));
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++)
+          add_product(sum[n][i], weight, from[n] + i * step);
+      from[n] += column;
+    }
+  }
+
+  [[gnu::always_inline]] static void one(const rectangle& r, const zyn_general_depthwise_block& b,
+                                         const float* weights, const float* in, float* out) {
+    const int64_t step = Step ? Step : r.in_step;
+    const __m256 bias = _mm256_loadu_ps(b.bias), floor = _mm256_set1_ps(b.floor);
+    __m256 sum[kParts][Lines][Pixels];
+    ZYN_UNROLL for (int p = 0; p < kParts; p++) {
+      ZYN_UNROLL for (int n = 0; n < Lines; n++) {
+        ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[p][n][i] =
+            p == 0 ? bias : _mm256_setzero_ps();
+      }
+    }
+    for (int32_t ky = 0; ky < r.rows; ky++, in += r.row, weights += r.weights_row) {
+      const float* from[Lines];
+      ZYN_UNROLL for (int n = 0; n < Lines; n++) from[n] = in + n * r.in_line;
+      if constexpr (Columns > 0) {
+        ZYN_UNROLL for (int kx = 0; kx < Columns; kx++)
+            add(sum[kx % kParts], from, step, r.column, weights + kx * kLanes);
+      } else {
+        for (int32_t kx = 0; kx < r.columns; kx++)
+          add(sum[0], from, step, r.column, weights + kx * kLanes);
+      }
+    }
+    ZYN_UNROLL for (int n = 0; n < Lines; n++) {
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
+        ZYN_UNROLL for (int p = 1; p < kParts; p++) sum[0][n][i] =
+            _mm256_add_ps(sum[0][n][i], sum[p][n][i]);
+        _mm256_storeu_ps(out + n * r.out_line + i * (Step ? kLanes : r.out_step),
+                         _mm256_max_ps(floor, sum[0][n][i]));  // NaN stays NaN
+      }
+    }
+  }
+
+  // tiles of a line, side by side, in each of r.lines / Lines lines.
+  static void run(const rectangle& r, const zyn_general_depthwise_block& b, int32_t first,
+                  int32_t tiles) {
+    const float* weights = b.weights + r.weights;
+    const float* in = b.in + r.in + first * r.in_step;
+    float* out = b.out + r.out + first * r.out_step;
+    for (int32_t line = 0; line < r.lines; line += Lines) {
+      for (int32_t i = 0; i < tiles; i++)
+        one(r, b, weights, in + i * Pixels * r.in_step, out + i * Pixels * r.out_step);
+      in += Lines * r.in_line;
+      out += Lines * r.out_line;
+    }
+  }
+};
+
+using tile_run = void (*)(const rectangle&, const zyn_general_depthwise_block&, int32_t, int32_t);
+
+template <int Columns, int Step>
+tile_run of_one_line(int32_t pixels) {
+  static constexpr tile_run kRuns[kMostPixels] = {
+      tile<Columns, 1, 1, Step>::run,  tile<Columns, 1, 2, Step>::run,
+      tile<Columns, 1, 3, Step>::run,  tile<Columns, 1, 4, Step>::run,
+      tile<Columns, 1, 5, Step>::run,  tile<Columns, 1, 6, Step>::run,
+      tile<Columns, 1, 7, Step>::run,  tile<Columns, 1, 8, Step>::run,
+      tile<Columns, 1, 9, Step>::run,  tile<Columns, 1, 10, Step>::run,
+      tile<Columns, 1, 11, Step>::run, tile<Columns, 1, 12, Step>::run,
+      tile<Columns, 1, 13, Step>::run, tile<Columns, 1, 14, Step>::run};
+  return kRuns[pixels - 1];
+}
+
+template <int Columns, int Step>
+tile_run of_two_lines(int32_t pixels) {
+  static constexpr tile_run kRuns[kMostPixelsOfTwo] = {
+      tile<Columns, 2, 1, Step>::run, tile<Columns, 2, 2, Step>::run,
+      tile<Columns, 2, 3, Step>::run, tile<Columns, 2, 4, Step>::run,
+      tile<Columns, 2, 5, Step>::run, tile<Columns, 2, 6, Step>::run,
+      tile<Columns, 2, 7, Step>::run};
+  return kRuns[pixels - 1];
+}
+
+template <int Columns>
+tile_run tile_of(int64_t step, int32_t lines, int32_t pixels) {
+  if (step == kLanes)
+    return lines == 2 ? of_two_lines<Columns, kLanes>(pixels)
+                      : of_one_line<Columns, kLanes>(pixels);
+  return lines == 2 ? of_two_lines<Columns, 2 * kLanes>(pixels)
+                    : of_one_line<Columns, 2 * kLanes>(pixels);
+}
+
+tile_run tile_for(const rectangle& r, int32_t lines, int32_t pixels) {
+  if (r.in_step != kLanes && r.in_step != 2 * kLanes) return of_one_line<0, 0>(pixels);
+  return r.columns == 3   ? tile_of<3>(r.in_step, lines, pixels)
+         : r.columns == 5 ? tile_of<5>(r.in_step, lines, pixels)
+         : r.columns == 7 ? tile_of<7>(r.in_step, lines, pixels)
+                          : tile_of<0>(r.in_step, lines, pixels);
+}
+
+// Lines run along the other axis.
+void turn(rectangle* r) {
+  const rectangle from = *r;
+  r->in_step = from.in_line;
+  r->in_line = from.in_step;
+  r->out_step = from.out_line;
+  r->out_line = from.out_step;
+  r->pixels = from.lines;
+  r->lines = from.pixels;
+}
+
+// Lines of pixels in tiles of at most most, all within one of each other.
+void cover(rectangle* r, int32_t lines, int32_t most) {
+  const int32_t tiles = (r->pixels + most - 1) / most;
+  const int32_t small = r->pixels / tiles, larger = r->pixels % tiles;
+  r->run[0] = larger > 0 ? tile_for(*r, lines, small + 1) : nullptr;
+  r->run[1] = tile_for(*r, lines, small);
+  r->first[0] = 0;
+  r->first[1] = larger * (small + 1);
+  r->tiles[0] = larger;
+  r->tiles[1] = tiles - larger;
+}
+
+}  // namespace
+
+bool zyn_general_choose_tiles(zyn_general_rectangle* rectangle, zyn_general_rectangle* last) {
+  zyn_general_rectangle& r = *rectangle;
+  if (r.pixels < kFewPixels && r.lines > 2 * r.pixels) turn(&r);
+  const bool stepped = r.in_step == kLanes || r.in_step == 2 * kLanes;
+  if (!stepped || r.pixels > kMostPixelsOfTwo || r.lines < 2) {
+    cover(&r, 1, kMostPixels);
+    return true;
+  }
+  const int32_t pairs = r.lines / 2 * 2;
+  *last = r;
+  r.lines = pairs;
+  cover(&r, 2, kMostPixelsOfTwo);
+  if (pairs == last->lines) return true;
+  last->lines = 1;
+  last->in += pairs * r.in_line;
+  last->out += pairs * r.out_line;
+  cover(last, 1, kMostPixels);
+  return false;
+}
