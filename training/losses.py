@@ -69,5 +69,5 @@ def landmark_loss(found, points, width=4.0, bend=1.0):
     error = (found.reshape(points.shape[0], -1, 2) - points[..., :2]).abs() * data.CROP
     offset = width - width * np.log(1 + width / bend)
     wing = torch.where(error < width, width * torch.log(1 + error / bend), error - offset)
-    weight = 0.4 + 0.6 * points[..., 2:]
+    weight = 0.2 + 0.8 * points[..., 2:]
     return (wing * weight).sum() / weight.sum() / 2

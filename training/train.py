@@ -21,6 +21,8 @@ import losses
 import models
 
 NETWORKS = {"detector": models.Detector, "landmarks": models.Landmarks}
+BATCH = {"detector": 12, "landmarks": 16}
+RATE = {"detector": 2e-3, "landmarks": 5e-3}
 
 
 def detector_batch(store, targets, seeds):
@@ -159,10 +161,10 @@ def main():
     parser.add_argument("--samples", type=int, default=200000)
     parser.add_argument("--resume", action="store_true")
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--batch", type=int, default=12)
+    parser.add_argument("--batch", type=int, help=str(BATCH))
     parser.add_argument("--small", type=float, default=0.43,
                         help="share of the detector's samples with quarter pictures")
-    parser.add_argument("--rate", type=float, default=2e-3)
+    parser.add_argument("--rate", type=float, help=f"highest learning rate {RATE}")
     parser.add_argument("--minutes", type=float, default=3, help="between checkpoints")
     parser.add_argument("--threads", type=int, default=1)
     parser.add_argument("--single", action="store_true", help="single precision, not bfloat16")
@@ -170,6 +172,8 @@ def main():
     parser.add_argument("--folder", default=data.default_folder(), help="checkpoints")
     parser.add_argument("--store", help="rendered heads (default: FOLDER/store)")
     options = parser.parse_args()
+    options.batch = options.batch or BATCH[options.network]
+    options.rate = options.rate or RATE[options.network]
     torch.set_num_threads(options.threads)
     os.makedirs(options.folder, exist_ok=True)
     folder = options.store or os.path.join(options.folder, "store")
