@@ -14,6 +14,6 @@ echo "rendering 150 frames of 640 x 480 pixels ..."
 cp "$out/frames/truth.json" "$out/truth.json"
 echo
 echo "beside the truth of the clip:"
-python3 "$here/training/clips.py" "$out"
+/usr/bin/python3 "$here/training/clips.py" "$out"
 echo
 echo "look at $out/contact-sheet.png and $out/annotated.mp4"
