@@ -350,7 +350,8 @@ TEST_P(ConvMethod, FailingAllocationsAnswerTwoAndTheNextAttemptWorks) {
       if (prepared) {
         EXPECT_EQ(layer.net().run(), 1);
       } else if (code) {
-        EXPECT_TRUE(*first == 77 || (*first == 0 && (GetParam() == 1 || GetParam() == 3))) << *first << layer.text();
+        EXPECT_TRUE(*first == 77 || (*first == 0 && (GetParam() == 1 || GetParam() == 3)))
+            << *first << layer.text();
       }
       EXPECT_EQ(layer.net().prepare() + layer.net().run(), 0);
       layer.compare();

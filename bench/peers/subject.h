@@ -2,10 +2,10 @@
 // answers one text line per request line (protocol: bench/README.md). A child
 // process keeps the harness free of the subject's toolchain and ABI.
 #pragma once
-#include "common.h"
-
 #include <signal.h>
 #include <sys/wait.h>
+
+#include "common.h"
 
 namespace peers {
 
@@ -69,7 +69,8 @@ class Subject {
     const std::string a = ask(b);
     long n = 0;
     double lo = 0, med = 0;
-    if (sscanf(a.c_str(), "time %ld %lf %lf", &n, &lo, &med) != 3 || n < 1 || !(lo > 0)) return false;
+    if (sscanf(a.c_str(), "time %ld %lf %lf", &n, &lo, &med) != 3 || n < 1 || !(lo > 0))
+      return false;
     if (!(min_ns > 0) || lo < min_ns) min_ns = lo;
     medians.push_back(med);
     return true;

@@ -6,8 +6,8 @@
 #include "base/zyn_explain.h"
 #include "base/zyn_memory.h"
 #include "base/zyn_report.h"
-#include "cg/cpu/zyn_cg_layout.h"
 #include "cg/cpu/check/zyn_check.h"
+#include "cg/cpu/zyn_cg_layout.h"
 #include "net/zyn_net_graph.h"
 
 namespace {

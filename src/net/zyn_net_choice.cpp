@@ -4,10 +4,10 @@
 // of neighbouring convolutions change their method as long as that lowers the sum.
 #include <string.h>
 
+#include "cg/cpu/check/zyn_check.h"
 #include "cg/cpu/ops/zyn_cg_function.h"
 #include "cg/cpu/ops/zyn_cg_join.h"
 #include "cg/cpu/zyn_cg_records.h"
-#include "cg/cpu/check/zyn_check.h"
 #include "net/zyn_net_graph.h"
 
 namespace {
