@@ -42,8 +42,9 @@ int32_t zyn_refuse_null(const char* what) {
 }
 
 zyn_extents_text::zyn_extents_text(int32_t count, const int32_t* extents) {
-  int used = snprintf(text, sizeof(text), extents ? "" : "null");
-  for (int32_t i = 0; extents && i < count && i < 5; i++)
+  const bool readable = count >= 1 && count <= 5;  // else nobody knows how many there are
+  int used = snprintf(text, sizeof(text), !extents ? "null" : readable ? "" : "not read");
+  for (int32_t i = 0; extents && readable && i < count; i++)
     used += snprintf(text + used, sizeof(text) - static_cast<size_t>(used), i ? " x %d" : "%d",
                      extents[i]);
 }

@@ -25,7 +25,8 @@ ZYN_FORMAT(2, 3) int32_t zyn_refuse(int32_t code, const char* format, ...);
 // Refuses an argument that may not be null: "what is null".
 int32_t zyn_refuse_null(const char* what);
 
-// Extents for an explanation: "320 x 240 x 3"; "null" for null.
+// Extents for an explanation: "320 x 240 x 3"; "null" for null, "not read" for a count
+// that no tensor has.
 struct zyn_extents_text {
   char text[80];
   zyn_extents_text(int32_t count, const int32_t* extents);
