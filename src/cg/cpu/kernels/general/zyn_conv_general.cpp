@@ -334,8 +334,6 @@ bool serves(const layer& l, const zyn_conv_param& p) {
                         s.dilation_x > 0 && s.dilation_y > 0 && s.pad_x >= 0 && s.pad_y >= 0 &&
                         l.width > 0 && l.height > 0 && l.in_channels > 0 && l.out_channels > 0;
   if (!positive || (p.groups != 1 && !l.depthwise)) return false;
-  // A depthwise layer of one tap is a multiplication, which the planar kernels do as fast.
-  if (l.depthwise && s.kernel_x == 1 && s.kernel_y == 1) return false;
   const auto fits = [](int64_t kernel, int64_t dilation, int64_t pad, int64_t extent) {
     const int64_t reach = (kernel - 1) * dilation;
     return pad <= reach && reach < 4 * extent + 64 && extent + 2 * pad > reach;

@@ -126,7 +126,9 @@ tile_run tile_of(int64_t step, int32_t lines, int32_t pixels) {
 }
 
 tile_run tile_for(const rectangle& r, int32_t lines, int32_t pixels) {
-  if (r.in_step != kLanes && r.in_step != 2 * kLanes) return of_one_line<0, 0>(pixels);
+  // A turned rectangle of a plane two pixels wide has a usual step in the input, not in the output.
+  const bool usual = r.in_step == kLanes || r.in_step == 2 * kLanes;
+  if (!usual || r.out_step != kLanes) return of_one_line<0, 0>(pixels);
   return r.columns == 3   ? tile_of<3>(r.in_step, lines, pixels)
          : r.columns == 5 ? tile_of<5>(r.in_step, lines, pixels)
          : r.columns == 7 ? tile_of<7>(r.in_step, lines, pixels)
