@@ -119,14 +119,14 @@ double general_cost(const layer& l, bool blocked_input, bool blocked_output) {
          3.8e-5 * l.taps * l.in_channels * outputs + 6e-4 * outputs + 0.15;
 }
 
-// Methods 5 and 6: transforms, products, transforms back. Weights are read once, as one layer's
-// are seldom still in the cache when it runs again.
-double winograd_cost(const layer& l, bool blocked_input, bool blocked_output) {
-  const double outputs = rounded_up(l.out_channels, 8);
-  return 2.15e-5 * l.products * l.in_channels * outputs +
-         (blocked_input ? 5.1e-4 : 5.3e-4) * l.pixels_in * l.in_channels +
-         1.5e-4 * l.products * outputs + (blocked_output ? 0 : 1.25e-4) * l.pixels_out * outputs +
-         3e-5 * (l.tile + 2) * (l.tile + 2) * l.in_channels * outputs + 0.3;
+// Methods 5 and 6: the input's transform, products, the output's transform, and weights, which
+// come from afar where they are many.
+double winograd_cost(const layer& l, bool blocked_output) {
+  const double outputs = rounded_up(l.out_channels, 8), pairs = l.in_channels * outputs;
+  const double frequencies = (l.tile + 2) * (l.tile + 2), afar = pairs - 65536;
+  return 6.5e-4 * l.pixels_in * l.in_channels + 2.3e-5 * l.products * pairs +
+         1.2e-4 * l.products * outputs + (blocked_output ? 0 : 1.9e-4) * l.pixels_out * outputs +
+         frequencies * (1e-5 * pairs + 8e-5 * (afar > 0 ? afar : 0)) + 0.3;
 }
 
 // Bringing a tensor from one order of channels to the other.
@@ -259,7 +259,7 @@ class chooser {
            : method == 1 ? blocked_cost(l)
            : method == 2 ? planned_cost(l)
            : zyn_cg_is_winograd(static_cast<uint32_t>(method))
-               ? winograd_cost(l, blocked_input, method == ZYN_METHOD_WINOGRAD)
+               ? winograd_cost(l, method == ZYN_METHOD_WINOGRAD)
                : general_cost(l, blocked_input, method == ZYN_METHOD_GENERAL);
   }
 

@@ -3,6 +3,7 @@
 // product by the general tiles, and the output's transform while the products are in the cache.
 #include "cg/cpu/kernels/winograd/zyn_conv_winograd.h"
 
+#include <immintrin.h>
 #include <string.h>
 
 #include "base/zyn_memory.h"
@@ -185,6 +186,24 @@ void transform_inputs(const call& c, const strip& s) {
   }
 }
 
+// One chunk of inputs into all tiles of a frequency, a register tile's pixels at a time: between
+// them the lines that are read next are asked for, as weights come from far away.
+void multiply_chunk(zyn_general_lines line, int32_t blocks, int64_t tiles, const float* next,
+                    int64_t next_floats) {
+  const int64_t parts = ceil_div(tiles, zyn_general_most_pixels(blocks));
+  const float *in = line.in, *ahead = next;
+  float* out = line.out;
+  for (int64_t part = 0; part < parts; part++) {
+    const int64_t first = tiles * part / parts, end = tiles * (part + 1) / parts;
+    const float* until = next + next_floats * (part + 1) / parts;
+    for (; ahead < until; ahead += kLine)
+      _mm_prefetch(reinterpret_cast<const char*>(ahead), _MM_HINT_T1);
+    line.in = in + first * kLanes;
+    line.out = out + first * kLanes;
+    zyn_general_dense_lines(line, blocks, end - first);
+  }
+}
+
 // The products of a group of output blocks, frequency by frequency.
 void multiply(const call& c, const float* weights, int32_t blocks, int64_t tiles) {
   alignas(32) static constexpr float kNoBias[kZynGeneralMostBlocks * kLanes] = {};
@@ -194,11 +213,14 @@ void multiply(const call& c, const float* weights, int32_t blocks, int64_t tiles
   const int32_t most =
       static_cast<int32_t>(kChunkBytes / static_cast<int64_t>(sizeof(float)) / step_floats);
   const int32_t chunks = ceil_div(steps, most);
+  const float* all_end = l.weights + weight_floats(l);
   for (int32_t f = 0; f < zyn_winograd_frequencies(l.m); f++) {
     const float* in = c.inputs + f * input_step(l);
     float* out = c.products + f * product_step(l);
     for (int32_t chunk = 0, done = 0; chunk < chunks; chunk++) {
       const int32_t end = static_cast<int32_t>(int64_t{steps} * (chunk + 1) / chunks);
+      const float* next = weights + (end - done) * step_floats;
+      const int64_t left = all_end - next;
       const zyn_general_lines line = {in,
                                       l.taps + done,
                                       end - done,
@@ -214,8 +236,8 @@ void multiply(const call& c, const float* weights, int32_t blocks, int64_t tiles
                                       1,
                                       0,
                                       0};
-      zyn_general_dense_lines(line, blocks, tiles);
-      weights += (end - done) * step_floats;
+      multiply_chunk(line, blocks, tiles, next, left < next - weights ? left : next - weights);
+      weights = next;
       done = end;
     }
   }
@@ -266,11 +288,12 @@ bool zyn_conv_winograd_serves(const zyn_conv_param* param, int32_t width, int32_
 }
 
 int32_t zyn_conv_winograd_tile(const zyn_conv_param* param, int32_t out_width, int32_t out_height) {
-  // Reading the weights takes as long as the products of so many tiles.
-  const int64_t weights = int64_t{param->in_channels} * param->out_channels / 16384;
+  // Fetching a pair of channels' weights takes as long as the products of so many tiles; those of
+  // few channels may still be in the cache.
+  const int64_t pairs = int64_t{param->in_channels} * param->out_channels;
+  const int64_t weights = pairs < 20 * 512 ? pairs / 512 : 20;
   const auto products = [=](int32_t m) {
-    return (int64_t{ceil_div(out_width, m)} * ceil_div(out_height, m) +
-            (weights < 16 ? weights : 16)) *
+    return (int64_t{ceil_div(out_width, m)} * ceil_div(out_height, m) + weights) *
            zyn_winograd_frequencies(m);
   };
   return products(4) < products(2) ? 4 : 2;

@@ -4,7 +4,7 @@
 // bit for bit.
 //
 // Errors are within 1e-4 of the output's range for inputs and weights of every distribution that
-// was tried, with either tile and up to 512 channels (docs/operators.md). An input that is
+// was tried, with either tile and up to 512 channels (docs/networks.md). An input that is
 // infinite or not a number reaches all outputs of the tiles that read it, not only those within
 // its reach; so does one above 1e37, which may overflow in the transforms.
 #pragma once
