@@ -37,6 +37,7 @@ struct zyn_fpi_plan {
   zyn_fpi_kind kind;
   int32_t shift;  // d, 0 to 31
   zyn_fpi_layer layer;
+  int64_t pixels;          // of a plane of the output
   const int16_t* weights;  // the caller's, [out][in][row][column]
   int32_t* packed;         // owned, in the order of the kernel; null: weights serve
 };
@@ -82,9 +83,9 @@ zyn_fpi_kernel zyn_fpi_run_1x1, zyn_fpi_run_3x3, zyn_fpi_run_channels, zyn_fpi_r
     zyn_fpi_run_any;
 
 // The order of weights of the kernels that have one: its size in elements, then packing.
-int64_t zyn_fpi_packed_1x1(const zyn_fpi_layer& layer);
-int64_t zyn_fpi_packed_3x3(const zyn_fpi_layer& layer);
-int64_t zyn_fpi_packed_channels(const zyn_fpi_layer& layer);
+int64_t zyn_fpi_packed_1x1(const zyn_fpi_plan& plan);
+int64_t zyn_fpi_packed_3x3(const zyn_fpi_plan& plan);
+int64_t zyn_fpi_packed_channels(const zyn_fpi_plan& plan);
 void zyn_fpi_pack_1x1(zyn_fpi_plan* plan);
 void zyn_fpi_pack_3x3(zyn_fpi_plan* plan);
 void zyn_fpi_pack_channels(zyn_fpi_plan* plan);

@@ -52,7 +52,7 @@ zyn_fpi_kind choose_depthwise(const zyn_fpi_layer& l) {
 // What a kernel needs besides its arguments; null: nothing.
 struct kernel {
   zyn_fpi_kernel* run;
-  int64_t (*packed)(const zyn_fpi_layer& layer);
+  int64_t (*packed)(const zyn_fpi_plan& plan);
   void (*pack)(zyn_fpi_plan* plan);
   int64_t (*scratch)(const zyn_fpi_layer& layer, const zyn_tensor* output);
 };
@@ -130,11 +130,15 @@ uint32_t zyn_fpi_make_plan(zyn_fpi_plan* plan, const int16_t* weights, const zyn
   if (shift < 0 || shift > 31) return ZYN_RET_ERR_PARA;
   zyn_fpi_drop_plan(plan);
   const zyn_fpi_layer layer = {zyn_conv_shape_of(param), param->in_channels, param->out_channels};
-  *plan = {choose(param, layer, input, output), static_cast<int32_t>(shift), layer, weights,
+  *plan = {choose(param, layer, input, output),
+           static_cast<int32_t>(shift),
+           layer,
+           int64_t{output->dims[0]} * output->dims[1],
+           weights,
            nullptr};
   const kernel chosen = kernel_of(plan->kind);
   if (!chosen.pack) return ZYN_RET_OK;
-  const int64_t bytes = chosen.packed(layer) * static_cast<int64_t>(sizeof(int32_t));
+  const int64_t bytes = chosen.packed(*plan) * static_cast<int64_t>(sizeof(int32_t));
   plan->packed = static_cast<int32_t*>(zyn_malloc(bytes));
   if (!plan->packed) {
     *plan = {};
