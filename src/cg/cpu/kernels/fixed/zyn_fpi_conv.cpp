@@ -44,7 +44,9 @@ zyn_fpi_kind choose_dense(const zyn_fpi_layer& l, int64_t width) {
   return is_narrow(l) ? ZYN_FPI_DENSE_CHANNELS : ZYN_FPI_DENSE_ANY;
 }
 
-zyn_fpi_kind choose_depthwise(const zyn_fpi_layer& l) {
+zyn_fpi_kind choose_depthwise(const zyn_fpi_layer& l, const zyn_tensor* input,
+                              const zyn_tensor* output) {
+  if (zyn_fpi_suits_depthwise_channels(l, output, input)) return ZYN_FPI_DEPTHWISE_CHANNELS;
   const bool known_stride = has_stride(l, 1) || has_stride(l, 2);
   return known_stride && is_narrow(l) ? ZYN_FPI_DEPTHWISE : ZYN_FPI_DEPTHWISE_ANY;
 }
@@ -76,6 +78,9 @@ kernel kernel_of(zyn_fpi_kind kind) {
               zyn_fpi_scratch_channels};
     case ZYN_FPI_DEPTHWISE:
       return {zyn_fpi_run_depthwise, nullptr, nullptr, zyn_fpi_scratch_depthwise};
+    case ZYN_FPI_DEPTHWISE_CHANNELS:
+      return {zyn_fpi_run_depthwise_channels, zyn_fpi_packed_depthwise_channels,
+              zyn_fpi_pack_depthwise_channels, nullptr};
     case ZYN_FPI_DENSE_ANY:
     case ZYN_FPI_DEPTHWISE_ANY:
       return {zyn_fpi_run_any, nullptr, nullptr, nullptr};
@@ -101,7 +106,8 @@ zyn_fpi_kind choose(const zyn_conv_param* p, const zyn_fpi_layer& l, const zyn_t
                     const zyn_tensor* output) {
   const bool dense = p->groups == 1;
   if (!dense && !zyn_conv_is_depthwise(p)) return ZYN_FPI_NONE;
-  const zyn_fpi_kind kind = dense ? choose_dense(l, output->dims[0]) : choose_depthwise(l);
+  const zyn_fpi_kind kind =
+      dense ? choose_dense(l, output->dims[0]) : choose_depthwise(l, input, output);
   if (is_bounded(kind, l, input, output)) return kind;
   return dense ? ZYN_FPI_DENSE_ANY : ZYN_FPI_DEPTHWISE_ANY;
 }
