@@ -171,8 +171,8 @@ __m256d join_lanes(const __m256* v) {
 
 // Totals of eight short rows step elements apart: together, none of them waits for its own sums.
 template <typename Kind, typename T>
-[[gnu::always_inline]] inline void reduce_eight_rows(T* out, const T* in, int64_t step,
-                                                     int64_t count, int32_t operation) {
+[[gnu::noinline]] void reduce_eight_rows(T* out, const T* in, int64_t step, int64_t count,
+                                         int32_t operation) {
   using eight = zyn_eight<T>;
   const T *upper = in, *lower = in + 4 * step;
   const auto at = [&](int k) { return k < 4 ? upper + k * step : lower + (k - 4) * step; };
@@ -258,10 +258,14 @@ void reduce(T* out, const T* in, const reduction& r, int32_t operation) {
     reduce_all<max_of<T>>(out, in, r, operation);
   else if (operation == ZYN_REDUCE_MIN)
     reduce_all<min_of<T>>(out, in, r, operation);
-  else if (operation == ZYN_REDUCE_L2)
-    reduce_all<squares_of<T>>(out, in, r, operation);
   else
     reduce_all<sum_of<T>>(out, in, r, operation);
+}
+
+// Fixed point has no root of squares.
+void reduce_floats(float* out, const float* in, const reduction& r, int32_t operation) {
+  if (operation == ZYN_REDUCE_L2) return reduce_all<squares_of<float>>(out, in, r, operation);
+  reduce(out, in, r, operation);
 }
 
 // Whole planes of an input whose channels lie together: those of a block are side by side.
@@ -277,7 +281,7 @@ void reduce_blocks(reduce_state* state) {
     r.row_reduced = group == 1;
     r.row = r.row_reduced ? pixels : group;
     if (!r.row_reduced) r.reduced[r.reduced_count++] = {pixels, group, 0};
-    reduce<float>(zyn_cg_floats(state->output) + c, zyn_cg_floats(input) + c * pixels, r,
+    reduce_floats(zyn_cg_floats(state->output) + c, zyn_cg_floats(input) + c * pixels, r,
                   state->param.operation);
   }
 }
@@ -301,8 +305,8 @@ int32_t run_reduce(void* record) {
     reduce(static_cast<int16_t*>(out), static_cast<const int16_t*>(input->data), r,
            state->param.operation);
   else
-    reduce(static_cast<float*>(out), static_cast<const float*>(input->data), r,
-           state->param.operation);
+    reduce_floats(static_cast<float*>(out), static_cast<const float*>(input->data), r,
+                  state->param.operation);
   return ZYN_RET_OK;
 }
 

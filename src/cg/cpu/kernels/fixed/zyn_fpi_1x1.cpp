@@ -82,8 +82,9 @@ void tile(__m256i (&sum)[kRows][kVectors], const int16_t* in, int64_t in_pitch, 
 
 // All output channels of up to 16 or 32 pixels.
 template <zyn_fpi_1x1_mode kMode, int kVectors>
-void run_pixels(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue, int16_t* out,
-                int64_t out_pitch, const int16_t* in, int64_t in_pitch, int64_t count) {
+[[gnu::noinline]] void run_pixels(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
+                                  int16_t* out, int64_t out_pitch, const int16_t* in,
+                                  int64_t in_pitch, int64_t count) {
   const zyn_fpi_layer& l = plan->layer;
   const int32_t* list = plan->packed + blocks_of(l) * l.in_channels * kRows;
   for (int64_t block = 0; block < blocks_of(l); block++, list += 1 + list[0] * kEntry) {

@@ -46,7 +46,8 @@ struct job {
 };
 
 // Stores a pixel's results, those of a block to as many planes.
-void store_block(const job& j, int64_t block, __m256i sum, __m256i bias, int16_t* out) {
+[[gnu::noinline]] void store_block(const job& j, int64_t block, __m256i sum, __m256i bias,
+                                   int16_t* out) {
   const __m256i v = _mm256_min_epi16(
       _mm256_max_epi16(_mm256_add_epi16(sum, bias), _mm256_set1_epi16(j.epilogue.low)),
       _mm256_set1_epi16(j.epilogue.high));
@@ -59,7 +60,7 @@ void store_block(const job& j, int64_t block, __m256i sum, __m256i bias, int16_t
   for (int64_t k = 0; k < count; k++, to += j.plan.pixels) *to = lanes[k];
 }
 
-__m256i biases_of(const job& j, int64_t block) {
+[[gnu::noinline]] __m256i biases_of(const job& j, int64_t block) {
   int16_t lanes[kBlock] = {};
   const zyn_fpi_tile_epilogue& e = j.epilogue;
   for (int64_t k = 0; e.bias && k < kBlock && block * kBlock + k < j.plan.layer.out_channels; k++)
