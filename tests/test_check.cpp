@@ -127,6 +127,12 @@ TEST(Check, TextsOfMistakesInTheConstantAndTheRecord) {
        2,
        {"error node 2 CONV: 2 groups of 4 channels to 4: this type computes 1 group, or as many as "
         "both channel counts; CONV_GROUPED computes any"}},
+      {"three groups of four channels",
+       ZYN_OP_CONV_GROUPED,
+       conv(4, 6, 3, 1, 3),
+       100,
+       2,
+       {"error node 2 CONV_GROUPED: 3 groups do not divide 4 and 6 channels"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

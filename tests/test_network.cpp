@@ -88,6 +88,7 @@ TEST(Network, WhatIsWrittenComesBack) {
   EXPECT_EQ(d->multiply_adds, 6 * 5 * 4 * 2 * 9);
   EXPECT_EQ(d->parameters, 4 * 2 * 9 + 4);
   EXPECT_STREQ(d->nodes[2].operation, "CONV_ACT");
+  EXPECT_NE(d->nodes[2].method, 0);  // chosen by its cost
   EXPECT_STREQ(zyn_net_metadata(net.get(), "origin"), "a test");
   EXPECT_EQ(zyn_net_metadata(net.get(), "licence"), nullptr);
 

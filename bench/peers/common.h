@@ -1,12 +1,12 @@
 // Shared parts of the peer harness on top of ../measure.h: buffers and test data, the
 // reference convolution and the instruction sets the peers may use.
 #pragma once
+#include <unistd.h>
+
 #include <cstring>
 #include <ctime>
 #include <map>
 #include <memory>
-
-#include <unistd.h>
 
 #include "../../tools/options.h"
 #include "../measure.h"
@@ -76,7 +76,8 @@ inline std::vector<float> greedy_nms(std::vector<Box> b, float thr) {
       const float w = std::max(0.0f, std::min(x.x2, k.x2) - std::max(x.x1, k.x1));
       const float h = std::max(0.0f, std::min(x.y2, k.y2) - std::max(x.y1, k.y1));
       const float inter = w * h;
-      const float uni = (x.x2 - x.x1) * (x.y2 - x.y1) + (k.x2 - k.x1) * (k.y2 - k.y1) - inter + 1e-5f;
+      const float uni =
+          (x.x2 - x.x1) * (x.y2 - x.y1) + (k.x2 - k.x1) * (k.y2 - k.y1) - inter + 1e-5f;
       ok &= inter / uni <= thr;
     }
     if (ok) {
@@ -126,9 +127,7 @@ inline bool close_enough(double got, double want, double scale) {
 
 enum Isa { kSse = 0, kAvx2 = 1, kNative = 2 };
 
-inline const char* isa_name(Isa i) {
-  return i == kSse ? "sse" : i == kAvx2 ? "avx2" : "native";
-}
+inline const char* isa_name(Isa i) { return i == kSse ? "sse" : i == kAvx2 ? "avx2" : "native"; }
 
 // The options that every peer program knows; run.sh gives them to all.
 inline std::vector<cli::Option> with_common(std::vector<cli::Option> own) {

@@ -45,7 +45,11 @@ cv::dnn::Net network_of_layers(const std::vector<Layer>& layers) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const cli::Line line(argc, argv, kHelp, with_common({{"channels", "3"}, {"runs", "200"}, {"layers", ""}, {"net", ""}, {"methods", "2"}}), 2);
+  const cli::Line line(
+      argc, argv, kHelp,
+      with_common(
+          {{"channels", "3"}, {"runs", "200"}, {"layers", ""}, {"net", ""}, {"methods", "2"}}),
+      2);
   const Isa isa = select_isa(line, argv);
   const int runs = static_cast<int>(line.number("runs", 1));
   const int ch = static_cast<int>(line.number("channels", 1));
@@ -63,7 +67,8 @@ int main(int argc, char** argv) {
       shapes.push_back({1, layers[i].in_c, layers[i].in_h, layers[i].in_w});
   } else {
     int w = 0, h = 0;
-    if (sscanf(line.word(1).c_str(), "%dx%d", &w, &h) != 2) line.wrong("the input's size is needed\n");
+    if (sscanf(line.word(1).c_str(), "%dx%d", &w, &h) != 2)
+      line.wrong("the input's size is needed\n");
     shapes.push_back({1, ch, h, w});
   }
   std::vector<cv::Mat> inputs;
@@ -100,8 +105,7 @@ int main(int argc, char** argv) {
   for (std::string m; !command.empty() && std::getline(methods, m, ',');) {
     ours.emplace_back(new Ours(command));
     ours.back()->method = m;
-    ours.back()->ready =
-        ours.back()->process.setup("net " + line["net"] + " " + m);
+    ours.back()->ready = ours.back()->process.setup("net " + line["net"] + " " + m);
   }
   Samples s;
   Peak peak;

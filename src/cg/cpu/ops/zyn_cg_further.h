@@ -56,6 +56,13 @@ int32_t zyn_cg_prepare_varied(zyn_cg_handle* graph, int32_t node);
 int32_t zyn_cg_prepare_further(zyn_cg_handle* graph, int32_t node, zyn_cg_varied_state* state,
                                const void* param);
 
+// prepare of an operator that needs nothing beside its output.
+template <typename State>
+int32_t zyn_cg_prepare_plain(zyn_cg_handle* graph, int32_t node) {
+  auto* state = zyn_cg_state<State>(graph, node);
+  return zyn_cg_prepare_further(graph, node, state, &state->param);
+}
+
 // Whether a run finds what was prepared: the caller may have changed its own tensor.
 bool zyn_cg_same_input(const zyn_cg_varied_state* state);
 

@@ -188,11 +188,6 @@ int32_t run_shuffle(void* record) {
   return ZYN_RET_OK;
 }
 
-int32_t prepare_shuffle(zyn_cg_handle* graph, int32_t node) {
-  auto* state = zyn_cg_state<shuffle_state>(graph, node);
-  return zyn_cg_prepare_further(graph, node, state, &state->param);
-}
-
 // ---- part ----
 
 // Elements of a row, step apart.
@@ -252,11 +247,6 @@ int32_t run_part(void* record) {
   return ZYN_RET_OK;
 }
 
-int32_t prepare_part(zyn_cg_handle* graph, int32_t node) {
-  auto* state = zyn_cg_state<part_state>(graph, node);
-  return zyn_cg_prepare_further(graph, node, state, &state->param);
-}
-
 }  // namespace
 
 int32_t zyn_cg_bind_pad(zyn_cg_handle* graph, int32_t node, const void* param) {
@@ -266,10 +256,10 @@ int32_t zyn_cg_bind_pad(zyn_cg_handle* graph, int32_t node, const void* param) {
 
 int32_t zyn_cg_bind_shuffle(zyn_cg_handle* graph, int32_t node, const void* param) {
   return zyn_cg_bind_varied<shuffle_state>(graph, node, param, ZYN_OP_CHANNEL_GATHER,
-                                           prepare_shuffle, run_shuffle);
+                                           zyn_cg_prepare_plain<shuffle_state>, run_shuffle);
 }
 
 int32_t zyn_cg_bind_part(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_varied<part_state>(graph, node, param, ZYN_OP_CHANNEL_GATHER, prepare_part,
-                                        run_part);
+  return zyn_cg_bind_varied<part_state>(graph, node, param, ZYN_OP_CHANNEL_GATHER,
+                                        zyn_cg_prepare_plain<part_state>, run_part);
 }

@@ -167,14 +167,9 @@ int32_t run_permute(void* record) {
   return ZYN_RET_OK;
 }
 
-int32_t prepare_permute(zyn_cg_handle* graph, int32_t node) {
-  auto* state = zyn_cg_state<permute_state>(graph, node);
-  return zyn_cg_prepare_further(graph, node, state, &state->param);
-}
-
 }  // namespace
 
 int32_t zyn_cg_bind_permute(zyn_cg_handle* graph, int32_t node, const void* param) {
   return zyn_cg_bind_varied<permute_state>(graph, node, param, ZYN_OP_CHANNEL_GATHER,
-                                           prepare_permute, run_permute);
+                                           zyn_cg_prepare_plain<permute_state>, run_permute);
 }

@@ -310,14 +310,9 @@ int32_t run_reduce(void* record) {
   return ZYN_RET_OK;
 }
 
-int32_t prepare_reduce(zyn_cg_handle* graph, int32_t node) {
-  auto* state = zyn_cg_state<reduce_state>(graph, node);
-  return zyn_cg_prepare_further(graph, node, state, &state->param);
-}
-
 }  // namespace
 
 int32_t zyn_cg_bind_reduce(zyn_cg_handle* graph, int32_t node, const void* param) {
-  return zyn_cg_bind_varied<reduce_state>(graph, node, param, ZYN_OP_RESAMPLE, prepare_reduce,
-                                          run_reduce);
+  return zyn_cg_bind_varied<reduce_state>(graph, node, param, ZYN_OP_RESAMPLE,
+                                          zyn_cg_prepare_plain<reduce_state>, run_reduce);
 }

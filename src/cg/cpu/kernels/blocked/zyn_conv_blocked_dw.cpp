@@ -57,6 +57,20 @@ struct strip {
     out += pixels * Width;
   }
 
+  // Adds the input value of row y and column x to every sum that it belongs to.
+  template <int Pixels>
+  [[gnu::always_inline]] static void add(typename zyn_block_lanes<Width>::type (&sum)[Rows][Pixels],
+                                         const typename zyn_block_lanes<Width>::type& value,
+                                         const filter<Width>& f, int y, int x) {
+    ZYN_UNROLL for (int r = 0; r < Rows; r++) {
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
+        const int ky = y - r * Stride, kx = x - i * Stride;
+        if (ky >= 0 && ky < 3 && kx >= 0 && kx < 3)
+          sum[r][i] = zyn_block_lanes<Width>::fma(value, f.tap[ky * 3 + kx], sum[r][i]);
+      }
+    }
+  }
+
   // The next Pixels pixels of every row, with kernel columns from Kx0 on in the first of
   // them and up to Kx1 - 1 in the last. Every sum takes its taps in their order.
   template <int Pixels, int Kx0, int Kx1>
@@ -67,16 +81,8 @@ struct strip {
       ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[r][i] = lanes::zero();
     }
     ZYN_UNROLL for (int y = Ky0; y < kInputs; y++) {
-      ZYN_UNROLL for (int x = Kx0; x < (Pixels - 1) * Stride + Kx1; x++) {
-        const typename lanes::type value = lanes::load(in[y] + (x - 1) * Width);
-        ZYN_UNROLL for (int r = 0; r < Rows; r++) {
-          ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
-            const int ky = y - r * Stride, kx = x - i * Stride;
-            if (ky >= 0 && ky < 3 && kx >= 0 && kx < 3)
-              sum[r][i] = lanes::fma(value, f.tap[ky * 3 + kx], sum[r][i]);
-          }
-        }
-      }
+      ZYN_UNROLL for (int x = Kx0; x < (Pixels - 1) * Stride + Kx1; x++)
+          add(sum, lanes::load(in[y] + (x - 1) * Width), f, y, x);
     }
     ZYN_UNROLL for (int r = 0; r < Rows; r++) {
       ZYN_UNROLL for (int i = 0; i < Pixels; i++) lanes::store(
