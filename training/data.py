@@ -14,6 +14,7 @@ SIDE = 224  # of a stored head, in pixels
 WIDTH, HEIGHT = 320, 240  # of the detector's pictures
 CROP = 112  # side of the landmark network's pictures
 POINTS = 68
+YAW = 3 * POINTS + 19  # of a head, in its truth
 MOST_FACES = 16
 
 

@@ -12,8 +12,8 @@ import sys
 import torch
 
 import data
-import evaluate
 import models
+from train import NETWORKS
 
 EACH = {
     "detector": {
@@ -34,9 +34,17 @@ EACH = {
 }
 
 
+def load(folder, name):
+    """The network as it is used, and the samples it has seen."""
+    saved = torch.load(os.path.join(folder, name + ".pt"), map_location="cpu")
+    model = NETWORKS[name]()
+    model.load_state_dict(saved["mean"])
+    return models.fold(model), saved["seen"]
+
+
 def export(folder, name, target):
     what = EACH[name]
-    model, seen = evaluate.load(folder, name)
+    model, seen = load(folder, name)
     onnx = os.path.join(folder, name + ".onnx")
     torch.onnx.export(model, torch.zeros(what["shape"]), onnx, opset_version=11,
                       input_names=["picture"], output_names=what["outputs"])
