@@ -32,7 +32,7 @@ class Renderer:
 
     def __init__(self, path=None):
         path = path or os.environ.get("ZYN_RENDER_LIBRARY") or os.path.join(
-            HERE, "..", "build", "train", "training", "render", "libzyn_render.so")
+            HERE, "..", "build", "demo", "training", "render", "libzyn_render.so")
         self.library = ctypes.CDLL(path)
         self.truth_floats = self.library.render_truth_floats()
 
