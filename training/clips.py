@@ -9,6 +9,8 @@ clips together (numpy alone):
   landmarks  mean distance of the visible points in parts of the distance of the outer eye corners,
              within 45 degrees of yaw
   pose       angle between the rotations, median within 45 degrees of yaw
+  smoothing  by how much it lowers the trembling of landmarks at rest (heads rest for the first
+             second), and how many frames it trails behind afterwards
 Faces of which less than 30 % is seen, or smaller than 20 pixels, may be found but need not.
 """
 from __future__ import annotations
@@ -19,44 +21,49 @@ from pathlib import Path
 
 import numpy as np
 
-OVERLAP, LEAST_SEEN, LEAST_SIZE, MOST_YAW = 0.5, 0.3, 20, 45
+import measures
 
-
-def overlap(a: np.ndarray, b: np.ndarray) -> float:
-    width = min(a[2], b[2]) - max(a[0], b[0])
-    height = min(a[3], b[3]) - max(a[1], b[1])
-    common = max(width, 0.0) * max(height, 0.0)
-    return common / ((a[2] - a[0]) * (a[3] - a[1]) + (b[2] - b[0]) * (b[3] - b[1]) - common)
+LEAST_SEEN, LEAST_SIZE, MOST_YAW = 0.3, 20, 45
+REST = 1.0  # seconds
+BEGIN = 0.2  # of which smoothing has to begin with
 
 
 class Clip:
     """Sums over frames."""
 
     def __init__(self) -> None:
-        self.frames = self.faces = self.found = self.false = self.switches = 0
+        self.clips = self.frames = self.faces = self.found = self.false = self.switches = 0
         self.landmarks: list[float] = []
         self.angles: list[float] = []
+        self.rest: list[tuple[float, float]] = []  # jitter of found and smoothed points
+        self.lags: list[float] = []
 
-    def add(self, folder: Path) -> None:
-        truth = json.loads((folder / "truth.json").read_text())["frames"]
-        lines = [json.loads(line) for line in (folder / "faces.jsonl").read_text().splitlines()]
-        if len(lines) != len(truth):
-            sys.exit(f"{folder}: {len(truth)} frames of truth, {len(lines)} of faces")
+    def add(self, truth: list[dict], frames: list[list[dict]]) -> None:
+        """A clip: the truth's frames, and the faces of each."""
+        self.clips += 1
         ids: dict[int, int] = {}  # by face of the truth: the latest id it was found under
-        for wanted, line in zip(truth, lines):
-            self.frame(wanted["faces"], [f for f in line["faces"] if f["state"] != "predicted"],
-                       ids)
+        runs: dict[tuple[int, int], list] = {}  # by face and id: its frames
+        for wanted, faces in zip(truth, frames):
+            self.frame(wanted, [f for f in faces if f["state"] != "predicted"], ids, runs)
+        for run in runs.values():
+            gaps = np.flatnonzero(np.diff([frame[0] for frame in run]) > 1) + 1
+            for part in np.split(np.arange(len(run)), gaps):
+                self.smoothing(*(np.array(v) for v in list(zip(*(run[i] for i in part)))[1:]))
 
-    def frame(self, wanted: list[dict], found: list[dict], ids: dict[int, int]) -> None:
+    def frame(self, wanted: dict, found: list[dict], ids: dict[int, int],
+              runs: dict[tuple[int, int], list]) -> None:
+        faces = wanted["faces"]
         self.frames += 1
-        pairs = sorted(((overlap(w["box"], f["box"]), i, j) for i, w in enumerate(wanted)
-                        for j, f in enumerate(found)), reverse=True)
+        table = measures.overlaps(*(np.array([f["box"] for f in some], float).reshape(-1, 4)
+                                    for some in (faces, found)))
         of_face: dict[int, int] = {}
-        for share, i, j in pairs:
-            if share >= OVERLAP and i not in of_face and j not in of_face.values():
+        for at in np.argsort(-table, axis=None):
+            i, j = divmod(int(at), len(found))
+            if (table[i, j] >= measures.LEAST_OVERLAP and i not in of_face
+                    and j not in of_face.values()):
                 of_face[i] = j
         self.false += len(found) - len(of_face)
-        for i, face in enumerate(wanted):
+        for i, face in enumerate(faces):
             box = face["box"]
             optional = face["visible"] < LEAST_SEEN or box[3] - box[1] < LEAST_SIZE
             self.faces += not optional
@@ -66,43 +73,70 @@ class Clip:
             match = found[of_face[i]]
             self.switches += ids.get(face["id"], match["id"]) != match["id"]
             ids[face["id"]] = match["id"]
-            if not optional:
-                self.compare(face, match)
+            if optional or not len(match["landmarks"]):
+                continue
+            points = [np.array(p, float).reshape(-1, 2)
+                      for p in (match["landmarks"], match["smoothed"], face["landmarks"])]
+            runs.setdefault((face["id"], match["id"]), []).append(
+                (wanted["index"], wanted["time"], *points))
+            self.compare(face, match, points[0], points[2])
 
-    def compare(self, face: dict, found: dict) -> None:
+    def compare(self, face: dict, found: dict, landmarks: np.ndarray, points: np.ndarray) -> None:
         rotation = np.array(face["rotation"]).reshape(3, 3)
         if abs(np.degrees(np.arctan2(rotation[0, 2], rotation[2, 2]))) > MOST_YAW:
             return
-        points = np.array(face["landmarks"]).reshape(-1, 2)
         seen = np.array(face["landmarks_visible"]) > 0
-        if len(found["landmarks"]) == points.size and seen.sum() >= 10:
-            distance = np.linalg.norm(np.array(found["landmarks"]).reshape(-1, 2) - points, axis=1)
-            eyes = np.linalg.norm(points[36] - points[45])
-            self.landmarks.append(float(distance[seen].mean() / eyes))
+        if seen.sum() >= 10:
+            self.landmarks.append(measures.landmark_error(landmarks, points, seen))
         if "rotation" in found:
-            between = rotation.T @ np.array(found["rotation"]).reshape(3, 3)
-            cosine = np.clip((np.trace(between) - 1) / 2, -1, 1)
-            self.angles.append(float(np.degrees(np.arccos(cosine))))
+            turned = np.array(found["rotation"]).reshape(3, 3)
+            self.angles.append(measures.angle_between(rotation, turned))
+
+    def smoothing(self, times: np.ndarray, found: np.ndarray, smoothed: np.ndarray,
+                  truth: np.ndarray) -> None:
+        still = (times > BEGIN) & (times < REST)
+        if still.sum() > 10:
+            self.rest.append((measures.jitter(found[still]), measures.jitter(smoothed[still])))
+        moving = times >= REST
+        if moving.sum() > 10:
+            self.lags.append(measures.lag(found[moving], smoothed[moving], truth[moving]))
+
+    def mota(self) -> float:
+        missed = self.faces - self.found
+        return 1 - (missed + self.false + self.switches) / max(self.faces, 1)
+
+    def calmed(self) -> float:
+        """The part of the jitter at rest that smoothing takes away."""
+        return 1 - float(np.divide(*np.mean(self.rest, axis=0)[::-1])) if self.rest else np.nan
 
     def lines(self) -> list[str]:
-        missed = self.faces - self.found
-        mota = 1 - (missed + self.false + self.switches) / max(self.faces, 1)
         lines = [f"found       {self.found} of {self.faces} faces in {self.frames} frames",
                  f"false       {self.false / max(self.frames, 1):.3f} a frame",
-                 f"MOTA        {mota:.3f}, {self.switches} switched ids"]
+                 f"MOTA        {self.mota():.3f}, {self.switches} switched ids"]
         if self.landmarks:
             lines.append(f"landmarks   mean {100 * np.mean(self.landmarks):.1f} % of the eye distance")
         if self.angles:
             lines.append(f"pose        median {np.median(self.angles):.1f} degrees")
+        if self.rest and self.lags:
+            lines.append(f"smoothing   {100 * self.calmed():.0f} % less jitter at rest, "
+                         f"{np.mean(self.lags):.2f} frames behind")
         return lines
+
+
+def read_truth(folder: Path) -> list[dict]:
+    return json.loads((folder / "truth.json").read_text())["frames"]
 
 
 def main() -> None:
     if len(sys.argv) < 2 or "--help" in sys.argv:
         sys.exit(__doc__.strip())
     clip = Clip()
-    for folder in sys.argv[1:]:
-        clip.add(Path(folder))
+    for folder in map(Path, sys.argv[1:]):
+        truth = read_truth(folder)
+        lines = (folder / "faces.jsonl").read_text().splitlines()
+        if len(lines) != len(truth):
+            sys.exit(f"{folder}: {len(truth)} frames of truth, {len(lines)} of faces")
+        clip.add(truth, [json.loads(line)["faces"] for line in lines])
     print("\n".join(clip.lines()))
 
 

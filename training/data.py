@@ -14,6 +14,7 @@ SIDE = 224  # of a stored head, in pixels
 WIDTH, HEIGHT = 320, 240  # of the detector's pictures
 CROP = 112  # side of the landmark network's pictures
 POINTS = 68
+YAW = 3 * POINTS + 19  # of a head, in its truth
 MOST_FACES = 16
 
 
@@ -31,7 +32,7 @@ class Renderer:
 
     def __init__(self, path=None):
         path = path or os.environ.get("ZYN_RENDER_LIBRARY") or os.path.join(
-            HERE, "..", "build", "train", "training", "render", "libzyn_render.so")
+            HERE, "..", "build", "demo", "training", "render", "libzyn_render.so")
         self.library = ctypes.CDLL(path)
         self.truth_floats = self.library.render_truth_floats()
 

@@ -1,19 +1,26 @@
 #!/usr/bin/env python3
 """Trained networks to examples/models: export.py [--folder DIR] [--models DIR].
 
-Writes NAME.onnx (opset 11, plain convolutions) beside the checkpoint and converts it to
-NAME.zyn with the preprocessing, the meanings and what a face session must know.
+Writes NAME.onnx (opset 11, plain convolutions) beside the checkpoint, converts it to NAME.zyn
+with the preprocessing, the meanings and what a face session must know, and lets zyn-quant choose
+its fraction bits on pictures of the store that training used.
 """
 import argparse
 import os
 import subprocess
 import sys
+import tempfile
 
+import numpy as np
 import torch
 
 import data
-import evaluate
 import models
+from train import NETWORKS
+
+SAMPLES = 150  # for the fraction bits
+MARGIN = 2.0  # times the largest value seen: rare inputs reach further
+SAMPLE_SEED = 4 * 10**14
 
 EACH = {
     "detector": {
@@ -34,9 +41,33 @@ EACH = {
 }
 
 
+def load(folder, name):
+    """The network as it is used, and the samples it has seen."""
+    saved = torch.load(os.path.join(folder, name + ".pt"), map_location="cpu")
+    model = NETWORKS[name]()
+    model.load_state_dict(saved["mean"])
+    return models.fold(model), saved["seen"]
+
+
+def calibrate(zyn, name, store, quantiser):
+    """Puts fraction bits into a network file."""
+    make = store.scene if name == "detector" else store.crop
+    with tempfile.TemporaryDirectory() as folder:
+        samples = [os.path.join(folder, f"{i}.npy") for i in range(SAMPLES)]
+        for i, sample in enumerate(samples):
+            np.save(sample, models.normalize(make(SAMPLE_SEED + i)[0][None]).contiguous().numpy())
+        whole = os.path.join(folder, name + ".zyn")
+        lines = subprocess.run([quantiser, "--model", zyn, "--out", whole,
+                                "--margin", str(MARGIN), *samples],
+                               check=True, capture_output=True, text=True).stdout.splitlines()
+        print("  " + lines[-1])
+        with open(whole, "rb") as source, open(zyn, "wb") as out:
+            out.write(source.read())
+
+
 def export(folder, name, target):
     what = EACH[name]
-    model, seen = evaluate.load(folder, name)
+    model, seen = load(folder, name)
     onnx = os.path.join(folder, name + ".onnx")
     torch.onnx.export(model, torch.zeros(what["shape"]), onnx, opset_version=11,
                       input_names=["picture"], output_names=what["outputs"])
@@ -53,6 +84,7 @@ def export(folder, name, target):
     package = os.path.join(data.HERE, "..", "python")
     paths = [package] + [p for p in [os.environ.get("PYTHONPATH")] if p]
     subprocess.run(command, check=True, env={**os.environ, "PYTHONPATH": os.pathsep.join(paths)})
+    return zyn
 
 
 def main():
@@ -60,11 +92,16 @@ def main():
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--folder", default=data.default_folder(), help="checkpoints")
     parser.add_argument("--models", default=os.path.join(data.HERE, "..", "examples", "models"))
+    parser.add_argument("--store", help="rendered heads (default: FOLDER/store)")
+    parser.add_argument("--quantiser", help="zyn-quant (default: that of build/demo)",
+                        default=os.path.join(data.HERE, "..", "build", "demo", "tools", "zyn-quant"))
     options = parser.parse_args()
+    store = data.Store(options.store or os.path.join(options.folder, "store"))
     os.makedirs(options.models, exist_ok=True)
     for name in EACH:
         if os.path.exists(os.path.join(options.folder, name + ".pt")):
-            export(options.folder, name, options.models)
+            zyn = export(options.folder, name, options.models)
+            calibrate(zyn, name, store, options.quantiser)
 
 
 if __name__ == "__main__":

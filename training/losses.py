@@ -4,19 +4,11 @@ import torch
 import torch.nn.functional as F
 
 import data
+import measures
 import models
 
 MATCH, NEAR = 0.38, 0.28  # overlaps: from MATCH on a prior is a face, below NEAR background
 NEGATIVES = 3  # background priors a face prior, the hardest ones
-
-
-def overlaps(boxes, priors):
-    """Intersection over union of corner boxes (M x 4) with corner priors (N x 4): M x N."""
-    low = np.maximum(boxes[:, None, :2], priors[None, :, :2])
-    high = np.minimum(boxes[:, None, 2:], priors[None, :, 2:])
-    common = np.prod(np.clip(high - low, 0, None), axis=2)
-    area = lambda b: np.prod(b[:, 2:] - b[:, :2], axis=1)
-    return common / (area(boxes)[:, None] + area(priors)[None] - common)
 
 
 class Targets:
@@ -34,7 +26,7 @@ class Targets:
         if not len(boxes):
             return labels, offsets
         corners = boxes[:, :4] / np.array([self.width, self.height] * 2, np.float32)
-        overlap = overlaps(corners, self.corners)
+        overlap = measures.overlaps(corners, self.corners)
         best = overlap.argmax(0)
         quality = overlap.max(0)
         labels[quality >= NEAR] = -1
@@ -65,9 +57,9 @@ def detector_loss(scores, offsets, labels, targets):
 
 
 def landmark_loss(found, points, width=4.0, bend=1.0):
-    """Wing loss in pixels of the crop: steep for small errors. Hidden points count less."""
+    """Wing loss in pixels of the crop: steep for small errors. Hidden points count half."""
     error = (found.reshape(points.shape[0], -1, 2) - points[..., :2]).abs() * data.CROP
     offset = width - width * np.log(1 + width / bend)
     wing = torch.where(error < width, width * torch.log(1 + error / bend), error - offset)
-    weight = 0.2 + 0.8 * points[..., 2:]
+    weight = 0.5 + 0.5 * points[..., 2:]
     return (wing * weight).sum() / weight.sum() / 2

@@ -9,7 +9,9 @@ import unittest
 
 import numpy as np
 
+import clips
 import data
+import measures
 
 COUNT = 12
 
@@ -99,6 +101,52 @@ class Rendered(unittest.TestCase):
             points = np.array(face["landmarks"]).reshape(68, 2)
             self.assertTrue((points >= np.array(face["box"][:2]) - 0.01).all())
             self.assertTrue((points <= np.array(face["box"][2:]) + 0.01).all())
+
+
+class Measures(unittest.TestCase):
+    def test_precision(self):
+        truth = np.array([[0, 0, 10, 10, 1], [20, 0, 30, 10, 0]], float)
+        boxes = truth[[0, 0, 1], :4] + [[1, 0, 1, 0], [0, 0, 0, 0], [0, 1, 0, 1]]
+        boxes = np.concatenate([boxes, [[50, 50, 60, 60]]])
+        found = measures.judge(boxes, np.array([0.9, 0.8, 0.7, 0.6]), truth)
+        self.assertEqual(found, [(0.9, 1), (0.8, 0), (0.6, 0)])  # twice one face; one that may be
+        self.assertEqual(measures.judge(np.zeros(0), np.zeros(0), truth), [])
+        found = [(0.7, 1), (0.9, 1), (0.8, 0), (0.1, 0)]
+        area, false, recall = measures.precision(found, 3, 5)
+        self.assertAlmostEqual(area, 1 / 3 + 1 / 3 * 2 / 3)
+        self.assertAlmostEqual(recall, 2 / 3)
+        self.assertTrue(np.isnan(false))
+        self.assertAlmostEqual(measures.precision(found, 2, 5)[1], 1 / 5)
+
+    def test_clip(self):
+        turned = [[0, -1, 0], [1, 0, 0], [0, 0, 1]]
+        shape = np.stack([np.arange(68.0), np.zeros(68)], 1)  # eye corners 9 apart
+
+        def face(number, x, points, **more):
+            return {"id": number, "box": [x, 0, x + 40, 40], "visible": 1.0, "state": "detected",
+                    "landmarks": points, "landmarks_visible": np.ones(68),
+                    "rotation": np.eye(3), "smoothed": points, **more}
+
+        truth, found = [], []
+        for i in range(50):  # one rests in the first second, then moves by 3 a frame; one is hidden
+            place = shape + max(i - 24, 0) * 3.0
+            tremble = (-1) ** i
+            seen = place + [0, 1.8 * tremble]
+            truth.append({"index": i, "time": i / 25, "faces": [
+                face(1, 0, place), face(2, 100, place), face(3, 300, place, visible=0.2)]})
+            late = place - (1.5 if i >= 25 else 0) + [0, 0.9 * tremble]
+            found.append([face(7 if i < 40 else 8, 5, seen, smoothed=late, rotation=turned),
+                          face(9, 300, place)])
+        found[3].append(face(10, 200, shape))
+        found[4].append(face(10, 200, shape, state="predicted"))
+        clip = clips.Clip()
+        clip.add(truth, found)
+        self.assertEqual((clip.faces, clip.found, clip.false, clip.switches), (100, 50, 1, 1))
+        self.assertAlmostEqual(clip.mota(), 1 - 52 / 100)
+        np.testing.assert_allclose(clip.landmarks, 0.2)
+        np.testing.assert_allclose(clip.angles, 90)
+        self.assertAlmostEqual(clip.calmed(), 0.5)
+        self.assertAlmostEqual(np.mean(clip.lags[:1]), 0.5, delta=0.1)
 
 
 if __name__ == "__main__":

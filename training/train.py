@@ -5,7 +5,9 @@ The detector first sees pictures of half the width and height: a quarter of the 
 they count as a quarter of a sample. Pictures are composed as they are needed from a store of
 rendered heads; picture i of a seed is always the same. A checkpoint is written every few minutes
 and at SIGINT and SIGTERM; --resume goes on from it, and --samples may differ then: the learning
-rate follows the share of samples seen.
+rate follows the share of samples seen. In the last part of a training (--frozen) batch normalisation
+works with its running statistics, as it will in use: those of a few samples hide that rare inputs
+blow up, and blur what the landmark network's last layers see.
 """
 import argparse
 import math
@@ -103,6 +105,10 @@ class Trainer:
         for group in self.optimizer.param_groups:
             group["lr"] = rate(self.seen, options.samples, options.rate) * group["share"]
         self.model.train()
+        if self.seen >= options.frozen * options.samples:
+            for module in self.model.modules():
+                if isinstance(module, torch.nn.BatchNorm2d):
+                    module.eval()
         with torch.autocast(self.device, torch.bfloat16, enabled=self.half):
             found = self.model(models.normalize(pictures).to(self.device))
         found = [f.float() for f in found] if isinstance(found, tuple) else found.float()
@@ -164,6 +170,8 @@ def main():
     parser.add_argument("--batch", type=int, help=str(BATCH))
     parser.add_argument("--small", type=float, default=0.43,
                         help="share of the detector's samples with quarter pictures")
+    parser.add_argument("--frozen", type=float, default=0.5,
+                        help="share of the samples before normalisation is frozen")
     parser.add_argument("--rate", type=float, help=f"highest learning rate {RATE}")
     parser.add_argument("--minutes", type=float, default=3, help="between checkpoints")
     parser.add_argument("--threads", type=int, default=1)
