@@ -72,38 +72,44 @@ double best_rate(double ms, Burst burst) {
   return best;
 }
 
-// 12 independent register-only chains of 256-bit FMA; returns GFLOP/s.
+// 12 independent register-only chains of FMA on the registers r (%%ymm, %%zmm), 4 rounds a turn.
+#define PEERS_FMA(r, i) "vfmadd231ps " r "12," r "13," r #i "\n"
+#define PEERS_FMA_LOOP(r)                                                                          \
+  "vpxor %%xmm12,%%xmm12,%%xmm12\n vpxor %%xmm13,%%xmm13,%%xmm13\n 1:\n .rept 4\n" PEERS_FMA(r, 0) \
+      PEERS_FMA(r, 1) PEERS_FMA(r, 2) PEERS_FMA(r, 3) PEERS_FMA(r, 4) PEERS_FMA(r, 5)              \
+          PEERS_FMA(r, 6) PEERS_FMA(r, 7) PEERS_FMA(r, 8) PEERS_FMA(r, 9) PEERS_FMA(r, 10)         \
+              PEERS_FMA(r, 11) ".endr\n dec %0\n jnz 1b\n vzeroupper\n"
+#define PEERS_FMA_CLOBBERS                                                                 \
+  "xmm0", "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7", "xmm8", "xmm9", "xmm10", \
+      "xmm11", "xmm12", "xmm13", "cc"
+
+// GFLOP/s.
+constexpr long kFmaIterations = 2000;
 inline double fma256_burst(double ms) {
   return best_rate(ms, [] {
-    const long iters = 2000;
-    long n = iters;
-    __asm__ volatile(
-        "vxorps %%ymm12,%%ymm12,%%ymm12\n vxorps %%ymm13,%%ymm13,%%ymm13\n"
-        "1:\n"
-        ".rept 4\n"
-        "vfmadd231ps %%ymm12,%%ymm13,%%ymm0\n vfmadd231ps %%ymm12,%%ymm13,%%ymm1\n"
-        "vfmadd231ps %%ymm12,%%ymm13,%%ymm2\n vfmadd231ps %%ymm12,%%ymm13,%%ymm3\n"
-        "vfmadd231ps %%ymm12,%%ymm13,%%ymm4\n vfmadd231ps %%ymm12,%%ymm13,%%ymm5\n"
-        "vfmadd231ps %%ymm12,%%ymm13,%%ymm6\n vfmadd231ps %%ymm12,%%ymm13,%%ymm7\n"
-        "vfmadd231ps %%ymm12,%%ymm13,%%ymm8\n vfmadd231ps %%ymm12,%%ymm13,%%ymm9\n"
-        "vfmadd231ps %%ymm12,%%ymm13,%%ymm10\n vfmadd231ps %%ymm12,%%ymm13,%%ymm11\n"
-        ".endr\n"
-        "dec %0\n jnz 1b\n"
-        : "+r"(n)
-        :
-        : "xmm0", "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7", "xmm8", "xmm9", "xmm10",
-          "xmm11", "xmm12", "xmm13", "cc");
-    return iters * 4.0 * 12 * 16;
+    long n = kFmaIterations;
+    __asm__ volatile(PEERS_FMA_LOOP("%%ymm") : "+r"(n) : : PEERS_FMA_CLOBBERS);
+    return kFmaIterations * 4.0 * 12 * 16;
+  });
+}
+inline bool has_fma512() { return __builtin_cpu_supports("avx512f"); }
+inline double fma512_burst(double ms) {
+  if (!has_fma512()) return 0;
+  return best_rate(ms, [] {
+    long n = kFmaIterations;
+    __asm__ volatile(PEERS_FMA_LOOP("%%zmm") : "+r"(n) : : PEERS_FMA_CLOBBERS);
+    return kFmaIterations * 4.0 * 12 * 32;
   });
 }
 
 // The peak used for "% of peak": the best burst of the run, probed again
 // before every round so that it sees the same clock as the peers.
 struct Peak {
+  bool wide = false;  // of 512 bits
   double best = 0;
   std::vector<double> all;
   void probe(double ms = 0.6) {
-    all.push_back(fma256_burst(ms));
+    all.push_back(wide ? fma512_burst(ms) : fma256_burst(ms));
     best = std::max(best, all.back());
   }
   double median() const {

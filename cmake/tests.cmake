@@ -18,11 +18,14 @@ else()
   target_link_libraries(zyn_gtest INTERFACE GTest::gtest GTest::gtest_main)
 endif()
 
-function(zyn_add_test_program name)
+function(zyn_test_program name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE zyncore_static zyn_gtest)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
-  target_compile_options(${name} PRIVATE ${ZYN_WARNINGS} -mavx2 -mfma -ffp-contract=off)
+  target_compile_options(${name} PRIVATE ${ZYN_WARNINGS} ${ZYN_VECTOR_FLAGS} -ffp-contract=off)
+endfunction()
+function(zyn_add_test_program name)
+  zyn_test_program(${name} ${ARGN})
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT 900)
 endfunction()
@@ -34,6 +37,10 @@ set_tests_properties(zyncore_tests PROPERTIES
   ENVIRONMENT "GTEST_TOTAL_SHARDS=2;GTEST_SHARD_INDEX=0")
 set_tests_properties(zyncore_tests_second PROPERTIES TIMEOUT 900
   ENVIRONMENT "GTEST_TOTAL_SHARDS=2;GTEST_SHARD_INDEX=1")
+# What the width of the vectors could change, for a second build of another width.
+zyn_test_program(kernel_tests tests/test_conv.cpp tests/test_conv_kernels.cpp
+                 tests/test_vector_width.cpp tests/support/capture.cpp)
+set_target_properties(kernel_tests PROPERTIES EXCLUDE_FROM_ALL ON)
 foreach(source IN LISTS zyn_process_tests)
   get_filename_component(name ${source} NAME_WE)
   zyn_add_test_program(${name} ${source})

@@ -3,10 +3,9 @@
 // ways do the same arithmetic in the same order, the bias first.
 #pragma once
 
-#include <immintrin.h>
 #include <stdint.h>
 
-#include "simd/zyn_vectors.h"
+#include "simd/zyn_block_lanes.h"
 
 struct zyn_conv_epilogue {
   const float* bias;   // one per output channel, or null
@@ -19,15 +18,15 @@ enum {
   ZYN_EPILOGUE_HARD_SIGMOID = 4
 };
 
-template <int kActivation>
-inline __m256 zyn_activate(__m256 y) {
-  const __m256 zero = _mm256_setzero_ps();
-  if (kActivation == ZYN_EPILOGUE_RELU) return _mm256_max_ps(zero, y);  // NaN stays NaN
+template <int kActivation, int Width = 8>
+inline typename zyn_block_lanes<Width>::type zyn_activate(typename zyn_block_lanes<Width>::type y) {
+  using lanes = zyn_block_lanes<Width>;
+  if (kActivation == ZYN_EPILOGUE_RELU) return lanes::max(lanes::zero(), y);  // NaN stays NaN
   if (kActivation == ZYN_EPILOGUE_HARD_SWISH || kActivation == ZYN_EPILOGUE_HARD_SIGMOID) {
-    const __m256 gate = _mm256_min_ps(_mm256_max_ps(_mm256_add_ps(y, _mm256_set1_ps(3.0f)), zero),
-                                      _mm256_set1_ps(6.0f));
-    const __m256 scaled = kActivation == ZYN_EPILOGUE_HARD_SWISH ? _mm256_mul_ps(y, gate) : gate;
-    return _mm256_mul_ps(scaled, _mm256_set1_ps(1.0f / 6.0f));
+    const auto shifted = lanes::max(lanes::add(y, lanes::spread(3.0f)), lanes::zero());
+    const auto gate = lanes::min(shifted, lanes::spread(6.0f));
+    const auto scaled = kActivation == ZYN_EPILOGUE_HARD_SWISH ? lanes::multiply(y, gate) : gate;
+    return lanes::multiply(scaled, lanes::spread(1.0f / 6.0f));
   }
   return y;
 }

@@ -12,15 +12,16 @@
 //   ob 8 or 4, ib 8 or 4: [tap][input][output]
 //   ob 8 or 4, ib 1:      [output][tap]
 //   ob 1:                 [tap][input]
+// Weights of 1x1 layers: where vectors have 16 lanes, two blocks of 8 outputs count as one of 16.
 // Packed depthwise weights: channel blocks, each [tap][channel].
 #pragma once
 
-#include <immintrin.h>
 #include <stdint.h>
 
 #include "base/zyn_memory.h"
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "cg/cpu/kernels/zyn_conv_epilogue.h"
+#include "simd/zyn_block_lanes.h"
 
 struct zyn_conv_blocked_weights {
   zyn_tensor* packed;     // weights in the order above, the weight tensor's shape
@@ -32,59 +33,14 @@ inline int32_t zyn_block_width(int32_t remaining) {
   return remaining >= 8 ? 8 : remaining >= 4 ? 4 : 1;
 }
 
+// Output channels of the vector that begins where remaining channels are left: a block, or as
+// many of 8 as a vector holds.
+inline int32_t zyn_vector_channels(int32_t remaining) {
+  return remaining >= kZynVectorFloats ? kZynVectorFloats : zyn_block_width(remaining);
+}
+
 // Whether planar and blocked order are the same.
 inline bool zyn_block_is_planar(int32_t channels) { return channels < 4; }
-
-// The lanes of one block: vectors of 8 or 4 channels, or one float.
-template <int Width>
-struct zyn_block_lanes;
-
-template <>
-struct zyn_block_lanes<8> {
-  using type = __m256;
-  static type zero() { return _mm256_setzero_ps(); }
-  static type load(const float* p) { return _mm256_loadu_ps(p); }
-  static type spread(const float* p) { return _mm256_broadcast_ss(p); }
-  static void store(float* p, type v) { _mm256_storeu_ps(p, v); }
-  static type add(type a, type b) { return _mm256_add_ps(a, b); }
-  // b where the two compare unordered, so that NaN passes through.
-  static type max(type a, type b) { return _mm256_max_ps(a, b); }
-  static type fma(type a, type b, type c) { return _mm256_fmadd_ps(a, b, c); }
-  static float sum(type v) {
-    const __m128 half = _mm_add_ps(_mm256_castps256_ps128(v), _mm256_extractf128_ps(v, 1));
-    const __m128 pair = _mm_add_ps(half, _mm_movehl_ps(half, half));
-    return _mm_cvtss_f32(_mm_add_ss(pair, _mm_movehdup_ps(pair)));
-  }
-};
-
-template <>
-struct zyn_block_lanes<4> {
-  using type = __m128;
-  static type zero() { return _mm_setzero_ps(); }
-  static type load(const float* p) { return _mm_loadu_ps(p); }
-  static type spread(const float* p) { return _mm_broadcast_ss(p); }
-  static void store(float* p, type v) { _mm_storeu_ps(p, v); }
-  static type add(type a, type b) { return _mm_add_ps(a, b); }
-  static type max(type a, type b) { return _mm_max_ps(a, b); }
-  static type fma(type a, type b, type c) { return _mm_fmadd_ps(a, b, c); }
-  static float sum(type v) {
-    const __m128 pair = _mm_add_ps(v, _mm_movehl_ps(v, v));
-    return _mm_cvtss_f32(_mm_add_ss(pair, _mm_movehdup_ps(pair)));
-  }
-};
-
-template <>
-struct zyn_block_lanes<1> {
-  using type = float;
-  static type zero() { return 0.0f; }
-  static type load(const float* p) { return *p; }
-  static type spread(const float* p) { return *p; }
-  static void store(float* p, type v) { *p = v; }
-  static type add(type a, type b) { return a + b; }
-  static type max(type a, type b) { return a > b ? a : b; }
-  static type fma(type a, type b, type c) { return __builtin_fmaf(a, b, c); }
-  static float sum(type v) { return v; }
-};
 
 // A convolution with padding 1 (3x3) or 0 (1x1) whose tensors have been checked.
 struct zyn_blocked_layer {

@@ -11,14 +11,18 @@ namespace {
 // strip takes all weights from the second level again.
 constexpr int64_t kStripBytes = 160 * 1024;
 // Sums of a tile: with two FMA ports and a latency of 4 cycles, 8 would do; the rest hides the
-// loads. Tiles are 2 blocks by 6 pixels; 3 blocks by 4 pixels leave gcc no register to spare,
-// but are faster where a small plane has no whole sixes.
-constexpr int kTileSums = 12;
-constexpr int64_t kSmallStrip = 96;  // pixels
+// loads. Tiles are 2 vectors of output channels by 6 pixels, or by 12 where 512-bit vectors bring
+// twice the registers. 3 blocks by 4 pixels leave gcc no register to spare, but are faster where
+// a small plane has no whole sixes.
+constexpr int kWide = kZynVectorFloats;
+constexpr int kTileSums = kWide == 8 ? 12 : 24;
+constexpr int kMostPixels = 12;
+constexpr int kBlocksAtOnce = kWide == 8 ? 4 : 1;  // input blocks in a round of the loop
+constexpr int64_t kSmallStrip = 96;                // pixels
 constexpr int kDotPixels = 6;
 
-// Adds IB input channels to a tile of Blocks output blocks. w is at the first weight of
-// every output block and moves on to the next input block.
+// Adds IB input channels to a tile of Blocks vectors of OB output channels. w is at the first
+// weight of every vector and moves on to the next input block.
 template <int OB, int IB, int Blocks, int Pixels>
 inline void add_inputs(typename zyn_block_lanes<OB>::type (&sum)[Blocks][Pixels], const float* in,
                        const float* (&w)[Blocks]) {
@@ -28,8 +32,7 @@ inline void add_inputs(typename zyn_block_lanes<OB>::type (&sum)[Blocks][Pixels]
     ZYN_UNROLL for (int b = 0; b < Blocks; b++) weight[b] = lanes::load(w[b] + ic * OB);
     ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
       const typename lanes::type value = lanes::spread(in + i * IB + ic);
-      ZYN_UNROLL for (int b = 0; b < Blocks; b++) sum[b][i] =
-          lanes::fma(value, weight[b], sum[b][i]);
+      ZYN_UNROLL for (int b = 0; b < Blocks; b++) lanes::add_product(sum[b][i], value, weight[b]);
     }
   }
   ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
@@ -38,7 +41,7 @@ inline void add_inputs(typename zyn_block_lanes<OB>::type (&sum)[Blocks][Pixels]
   }
 }
 
-// Blocks output blocks of OB channels from oc on.
+// Blocks vectors of OB output channels from oc on.
 template <int OB, int Blocks>
 struct tiles {
   const zyn_blocked_layer& l;
@@ -50,14 +53,15 @@ struct tiles {
   template <int Pixels>
   [[gnu::noinline]] void run(int64_t pixel, int64_t count) const {
     using lanes = zyn_block_lanes<OB>;
+    constexpr int kBlock = OB < 8 ? OB : 8;
     const int64_t pixels = l.in_plane();
     const int32_t in_channels = l.in_channels;
     const int64_t weight_block = static_cast<int64_t>(OB) * in_channels;
     const float* const in = l.in;
     const float* const packed = l.packed + static_cast<int64_t>(oc) * in_channels;
     const typename lanes::type floor = epilogue.floor<OB>();
-    float* out = l.out + oc * pixels + pixel * OB;
-    for (; count > 0; count--, pixel += Pixels, out += Pixels * OB) {
+    float* out = l.out + oc * pixels + pixel * kBlock;
+    for (; count > 0; count--, pixel += Pixels, out += Pixels * kBlock) {
       typename lanes::type sum[Blocks][Pixels];
       const float* w[Blocks];
       ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
@@ -65,10 +69,11 @@ struct tiles {
         w[b] = packed + b * weight_block;
         zyn_own_pointer(w[b]);
       }
-      // Unrolled, the same sums let this processor's clock stay 5 % higher.
+      // Unrolled, the same sums of 256-bit vectors let this processor's clock stay 5 % higher.
       const float* eight = in + pixel * 8;
-      _Pragma("GCC unroll 4") for (int32_t n = in_channels / 8; n > 0; n--, eight += pixels * 8)
-          add_inputs<OB, 8>(sum, eight, w);
+      ZYN_UNROLL_BY(kBlocksAtOnce)
+      for (int32_t n = in_channels / 8; n > 0; n--, eight += pixels * 8)
+        add_inputs<OB, 8>(sum, eight, w);
       int32_t ic = in_channels / 8 * 8;
       if (in_channels - ic >= 4) {
         add_inputs<OB, 4>(sum, in + ic * pixels + pixel * 4, w);
@@ -76,8 +81,8 @@ struct tiles {
       }
       for (; ic < in_channels; ic++) add_inputs<OB, 1>(sum, in + ic * pixels + pixel, w);
       ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
-        ZYN_UNROLL for (int i = 0; i < Pixels; i++)
-            lanes::store(out + b * pixels * OB + i * OB, lanes::max(floor, sum[b][i]));
+        ZYN_UNROLL for (int i = 0; i < Pixels; i++) zyn_store_blocks<OB>(
+            out + b * pixels * OB + i * kBlock, pixels * kBlock, lanes::max(floor, sum[b][i]));
       }
     }
   }
@@ -124,12 +129,18 @@ struct tiles<1, 1> {
   }
 };
 
+// Pixels of the largest tile.
+constexpr int most_pixels(int ob, int blocks) {
+  return ob == 1 ? kDotPixels : kTileSums / blocks < kMostPixels ? kTileSums / blocks : kMostPixels;
+}
+
 template <int OB, int Blocks>
 void strip(const zyn_blocked_layer& l, int32_t oc, int64_t first, int64_t end) {
+  constexpr int kBlock = OB < 8 ? OB : 8;
   const tiles<OB, Blocks> body{l, oc, zyn_tile_epilogue(l.epilogue, oc, OB * Blocks)};
-  zyn_balanced_tiles<OB == 1 ? kDotPixels : kTileSums / Blocks>(first, end, body);
-  for (int b = 0; b < Blocks; b++)
-    body.epilogue.finish(l.out + (oc + b * OB) * l.out_plane() + first * OB, (end - first) * OB);
+  zyn_balanced_tiles<most_pixels(OB, Blocks)>(first, end, body);
+  body.epilogue.finish(l.out + oc * l.out_plane() + first * kBlock, (end - first) * kBlock,
+                       OB * Blocks / kBlock, l.out_plane() * kBlock);
 }
 
 // Strips of nearly equal size, a multiple of every tile's pixels.
@@ -143,14 +154,18 @@ void run(const zyn_blocked_layer& l) {
   for (int64_t first = 0; first < pixels; first += step) {
     const int64_t end = first + step < pixels ? first + step : pixels;
     const int64_t here = end - first;
-    const bool by_four = here < kSmallStrip && here % 4 == 0 && here % 6 != 0;
+    const bool by_four = kWide == 8 && here < kSmallStrip && here % 4 == 0 && here % 6 != 0;
     for (int32_t oc = 0, channels = 0; oc < l.out_channels; oc += channels) {
       const int32_t left = l.out_channels - oc;
-      channels = by_four && left >= 24 ? 24 : left >= 16 ? 16 : zyn_block_width(left);
+      channels = by_four && left >= 24 ? 24
+                 : left >= 2 * kWide   ? 2 * kWide
+                                       : zyn_vector_channels(left);
       if (channels == 24)
         strip<8, 3>(l, oc, first, end);
-      else if (channels == 16)
-        strip<8, 2>(l, oc, first, end);
+      else if (channels == 2 * kWide)
+        strip<kWide, 2>(l, oc, first, end);
+      else if (kWide > 8 && channels == kWide)
+        strip<kWide, 1>(l, oc, first, end);
       else if (channels == 8)
         strip<8, 1>(l, oc, first, end);
       else if (channels == 4)

@@ -1,9 +1,9 @@
 // Dense 3x3 convolution, stride 1 and 2, padding 1, on channel-blocked tensors.
 //
-// One micro-kernel family: a tile of Pixels output pixels by Blocks output blocks of
-// OB channels accumulates one input block of IB channels in registers and adds to
-// the output once. Two 8-channel output blocks by 6 pixels are 12 accumulators: with
-// two FMA ports and a latency of 4 cycles, 8 would do; the rest hides the loads.
+// One micro-kernel family: a tile of Pixels output pixels by Blocks vectors of OB output
+// channels accumulates one input block of IB channels in registers and adds to the output
+// once. Two vectors by 6 pixels are 12 accumulators: with two FMA ports and a latency of 4
+// cycles, 8 would do; the rest hides the loads. 512-bit vectors bring registers for 12 pixels.
 // Single output channels put the input channels into the lanes instead and sum the
 // lanes at the end. The first input blocks' sums start at zero, the later ones' at the
 // output. Taps outside the image are left out: the first and last row take fewer kernel
@@ -16,12 +16,22 @@
 namespace {
 
 constexpr int kTaps = 9;
-constexpr int kTilePixels = 6;
+constexpr int kWide = kZynVectorFloats;
+constexpr int tile_pixels(int ob) { return ob > 8 ? 12 : 6; }
 constexpr int kEdgePixels = 4;       // of an edge column: few pixels, so less code
 constexpr int32_t kGroupBlocks = 4;  // input blocks added per load and store of an output value
 constexpr int64_t kStripBytes = 64 * 1024;  // output rows of one block pair kept in L1
 
-// One call's planes: a group of input blocks and up to two output blocks.
+// Vectors of 16 outputs take half as many blocks of 8, so that their weights are as many. Single
+// outputs round their sums where a group ends: theirs is the same for all vectors.
+constexpr int32_t group_blocks(int ob, int ib) {
+  return ob > 8 && ib == 8 ? kGroupBlocks / 2 : kGroupBlocks;
+}
+
+// Channels of one block among the OB of a vector.
+constexpr int block_of(int ob) { return ob < 8 ? ob : 8; }
+
+// One call's planes: a group of input blocks and up to two vectors of output channels.
 struct planes {
   const float* in;
   int32_t in_blocks;      // input blocks of the group
@@ -30,13 +40,13 @@ struct planes {
   float* out;             // first output block
   int64_t out_block;      // floats from one output block to the next
   int32_t out_width;
-  const float* weights;        // sub-blocks of the first output block, local
-  int64_t weight_block;        // floats from one output block's sub-blocks to the next
+  const float* weights;        // sub-blocks of the first vector, local
+  int64_t weight_block;        // floats from one vector's sub-blocks to the next
   bool first;                  // whether sums start at zero, not at the output
   zyn_tile_epilogue epilogue;  // active on the last input block only
 };
 
-alignas(32) constexpr float kZeros[8] = {};
+alignas(64) constexpr float kZeros[kWide] = {};
 
 // Kernel rows of an output row that lie inside the image: begin to end - 1.
 struct kernel_rows {
@@ -82,15 +92,18 @@ int64_t corner(const planes& p, int32_t y, int32_t x) {
 template <int OB, int IB, int Blocks, int Pixels, int Stride, bool Down = false>
 inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
   using lanes = zyn_block_lanes<OB>;
+  constexpr int kBlock = block_of(OB);
   const int64_t in_step = Down ? static_cast<int64_t>(Stride) * p.width * IB : Stride * IB;
-  const int64_t out_step = Down ? static_cast<int64_t>(p.out_width) * OB : OB;
+  const int64_t out_step = Down ? static_cast<int64_t>(p.out_width) * kBlock : kBlock;
+  const int64_t out_vector = p.out_block * (OB / kBlock);
   typename lanes::type sum[Blocks][Pixels];
-  float* out = p.out + (static_cast<int64_t>(y) * p.out_width + x) * OB;
+  float* out = p.out + (static_cast<int64_t>(y) * p.out_width + x) * kBlock;
   const float* from = p.first ? kZeros : out;
   const int64_t from_block = p.first ? 0 : p.out_block, from_step = p.first ? 0 : out_step;
+  const int64_t from_vector = p.first ? 0 : out_vector;
   ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
     ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[b][i] =
-        lanes::load(from + b * from_block + i * from_step);
+        zyn_load_blocks<OB>(from + b * from_vector + i * from_step, from_block);
   }
   const int64_t first = corner<IB, Stride>(p, y, x);
   for (int32_t t = 0; t < taps.count; t++) {
@@ -105,11 +118,12 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
       ZYN_UNROLL for (int b = 0; b < Blocks; b++) weight[b] = lanes::load(w[b] + ic * OB);
       ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
         const typename lanes::type value = lanes::spread(in + i * in_step + ic);
-        ZYN_UNROLL for (int b = 0; b < Blocks; b++) sum[b][i] =
-            lanes::fma(value, weight[b], sum[b][i]);
+        ZYN_UNROLL for (int b = 0; b < Blocks; b++) lanes::add_product(sum[b][i], value, weight[b]);
       }
     };
-    if constexpr (Down) {  // few pixels: small code rather than the last cycles
+    // Few pixels: small code rather than the last cycles. Two vectors of 16 by 12 pixels are a
+    // loop long enough.
+    if constexpr (Down || OB > 8) {
 #pragma GCC unroll 1
       for (int ic = 0; ic < IB; ic++) add_input(ic);
     } else {
@@ -117,8 +131,8 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
     }
   }
   ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
-    ZYN_UNROLL for (int i = 0; i < Pixels; i++)
-        lanes::store(out + b * p.out_block + i * out_step, p.epilogue.apply<OB>(sum[b][i], b));
+    ZYN_UNROLL for (int i = 0; i < Pixels; i++) zyn_store_blocks<OB>(
+        out + b * out_vector + i * out_step, p.out_block, p.epilogue.apply<OB>(sum[b][i], b));
   }
 }
 
@@ -179,7 +193,8 @@ void equal_rows(const planes& p, int32_t y0, int32_t y1, kernel_rows ky) {
   if (end > 1) {
     const tap_list taps = taps_of<OB, IB>(p, ky, 0, 3);
     for (int32_t y = y0; y < y1; y++)
-      zyn_balanced_tiles<kTilePixels>(1, end, line<OB, IB, Blocks, Stride, false>{p, y, 0, taps});
+      zyn_balanced_tiles<tile_pixels(OB)>(1, end,
+                                          line<OB, IB, Blocks, Stride, false>{p, y, 0, taps});
   }
   edge_column<OB, IB, Blocks, Stride>(p, 0, y0, y1, taps_of<OB, IB>(p, ky, 1, p.width > 1 ? 3 : 2));
   if (end < p.out_width)
@@ -197,32 +212,36 @@ void rows(const planes& p, int32_t y0, int32_t y1) {
   }
 }
 
-// The sub-blocks of one input block for Blocks output blocks, in an aligned local
-// buffer; [output][tap] becomes [tap][output].
+// The sub-blocks of one input block for one vector of outputs, in an aligned local buffer:
+// [tap][input][output]. packed: the first block's, whose next one is apart floats away.
 template <int OB, int IB>
-void load_weights(float* local, const float* packed) {
-  if (IB == 1 && OB > 1) {
-    for (int t = 0; t < kTaps; t++)
-      for (int o = 0; o < OB; o++) local[t * OB + o] = packed[o * kTaps + t];
-  } else {
+void load_weights(float* local, const float* packed, int64_t apart) {
+  constexpr int kBlock = block_of(OB);
+  if (OB == kBlock && (IB > 1 || OB == 1)) {
     memcpy(local, packed, sizeof(float) * OB * IB * kTaps);
+    return;
   }
+  for (int b = 0; b < OB / kBlock; b++, packed += apart)
+    for (int t = 0; t < kTaps * IB; t++)
+      for (int o = 0; o < kBlock; o++)
+        local[t * OB + b * kBlock + o] = packed[IB == 1 ? o * kTaps + t : t * kBlock + o];
 }
 
-// Adds a group of input blocks of IB channels to Blocks output blocks over a strip of
+// Adds a group of input blocks of IB channels to Blocks vectors of outputs over a strip of
 // rows.
 template <int OB, int IB, int Blocks, int Stride>
 void accumulate(const zyn_blocked_layer& l, int32_t oc, int32_t ic, int32_t group, int32_t y0,
                 int32_t y1) {
-  constexpr int kSubBlock = OB * IB * kTaps;
-  alignas(32) float local[Blocks * kGroupBlocks * kSubBlock];
+  constexpr int kSubBlock = OB * IB * kTaps, kBlock = block_of(OB);
+  alignas(64) float local[Blocks * group_blocks(OB, IB) * kSubBlock];
   const int64_t in_plane = l.in_plane(), out_plane = l.out_plane();
+  const int64_t output = int64_t{l.in_channels} * kTaps;  // floats of one output's weights
   for (int b = 0; b < Blocks; b++)
     for (int n = 0; n < group; n++)
-      load_weights<OB, IB>(local + (b * group + n) * kSubBlock,
-                           l.packed + (static_cast<int64_t>(oc + b * OB) * l.in_channels +
-                                       static_cast<int64_t>(ic + n * IB) * OB) *
-                                          kTaps);
+      load_weights<OB, IB>(
+          local + (b * group + n) * kSubBlock,
+          l.packed + (oc + b * OB) * output + static_cast<int64_t>(ic + n * IB) * kBlock * kTaps,
+          kBlock * output);
   const bool last = ic + group * IB == l.in_channels;
   const planes p = {l.in + ic * in_plane,
                     group,
@@ -230,17 +249,15 @@ void accumulate(const zyn_blocked_layer& l, int32_t oc, int32_t ic, int32_t grou
                     l.width,
                     l.height,
                     l.out + oc * out_plane,
-                    out_plane * OB,
+                    out_plane * kBlock,
                     l.out_width,
                     local,
                     group * kSubBlock,
                     ic == 0,
                     zyn_tile_epilogue(last ? l.epilogue : nullptr, oc, OB * Blocks)};
   rows<OB, IB, Blocks, Stride>(p, y0, y1);
-  const int64_t first = static_cast<int64_t>(y0) * l.out_width * OB;
-  for (int b = 0; b < Blocks; b++)
-    p.epilogue.finish(p.out + b * p.out_block + first,
-                      static_cast<int64_t>(y1 - y0) * l.out_width * OB);
+  const int64_t row = int64_t{l.out_width} * kBlock;
+  p.epilogue.finish(p.out + y0 * row, (y1 - y0) * row, OB * Blocks / kBlock, p.out_block);
 }
 
 template <int OB, int Blocks, int Stride>
@@ -254,7 +271,7 @@ void output_blocks(const zyn_blocked_layer& l, int32_t oc) {
       const int32_t left = l.in_channels - ic;
       const int32_t width = zyn_block_width(left);
       const int32_t whole = left / width;
-      const int32_t group = whole < kGroupBlocks ? whole : kGroupBlocks;
+      const int32_t most = group_blocks(OB, width), group = whole < most ? whole : most;
       step = group * width;
       if (width == 8)
         accumulate<OB, 8, Blocks, Stride>(l, oc, ic, group, y, end);
@@ -270,9 +287,11 @@ template <int Stride>
 void run(const zyn_blocked_layer& l) {
   for (int32_t oc = 0, blocks = 0; oc < l.out_channels; oc += blocks) {
     const int32_t left = l.out_channels - oc;
-    blocks = left >= 16 ? 16 : zyn_block_width(left);
-    if (blocks == 16)
-      output_blocks<8, 2, Stride>(l, oc);
+    blocks = left >= 2 * kWide ? 2 * kWide : zyn_vector_channels(left);
+    if (blocks == 2 * kWide)
+      output_blocks<kWide, 2, Stride>(l, oc);
+    else if (kWide > 8 && blocks == kWide)
+      output_blocks<kWide, 1, Stride>(l, oc);
     else if (blocks == 8)
       output_blocks<8, 1, Stride>(l, oc);
     else if (blocks == 4)

@@ -27,7 +27,8 @@ void pack_dense(float* packed, const float* weights, const zyn_conv_param* p) {
   const int64_t taps = static_cast<int64_t>(p->kernel_h) * p->kernel_w;
   const int64_t inputs = p->in_channels;
   for (int32_t oc = 0, ob = 0; oc < p->out_channels; oc += ob) {
-    ob = zyn_block_width(p->out_channels - oc);
+    const int32_t left = p->out_channels - oc;
+    ob = taps == 1 ? zyn_vector_channels(left) : zyn_block_width(left);
     for (int32_t ic = 0, ib = 0; ic < p->in_channels; ic += ib) {
       ib = zyn_block_width(p->in_channels - ic);
       pack_pair(packed, weights + (oc * inputs + ic) * taps, ob, ib, inputs, taps);

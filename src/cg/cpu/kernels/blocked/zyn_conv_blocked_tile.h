@@ -9,7 +9,7 @@
 // registers go to the stack, and multiply-adds with indexed operands take two issue slots.
 inline void zyn_own_pointer(const float*& pointer) { __asm__("" : "+r"(pointer)); }
 
-// The epilogue for a run of up to 24 output channels. Bias and ReLU are applied to
+// The epilogue for a run of up to 32 output channels. Bias and ReLU are applied to
 // values in registers without a branch: where there is no bias -0 is added, which
 // changes no value, and where there is no ReLU the floor is -infinity. The other
 // activations follow as a pass over values that have just been stored.
@@ -23,7 +23,7 @@ class zyn_tile_epilogue {
     for (int32_t i = 0; i < channels; i++) bias_[i] = bias ? bias[i] : -0.0f;
   }
 
-  // The bias of output block number block, Width channels.
+  // The bias of vector number block, Width channels.
   template <int Width>
   typename zyn_block_lanes<Width>::type bias(int block) const {
     return zyn_block_lanes<Width>::load(bias_ + block * Width);
@@ -44,9 +44,13 @@ class zyn_tile_epilogue {
   void finish(float* values, int64_t count) const {
     if (pass_ != ZYN_EPILOGUE_NONE) zyn_conv_finish_rows(values, 1, count, {nullptr, pass_});
   }
+  // The same over blocks blocks of count values, apart floats from each other.
+  void finish(float* values, int64_t count, int32_t blocks, int64_t apart) const {
+    for (int32_t b = 0; b < blocks; b++) finish(values + b * apart, count);
+  }
 
  private:
-  alignas(32) float bias_[24];
+  alignas(64) float bias_[32];
   float floor_;
   int32_t pass_ = ZYN_EPILOGUE_NONE;
 };

@@ -3,8 +3,9 @@
 //                                           computes them
 //   any product (zyn_cg_sgemm)              here: cut into blocks of 512 rows and 512 terms (a
 //                                           block of A fits the second cache level) and panels
-//                                           of 24 columns, packed when they are used; A is read
-//                                           as it lies: a broadcast does not ask for neighbours
+//                                           of 24 columns (48 of 512-bit vectors), packed when
+//                                           they are used; A is read as it lies: a broadcast
+//                                           does not ask for neighbours
 //   a product by a vector, packed operands  zyn_gemm_micro.cpp
 #include "base/zyn_integers.h"
 #include "base/zyn_memory.h"
@@ -20,8 +21,9 @@ constexpr int64_t kRowsInPlace = 8;
 
 // A product of at most 512 rows and terms.
 void multiply_block(const zyn_gemm_operands& p, float* panel) {
-  for (int64_t column = 0; column < p.n; column += ZYN_GEMM_WIDE) {
-    const int64_t here = zyn_smaller(ZYN_GEMM_WIDE, p.n - column);
+  for (int64_t column = 0, here = 0; column < p.n; column += here) {
+    const int64_t left = p.n - column;
+    here = left >= ZYN_GEMM_PANEL ? int64_t{ZYN_GEMM_PANEL} : zyn_smaller(left, ZYN_GEMM_WIDE);
     const int64_t width = zyn_round_up(here, 8);
     const bool copies = p.m > kRowsInPlace || here < width;
     if (copies) zyn_gemm_pack_panels(p.k, here, width, p.b + column, p.ldb, panel);

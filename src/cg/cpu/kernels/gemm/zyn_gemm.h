@@ -11,7 +11,8 @@
 enum {
   ZYN_GEMM_RUN = 512,        // terms of one sum of the general multiply, rows of a block
   ZYN_GEMM_VECTOR_ROWS = 8,  // rows of a block of a product by a vector
-  ZYN_GEMM_WIDE = 24         // columns of the widest tile
+  ZYN_GEMM_WIDE = 24,        // columns of the widest tile of 256-bit vectors
+  ZYN_GEMM_PANEL = 3 * kZynVectorFloats  // columns of the widest tile
 };
 
 // tile = alpha * A x B + beta * tile for a whole tile of rows x columns: weights holds
@@ -28,7 +29,7 @@ void zyn_gemm_micro_8x8(int64_t k, float alpha, float beta, const float* weights
 
 // zyn_cg_sgemm on checked arguments. panel: room for zyn_gemm_panel_floats(k) floats.
 inline int64_t zyn_gemm_panel_floats(int64_t k) {
-  return ZYN_GEMM_WIDE * (k < ZYN_GEMM_RUN ? k : int64_t{ZYN_GEMM_RUN});
+  return ZYN_GEMM_PANEL * (k < ZYN_GEMM_RUN ? k : int64_t{ZYN_GEMM_RUN});
 }
 struct zyn_gemm_operands {
   int64_t m, n, k;
@@ -58,7 +59,7 @@ struct zyn_gemm_rows {
   int64_t channels;
   int64_t taps;            // 1: offsets is not read
   const int64_t* offsets;  // one per tap
-  // Scratch for ZYN_GEMM_WIDE columns of B, or null. With it the first rows of the output
+  // Scratch for ZYN_GEMM_PANEL columns of B, or null. With it the first rows of the output
   // copy the columns that they read into an aligned panel, and the other rows read that.
   float* panel;
 };
@@ -76,10 +77,12 @@ struct zyn_gemm_output {
 void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
                        const zyn_gemm_output& output);
 
-// The same for columns that do not lie side by side: count vectors of 8 columns, each
-// with its place in the rows of B (floats from base on) and in the output's rows.
+// The same for columns that do not lie side by side: count vectors of lanes (8, or
+// kZynVectorFloats) columns, each with its place in the rows of B (floats from base on) and in
+// the output's rows.
 struct zyn_gemm_vector {
   int64_t from, to;
 };
 void zyn_gemm_scattered(const zyn_gemm_rows& b, const zyn_gemm_vector* vectors, int64_t count,
-                        const float* packed, int64_t block, const zyn_gemm_output& output);
+                        int64_t lanes, const float* packed, int64_t block,
+                        const zyn_gemm_output& output);

@@ -11,16 +11,18 @@
 
 namespace {
 
-template <int kRows, int kVectors>
-[[gnu::always_inline]] inline void store_scaled(const __m256 (&sums)[kRows][kVectors], float alpha,
-                                                float beta, float* tile, int64_t pitch) {
-  const __m256 a = _mm256_set1_ps(alpha), b = _mm256_set1_ps(beta);
+template <int kLanes, int kRows, int kVectors>
+[[gnu::always_inline]] inline void store_scaled(
+    const typename zyn_block_lanes<kLanes>::type (&sums)[kRows][kVectors], float alpha, float beta,
+    float* tile, int64_t pitch) {
+  using lanes = zyn_block_lanes<kLanes>;
+  const auto a = lanes::spread(alpha), b = lanes::spread(beta);
   ZYN_UNROLL for (int r = 0; r < kRows; r++) {
     ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
-      float* to = tile + r * pitch + 8 * v;
-      __m256 y = _mm256_mul_ps(a, sums[r][v]);
-      if (beta != 0) y = _mm256_fmadd_ps(b, _mm256_loadu_ps(to), y);
-      _mm256_storeu_ps(to, y);
+      float* to = tile + r * pitch + kLanes * v;
+      auto y = lanes::multiply(a, sums[r][v]);
+      if (beta != 0) lanes::add_product(y, b, lanes::load(to));
+      lanes::store(to, y);
     }
   }
 }
@@ -31,15 +33,15 @@ template <int kRows, int kVectors>
                                                const float* weights, const float* panel,
                                                float* tile, int64_t pitch) {
   __m256 sums[kRows][kVectors];
-  zyn_gemm_clear(sums);
+  zyn_gemm_clear<8>(sums);
   ZYN_UNROLL_BY(4) for (int64_t i = 0; i < k; i++) {
-    zyn_gemm_multiply_add<false>(
+    zyn_gemm_multiply_add<8, false>(
         sums, [weights](int r) { return weights + r; }, [panel](int v) { return panel + 8 * v; },
         nullptr);
     weights += kRows;
     panel += 8 * kVectors;
   }
-  store_scaled(sums, alpha, beta, tile, pitch);
+  store_scaled<8>(sums, alpha, beta, tile, pitch);
 }
 
 // A product of rows of A as they lie by one panel.
@@ -54,30 +56,31 @@ struct scaled_tile {
   int64_t pitch, columns;
 };
 
-template <int kRows, int kVectors>
+template <int kRows, int kVectors, int kLanes = 8>
 void rows_tile(const scaled_tile& t, int64_t row) {
   const float* a = t.a + row * t.lda;
   const int64_t lda = t.lda, panel_pitch = t.panel_pitch;
   const float* panel = t.panel;
-  __m256 sums[kRows][kVectors];
-  zyn_gemm_clear(sums);
+  typename zyn_block_lanes<kLanes>::type sums[kRows][kVectors];
+  zyn_gemm_clear<kLanes>(sums);
   ZYN_UNROLL_BY(4) for (int64_t i = 0; i < t.k; i++) {
-    zyn_gemm_multiply_add<false>(
-        sums, [a, lda](int r) { return a + r * lda; }, [panel](int v) { return panel + 8 * v; },
-        nullptr);
+    zyn_gemm_multiply_add<kLanes, false>(
+        sums, [a, lda](int r) { return a + r * lda; },
+        [panel](int v) { return panel + kLanes * v; }, nullptr);
     a++;
     panel += panel_pitch;
   }
   float* tile = t.tile + row * t.pitch;
-  if (t.columns == 8 * kVectors) return store_scaled(sums, t.alpha, t.beta, tile, t.pitch);
-  alignas(32) float whole[kRows * kVectors * 8];
-  store_scaled(sums, t.alpha, 0.0f, whole, 8 * kVectors);
-  zyn_gemm_merge(whole, kVectors * 8, kRows, t.columns, t.beta, tile, t.pitch);
+  constexpr int kColumns = kLanes * kVectors;
+  if (t.columns == kColumns) return store_scaled<kLanes>(sums, t.alpha, t.beta, tile, t.pitch);
+  alignas(64) float whole[kRows * kColumns];
+  store_scaled<kLanes>(sums, t.alpha, 0.0f, whole, kColumns);
+  zyn_gemm_merge(whole, kColumns, kRows, t.columns, t.beta, tile, t.pitch);
 }
 
-template <int kRows, int kVectors>
+template <int kRows, int kVectors, int kLanes = 8>
 int64_t panel_rows(const scaled_tile& t, int64_t row, int64_t rows) {
-  for (; row + kRows <= rows; row += kRows) rows_tile<kRows, kVectors>(t, row);
+  for (; row + kRows <= rows; row += kRows) rows_tile<kRows, kVectors, kLanes>(t, row);
   return row;
 }
 
@@ -190,6 +193,14 @@ void zyn_gemm_rows_by_panel(int64_t rows, int64_t k, float alpha, float beta, co
                             int64_t columns, float* tile, int64_t pitch) {
   const scaled_tile t = {k, alpha, beta, a, lda, panel, panel_pitch, tile, pitch, columns};
   int64_t row = 0;
+#if ZYN_VECTOR_BITS == 512
+  if (width == ZYN_GEMM_PANEL) {
+    row = panel_rows<8, 3, 16>(t, row, rows);
+    row = panel_rows<4, 3, 16>(t, row, rows);
+    panel_rows<1, 3, 16>(t, row, rows);
+    return;
+  }
+#endif
   if (width == 24) {
     row = panel_rows<4, 3>(t, row, rows);
     row = panel_rows<2, 3>(t, row, rows);

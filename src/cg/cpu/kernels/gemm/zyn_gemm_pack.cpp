@@ -55,7 +55,9 @@ void zyn_gemm_pack_panels(int64_t k, int64_t columns, int64_t width, const float
                           int64_t source_stride, float* destination) {
   int64_t column = 0;
   for (; column + width <= columns; column += width, destination += width * k) {
-    if (width == 24)
+    if (width == 48)
+      copy_panel<6>(k, source + column, source_stride, destination);
+    else if (width == 24)
       copy_panel<3>(k, source + column, source_stride, destination);
     else if (width == 16)
       copy_panel<2>(k, source + column, source_stride, destination);

@@ -2,32 +2,30 @@
 // them is fully unrolled, or the compiler keeps the array on the stack.
 #pragma once
 
-#include <immintrin.h>
-#include <stdint.h>
+#include "simd/zyn_block_lanes.h"
 
-#include "simd/zyn_vectors.h"
-
-template <int kRows, int kVectors>
-[[gnu::always_inline]] inline void zyn_gemm_clear(__m256 (&sums)[kRows][kVectors]) {
+template <int kLanes, int kRows, int kVectors>
+[[gnu::always_inline]] inline void zyn_gemm_clear(
+    typename zyn_block_lanes<kLanes>::type (&sums)[kRows][kVectors]) {
   ZYN_UNROLL for (int r = 0; r < kRows; r++) {
-    ZYN_UNROLL for (int v = 0; v < kVectors; v++) sums[r][v] = _mm256_setzero_ps();
+    ZYN_UNROLL for (int v = 0; v < kVectors; v++) sums[r][v] = zyn_block_lanes<kLanes>::zero();
   }
 }
 
-// One term of every element of a tile of kRows x 8 * kVectors: the weight of row r stands
+// One term of every element of a tile of kRows x kLanes * kVectors: the weight of row r stands
 // at weight(r), the values of vector v at column(v), from where they also go to copy.
-template <bool kCopy, int kRows, int kVectors, typename Weight, typename Column>
-[[gnu::always_inline]] inline void zyn_gemm_multiply_add(__m256 (&sums)[kRows][kVectors],
-                                                         const Weight& weight, const Column& column,
-                                                         float* copy) {
-  __m256 columns[kVectors];
+template <int kLanes, bool kCopy, int kRows, int kVectors, typename Weight, typename Column>
+[[gnu::always_inline]] inline void zyn_gemm_multiply_add(
+    typename zyn_block_lanes<kLanes>::type (&sums)[kRows][kVectors], const Weight& weight,
+    const Column& column, float* copy) {
+  using lanes = zyn_block_lanes<kLanes>;
+  typename lanes::type columns[kVectors];
   ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
-    columns[v] = _mm256_loadu_ps(column(v));
-    if (kCopy) _mm256_store_ps(copy + 8 * v, columns[v]);
+    columns[v] = lanes::load(column(v));
+    if (kCopy) lanes::store(copy + kLanes * v, columns[v]);
   }
   ZYN_UNROLL for (int r = 0; r < kRows; r++) {
-    const __m256 w = _mm256_broadcast_ss(weight(r));
-    ZYN_UNROLL for (int v = 0; v < kVectors; v++) sums[r][v] =
-        _mm256_fmadd_ps(w, columns[v], sums[r][v]);
+    const typename lanes::type w = lanes::spread(weight(r));
+    ZYN_UNROLL for (int v = 0; v < kVectors; v++) lanes::add_product(sums[r][v], w, columns[v]);
   }
 }

@@ -1,5 +1,5 @@
 // Register tiles of the product by rows of B read in place. A tile of kBlocks weight blocks
-// of kBlock rows by kVectors vectors of 8 columns holds rows x vectors sums.
+// of kBlock rows by kVectors vectors of kLanes columns holds rows x vectors sums.
 #include "cg/cpu/kernels/gemm/zyn_gemm_tiles.h"
 
 #include <immintrin.h>
@@ -14,13 +14,13 @@ struct tile_place {
   int64_t pitch, rows, columns, to[3];
 };
 
-template <int kRows, int kVectors>
-[[gnu::always_inline]] inline void resume(__m256 (&sums)[kRows][kVectors],
-                                          const tile_place& place) {
+template <int kLanes, int kRows, int kVectors>
+[[gnu::always_inline]] inline void resume(
+    typename zyn_block_lanes<kLanes>::type (&sums)[kRows][kVectors], const tile_place& place) {
   ZYN_UNROLL for (int r = 0; r < kRows; r++) {
     if (r >= place.rows) return;
     ZYN_UNROLL for (int v = 0; v < kVectors; v++) sums[r][v] =
-        _mm256_loadu_ps(place.out + r * place.pitch + place.to[v]);
+        zyn_block_lanes<kLanes>::load(place.out + r * place.pitch + place.to[v]);
   }
 }
 
@@ -72,9 +72,10 @@ struct no_half_vectors {
 };
 
 // The epilogue of a tile, and its way out.
-template <int kRows, int kVectors, typename Half>
+template <int kLanes, int kRows, int kVectors, typename Half>
 struct finish_tile {
-  const __m256 (&sums)[kRows][kVectors];
+  using lanes = zyn_block_lanes<kLanes>;
+  const typename lanes::type (&sums)[kRows][kVectors];
   const Half& half;
   const tile_place& place;
   const float* biases;
@@ -84,15 +85,18 @@ struct finish_tile {
     half.template finish<kActivation>(place, biases);
     ZYN_UNROLL for (int r = 0; r < kRows; r++) {
       if (r >= place.rows) return;
-      const __m256 bias = biases ? _mm256_broadcast_ss(biases + r) : _mm256_setzero_ps();
+      const auto bias = biases ? lanes::spread(biases + r) : lanes::zero();
       ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
-        const __m256 sum = biases ? _mm256_add_ps(sums[r][v], bias) : sums[r][v];
-        const __m256 y = zyn_activate<kActivation>(sum);
+        const auto sum = biases ? lanes::add(sums[r][v], bias) : sums[r][v];
+        const auto y = zyn_activate<kActivation, kLanes>(sum);
         float* to = place.out + r * place.pitch + place.to[v];
-        if (kVectors == 1 && place.columns < 8)
-          _mm256_maskstore_ps(to, zyn_first_lanes(place.columns), y);
-        else
-          _mm256_storeu_ps(to, y);
+        if constexpr (kVectors == 1 && kLanes == 8) {
+          if (place.columns < 8) {
+            _mm256_maskstore_ps(to, zyn_first_lanes(place.columns), y);
+            continue;
+          }
+        }
+        lanes::store(to, y);
       }
     }
   }
@@ -100,32 +104,31 @@ struct finish_tile {
 
 // Within a network a tile's output has left the caches since the last inference: it comes
 // back while the tile is summed.
-template <int kRows, int kVectors>
+template <int kRows, int kColumns>
 [[gnu::always_inline]] inline void ask_for_output(const tile_place& place) {
   ZYN_UNROLL for (int r = 0; r < kRows; r++) {
     if (r >= place.rows) return;
     const float* row = place.out + r * place.pitch;
     _mm_prefetch(reinterpret_cast<const char*>(row), _MM_HINT_T0);
-    _mm_prefetch(reinterpret_cast<const char*>(row + 8 * kVectors - 1), _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char*>(row + kColumns - 1), _MM_HINT_T0);
   }
 }
 
 // The terms of one tile: from is the first row of B under the tile's first vector, whose
 // other vectors lie at floats from there; copy moves on with the panel that it fills.
-template <int kBlock, bool kTaps, bool kCopy, int kRows, int kVectors, typename Half>
-[[gnu::always_inline]] inline void sum_terms(__m256 (&sums)[kRows][kVectors], Half& half,
-                                             const zyn_gemm_tile_job& job, int64_t block_stride,
-                                             int64_t channel_stride, const float* x,
-                                             const float* weights, const int64_t (&at)[3],
-                                             float*& copy) {
+template <int kLanes, int kBlock, bool kTaps, bool kCopy, int kRows, int kVectors, typename Half>
+[[gnu::always_inline]] inline void sum_terms(
+    typename zyn_block_lanes<kLanes>::type (&sums)[kRows][kVectors], Half& half,
+    const zyn_gemm_tile_job& job, int64_t block_stride, int64_t channel_stride, const float* x,
+    const float* weights, const int64_t (&at)[3], float*& copy) {
   auto step = [&](const float* from) __attribute__((always_inline)) {
-    zyn_gemm_multiply_add<kCopy>(
+    zyn_gemm_multiply_add<kLanes, kCopy>(
         sums,
         [weights, block_stride](int r) { return weights + r / kBlock * block_stride + r % kBlock; },
         [from, &at](int v) { return from + at[v]; }, copy);
     half.multiply_add(weights, from + at[2], kCopy ? copy + 16 : nullptr);
     weights += kBlock;
-    if (kCopy) copy += 8 * kVectors + Half::kPanelFloats;
+    if (kCopy) copy += kLanes * kVectors + Half::kPanelFloats;
   };
   if (kTaps) {
     const int64_t* end = job.offsets + job.taps;
@@ -152,9 +155,9 @@ template <int kBlock, bool kTaps, bool kCopy, int kRows, int kVectors, typename 
   return ahead;
 }
 
-// kBlocks weight blocks of kBlock rows by kVectors vectors of 8 columns, and by the half
-// vector that follows them where Half is half_vectors.
-template <int kBlock, int kBlocks, int kVectors, bool kTaps, bool kCopy,
+// kBlocks weight blocks of kBlock rows by kVectors vectors of kLanes columns, and by the half
+// vector of 8 that follows them where Half is half_vectors.
+template <int kLanes, int kBlock, int kBlocks, int kVectors, bool kTaps, bool kCopy,
           typename Half = no_half_vectors>
 void tiles(const zyn_gemm_tile_job& job) {
   constexpr int kRows = kBlock * kBlocks;
@@ -170,19 +173,21 @@ void tiles(const zyn_gemm_tile_job& job) {
   tile_place place = {job.out, job.pitch, job.rows, job.columns, {0, job.to[1], job.to[2]}};
   float* copy = job.copy;
   for (int64_t n = job.count; n > 0; n--) {
-    if (!kNarrow && ahead) ahead = ask_ahead(ahead, job.ahead_rows, job.ahead_stride, 8 * kVectors);
-    if (!kNarrow) ask_for_output<kRows, kVectors>(place);
-    __m256 sums[kRows][kVectors];
+    if (!kNarrow && ahead)
+      ahead = ask_ahead(ahead, job.ahead_rows, job.ahead_stride, kLanes * kVectors);
+    if (!kNarrow) ask_for_output<kRows, kLanes * kVectors>(place);
+    typename zyn_block_lanes<kLanes>::type sums[kRows][kVectors];
     Half half;
-    zyn_gemm_clear(sums);
+    zyn_gemm_clear<kLanes>(sums);
     half.clear();
     if (!kNarrow && job.resume) {
-      resume(sums, place);
+      resume<kLanes>(sums, place);
       half.resume(place);
     }
-    sum_terms<kBlock, kTaps, kCopy>(sums, half, job, block_stride, channel_stride, start,
-                                    first_weights, at, copy);
-    zyn_with_activation(activation, finish_tile<kRows, kVectors, Half>{sums, half, place, biases});
+    sum_terms<kLanes, kBlock, kTaps, kCopy>(sums, half, job, block_stride, channel_stride, start,
+                                            first_weights, at, copy);
+    zyn_with_activation(activation,
+                        finish_tile<kLanes, kRows, kVectors, Half>{sums, half, place, biases});
     start += job.next_x;
     first_weights += job.next_weights;
     place.out += job.next_out;
@@ -191,27 +196,41 @@ void tiles(const zyn_gemm_tile_job& job) {
   }
 }
 
-template <int kBlock, int kBlocks, int kVectors, bool kCopy>
-constexpr zyn_gemm_tile_function pair[2] = {tiles<kBlock, kBlocks, kVectors, false, kCopy>,
-                                            tiles<kBlock, kBlocks, kVectors, true, kCopy>};
+template <int kLanes, int kBlock, int kBlocks, int kVectors, bool kCopy = false>
+constexpr zyn_gemm_tile_function pair[2] = {tiles<kLanes, kBlock, kBlocks, kVectors, false, kCopy>,
+                                            tiles<kLanes, kBlock, kBlocks, kVectors, true, kCopy>};
+
+template <int kLanes>
+constexpr zyn_gemm_tile_set set_of_4(zyn_gemm_tile_function half, zyn_gemm_tile_function copying) {
+  return {4,
+          kLanes,
+          3 * kLanes,
+          3,
+          {{pair<kLanes, 4, 1, 3>[0], pair<kLanes, 4, 1, 3, true>[0]},
+           {pair<kLanes, 4, 1, 3>[1], pair<kLanes, 4, 1, 3, true>[1]}},
+          {{pair<kLanes, 4, 1, 1>[0], pair<kLanes, 4, 2, 1>[0], pair<kLanes, 4, 3, 1>[0]},
+           {pair<kLanes, 4, 1, 1>[1], pair<kLanes, 4, 2, 1>[1], pair<kLanes, 4, 3, 1>[1]}},
+          {half, copying}};
+}
+template <int kLanes>
+constexpr zyn_gemm_tile_set set_of_6() {
+  return {6,
+          kLanes,
+          2 * kLanes,
+          2,
+          {{pair<kLanes, 6, 1, 2>[0], pair<kLanes, 6, 1, 2, true>[0]},
+           {pair<kLanes, 6, 1, 2>[1], pair<kLanes, 6, 1, 2, true>[1]}},
+          {{pair<kLanes, 6, 1, 1>[0], pair<kLanes, 6, 2, 1>[0], nullptr},
+           {pair<kLanes, 6, 1, 1>[1], pair<kLanes, 6, 2, 1>[1], nullptr}},
+          {nullptr, nullptr}};
+}
 
 }  // namespace
 
-const zyn_gemm_tile_set zyn_gemm_tiles_4 = {
-    4,
-    24,
-    3,
-    {{pair<4, 1, 3, false>[0], pair<4, 1, 3, true>[0]},
-     {pair<4, 1, 3, false>[1], pair<4, 1, 3, true>[1]}},
-    {{pair<4, 1, 1, false>[0], pair<4, 2, 1, false>[0], pair<4, 3, 1, false>[0]},
-     {pair<4, 1, 1, false>[1], pair<4, 2, 1, false>[1], pair<4, 3, 1, false>[1]}},
-    {tiles<4, 1, 2, false, false, half_vectors>, tiles<4, 1, 2, false, true, half_vectors>}};
-const zyn_gemm_tile_set zyn_gemm_tiles_6 = {
-    6,
-    16,
-    2,
-    {{pair<6, 1, 2, false>[0], pair<6, 1, 2, true>[0]},
-     {pair<6, 1, 2, false>[1], pair<6, 1, 2, true>[1]}},
-    {{pair<6, 1, 1, false>[0], pair<6, 2, 1, false>[0], nullptr},
-     {pair<6, 1, 1, false>[1], pair<6, 2, 1, false>[1], nullptr}},
-    {nullptr, nullptr}};
+const zyn_gemm_tile_set zyn_gemm_tiles_4 = set_of_4<8>(
+    tiles<8, 4, 1, 2, false, false, half_vectors>, tiles<8, 4, 1, 2, false, true, half_vectors>);
+const zyn_gemm_tile_set zyn_gemm_tiles_6 = set_of_6<8>();
+#if ZYN_VECTOR_BITS == 512
+const zyn_gemm_tile_set zyn_gemm_wide_tiles_4 = set_of_4<16>(nullptr, nullptr);
+const zyn_gemm_tile_set zyn_gemm_wide_tiles_6 = set_of_6<16>();
+#endif

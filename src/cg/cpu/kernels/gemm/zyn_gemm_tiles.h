@@ -16,7 +16,7 @@ struct zyn_gemm_tile_job {
   float* out;
   int64_t pitch;
   int64_t rows;     // of the tile's rows those that exist
-  int64_t columns;  // of a narrow tile: those that are stored
+  int64_t columns;  // of a narrow tile of 8: those that are stored
   int64_t at[3];    // where in B the tile's vectors lie, from x on
   int64_t to[3];    // and where in the output
   const float* bias;
@@ -36,17 +36,20 @@ struct zyn_gemm_tile_job {
 // with half a vector.
 using zyn_gemm_tile_function = void (*)(const zyn_gemm_tile_job& job);
 struct zyn_gemm_tile_set {
-  int64_t block, wide_columns, most_blocks;
+  int64_t block, lanes, wide_columns, most_blocks;
   zyn_gemm_tile_function wide[2][2];    // by whether B has taps, whether the tile copies
   zyn_gemm_tile_function narrow[2][3];  // by whether B has taps, number of blocks - 1
   zyn_gemm_tile_function half[2];       // rows of B without taps; by whether the tile copies
 };
 extern const zyn_gemm_tile_set zyn_gemm_tiles_4, zyn_gemm_tiles_6;
+// Of vectors of 16 columns, where the library is built for them; their narrow
+// tiles store all.
+extern const zyn_gemm_tile_set zyn_gemm_wide_tiles_4, zyn_gemm_wide_tiles_6;
 enum { ZYN_GEMM_HALF = 20 };  // columns of a tile of two vectors and a half
 
 // tile = alpha * A x panel + beta * tile for rows of A as they lie, lda floats apart, and a
-// panel of width 8, 16 or 24 columns, whose terms lie panel_pitch floats apart and of which columns
-// are written.
+// panel of width 8, 16, 24 or ZYN_GEMM_PANEL columns, whose terms lie panel_pitch floats apart and
+// of which columns are written.
 void zyn_gemm_rows_by_panel(int64_t rows, int64_t k, float alpha, float beta, const float* a,
                             int64_t lda, const float* panel, int64_t panel_pitch, int64_t width,
                             int64_t columns, float* tile, int64_t pitch);

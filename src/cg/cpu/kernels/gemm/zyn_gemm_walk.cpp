@@ -40,9 +40,9 @@ struct walk {
     j.out = output.data + row * output.pitch;
     j.pitch = output.pitch;
     j.rows = output.rows - row;
-    j.columns = 8;
-    j.at[1] = j.to[1] = 8;
-    j.at[2] = j.to[2] = 16;
+    j.columns = set.lanes;
+    j.at[1] = j.to[1] = set.lanes;
+    j.at[2] = j.to[2] = 2 * set.lanes;
     j.bias = done && e.bias ? e.bias + row : nullptr;
     j.activation = done ? e.activation : static_cast<int32_t>(ZYN_EPILOGUE_NONE);
     j.resume = first > 0;
@@ -103,7 +103,7 @@ struct walk {
       zyn_gemm_tile_job j = job(0, first, zyn_smaller(first + part, b.channels));
       j.x += vectors[0].from;
       j.out += vectors[0].to;
-      for (int64_t v = 1; v < set.wide_columns / 8; v++) {
+      for (int64_t v = 1; v < set.wide_columns / set.lanes; v++) {
         j.at[v] = vectors[v].from - vectors[0].from;
         j.to[v] = vectors[v].to - vectors[0].to;
       }
@@ -135,25 +135,52 @@ struct walk {
     j->x = b.panel;
     j->channel_stride = set.wide_columns;
     j->channels *= b.taps;
-    j->at[1] = 8;
-    j->at[2] = 16;
+    j->at[1] = set.lanes;
+    j->at[2] = 2 * set.lanes;
+  }
+
+  // The columns from first on in whole tiles side by side, of which count hold.
+  void side_by_side(int64_t first, int64_t last, int64_t columns) const {
+    const int64_t width = set.wide_columns;
+    if (blocks < kCopyBlocks) {
+      const int64_t group = zyn_larger(kGroupBytes / (b.channels * b.taps * 4) / width, 1) * width;
+      for (; first < last; first += group) wide(first, zyn_smaller(first + group, last));
+      return;
+    }
+    for (; first < last; first += width) tile_at(first, first + 2 * set.lanes, columns);
+  }
+
+  // A tile of the vectors at column and behind it, but for a third one that
+  // lies elsewhere.
+  void tile_at(int64_t column, int64_t last_vector, int64_t columns) const {
+    const int64_t width = set.wide_columns, second = column + set.lanes;
+    const zyn_gemm_vector vectors[3] = {
+        {column, column}, {second, second}, {last_vector, last_vector}};
+    scattered(vectors, column + 2 * width <= columns ? column + width : 0);
   }
 };
 
-walk make_walk(const zyn_gemm_rows& b, const float* packed, int64_t block,
+const zyn_gemm_tile_set& set_of(int64_t block, int64_t lanes) {
+#if ZYN_VECTOR_BITS == 512
+  if (lanes == 16) return block == 6 ? zyn_gemm_wide_tiles_6 : zyn_gemm_wide_tiles_4;
+#endif
+  (void)lanes;
+  return block == 6 ? zyn_gemm_tiles_6 : zyn_gemm_tiles_4;
+}
+
+walk make_walk(const zyn_gemm_rows& b, int64_t lanes, const float* packed, int64_t block,
                const zyn_gemm_output& output) {
-  const zyn_gemm_tile_set& set = block == 6 ? zyn_gemm_tiles_6 : zyn_gemm_tiles_4;
+  const zyn_gemm_tile_set& set = set_of(block, lanes);
   const int64_t bytes = set.wide_columns * b.channels * b.taps * 4;
   const int64_t parts = (bytes + kMostPartBytes - 1) / kMostPartBytes;
   return {
       b, set, packed, output, (output.rows + block - 1) / block, (b.channels + parts - 1) / parts};
 }
 
-}  // namespace
-
-void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
-                       const zyn_gemm_output& output) {
-  const walk w = make_walk(b, packed, block, output);
+// The columns by tiles of 8-lane vectors.
+void by_eights(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
+               const zyn_gemm_output& output) {
+  const walk w = make_walk(b, 8, packed, block, output);
   const int64_t width = w.set.wide_columns;
   // A plane that ends with at most half a vector ends with a tile made for that.
   const int64_t tail = columns % 8;
@@ -162,34 +189,45 @@ void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* pac
     columns -= ZYN_GEMM_HALF;
   }
   const int64_t whole = columns / width * width, rest = columns - whole;
-  auto tile_at = [&w, columns, width](int64_t column, int64_t last_vector) {
-    const zyn_gemm_vector vectors[3] = {
-        {column, column}, {column + 8, column + 8}, {last_vector, last_vector}};
-    w.scattered(vectors, column + 2 * width <= columns ? column + width : 0);
-  };
-  if (w.blocks < kCopyBlocks) {
-    const int64_t group = zyn_larger(kGroupBytes / (b.channels * b.taps * 4) / width, 1) * width;
-    for (int64_t first = 0; first < whole; first += group)
-      w.wide(first, zyn_smaller(first + group, whole));
-  } else {
-    for (int64_t first = 0; first < whole; first += width) tile_at(first, first + 16);
-  }
+  w.side_by_side(0, whole, columns);
   if (rest == 0) return;
   // The remaining columns are taken in tiles that end with the last column; what overlaps
   // is computed twice, to the same bits.
   if (columns >= width && w.blocks == 1 && rest > 8) return w.wide(columns - width, columns);
-  if (rest > 16) return tile_at(whole, columns - 8);
+  if (rest > 16) return w.tile_at(whole, columns - 8, columns);
   for (int64_t column = whole; column < columns; column += 8) {
     const int64_t start = columns < 8 ? 0 : zyn_smaller(column, columns - 8);
     w.narrow(start, start, zyn_smaller(columns, 8));
   }
 }
 
+}  // namespace
+
+void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
+                       const zyn_gemm_output& output) {
+  zyn_gemm_rows rest = b;
+  zyn_gemm_output rest_output = output;
+  if (kZynVectorFloats > 8) {
+    const walk w = make_walk(b, kZynVectorFloats, packed, block, output);
+    const int64_t whole = columns / w.set.wide_columns * w.set.wide_columns;
+    w.side_by_side(0, whole, whole);
+    if (whole == columns) return;
+    // What remains has at least 8 columns to read; what overlaps is computed
+    // twice.
+    const int64_t first = whole > 0 ? zyn_smaller(whole, columns - 8) : 0;
+    rest.base += first;
+    rest_output.data += first;
+    columns -= first;
+  }
+  by_eights(rest, columns, packed, block, rest_output);
+}
+
 void zyn_gemm_scattered(const zyn_gemm_rows& b, const zyn_gemm_vector* vectors, int64_t count,
-                        const float* packed, int64_t block, const zyn_gemm_output& output) {
-  const walk w = make_walk(b, packed, block, output);
-  const int64_t wide = w.set.wide_columns / 8;
+                        int64_t lanes, const float* packed, int64_t block,
+                        const zyn_gemm_output& output) {
+  const walk w = make_walk(b, lanes, packed, block, output);
+  const int64_t wide = w.set.wide_columns / lanes;
   int64_t i = 0;
   for (; i + wide <= count; i += wide) w.scattered(vectors + i);
-  for (; i < count; i++) w.narrow(vectors[i].from, vectors[i].to, 8);
+  for (; i < count; i++) w.narrow(vectors[i].from, vectors[i].to, lanes);
 }

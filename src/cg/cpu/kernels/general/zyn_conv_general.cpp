@@ -70,10 +70,11 @@ double line_cycles(int32_t blocks, int64_t pixels) {
   const int64_t most = zyn_general_most_pixels(blocks);
   const int64_t tiles = (pixels + most - 1) / most;
   const double each = static_cast<double>(pixels) / static_cast<double>(tiles);
-  const double sums = each * blocks;
+  const int32_t vectors = zyn_general_vectors(blocks);
+  const double sums = each * vectors;
   double cycles = sums / 2 + 0.35;
   if (cycles < 4.6) cycles = 4.6;
-  const double loads = (each + blocks) / 2.4;
+  const double loads = (each + vectors) / 2.4;
   return static_cast<double>(tiles) * ((cycles < loads ? loads : cycles) + 0.15);
 }
 

@@ -3,13 +3,11 @@
 // that none has few sums.
 #include "cg/cpu/kernels/general/zyn_general_tile.h"
 
-#include <immintrin.h>
-
-#include "simd/zyn_vectors.h"
+#include "simd/zyn_block_lanes.h"
 
 namespace {
 
-constexpr int64_t kLanes = 8;
+constexpr int64_t kLanes = 8;  // of a block
 
 // The places of a tile's pixels: one pointer for every four, and distances whose origin the
 // compiler does not see. Else it makes an offset for every pixel and channel, more than there
@@ -47,45 +45,54 @@ struct pixel_places {
 
 // sum += a * b in the form that adds to its own register: left to choose, the compiler
 // overwrites a or b, moves sums about and runs out of registers.
-[[gnu::always_inline]] inline void add_product(__m256& sum, __m256 a, __m256 b) {
-  __asm__("vfmadd231ps %2, %1, %0" : "+x"(sum) : "x"(a), "x"(b));
+template <typename Vector>
+[[gnu::always_inline]] inline void add_product(Vector& sum, Vector a, Vector b) {
+  __asm__("vfmadd231ps %2, %1, %0" : "+v"(sum) : "v"(a), "v"(b));
 }
 
 template <int Blocks, int Pixels>
 struct sums {
-  __m256 value[Blocks][Pixels];
+  static constexpr int kWidth = Blocks == 1 ? 8 : kZynVectorFloats;
+  static constexpr int kVectors = Blocks * 8 / kWidth;
+  using lanes = zyn_block_lanes<kWidth>;
+  using vector = typename lanes::type;
+  vector value[kVectors][Pixels];
+
+  // From one vector's first block to the next one's.
+  static int64_t apart(const zyn_general_lines& l) { return kWidth / kLanes * l.out_block; }
 
   void start(const zyn_general_lines& l, const float* out) {
-    ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
-      ZYN_UNROLL for (int i = 0; i < Pixels; i++) value[b][i] =
-          l.first ? _mm256_setzero_ps() : _mm256_loadu_ps(out + b * l.out_block + i * l.out_step);
+    ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) value[v][i] =
+          l.first ? lanes::zero()
+                  : zyn_load_blocks<kWidth>(out + v * apart(l) + i * l.out_step, l.out_block);
     }
   }
   // Whichever there are fewer of, weights or pixels, stay in registers.
   [[gnu::always_inline]] void add(const pixel_places<Pixels>& in, const float* weights) {
-    if constexpr (Blocks <= Pixels) {
-      __m256 weight[Blocks];
-      ZYN_UNROLL for (int b = 0; b < Blocks; b++) weight[b] = _mm256_loadu_ps(weights + b * kLanes);
+    if constexpr (kVectors <= Pixels) {
+      vector weight[kVectors];
+      ZYN_UNROLL for (int v = 0; v < kVectors; v++) weight[v] = lanes::load(weights + v * kWidth);
       ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
-        const __m256 pixel = _mm256_broadcast_ss(in.at(i));
-        ZYN_UNROLL for (int b = 0; b < Blocks; b++) add_product(value[b][i], pixel, weight[b]);
+        const vector pixel = lanes::spread(in.at(i));
+        ZYN_UNROLL for (int v = 0; v < kVectors; v++) add_product(value[v][i], pixel, weight[v]);
       }
     } else {
-      __m256 pixel[Pixels];
-      ZYN_UNROLL for (int i = 0; i < Pixels; i++) pixel[i] = _mm256_broadcast_ss(in.at(i));
-      ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
-        const __m256 weight = _mm256_loadu_ps(weights + b * kLanes);
-        ZYN_UNROLL for (int i = 0; i < Pixels; i++) add_product(value[b][i], pixel[i], weight);
+      vector pixel[Pixels];
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) pixel[i] = lanes::spread(in.at(i));
+      ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
+        const vector weight = lanes::load(weights + v * kWidth);
+        ZYN_UNROLL for (int i = 0; i < Pixels; i++) add_product(value[v][i], pixel[i], weight);
       }
     }
   }
   void finish(const zyn_general_lines& l, float* out) const {
-    const __m256 floor = _mm256_set1_ps(l.floor);
-    ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
-      const __m256 bias = _mm256_loadu_ps(l.bias + b * kLanes);
-      ZYN_UNROLL for (int i = 0; i < Pixels; i++) _mm256_storeu_ps(
-          out + b * l.out_block + i * l.out_step,
-          _mm256_max_ps(floor, _mm256_add_ps(value[b][i], bias)));  // NaN stays NaN
+    const vector floor = lanes::spread(&l.floor);
+    ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
+      const vector bias = lanes::load(l.bias + v * kWidth);
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) zyn_store_blocks<kWidth>(
+          out + v * apart(l) + i * l.out_step, l.out_block,
+          lanes::max(floor, lanes::add(value[v][i], bias)));  // NaN stays NaN
     }
   }
 };
@@ -171,7 +178,7 @@ void cover(const zyn_general_lines& l, int64_t count, int64_t most, Of tile_of) 
 void zyn_general_dense_lines(const zyn_general_lines& lines, int32_t blocks, int64_t count) {
   const auto tile_of = blocks == 1   ? dense_tile_of<1>
                        : blocks == 2 ? dense_tile_of<2>
-                       : blocks == 3 ? dense_tile_of<3>
+                       : blocks == 3 ? dense_tile_of < kZynVectorFloats == 8 ? 3 : 1 >
                        : blocks == 4 ? dense_tile_of<4>
                                      : dense_tile_of<8>;
   cover(lines, count, zyn_general_most_pixels(blocks), tile_of);

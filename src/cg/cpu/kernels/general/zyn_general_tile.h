@@ -4,6 +4,8 @@
 
 #include <stdint.h>
 
+#include "simd/zyn_vectors.h"
+
 // Lines of output pixels, and what their tiles need. Distances are in floats.
 struct zyn_general_lines {
   const float* in;      // first tap of the line's first pixel
@@ -21,16 +23,21 @@ struct zyn_general_lines {
   int64_t lines, in_line, out_line;  // how many, and how far apart
 };
 
-// The widest tile of a number of 8-lane blocks: 12 sums where possible, so that two
-// multiply-adds a cycle never wait for each other, and the weights or the pixels stay in the
-// registers that are left.
+// Vectors that a number of 8-lane blocks fills.
+constexpr int32_t zyn_general_vectors(int32_t blocks) {
+  return (blocks * 8 + kZynVectorFloats - 1) / kZynVectorFloats;
+}
+// The widest tile of a number of blocks: 12 sums where possible (24 of 512-bit vectors, which
+// bring twice the registers), so that two multiply-adds a cycle never wait for each other, and
+// the weights or the pixels stay in the registers that are left.
 constexpr int32_t zyn_general_most_pixels(int32_t blocks) {
-  return blocks == 1 ? 12 : blocks == 2 ? 6 : blocks == 3 ? 4 : blocks == 4 ? 3 : 1;
+  const int32_t sums = kZynVectorFloats == 8 ? 12 : 24, vectors = zyn_general_vectors(blocks);
+  return vectors > 4 ? 1 : sums / vectors < 12 ? sums / vectors : 12;
 }
 constexpr int32_t kZynGeneralMostBlocks = 8;
-// Blocks that tiles have: 1, 2, 3, 4 and 8.
+// Blocks that tiles have: 1, 2, 4 and 8, and 3 where these are whole vectors.
 constexpr int32_t zyn_general_blocks_within(int32_t blocks) {
-  return blocks >= 8 ? 8 : blocks > 4 ? 4 : blocks;
+  return blocks >= 8 ? 8 : blocks > 4 ? 4 : blocks == 3 && kZynVectorFloats > 8 ? 2 : blocks;
 }
 
 // Lines of count pixels of a dense layer's blocks of 8 output channels, in tiles of nearly equal

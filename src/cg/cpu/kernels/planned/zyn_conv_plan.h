@@ -41,7 +41,7 @@ struct zyn_conv_scratch {
   float* block;     // all of them
   float* strip;     // kinds 1 to 4: copied input rows with their border, at most those of
                     // 128 K floats or, if that is more, those under one output row
-  float* panel;     // kinds 1 to 4: an aligned copy of ZYN_GEMM_WIDE of the product's columns
+  float* panel;     // kinds 1 to 4: an aligned copy of ZYN_GEMM_PANEL of the product's columns
   float* products;  // flat strips: the products with their border, less than 4 outputs
   float* zeros;     // depthwise: a row of zeros, for rows outside of the image
   float* lanes;     // depthwise by 8 channels: 8 channels' weights, planes and sums
@@ -100,7 +100,8 @@ uint32_t zyn_conv_run_depthwise(float* output, const float* input, const zyn_con
 // at most 1 MB or 96 bytes per weight of one output channel, whichever is more.
 uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_plan* plan,
                               const zyn_conv_epilogue& epilogue);
-// Pointwise: asks for at most a row of the input, filled up to 24 pixels, per thread, of which
+// Pointwise: asks for at most a row of the input, filled up to ZYN_GEMM_PANEL pixels, per thread,
+// of which
 // 64 count.
 uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_conv_plan* plan,
                                 const zyn_conv_epilogue& epilogue);

@@ -152,8 +152,9 @@ uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_con
   zyn_gemm_rows b = {input, pixels, k, 1, nullptr, nullptr};
   const zyn_gemm_output out = {output, pixels, plan->output_channels, epilogue};
   // At steps of 16 bytes one vector in four straddles cache lines, which costs nothing; planes
-  // of one tile are read often enough to be copied even so.
-  const bool aligned = pixels % kVector == 0 || (pixels % 4 == 0 && pixels > ZYN_GEMM_WIDE);
+  // of one tile are read often enough to be copied even so. Of 512-bit vectors every one does.
+  const bool aligned = pixels % kZynVectorFloats == 0 ||
+                       (kZynVectorFloats == 8 && pixels % 4 == 0 && pixels > ZYN_GEMM_WIDE);
   if (aligned && reinterpret_cast<uintptr_t>(input) % 16 == 0 && !rows_collide(k, pixels)) {
     zyn_gemm_in_place(b, pixels, plan->weights, plan->channel_block, out);
     return 0;
@@ -161,7 +162,7 @@ uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_con
   // Columns are copied where vectors read in place would often straddle cache lines, where rows
   // share few cache sets, and where a plane has less than one vector. One slice of scratch
   // per thread.
-  const int64_t strip = zyn_larger(zyn_round_up(plan->output_w, width), ZYN_GEMM_WIDE);
+  const int64_t strip = zyn_larger(zyn_round_up(plan->output_w, width), ZYN_GEMM_PANEL);
   const int64_t slices = zyn_smaller(zyn_larger(plan->threads, 1), kMostSlices);
   zyn_scratch<float> scratch(slices * strip * k);
   if (!scratch) return 2;

@@ -108,16 +108,16 @@ void multiply_flat(const zyn_conv_plan* p, const zyn_gemm_rows& b, int64_t y, in
 // take the vectors that come next, be they of one row or of two.
 void multiply_rows(const zyn_conv_plan* p, const zyn_gemm_rows& b, int64_t y, int64_t rows,
                    float* output, const zyn_conv_epilogue& epilogue) {
-  const int64_t w = p->output_w;
+  const int64_t w = p->output_w, lanes = w < kZynVectorFloats ? kVector : kZynVectorFloats;
   const zyn_gemm_output out = {output + y * w, w * p->output_h, p->output_channels, epilogue};
   zyn_gemm_vector vectors[kVectorsAtOnce];
   int64_t count = 0;
   for (int64_t r = 0; r < rows; r++)
-    for (int64_t column = 0; column < w; column += kVector) {
-      const int64_t x = zyn_smaller(column, w - kVector);
+    for (int64_t column = 0; column < w; column += lanes) {
+      const int64_t x = zyn_smaller(column, w - lanes);
       vectors[count++] = {r * p->strip.pitch + x, r * w + x};
-      if (count < kVectorsAtOnce && (r < rows - 1 || column + kVector < w)) continue;
-      zyn_gemm_scattered(b, vectors, count, p->weights, p->channel_block, out);
+      if (count < kVectorsAtOnce && (r < rows - 1 || column + lanes < w)) continue;
+      zyn_gemm_scattered(b, vectors, count, lanes, p->weights, p->channel_block, out);
       count = 0;
     }
 }
@@ -146,7 +146,7 @@ zyn_conv_scratch_sizes zyn_conv_plan_dense(zyn_conv_plan* p) {
   s->channel_floats = (phases * s->phase_floats + 31) / 32 * 32 + 16;
   const int64_t products =
       s->flat ? p->output_channels * zyn_round_up(flat_columns(p, s->rows), kVector) : 0;
-  return {s->channel_floats * p->input_channels, ZYN_GEMM_WIDE * static_cast<int64_t>(p->k),
+  return {s->channel_floats * p->input_channels, ZYN_GEMM_PANEL * static_cast<int64_t>(p->k),
           products, 0, 0};
 }
 
