@@ -114,7 +114,7 @@ def layer(net, label, count, peers):
         rows_auto.append((kind, best / ours[1], work))
         if net in WHOLE and "subject-m2" in peers:
             planned(label, count, peers["subject-m2"], best, name)
-    blocked = [peers[n] for n in ("subject-m1", "subject-m4") if n in peers]
+    blocked = [peers[n] for n in ("subject-m1", "subject-m4", "subject-m5") if n in peers]
     if blocked and "onednn-free" in peers:
         ours = min(blocked, key=lambda v: v[1])
         free = peers["onednn-free"][1]

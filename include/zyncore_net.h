@@ -276,7 +276,8 @@ typedef struct zyn_net_options {
   int32_t fixed_point;  /* 1: 16-bit fixed point, by the file's fraction bits */
   int32_t keep_all;     /* 1: every node's output stays readable after a run; else only
                            those of named outputs, and the others share their memory */
-  int32_t reserved;     /* 0 */
+  int32_t exact;        /* 1: no convolution by Winograd's method, whose sums are others than
+                           those of methods 0 to 2, within 1e-4 of an output's range */
   int64_t memory_limit; /* most bytes that the outputs of all nodes may take together before
                            they share memory; 0: 2^31 */
 } zyn_net_options;
@@ -343,7 +344,7 @@ typedef struct zyn_net_node {
   int32_t dim_count;     /* of the output; 0: none */
   int32_t dims[5];
   int32_t method;     /* convolutions: 0, 1, 2, or 3 and 4: kernels of any shape that write
-                         channel blocks or planes; else -1 */
+                         channel blocks or planes; 5 and 6: Winograd's, alike; else -1 */
   int64_t parameters; /* floats of the constants that it reads */
   int64_t multiply_adds;
 } zyn_net_node;
@@ -421,7 +422,7 @@ ZYN_API int32_t zyn_net_writer_output(zyn_net_writer* writer, const zyn_net_port
 /* Fraction bits of a node's output; nodes that are not given any have 0. 0, 1 or 2. */
 ZYN_API int32_t zyn_net_writer_q(zyn_net_writer* writer, int32_t node, int32_t q);
 
-/* The convolution method of a node (0 to 4, see zyn_net_node). 0, 1 or 2. */
+/* The convolution method of a node (0 to 6, see zyn_net_node). 0, 1 or 2. */
 ZYN_API int32_t zyn_net_writer_method(zyn_net_writer* writer, int32_t node, int32_t method);
 
 /* A line of metadata. 0, 1 (null, an empty or repeated key) or 2. */

@@ -1,12 +1,14 @@
 // What no operator reaches of the convolution kernels: refusals of single kernels, the plan of
 // a layer, the parts of the epilogue by themselves, and the general multiply.
 #include <array>
+#include <numeric>
 
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi.h"
 #include "cg/cpu/kernels/gemm/zyn_gemm_pack.h"
 #include "cg/cpu/kernels/general/zyn_conv_general.h"
 #include "cg/cpu/kernels/planned/zyn_conv_plan.h"
+#include "cg/cpu/kernels/winograd/zyn_conv_winograd.h"
 #include "support/conv_case.h"
 #include "support/failing.h"
 
@@ -114,11 +116,24 @@ Array in_order(const Array& a, uint32_t layout) {
   return moved;
 }
 
-void check_general(const zyn_conv_param& p, int w, int h, Random& random) {
-  const int inputs = p.groups == 1 ? p.in_channels : 1;
-  const int taps = p.kernel_h * p.kernel_w * inputs * p.out_channels;
-  const Array in = integers(random, {w, h, p.in_channels}, 4);
-  const Array weights = integers(random, {taps}, 3), biases = integers(random, {p.out_channels}, 9);
+// Kernels that read and write either order of channels.
+struct General {
+  static constexpr auto prepare = zyn_conv_general_prepare;
+  static constexpr auto run = zyn_conv_general_run;
+  static constexpr auto release = zyn_conv_general_release;
+};
+struct Winograd {
+  static constexpr auto prepare = zyn_conv_winograd_prepare;
+  static constexpr auto run = zyn_conv_winograd_run;
+  static constexpr auto release = zyn_conv_winograd_release;
+};
+
+// error: of the range of the sums without bias and activation.
+template <typename Kernels>
+void check_inner(const zyn_conv_param& p, const Array& in, const Array& weights, Random& random,
+                 double error) {
+  const int w = in.dims[0], h = in.dims[1];
+  const Array biases = integers(random, {p.out_channels}, 9);
   const auto extent = [](int size, int k, int pad, int s, int d) {
     return (size + 2 * pad - (k - 1) * d - 1) / s + 1;
   };
@@ -134,12 +149,16 @@ void check_general(const zyn_conv_param& p, int w, int h, Random& random) {
     if (activation == ZYN_EPILOGUE_RELU) v = std::max(v, 0.0);
     if (activation == ZYN_EPILOGUE_HARD_SWISH) v *= std::min(std::max(v + 3, 0.0), 6.0) / 6;
   });
+  const auto sums = std::minmax_element(raw.v.begin(), raw.v.end());
+  double size = 1;
+  for (double v : expected.v) size = std::max(size, std::fabs(v));
+  const double bound = error * (*sums.second - *sums.first) / size + (activation == 2 ? 1e-3 : 0);
   const Block constant(weights), bias(biases);
   for (const bool planar : {false, true})
     for (const uint32_t layout : {ZYN_LAYOUT_PLANAR, ZYN_LAYOUT_BLOCKED}) {
       int64_t floats = 0;
-      zyn_conv_general* layer = zyn_conv_general_prepare(constant.floats.data(), &p, in.dims.data(),
-                                                         raw.dims.data(), planar, &floats);
+      auto* layer = Kernels::prepare(constant.floats.data(), &p, in.dims.data(), raw.dims.data(),
+                                     planar, &floats);
       ASSERT_NE(layer, nullptr);
       Block input(in_order(in, layout));
       input.tensor.layout = layout;
@@ -147,15 +166,22 @@ void check_general(const zyn_conv_param& p, int w, int h, Random& random) {
       const auto scratch =
           std::make_unique<PageEnd<float>>(static_cast<size_t>(floats + 7) / 8 * 8);
       std::fill(scratch->begin(), scratch->end(), NAN);
-      zyn_conv_general_run(layer, &out.tensor, &input.tensor,
-                           {biased ? bias.floats.data() : nullptr, activation}, scratch->data());
-      zyn_conv_general_release(&layer);
-      ASSERT_TRUE(agrees(Net::read(&out.tensor), expected, activation == 2 ? 1e-3 : 0))
+      Kernels::run(layer, &out.tensor, &input.tensor,
+                   {biased ? bias.floats.data() : nullptr, activation}, scratch->data());
+      Kernels::release(&layer);
+      ASSERT_TRUE(agrees(Net::read(&out.tensor), expected, bound))
           << w << "x" << h << " channels " << p.in_channels << ">" << p.out_channels << " kernel "
           << p.kernel_h << "x" << p.kernel_w << " stride " << p.stride_h << " pad " << p.pad_h
           << "," << p.pad_w << " dilation " << p.dilation_h << " groups " << p.groups << planar
           << layout;
     }
+}
+
+void check_general(const zyn_conv_param& p, int w, int h, Random& random) {
+  const int inputs = p.groups == 1 ? p.in_channels : 1;
+  const int taps = p.kernel_h * p.kernel_w * inputs * p.out_channels;
+  check_inner<General>(p, integers(random, {w, h, p.in_channels}, 4), integers(random, {taps}, 3),
+                       random, 0);
 }
 
 TEST(ConvKernels, GeneralOnesServeEveryShapeInBothOrders) {
@@ -201,6 +227,51 @@ TEST(ConvKernels, GeneralOnesServeEveryShapeInBothOrders) {
     p.dilation_h = p.pad_h > 1 ? 1 << 27 : 1;
     EXPECT_EQ(zyn_conv_general_prepare(&weight, &p, extents, extents, true, &floats), nullptr);
   }
+}
+
+// Ordinary values, and such as make sums cancel or be ruled by a few.
+Array skewed(Random& random, std::vector<int> dims, int kind) {
+  return map(Array(std::move(dims)), [&](double) {
+    const double x = static_cast<double>(random.real(-1, 1));
+    return static_cast<double>(static_cast<float>(kind == 0   ? x
+                                                  : kind == 1 ? std::max(x, 0.0)
+                                                  : kind == 2 ? std::copysign(std::exp(6 * x), x)
+                                                  : kind == 3 ? std::exp(4 * x)
+                                                              : 1 + 0.05 * x));
+  });
+}
+
+TEST(ConvKernels, WinogradStaysWithinItsErrorInEveryShapeAndOrder) {
+  Random random(3);
+  constexpr int kIn[] = {8, 16, 24, 40, 136, 512}, kOut[] = {8, 9, 12, 15, 16, 31, 40, 72};
+  for (int i = 0; i < soak(120, 5000); i++) {
+    const int in = kIn[random.integer(0, i % 6 ? 3 : 5)], out = kOut[random.integer(0, 7)];
+    zyn_conv_param p = conv_param(in, out, 3, 1, random.integer(0, 2));
+    p.pad_w = i % 3 ? p.pad_h : random.integer(0, 2);
+    const int w = random.integer(1, in > 40 ? 12 : i % 5 ? 20 : 70) + std::max(2 - 2 * p.pad_h, 0);
+    const int h = random.integer(1, in > 40 ? 9 : 14) + std::max(2 - 2 * p.pad_w, 0);
+    Array weights = skewed(random, {9 * in * out}, i % 4);
+    if (i % 7 == 0)  // kernels whose sum is 0
+      for (size_t k = 0; k < weights.v.size(); k += 9)
+        weights.v[k] = static_cast<float>(weights.v[k] -
+                                          std::accumulate(&weights.v[k], &weights.v[k] + 9, 0.0));
+    check_inner<Winograd>(p, skewed(random, {w, h, in}, random.integer(0, 4)), weights, random,
+                          1e-4);
+    if (HasFatalFailure()) return;
+  }
+  // Strips that are parts of a row of tiles, and ones of several rows.
+  for (const std::array<int, 4>& s : {std::array<int, 4>{256, 8, 90, 9}, {8, 40, 37, 150}})
+    check_inner<Winograd>(conv_param(s[0], s[1], 3, 1, 1), skewed(random, {s[2], s[3], s[0]}, 0),
+                          skewed(random, {9 * s[0] * s[1]}, 0), random, 1e-4);
+  // What others serve.
+  std::vector<zyn_conv_param> others = {conv_param(12, 8, 3, 1, 1), conv_param(8, 7, 3, 1, 1),
+                                        conv_param(8, 8, 3, 2, 1),  conv_param(8, 8, 3, 1, 3),
+                                        conv_param(8, 8, 5, 1, 2),  conv_param(8, 8, 3, 1, 1, 8),
+                                        conv_param(8, 8, 3, 1, 1)};
+  others.back().dilation_w = 2;
+  for (const zyn_conv_param& p : others) EXPECT_FALSE(zyn_conv_winograd_serves(&p, 9, 9));
+  others[0] = conv_param(8, 8, 3, 1, 0);
+  EXPECT_FALSE(zyn_conv_winograd_serves(&others[0], 2, 9));
 }
 
 TEST(ConvKernels, ThreadCountIsClamped) {

@@ -285,8 +285,73 @@ TEST(Network, EveryByteOfAFileMayBeAnything) {
   EXPECT_GT(loaded, 100);
 }
 
+namespace {
+
+// x {w, w, 16} > conv 3 x 3 to 20 channels > y, by a method or, below 0, any.
+Bytes winograd_file(int w, int method) {
+  Writer writer(zyn_net_writer_create());
+  const zyn_net_port in = port("x", {w, w, 16});
+  std::vector<float> words(20 * 16 * 9 + 20);
+  for (size_t i = 0; i < words.size(); i++) words[i] = static_cast<float>(i * 31 % 17) / 16 - 0.5f;
+  const int from[] = {zyn_net_writer_input(writer.get(), &in), add_constant(writer.get(), words)};
+  const zyn_conv_param conv = {16, 20, 3, 3, 1, 1, 1, 1, {0, 0}, 1, 1, 1, 1, {1}, 0};
+  const int y = zyn_net_writer_node(writer.get(), "conv", ZYN_OP_CONV_ACT, &conv, from, 2);
+  const zyn_net_port out = port("y", {}, y);
+  EXPECT_EQ(zyn_net_writer_output(writer.get(), &out), 0);
+  EXPECT_EQ(zyn_net_writer_method(writer.get(), y, method), method < 0 ? 1 : 0);
+  return bytes_of(writer.get());
+}
+
+// The values of y for one input; first: its first element.
+std::vector<float> values_of(zyn_net* net, float first) {
+  zyn_tensor* x = zyn_net_input(net, nullptr);
+  for (int64_t i = 0; i < x->count; i++)
+    static_cast<float*>(x->data)[i] = static_cast<float>(i * 37 % 101) / 100;
+  static_cast<float*>(x->data)[0] = first;
+  EXPECT_EQ(zyn_net_run(net), 0);
+  const zyn_tensor* y = zyn_net_output(net, nullptr);
+  const auto* values = static_cast<const float*>(y->data);
+  return std::vector<float>(values, values + y->count);
+}
+
+}  // namespace
+
+TEST(Network, WinogradIsTakenUnlessResultsShallBeExact) {
+  constexpr int kWidth = 30;
+  zyn_net_options exact = ZYN_NET_DEFAULTS;
+  exact.exact = 1;
+  exact.method = 0;
+  const Network plain = load(winograd_file(kWidth, -1), exact);
+  const std::vector<float> expected = values_of(plain.get(), 0.5f);
+  exact.method = ZYN_NET_AUTOMATIC;
+  for (int method : {-1, 5, 6}) {
+    SCOPED_TRACE(method);
+    const Bytes file = winograd_file(kWidth, method);
+    const Network fast = load(file), other = load(file, exact);
+    ASSERT_TRUE(fast && other) << zyn_error_detail();
+    const int taken = zyn_net_describe(fast.get())->nodes[2].method;
+    EXPECT_GE(taken, 5);
+    EXPECT_TRUE(method < 0 || taken == method) << taken;
+    EXPECT_LT(zyn_net_describe(other.get())->nodes[2].method, 5);
+    const std::vector<float> got = values_of(fast.get(), 0.5f), same = values_of(other.get(), 0.5f);
+    float range = 0, error = 0, direct = 0;
+    for (size_t i = 0; i < expected.size(); i++) {
+      range = std::max(range, expected[i]);
+      error = std::max(error, std::fabs(got[i] - expected[i]));
+      direct = std::max(direct, std::fabs(same[i] - expected[i]));
+    }
+    EXPECT_LE(error, 1e-4f * range);
+    EXPECT_LE(direct, 1e-6f * range);
+    // What is no number reaches the tiles that read it, and no other.
+    const std::vector<float> spoiled = values_of(fast.get(), NAN);
+    EXPECT_TRUE(std::isnan(spoiled[0]));
+    for (size_t i = 0; i < got.size(); i++)
+      ASSERT_TRUE(spoiled[i] == got[i] || (i % kWidth < 4 && i / kWidth % kWidth < 4)) << i;
+  }
+}
+
 TEST(Network, NothingIsLostWithoutMemory) {
-  const Bytes file = small_file();
+  const Bytes file = small_file(), winograd = winograd_file(6, 6);
   const auto attempt = [](auto work) {
     until_it_succeeds([&](int n, bool lasting) {
       Ledger::fail(n, lasting);
@@ -301,6 +366,10 @@ TEST(Network, NothingIsLostWithoutMemory) {
   attempt([&] {
     const Network net = load(file);
     return net && zyn_net_run(net.get()) == 0 && zyn_net_output(net.get(), "joined");
+  });
+  attempt([&] {
+    const Network net = load(winograd);
+    return net && zyn_net_run(net.get()) == 0 && zyn_net_output(net.get(), "y");
   });
   attempt([] {
     const Writer writer(zyn_net_writer_create());

@@ -28,19 +28,23 @@ inline bool ends_with(const std::string& text, const std::string& end) {
   return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-// auto, timed, 0, 1 and 2.
+// "auto" with the option exact.
+constexpr int32_t kExact = ZYN_NET_TIMED - 1;
+
+// exact, auto, timed, 0, 1 and 2.
 inline bool parse_method(const std::string& text, int32_t* method) {
-  const char* const names[] = {"timed", "auto", "0", "1", "2"};
-  for (int32_t i = 0; i < 5; i++)
+  const char* const names[] = {"exact", "timed", "auto", "0", "1", "2"};
+  for (int32_t i = 0; i < 6; i++)
     if (text == names[i]) {
-      *method = i + ZYN_NET_TIMED;
+      *method = i + kExact;
       return true;
     }
   return false;
 }
 
 inline std::string method_name(int32_t method) {
-  return method == ZYN_NET_TIMED       ? "timed"
+  return method == kExact              ? "exact"
+         : method == ZYN_NET_TIMED     ? "timed"
          : method == ZYN_NET_AUTOMATIC ? "auto"
                                        : std::to_string(method);
 }
@@ -48,7 +52,8 @@ inline std::string method_name(int32_t method) {
 // Null: zyn_error_detail tells why.
 inline Net load(const std::string& path, int32_t method, bool fixed, bool keep_all) {
   zyn_net_options options = ZYN_NET_DEFAULTS;
-  options.method = method;
+  options.method = method == kExact ? ZYN_NET_AUTOMATIC : method;
+  options.exact = method == kExact ? 1 : 0;
   options.fixed_point = fixed ? 1 : 0;
   options.keep_all = keep_all ? 1 : 0;
   return Net(zyn_net_load(path.c_str(), &options));

@@ -42,9 +42,10 @@ constexpr char kHelp[] =
     "--json prints one JSON object instead of the table.\n"
     "\n"
     "Of a network file (.zyn) the whole network is timed, by default with --methods auto,2,1,0;\n"
-    "auto is the file's own choice or that of the table of costs, timed the fastest of some runs\n"
-    "while loading. --store writes the file anew with the methods of the fastest: automatic\n"
-    "loading takes them from then on. In JSON the methods auto and timed are -1 and -2.\n";
+    "auto is the file's own choice or that of the table of costs, exact the same without\n"
+    "Winograd's method, timed the fastest of some runs while loading. --store writes the file\n"
+    "anew with the methods of the fastest: automatic loading takes them from then on. In JSON\n"
+    "auto, timed and exact are -1, -2, -3.\n";
 
 struct Options {
   std::string layers, network, store;  // files; neither layers nor network: ssd320

@@ -15,8 +15,9 @@ constexpr char kHelp[] =
     "the loaded network takes, and what the file says of its origin. Extents stand as in dims:\n"
     "width, height, channels.\n"
     "\n"
-    "--method auto (the file's choice, else the table of costs), timed, 0, 1 or 2; --fixed loads\n"
-    "for the fixed-point backend and shows fraction bits. --json prints one JSON object.\n";
+    "--method auto (the file's choice, else the table of costs), exact (auto without Winograd's\n"
+    "method), timed, 0, 1 or 2; --fixed loads for the fixed-point backend and shows fraction bits.\n"
+    "--json prints one JSON object.\n";
 
 // As python/zyncore/netfile.py names them.
 const char* const kOrders[] = {"none", "bgr", "rgb", "grey"};

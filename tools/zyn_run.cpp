@@ -24,8 +24,8 @@ constexpr char kHelp[] =
     "axes; --node NODE (a name or an id) one node more, --keep-all every node; a node that an\n"
     "in-place activation reads has that one's values. Without --out each output's extremes are\n"
     "printed. --runs N runs N times more and prints the first run's time and the fastest and the\n"
-    "median of the others. --method auto (the file's choice, else the table of costs), timed, 0,\n"
-    "1 or 2; --fixed computes in 16-bit fixed point.\n";
+    "median of the others. --method auto (the file's choice, else the table of costs), exact\n"
+    "(auto without Winograd's method), timed, 0, 1 or 2; --fixed computes in 16-bit fixed point.\n";
 
 bool failed(const std::string& complaint) {
   fprintf(stderr, "zyn-run: %s\n", complaint.c_str());

@@ -18,9 +18,9 @@ namespace {
 using peers::Buffer;
 using peers::Layer;
 
-// In place of a method, as a network file: it chooses by layer; its kernels of any shape, channel
-// blocks in and out.
-constexpr int kAutomatic = -1, kAnyShape = 4;
+// In place of a method, as a network file: it chooses by layer; its kernels of any shape, or
+// Winograd's, channel blocks in and out.
+constexpr int kAutomatic = -1, kAnyShape = 4, kWinograd = 5;
 
 // The layers as a network file; outputs are the last layer and all others that none reads.
 std::shared_ptr<FileNetwork> file_network(const std::vector<Layer>& layers, int method,
@@ -38,16 +38,17 @@ std::shared_ptr<FileNetwork> file_network(const std::vector<Layer>& layers, int 
         from < 0 ? inputs[static_cast<size_t>(-1 - from)] : ids[static_cast<size_t>(from)],
         zyn_net_writer_constant(net->writer(), "", node.constant)};
     ids.push_back(zyn_net_writer_node(net->writer(), "", node.type, &node.param, reads, 2));
-    if (method == kAnyShape) zyn_net_writer_method(net->writer(), ids.back(), 3);
+    if (method != kAutomatic)
+      zyn_net_writer_method(net->writer(), ids.back(), method == kAnyShape ? 3 : 5);
   }
   for (size_t i = layers.size(); i-- > 0;)
     if (!read[i]) net->output(ids[i]);
-  if (method == kAnyShape) net->stay_in_blocks();
+  if (method != kAutomatic) net->stay_in_blocks();
   return net->load() ? net : nullptr;
 }
 
 Job network_job(const std::vector<Layer>& layers, int method_number, bool scaled) {
-  if (method_number == kAutomatic || method_number == kAnyShape) {
+  if (method_number == kAutomatic || method_number >= kAnyShape) {
     const auto network = file_network(layers, method_number, scaled);
     if (!network) return {};
     return {[=] { network->run(); }, [=](size_t i) { return network->element(i); }};

@@ -62,7 +62,7 @@ CheckReport = _record("CheckReport", ("errors", c_int32), ("warnings", c_int32),
                       ("findings", POINTER(CheckFinding)))
 
 NetOptions = _record("NetOptions", ("method", c_int32), ("fixed_point", c_int32),
-                     ("keep_all", c_int32), ("reserved", c_int32), ("memory_limit", c_int64))
+                     ("keep_all", c_int32), ("exact", c_int32), ("memory_limit", c_int64))
 NetPort = _record(
     "NetPort", ("name", c_char_p), ("node", c_int32), ("dim_count", c_int32),
     ("dims", c_int32 * 5), ("leading", c_int32), ("channel_order", c_int32), ("resize", c_int32),

@@ -46,7 +46,7 @@ class Node:
     type: int               # a number of Operator
     operation: str          # its name
     shape: tuple[int, ...]  # of its output without leading axes; () where there is none
-    method: int | None      # convolutions: 0, 1 or 2
+    method: int | None      # convolutions: 0 to 6
     parameters: int         # floats of the constants that it reads
     multiply_adds: int
 
@@ -68,6 +68,7 @@ class Net:
         "timed": the fastest on this machine; 0, 1, 2: that method wherever it can.
     fixed_point: 16-bit fixed point, by the file's fraction bits.
     keep_all: every node's output can be read after a run (`node`), for more memory.
+    exact: no convolution by Winograd's method, whose sums differ from those of methods 0 to 2.
 
     Failures raise `zyncore.Error`. One network serves one thread at a time: runs of several
     threads wait for each other. Several networks run beside each other. The memory is freed
@@ -76,10 +77,11 @@ class Net:
     """
 
     def __init__(self, file: str | os.PathLike[str] | bytes, *, method: str | int = "automatic",
-                 fixed_point: bool = False, keep_all: bool = False) -> None:
+                 fixed_point: bool = False, keep_all: bool = False,
+                 exact: bool = False) -> None:
         if method not in METHODS:
             raise ValueError(f"method {method!r}: one of {list(METHODS)} is expected")
-        options = NetOptions(METHODS[method], int(fixed_point), int(keep_all), 0, 0)
+        options = NetOptions(METHODS[method], int(fixed_point), int(keep_all), int(exact), 0)
         if isinstance(file, (bytes, bytearray, memoryview)):
             data = bytes(file)
             pointer = _native.zyn_net_load_memory(data, len(data), options)

@@ -123,7 +123,7 @@ class Writer:
         self._q[node] = bits
 
     def method(self, node: int, method: int) -> None:
-        """How a convolution computes: 0 to 4."""
+        """How a convolution computes: 0 to 6."""
         self._methods[node] = method
 
     def metadata(self, key: str, value: str) -> None:

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "cg/cpu/check/zyn_check.h"
+#include "cg/cpu/kernels/winograd/zyn_conv_winograd.h"
 #include "cg/cpu/ops/zyn_cg_function.h"
 #include "cg/cpu/ops/zyn_cg_join.h"
 #include "cg/cpu/zyn_cg_records.h"
@@ -15,7 +16,7 @@ namespace {
 // Above so many nodes every convolution is chosen by itself: the search looks at each change
 // with the whole network.
 constexpr int32_t kMostSearched = 512;
-constexpr int32_t kMethods = ZYN_METHOD_GENERAL_PLANAR + 1;
+constexpr auto kMethods = static_cast<int32_t>(kZynMethods);
 constexpr bool kOrders[] = {false, true};  // of channels: planar, blocked
 constexpr double kWorthIt = 0.999;         // a change that saves less is noise
 
@@ -29,6 +30,8 @@ struct layer {
   int32_t kernel, stride;
   double taps, seen;  // of the kernel; those inside the input, a mean over the rows of outputs
   double in_channels, out_channels, pixels_in, pixels_out, rows_out;
+  int32_t tile;     // of Winograd's kernels
+  double products;  // of these by channel: frequencies of all tiles
 
   double weights() const { return taps * in_channels * out_channels; }
   double moved() const { return pixels_in * in_channels + pixels_out * out_channels; }
@@ -136,6 +139,16 @@ double general_cost(const layer& l, bool blocked_input, bool blocked_output) {
          3.8e-5 * l.seen * l.in_channels * outputs + 6e-4 * outputs + 0.15;
 }
 
+// Methods 5 and 6: the input's transform, products, the output's transform, and weights, which
+// come from afar where they are many.
+double winograd_cost(const layer& l, bool blocked_output) {
+  const double outputs = rounded_up(l.out_channels, 8), pairs = l.in_channels * outputs;
+  const double frequencies = (l.tile + 2) * (l.tile + 2), afar = pairs - 65536;
+  return 6.5e-4 * l.pixels_in * l.in_channels + 2.3e-5 * l.products * pairs +
+         1.2e-4 * l.products * outputs + (blocked_output ? 0 : 1.9e-4) * l.pixels_out * outputs +
+         frequencies * (1e-5 * pairs + 8e-5 * (afar > 0 ? afar : 0)) + 0.3;
+}
+
 // Bringing a tensor from one order of channels to the other.
 double conversion_cost(const zyn_check_shape& shape) {
   return 3e-4 * static_cast<double>(shape.count()) + 0.1;
@@ -157,9 +170,26 @@ bool keeps_order(int32_t type, const void* param) {
          type == ZYN_OP_MISH || type == ZYN_OP_BATCH_NORM || type == ZYN_OP_BATCH_NORM_FAST;
 }
 
+// A method, or where it refuses the layer one that does not.
+int32_t method_or_another(uint32_t wanted, int32_t type, const zyn_conv_param& param,
+                          const zyn_check_shape& input) {
+  // The general kernels write the same two orders.
+  if (zyn_cg_is_winograd(wanted) && !zyn_check_method_computes(wanted, type, param, input))
+    wanted -= ZYN_METHOD_WINOGRAD - ZYN_METHOD_GENERAL;
+  return zyn_check_method_computes(wanted, type, param, input) ? static_cast<int32_t>(wanted)
+         : zyn_check_method_computes(2, type, param, input)    ? 2
+                                                               : 0;
+}
+
+// The methods that a network may use.
+int32_t usable_methods(const zyn_net* net) {
+  return net->options.exact == 1 ? static_cast<int32_t>(ZYN_METHOD_WINOGRAD) : kMethods;
+}
+
 class chooser {
  public:
-  chooser(zyn_net* net, const zyn_checker& checker) : net_(net), checker_(checker) {}
+  chooser(zyn_net* net, const zyn_checker& checker)
+      : net_(net), checker_(checker), methods_(usable_methods(net)) {}
 
   bool run() {
     const int32_t count = net_->description.node_count;
@@ -170,7 +200,7 @@ class chooser {
     if (!kept_.reserve(count) || !best_.reserve(count) || !fill_tables() || !find_steps())
       return false;
     double best = -1;
-    for (int32_t method = 0; method < kMethods; method++) {
+    for (int32_t method = 0; method < methods_; method++) {
       for (int64_t i = 0; i < convolutions_.count(); i++) set(convolutions_[i], method);
       double cost = total();
       if (count <= kMostSearched) cost = search(cost);
@@ -201,14 +231,13 @@ class chooser {
     const zyn_conv_param& p = record(id);
     const zyn_check_shape& in = input_of(id);
     const int32_t type = net_->nodes[id].type;
-    if (zyn_check_method_computes(static_cast<uint32_t>(wanted), type, p, in)) return wanted;
-    return zyn_check_method_computes(2, type, p, in) ? 2 : 0;
+    return method_or_another(static_cast<uint32_t>(wanted), type, p, in);
   }
 
   // What the search asks for again and again.
   bool fill_tables() {
     for (int32_t id = 0; id < net_->description.node_count; id++)
-      for (int32_t method = 0; method < kMethods; method++) {
+      for (int32_t method = 0; method < methods_; method++) {
         const bool is_conv = net_->methods[id] >= 0;
         const int32_t taken = is_conv ? method_for(id, method) : -1;
         if (!taken_.push(taken)) return false;
@@ -217,9 +246,9 @@ class chooser {
       }
     return true;
   }
-  void set(int32_t id, int32_t method) { net_->methods[id] = taken_[id * kMethods + method]; }
+  void set(int32_t id, int32_t method) { net_->methods[id] = taken_[id * methods_ + method]; }
   double node_cost(int32_t id, bool blocked_input) const {
-    return costs_[(id * kMethods + net_->methods[id]) * 2 + (blocked_input ? 1 : 0)];
+    return costs_[(id * methods_ + net_->methods[id]) * 2 + (blocked_input ? 1 : 0)];
   }
 
   double cost_of(int32_t id, int32_t method, bool blocked_input) const {
@@ -227,6 +256,10 @@ class chooser {
     const zyn_check_shape &in = input_of(id), &out = checker_.shape(id);
     const double pixels_in = static_cast<double>(in.extent(0)) * static_cast<double>(in.extent(1));
     const double rows = static_cast<double>(out.extent(1));
+    const auto width = static_cast<int32_t>(out.extent(0));
+    const int32_t tile = zyn_conv_winograd_tile(&p, width, static_cast<int32_t>(out.extent(1)));
+    const double products = rounded_up(width, tile) * rounded_up(rows, tile) / (tile * tile) *
+                            zyn_winograd_frequencies(tile);
     const bool own = p.kernel_h == p.kernel_w && (p.kernel_h == 3 || p.kernel_h == 5) &&
                      p.stride_h == p.stride_w && p.stride_h <= 2;
     const bool direct = own && p.dilation_h == 1 && p.dilation_w == 1 && p.pad_h < p.kernel_h &&
@@ -243,11 +276,15 @@ class chooser {
                      static_cast<double>(p.out_channels),
                      pixels_in,
                      static_cast<double>(out.extent(0)) * rows,
-                     rows};
+                     rows,
+                     tile,
+                     products};
     return method == 0   ? planar_cost(l)
            : method == 1 ? blocked_cost(l)
            : method == 2 ? planned_cost(l)
-                         : general_cost(l, blocked_input, method == ZYN_METHOD_GENERAL);
+           : zyn_cg_is_winograd(static_cast<uint32_t>(method))
+               ? winograd_cost(l, method == ZYN_METHOD_WINOGRAD)
+               : general_cost(l, blocked_input, method == ZYN_METHOD_GENERAL);
   }
 
   // What total() has to know of the nodes in their order, and of what they read.
@@ -291,9 +328,10 @@ class chooser {
     for (int64_t k = 0; k < steps_.count(); k++) {
       const step& s = steps_[k];
       const int32_t method = net_->methods[s.id];
-      const bool any_order = method == ZYN_METHOD_GENERAL || method == ZYN_METHOD_GENERAL_PLANAR;
+      const bool any_order = method >= static_cast<int32_t>(ZYN_METHOD_GENERAL);
       const bool wants_blocked = s.is_conv ? method == 1 : s.keeps && blocked_[s.first];
-      const bool writes_blocked = method == ZYN_METHOD_GENERAL || wants_blocked;
+      const bool writes_blocked =
+          method == ZYN_METHOD_GENERAL || method == ZYN_METHOD_WINOGRAD || wants_blocked;
       bool reads_blocked = wants_blocked;
       for (int64_t i = s.reads; i < s.reads + s.read_count; i++) {
         const bool is_blocked = blocked_[reads_[i].from] != 0;
@@ -318,7 +356,7 @@ class chooser {
       changed = false;
       for (int64_t length = 1; length <= convolutions_.count(); length *= 2)
         for (int64_t first = 0; first + length <= convolutions_.count(); first++)
-          for (int32_t method = 0; method < kMethods; method++) {
+          for (int32_t method = 0; method < methods_; method++) {
             const double tried = try_run(first, length, method, cost);
             if (tried < kWorthIt * cost) {
               cost = tried;
@@ -347,6 +385,7 @@ class chooser {
 
   zyn_net* net_;
   const zyn_checker& checker_;
+  const int32_t methods_;           // that may be used
   zyn_list<int32_t> convolutions_;  // ids
   zyn_list<uint8_t> blocked_;       // by id: whether the output is in blocked order
   zyn_list<step> steps_;
@@ -361,9 +400,11 @@ bool take(zyn_net* net, const zyn_checker& checker, bool from_file) {
   for (int32_t id = 0; id < net->description.node_count; id++) {
     if (net->methods[id] < 0) continue;
     const uint32_t listed = net->file.method(id);
-    const uint32_t wanted = !from_file               ? static_cast<uint32_t>(net->options.method)
-                            : listed == kZynFileNone ? 2
-                                                     : listed;
+    uint32_t wanted = !from_file               ? static_cast<uint32_t>(net->options.method)
+                      : listed == kZynFileNone ? 2
+                                               : listed;
+    if (static_cast<int32_t>(wanted) >= usable_methods(net))
+      wanted -= ZYN_METHOD_WINOGRAD - ZYN_METHOD_GENERAL;
     const auto* param = static_cast<const zyn_conv_param*>(net->graph->bindings[id].param);
     const zyn_darray* reads = zyn_cg_inputs(net->graph, id);
     zyn_check_shape input = {};
@@ -371,10 +412,7 @@ bool take(zyn_net* net, const zyn_checker& checker, bool from_file) {
       if (!checker.is_constant(zyn_darray_ids(reads)[i]))
         input = checker.shape(zyn_darray_ids(reads)[i]);
     const int32_t type = net->nodes[id].type;
-    net->methods[id] = zyn_check_method_computes(wanted, type, *param, input)
-                           ? static_cast<int32_t>(wanted)
-                       : zyn_check_method_computes(2, type, *param, input) ? 2
-                                                                           : 0;
+    net->methods[id] = method_or_another(wanted, type, *param, input);
   }
   return true;
 }

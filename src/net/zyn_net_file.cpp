@@ -340,7 +340,7 @@ int32_t zyn_net_file::check_ports() const {
                           static_cast<long long>(k), static_cast<long long>(i));
   }
   for (int64_t i = 0; i < count(ZYN_FILE_METHODS); i++)
-    if (method(i) > ZYN_METHOD_GENERAL_PLANAR && method(i) != kZynFileNone)
+    if (method(i) >= kZynMethods && method(i) != kZynFileNone)
       return zyn_refuse(kRefused, "node %lld: there is no method %u", static_cast<long long>(i),
                         method(i));
   return ZYN_RET_OK;

@@ -23,7 +23,7 @@ struct zyn_net {
   zyn_net_port* ports;    // inputs, then outputs
   zyn_net_node* nodes;    // by id
   const char** metadata;  // keys, then values
-  int32_t* methods;       // by id: of convolutions 0 to 4; else -1
+  int32_t* methods;       // by id: of convolutions 0 to 6; else -1
   zyn_net_options options;
   zyn_net_description description;
 };

@@ -199,7 +199,8 @@ int32_t zyn_net_share_memory(zyn_net* net) { return planner(net).run(); }
 
 int32_t zyn_net_memory(const zyn_net* net, zyn_net_memory_use* use) {
   if (!net || !use) return zyn_refuse(ZYN_RET_ERR_PARA, "the network or the record is null");
-  *use = {0, zyn_block_bytes(net->block), 0, net->bytes_kept};
+  *use = {0, zyn_block_bytes(net->block), zyn_block_bytes(net->graph->scratch.block),
+          net->bytes_kept};
   for (int32_t id = 0; id < net->description.node_count; id++) {
     int64_t weights = 0, scratch = 0;
     if (zyn_cg_conv_memory(net->graph, id, &weights, &scratch)) {

@@ -349,8 +349,7 @@ int32_t zyn_net_writer_q(zyn_net_writer* writer, int32_t node, int32_t q) {
 }
 
 int32_t zyn_net_writer_method(zyn_net_writer* writer, int32_t node, int32_t method) {
-  if (!is_node(writer, node) || method < 0 ||
-      method > static_cast<int32_t>(ZYN_METHOD_GENERAL_PLANAR))
+  if (!is_node(writer, node) || method < 0 || method >= static_cast<int32_t>(kZynMethods))
     return zyn_refuse(ZYN_RET_ERR_PARA, "node %d or method %d is not there", node, method);
   writer->methods[node] = static_cast<uint32_t>(method);
   writer->has_methods = true;

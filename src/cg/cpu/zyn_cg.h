@@ -58,9 +58,17 @@ bool zyn_cg_reserve_scratch(zyn_cg_shared_scratch* scratch, int64_t floats);
 
 // Methods of convolutions beside 0 to 2, for networks that choose layer by layer.
 enum zyn_cg_inner_method : uint32_t {
-  ZYN_METHOD_GENERAL = 3,        // kernels/general, output in channel blocks
-  ZYN_METHOD_GENERAL_PLANAR = 4  // the same, planar output
+  ZYN_METHOD_GENERAL = 3,         // kernels/general, output in channel blocks
+  ZYN_METHOD_GENERAL_PLANAR = 4,  // the same, planar output
+  ZYN_METHOD_WINOGRAD = 5,        // kernels/winograd, output in channel blocks
+  ZYN_METHOD_WINOGRAD_PLANAR = 6  // the same, planar output
 };
+inline constexpr uint32_t kZynMethods = ZYN_METHOD_WINOGRAD_PLANAR + 1;
+
+// Whether a method is Winograd's: its sums are others than those of methods 0 to 4.
+inline bool zyn_cg_is_winograd(uint32_t method) {
+  return method == ZYN_METHOD_WINOGRAD || method == ZYN_METHOD_WINOGRAD_PLANAR;
+}
 
 struct zyn_cg_handle {
   int32_t max_nodes;

@@ -3,6 +3,7 @@
 #include "cg/cpu/check/zyn_check.h"
 #include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
 #include "cg/cpu/kernels/general/zyn_conv_general.h"
+#include "cg/cpu/kernels/winograd/zyn_conv_winograd.h"
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 
 namespace {
@@ -239,12 +240,13 @@ void check_fraction_bits(zyn_checker* check, const zyn_check_node& node) {
 bool zyn_check_method_computes(uint32_t method, int32_t type, const zyn_conv_param& param,
                                const zyn_check_shape& input) {
   if (method == 1) return blocked_computes(type, param);
-  if (method == ZYN_METHOD_GENERAL || method == ZYN_METHOD_GENERAL_PLANAR) {
+  if (method >= ZYN_METHOD_GENERAL) {
+    const bool winograd = zyn_cg_is_winograd(method);
+    const auto serves = winograd ? zyn_conv_winograd_serves : zyn_conv_general_serves;
     // Type 13 pads both axes alike and counts no dilation.
     const bool odd = type == ZYN_OP_CONV_BN &&
                      (param.pad_h != param.pad_w || param.dilation_h > 1 || param.dilation_w > 1);
-    return !odd &&
-           zyn_conv_general_serves(&param, input.dims[0], static_cast<int32_t>(input.extent(1)));
+    return !odd && serves(&param, input.dims[0], static_cast<int32_t>(input.extent(1)));
   }
   return method == 0 || (has_equal_pairs(param) && reaches(param, input) &&
                          (param.groups == 1 || is_usual_depthwise(param)));

@@ -79,18 +79,20 @@ uint32_t run_method1(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue
                      : zyn_cg_dwconv3x3(output, input, state->blocked, &p, &epilogue);
 }
 
-bool is_general(uint32_t method) {
-  return method == ZYN_METHOD_GENERAL || method == ZYN_METHOD_GENERAL_PLANAR;
-}
+bool is_inner(uint32_t method) { return method >= ZYN_METHOD_GENERAL; }
 
-uint32_t run_general(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) {
-  if (!state->general) return ZYN_RET_ERR_PARA;
+// Methods 3 to 6: kernels that read either order.
+uint32_t run_inner(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) {
+  if (!state->general && !state->winograd) return ZYN_RET_ERR_PARA;
   const zyn_tensor* input = state->input;
   if (zyn_cg_order(input) != ZYN_LAYOUT_BLOCKED) {
     input = zyn_cg_planar(input, &state->planar);
     if (!input) return ZYN_RET_ERR_MEMORY;
   }
-  zyn_conv_general_run(state->general, state->output, input, epilogue, state->scratch->block);
+  if (state->general)
+    zyn_conv_general_run(state->general, state->output, input, epilogue, state->scratch->block);
+  else
+    zyn_conv_winograd_run(state->winograd, state->output, input, epilogue, state->scratch->block);
   return ZYN_RET_OK;
 }
 
@@ -108,10 +110,27 @@ void release_workspace(zyn_cg_conv_state* state) {
   if (state->blocked) zyn_cg_conv_release_direct(&state->blocked);
   if (state->plan) zyn_cg_conv_release_planned(&state->plan);
   zyn_conv_general_release(&state->general);
+  zyn_conv_winograd_release(&state->winograd);
   zyn_cg_drop(&state->folded);
   zyn_cg_drop(&state->biases);
   zyn_fpi_drop_plan(&state->fixed);
   zyn_cg_drop(&state->quantized);
+}
+
+// Makes the layer of methods 3 to 6; it stays null without memory.
+void make_inner(zyn_cg_conv_state* state) {
+  int64_t scratch = 0;
+  const float* weights = zyn_cg_floats(state->weights);
+  const int32_t *in = state->input->dims, *out = state->output->dims;
+  if (zyn_cg_is_winograd(state->method))
+    state->winograd = zyn_conv_winograd_prepare(
+        weights, &state->param, in, out, state->method == ZYN_METHOD_WINOGRAD_PLANAR, &scratch);
+  else
+    state->general = zyn_conv_general_prepare(weights, &state->param, in, out,
+                                              state->method == ZYN_METHOD_GENERAL_PLANAR, &scratch);
+  if (zyn_cg_reserve_scratch(state->scratch, scratch)) return;
+  zyn_conv_general_release(&state->general);
+  zyn_conv_winograd_release(&state->winograd);
 }
 
 // Makes the workspace of the node's method; 2 when it cannot be made.
@@ -122,15 +141,9 @@ int32_t make_workspace(zyn_cg_conv_state* state) {
   if (state->method == 2)
     state->plan = zyn_cg_conv_prepare_planned(state->input, state->weights, &state->param,
                                               &state->thread_count);
-  if (is_general(state->method)) {
-    int64_t scratch = 0;
-    state->general = zyn_conv_general_prepare(zyn_cg_floats(state->weights), &state->param,
-                                              state->input->dims, state->output->dims,
-                                              state->method == ZYN_METHOD_GENERAL_PLANAR, &scratch);
-    if (state->general && !zyn_cg_reserve_scratch(state->scratch, scratch))
-      zyn_conv_general_release(&state->general);
-  }
-  const bool made = state->method == 0 || state->blocked || state->plan || state->general;
+  if (is_inner(state->method)) make_inner(state);
+  const bool made =
+      state->method == 0 || state->blocked || state->plan || state->general || state->winograd;
   return made ? ZYN_RET_OK : ZYN_RET_ERR_MEMORY;
 }
 
@@ -254,8 +267,8 @@ int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilo
     code = run_method0(state, epilogue);
   else if (state->method == 1)
     code = run_method1(state, epilogue, keep_standard);
-  else if (is_general(state->method))
-    code = run_general(state, epilogue);
+  else if (is_inner(state->method))
+    code = run_inner(state, epilogue);
   else
     code = run_method2(state, epilogue);
   return static_cast<int32_t>(code);
@@ -269,7 +282,7 @@ bool zyn_cg_conv_memory(zyn_cg_handle* graph, int32_t node, int64_t* weights, in
              zyn_block_bytes(state->fixed.packed);
   *scratch = bytes_of(state->planar);
   if (state->blocked) *weights += bytes_of(state->blocked->packed);
-  *weights += zyn_conv_general_bytes(state->general);
+  *weights += zyn_conv_general_bytes(state->general) + zyn_conv_winograd_bytes(state->winograd);
   if (state->plan) {
     *weights += zyn_block_bytes(state->plan->weights);
     *scratch += zyn_block_bytes(state->plan->scratch.block);

@@ -5,6 +5,7 @@
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi.h"
 #include "cg/cpu/kernels/general/zyn_conv_general.h"
+#include "cg/cpu/kernels/winograd/zyn_conv_winograd.h"
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "cg/cpu/kernels/zyn_conv_epilogue.h"
 #include "cg/cpu/zyn_cg_support.h"
@@ -24,6 +25,7 @@ struct zyn_cg_conv_state : zyn_cg_io_state {
   zyn_conv_blocked_weights* blocked;  // method 1
   zyn_conv_plan* plan;                // method 2
   zyn_conv_general* general;          // methods 3 and 4
+  zyn_conv_winograd* winograd;        // methods 5 and 6
   zyn_cg_shared_scratch* scratch;     // the graph's
   zyn_tensor* quantized;              // fixed point: weights and biases with weight_q fraction bits
   zyn_fpi_plan fixed;                 // fixed point: the kernel, whatever the method
