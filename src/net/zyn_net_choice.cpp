@@ -25,6 +25,8 @@ struct layer {
   bool depthwise;
   bool usual;  // kernel 3 or 5 with padding kernel / 2, stride 1 or 2, no dilation: methods 0 and 2
                // have kernels for these
+  bool direct;  // kernel 3 or 5 with any padding below it, stride 1 or 2, no dilation: method 0 has
+                // kernels for depthwise ones
   int32_t kernel, stride;
   double taps, seen;  // of the kernel; those inside the input, a mean over the rows of outputs
   double in_channels, out_channels, pixels_in, pixels_out, rows_out;
@@ -69,7 +71,7 @@ double taps_inside(int64_t kernel, int64_t stride, int64_t pad, int64_t dilation
 
 double planar_depthwise(const layer& l) {
   const double work = l.taps * l.pixels_out * l.in_channels, rows = l.in_channels * l.rows_out;
-  if (!l.usual) return 9.7e-5 * work + (l.stride == 1 ? 0.028 : 0.053) * rows + 0.28;
+  if (!l.direct) return 9.7e-5 * work + (l.stride == 1 ? 0.028 : 0.053) * rows + 0.28;
   return l.stride == 1
              ? 3.2e-5 * work + 3.6e-4 * l.taps * rows + 8e-3 * l.in_channels + 0.07
              : 5.8e-5 * work + (1.3e-3 + 3.8e-4 * l.taps) * rows + 1e-2 * l.in_channels + 0.02;
@@ -260,9 +262,11 @@ class chooser {
                             zyn_winograd_frequencies(tile);
     const bool own = p.kernel_h == p.kernel_w && (p.kernel_h == 3 || p.kernel_h == 5) &&
                      p.stride_h == p.stride_w && p.stride_h <= 2;
+    const bool direct = own && p.dilation_h == 1 && p.dilation_w == 1 && p.pad_h < p.kernel_h &&
+                        p.pad_w < p.kernel_h;
     const layer l = {p.groups != 1,
-                     own && p.pad_h == p.kernel_h / 2 && p.pad_w == p.pad_h && p.dilation_h == 1 &&
-                         p.dilation_w == 1,
+                     direct && p.pad_h == p.kernel_h / 2 && p.pad_w == p.pad_h,
+                     direct,
                      p.kernel_h > p.kernel_w ? p.kernel_h : p.kernel_w,
                      p.stride_h > p.stride_w ? p.stride_h : p.stride_w,
                      static_cast<double>(p.kernel_h) * p.kernel_w,

@@ -22,6 +22,7 @@ struct zyn_conv_general {
   int32_t strip;      // output rows at a time
   bool along_y;       // lines of pixels run downwards, and taps are ordered by their column
   bool outside;       // taps meet places outside the input
+  bool picks;         // 1 x 1 with strides: of planar input the pixels that are read are gathered
   int64_t in_floats;  // of scratch for gathered rows
   int64_t* taps[2];   // pixels from a pixel's first tap to each, in place and gathered
   float* weights;     // by group, then [step][input][lane]; depthwise [8 channels][tap][lane]
@@ -183,6 +184,7 @@ struct strip_input {
   int64_t row;    // first row within a plane
   int32_t pitch;
   const int64_t* taps;  // of the layer
+  int32_t step_x, step_y;
 
   const float* channels_from(int32_t channel, int32_t width) const {
     return base + channel * plane + row * pitch * width;
@@ -211,12 +213,12 @@ chunk seen_by(const chunk& steps, const tap_lines& taps, int64_t line) {
 
 // A chunk's part of a strip that begins at row y: lines of pixels along its rows, or its
 // columns, those together that see the same taps.
-void run_lines(const call& c, zyn_general_lines line, const chunk& steps, int32_t lanes,
-               int32_t pitch, int32_t y, int32_t rows, int32_t blocks) {
+void run_lines(const call& c, const strip_input& in, zyn_general_lines line, const chunk& steps,
+               int32_t lanes, int32_t y, int32_t rows, int32_t blocks) {
   const layer& l = c.l;
   const tap_lines taps = tap_lines_of(l);
-  const int64_t across = int64_t{l.shape.stride_x} * lanes;
-  const int64_t down = int64_t{l.shape.stride_y} * pitch * lanes;
+  const int64_t across = int64_t{in.step_x} * lanes;
+  const int64_t down = int64_t{in.step_y} * in.pitch * lanes;
   const int64_t out_row = int64_t{l.out_width} * kLanes;
   const int64_t count = l.along_y ? l.out_width : rows, pixels = l.along_y ? rows : l.out_width;
   const bool joined = !l.along_y && down == across * l.out_width;  // rows follow each other
@@ -343,7 +345,7 @@ const float* dense_group(const call& c, const strip_input& in, const float* weig
                                 0,
                                 0};
       const chunk part = {done, end, walk.in_line(), step_floats, last};
-      run_lines(c, line, part, k.width, in.pitch, y, rows, blocks);
+      run_lines(c, in, line, part, k.width, y, rows, blocks);
       weights += (end - done) * step_floats;
       done = end;
       first = false;
@@ -359,22 +361,49 @@ zyn_general_window window_of(const layer& l, int32_t y, int32_t rows) {
           -l.shape.pad_x, l.pitch};
 }
 
-void run_dense(const call& c) {
+// The input of a strip of a layer that picks its pixels, as of one without strides.
+strip_input picked_strip(const call& c, int32_t y, int32_t rows) {
   const layer& l = c.l;
+  const int32_t pixels = rows * l.out_width;
+  float* const planes = c.rows + int64_t{l.in_channels} * pixels;
   input_class classes[3];
   const int32_t count = classes_of(l, classes);
+  for (int32_t n = 0; n < count; n++)
+    for (int32_t i = 0; i < classes[n].blocks; i++) {
+      const int32_t channel = classes[n].first + i * classes[n].width, width = classes[n].width;
+      zyn_general_pick(planes, c.in, channel, width,
+                       {y, rows, l.out_width, l.shape.stride_x, l.shape.stride_y});
+      zyn_general_gather(c.rows + int64_t{channel} * pixels, {planes, false, width, pixels, 1}, 0,
+                         width, {0, 1, 0, pixels}, true);
+    }
+  return {c.rows, pixels, 0, l.out_width, l.taps[1], 1, 1};
+}
+
+// The input of a strip with zeros around it.
+strip_input gathered_strip(const call& c, int32_t y, int32_t rows) {
+  const layer& l = c.l;
+  const int64_t plane = rows_read(l, rows) * l.pitch;
+  input_class classes[3];
+  const int32_t count = classes_of(l, classes);
+  for (int32_t n = 0; n < count; n++)
+    for (int32_t i = 0; i < classes[n].blocks; i++) {
+      const int32_t channel = classes[n].first + i * classes[n].width;
+      zyn_general_gather(c.rows + channel * plane, c.in, channel, classes[n].width,
+                         window_of(l, y, rows), true);
+    }
+  return {c.rows, plane, 0, l.pitch, l.taps[1], l.shape.stride_x, l.shape.stride_y};
+}
+
+void run_dense(const call& c) {
+  const layer& l = c.l;
   for (int32_t y = 0; y < l.out_height; y += l.strip) {
     const int32_t rows = l.out_height - y < l.strip ? l.out_height - y : l.strip;
-    strip_input in = {c.in.data, c.in.plane(), int64_t{y} * l.shape.stride_y, l.width, l.taps[0]};
-    if (c.gathers) {
-      in = {c.rows, rows_read(l, rows) * l.pitch, 0, l.pitch, l.taps[1]};
-      for (int32_t n = 0; n < count; n++)
-        for (int32_t i = 0; i < classes[n].blocks; i++) {
-          const int32_t channel = classes[n].first + i * classes[n].width;
-          zyn_general_gather(c.rows + channel * in.plane, c.in, channel, classes[n].width,
-                             window_of(l, y, rows), true);
-        }
-    }
+    const strip_input in =
+        !c.gathers ? strip_input{c.in.data,       c.in.plane(), int64_t{y} * l.shape.stride_y,
+                                 l.width,         l.taps[0],    l.shape.stride_x,
+                                 l.shape.stride_y}
+        : l.picks  ? picked_strip(c, y, rows)
+                   : gathered_strip(c, y, rows);
     const float* weights = l.weights;
     for (int32_t block = 0, blocks = 0; block < block_count(l); block += blocks) {
       blocks = group_at(l, block);
@@ -473,14 +502,18 @@ void plan_dense(layer* l) {
   const bool beside = s.pad_x != 0 || l->pitch > l->width;
   l->outside = beside || s.pad_y != 0 || rows_read(*l, l->out_height) > l->height;
   l->along_y = l->out_width < 4 && l->out_height > l->out_width;
-  const bool one_line = s.kernel_x == 1 && s.kernel_y == 1 && s.stride_x == 1 && s.stride_y == 1;
+  const bool strided = s.stride_x > 1 || s.stride_y > 1;
+  const bool one_line = s.kernel_x == 1 && s.kernel_y == 1 && !strided;
+  l->picks = s.kernel_x == 1 && s.kernel_y == 1 && strided && !l->outside;
   const int64_t pixels = one_line     ? int64_t{l->out_width} * l->out_height
                          : l->along_y ? l->out_height
                                       : l->out_width;
   l->blocks = choose_blocks(*l, pixels);
   l->strip = strip_rows(*l);
   if (l->along_y) l->strip = l->out_height;
-  l->in_floats = round_up(int64_t{l->in_channels} * rows_read(*l, l->strip) * l->pitch, kAlignment);
+  const int64_t gathered = l->picks ? (int64_t{l->in_channels} + kLanes) * l->strip * l->out_width
+                                    : int64_t{l->in_channels} * rows_read(*l, l->strip) * l->pitch;
+  l->in_floats = round_up(gathered, kAlignment);
 }
 
 }  // namespace
