@@ -41,6 +41,7 @@ set_tests_properties(zyncore_tests_second PROPERTIES TIMEOUT 900
 zyn_test_program(kernel_tests tests/test_conv.cpp tests/test_conv_kernels.cpp
                  tests/test_vector_width.cpp tests/support/capture.cpp)
 set_target_properties(kernel_tests PROPERTIES EXCLUDE_FROM_ALL ON)
+target_compile_options(kernel_tests PRIVATE -O1)  # compiled more often than run
 foreach(source IN LISTS zyn_process_tests)
   get_filename_component(name ${source} NAME_WE)
   zyn_add_test_program(${name} ${source})
