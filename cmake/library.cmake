@@ -12,20 +12,23 @@ target_compile_options(zyn_objects PRIVATE
   -fno-math-errno)
 
 # The foundation (src/base) needs no more than plain x86-64, so that a host can load the
-# library, ask for its version and allocate on any processor; all else is built for vectors.
-# src/base comes first in the list of objects: of inline functions that both use, the linker
-# keeps the first copy. Where 512 bits are asked for, the compiler's own vectors stay at 256:
-# loops that are not written for more gain nothing by it.
+# library, ask for its version and allocate on any processor; all else is built for the
+# vectors of 256 bits. src/base comes first in the list of objects: of inline functions
+# that both use, the linker keeps the first copy.
 set(ZYN_VECTOR_FLAGS -mavx2 -mfma)
-if(ZYN_VECTOR_BITS EQUAL 512)
-  list(APPEND ZYN_VECTOR_FLAGS -mavx512f -mavx512bw -mavx512vl -mavx512dq
-       -mprefer-vector-width=256 -DZYN_VECTOR_BITS=512)
-elseif(NOT ZYN_VECTOR_BITS EQUAL 256)
-  message(FATAL_ERROR "ZYN_VECTOR_BITS is 256 or 512, not ${ZYN_VECTOR_BITS}")
-endif()
 set(zyn_vector_sources ${zyn_sources})
 list(FILTER zyn_vector_sources EXCLUDE REGEX "/src/base/")
 set_property(SOURCE ${zyn_vector_sources} APPEND PROPERTY COMPILE_OPTIONS ${ZYN_VECTOR_FLAGS})
+# Kernels that are written for wider vectors; the compiler's own stay at 256 bits.
+add_compile_definitions(ZYN_VECTOR_BITS=${ZYN_VECTOR_BITS})
+if(ZYN_VECTOR_BITS EQUAL 512)
+  set(zyn_wide_sources ${zyn_sources})
+  list(FILTER zyn_wide_sources INCLUDE REGEX "/kernels/(blocked|gemm)/|/zyn_general_tile.cpp")
+  set_property(SOURCE ${zyn_wide_sources} APPEND PROPERTY COMPILE_OPTIONS
+    -mavx512f -mavx512bw -mavx512vl -mavx512dq -mprefer-vector-width=256)
+elseif(NOT ZYN_VECTOR_BITS EQUAL 256)
+  message(FATAL_ERROR "ZYN_VECTOR_BITS is 256 or 512, not ${ZYN_VECTOR_BITS}")
+endif()
 # The unrolled kernels take minutes to compile with every check of the sanitizers: those of
 # addresses and of integer arithmetic stay.
 if(CMAKE_CXX_FLAGS MATCHES "fsanitize=address")

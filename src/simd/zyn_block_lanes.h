@@ -63,7 +63,7 @@ struct zyn_block_lanes<1> {
   static float sum(type v) { return v; }
 };
 
-#if ZYN_VECTOR_BITS == 512
+#if defined(__AVX512F__) && ZYN_VECTOR_BITS == 512
 template <>
 struct zyn_block_lanes<16> {
   using type = __m512;
@@ -95,7 +95,7 @@ template <int Width>
 inline void zyn_store_blocks(float* p, int64_t, typename zyn_block_lanes<Width>::type v) {
   zyn_block_lanes<Width>::store(p, v);
 }
-#if ZYN_VECTOR_BITS == 512
+#if defined(__AVX512F__) && ZYN_VECTOR_BITS == 512
 template <>
 inline __m512 zyn_load_blocks<16>(const float* p, int64_t apart) {
   return _mm512_insertf32x8(_mm512_castps256_ps512(_mm256_loadu_ps(p)), _mm256_loadu_ps(p + apart),

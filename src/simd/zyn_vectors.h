@@ -7,10 +7,6 @@
 
 // Floats of the widest vector, 8 or 16: code that gains nothing by 16 lanes keeps to 8. Which
 // outputs share a vector is all that differs: every output is the same sum in the same order.
-// The build says 512 where it is asked for.
-#ifndef ZYN_VECTOR_BITS
-#define ZYN_VECTOR_BITS 256
-#endif
 constexpr int kZynVectorFloats = ZYN_VECTOR_BITS / 32;
 
 // Before a loop with a compile-time count of at most 32: the body stands there once for

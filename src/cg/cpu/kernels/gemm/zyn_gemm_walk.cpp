@@ -10,6 +10,8 @@ namespace {
 // sums so far waiting in the output.
 constexpr int64_t kGroupBytes = 24 * 1024;
 constexpr int64_t kMostPartBytes = 60 * 1024;
+// Vectors of 16 columns read them twice as fast: the second level would not keep up.
+constexpr int64_t kMostWidePartBytes = 30 * 1024;
 // More channels than this, for two tiles, leave no room in the first-level cache.
 constexpr int64_t kMostChannelsAhead = 160;
 // Fewer row blocks than this do not earn the copy of the columns back.
@@ -172,7 +174,7 @@ walk make_walk(const zyn_gemm_rows& b, int64_t lanes, const float* packed, int64
                const zyn_gemm_output& output) {
   const zyn_gemm_tile_set& set = set_of(block, lanes);
   const int64_t bytes = set.wide_columns * b.channels * b.taps * 4;
-  const int64_t parts = (bytes + kMostPartBytes - 1) / kMostPartBytes;
+  const int64_t parts = zyn_units(bytes, lanes > 8 ? kMostWidePartBytes : kMostPartBytes);
   return {
       b, set, packed, output, (output.rows + block - 1) / block, (b.channels + parts - 1) / parts};
 }
@@ -209,12 +211,12 @@ void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* pac
   zyn_gemm_output rest_output = output;
   if (kZynVectorFloats > 8) {
     const walk w = make_walk(b, kZynVectorFloats, packed, block, output);
-    const int64_t whole = columns / w.set.wide_columns * w.set.wide_columns;
-    w.side_by_side(0, whole, whole);
-    if (whole == columns) return;
-    // What remains has at least 8 columns to read; what overlaps is computed
-    // twice.
-    const int64_t first = whole > 0 ? zyn_smaller(whole, columns - 8) : 0;
+    int64_t done = columns / w.set.wide_columns * w.set.wide_columns;
+    w.side_by_side(0, done, done);
+    for (; done + w.set.lanes <= columns; done += w.set.lanes) w.narrow(done, done, w.set.lanes);
+    if (done == columns) return;
+    // What remains has at least 8 columns to read; what overlaps is computed twice.
+    const int64_t first = done > 0 ? zyn_smaller(done, columns - 8) : 0;
     rest.base += first;
     rest_output.data += first;
     columns -= first;
