@@ -55,6 +55,7 @@ using Texts = std::vector<std::string>;
 
 TEST(Check, NothingIsSaidOfASoundGraph) {
   EXPECT_EQ(OneNode(ZYN_OP_CONV, conv(4, 5, 3), 5 * 4 * 9 + 5).check(), Texts());
+  EXPECT_EQ(OneNode(ZYN_OP_CONV_GROUPED, conv(4, 6, 3, 1, 2), 6 * 2 * 9 + 6).check(), Texts());
 }
 
 TEST(Check, TextsOfMistakesInTheConstantAndTheRecord) {

@@ -58,12 +58,14 @@ Bytes changed(Bytes bytes, size_t at, std::vector<uint8_t> what) {
   return bytes;
 }
 
+size_t row_at(const Bytes& bytes, uint32_t id) {
+  for (size_t row = sizeof(zyn_file_frame);; row += sizeof(zyn_file_row))
+    if (bytes[row] == id) return row;
+}
 size_t section_at(const Bytes& bytes, uint32_t id) {
-  for (size_t row = sizeof(zyn_file_frame);; row += sizeof(zyn_file_row)) {
-    zyn_file_row found;
-    memcpy(&found, bytes.data() + row, sizeof(found));
-    if (found.id == id) return static_cast<size_t>(found.offset);
-  }
+  zyn_file_row found;
+  memcpy(&found, bytes.data() + row_at(bytes, id), sizeof(found));
+  return static_cast<size_t>(found.offset);
 }
 
 std::string refusal(const Bytes& bytes) {
@@ -243,10 +245,13 @@ TEST(Network, DamagedAndForeignFilesAreRefusedWithAReason) {
 
 TEST(Network, AWriterTakesAFileUpAndChangesIt) {
   Bytes file = small_file([](zyn_net_writer* writer) { zyn_net_writer_q(writer, 2, 7); });
+  // Data that end with their last constant are filled up to whole lines.
+  const size_t data = row_at(file, ZYN_FILE_DATA);
+  const Bytes ragged = changed(changed(file, data + 4, {76}), data + 16, {304 & 255});
   const std::string path = ::testing::TempDir() + "zyncore_writer.zyn";
   FILE* out = fopen(path.c_str(), "wb");
   ASSERT_TRUE(out);
-  fwrite(file.data(), 1, file.size(), out);
+  fwrite(ragged.data(), 1, ragged.size(), out);
   fclose(out);
   const Writer writer(zyn_net_writer_load(path.c_str()));
   remove(path.c_str());
