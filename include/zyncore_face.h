@@ -117,8 +117,8 @@ typedef struct zyn_face_options {
 } zyn_face_options;
 #define ZYN_FACE_DEFAULTS                                                                        \
   {                                                                                              \
-    0, 0, 0, 0, 0, 0, 0, 0, ZYN_NET_AUTOMATIC, 0, 1, 32, 0.7f, 0.5f, 0.3f, 0, 10, 1, 0.5f, 0.8f, \
-        12.0f, 0.5f, 0.0f, 0                                                                     \
+    0, 0, 0, 0, 0, 0, 0, 0, ZYN_NET_AUTOMATIC, 0, 1, 32, 0.7f, 0.5f, 0.3f, 0, 10, 1, 0.5f, 0.4f, \
+        8.0f, 0.5f, 0.0f, 0                                                                      \
   }
 
 /* Where a face's values come from in this frame. */

@@ -25,7 +25,7 @@ import measures
 
 LEAST_SEEN, LEAST_SIZE, MOST_YAW = 0.3, 20, 45
 REST = 1.0  # seconds
-BEGIN = 0.2  # of which smoothing has to begin with
+BEGIN = 0.4  # in which smoothing settles
 
 
 class Clip:

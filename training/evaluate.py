@@ -30,6 +30,7 @@ CLIP_SEED = 201
 CLIP_FRAMES, CLIP_HEADS = 100, 4
 LEAST_SCORE = 0.02  # of the findings that the average precision counts
 MOST_YAW = 45
+PHOTO_OVERLAP = 0.4  # another detector's boxes are the truth there
 EVERY = {"keep_threshold": LEAST_SCORE, "score_threshold": LEAST_SCORE, "max_faces": 200}
 
 
@@ -101,15 +102,14 @@ def photos(network: Path, folder: Path, fixed: bool) -> tuple[int, int, int]:
     return known, found, others
 
 
-PHOTO_OVERLAP = 0.4  # another detector's boxes are the truth there
-
-
 def rendered_clips(folder: Path, count: int) -> list[Path]:
-    program = os.environ.get("ZYN_RENDER_CLIP", str(HERE.parent / "build/demo/training/render/render_clip"))
+    program = os.environ.get("ZYN_RENDER_CLIP",
+                             HERE.parent / "build/demo/training/render/render_clip")
     made = []
     for seed in range(CLIP_SEED, CLIP_SEED + count):
         made.append(folder / f"clip-{seed}-{CLIP_FRAMES}")
         if not (made[-1] / "truth.json").exists():
+            print(f"rendering clip {seed}", file=sys.stderr, flush=True)
             part = made[-1].with_suffix(".part")
             part.mkdir(parents=True, exist_ok=True)
             subprocess.run([program, part, str(seed), str(CLIP_FRAMES), str(CLIP_HEADS)], check=True)
