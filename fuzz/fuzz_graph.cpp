@@ -263,6 +263,7 @@ void Attack::add_conv(Node& node, const Shape& in) {
   p.word14.activation = small(0, 4);
   p.activation = small(0, 4);
   record(node, p, [p, type = node.type](Shape& s) {
+    for (; s.count < 3; s.count++) s.d[s.count] = std::max(1.0, s.d[s.count]);
     for (int i = 0; i < 2; i++) {
       const double in = s.d[i], k = (&p.kernel_h)[i], step = (&p.stride_h)[i];
       const double reach = (k - 1) * (&p.dilation_h)[i], pad = std::max((&p.pad_h)[i], p.pad_h);

@@ -76,7 +76,7 @@ TEST_P(ConvMethod, EveryPairOfChannelCounts) {
 
 TEST_P(ConvMethod, PointwiseOverEveryPixelAndChannelRemainder) {
   for (int pixels = 1; pixels <= 98; pixels += pixels < 50 ? 1 : 3)
-    for (int out : {1, 2, 3, 4, 5, 6, 8, 9, 10, 12, 16, 18, 20})
+    for (int out : {1, 2, 3, 4, 5, 6, 8, 9, 10, 12, 16, 18, 20, 70})
       check({pixels, 1, random_.integer(1, 7), out, 1, 1, 0});
 }
 

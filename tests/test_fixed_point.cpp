@@ -95,7 +95,8 @@ TEST(FixedPoint, DenseLayer) {
         Random random(4);
         Array in = words(random, {features, 2}), constant({features * 3 + 3});
         for (double& v : constant.v) v = random.integer(-32768, 32767) / 32768.0;
-        constant.v[0] = -1;  // so that q is 15
+        constant.v[0] = -1;                                                // so that q is 15
+        if (features > 1) in.v[0] = in.v[1] = -32768, constant.v[1] = -1;  // largest sum of two
         Net net(1);
         const int node =
             net.op(ZYN_OP_LINEAR, zyn_linear_param{static_cast<uint32_t>(features), 3, bias},

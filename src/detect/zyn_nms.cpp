@@ -1,7 +1,8 @@
 // Greedy non-maximum suppression. The candidates are sorted by score and lie in columns
 // (structure of arrays); every remaining record in turn is the pivot of a pass that packs
-// the survivors behind it, eight overlaps at a time. Many candidates are spread over the
-// cells of grids first (see struct grid), and a pass visits the cells near the pivot.
+// the survivors behind it, eight overlaps at a time. Where many candidates outlast the first
+// passes they are spread over the cells of grids (see struct grid), and a pass visits the cells
+// near the pivot.
 // A column ends where the next one begins, so the last block of a pass is masked.
 #include <immintrin.h>
 #include <math.h>
@@ -198,8 +199,10 @@ int32_t suppress(const columns& c, int32_t pivot, int32_t first, int32_t end, __
   return write;
 }
 
-// From here on grids beat passes over everything.
+// From here on grids beat passes over everything, if these have made so many tests a box, which
+// take as long as laying the grids: few boxes may remain by then.
 constexpr int32_t kGridCount = 1024;
+constexpr int64_t kTestsFirst = 80;
 constexpr int32_t kGridLimit = 1 << 29;  // buckets are numbered in 31 bits
 
 // A run of the columns: the pivots so far up to kept, and the records that remain, from
@@ -432,23 +435,42 @@ int32_t suppress_on_grids(const grid& g, const columns& c, const sort_entry* ord
   return n;
 }
 
-// The number of survivors, whose positions in the input then lead the column of indices.
-int32_t survivors(const columns& c, const zyn_detection* boxes, const sort_entry* order,
-                  int32_t count, float iou_threshold) {
+// The same as the passes over the records that remain, on grids; -1 without memory for these.
+int32_t survivors_on_grids(const columns& c, const zyn_detection* boxes, sort_entry* order,
+                           int32_t count, float iou_threshold) {
+  grid g(count);
+  if (!g) return -1;
+  for (int32_t i = 0; i < count; i++) order[i] = static_cast<uint32_t>(c.index[i]);
+  fill_classes(&g, boxes, order, count, iou_threshold);
+  lay_buckets(&g);
+  fill_buckets(&g, c, boxes, order, count);
+  return suppress_on_grids(g, c, order, count, _mm256_set1_ps(iou_threshold));
+}
+
+columns from(const columns& c, int32_t at) {
+  return {c.x1 + at, c.y1 + at, c.x2 + at, c.y2 + at, c.area + at, c.index + at};
+}
+
+// The number of survivors, whose positions in the input then lead the column of indices. The
+// order is lost.
+int32_t survivors(const columns& c, const zyn_detection* boxes, sort_entry* order, int32_t count,
+                  float iou_threshold) {
   const __m256 threshold = _mm256_set1_ps(iou_threshold);
-  // Below zero and without a number the first pivot removes everything.
-  if (count >= kGridCount && count < kGridLimit && iou_threshold >= 0) {
-    grid g(count);
-    if (g) {  // without memory the passes below do it, only slower
-      fill_classes(&g, boxes, order, count, iou_threshold);
-      lay_buckets(&g);
-      fill_buckets(&g, c, boxes, order, count);
-      return suppress_on_grids(g, c, order, count, threshold);
-    }
-  }
   for (int32_t i = 0; i < count; i++) put(c, i, boxes, order[i]);
+  // Below zero and without a number the first pivot removes everything.
+  bool may_use_grids = count < kGridLimit && iou_threshold >= 0;
+  int64_t tests = 0;
   int32_t n = count;
-  for (int32_t pivot = 0; pivot < n; pivot++) n = suppress(c, pivot, pivot + 1, n, threshold);
+  for (int32_t pivot = 0; pivot < n; pivot++) {
+    const int32_t left = n - pivot;
+    if (may_use_grids && left >= kGridCount && tests > kTestsFirst * count) {
+      const int32_t more = survivors_on_grids(from(c, pivot), boxes, order, left, iou_threshold);
+      if (more >= 0) return pivot + more;
+      may_use_grids = false;
+    }
+    tests += left;
+    n = suppress(c, pivot, pivot + 1, n, threshold);
+  }
   return n;
 }
 
@@ -468,7 +490,7 @@ int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int32_t coun
   auto* entries = reinterpret_cast<sort_entry*>(compaction.get());
   for (int32_t i = 0; i < count; i++)
     entries[i] = static_cast<uint64_t>(sort_key(boxes[i].score)) << 32 | static_cast<uint32_t>(i);
-  const sort_entry* order = entries;
+  sort_entry* order = entries;
   if (count <= kInsertionCount)
     insertion_sort(entries, count);
   else

@@ -1,10 +1,10 @@
 // Exponential, logarithm, hyperbolic tangent, logistic sigmoid, error function and softplus of
 // 8 floats at once, and the exponential of one float with the same bits. Results lie within 2
 // units in the last place of the exact ones over the whole range, denormal arguments
-// and results included; zeros keep their sign where the function does, infinities and
-// NaN give what the function's limit gives. Polynomials are minimax fits (Remez, the error
-// function's by weighted least squares) of relative error below 0.1 units in the last place,
-// with coefficients rounded to float.
+// and results included where a function does not say otherwise; zeros keep their sign where the
+// function does, infinities and NaN give what the function's limit gives. Polynomials are minimax
+// fits (Remez, the error function's by weighted least squares) of relative error below 0.1 units in
+// the last place, with coefficients rounded to float.
 #pragma once
 
 #include <float.h>
@@ -122,19 +122,25 @@ inline __m256 zyn_tanh8(__m256 x) {
   return _mm256_or_ps(_mm256_blendv_ps(outer, inner, is_inner), sign);
 }
 
-// 1 / (1 + e^-x).
+// e^x for x not above 0; results below the normal range may be 0.
+inline __m256 zyn_exp_below8(__m256 x) {
+  x = _mm256_max_ps(_mm256_set1_ps(-88.0f), x);  // where the exponent's bits become 0; NaN passes
+  // The last bits of the sum are n plus what exponents are biased by.
+  const __m256 shifter = _mm256_set1_ps(0x1.8p23f + 127);
+  const __m256 shifted = _mm256_fmadd_ps(x, _mm256_set1_ps(1.442695022f), shifter);
+  const __m256 n = _mm256_sub_ps(shifted, shifter);
+  __m256 r = _mm256_fnmadd_ps(n, _mm256_set1_ps(0.6931471825f), x);
+  r = _mm256_fnmadd_ps(n, _mm256_set1_ps(-1.904654212e-9f), r);
+  const __m256 scale = _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_castps_si256(shifted), 23));
+  return _mm256_fmadd_ps(scale, zyn_exp_tail8(r), scale);
+}
+
+// 1 / (1 + e^-x), within 3 units in the last place; results below the normal range may be 0.
 inline __m256 zyn_sigmoid8(__m256 x) {
   // With e^-|x| nothing overflows, and small results keep their precision.
   const __m256 one = _mm256_set1_ps(1.0f);
-  const __m256 power = zyn_exp8(_mm256_or_ps(x, _mm256_set1_ps(-0.0f)));
-  const __m256 top = _mm256_blendv_ps(one, power, x);
-  // One correction step brings back what rounding 1 + power and the quotient lost.
-  const __m256 sum = _mm256_add_ps(one, power);
-  const __m256 lost = _mm256_sub_ps(power, _mm256_sub_ps(sum, one));
-  const __m256 inverse = _mm256_div_ps(one, sum);
-  const __m256 quotient = _mm256_mul_ps(top, inverse);
-  const __m256 rest = _mm256_fnmadd_ps(quotient, lost, _mm256_fnmadd_ps(quotient, sum, top));
-  return _mm256_fmadd_ps(rest, inverse, quotient);
+  const __m256 power = zyn_exp_below8(_mm256_or_ps(x, _mm256_set1_ps(-0.0f)));
+  return _mm256_div_ps(_mm256_blendv_ps(one, power, x), _mm256_add_ps(one, power));
 }
 
 // ln (1 + e^x).

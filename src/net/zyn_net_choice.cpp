@@ -25,8 +25,10 @@ struct layer {
   bool depthwise;
   bool usual;  // kernel 3 or 5 with padding kernel / 2, stride 1 or 2, no dilation: methods 0 and 2
                // have kernels for these
+  bool direct;  // kernel 3 or 5 with any padding below it, stride 1 or 2, no dilation: method 0 has
+                // kernels for depthwise ones
   int32_t kernel, stride;
-  double taps;
+  double taps, seen;  // of the kernel; those inside the input, a mean over the rows of outputs
   double in_channels, out_channels, pixels_in, pixels_out, rows_out;
   int32_t tile;     // of Winograd's kernels
   double products;  // of these by channel: frequencies of all tiles
@@ -49,9 +51,26 @@ double block_lanes(double channels, double of_four, double single) {
          single * static_cast<double>(count >= 4 ? count - 4 : count);
 }
 
+// Taps of an axis that lie inside the input, a mean over the outputs; among many of these those
+// that miss some do not count.
+double taps_inside(int64_t kernel, int64_t stride, int64_t pad, int64_t dilation, int64_t in,
+                   int64_t out) {
+  constexpr int64_t kMany = 64;
+  if (out > kMany) return static_cast<double>(kernel);
+  int64_t sum = 0;
+  for (int64_t x = 0; x < out; x++) {
+    const int64_t start = x * stride - pad;
+    const int64_t first = start < 0 ? (-start + dilation - 1) / dilation : 0;
+    const int64_t end = start < in ? (in - 1 - start) / dilation + 1 : 0;
+    const int64_t seen = (end < kernel ? end : kernel) - first;
+    sum += seen > 0 ? seen : 0;
+  }
+  return static_cast<double>(sum) / static_cast<double>(out);
+}
+
 double planar_depthwise(const layer& l) {
   const double work = l.taps * l.pixels_out * l.in_channels, rows = l.in_channels * l.rows_out;
-  if (!l.usual) return 9.7e-5 * work + (l.stride == 1 ? 0.028 : 0.053) * rows + 0.28;
+  if (!l.direct) return 9.7e-5 * work + (l.stride == 1 ? 0.028 : 0.053) * rows + 0.28;
   return l.stride == 1
              ? 3.2e-5 * work + 3.6e-4 * l.taps * rows + 8e-3 * l.in_channels + 0.07
              : 5.8e-5 * work + (1.3e-3 + 3.8e-4 * l.taps) * rows + 1e-2 * l.in_channels + 0.02;
@@ -95,8 +114,8 @@ double planned_cost(const layer& l) {  // method 2
     return (l.stride == 1 ? 3.9e-5 : 6.5e-5) * l.taps * l.pixels_out * l.in_channels +
            3e-3 * l.in_channels + 0.14;
   const bool pointwise = l.kernel == 1 && l.stride == 1;
-  if (pointwise && l.pixels_out <= 1) return 4.5e-5 * l.weights() + 2e-3 * l.in_channels + 0.1;
   const double fours = rounded_up(l.out_channels, 4);
+  if (pointwise && l.pixels_out <= 1) return (0.01 + 5.8e-5 * l.in_channels) * fours + 0.1;
   const bool sixes = static_cast<int64_t>(l.out_channels) % 6 == 0 && (pointwise || l.usual);
   const double work =
       l.taps * rounded_up(l.pixels_out, 8) * l.in_channels * (sixes ? l.out_channels : fours);
@@ -116,11 +135,12 @@ double general_cost(const layer& l, bool blocked_input, bool blocked_output) {
     return 2.1e-5 * l.taps * l.pixels_out * outputs +
            (blocked_input ? 1.7e-5 : 1.2e-4) * l.pixels_in * outputs +
            (blocked_output ? 4.8e-5 : 1.65e-4) * l.pixels_out * outputs + 1.8e-3 * outputs + 0.09;
+  if (l.kernel == 1 && l.pixels_out <= 1) return 4.2e-5 * l.in_channels * outputs + 0.15;
   const double gathered = blocked_input ? (l.kernel == 1 ? 1.5e-5 : 7e-5) : 2e-4;
-  return 1.95e-5 * l.taps * l.pixels_out * l.in_channels * outputs +
+  return 1.95e-5 * l.seen * l.pixels_out * l.in_channels * outputs +
          gathered * l.pixels_in * l.in_channels +
          (blocked_output ? 8.5e-5 : 1.85e-4) * l.pixels_out * outputs +
-         3.8e-5 * l.taps * l.in_channels * outputs + 6e-4 * outputs + 0.15;
+         3.8e-5 * l.seen * l.in_channels * outputs + 6e-4 * outputs + 0.15;
 }
 
 // Methods 5 and 6: the input's transform, products, the output's transform, and weights, which
@@ -246,12 +266,16 @@ class chooser {
                             zyn_winograd_frequencies(tile);
     const bool own = p.kernel_h == p.kernel_w && (p.kernel_h == 3 || p.kernel_h == 5) &&
                      p.stride_h == p.stride_w && p.stride_h <= 2;
+    const bool direct = own && p.dilation_h == 1 && p.dilation_w == 1 && p.pad_h < p.kernel_h &&
+                        p.pad_w < p.kernel_h;
     const layer l = {p.groups != 1,
-                     own && p.pad_h == p.kernel_h / 2 && p.pad_w == p.pad_h && p.dilation_h == 1 &&
-                         p.dilation_w == 1,
+                     direct && p.pad_h == p.kernel_h / 2 && p.pad_w == p.pad_h,
+                     direct,
                      p.kernel_h > p.kernel_w ? p.kernel_h : p.kernel_w,
                      p.stride_h > p.stride_w ? p.stride_h : p.stride_w,
                      static_cast<double>(p.kernel_h) * p.kernel_w,
+                     p.kernel_h * taps_inside(p.kernel_w, p.stride_w, p.pad_w, p.dilation_w,
+                                              in.extent(1), out.extent(1)),
                      static_cast<double>(p.in_channels),
                      static_cast<double>(p.out_channels),
                      pixels_in,

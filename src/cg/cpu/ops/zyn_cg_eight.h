@@ -30,6 +30,7 @@ struct zyn_eight<float> {
   static __m256 mean(__m256 sums, __m256 counts, float more) {
     return _mm256_div_ps(sums, _mm256_mul_ps(counts, _mm256_set1_ps(more)));
   }
+  static void store(float* p, __m256d v) { _mm_storeu_ps(p, _mm256_cvtpd_ps(v)); }
   static __m256d to_double(__m256 v, bool upper) {
     return _mm256_cvtps_pd(upper ? _mm256_extractf128_ps(v, 1) : _mm256_castps256_ps128(v));
   }
@@ -78,6 +79,11 @@ struct zyn_eight<int16_t> {
           _mm256_cvttpd_epi32(_mm256_floor_pd(_mm256_add_pd(quotient, _mm256_set1_pd(0.5))));
     }
     return _mm256_castsi256_ps(_mm256_set_m128i(halves[1], halves[0]));
+  }
+  // Whole numbers.
+  static void store(int16_t* p, __m256d v) {
+    const __m128i whole = _mm256_cvttpd_epi32(v);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packs_epi32(whole, whole));
   }
   static __m256d to_double(__m256 v, bool upper) {
     return _mm256_cvtepi32_pd(upper ? _mm256_extracti128_si256(bits(v), 1)

@@ -45,11 +45,11 @@ __m256 gated(__m256 x, __m256 gate) {
   return _mm256_and_ps(_mm256_mul_ps(x, gate), open);
 }
 
-// Operands of max and min stand in the order that lets NaN through.
+// Operands of max and min stand in the order that lets NaN through. From -3 down all is 0.
 __m256 hard_swish(__m256 x) {
-  const __m256 open = _mm256_max_ps(_mm256_setzero_ps(), _mm256_add_ps(x, _mm256_set1_ps(3.0f)));
-  const __m256 gate = _mm256_min_ps(_mm256_set1_ps(6.0f), open);
-  return gated(x, _mm256_mul_ps(gate, _mm256_set1_ps(1.0f / 6.0f)));
+  x = _mm256_max_ps(_mm256_set1_ps(-3.0f), x);
+  const __m256 gate = _mm256_min_ps(_mm256_set1_ps(6.0f), _mm256_add_ps(x, _mm256_set1_ps(3.0f)));
+  return _mm256_mul_ps(x, _mm256_mul_ps(gate, _mm256_set1_ps(1.0f / 6.0f)));
 }
 
 __m256 gelu(__m256 x) {

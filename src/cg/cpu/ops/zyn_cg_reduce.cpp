@@ -145,6 +145,65 @@ void reduce_row(totals<Kind, T>* total, const T* in, int64_t count) {
   total->take(v);
 }
 
+// Totals of four rows as outputs.
+inline __m256d finish(float, __m256d total, int32_t operation, __m256d count) {
+  if (operation == ZYN_REDUCE_MEAN) return _mm256_div_pd(total, count);
+  return operation == ZYN_REDUCE_L2 ? _mm256_sqrt_pd(total) : total;
+}
+inline __m256d finish(int16_t, __m256d total, int32_t operation, __m256d count) {
+  if (operation != ZYN_REDUCE_MEAN) return total;
+  return _mm256_floor_pd(_mm256_add_pd(_mm256_div_pd(total, count), _mm256_set1_pd(0.5)));
+}
+
+// The lanes of each of four vectors joined.
+template <typename Kind, typename T>
+__m256d join_lanes(const __m256* v) {
+  __m256d row[4];
+  ZYN_UNROLL for (int k = 0; k < 4; k++) row[k] =
+      Kind::join(zyn_eight<T>::to_double(v[k], false), zyn_eight<T>::to_double(v[k], true));
+  const __m256d even =
+      Kind::join(_mm256_unpacklo_pd(row[0], row[1]), _mm256_unpackhi_pd(row[0], row[1]));
+  const __m256d odd =
+      Kind::join(_mm256_unpacklo_pd(row[2], row[3]), _mm256_unpackhi_pd(row[2], row[3]));
+  return Kind::join(_mm256_permute2f128_pd(even, odd, 0x20),
+                    _mm256_permute2f128_pd(even, odd, 0x31));
+}
+
+// Totals of eight short rows step elements apart: together, none of them waits for its own sums.
+template <typename Kind, typename T>
+[[gnu::noinline]] void reduce_eight_rows(T* out, const T* in, int64_t step, int64_t count,
+                                         int32_t operation) {
+  using eight = zyn_eight<T>;
+  const T *upper = in, *lower = in + 4 * step;
+  const auto at = [&](int k) { return k < 4 ? upper + k * step : lower + (k - 4) * step; };
+  __m256 v[8];
+  ZYN_UNROLL for (int k = 0; k < 8; k++) v[k] = Kind::start();
+  int64_t i = 0;
+  for (; i + 8 <= count; i += 8, upper += 8, lower += 8)
+    ZYN_UNROLL for (int k = 0; k < 8; k++) v[k] =
+        Kind::join(v[k], Kind::part(eight::load(at(k)), 8));
+  const int64_t rest = count - i;
+  if (rest > 0)
+    ZYN_UNROLL for (int k = 0; k < 8; k++) v[k] =
+        Kind::join(v[k], Kind::part(eight::load(at(k), rest), rest));
+  const __m256d divisor = _mm256_set1_pd(static_cast<double>(count));
+  ZYN_UNROLL for (int k = 0; k < 8; k += 4)
+      eight::store(out + k, finish(T{}, join_lanes<Kind, T>(v + k), operation, divisor));
+}
+
+// Rows that follow each other, one total for each.
+template <typename Kind, typename T>
+void reduce_short_rows(T* out, const T* in, int64_t count, int64_t rows, int32_t operation) {
+  int64_t y = 0;
+  for (; y + 8 <= rows; y += 8, in += 8 * count)
+    reduce_eight_rows<Kind>(out + y, in, count, count, operation);
+  for (; y < rows; y++, in += count) {
+    T same[8];
+    reduce_eight_rows<Kind>(same, in, 0, count, operation);
+    out[y] = same[0];
+  }
+}
+
 // Outputs side by side: kVectors of eight, or, for kVectors 0, the first count of eight.
 template <typename Kind, typename T, int kVectors>
 void reduce_beside(T* out, const T* in, const reduction& r, int32_t operation, int64_t count) {
@@ -175,6 +234,8 @@ void reduce_beside(T* out, const T* in, const reduction& r, int32_t operation, i
 
 template <typename Kind, typename T>
 void reduce_all(T* out, const T* in, const reduction& r, int32_t operation) {
+  if (r.row_reduced && r.reduced_count == 0 && r.kept_count == 1 && r.row <= 8 * kJoined)
+    return reduce_short_rows<Kind>(out, in, r.row, r.kept[0].extent, operation);
   zyn_cg_walk(r.kept, r.kept_count, [&](int64_t from, int64_t to) {
     const T* first = in + from;
     if (r.row_reduced) {
@@ -197,10 +258,14 @@ void reduce(T* out, const T* in, const reduction& r, int32_t operation) {
     reduce_all<max_of<T>>(out, in, r, operation);
   else if (operation == ZYN_REDUCE_MIN)
     reduce_all<min_of<T>>(out, in, r, operation);
-  else if (operation == ZYN_REDUCE_L2)
-    reduce_all<squares_of<T>>(out, in, r, operation);
   else
     reduce_all<sum_of<T>>(out, in, r, operation);
+}
+
+// Fixed point has no root of squares.
+void reduce_floats(float* out, const float* in, const reduction& r, int32_t operation) {
+  if (operation == ZYN_REDUCE_L2) return reduce_all<squares_of<float>>(out, in, r, operation);
+  reduce(out, in, r, operation);
 }
 
 // Whole planes of an input whose channels lie together: those of a block are side by side.
@@ -216,7 +281,7 @@ void reduce_blocks(reduce_state* state) {
     r.row_reduced = group == 1;
     r.row = r.row_reduced ? pixels : group;
     if (!r.row_reduced) r.reduced[r.reduced_count++] = {pixels, group, 0};
-    reduce<float>(zyn_cg_floats(state->output) + c, zyn_cg_floats(input) + c * pixels, r,
+    reduce_floats(zyn_cg_floats(state->output) + c, zyn_cg_floats(input) + c * pixels, r,
                   state->param.operation);
   }
 }
@@ -240,8 +305,8 @@ int32_t run_reduce(void* record) {
     reduce(static_cast<int16_t*>(out), static_cast<const int16_t*>(input->data), r,
            state->param.operation);
   else
-    reduce(static_cast<float*>(out), static_cast<const float*>(input->data), r,
-           state->param.operation);
+    reduce_floats(static_cast<float*>(out), static_cast<const float*>(input->data), r,
+                  state->param.operation);
   return ZYN_RET_OK;
 }
 

@@ -23,8 +23,9 @@ enum zyn_fpi_kind : uint32_t {
   ZYN_FPI_POINTWISE,  // 1 x 1, no padding
   ZYN_FPI_DENSE_3X3,  // stride 1 or 2, rows that fill vectors well enough
   ZYN_FPI_DENSE_CHANNELS,
-  ZYN_FPI_DENSE_ANY,  // a plain loop: large extents and strides
-  ZYN_FPI_DEPTHWISE,  // stride 1 or 2
+  ZYN_FPI_DENSE_ANY,           // a plain loop: large extents and strides
+  ZYN_FPI_DEPTHWISE,           // stride 1 or 2
+  ZYN_FPI_DEPTHWISE_CHANNELS,  // small planes
   ZYN_FPI_DEPTHWISE_ANY
 };
 
@@ -37,6 +38,7 @@ struct zyn_fpi_plan {
   zyn_fpi_kind kind;
   int32_t shift;  // d, 0 to 31
   zyn_fpi_layer layer;
+  int64_t pixels;          // of a plane of the output
   const int16_t* weights;  // the caller's, [out][in][row][column]
   int32_t* packed;         // owned, in the order of the kernel; null: weights serve
 };
@@ -79,15 +81,21 @@ struct zyn_fpi_tile_epilogue {
 using zyn_fpi_kernel = uint32_t(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
                                 zyn_tensor* output, const zyn_tensor* input);
 zyn_fpi_kernel zyn_fpi_run_1x1, zyn_fpi_run_3x3, zyn_fpi_run_channels, zyn_fpi_run_depthwise,
-    zyn_fpi_run_any;
+    zyn_fpi_run_depthwise_channels, zyn_fpi_run_any;
 
 // The order of weights of the kernels that have one: its size in elements, then packing.
-int64_t zyn_fpi_packed_1x1(const zyn_fpi_layer& layer);
-int64_t zyn_fpi_packed_3x3(const zyn_fpi_layer& layer);
-int64_t zyn_fpi_packed_channels(const zyn_fpi_layer& layer);
+int64_t zyn_fpi_packed_1x1(const zyn_fpi_plan& plan);
+int64_t zyn_fpi_packed_3x3(const zyn_fpi_plan& plan);
+int64_t zyn_fpi_packed_channels(const zyn_fpi_plan& plan);
+int64_t zyn_fpi_packed_depthwise_channels(const zyn_fpi_plan& plan);
 void zyn_fpi_pack_1x1(zyn_fpi_plan* plan);
 void zyn_fpi_pack_3x3(zyn_fpi_plan* plan);
 void zyn_fpi_pack_channels(zyn_fpi_plan* plan);
+void zyn_fpi_pack_depthwise_channels(zyn_fpi_plan* plan);
+
+// Whether the planes are so small that channels in the lanes are faster; their scratch is bounded.
+bool zyn_fpi_suits_depthwise_channels(const zyn_fpi_layer& layer, const zyn_tensor* output,
+                                      const zyn_tensor* input);
 
 // At most so many words of scratch take the kernels that copy padded rows; -1: beyond all.
 int64_t zyn_fpi_scratch_3x3(const zyn_fpi_layer& layer, const zyn_tensor* output);

@@ -136,8 +136,8 @@ uint32_t dense(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue, 
 
 }  // namespace
 
-int64_t zyn_fpi_packed_3x3(const zyn_fpi_layer& layer) {
-  return int64_t{layer.in_channels} * layer.out_channels * kPairs;
+int64_t zyn_fpi_packed_3x3(const zyn_fpi_plan& plan) {
+  return int64_t{plan.layer.in_channels} * plan.layer.out_channels * kPairs;
 }
 
 int64_t zyn_fpi_scratch_3x3(const zyn_fpi_layer& layer, const zyn_tensor* output) {

@@ -126,7 +126,8 @@ void store_sums(const int32_t* sums, int64_t pixels, const zyn_fpi_tile_epilogue
 
 // Per block of 8 output channels, for every input channel the pairs of the kernel, each
 // for all channels of the block; absent taps and channels are 0.
-int64_t zyn_fpi_packed_channels(const zyn_fpi_layer& layer) {
+int64_t zyn_fpi_packed_channels(const zyn_fpi_plan& plan) {
+  const zyn_fpi_layer& layer = plan.layer;
   return blocks_of(layer) * layer.in_channels * zyn_fpi_pair_count(layer) * kBlock;
 }
 

@@ -44,7 +44,9 @@ zyn_fpi_kind choose_dense(const zyn_fpi_layer& l, int64_t width) {
   return is_narrow(l) ? ZYN_FPI_DENSE_CHANNELS : ZYN_FPI_DENSE_ANY;
 }
 
-zyn_fpi_kind choose_depthwise(const zyn_fpi_layer& l) {
+zyn_fpi_kind choose_depthwise(const zyn_fpi_layer& l, const zyn_tensor* input,
+                              const zyn_tensor* output) {
+  if (zyn_fpi_suits_depthwise_channels(l, output, input)) return ZYN_FPI_DEPTHWISE_CHANNELS;
   const bool known_stride = has_stride(l, 1) || has_stride(l, 2);
   return known_stride && is_narrow(l) ? ZYN_FPI_DEPTHWISE : ZYN_FPI_DEPTHWISE_ANY;
 }
@@ -52,7 +54,7 @@ zyn_fpi_kind choose_depthwise(const zyn_fpi_layer& l) {
 // What a kernel needs besides its arguments; null: nothing.
 struct kernel {
   zyn_fpi_kernel* run;
-  int64_t (*packed)(const zyn_fpi_layer& layer);
+  int64_t (*packed)(const zyn_fpi_plan& plan);
   void (*pack)(zyn_fpi_plan* plan);
   int64_t (*scratch)(const zyn_fpi_layer& layer, const zyn_tensor* output);
 };
@@ -76,6 +78,9 @@ kernel kernel_of(zyn_fpi_kind kind) {
               zyn_fpi_scratch_channels};
     case ZYN_FPI_DEPTHWISE:
       return {zyn_fpi_run_depthwise, nullptr, nullptr, zyn_fpi_scratch_depthwise};
+    case ZYN_FPI_DEPTHWISE_CHANNELS:
+      return {zyn_fpi_run_depthwise_channels, zyn_fpi_packed_depthwise_channels,
+              zyn_fpi_pack_depthwise_channels, nullptr};
     case ZYN_FPI_DENSE_ANY:
     case ZYN_FPI_DEPTHWISE_ANY:
       return {zyn_fpi_run_any, nullptr, nullptr, nullptr};
@@ -101,7 +106,8 @@ zyn_fpi_kind choose(const zyn_conv_param* p, const zyn_fpi_layer& l, const zyn_t
                     const zyn_tensor* output) {
   const bool dense = p->groups == 1;
   if (!dense && !zyn_conv_is_depthwise(p)) return ZYN_FPI_NONE;
-  const zyn_fpi_kind kind = dense ? choose_dense(l, output->dims[0]) : choose_depthwise(l);
+  const zyn_fpi_kind kind =
+      dense ? choose_dense(l, output->dims[0]) : choose_depthwise(l, input, output);
   if (is_bounded(kind, l, input, output)) return kind;
   return dense ? ZYN_FPI_DENSE_ANY : ZYN_FPI_DEPTHWISE_ANY;
 }
@@ -130,11 +136,15 @@ uint32_t zyn_fpi_make_plan(zyn_fpi_plan* plan, const int16_t* weights, const zyn
   if (shift < 0 || shift > 31) return ZYN_RET_ERR_PARA;
   zyn_fpi_drop_plan(plan);
   const zyn_fpi_layer layer = {zyn_conv_shape_of(param), param->in_channels, param->out_channels};
-  *plan = {choose(param, layer, input, output), static_cast<int32_t>(shift), layer, weights,
+  *plan = {choose(param, layer, input, output),
+           static_cast<int32_t>(shift),
+           layer,
+           int64_t{output->dims[0]} * output->dims[1],
+           weights,
            nullptr};
   const kernel chosen = kernel_of(plan->kind);
   if (!chosen.pack) return ZYN_RET_OK;
-  const int64_t bytes = chosen.packed(layer) * static_cast<int64_t>(sizeof(int32_t));
+  const int64_t bytes = chosen.packed(*plan) * static_cast<int64_t>(sizeof(int32_t));
   plan->packed = static_cast<int32_t*>(zyn_malloc(bytes));
   if (!plan->packed) {
     *plan = {};

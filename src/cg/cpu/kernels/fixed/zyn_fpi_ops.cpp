@@ -332,9 +332,22 @@ void zyn_fpi_average_pool(int16_t* out, int32_t q_out, const int16_t* in, int32_
 void zyn_fpi_linear(int16_t* out, int64_t units, const int16_t* in, const int16_t* weights,
                     int64_t features, int32_t shift) {
   const int64_t round = shift > 0 ? int64_t{1} << (shift - 1) : 0;
+  const int64_t whole = features / kZynFpiLanes * kZynFpiLanes;
+  const int64_t lowest = int64_t{1} << 31;
   for (int64_t j = 0; j < units; j++, weights += features) {
-    int64_t sum = round;
-    for (int64_t i = 0; i < features; i++) sum += in[i] * weights[i];
+    // Two products add up to more than -2^31, whose bits therefore stand for 2^31. With 2^31 - 1
+    // added every such sum is an unsigned number of 32 bits.
+    __m256i low = _mm256_setzero_si256(), high = low;
+    for (int64_t i = 0; i < whole; i += kZynFpiLanes) {
+      const __m256i pairs = _mm256_madd_epi16(zyn_fpi_load(in + i), zyn_fpi_load(weights + i));
+      const __m256i above = _mm256_add_epi32(pairs, _mm256_set1_epi32(INT32_MAX));
+      low = _mm256_add_epi64(low, _mm256_and_si256(above, _mm256_set1_epi64x(UINT32_MAX)));
+      high = _mm256_add_epi64(high, _mm256_srli_epi64(above, 32));
+    }
+    int64_t lanes[4];
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(lanes), _mm256_add_epi64(low, high));
+    int64_t sum = round + lanes[0] + lanes[1] + lanes[2] + lanes[3] - whole / 2 * (lowest - 1);
+    for (int64_t i = whole; i < features; i++) sum += in[i] * weights[i];
     out[j] = static_cast<int16_t>(sum >> shift);
   }
 }

@@ -12,14 +12,17 @@
 #include "cg/cpu/kernels/zyn_conv_shape.h"
 
 struct zyn_conv_general {
-  zyn_conv_shape shape;
+  zyn_conv_shape shape;                             // dense layers: of the taps that meet the input
+  int32_t first_x, first_y, taps_in_row, all_taps;  // where these lie in the whole kernel
   bool depthwise, planar_output;
   int32_t in_channels, out_channels;
   int32_t width, height, out_width, out_height;
   int32_t blocks;     // of 8 output channels a group of them
   int32_t pitch;      // columns of a gathered row
   int32_t strip;      // output rows at a time
-  bool along_y;       // lines of pixels run downwards
+  bool along_y;       // lines of pixels run downwards, and taps are ordered by their column
+  bool outside;       // taps meet places outside the input
+  bool picks;         // 1 x 1 with strides: of planar input the pixels that are read are gathered
   int64_t in_floats;  // of scratch for gathered rows
   int64_t* taps[2];   // pixels from a pixel's first tap to each, in place and gathered
   float* weights;     // by group, then [step][input][lane]; depthwise [8 channels][tap][lane]
@@ -105,19 +108,41 @@ int32_t classes_of(const layer& l, input_class (&classes)[3]) {
   return count;
 }
 
+// Taps are ordered by lines: rows of the kernel, or its columns where lines of pixels run
+// downwards. So those that a line of pixels sees inside the input follow each other.
+struct tap_lines {
+  int32_t lines, taps;                    // of each
+  int32_t stride, pad, dilation, extent;  // along the axis that lines lie one behind the other
+};
+tap_lines tap_lines_of(const layer& l) {
+  const zyn_conv_shape& s = l.shape;
+  return l.along_y ? tap_lines{s.kernel_x, s.kernel_y, s.stride_x, s.pad_x, s.dilation_x, l.width}
+                   : tap_lines{s.kernel_y, s.kernel_x, s.stride_y, s.pad_y, s.dilation_y, l.height};
+}
+
 // Weights of a group of blocks, class by class.
 float* pack_group(const layer& l, float* to, const float* weights, int32_t block, int32_t blocks) {
   input_class classes[3];
-  const int32_t count = classes_of(l, classes), taps = taps_of(l);
+  const int32_t count = classes_of(l, classes);
+  const tap_lines order = tap_lines_of(l);
+  const auto place = [&](int32_t line, int32_t tap) {  // in the whole kernel
+    const int32_t x = l.first_x + (l.along_y ? line : tap);
+    const int32_t y = l.first_y + (l.along_y ? tap : line);
+    return y * l.taps_in_row + x;
+  };
+  const auto add_tap = [&](int64_t in, int32_t width, int32_t tap) {
+    for (int32_t k = 0; k < width; k++)
+      for (int32_t lane = 0; lane < blocks * kLanes; lane++) {
+        const int64_t out = int64_t{block} * kLanes + lane;
+        *to++ = out < l.out_channels ? weights[(out * l.in_channels + in + k) * l.all_taps + tap]
+                                     : 0.0f;
+      }
+  };
   for (int32_t n = 0; n < count; n++)
-    for (int32_t i = 0; i < classes[n].blocks; i++)
-      for (int32_t t = 0; t < taps; t++)
-        for (int32_t k = 0; k < classes[n].width; k++)
-          for (int32_t lane = 0; lane < blocks * kLanes; lane++, to++) {
-            const int64_t out = int64_t{block} * kLanes + lane;
-            const int64_t in = classes[n].first + int64_t{i} * classes[n].width + k;
-            *to = out < l.out_channels ? weights[(out * l.in_channels + in) * taps + t] : 0.0f;
-          }
+    for (int32_t line = 0; line < order.lines; line++)
+      for (int64_t i = 0; i < classes[n].blocks; i++)
+        for (int32_t t = 0; t < order.taps; t++)
+          add_tap(classes[n].first + i * classes[n].width, classes[n].width, place(line, t));
   return to;
 }
 
@@ -158,37 +183,65 @@ struct strip_input {
   int64_t row;    // first row within a plane
   int32_t pitch;
   const int64_t* taps;  // of the layer
+  int32_t step_x, step_y;
 
   const float* channels_from(int32_t channel, int32_t width) const {
     return base + channel * plane + row * pitch * width;
   }
 };
 
-// A chunk's part of a strip: lines of pixels along its rows, or its columns.
-void run_lines(const call& c, zyn_general_lines line, int32_t lanes, int32_t pitch, int32_t rows,
-               int32_t blocks) {
+// Steps of a class of input channels that are done at once, first to end - 1.
+struct chunk {
+  int64_t first, end;
+  int64_t in_line;  // steps of a line of taps
+  int64_t floats;   // of a step's weights
+  bool last;
+};
+
+// The part of a chunk that a line of output pixels sees inside the input.
+chunk seen_by(const chunk& steps, const tap_lines& taps, int64_t line) {
+  const int64_t start = line * taps.stride - taps.pad;  // of the line's first tap
+  const int64_t skipped = start < 0 ? (-start + taps.dilation - 1) / taps.dilation : 0;
+  const int64_t end = start < taps.extent ? (taps.extent - 1 - start) / taps.dilation + 1 : 0;
+  chunk seen = steps;
+  if (skipped * steps.in_line > seen.first) seen.first = skipped * steps.in_line;
+  if (end * steps.in_line < seen.end) seen.end = end * steps.in_line;
+  if (seen.end < seen.first) seen.end = seen.first = steps.first;
+  return seen;
+}
+
+// A chunk's part of a strip that begins at row y: lines of pixels along its rows, or its
+// columns, those together that see the same taps.
+void run_lines(const call& c, const strip_input& in, zyn_general_lines line, const chunk& steps,
+               int32_t lanes, int32_t y, int32_t rows, int32_t blocks) {
   const layer& l = c.l;
-  const int64_t across = int64_t{l.shape.stride_x} * lanes;
-  const int64_t down = int64_t{l.shape.stride_y} * pitch * lanes;
-  int64_t lines = rows, pixels = l.out_width, in_line = down,
-          out_line = int64_t{l.out_width} * kLanes;
-  line.in_step = across;
-  line.out_step = kLanes;
-  if (down == across * l.out_width) {  // rows follow each other
-    lines = 1;
-    pixels *= rows;
-  } else if (l.along_y) {
-    lines = l.out_width;
-    pixels = rows;
-    in_line = across;
-    line.in_step = down;
-    line.out_step = out_line;
-    out_line = kLanes;
+  const tap_lines taps = tap_lines_of(l);
+  const int64_t across = int64_t{in.step_x} * lanes;
+  const int64_t down = int64_t{in.step_y} * in.pitch * lanes;
+  const int64_t out_row = int64_t{l.out_width} * kLanes;
+  const int64_t count = l.along_y ? l.out_width : rows, pixels = l.along_y ? rows : l.out_width;
+  const bool joined = !l.along_y && down == across * l.out_width;  // rows follow each other
+  line.in_step = l.along_y ? down : across;
+  line.out_step = l.along_y ? out_row : kLanes;
+  line.in_line = l.along_y ? across : down;
+  line.out_line = l.along_y ? kLanes : out_row;
+  const int64_t origin = l.along_y ? 0 : y;
+  for (int64_t i = 0, next = 0; i < count; i = next) {
+    const chunk seen = l.outside ? seen_by(steps, taps, origin + i) : steps;
+    for (next = l.outside ? i + 1 : count; next < count; next++) {
+      const chunk other = seen_by(steps, taps, origin + next);
+      if (other.first != seen.first || other.end != seen.end) break;
+    }
+    if (seen.first == seen.end && !line.first && !steps.last) continue;
+    zyn_general_lines some = line;
+    some.in += i * line.in_line;
+    some.out += i * line.out_line;
+    some.taps += seen.first - steps.first;
+    some.tap_count = static_cast<int32_t>(seen.end - seen.first);
+    some.weights += (seen.first - steps.first) * steps.floats;
+    some.lines = joined ? 1 : next - i;
+    zyn_general_dense_lines(some, blocks, joined ? pixels * (next - i) : pixels);
   }
-  line.lines = lines;
-  line.in_line = in_line;
-  line.out_line = out_line;
-  zyn_general_dense_lines(line, blocks, pixels);
 }
 
 // Where a group's sums of a strip go: the output itself where its order is that of the tiles.
@@ -225,27 +278,32 @@ void finish(const call& c, const target& to, int32_t block, int32_t blocks, int3
 // inputs, or of one: in a block of 4 these lie side by side.
 class step_walk {
  public:
-  step_walk(const strip_input& in, const input_class& k, int32_t taps)
-      : in_(in), k_(k), taps_(taps), parts_(k.width == kLanes ? 1 : k.width) {}
+  step_walk(const strip_input& in, const input_class& k, const tap_lines& order)
+      : in_(in), k_(k), order_(order), parts_(k.width == kLanes ? 1 : k.width) {}
 
   int32_t inputs() const { return k_.width / parts_; }
-  int64_t count() const { return int64_t{k_.blocks} * taps_ * parts_; }
+  int64_t in_line() const { return int64_t{k_.blocks} * order_.taps * parts_; }
+  int64_t count() const { return in_line() * order_.lines; }
   // The offset of the step at hand; the next one is then at hand.
   int64_t next() {
-    const int64_t offset = block_ + in_.taps[tap_] * k_.width + part_;
+    const int64_t offset =
+        block_ * k_.width * in_.plane + in_.taps[line_ * order_.taps + tap_] * k_.width + part_;
     if (++part_ < parts_) return offset;
     part_ = 0;
-    if (++tap_ < taps_) return offset;
+    if (++tap_ < order_.taps) return offset;
     tap_ = 0;
-    block_ += k_.width * in_.plane;
+    if (++block_ < k_.blocks) return offset;
+    block_ = 0;
+    line_++;
     return offset;
   }
 
  private:
   const strip_input& in_;
   const input_class& k_;
-  int32_t taps_, parts_;
-  int32_t tap_ = 0, part_ = 0;
+  const tap_lines order_;
+  int32_t parts_;
+  int32_t line_ = 0, tap_ = 0, part_ = 0;
   int64_t block_ = 0;
 };
 
@@ -254,21 +312,20 @@ const float* dense_group(const call& c, const strip_input& in, const float* weig
                          int32_t blocks, int32_t y, int32_t rows) {
   const layer& l = c.l;
   const target to = target_of(c, block, blocks, y, rows);
-  const int32_t taps = taps_of(l);
   input_class classes[3];
   const int32_t count = classes_of(l, classes);
   int64_t offsets[kMostTaps];
   bool first = true;
   for (int32_t n = 0; n < count; n++) {
     const input_class& k = classes[n];
-    step_walk walk(in, k, taps);
+    step_walk walk(in, k, tap_lines_of(l));
     const int64_t steps = walk.count();
     const int64_t step_floats = int64_t{walk.inputs()} * blocks * kLanes;
     int64_t most = kChunkBytes / static_cast<int64_t>(sizeof(float)) / step_floats;
     most = most < 1 ? 1 : most > kMostTaps ? kMostTaps : most;
     const int64_t chunks = (steps + most - 1) / most;
-    for (int64_t done = 0, chunk = 0; done < steps; chunk++) {
-      const int64_t end = steps * (chunk + 1) / chunks;
+    for (int64_t done = 0, n_done = 0; done < steps; n_done++) {
+      const int64_t end = steps * (n_done + 1) / chunks;
       for (int64_t s = done; s < end; s++) offsets[s - done] = walk.next();
       const bool last = n == count - 1 && end == steps;
       zyn_general_lines line = {in.channels_from(k.first, k.width),
@@ -286,7 +343,8 @@ const float* dense_group(const call& c, const strip_input& in, const float* weig
                                 0,
                                 0,
                                 0};
-      run_lines(c, line, k.width, in.pitch, rows, blocks);
+      const chunk part = {done, end, walk.in_line(), step_floats, last};
+      run_lines(c, in, line, part, k.width, y, rows, blocks);
       weights += (end - done) * step_floats;
       done = end;
       first = false;
@@ -302,22 +360,49 @@ zyn_general_window window_of(const layer& l, int32_t y, int32_t rows) {
           -l.shape.pad_x, l.pitch};
 }
 
-void run_dense(const call& c) {
+// The input of a strip of a layer that picks its pixels, as of one without strides.
+strip_input picked_strip(const call& c, int32_t y, int32_t rows) {
   const layer& l = c.l;
+  const int32_t pixels = rows * l.out_width;
+  float* const planes = c.rows + int64_t{l.in_channels} * pixels;
   input_class classes[3];
   const int32_t count = classes_of(l, classes);
+  for (int32_t n = 0; n < count; n++)
+    for (int32_t i = 0; i < classes[n].blocks; i++) {
+      const int32_t channel = classes[n].first + i * classes[n].width, width = classes[n].width;
+      zyn_general_pick(planes, c.in, channel, width,
+                       {y, rows, l.out_width, l.shape.stride_x, l.shape.stride_y});
+      zyn_general_gather(c.rows + int64_t{channel} * pixels, {planes, false, width, pixels, 1}, 0,
+                         width, {0, 1, 0, pixels}, true);
+    }
+  return {c.rows, pixels, 0, l.out_width, l.taps[1], 1, 1};
+}
+
+// The input of a strip with zeros around it.
+strip_input gathered_strip(const call& c, int32_t y, int32_t rows) {
+  const layer& l = c.l;
+  const int64_t plane = rows_read(l, rows) * l.pitch;
+  input_class classes[3];
+  const int32_t count = classes_of(l, classes);
+  for (int32_t n = 0; n < count; n++)
+    for (int32_t i = 0; i < classes[n].blocks; i++) {
+      const int32_t channel = classes[n].first + i * classes[n].width;
+      zyn_general_gather(c.rows + channel * plane, c.in, channel, classes[n].width,
+                         window_of(l, y, rows), true);
+    }
+  return {c.rows, plane, 0, l.pitch, l.taps[1], l.shape.stride_x, l.shape.stride_y};
+}
+
+void run_dense(const call& c) {
+  const layer& l = c.l;
   for (int32_t y = 0; y < l.out_height; y += l.strip) {
     const int32_t rows = l.out_height - y < l.strip ? l.out_height - y : l.strip;
-    strip_input in = {c.in.data, c.in.plane(), int64_t{y} * l.shape.stride_y, l.width, l.taps[0]};
-    if (c.gathers) {
-      in = {c.rows, rows_read(l, rows) * l.pitch, 0, l.pitch, l.taps[1]};
-      for (int32_t n = 0; n < count; n++)
-        for (int32_t i = 0; i < classes[n].blocks; i++) {
-          const int32_t channel = classes[n].first + i * classes[n].width;
-          zyn_general_gather(c.rows + channel * in.plane, c.in, channel, classes[n].width,
-                             window_of(l, y, rows), true);
-        }
-    }
+    const strip_input in =
+        !c.gathers ? strip_input{c.in.data,       c.in.plane(), int64_t{y} * l.shape.stride_y,
+                                 l.width,         l.taps[0],    l.shape.stride_x,
+                                 l.shape.stride_y}
+        : l.picks  ? picked_strip(c, y, rows)
+                   : gathered_strip(c, y, rows);
     const float* weights = l.weights;
     for (int32_t block = 0, blocks = 0; block < block_count(l); block += blocks) {
       blocks = group_at(l, block);
@@ -358,9 +443,31 @@ int32_t strip_rows(const layer& l) {
 }
 
 void fill_taps(const layer& l, int64_t* taps, int32_t pitch) {
-  for (int64_t ky = 0; ky < l.shape.kernel_y; ky++)
-    for (int64_t kx = 0; kx < l.shape.kernel_x; kx++)
-      *taps++ = ky * l.shape.dilation_y * pitch + kx * l.shape.dilation_x;
+  const zyn_conv_shape& s = l.shape;
+  const int64_t across = s.dilation_x, down = int64_t{s.dilation_y} * pitch;
+  const tap_lines order = tap_lines_of(l);
+  for (int64_t line = 0; line < order.lines; line++)
+    for (int64_t t = 0; t < order.taps; t++)
+      *taps++ = l.along_y ? line * across + t * down : line * down + t * across;
+}
+
+// Taps that meet the input under none of count outputs, at either end of an axis of a kernel: cut
+// off. Returns how many there are at its beginning.
+int32_t cut_taps(int32_t* kernel, int32_t* pad, int32_t stride, int32_t dilation, int32_t extent,
+                 int32_t count) {
+  const auto meets = [=](int64_t tap) {
+    for (int64_t x = 0; x < count; x++) {
+      const int64_t at = x * stride - *pad + tap * dilation;
+      if (at >= 0 && at < extent) return true;
+    }
+    return false;
+  };
+  int32_t first = 0;
+  while (*kernel > 1 && !meets(*kernel - 1)) --*kernel;
+  while (first + 1 < *kernel && !meets(first)) first++;
+  *kernel -= first;
+  *pad -= first * dilation;
+  return first;
 }
 
 // The layer's shape; false where it is not served.
@@ -384,18 +491,28 @@ bool open(layer* l, const zyn_conv_param& param, int32_t width, int32_t height) 
 
 // What a dense run is made of.
 void plan_dense(layer* l) {
-  const zyn_conv_shape& s = l->shape;
+  zyn_conv_shape& s = l->shape;
+  l->taps_in_row = s.kernel_x;
+  l->all_taps = taps_of(*l);
+  l->first_x = cut_taps(&s.kernel_x, &s.pad_x, s.stride_x, s.dilation_x, l->width, l->out_width);
+  l->first_y = cut_taps(&s.kernel_y, &s.pad_y, s.stride_y, s.dilation_y, l->height, l->out_height);
   const int64_t reach = int64_t{s.kernel_x - 1} * s.dilation_x;
   l->pitch = static_cast<int32_t>(int64_t{l->out_width - 1} * s.stride_x + reach + 1);
+  const bool beside = s.pad_x != 0 || l->pitch > l->width;
+  l->outside = beside || s.pad_y != 0 || rows_read(*l, l->out_height) > l->height;
   l->along_y = l->out_width < 4 && l->out_height > l->out_width;
-  const bool one_line = s.kernel_x == 1 && s.kernel_y == 1 && s.stride_x == 1 && s.stride_y == 1;
+  const bool strided = s.stride_x > 1 || s.stride_y > 1;
+  const bool one_line = s.kernel_x == 1 && s.kernel_y == 1 && !strided;
+  l->picks = s.kernel_x == 1 && s.kernel_y == 1 && strided && !l->outside;
   const int64_t pixels = one_line     ? int64_t{l->out_width} * l->out_height
                          : l->along_y ? l->out_height
                                       : l->out_width;
   l->blocks = choose_blocks(*l, pixels);
   l->strip = strip_rows(*l);
   if (l->along_y) l->strip = l->out_height;
-  l->in_floats = round_up(int64_t{l->in_channels} * rows_read(*l, l->strip) * l->pitch, kAlignment);
+  const int64_t gathered = l->picks ? (int64_t{l->in_channels} + kLanes) * l->strip * l->out_width
+                                    : int64_t{l->in_channels} * rows_read(*l, l->strip) * l->pitch;
+  l->in_floats = round_up(gathered, kAlignment);
 }
 
 }  // namespace
@@ -415,6 +532,7 @@ zyn_conv_general* zyn_conv_general_prepare(const float* weights, const zyn_conv_
   l.planar_output = planar_output;
   const int64_t blocks = block_count(l);
   const int64_t inputs = l.depthwise ? 1 : l.in_channels;
+  if (!l.depthwise) plan_dense(&l);
   zyn_scratch<float> packed(blocks * kLanes * inputs * taps_of(l));
   zyn_scratch<int64_t> taps(int64_t{2} * taps_of(l));
   zyn_scratch<layer> made(1);
@@ -424,7 +542,6 @@ zyn_conv_general* zyn_conv_general_prepare(const float* weights, const zyn_conv_
                                           planar_output, scratch);
     if (!l.planes) return nullptr;
   } else {
-    plan_dense(&l);
     *scratch = l.in_floats + int64_t{l.blocks} * kLanes * l.strip * l.out_width;
   }
   *scratch += blocks * kLanes;
@@ -460,7 +577,6 @@ void zyn_conv_general_run(const zyn_conv_general* layer, zyn_tensor* output,
   const int64_t blocks = block_count(l);
   const bool one_pixel = l.width == 1 && l.height == 1;  // both orders are one
   const bool blocked = input->layout == ZYN_LAYOUT_BLOCKED || one_pixel;
-  const bool padded = l.shape.pad_x > 0 || l.shape.pad_y > 0;
   const bool relu = epilogue.activation == ZYN_EPILOGUE_RELU;
   const bool same_order = l.in_channels < 4;
   float* bias = scratch;
@@ -479,6 +595,6 @@ void zyn_conv_general_run(const zyn_conv_general* layer, zyn_tensor* output,
   if (l.depthwise)
     return zyn_general_depthwise_planes(l.planes,
                                         {in, out, l.weights, bias, floor, activation, scratch});
-  run_dense({l, in, out, padded || !(blocked || same_order), bias, floor, activation, scratch,
+  run_dense({l, in, out, l.outside || !(blocked || same_order), bias, floor, activation, scratch,
              scratch + l.in_floats});
 }

@@ -136,6 +136,12 @@ void separate(float* planes, int64_t plane, int32_t valid, int64_t count, const 
   }
 }
 
+// Every other one of 16.
+__m256 even_pixels(const float* from) {
+  const __m256 pairs = _mm256_shuffle_ps(_mm256_loadu_ps(from), _mm256_loadu_ps(from + 8), 0x88);
+  return _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(pairs), 0xD8));
+}
+
 }  // namespace
 
 void zyn_general_gather(float* out, const zyn_general_tensor& from, int32_t channel, int32_t lanes,
@@ -177,6 +183,21 @@ void zyn_general_gather(float* out, const zyn_general_tensor& from, int32_t chan
     for (int32_t y = top; y < bottom; y++, inside += row_floats)
       copy_pixels(inside, from, channel, lanes, start + int64_t{y - top} * from.width + begin,
                   end - begin);
+  }
+}
+
+void zyn_general_pick(float* out, const zyn_general_tensor& from, int32_t channel, int32_t lanes,
+                      const zyn_general_grid& g) {
+  const int32_t left = from.channels - channel, valid = left < lanes ? left : lanes;
+  for (int32_t k = 0; k < valid; k++) {
+    const float* row =
+        from.data + (channel + k) * from.plane() + int64_t{g.first} * g.step_y * from.width;
+    for (int32_t y = 0; y < g.rows; y++, row += int64_t{g.step_y} * from.width, out += g.count) {
+      int32_t x = 0;
+      for (; g.step_x == 2 && 2 * (x + kLanes) <= from.width; x += kLanes)
+        _mm256_storeu_ps(out + x, even_pixels(row + 2 * x));
+      for (; x < g.count; x++) out[x] = row[int64_t{x} * g.step_x];
+    }
   }
 }
 

@@ -26,6 +26,14 @@ struct zyn_general_window {
 void zyn_general_gather(float* out, const zyn_general_tensor& from, int32_t channel, int32_t lanes,
                         const zyn_general_window& window, bool zeros);
 
+// Pixels step_x and step_y apart of planar input: rows of count from pixel 0 of row first on, into
+// planes of rows * count; as many channels as lanes, or as are left.
+struct zyn_general_grid {
+  int32_t first, rows, count, step_x, step_y;
+};
+void zyn_general_pick(float* out, const zyn_general_tensor& from, int32_t channel, int32_t lanes,
+                      const zyn_general_grid& grid);
+
 // count pixels of up to 8 channels from channel on, [pixel][8], into the tensor from its pixel
 // number first on; lanes behind the last channel are left out.
 void zyn_general_scatter(const zyn_general_tensor& to, int32_t channel, int64_t first,

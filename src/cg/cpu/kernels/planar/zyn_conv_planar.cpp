@@ -31,6 +31,18 @@ bool open_layer(zyn_planar_layer* layer, zyn_tensor* output, const zyn_tensor* i
   return true;
 }
 
+// Whether a depthwise layer has a kernel of its own.
+bool is_direct(const zyn_planar_layer& l, int32_t kernel, int32_t stride) {
+  const zyn_conv_shape& p = l.shape;
+  const auto fits = [=](int64_t in, int64_t out, int32_t pad) {
+    return pad >= 0 && pad < kernel && in + 2 * pad >= kernel &&
+           out == (in + 2 * pad - kernel) / stride + 1;
+  };
+  return p.kernel_x == kernel && p.kernel_y == kernel && p.stride_x == stride &&
+         p.stride_y == stride && p.dilation_x == 1 && p.dilation_y == 1 &&
+         fits(l.in_w, l.out_w, p.pad_x) && fits(l.in_h, l.out_h, p.pad_y);
+}
+
 }  // namespace
 
 bool zyn_planar_is_regular(const zyn_planar_layer& l, int32_t kernel, int32_t stride) {
@@ -71,7 +83,7 @@ uint32_t zyn_cg_dwconv_planar(zyn_tensor* output, const zyn_tensor* input, const
   constexpr int32_t kKernels[] = {3, 5};
   for (int32_t kernel : kKernels)
     for (int32_t stride = 1; stride <= 2; stride++)
-      if (zyn_planar_is_regular(layer, kernel, stride)) {
+      if (is_direct(layer, kernel, stride)) {
         zyn_planar_depthwise(layer, kernel, stride);
         return ZYN_RET_OK;
       }

@@ -71,7 +71,7 @@ uint32_t zyn_planar_generic_depthwise(const zyn_planar_layer& layer);
 uint32_t zyn_planar_3x3_s1(const zyn_planar_layer& layer);
 uint32_t zyn_planar_3x3_s1_small(const zyn_planar_layer& layer);
 
-// Depthwise 3x3 and 5x5, regular, stride 1 and 2.
+// Depthwise 3x3 and 5x5, stride 1 and 2, no dilation, padding below the kernel.
 void zyn_planar_depthwise(const zyn_planar_layer& layer, int32_t kernel, int32_t stride);
 
 // Pointwise over planes, and over single pixels.

@@ -1,4 +1,4 @@
-// Depthwise 3x3 and 5x5 convolution over planes, stride 1 and 2, padding kernel / 2,
+// Depthwise 3x3 and 5x5 convolution over planes, stride 1 and 2, padding below the kernel's size,
 // straight from the input rows. A tile is 4 rows by 8 pixels of output: every loaded
 // vector serves all the output rows that it lies under. Tiles at the left and right
 // edge load under masks, tiles at the top and bottom leave rows out; the last group of
@@ -20,6 +20,7 @@ struct plane {
   int32_t width, height;
   float* out;
   int32_t out_width, out_height;
+  int32_t pad_x, pad_y;
   __m256 weights[Kernel * Kernel];
   zyn_planar_epilogue epilogue;
 };
@@ -62,11 +63,10 @@ struct window {
 
 template <int Kernel, int Stride, int Rows, edge Edge>
 void tile(const plane<Kernel>& p, const window<Kernel, Stride>& columns, int32_t y, int32_t x) {
-  constexpr int kPad = Kernel / 2;
   constexpr int kInRows = (Rows - 1) * Stride + Kernel;
-  const int32_t top = y * Stride - kPad;
+  const int32_t top = y * Stride - p.pad_y;
   const int64_t width = p.width;
-  const float* row = p.in + top * width + x * Stride - kPad;
+  const float* row = p.in + top * width + x * Stride - p.pad_x;
   __m256 sum[Rows];
   ZYN_UNROLL for (int j = 0; j < Rows; j++) sum[j] = _mm256_setzero_ps();
   ZYN_UNROLL for (int r = 0; r < kInRows; r++) {
@@ -100,24 +100,23 @@ void for_row_groups(int32_t height, const Action& action) {
 
 template <int Kernel, int Stride, int Rows>
 void convolve(const plane<Kernel>& p) {
-  constexpr int32_t kPad = Kernel / 2;
   // Tiles [first, end) read inside the rows: the last column that one reads is
-  // x * Stride - kPad + kReach - 1.
+  // x * Stride - pad_x + kReach - 1.
   constexpr int32_t kReach = Stride == 1 ? kPixels + Kernel - 1 : 2 * kPixels + Kernel - 1;
-  const int32_t first = kPixels;
+  const int32_t first = p.pad_x > 0 ? kPixels : 0;
   int32_t end = first;
-  while (end + kPixels <= p.out_width && end * Stride - kPad + kReach <= p.width) end += kPixels;
+  while (end + kPixels <= p.out_width && end * Stride - p.pad_x + kReach <= p.width) end += kPixels;
   for (int32_t x = 0; x < p.out_width; x += kPixels) {
     if (x == first) x = end;
     if (x >= p.out_width) break;
-    const window<Kernel, Stride> columns(x * Stride - kPad, p.width);
+    const window<Kernel, Stride> columns(x * Stride - p.pad_x, p.width);
     for_row_groups<Rows>(p.out_height, [&](int32_t y) {
       tile<Kernel, Stride, Rows, kColumnEdge>(p, columns, y, x);
     });
   }
   const window<Kernel, Stride> unmasked(0, 0);
   for_row_groups<Rows>(p.out_height, [&](int32_t y) {
-    const int32_t top = y * Stride - kPad;
+    const int32_t top = y * Stride - p.pad_y;
     const bool inside = top >= 0 && top + (Rows - 1) * Stride + Kernel <= p.height;
     for (int32_t x = first; x < end; x += kPixels)
       if (inside)
@@ -130,8 +129,16 @@ void convolve(const plane<Kernel>& p) {
 template <int Kernel, int Stride>
 void convolve_all(const zyn_planar_layer& l) {
   for (int32_t c = 0; c < l.out_channels; c++) {
-    plane<Kernel> p = {l.in_plane(c), l.in_w,  l.in_h, l.out_plane(c),
-                       l.out_w,       l.out_h, {},     zyn_planar_epilogue(l.epilogue, c)};
+    plane<Kernel> p = {l.in_plane(c),
+                       l.in_w,
+                       l.in_h,
+                       l.out_plane(c),
+                       l.out_w,
+                       l.out_h,
+                       l.shape.pad_x,
+                       l.shape.pad_y,
+                       {},
+                       zyn_planar_epilogue(l.epilogue, c)};
     for (int i = 0; i < Kernel * Kernel; i++)
       p.weights[i] = _mm256_broadcast_ss(l.weights + static_cast<int64_t>(c) * Kernel * Kernel + i);
     if (l.out_h >= kRows)

@@ -83,6 +83,20 @@ void fill_columns(float* columns, const float* input, const zyn_conv_plan* p,
         fill_row(columns, input + c * plane, p, ky, kx, run);
 }
 
+// The column of an output of one pixel: a row of taps sees neighbours in the image.
+void fill_column(float* column, const float* input, const zyn_conv_plan* p) {
+  const int64_t w = p->input_w, h = p->input_h, kernel = p->kernel, pad = p->pad;
+  for (int64_t c = 0; c < p->input_channels; c++, input += w * h)
+    for (int64_t ky = 0; ky < kernel; ky++) {
+      const bool inside = ky >= pad && ky - pad < h;
+      const int64_t begin = inside ? zyn_smaller(pad, kernel) : kernel;
+      const int64_t end = inside ? zyn_smaller(w + pad, kernel) : kernel;
+      column = clear(column, begin);
+      column = copy(column, input + (ky - pad) * w + begin - pad, end - begin, 1);
+      column = clear(column, kernel - end);
+    }
+}
+
 bool tensor_is(const zyn_tensor* t, int64_t w, int64_t h, int64_t c) {
   return t->dims[0] == w && t->dims[1] == h && t->dims[2] == c &&
          t->byte_size >= w * h * c * static_cast<int64_t>(sizeof(float));
@@ -110,7 +124,10 @@ uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_
   for (int64_t first = 0; first < pixels; first += part) {
     const pixel_run run = {first % plan->output_w, first / plan->output_w,
                            zyn_smaller(part, pixels - first)};
-    fill_columns(columns.get(), input, plan, run);
+    if (pixels == 1)
+      fill_column(columns.get(), input, plan);
+    else
+      fill_columns(columns.get(), input, plan, run);
     if (zyn_conv_is_by_vector(plan))
       zyn_gemm_by_vector(rows, k, plan->weights + zyn_conv_vector_weights(plan), columns.get(),
                          output);
