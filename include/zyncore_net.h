@@ -379,9 +379,9 @@ typedef struct zyn_net_memory_use {
 /* Fills *use. 1: null argument. */
 ZYN_API int32_t zyn_net_memory(const zyn_net* net, zyn_net_memory_use* use);
 
-/* The graph that the network runs on, for a closer look: node outputs, planes or channel blocks as
- * their layout says (all of them with
- * keep_all), fraction bits. The network's own: do not change or release it. */
+/* The graph that the network runs on, for a closer look: node outputs (all of them with
+ * keep_all; planes or channel blocks, as their layout says), fraction bits. The network's own:
+ * do not change or release it. */
 ZYN_API zyn_cg_handle* zyn_net_graph(zyn_net* net);
 
 /* ------------------------------------------------------------------------ */
