@@ -380,7 +380,8 @@ typedef struct zyn_net_memory_use {
 ZYN_API int32_t zyn_net_memory(const zyn_net* net, zyn_net_memory_use* use);
 
 /* The graph that the network runs on, for a closer look: node outputs (all of them with
- * keep_all), fraction bits. The network's own: do not change or release it. */
+ * keep_all; planes or channel blocks, as their layout says), fraction bits. The network's own:
+ * do not change or release it. */
 ZYN_API zyn_cg_handle* zyn_net_graph(zyn_net* net);
 
 /* ------------------------------------------------------------------------ */

@@ -36,7 +36,7 @@ line 2 "$info" --method 3
 # What comes out, by kind of input.
 runs 0 'sum_1 \(1, 4, 6, 8\): ' "$work/net.zyn" "$work/whole.bmp"
 runs 0 'first run .* 3 runs: fastest' "$work/net.zyn" "$work/whole.bmp" --runs 3 --out "$work/bmp"
-runs 0 . "$work/net.zyn" "image=$work/bytes.npy" --out "$work/bytes" --method 1
+runs 0 . "$work/net.zyn" "image=$work/bytes.npy" --out "$work/bytes" --method exact
 runs 0 . "$work/net.zyn" "$work/floats.npy" --out "$work/floats" --node 4
 runs 0 'act\.npy' "$work/net.zyn" "$work/floats.f32" --out "$work/raw" --keep-all
 for rule in none:whole border:wide crop:tall grey:whole; do

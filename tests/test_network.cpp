@@ -356,6 +356,48 @@ TEST(Network, WinogradIsTakenUnlessResultsShallBeExact) {
   }
 }
 
+// Whole blocks of channels are joined as they lie, others in planar order.
+TEST(Network, ConcatenationsOfChannelBlocksStayInThem) {
+  for (const int first : {16, 12}) {
+    Writer writer(zyn_net_writer_create());
+    const zyn_net_port in = port("x", {9, 7, 16});
+    const int x = zyn_net_writer_input(writer.get(), &in);
+    const auto conv = [&](int from, int channels, int outputs) {
+      std::vector<float> words(static_cast<size_t>(channels * outputs));
+      for (size_t i = 0; i < words.size(); i++) words[i] = static_cast<float>(i * 31 % 17) - 8;
+      const zyn_conv_param p = {channels, outputs, 1, 1, 1, 1, 0, 0, {0, 0}, 1, 1, 1, 0, {0}, 0};
+      const int reads[] = {from, add_constant(writer.get(), words)};
+      return zyn_net_writer_node(writer.get(), "", ZYN_OP_CONV_POINTWISE, &p, reads, 2);
+    };
+    const int both[] = {conv(x, 16, first), conv(x, 16, 13)};
+    const zyn_concat_param channels = {2, 2, nullptr};
+    const int joined = zyn_net_writer_node(writer.get(), "", ZYN_OP_CONCAT, &channels, both, 2);
+    const zyn_net_port outs[] = {port("y", {}, conv(joined, first + 13, 5)), port("j", {}, joined)};
+    for (const zyn_net_port& out : outs) EXPECT_EQ(zyn_net_writer_output(writer.get(), &out), 0);
+    std::vector<float> expected[2];
+    for (int method : {0, 1}) {
+      zyn_net_options options = ZYN_NET_DEFAULTS;
+      options.method = method;
+      const Network net = load(bytes_of(writer.get()), options);
+      ASSERT_TRUE(net) << zyn_error_detail();
+      std::vector<float> values[] = {values_of(net.get(), 1), {}};
+      const zyn_tensor* j = zyn_net_output(net.get(), "j");
+      values[1].assign(static_cast<float*>(j->data), static_cast<float*>(j->data) + j->count);
+      const bool blocked =
+          zyn_get_computation_node_inference_data(zyn_net_graph(net.get()), joined)->layout ==
+          ZYN_LAYOUT_BLOCKED;
+      EXPECT_EQ(blocked, method == 1 && first == 16);
+      for (int i = 0; i < 2; i++) {
+        if (method == 0) expected[i] = values[i];
+        ASSERT_EQ(values[i].size(), expected[i].size());
+        for (size_t k = 0; k < values[i].size(); k++)
+          ASSERT_NEAR(values[i][k], expected[i][k], 0.01f + 1e-5f * std::fabs(expected[i][k]))
+              << first << " " << i << " " << k;
+      }
+    }
+  }
+}
+
 TEST(Network, NothingIsLostWithoutMemory) {
   const Bytes file = small_file(), winograd = winograd_file(6, 6);
   const auto attempt = [](auto work) {

@@ -16,7 +16,8 @@ constexpr char kHelp[] =
     "width, height, channels.\n"
     "\n"
     "--method auto (the file's choice, else the table of costs), exact (auto without Winograd's\n"
-    "method), timed, 0, 1 or 2; --fixed loads for the fixed-point backend and shows fraction bits.\n"
+    "method), timed, 0, 1 or 2; --fixed loads for the fixed-point backend and shows fraction "
+    "bits.\n"
     "--json prints one JSON object.\n";
 
 // As python/zyncore/netfile.py names them.

@@ -30,6 +30,7 @@ int32_t make_graph(zyn_net* net) {
   settings.fixed_point = net->options.fixed_point == 1;
   net->graph = zyn_create_computation_graph_handle(&settings);
   if (!net->graph) return no_memory();
+  net->graph->any_order = true;
   for (int32_t id = 0; id < settings.max_nodes; id++) {
     if (net->nodes[id].name[0] &&
         zyn_cg_set_node_name(net->graph, id, net->nodes[id].name) != ZYN_RET_OK)

@@ -41,14 +41,13 @@ double rounded_up(double value, int32_t step) {
   return static_cast<double>((static_cast<int64_t>(value) + step - 1) / step * step);
 }
 
-// Lanes that blocks of 8, 4 and single channels take: a block of 4 costs 6 lanes, a single
-// channel some.
-double block_lanes(double channels, double single) {
+// Lanes that blocks of 8, 4 and single channels take, where a block of 4 costs as much as so many
+// and a single channel as others.
+double block_lanes(double channels, double of_four, double single) {
   auto count = static_cast<int64_t>(channels);
   const int64_t whole = count / 8 * 8;
   count -= whole;
-  const int64_t four = count >= 4 ? 6 : 0;
-  return static_cast<double>(whole + four) +
+  return static_cast<double>(whole) + (count >= 4 ? of_four : 0) +
          single * static_cast<double>(count >= 4 ? count - 4 : count);
 }
 
@@ -83,7 +82,10 @@ double planar_cost(const layer& l) {  // method 0
   const double rows = l.in_channels * l.out_channels * l.rows_out;
   if (l.kernel == 1) {
     const double work = rounded_up(l.pixels_out, 8) * outputs;
-    return l.stride == 1 ? 1.9e-5 * work + 5.1e-5 * l.moved() + 0.05
+    // The input is read again for every four outputs, from afar what the cache does not hold.
+    const double afar = l.pixels_in * l.in_channels - 131072, times = l.out_channels / 4 - 1;
+    const double again = afar > 0 && times > 0 ? 2.5e-4 * afar * times : 0;
+    return l.stride == 1 ? 1.9e-5 * work + 5.1e-5 * l.moved() + again + 0.05
                          : 3.8e-5 * work + 1.4e-4 * l.moved() + 7.3e-4 * rows + 0.47;
   }
   const double columns = rounded_up(l.pixels_out / l.rows_out, 8) * l.taps * l.rows_out;
@@ -98,9 +100,11 @@ double planar_cost(const layer& l) {  // method 0
 double blocked_cost(const layer& l) {  // method 1
   const double rows = l.in_channels * l.rows_out;
   if (l.depthwise)
-    return 2.2e-5 * l.taps * l.pixels_out * block_lanes(l.in_channels, 6) + 1.4e-4 * rows +
+    return 2.2e-5 * l.taps * l.pixels_out * block_lanes(l.in_channels, 6, 6) + 1.4e-4 * rows +
            1.4e-5 * l.pixels_in * l.in_channels + 0.08;
-  const double work = l.taps * l.pixels_out * l.in_channels * block_lanes(l.out_channels, 3.5);
+  const double lanes =
+      l.kernel == 1 ? block_lanes(l.out_channels, 6, 6) : block_lanes(l.out_channels, 9, 3.5);
+  const double work = l.taps * l.pixels_out * l.in_channels * lanes;
   return l.kernel == 1 ? 1.75e-5 * work + 5e-5 * l.moved() + 5e-5 * l.weights() + 0.08
                        : 2.05e-5 * work + 4.1e-5 * l.moved() + 3.4e-5 * l.weights() + 0.34;
 }
@@ -144,9 +148,9 @@ double general_cost(const layer& l, bool blocked_input, bool blocked_output) {
 double winograd_cost(const layer& l, bool blocked_output) {
   const double outputs = rounded_up(l.out_channels, 8), pairs = l.in_channels * outputs;
   const double frequencies = (l.tile + 2) * (l.tile + 2), afar = pairs - 65536;
-  return 6.5e-4 * l.pixels_in * l.in_channels + 2.3e-5 * l.products * pairs +
-         1.2e-4 * l.products * outputs + (blocked_output ? 0 : 1.9e-4) * l.pixels_out * outputs +
-         frequencies * (1e-5 * pairs + 8e-5 * (afar > 0 ? afar : 0)) + 0.3;
+  return 6.5e-4 * l.pixels_in * l.in_channels + 2.15e-5 * l.products * pairs +
+         2e-4 * l.products * outputs + (blocked_output ? 0 : 1.9e-4) * l.pixels_out * outputs +
+         frequencies * (1e-5 * pairs + 8e-5 * (afar > 0 ? afar : 0) + 0.02) + 0.3;
 }
 
 // Bringing a tensor from one order of channels to the other.
@@ -290,13 +294,32 @@ class chooser {
   // What total() has to know of the nodes in their order, and of what they read.
   struct step {
     int32_t id, first;  // the node, and the first that it reads
-    bool is_conv, keeps, has_order;
+    bool is_conv, keeps, keeps_if_all, has_order;
     int64_t reads, read_count;
   };
   struct read {
     int32_t from;
     double conversion;
   };
+
+  // Whether the output of a node is in blocks if all that it reads is: concatenations of whole
+  // ones.
+  bool joins_blocks(int32_t id) const {
+    if (net_->nodes[id].type != ZYN_OP_CONCAT) return false;
+    const auto* param = static_cast<const zyn_concat_param*>(net_->graph->bindings[id].param);
+    for (int32_t i = 0; i < param->count; i++) {
+      const zyn_check_shape& in = checker_.shape(param->nodes[i]);
+      if (checker_.is_constant(param->nodes[i]) || !has_order(in) ||
+          (i + 1 < param->count && in.dims[2] % 8 != 0))
+        return false;
+    }
+    return param->axis == 2;
+  }
+  bool all_blocked(const step& s) const {
+    for (int64_t i = s.reads; i < s.reads + s.read_count; i++)
+      if (!blocked_[reads_[i].from]) return false;
+    return true;
+  }
 
   bool find_steps() {
     const zyn_cg_handle* graph = net_->graph;
@@ -308,6 +331,7 @@ class chooser {
                 zyn_darray_ids(inputs)[0],
                 net_->methods[id] >= 0,
                 keeps_order(net_->nodes[id].type, graph->bindings[id].param),
+                joins_blocks(id),
                 has_order(checker_.shape(id)),
                 reads_.count(),
                 0};
@@ -329,7 +353,9 @@ class chooser {
       const step& s = steps_[k];
       const int32_t method = net_->methods[s.id];
       const bool any_order = method >= static_cast<int32_t>(ZYN_METHOD_GENERAL);
-      const bool wants_blocked = s.is_conv ? method == 1 : s.keeps && blocked_[s.first];
+      const bool wants_blocked = s.is_conv        ? method == 1
+                                 : s.keeps_if_all ? all_blocked(s)
+                                                  : s.keeps && blocked_[s.first];
       const bool writes_blocked =
           method == ZYN_METHOD_GENERAL || method == ZYN_METHOD_WINOGRAD || wants_blocked;
       bool reads_blocked = wants_blocked;

@@ -97,6 +97,8 @@ struct zyn_cg_handle {
   char** names;              // by id, name_count entries: null where a node has none
   int32_t name_count;
   zyn_cg_shared_scratch scratch;
+  bool any_order;  // nobody expects outputs in planar order: where channel blocks come in, they may
+                   // go out
 };
 
 // A stored data node (types 0, 1, 2): a copy of its descriptor with extra cleared.

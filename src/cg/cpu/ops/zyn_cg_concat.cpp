@@ -1,5 +1,6 @@
 // Concatenation along an axis, in planar order; blocked inputs are brought to it on the
-// way. Elements are moved as they are, whatever their type, in fixed point with another q.
+// way, but for whole blocks of channels in the graphs of networks, which stay. Elements are moved
+// as they are, whatever their type, in fixed point with another q.
 #include "cg/cpu/kernels/fixed/zyn_fpi_lanes.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi_ops.h"
 #include "cg/cpu/ops/zyn_cg_operators.h"
@@ -22,6 +23,7 @@ struct concat_state {
   int32_t axis;
   uint32_t fixed_point;
   uint32_t device_type;
+  bool any_order;  // of the graph
 };
 
 // Every input has data and the output's extents but along the axis, where theirs add up
@@ -51,6 +53,17 @@ void rescale_block(void* to, int64_t row_pitch, int64_t plane_pitch, const zyn_t
                       width);
 }
 
+// Whether the inputs' blocks of channels, one after another, are those of the output.
+bool blocks_follow(const concat_state* state) {
+  if (!state->any_order || state->axis != 2 || state->fixed_point == 1) return false;
+  for (int32_t j = 0; j < state->count; j++) {
+    const zyn_tensor* input = state->inputs[j];
+    if (zyn_cg_order(input) != ZYN_LAYOUT_BLOCKED) return false;
+    if (j + 1 < state->count && zyn_cg_channels(input) % 8 != 0) return false;
+  }
+  return true;
+}
+
 // Every input becomes a sub-block of the output: its rows and planes keep the output's
 // distances, and it begins where the inputs before it end along the axis.
 int32_t run_concat(void* record) {
@@ -61,15 +74,18 @@ int32_t run_concat(void* record) {
   const int64_t row = zyn_cg_width(output);
   const int64_t plane = zyn_cg_pixels(output);
   const int64_t pitch = state->axis == 0 ? 1 : state->axis == 1 ? row : plane;
+  const bool blocked = blocks_follow(state);
   auto* out = static_cast<uint8_t*>(output->data);
   for (int32_t j = 0; j < state->count; j++) {
-    if (state->fixed_point == 1)
+    if (blocked)
+      memcpy(out, state->inputs[j]->data, static_cast<size_t>(state->inputs[j]->byte_size));
+    else if (state->fixed_point == 1)
       rescale_block(out, row, plane, state->inputs[j], state->q_inputs[j], state->q_output);
     else
       zyn_cg_copy_planar(out, row, plane, state->inputs[j]);
     out += state->inputs[j]->dims[state->axis] * pitch * output->element_size;
   }
-  output->layout = ZYN_LAYOUT_PLANAR;
+  output->layout = blocked ? ZYN_LAYOUT_BLOCKED : ZYN_LAYOUT_PLANAR;
   return ZYN_RET_OK;
 }
 
@@ -152,6 +168,7 @@ int32_t prepare_concat(zyn_cg_handle* graph, int32_t node) {
     if (state->inputs[j]->type != state->inputs[0]->type) return ZYN_RET_ERR_PARA;
   state->fixed_point = graph->fixed_point;
   state->device_type = graph->device_type;
+  state->any_order = graph->any_order;
   const int32_t code = make_concat_output(graph, state);
   if (code != ZYN_RET_OK) return code;
   state->output->layout = state->inputs[0]->layout;
