@@ -11,12 +11,14 @@ namespace {
 // strip takes all weights from the second level again.
 constexpr int64_t kStripBytes = 160 * 1024;
 // Sums of a tile: with two FMA ports and a latency of 4 cycles, 8 would do; the rest hides the
-// loads. Tiles are 2 vectors of output channels by 6 pixels, or by 12 where 512-bit vectors bring
-// twice the registers. 3 blocks by 4 pixels leave gcc no register to spare, but are faster where
-// a small plane has no whole sixes.
+// loads. Tiles are 2 vectors of output channels by 6 pixels; 3 by 4 leave gcc no register to spare,
+// but are faster where a small plane has no whole sixes. 512-bit vectors bring twice the registers:
+// 4 by 6, which reach 99 % of the multiply-adds, or where their weights overflow the first level
+// 2 by 12 (93 %).
 constexpr int kWide = kZynVectorFloats;
 constexpr int kTileSums = kWide == 8 ? 12 : 24;
 constexpr int kMostPixels = 12;
+constexpr int32_t kMostInputsOfFour = 128;
 constexpr int kBlocksAtOnce = kWide == 8 ? 4 : 1;  // input blocks in a round of the loop
 constexpr int64_t kSmallStrip = 96;                // pixels
 constexpr int kDotPixels = 6;
@@ -157,11 +159,15 @@ void run(const zyn_blocked_layer& l) {
     const bool by_four = kWide == 8 && here < kSmallStrip && here % 4 == 0 && here % 6 != 0;
     for (int32_t oc = 0, channels = 0; oc < l.out_channels; oc += channels) {
       const int32_t left = l.out_channels - oc;
+      const bool four = kWide > 8 && left >= 4 * kWide && l.in_channels <= kMostInputsOfFour;
       channels = by_four && left >= 24 ? 24
+                 : four                ? 4 * kWide
                  : left >= 2 * kWide   ? 2 * kWide
                                        : zyn_vector_channels(left);
-      if (channels == 24)
+      if (kWide == 8 && channels == 24)
         strip<8, 3>(l, oc, first, end);
+      else if (kWide > 8 && channels == 4 * kWide)
+        strip<kWide, kWide == 8 ? 1 : 4>(l, oc, first, end);
       else if (channels == 2 * kWide)
         strip<kWide, 2>(l, oc, first, end);
       else if (kWide > 8 && channels == kWide)

@@ -9,7 +9,7 @@
 // registers go to the stack, and multiply-adds with indexed operands take two issue slots.
 inline void zyn_own_pointer(const float*& pointer) { __asm__("" : "+r"(pointer)); }
 
-// The epilogue for a run of up to 32 output channels. Bias and ReLU are applied to
+// The epilogue for a run of up to 64 output channels. Bias and ReLU are applied to
 // values in registers without a branch: where there is no bias -0 is added, which
 // changes no value, and where there is no ReLU the floor is -infinity. The other
 // activations follow as a pass over values that have just been stored.
@@ -50,7 +50,7 @@ class zyn_tile_epilogue {
   }
 
  private:
-  alignas(64) float bias_[32];
+  alignas(64) float bias_[64];
   float floor_;
   int32_t pass_ = ZYN_EPILOGUE_NONE;
 };
