@@ -83,7 +83,7 @@ double planar_cost(const layer& l) {  // method 0
   const double rows = l.in_channels * l.out_channels * l.rows_out;
   if (l.kernel == 1) {
     const double work = rounded_up(l.pixels_out, 8) * outputs;
-    return l.stride == 1 ? 1.9e-5 * work + 5.1e-5 * l.moved() + 0.05
+    return l.stride == 1 ? 2.3e-5 * work + 5.1e-5 * l.moved() + 0.05
                          : 3.8e-5 * work + 1.4e-4 * l.moved() + 7.3e-4 * rows + 0.47;
   }
   const double columns = rounded_up(l.pixels_out / l.rows_out, 8) * l.taps * l.rows_out;
