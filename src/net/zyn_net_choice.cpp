@@ -85,7 +85,7 @@ double planar_cost(const layer& l) {  // method 0
     // The input is read again for every four outputs, from afar what the cache does not hold.
     const double afar = l.pixels_in * l.in_channels - 131072, times = l.out_channels / 4 - 1;
     const double again = afar > 0 && times > 0 ? 2.5e-4 * afar * times : 0;
-    return l.stride == 1 ? 1.9e-5 * work + 5.1e-5 * l.moved() + again + 0.05
+    return l.stride == 1 ? 2.3e-5 * work + 5.1e-5 * l.moved() + again + 0.05
                          : 3.8e-5 * work + 1.4e-4 * l.moved() + 7.3e-4 * rows + 0.47;
   }
   const double columns = rounded_up(l.pixels_out / l.rows_out, 8) * l.taps * l.rows_out;

@@ -1,11 +1,13 @@
 // Depthwise convolutions of method 2: 3 x 3 and 5 x 5, padding half the kernel, stride 1
-// and 2. A group of output rows goes along the plane together, so that an input row is
+// and 2. Those of 5 x 5 taps are method 0's, which sums them in the same order; the ones here are
+// of 3 x 3. A group of output rows goes along the plane together, so that an input row is
 // loaded once for all taps that use it. Every output is one accumulator that takes its
 // taps row by row. Rows above and below the image are read from a row of zeros; vectors
 // that touch the left or right border load by mask; the last vector of a row overlaps the
 // one before it.
 #include <immintrin.h>
 
+#include "cg/cpu/kernels/planar/zyn_conv_planar.h"
 #include "cg/cpu/kernels/planned/zyn_conv_plan.h"
 #include "cg/cpu/kernels/zyn_conv_epilogue.h"
 
@@ -205,14 +207,12 @@ struct run_planes {
     g.pitch = out_w;
     g.bias = bias ? _mm256_broadcast_ss(bias + c) : _mm256_set1_ps(-0.0f);
     edge_block<kRows, kActivation>(g, weights, 0, first_masks, first_edge);
-    // With 5 taps a vector one column before the last would read past the row.
-    const int64_t most = kStride == 1 ? last_x - kPad : last_x;
     const float* next_in = input + (c * h + first + kInputRows) * w;
     const float* next_out = g.out + kRows * out_w;
     for (int64_t x = kVector; x < last_x; x += kVector) {
       if (far) ask_ahead<kRows * kStride * kStride>(&next_in);
       ask_ahead<kRows>(&next_out);
-      block<kRows, kNone, kActivation>(g, weights, zyn_smaller(x, most), nullptr);
+      block<kRows, kNone, kActivation>(g, weights, x, nullptr);
     }
     if (last_x > 0) edge_block<kRows, kActivation>(g, weights, last_x, last_masks, last_edge);
   }
@@ -247,23 +247,29 @@ zyn_conv_scratch_sizes zyn_conv_depthwise_sizes(const zyn_conv_plan* plan) {
 
 uint32_t zyn_conv_run_depthwise(float* output, const float* input, const zyn_conv_plan* plan,
                                 const zyn_conv_epilogue& epilogue) {
-  const int32_t activation = epilogue.activation;
+  const int32_t activation = epilogue.activation, channels = plan->input_channels;
+  if (plan->kernel == 5) {
+    const int32_t k = plan->kernel, stride = plan->stride, pad = plan->pad;
+    zyn_planar_depthwise({output,
+                          static_cast<int32_t>(plan->output_w),
+                          static_cast<int32_t>(plan->output_h),
+                          channels,
+                          input,
+                          plan->input_w,
+                          plan->input_h,
+                          channels,
+                          plan->weights,
+                          {k, k, stride, stride, pad, pad, 1, 1},
+                          epilogue},
+                         k, stride);
+    return 0;
+  }
   const float* bias = epilogue.bias;
   const int64_t done = zyn_conv_run_lanes(output, input, plan, epilogue);
-  if (done == plan->input_channels) return 0;
-  switch (plan->kind) {
-    case ZYN_PLAN_DEPTHWISE_3X3:
-      zyn_with_activation(activation, run_planes<3, 1>(plan, input, output, bias, done));
-      break;
-    case ZYN_PLAN_DEPTHWISE_3X3_S2:
-      zyn_with_activation(activation, run_planes<3, 2>(plan, input, output, bias, done));
-      break;
-    case ZYN_PLAN_DEPTHWISE_5X5:
-      zyn_with_activation(activation, run_planes<5, 1>(plan, input, output, bias));
-      break;
-    default:
-      zyn_with_activation(activation, run_planes<5, 2>(plan, input, output, bias));
-      break;
-  }
+  if (done == channels) return 0;
+  if (plan->stride == 1)
+    zyn_with_activation(activation, run_planes<3, 1>(plan, input, output, bias, done));
+  else
+    zyn_with_activation(activation, run_planes<3, 2>(plan, input, output, bias, done));
   return 0;
 }
