@@ -192,6 +192,16 @@ TEST(Check, TextsOfAMissingDataEdgeAndASecondBinding) {
   ASSERT_EQ(nothing.make(), 0);
   EXPECT_EQ(nothing.prepare(), 1);
   EXPECT_STREQ(zyn_error_detail(), "node 1 CONSTANT: its descriptor's data is no tensor");
+  Net empty;
+  const int32_t dims[] = {2, 2, 2};
+  const int none = empty.tensor(ZYN_OP_INPUT, zyn_create_tensor_header(3, dims, ZYN_TYPE_F32));
+  empty.op(ZYN_OP_BATCH_NORM, zyn_bn_param{0, 0},
+           {none, empty.tensor(ZYN_OP_CONSTANT, zyn_create_tensor_header(3, dims, ZYN_TYPE_F32))});
+  ASSERT_EQ(empty.make(), 0);
+  const Texts texts = findings(empty.graph());
+  EXPECT_EQ(texts.at(0),
+            "error node 1 CONSTANT: its tensor has no data: preparation reads constants");
+  EXPECT_EQ(texts.at(1), "warning node 0 INPUT: its tensor has no data yet: a run needs them");
   zyn_cg_set_node_name(net.graph(), node, "stem");
   const zyn_cg_node_desc desc = {ZYN_OP_RELU, nullptr, 0, nullptr, 0};
   printed([&] {
