@@ -123,7 +123,7 @@ float* pack_group(const layer& l, float* to, const float* weights, int32_t block
 }
 
 void pack(layer* l, const float* weights) {
-  float* to = zyn_vector_aligned(l->weights);
+  float* to = l->weights;
   const int32_t taps = taps_of(*l);
   for (int32_t block = 0; block < block_count(*l);) {
     const int32_t blocks = l->depthwise ? 1 : group_at(*l, block);
@@ -319,7 +319,7 @@ void run_dense(const call& c) {
                              window_of(l, y, rows), true);
         }
     }
-    const float* weights = zyn_vector_aligned(l.weights);
+    const float* weights = l.weights;
     for (int32_t block = 0, blocks = 0; block < block_count(l); block += blocks) {
       blocks = group_at(l, block);
       weights = dense_group(c, in, weights, block, blocks, y, rows);
@@ -416,7 +416,7 @@ zyn_conv_general* zyn_conv_general_prepare(const float* weights, const zyn_conv_
   l.planar_output = planar_output;
   const int64_t blocks = block_count(l);
   const int64_t inputs = l.depthwise ? 1 : l.in_channels;
-  zyn_scratch<float> packed(blocks * kLanes * inputs * taps_of(l) + kZynAlignmentFloats);
+  zyn_scratch<float> packed(blocks * kLanes * inputs * taps_of(l));
   zyn_scratch<int64_t> taps(int64_t{2} * taps_of(l));
   zyn_scratch<layer> made(1);
   if (!packed || !taps || !made) return nullptr;
@@ -478,8 +478,8 @@ void zyn_conv_general_run(const zyn_conv_general* layer, zyn_tensor* output,
   const int32_t activation = relu ? int32_t{ZYN_EPILOGUE_NONE} : epilogue.activation;
   output->layout = l.planar_output ? ZYN_LAYOUT_PLANAR : ZYN_LAYOUT_BLOCKED;
   if (l.depthwise)
-    return zyn_general_depthwise_planes(
-        l.planes, {in, out, zyn_vector_aligned(l.weights), bias, floor, activation, scratch});
+    return zyn_general_depthwise_planes(l.planes,
+                                        {in, out, l.weights, bias, floor, activation, scratch});
   run_dense({l, in, out, padded || !(blocked || same_order), bias, floor, activation, scratch,
              scratch + l.in_floats});
 }
