@@ -9,6 +9,17 @@
 // outputs share a vector is all that differs: every output is the same sum in the same order.
 constexpr int kZynVectorFloats = ZYN_VECTOR_BITS / 32;
 
+// The first place of a block from the allocator, which aligns to 32 bytes, that is aligned to a
+// vector; blocks that are used from there have kZynAlignmentFloats more.
+constexpr int kZynAlignmentFloats = kZynVectorFloats - 8;
+template <typename Float>
+inline Float* zyn_vector_aligned(Float* block) {
+  constexpr uintptr_t kBytes = kZynVectorFloats * sizeof(float);
+  if (kZynAlignmentFloats == 0) return block;
+  const uintptr_t past = reinterpret_cast<uintptr_t>(block) % kBytes;
+  return block + (past == 0 ? 0 : (kBytes - past) / sizeof(float));
+}
+
 // Before a loop with a compile-time count of at most 32: the body stands there once for
 // every value, so that arrays indexed by the counter stay in registers.
 #if defined(__clang__)

@@ -60,7 +60,7 @@ uint32_t zyn_blocked_drive(zyn_tensor* output, const zyn_tensor* input, const zy
                              output->dims[2],
                              (input->dims[0] - 1) / stride + 1,
                              (input->dims[1] - 1) / stride + 1,
-                             static_cast<const float*>(packed->data),
+                             zyn_vector_aligned(static_cast<const float*>(packed->data)),
                              epilogue};
   if (param->dilation_h > 1 || param->dilation_w > 1) return ZYN_RET_ERR_NOT_SUPPORT;
   if (output->dims[0] != layer.out_width || output->dims[1] != layer.out_height)

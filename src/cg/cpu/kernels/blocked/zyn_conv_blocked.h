@@ -24,7 +24,7 @@
 #include "simd/zyn_block_lanes.h"
 
 struct zyn_conv_blocked_weights {
-  zyn_tensor* packed;     // weights in the order above, the weight tensor's shape
+  zyn_tensor* packed;     // weights in the order above, from the first aligned place on
   uint32_t thread_count;  // 1 to 16
 };
 

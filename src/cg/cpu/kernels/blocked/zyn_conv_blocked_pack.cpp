@@ -37,6 +37,14 @@ void pack_dense(float* packed, const float* weights, const zyn_conv_param* p) {
   }
 }
 
+// Room for as many weights.
+zyn_tensor* make_packed(const zyn_tensor* weights) {
+  if (kZynAlignmentFloats == 0) return zyn_create_tensor_like(weights);
+  if (weights->count > INT32_MAX - kZynAlignmentFloats) return nullptr;
+  const auto room = static_cast<int32_t>(weights->count + kZynAlignmentFloats);
+  return zyn_create_tensor(1, &room, ZYN_TYPE_F32);
+}
+
 // Eight planes of count pixels, interleaved.
 void interleave8(float* blocked, const float* planar, int64_t count) {
   int64_t i = 0;
@@ -61,9 +69,9 @@ zyn_conv_blocked_weights* zyn_cg_conv_prepare_direct(const zyn_tensor* weights,
   workspace->thread_count = static_cast<uint32_t>(threads < 1             ? 1
                                                   : threads > kMaxThreads ? kMaxThreads
                                                                           : threads);
-  workspace->packed = zyn_create_tensor_like(weights);
+  workspace->packed = make_packed(weights);
   if (!workspace->packed) return nullptr;
-  float* packed = static_cast<float*>(workspace->packed->data);
+  float* packed = zyn_vector_aligned(static_cast<float*>(workspace->packed->data));
   const float* source = static_cast<const float*>(weights->data);
   if (zyn_conv_is_depthwise(param))
     // A filter is a plane of taps: packing is blocking.

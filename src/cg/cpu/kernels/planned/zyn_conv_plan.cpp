@@ -83,14 +83,15 @@ bool make_scratch(zyn_conv_plan* plan) {
   const int64_t floats = in_lines(sizes.strip) + in_lines(sizes.panel) + in_lines(sizes.products) +
                          in_lines(sizes.zeros) + in_lines(sizes.lanes);
   if (floats == 0) return true;
-  s->block = zyn_scratch<float>::zeroed(floats).take();
+  s->block = zyn_scratch<float>::zeroed(floats + kZynAlignmentFloats).take();
   if (!s->block) return false;
+  float* const first = zyn_vector_aligned(s->block);
   int64_t at = 0;
-  s->strip = take_region(s->block, &at, sizes.strip);
-  s->panel = take_region(s->block, &at, sizes.panel);
-  s->products = take_region(s->block, &at, sizes.products);
-  s->zeros = take_region(s->block, &at, sizes.zeros);
-  s->lanes = take_region(s->block, &at, sizes.lanes);
+  s->strip = take_region(first, &at, sizes.strip);
+  s->panel = take_region(first, &at, sizes.panel);
+  s->products = take_region(first, &at, sizes.products);
+  s->zeros = take_region(first, &at, sizes.zeros);
+  s->lanes = take_region(first, &at, sizes.lanes);
   if (s->lanes) zyn_conv_fill_lanes(plan);
   return true;
 }

@@ -155,7 +155,8 @@ uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_con
   // of one tile are read often enough to be copied even so. Of 512-bit vectors every one does.
   const bool aligned = pixels % kZynVectorFloats == 0 ||
                        (kZynVectorFloats == 8 && pixels % 4 == 0 && pixels > ZYN_GEMM_WIDE);
-  if (aligned && reinterpret_cast<uintptr_t>(input) % 16 == 0 && !rows_collide(k, pixels)) {
+  constexpr uintptr_t kStep = kZynVectorFloats == 8 ? 16 : 64;
+  if (aligned && reinterpret_cast<uintptr_t>(input) % kStep == 0 && !rows_collide(k, pixels)) {
     zyn_gemm_in_place(b, pixels, plan->weights, plan->channel_block, out);
     return 0;
   }
@@ -164,9 +165,10 @@ uint32_t zyn_conv_run_pointwise(float* output, const float* input, const zyn_con
   // per thread.
   const int64_t strip = zyn_larger(zyn_round_up(plan->output_w, width), ZYN_GEMM_PANEL);
   const int64_t slices = zyn_smaller(zyn_larger(plan->threads, 1), kMostSlices);
-  zyn_scratch<float> scratch(slices * strip * k);
+  zyn_scratch<float> scratch(slices * strip * k + kZynAlignmentFloats);
   if (!scratch) return 2;
-  float* slice = scratch.get() + zyn_platform_thread_number() % slices * strip * k;
+  float* slice =
+      zyn_vector_aligned(scratch.get()) + zyn_platform_thread_number() % slices * strip * k;
   if (pixels < kVector) {
     zyn_gemm_pack_panels(k, pixels, width, input, pixels, slice);
     b.base = slice;
