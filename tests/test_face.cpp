@@ -525,6 +525,15 @@ TEST(FaceSession, ThresholdsAndRoom) {
   EXPECT_NEAR(faces[0].box[0] + faces[1].box[0], 56 + 8 + 2 * 1.2 - 12, 1e-3);
 }
 
+TEST(FaceSession, PriorsAreAtMostAsLargeAsThePicture) {
+  Networks networks;
+  networks.detector = detector_file(with(kDetectorKeys, "face.min-sizes", "80"));
+  const zyn_face_options options = networks.options();
+  const std::vector<zyn_face> faces = run(Session(zyn_face_create(&options)), *squares({5}), 0);
+  EXPECT_NEAR(faces.at(0).box[2] - faces[0].box[0], 64, 1e-3);
+  EXPECT_NEAR(faces[0].box[3] - faces[0].box[1], 48, 1e-3);
+}
+
 TEST(FaceSession, SmoothedLandmarksFollowTheFilter) {
   const Networks networks;
   zyn_face_options options = networks.options();
