@@ -239,6 +239,11 @@ TEST(Network, DamagedAndForeignFilesAreRefusedWithAReason) {
   EXPECT_EQ(refusal(changed(file, section_at(file, ZYN_FILE_WORDS), {3})),
             "node 2 'conv' CONV_ACT: constant holds 76 floats, 4 x 3 x 3 x 3 weights + 4 biases = "
             "112 are needed (and 1 more)");
+  zyn_net_options options = ZYN_NET_DEFAULTS;
+  options.memory_limit = 4 * 6 * 5 * (2 + 4 + 6);  // of all outputs
+  EXPECT_TRUE(load(file, options));
+  options.memory_limit--;
+  EXPECT_FALSE(load(file, options));
   EXPECT_EQ(zyn_net_load("no/such/file.zyn", nullptr), nullptr);
   EXPECT_STREQ(zyn_error_detail(), "'no/such/file.zyn' cannot be opened");
 }
