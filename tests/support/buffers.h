@@ -20,7 +20,52 @@
 #include <unistd.h>
 #endif
 
+#include <map>
+#include <vector>
+
 namespace zyn_test {
+
+// Pages before an inaccessible one. Those that are given back serve again: systems take long to
+// protect a page.
+class GuardedPages {
+ public:
+  static constexpr size_t kPage = 4096;
+
+  static uint8_t* take(size_t bytes) {  // whole pages
+    std::vector<uint8_t*>& spare = of(bytes);
+    if (!spare.empty()) {
+      uint8_t* const base = spare.back();
+      spare.pop_back();
+      return base;
+    }
+#ifdef _WIN32
+    auto* const base = static_cast<uint8_t*>(
+        VirtualAlloc(nullptr, bytes + kPage, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+    DWORD old = 0;
+    VirtualProtect(base + bytes, kPage, PAGE_NOACCESS, &old);
+#else
+    auto* const base = static_cast<uint8_t*>(
+        mmap(nullptr, bytes + kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(base + bytes, kPage, PROT_NONE);
+#endif
+    return base;
+  }
+  static void give(uint8_t* base, size_t bytes) {
+    constexpr size_t kMostKept = 16 * kPage;
+    if (bytes <= kMostKept) return of(bytes).push_back(base);
+#ifdef _WIN32
+    VirtualFree(base, 0, MEM_RELEASE);
+#else
+    munmap(base, bytes + kPage);
+#endif
+  }
+
+ private:
+  static std::vector<uint8_t*>& of(size_t bytes) {
+    static std::map<size_t, std::vector<uint8_t*>> spare;
+    return spare[bytes];
+  }
+};
 
 // count elements of T whose last byte is the last one before an inaccessible page;
 // the bytes before them hold a pattern that the destructor checks.
@@ -30,16 +75,7 @@ class PageEnd {
   explicit PageEnd(size_t count) : count_(count) {
     const size_t bytes = count * sizeof(T);
     pages_ = (bytes + kPage - 1) / kPage * kPage + kPage;
-#ifdef _WIN32
-    base_ = static_cast<uint8_t*>(
-        VirtualAlloc(nullptr, pages_ + kPage, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-    DWORD old = 0;
-    VirtualProtect(base_ + pages_, kPage, PAGE_NOACCESS, &old);
-#else
-    base_ = static_cast<uint8_t*>(
-        mmap(nullptr, pages_ + kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    mprotect(base_ + pages_, kPage, PROT_NONE);
-#endif
+    base_ = GuardedPages::take(pages_);
     memset(base_, kPattern, pages_);
     data_ = reinterpret_cast<T*>(base_ + pages_ - bytes);
   }
@@ -47,11 +83,7 @@ class PageEnd {
     const uint8_t* p = base_;
     while (p < reinterpret_cast<uint8_t*>(data_) && *p == kPattern) p++;
     EXPECT_EQ(p, reinterpret_cast<uint8_t*>(data_)) << "a byte before the buffer was written";
-#ifdef _WIN32
-    VirtualFree(base_, 0, MEM_RELEASE);
-#else
-    munmap(base_, pages_ + kPage);
-#endif
+    GuardedPages::give(base_, pages_);
   }
   PageEnd(const PageEnd&) = delete;
   PageEnd& operator=(const PageEnd&) = delete;
@@ -65,7 +97,7 @@ class PageEnd {
   T* end() { return data_ + count_; }
 
  private:
-  static constexpr size_t kPage = 4096;
+  static constexpr size_t kPage = GuardedPages::kPage;
   static constexpr uint8_t kPattern = 0xA5;
   size_t count_;
   size_t pages_;

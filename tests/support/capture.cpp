@@ -12,6 +12,8 @@
 #include <unistd.h>
 #endif
 
+#include <vector>
+
 #include "zyncore.h"
 
 namespace zyn_test {
@@ -20,10 +22,12 @@ namespace {
 
 #ifdef _WIN32
 int process_id() { return _getpid(); }
-constexpr int kOpenFlags = _O_RDWR | _O_CREAT | _O_TRUNC | _O_BINARY;
+constexpr int kOpenFlags = _O_RDWR | _O_CREAT | _O_TRUNC | _O_BINARY | _O_TEMPORARY;
+int empty(int file) { return _chsize(file, 0); }
 #else
 int process_id() { return getpid(); }
 constexpr int kOpenFlags = O_RDWR | O_CREAT | O_TRUNC;
+int empty(int file) { return ftruncate(file, 0); }
 #endif
 
 // Windows turns line ends into two characters in text mode.
@@ -38,12 +42,30 @@ std::string without_returns(const std::string& text) {
 #endif
 }
 
+// Files for the output, used again and again: systems take long to make one. They have no name,
+// or lose it when the process ends.
+std::vector<int> spare_files;
+
+int take_file() {
+  if (spare_files.empty()) {
+    const std::string path = temp_path("capture");
+    const int file = open(path.c_str(), kOpenFlags, 0600);
+#ifndef _WIN32
+    remove(path.c_str());
+#endif
+    return file;
+  }
+  const int file = spare_files.back();
+  spare_files.pop_back();
+  return lseek(file, 0, SEEK_SET) == 0 && empty(file) == 0 ? file : -1;
+}
+
 }  // namespace
 
-Capture::Capture() : path_(temp_path("capture")) {
+Capture::Capture() {
   fflush(stdout);
   saved_ = dup(1);
-  file_ = open(path_.c_str(), kOpenFlags, 0600);
+  file_ = take_file();
   dup2(file_, 1);
 }
 
@@ -60,8 +82,7 @@ std::string Capture::text() {
   char buffer[4096];
   for (int got; (got = static_cast<int>(read(file_, buffer, sizeof(buffer)))) > 0;)
     result.append(buffer, static_cast<size_t>(got));
-  close(file_);
-  remove(path_.c_str());
+  spare_files.push_back(file_);
   return without_returns(result);
 }
 

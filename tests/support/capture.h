@@ -18,7 +18,6 @@ class Capture {
  private:
   int saved_ = -1;
   int file_ = -1;
-  std::string path_;
 };
 
 // The report of a site, as one text.
