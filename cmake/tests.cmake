@@ -22,7 +22,9 @@ function(zyn_test_program name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE zyncore_static zyn_gtest)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
-  target_compile_options(${name} PRIVATE ${ZYN_WARNINGS} -mavx2 -mfma -ffp-contract=off)
+  # Compiled more often than run: -O1.
+  target_compile_options(${name} PRIVATE ${ZYN_WARNINGS} -mavx2 -mfma -ffp-contract=off
+    $<$<CONFIG:Release>:-O1>)
 endfunction()
 function(zyn_add_test_program name)
   zyn_test_program(${name} ${ARGN})
@@ -41,7 +43,6 @@ set_tests_properties(zyncore_tests_second PROPERTIES TIMEOUT 900
 zyn_test_program(kernel_tests tests/test_conv.cpp tests/test_conv_kernels.cpp
                  tests/test_vector_width.cpp tests/support/capture.cpp)
 set_target_properties(kernel_tests PROPERTIES EXCLUDE_FROM_ALL ON)
-target_compile_options(kernel_tests PRIVATE -O1)  # compiled more often than run
 foreach(source IN LISTS zyn_process_tests)
   get_filename_component(name ${source} NAME_WE)
   zyn_add_test_program(${name} ${source})
