@@ -38,7 +38,8 @@ struct layer {
 };
 
 double rounded_up(double value, int32_t step) {
-  return static_cast<double>((static_cast<int64_t>(value) + step - 1) / step * step);
+  const int64_t steps = (static_cast<int64_t>(value) + step - 1) / step;
+  return static_cast<double>(steps * step);
 }
 
 // Lanes that blocks of 8, 4 and single channels take, where a block of 4 costs as much as so many
