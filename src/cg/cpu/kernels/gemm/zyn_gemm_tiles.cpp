@@ -80,6 +80,13 @@ struct finish_tile {
   const tile_place& place;
   const float* biases;
 
+  [[gnu::always_inline]] void store(float* to, typename lanes::type y) const {
+    if constexpr (kVectors == 1 && kLanes == 8)
+      if (place.columns < 8)
+        return _mm256_maskstore_ps(to, zyn_first_lanes(static_cast<int64_t>(place.columns)), y);
+    lanes::store(to, y);
+  }
+
   template <int kActivation>
   [[gnu::always_inline]] void run() const {
     half.template finish<kActivation>(place, biases);
@@ -90,13 +97,7 @@ struct finish_tile {
         const auto sum = biases ? lanes::add(sums[r][v], bias) : sums[r][v];
         const auto y = zyn_activate<kActivation, kLanes>(sum);
         float* to = place.out + r * place.pitch + place.to[v];
-        if constexpr (kVectors == 1 && kLanes == 8) {
-          if (place.columns < 8) {
-            _mm256_maskstore_ps(to, zyn_first_lanes(place.columns), y);
-            continue;
-          }
-        }
-        lanes::store(to, y);
+        store(to, y);
       }
     }
   }
