@@ -68,6 +68,7 @@ class Rendered(unittest.TestCase):
     def test_targets_decode_to_the_boxes(self):
         try:
             import losses
+            import torch
         except ImportError:
             self.skipTest("without torch")
         targets = losses.Targets()
@@ -85,6 +86,15 @@ class Rendered(unittest.TestCase):
             for box in boxes[boxes[:, 4] > 0.5]:
                 found = np.abs(decoded - box[:4]).max(1).min() if len(decoded) else 99
                 faces += found < 0.01
+            # The loss's overlap of boxes told by offsets is that of the boxes.
+            other = np.roll(offsets, 1, 0)
+            shift = 0.1 * other[:, :2] * priors[:, 2:]
+            half = np.exp(0.2 * other[:, 2:]) * priors[:, 2:] / 2
+            moved = np.concatenate([priors[:, :2] + shift - half, priors[:, :2] + shift + half], 1)
+            common, general = losses.agreement(*map(torch.from_numpy, (other, offsets)))
+            np.testing.assert_allclose(common, np.diag(measures.overlaps(
+                moved * ([320, 240] * 2), decoded)), atol=1e-4)
+            self.assertTrue((general <= common + 1e-6).all() and (general > -1).all())
         self.assertGreater(faces, 8)
 
     def test_clip(self):
