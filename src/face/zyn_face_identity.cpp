@@ -8,7 +8,7 @@ namespace {
 
 // Two faces may be one up to this difference of looks and, for each size of the face that it has
 // moved, as much more difference.
-constexpr float kAlike = 0.7f, kMoved = 0.05f;
+constexpr float kAlike = 0.9f, kMoved = 0.05f;
 
 float larger_side(const float* box) { return fmaxf(box[2] - box[0], box[3] - box[1]); }
 
@@ -31,6 +31,14 @@ bool can_have_come(const zyn_known_face& face, const float* box) {
          (kAtOnce + kEachFrame * static_cast<float>(face.unseen)) * larger_side(box);
 }
 
+// How badly a finding fits a face: its look, and how far it lies from where the face is expected.
+float misfit(const zyn_face_finding& finding, const zyn_face_slot& slot) {
+  constexpr float kEachSize = 0.15f;
+  const float* box = &finding.box.x1;
+  return zyn_compare_looks(finding.look, slot.look) +
+         kEachSize * distance(slot.box, box) / larger_side(box);
+}
+
 }  // namespace
 
 void zyn_face_tracks::remember(const zyn_known_face& face) {
@@ -48,9 +56,9 @@ void zyn_face_tracks::forget() {
   lost_count_ = kept;
 }
 
-// By how much looks differ less when a finding of track slot from goes to slot to, and the finding
-// of that one, if it has any, to from. A face that was seen in the frame before is favoured over
-// one that was not: what was hidden stays hidden longer than what was not.
+// By how much better it fits when a finding of slot from goes to slot to, and the finding of that
+// one, if it has any, to from. A face that was seen in the frame before is favoured over one that
+// was not: who is hidden is hidden for a while.
 float zyn_face_tracks::gain(const zyn_face_finding* findings, int32_t count, int32_t finding,
                             int32_t from, int32_t to) const {
   constexpr float kSeenBefore = 0.15f;
@@ -59,14 +67,14 @@ float zyn_face_tracks::gain(const zyn_face_finding* findings, int32_t count, int
   const float* box = &f.box.x1;
   const float reach = larger_side(box);
   if (from == to || !is_known(b.look) || distance(b.box, box) > reach) return 0;
-  float gain = zyn_compare_looks(f.look, a.look) - zyn_compare_looks(f.look, b.look);
+  float gain = misfit(f, a) - misfit(f, b);
   if (a.unseen > 1 && b.unseen == 1) gain += kSeenBefore;
   if (a.unseen == 1 && b.unseen > 1) gain -= kSeenBefore;
   for (int32_t i = 0; i < count; i++) {
     const zyn_face_finding& other = findings[i];
     if (other.predicted != b.predicted) continue;
     if (!is_known(other.look) || distance(a.box, &other.box.x1) > reach) return 0;
-    gain += zyn_compare_looks(other.look, b.look) - zyn_compare_looks(other.look, a.look);
+    gain += misfit(other, b) - misfit(other, a);
   }
   return isfinite(gain) ? gain : 0;
 }
@@ -108,7 +116,7 @@ void zyn_face_tracks::reconsider(zyn_face_finding* findings, int32_t count) cons
 }
 
 void zyn_face_tracks::learn(const zyn_face_finding* findings, int32_t count) {
-  constexpr float kShare = 0.1f;
+  constexpr float kShare = 0.05f;
   constexpr float kCovered = 0.1f;  // of the box
   for (int32_t i = 0; i < count; i++) {
     const zyn_face_finding& f = findings[i];
