@@ -150,7 +150,7 @@ typedef struct zyn_face_pose {
 typedef struct zyn_face {
   int32_t id;             /* counts up from 0 in the order in which faces were first reported */
   int32_t state;          /* ZYN_FACE_PREDICTED, ZYN_FACE_FOLLOWED or ZYN_FACE_DETECTED */
-  int32_t age;            /* frames since its first detection, 0 in that frame */
+  int32_t age;            /* frames since its first detection, or since it was found again */
   int32_t unseen;         /* frames since it was last seen, 0 if it is */
   float score;            /* of its latest detection, 0 to 1 */
   float box[4];           /* x1, y1, x2, y2; may reach over the frame's edge */

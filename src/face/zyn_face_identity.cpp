@@ -169,7 +169,7 @@ bool zyn_face_tracks::recall() {
 }
 
 void zyn_face_tracks::identify(int32_t* next_id) {
-  while (lost_count_ + count_ > 0 && options_.remember > 0 && recall()) continue;
+  while (options_.remember > 0 && recall()) continue;
   for (int32_t i = 0; i < count_; i++) {
     if (slots_[i].id >= 0 || slots_[i].hits < options_.min_hits) continue;
     slots_[i].id = *next_id;
