@@ -23,6 +23,8 @@ class Rendered(unittest.TestCase):
         cls.store = data.Store(cls.folder.name, COUNT, seed=3)
 
     def test_same_seed_same_bytes(self):
+        self.store.heads[5], self.store.truth[5] = 0, 0  # interrupted, and gone on with
+        data.Store(self.folder.name, COUNT, seed=3)
         again = self.store.renderer.head(3, 5)
         np.testing.assert_array_equal(again[0], self.store.heads[5])
         np.testing.assert_array_equal(again[1], self.store.truth[5])
@@ -138,12 +140,14 @@ class Measures(unittest.TestCase):
                     "rotation": np.eye(3), "smoothed": points, **more}
 
         truth, found = [], []
-        for i in range(50):  # one rests in the first second, then moves by 3 a frame; one is hidden
+        for i in range(50):  # one rests in the first second, then moves by 3 a frame; two are hidden,
+            # the one of them behind the first
             place = shape + max(i - 24, 0) * 3.0
             tremble = (-1) ** i
             seen = place + [0, 1.8 * tremble]
             truth.append({"index": i, "time": i / 25, "faces": [
-                face(1, 0, place), face(2, 100, place), face(3, 300, place, visible=0.2)]})
+                face(1, 0, place), face(2, 100, place), face(3, 300, place, visible=0.2),
+                face(4, 5, place, visible=0.1)]})
             late = place - (1.5 if i >= 25 else 0) + [0, 0.9 * tremble]
             found.append([face(7 if i < 40 else 8, 5, seen, smoothed=late, rotation=turned),
                           face(9, 300, place)])
