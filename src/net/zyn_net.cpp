@@ -41,6 +41,7 @@ void release(zyn_net* net) {
   void* blocks[] = {net->tensors,  net->outputs, net->texts, net->ports, net->nodes,
                     net->metadata, net->methods, net->bytes, net->block};
   for (void* block : blocks) zyn_free(block);
+  zyn_close_store(&net->store);
   zyn_free(net);
 }
 
@@ -128,10 +129,12 @@ zyn_net* load(void* bytes, int64_t size, const zyn_net_options& options) {
   }
   net_guard net(new (block) zyn_net{});
   net->bytes = bytes;
+  net->store.chunk_bytes = size;
   net->options = options;
   if (check_options(options) != ZYN_RET_OK || net->file.open(bytes, size) != ZYN_RET_OK ||
       prepare(net.get()) != ZYN_RET_OK)
     return nullptr;
+  zyn_close_store(&net->store);
   net->bytes_kept = static_cast<int64_t>(zyn_get_current_memory_size_occupation() - before);
   return net.take();
 }

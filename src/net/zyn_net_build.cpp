@@ -31,6 +31,7 @@ int32_t make_graph(zyn_net* net) {
   net->graph = zyn_create_computation_graph_handle(&settings);
   if (!net->graph) return no_memory();
   net->graph->any_order = true;
+  net->graph->store = zyn_net_store(net, net->store.chunk_bytes);
   for (int32_t id = 0; id < settings.max_nodes; id++) {
     if (net->nodes[id].name[0] &&
         zyn_cg_set_node_name(net->graph, id, net->nodes[id].name) != ZYN_RET_OK)
