@@ -104,6 +104,7 @@ int32_t build(zyn_net* net) {
   if (const int32_t code = check_graph(net, &checker)) return code;
   if (!zyn_net_choose_methods(net, checker)) return no_memory();
   release_graph(net);
+  net->store.chunk_bytes = zyn_block_bytes(net->bytes);  // what was made so far is gone
   return zyn_net_build(net);
 }
 
@@ -129,7 +130,6 @@ zyn_net* load(void* bytes, int64_t size, const zyn_net_options& options) {
   }
   net_guard net(new (block) zyn_net{});
   net->bytes = bytes;
-  net->store.chunk_bytes = size;
   net->options = options;
   if (check_options(options) != ZYN_RET_OK || net->file.open(bytes, size) != ZYN_RET_OK ||
       prepare(net.get()) != ZYN_RET_OK)
