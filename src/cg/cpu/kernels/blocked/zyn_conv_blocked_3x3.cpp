@@ -3,7 +3,8 @@
 // One micro-kernel family: a tile of Pixels output pixels by Blocks vectors of OB output
 // channels accumulates one input block of IB channels in registers and adds to the output
 // once. Two vectors by 6 pixels are 12 accumulators: with two FMA ports and a latency of 4
-// cycles, 8 would do; the rest hides the loads. 512-bit vectors bring registers for 12 pixels.
+// cycles, 8 would do; the rest hides the loads. One vector, and 512-bit vectors, which bring more
+// registers, take 12 pixels.
 // Single output channels put the input channels into the lanes instead and sum the
 // lanes at the end. The first input blocks' sums start at zero, the later ones' at the
 // output. Taps outside the image are left out: the first and last row take fewer kernel
@@ -17,7 +18,7 @@ namespace {
 
 constexpr int kTaps = 9;
 constexpr int kWide = kZynVectorFloats;
-constexpr int tile_pixels(int ob) { return ob > 8 ? 12 : 6; }
+constexpr int tile_pixels(int ob, int blocks) { return ob > 8 || (ob > 1 && blocks == 1) ? 12 : 6; }
 constexpr int kEdgePixels = 4;       // of an edge column: few pixels, so less code
 constexpr int32_t kGroupBlocks = 4;  // input blocks added per load and store of an output value
 constexpr int64_t kStripBytes = 64 * 1024;  // output rows of one block pair kept in L1
@@ -193,8 +194,8 @@ void equal_rows(const planes& p, int32_t y0, int32_t y1, kernel_rows ky) {
   if (end > 1) {
     const tap_list taps = taps_of<OB, IB>(p, ky, 0, 3);
     for (int32_t y = y0; y < y1; y++)
-      zyn_balanced_tiles<tile_pixels(OB)>(1, end,
-                                          line<OB, IB, Blocks, Stride, false>{p, y, 0, taps});
+      zyn_balanced_tiles<tile_pixels(OB, Blocks)>(
+          1, end, line<OB, IB, Blocks, Stride, false>{p, y, 0, taps});
   }
   edge_column<OB, IB, Blocks, Stride>(p, 0, y0, y1, taps_of<OB, IB>(p, ky, 1, p.width > 1 ? 3 : 2));
   if (end < p.out_width)
