@@ -122,9 +122,8 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
         ZYN_UNROLL for (int b = 0; b < Blocks; b++) lanes::add_product(sum[b][i], value, weight[b]);
       }
     };
-    // Few pixels: small code rather than the last cycles. Two vectors of 16 by 12 pixels are a
-    // loop long enough.
-    if constexpr (Down || OB > 8) {
+    // Few pixels: small code rather than the last cycles. Of 12 pixels the loop is long enough.
+    if constexpr (Down || OB > 8 || Blocks == 1) {
 #pragma GCC unroll 1
       for (int ic = 0; ic < IB; ic++) add_input(ic);
     } else {
@@ -265,7 +264,9 @@ template <int OB, int Blocks, int Stride>
 void output_blocks(const zyn_blocked_layer& l, int32_t oc) {
   const int64_t row_bytes = static_cast<int64_t>(l.out_width) * OB * Blocks * sizeof(float);
   const int64_t fitting = kStripBytes / row_bytes;
-  const int32_t strip = fitting < 4 ? 4 : static_cast<int32_t>(fitting);
+  // Few single inputs are one group: outputs are written once, and wait in no cache.
+  const bool once = l.in_channels < 4;
+  const int32_t strip = once ? l.out_height : fitting < 4 ? 4 : static_cast<int32_t>(fitting);
   for (int32_t y = 0; y < l.out_height; y += strip) {
     const int32_t end = y + strip < l.out_height ? y + strip : l.out_height;
     for (int32_t ic = 0, step = 0; ic < l.in_channels; ic += step) {
