@@ -11,14 +11,6 @@ constexpr int32_t kLanes = kZynGeneralLanes;
 constexpr int64_t kChunkBytes = 20 * 1024;  // weights of a group
 constexpr int32_t kMostTaps = 256;          // of a chunk
 
-// -0 changes no value that it is added to.
-alignas(32) constexpr float kNoBias[kZynGeneralMostBlocks * kLanes] = {
-    -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f,
-    -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f,
-    -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f,
-    -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f,
-    -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f, -0.0f};
-
 // Input of a strip: where the first tap of its first pixel lies, by class of channels.
 struct strip_input {
   const float* base;
@@ -181,7 +173,7 @@ const float* dense_group(const call& c, const strip_input& in, const float* weig
                                 0,
                                 to.block,
                                 first,
-                                last ? c.bias + block * kLanes : kNoBias,
+                                c.bias + block * kLanes,
                                 last ? c.floor : -__builtin_inff(),
                                 0,
                                 0,
