@@ -30,7 +30,7 @@ double line_cycles(int32_t blocks, int64_t pixels) {
 }
 
 int32_t choose_blocks(const layer& l, int64_t pixels) {
-  constexpr int32_t kCandidates[] = {3, 2, 1, 4, 8};
+  constexpr int32_t kCandidates[] = {2, 3, 1, 4, 8};
   int32_t best = 1;
   double best_cycles = 0;
   for (const int32_t candidate : kCandidates) {
