@@ -3,12 +3,11 @@
 // One micro-kernel family: a tile of Pixels output pixels by Blocks vectors of OB output
 // channels accumulates one input block of IB channels in registers and adds to the output
 // once. Two vectors by 6 pixels are 12 accumulators: with two FMA ports and a latency of 4
-// cycles, 8 would do; the rest hides the loads. One vector, and 512-bit vectors, which bring more
-// registers, take 12 pixels.
-// Single output channels put the input channels into the lanes instead and sum the
-// lanes at the end. The first input blocks' sums start at zero, the later ones' at the
-// output. Taps outside the image are left out: the first and last row take fewer kernel
-// rows, the first and last column are run through downwards.
+// cycles, 8 would do; the rest hides the loads; one vector of 8 takes these 8, for smaller code.
+// 512-bit vectors bring registers for 12 pixels. Single output channels put the input channels into
+// the lanes instead and sum the lanes at the end. The first input blocks' sums start at zero, the
+// later ones' at the output. Taps outside the image are left out: the first and last row take fewer
+// kernel rows, the first and last column are run through downwards.
 #include <string.h>
 
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
@@ -18,7 +17,9 @@ namespace {
 
 constexpr int kTaps = 9;
 constexpr int kWide = kZynVectorFloats;
-constexpr int tile_pixels(int ob, int blocks) { return ob > 8 || (ob > 1 && blocks == 1) ? 12 : 6; }
+constexpr int tile_pixels(int ob, int blocks) {
+  return ob > 8 || ob == 4 ? 12 : ob == 8 && blocks == 1 ? 8 : 6;
+}
 constexpr int kEdgePixels = 4;       // of an edge column: few pixels, so less code
 constexpr int32_t kGroupBlocks = 4;  // input blocks added per load and store of an output value
 constexpr int64_t kStripBytes = 64 * 1024;  // output rows of one block pair kept in L1
@@ -122,7 +123,8 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
         ZYN_UNROLL for (int b = 0; b < Blocks; b++) lanes::add_product(sum[b][i], value, weight[b]);
       }
     };
-    // Few pixels: small code rather than the last cycles. Of 12 pixels the loop is long enough.
+    // Small code rather than the last cycles: of few pixels, of one vector. Two vectors of 16 by 12
+    // pixels are a loop long enough.
     if constexpr (Down || OB > 8 || Blocks == 1) {
 #pragma GCC unroll 1
       for (int ic = 0; ic < IB; ic++) add_input(ic);
