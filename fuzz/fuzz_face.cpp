@@ -94,12 +94,13 @@ zyn_face_options any_options(Input& in) {
   o.detect_every = in.integer(1, 4);
   o.max_age = in.integer(0, 3);
   o.min_hits = in.integer(1, 2);
+  o.remember = in.integer(0, 5);
   o.score_threshold = static_cast<float>(in.byte()) / 255;
   o.keep_threshold = o.score_threshold / 2;
   o.resize = in.integer(0, 3);
   float* const numbers[] = {&o.overlap_threshold, &o.track_overlap,     &o.smooth_cutoff,
                             &o.smooth_beta,       &o.smooth_derivative, &o.focal_length,
-                            &o.score_threshold,   &o.keep_threshold};
+                            &o.score_threshold,   &o.keep_threshold,    &o.second_look};
   for (float* number : numbers)
     if (in.one_in(8)) *number = in.real();
   return o;

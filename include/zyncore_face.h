@@ -113,12 +113,20 @@ typedef struct zyn_face_options {
   float smooth_derivative; /* hertz, cut-off of the speed, above 0 */
 
   float focal_length; /* pixels; 0: the frame's width (a horizontal view of 53 degrees) */
-  int32_t reserved;   /* 0 */
+
+  /* With a landmark network */
+  int32_t remember;  /* 0 or more: frames for which a face that was dropped is remembered by its
+                        look. Found again where it may have come to, it has its id again; faces that
+                        cross are told apart by their looks. 0: neither */
+  float second_look; /* 0 or more: the landmarks of what would begin a face are looked for in a
+                        slightly other crop too. By so much times what they move by, beyond 0.12 of
+                        their spread, its score has to exceed the threshold. 0: no second look */
+  int32_t reserved;  /* 0 */
 } zyn_face_options;
 #define ZYN_FACE_DEFAULTS                                                                        \
   {                                                                                              \
     0, 0, 0, 0, 0, 0, 0, 0, ZYN_NET_AUTOMATIC, 0, 1, 32, 0.7f, 0.5f, 0.3f, 0, 10, 1, 0.5f, 0.4f, \
-        8.0f, 0.5f, 0.0f, 0                                                                      \
+        8.0f, 0.5f, 0.0f, 100, 1.0f, 0                                                           \
   }
 
 /* Where a face's values come from in this frame. */
@@ -142,7 +150,7 @@ typedef struct zyn_face_pose {
 typedef struct zyn_face {
   int32_t id;             /* counts up from 0 in the order in which faces were first reported */
   int32_t state;          /* ZYN_FACE_PREDICTED, ZYN_FACE_FOLLOWED or ZYN_FACE_DETECTED */
-  int32_t age;            /* frames since its first detection, 0 in that frame */
+  int32_t age;            /* frames since its first detection, or since it was found again */
   int32_t unseen;         /* frames since it was last seen, 0 if it is */
   float score;            /* of its latest detection, 0 to 1 */
   float box[4];           /* x1, y1, x2, y2; may reach over the frame's edge */

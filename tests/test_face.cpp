@@ -356,6 +356,7 @@ struct Networks {
     o.landmarks_data = landmarks.data();
     o.landmarks_bytes = static_cast<int64_t>(landmarks.size());
     o.max_faces = 4;
+    o.second_look = 0;  // these landmarks do not stay where a face is
     return o;
   }
 };
@@ -429,6 +430,7 @@ TEST(FaceSession, StatesFromFrameToFrame) {
   zyn_face_options options = networks.options();
   options.detect_every = 3;
   options.max_age = 2;
+  options.remember = 0;
   const Session session(zyn_face_create(&options));
   ASSERT_TRUE(session) << zyn_error_detail();
   const auto none = squares({}), one = squares({5}), two = squares({5, 2});
@@ -500,6 +502,76 @@ TEST(FaceSession, LandmarksThatAreNoFaceAreNotFollowed) {
   for (int cell = 0; cell < 4; cell++) run(session, *squares({cell}), 0.04 * cell);
   EXPECT_LE(run(session, *squares({}), 0.16).size(), 1u);
   EXPECT_EQ(run(session, *squares({}), 0.20).size(), 0u);
+}
+
+// Faces of two looks, both as bright as a detection needs, are found again and told apart by them.
+TEST(FaceSession, LooksTellFacesApart) {
+  struct Shown {
+    int cell;
+    bool dark_right;
+  };
+  Networks networks;
+  networks.detector = detector_file(with(kDetectorKeys, "face.min-sizes", "20"));
+  const auto show = [](const std::vector<Shown>& faces) {
+    auto frame = squares({});
+    for (const Shown& f : faces)
+      for (int i = 0; i < 256; i++)
+        frame->set(f.cell % 4 * 16 + i % 16, f.cell / 4 * 16 + i / 16,
+                   (i % 16 < 8) == f.dark_right ? 255 : 120);
+    return frame;
+  };
+  const Shown one = {0, false}, other = {0, true}, far = {11, false};
+  const struct {
+    const char* what;
+    int remember, gap;  // frames without a face
+    std::vector<Shown> before, then;
+    std::vector<int> ids;  // by cells
+  } cases[] = {
+      {"again", 9, 5, {one}, {one}, {0}},
+      {"beside", 9, 5, {one}, {{1, false}}, {0}},
+      {"still predicted", 9, 2, {one}, {{1, false}}, {0}},
+      {"another one", 9, 5, {one}, {other}, {1}},
+      {"too far", 9, 5, {one}, {far}, {1}},
+      {"forgotten", 9, 12, {one}, {one}, {1}},
+      {"remembers nothing", 0, 5, {one}, {one}, {1}},
+      {"two", 9, 5, {{0, false}, {1, true}}, {{0, true}, {1, false}}, {1, 0}},
+      {"crossed", 9, 0, {{0, false}, {1, true}}, {{0, true}, {1, false}}, {1, 0}},
+      {"crossed, looks ignored", 0, 0, {{0, false}, {1, true}}, {{0, true}, {1, false}}, {0, 1}},
+      {"uncovered", 9, 5, {{0, false}, {2, true}}, {{1, true}}, {1}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    zyn_face_options options = networks.options();
+    options.max_age = 2;
+    options.remember = c.remember;
+    options.track_overlap = 0.9f;
+    const Session session(zyn_face_create(&options));
+    ASSERT_TRUE(session) << zyn_error_detail();
+    double time = 0;
+    for (int i = 0; i < 3; i++)
+      EXPECT_EQ(run(session, *show(c.before), time += 0.04).size(), c.before.size());
+    for (int i = 0; i < c.gap; i++) run(session, *show({}), time += 0.04);
+    std::vector<zyn_face> faces = run(session, *show(c.then), time += 0.04);
+    std::sort(faces.begin(), faces.end(),
+              [](const zyn_face& a, const zyn_face& b) { return a.box[0] < b.box[0]; });
+    std::vector<int> ids;
+    for (const zyn_face& f : faces)
+      if (f.unseen == 0) ids.push_back(f.id);
+    EXPECT_EQ(ids, c.ids);
+  }
+}
+
+// What would begin a face is looked at twice: where landmarks go astray it has to score higher.
+TEST(FaceSession, SecondLookAtWhatBeginsAFace) {
+  const Networks networks;
+  zyn_face_options options = networks.options();
+  for (const float weight : {0.0f, 0.5f, 3.0f}) {
+    options.second_look = weight;
+    const Session session(zyn_face_create(&options));
+    const std::vector<zyn_face> faces = run(session, *squares({5}), 0);
+    ASSERT_EQ(faces.size(), weight > 1 ? 0u : 1u);
+    for (const zyn_face& f : faces) EXPECT_GT(f.score, 0.99f);  // as the detector gave it
+  }
 }
 
 TEST(FaceSession, ThresholdsAndRoom) {
@@ -676,6 +748,8 @@ TEST(FaceSession, NetworksAndOptionsThatDoNotFit) {
   expect(option(&O::smooth_beta, -1.0f), "smooth_beta");
   expect(option(&O::smooth_derivative, 0.0f), "smooth_derivative");
   expect(option(&O::focal_length, INFINITY), "focal_length");
+  expect(option(&O::remember, -1), "remember = -1");
+  expect(option(&O::second_look, -1.0f), "second_look = -1");
   expect(option(&O::method, 7), "detector: method 7");
   expect(option(&O::detector, "no such file"), "not several");
   expect(option(&O::landmarks, "no such file"), "not several");
@@ -714,6 +788,7 @@ TEST(FaceSession, OtherNetworks) {
   zyn_face_options options = ZYN_FACE_DEFAULTS;
   options.detector_net = detector.get();
   options.landmarks_net = landmarks.get();
+  options.second_look = 0;
   for (int round = 0; round < 2; round++) {
     const Session session(zyn_face_create(&options));
     ASSERT_TRUE(session) << zyn_error_detail();

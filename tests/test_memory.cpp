@@ -63,6 +63,45 @@ TEST(Memory, GrowingKeepsContentAndNeverShrinks) {
   zyn_free(grown);
 }
 
+int chunks = 0;
+void* take_chunk(size_t bytes) { return chunks == 2 ? nullptr : (chunks++, malloc(bytes)); }
+void drop_chunk(void* block) {
+  chunks--;
+  free(block);
+}
+
+TEST(Memory, BlocksOfAStoreShareChunksThatGoWithTheirLast) {
+  const uint64_t before = in_use();
+  FailingAllocations hooks(0, false, {take_chunk, drop_chunk});
+  zyn_store store = {3 << 20, nullptr};
+  const int64_t sizes[] = {1, 100, (3 << 20) - 1000, 64, 5 << 20, 4096};  // the fifth needs its own
+  std::vector<uint8_t*> blocks;
+  uint64_t sum = 0;
+  {
+    const zyn_storing storing(&store);
+    for (int64_t size : sizes) {
+      blocks.push_back(static_cast<uint8_t*>(zyn_malloc(size)));
+      ASSERT_NE(blocks.back(), nullptr);
+      EXPECT_EQ(reinterpret_cast<uintptr_t>(blocks.back()) % 64, 0u);
+      memset(blocks.back(), static_cast<int>(blocks.size()), static_cast<size_t>(size));
+      sum += static_cast<uint64_t>(size);
+    }
+    for (int64_t size : {int64_t{8} << 20, INT64_MAX}) EXPECT_EQ(zyn_malloc(size), nullptr);
+    const zyn_storing nowhere(nullptr);
+    EXPECT_EQ(zyn_malloc(1), nullptr);  // the hooks give no third
+  }
+  EXPECT_EQ(chunks, 2);
+  EXPECT_EQ(in_use(), before + sum);
+  for (size_t i = 0; i < blocks.size(); i++)
+    for (int64_t k = 0; k < sizes[i]; k += i == 4 ? 999 : 1) ASSERT_EQ(blocks[i][k], i + 1);
+  for (size_t i : {2, 0, 3, 1}) EXPECT_EQ((zyn_free(blocks[i]), chunks), i == 1 ? 1 : 2);
+  zyn_close_store(&store);  // its second chunk has blocks
+  EXPECT_EQ(chunks, 1);
+  for (size_t i : {5, 4}) zyn_free(blocks[i]);
+  EXPECT_EQ(chunks, 0);
+  EXPECT_EQ(in_use(), before);
+}
+
 std::string calls;
 void log_copy(void* slot, const void* source, int64_t index) {
   *static_cast<int16_t*>(slot) = *static_cast<const int16_t*>(source);

@@ -403,6 +403,53 @@ TEST(Network, ConcatenationsOfChannelBlocksStayInThem) {
   }
 }
 
+namespace {
+
+// A pointwise layer with more than 2 MB of weights, which are kept on large pages.
+Bytes large_file() {
+  Writer writer(zyn_net_writer_create());
+  const zyn_net_port in = port("x", {5, 2, 720});
+  std::vector<float> words(720 * 740);
+  for (size_t i = 0; i < words.size(); i++) words[i] = static_cast<float>(i * 31 % 17) - 8;
+  const zyn_conv_param p = {720, 740, 1, 1, 1, 1, 0, 0, {0, 0}, 1, 1, 1, 0, {0}, 0};
+  const int reads[] = {zyn_net_writer_input(writer.get(), &in), add_constant(writer.get(), words)};
+  const zyn_net_port out =
+      port("y", {}, zyn_net_writer_node(writer.get(), "", ZYN_OP_CONV_POINTWISE, &p, reads, 2));
+  EXPECT_EQ(zyn_net_writer_output(writer.get(), &out), 0);
+  return bytes_of(writer.get());
+}
+
+}  // namespace
+
+TEST(Network, LargeWeightsGiveTheSameSums) {
+  const Bytes file = large_file();
+  std::vector<float> expected;
+  for (int method : {0, 1, 2, int{ZYN_NET_AUTOMATIC}}) {
+    SCOPED_TRACE(method);
+    zyn_net_options options = ZYN_NET_DEFAULTS;
+    options.method = method;
+    const uint64_t before = zyn_get_current_memory_size_occupation();
+    {
+      const FailingAllocations hooks(0);
+      FailingAllocations::bound(5 << 20);  // no room for the weights, or for all of method 0's
+      EXPECT_EQ(load(file, options), nullptr);
+    }
+    EXPECT_EQ(zyn_get_current_memory_size_occupation(), before);
+    {
+      const Network net = load(file, options);
+      ASSERT_TRUE(net) << zyn_error_detail();
+      zyn_net_memory_use use = {};
+      EXPECT_EQ(zyn_net_memory(net.get(), &use), 0);
+      EXPECT_NEAR(static_cast<double>(use.weights), 4.0 * 720 * 740, 40000);
+      const std::vector<float> values = values_of(net.get(), 1);
+      if (method == 0) expected = values;
+      for (size_t i = 0; i < expected.size(); i++)
+        ASSERT_NEAR(values[i], expected[i], 0.01f + 1e-5f * std::fabs(expected[i])) << i;
+    }
+    EXPECT_EQ(zyn_get_current_memory_size_occupation(), before);
+  }
+}
+
 TEST(Network, NothingIsLostWithoutMemory) {
   const Bytes file = small_file(), winograd = winograd_file(6, 6);
   const auto attempt = [](auto work) {

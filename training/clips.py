@@ -56,24 +56,25 @@ class Clip:
         self.frames += 1
         table = measures.overlaps(*(np.array([f["box"] for f in some], float).reshape(-1, 4)
                                     for some in (faces, found)))
+        optional = [face["visible"] < LEAST_SEEN or face["box"][3] - face["box"][1] < LEAST_SIZE
+                    for face in faces]
         of_face: dict[int, int] = {}
-        for at in np.argsort(-table, axis=None):
+        # A box on a face and on another one hidden behind it is that of the face that is seen.
+        for at in np.lexsort((-table.ravel(), np.repeat(optional, len(found)))):
             i, j = divmod(int(at), len(found))
             if (table[i, j] >= measures.LEAST_OVERLAP and i not in of_face
                     and j not in of_face.values()):
                 of_face[i] = j
         self.false += len(found) - len(of_face)
         for i, face in enumerate(faces):
-            box = face["box"]
-            optional = face["visible"] < LEAST_SEEN or box[3] - box[1] < LEAST_SIZE
-            self.faces += not optional
+            self.faces += not optional[i]
             if i not in of_face:
                 continue
-            self.found += not optional
+            self.found += not optional[i]
             match = found[of_face[i]]
             self.switches += ids.get(face["id"], match["id"]) != match["id"]
             ids[face["id"]] = match["id"]
-            if optional or not len(match["landmarks"]):
+            if optional[i] or not len(match["landmarks"]):
                 continue
             points = [np.array(p, float).reshape(-1, 2)
                       for p in (match["landmarks"], match["smoothed"], face["landmarks"])]

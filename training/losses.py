@@ -8,6 +8,7 @@ import measures
 import models
 
 MATCH, NEAR = 0.38, 0.28  # overlaps: from MATCH on a prior is a face, below NEAR background
+POOR, GOOD = 0.3, 0.7  # overlaps of a found box: from useless to as good as it need be
 NEGATIVES = 3  # background priors a face prior, the hardest ones
 
 
@@ -42,18 +43,40 @@ class Targets:
         return labels, offsets
 
 
+def agreement(found, wanted):
+    """Intersection over union, and the generalised one (Rezatofighi et al. 2019), of boxes given
+    by their offsets (N x 4) from the same priors."""
+    def corners(offsets):
+        half = torch.exp(models.VARIANCES[1] * offsets[:, 2:].clamp(max=20)) / 2
+        center = models.VARIANCES[0] * offsets[:, :2]
+        return center - half, center + half
+
+    (low, high), (want_low, want_high) = corners(found), corners(wanted)
+    area = lambda a, b: (b - a).clamp(min=0).prod(1)
+    common = area(torch.maximum(low, want_low), torch.minimum(high, want_high))
+    union = area(low, high) + area(want_low, want_high) - common
+    hull = area(torch.minimum(low, want_low), torch.maximum(high, want_high))
+    return common / union, common / union - (hull - union) / hull
+
+
 def detector_loss(scores, offsets, labels, targets):
-    """Cross entropy over the faces and the hardest background, and smooth L1 of the offsets."""
+    """Cross entropy over the faces and the hardest background; smooth L1 of the offsets and the
+    generalised overlap of the boxes. A face's score is to tell how well its box lies: from
+    overlap POOR to GOOD with the truth it shall rise from 0 to 1, so that a box that is off
+    ranks behind those that are not."""
     face = labels == 1
     count = face.sum().clamp(min=1)
-    each = F.cross_entropy(scores.reshape(-1, 2), labels.clamp(min=0).reshape(-1), reduction="none")
-    each = each.reshape(labels.shape)
+    overlap, general = agreement(offsets[face], targets[face])
+    likely = (labels == 1).to(scores.dtype)
+    likely[face] = ((overlap.detach() - POOR) / (GOOD - POOR)).clamp(0, 1)
+    logs = F.log_softmax(scores, 2)
+    each = -(likely * logs[..., 1] + (1 - likely) * logs[..., 0])
     background = torch.where(labels == 0, each.detach(), torch.full_like(each, -1.0)).reshape(-1)
     kept = NEGATIVES * int(count) + 10 * len(labels)
     hardest = background.topk(min(kept, background.numel())).indices
     score_loss = (each[face].sum() + each.reshape(-1)[hardest].sum()) / count
     offset_loss = F.smooth_l1_loss(offsets[face], targets[face], reduction="sum") / count
-    return score_loss, offset_loss
+    return score_loss, offset_loss, (1 - general).sum() / count
 
 
 def landmark_loss(found, points, width=4.0, bend=1.0):

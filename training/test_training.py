@@ -23,6 +23,8 @@ class Rendered(unittest.TestCase):
         cls.store = data.Store(cls.folder.name, COUNT, seed=3)
 
     def test_same_seed_same_bytes(self):
+        self.store.heads[5], self.store.truth[5] = 0, 0  # interrupted, and gone on with
+        data.Store(self.folder.name, COUNT, seed=3)
         again = self.store.renderer.head(3, 5)
         np.testing.assert_array_equal(again[0], self.store.heads[5])
         np.testing.assert_array_equal(again[1], self.store.truth[5])
@@ -68,6 +70,7 @@ class Rendered(unittest.TestCase):
     def test_targets_decode_to_the_boxes(self):
         try:
             import losses
+            import torch
         except ImportError:
             self.skipTest("without torch")
         targets = losses.Targets()
@@ -85,6 +88,15 @@ class Rendered(unittest.TestCase):
             for box in boxes[boxes[:, 4] > 0.5]:
                 found = np.abs(decoded - box[:4]).max(1).min() if len(decoded) else 99
                 faces += found < 0.01
+            # The loss's overlap of boxes told by offsets is that of the boxes.
+            other = np.roll(offsets, 1, 0)
+            shift = 0.1 * other[:, :2] * priors[:, 2:]
+            half = np.exp(0.2 * other[:, 2:]) * priors[:, 2:] / 2
+            moved = np.concatenate([priors[:, :2] + shift - half, priors[:, :2] + shift + half], 1)
+            common, general = losses.agreement(*map(torch.from_numpy, (other, offsets)))
+            np.testing.assert_allclose(common, np.diag(measures.overlaps(
+                moved * ([320, 240] * 2), decoded)), atol=1e-4)
+            self.assertTrue((general <= common + 1e-6).all() and (general > -1).all())
         self.assertGreater(faces, 8)
 
     def test_clip(self):
@@ -128,12 +140,14 @@ class Measures(unittest.TestCase):
                     "rotation": np.eye(3), "smoothed": points, **more}
 
         truth, found = [], []
-        for i in range(50):  # one rests in the first second, then moves by 3 a frame; one is hidden
+        for i in range(50):  # one rests in the first second, then moves by 3 a frame; two are hidden,
+            # the one of them behind the first
             place = shape + max(i - 24, 0) * 3.0
             tremble = (-1) ** i
             seen = place + [0, 1.8 * tremble]
             truth.append({"index": i, "time": i / 25, "faces": [
-                face(1, 0, place), face(2, 100, place), face(3, 300, place, visible=0.2)]})
+                face(1, 0, place), face(2, 100, place), face(3, 300, place, visible=0.2),
+                face(4, 5, place, visible=0.1)]})
             late = place - (1.5 if i >= 25 else 0) + [0, 0.9 * tremble]
             found.append([face(7 if i < 40 else 8, 5, seen, smoothed=late, rotation=turned),
                           face(9, 300, place)])

@@ -185,9 +185,7 @@ def main():
     torch.set_num_threads(options.threads)
     os.makedirs(options.folder, exist_ok=True)
     folder = options.store or os.path.join(options.folder, "store")
-    made = os.path.exists(os.path.join(folder, "truth.npy"))
-    store = data.Store(folder, 0 if made and options.resume else options.heads, options.seed)
-    Trainer(options).run(store)
+    Trainer(options).run(data.Store(folder, options.heads, options.seed))
 
 
 if __name__ == "__main__":

@@ -99,12 +99,14 @@ FaceOptions = _record(
     ("score_threshold", c_float), ("keep_threshold", c_float), ("overlap_threshold", c_float),
     ("resize", c_int32), ("max_age", c_int32), ("min_hits", c_int32), ("track_overlap", c_float),
     ("smooth_cutoff", c_float), ("smooth_beta", c_float), ("smooth_derivative", c_float),
-    ("focal_length", c_float), ("reserved", c_int32))
+    ("focal_length", c_float), ("remember", c_int32),
+    ("second_look", c_float), ("reserved", c_int32))
 # ZYN_FACE_DEFAULTS
 FaceOptions.DEFAULTS = {
     "detect_every": 1, "max_faces": 32, "score_threshold": 0.7, "keep_threshold": 0.5,
     "overlap_threshold": 0.3, "resize": 0, "max_age": 10, "min_hits": 1, "track_overlap": 0.5,
-    "smooth_cutoff": 0.4, "smooth_beta": 8, "smooth_derivative": 0.5, "focal_length": 0}
+    "smooth_cutoff": 0.4, "smooth_beta": 8, "smooth_derivative": 0.5, "focal_length": 0,
+    "remember": 100, "second_look": 1}
 FacePose = _record("FacePose", ("valid", c_int32), ("rotation", c_float * 9),
                    ("translation", c_float * 3), ("yaw", c_float), ("pitch", c_float),
                    ("roll", c_float), ("error", c_float))

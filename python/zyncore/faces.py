@@ -91,7 +91,8 @@ class Faces:
     belongs to the session's thread. Without landmarks faces have boxes only. The other settings are
     the fields of zyn_face_options (include/zyncore_face.h), with its defaults:
     detect_every, max_faces, score_threshold, keep_threshold, overlap_threshold, resize, max_age,
-    min_hits, track_overlap, smooth_cutoff, smooth_beta, smooth_derivative, focal_length.
+    min_hits, track_overlap, smooth_cutoff, smooth_beta, smooth_derivative, focal_length, remember,
+    second_look.
     """
 
     def __init__(self, detector: str | os.PathLike[str] | bytes | Net,

@@ -1,14 +1,17 @@
 // The counted allocator. Every block is aligned to 32 bytes and preceded by two
 // 64-bit words: [-1] the size asked for, [-2] the address the system gave, whose lowest bit
-// is set where the block fills a power of two and so may be recycled.
+// is set where the block fills a power of two and so may be recycled; or that of a store's chunk,
+// and the next bit is set.
 #include "base/zyn_memory.h"
 
 #include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
+#include <new>
 
 #include "base/zyn_explain.h"
+#include "base/zyn_platform.h"
 
 namespace {
 
@@ -41,6 +44,21 @@ constexpr uint64_t kLargestRecycled = uint64_t{1} << 62;
 
 thread_local zyn_recycler* recycler = nullptr;
 
+// The beginning of a chunk, which lies on a large page.
+struct chunk {
+  void* system_block;
+  std::atomic<int64_t> holders;  // blocks, and the store while it has room
+  uint64_t used, bytes;
+};
+constexpr uint64_t kStored = 2;
+constexpr uint64_t kLine = 64;  // blocks of a chunk begin with one
+
+thread_local zyn_store* store = nullptr;
+
+void leave(chunk* c) {
+  if (c->holders.fetch_sub(1, std::memory_order_acq_rel) == 1) allocator.release(c->system_block);
+}
+
 // The list of blocks that hold so many bytes, at most kLargestRecycled.
 int32_t list_of(uint64_t bytes) {
   return bytes <= kSmallestRecycled ? 6 : 64 - __builtin_clzll(bytes - 1);
@@ -58,7 +76,41 @@ void* make_block(uint64_t bytes, uint64_t wanted, uint64_t tag) {
   return block;
 }
 
+// Opens a chunk with room for so many bytes. False without memory.
+bool open_chunk(uint64_t needed) {
+  constexpr uint64_t kPage = kZynLargePage;
+  const auto usual = static_cast<uint64_t>(store->chunk_bytes);
+  if (needed > kLargest - 3 * kPage) return false;
+  const uint64_t bytes = ((needed > usual ? needed : usual) + kLine + kPage - 1) & ~(kPage - 1);
+  void* system_block = allocator.allocate(bytes + kPage);
+  if (!system_block) return false;
+  void* memory = reinterpret_cast<void*>((reinterpret_cast<uintptr_t>(system_block) + kPage - 1) &
+                                         ~uintptr_t{kPage - 1});
+  zyn_platform_use_large_pages(memory, bytes);
+  zyn_close_store(store);
+  store->chunk = new (memory) chunk{system_block, {1}, kLine, bytes};
+  return true;
+}
+
+void* stored_block(uint64_t wanted) {
+  if (wanted > kLargest) return nullptr;
+  const uint64_t needed = (wanted + kLine + kLine - 1) & ~(kLine - 1);
+  auto* c = static_cast<chunk*>(store->chunk);
+  if (!c || c->bytes - c->used < needed) {
+    if (!open_chunk(needed)) return nullptr;
+    c = static_cast<chunk*>(store->chunk);
+  }
+  auto* block = reinterpret_cast<uint64_t*>(reinterpret_cast<uint8_t*>(c) + c->used + kLine);
+  c->used += needed;
+  c->holders.fetch_add(1, std::memory_order_relaxed);
+  block[-1] = wanted;
+  block[-2] = reinterpret_cast<uintptr_t>(c) | kStored;
+  return block;
+}
+
 void give_back(void* block) {
+  if (header_of(block)[-2] & kStored)
+    return leave(reinterpret_cast<chunk*>(static_cast<uintptr_t>(header_of(block)[-2] & ~kStored)));
   void* system_block =
       reinterpret_cast<void*>(static_cast<uintptr_t>(header_of(block)[-2] & ~kRecyclable));
   if (system_block) allocator.release(system_block);
@@ -87,6 +139,14 @@ void zyn_empty_recycler(zyn_recycler* kept) {
 zyn_recycling::zyn_recycling(zyn_recycler* kept) : before_(recycler) { recycler = kept; }
 zyn_recycling::~zyn_recycling() { recycler = before_; }
 
+void zyn_close_store(zyn_store* closed) {
+  if (closed->chunk) leave(static_cast<chunk*>(closed->chunk));
+  closed->chunk = nullptr;
+}
+
+zyn_storing::zyn_storing(zyn_store* now) : before_(store) { store = now; }
+zyn_storing::~zyn_storing() { store = before_; }
+
 zyn_system_allocator zyn_set_system_allocator(const zyn_system_allocator* replacement) {
   const zyn_system_allocator before = allocator;
   allocator = replacement ? *replacement : kSystem;
@@ -96,8 +156,9 @@ zyn_system_allocator zyn_set_system_allocator(const zyn_system_allocator* replac
 void* zyn_malloc(int64_t size) {
   if (size < 1) return no_block(size);
   const uint64_t wanted = static_cast<uint64_t>(size);
-  void* block = recycler && wanted <= kLargestRecycled ? recycled_block(wanted)
-                                                       : make_block(wanted, wanted, 0);
+  void* block = store                                    ? stored_block(wanted)
+                : recycler && wanted <= kLargestRecycled ? recycled_block(wanted)
+                                                         : make_block(wanted, wanted, 0);
   if (!block) return no_block(size);
   bytes_in_use.fetch_add(wanted, std::memory_order_relaxed);
   return block;

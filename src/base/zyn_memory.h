@@ -50,6 +50,29 @@ class zyn_recycling {
   zyn_recycler* before_;
 };
 
+// Blocks that one owner makes to keep them, in common chunks on large pages where the system
+// has such: on pages of 4 KB the weights of a network are more pages than a processor knows the
+// places of. While a zyn_storing of a store exists (null: of none), this thread's allocations come
+// from there. The blocks may be freed anywhere; a chunk goes back to the system with its last one.
+inline constexpr int64_t kZynLargePage = int64_t{2} << 20;
+struct zyn_store {
+  int64_t chunk_bytes;  // at least, each
+  void* chunk;          // the one with room, or null
+};
+// No more blocks come from what the store holds.
+void zyn_close_store(zyn_store* store);
+
+class zyn_storing {
+ public:
+  explicit zyn_storing(zyn_store* store);
+  ~zyn_storing();
+  zyn_storing(const zyn_storing&) = delete;
+  zyn_storing& operator=(const zyn_storing&) = delete;
+
+ private:
+  zyn_store* before_;
+};
+
 // *product = a * b; false when either is negative or the product does not fit.
 inline bool zyn_multiply(int64_t a, int64_t b, int64_t* product) {
   return a >= 0 && b >= 0 && !__builtin_mul_overflow(a, b, product);

@@ -2,6 +2,7 @@
 // implementation file each. Texts are UTF-8, except where a function says otherwise.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 
@@ -9,6 +10,9 @@
 // bits. False when the system has none.
 bool zyn_platform_ticks(int64_t* ticks);
 bool zyn_platform_tick_frequency(int64_t* ticks_per_second);
+
+// Asks for large pages under fresh memory, of which the system may have none.
+void zyn_platform_use_large_pages(void* memory, size_t bytes);
 
 // The calling thread's number within a team of the OpenMP runtime; 0 outside of one.
 int32_t zyn_platform_thread_number();

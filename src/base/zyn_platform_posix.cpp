@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -98,6 +99,15 @@ bool zyn_platform_ticks(int64_t* ticks) {
 bool zyn_platform_tick_frequency(int64_t* ticks_per_second) {
   *ticks_per_second = kTicksPerSecond;
   return true;
+}
+
+void zyn_platform_use_large_pages(void* memory, size_t bytes) {
+#if defined(MADV_HUGEPAGE)
+  madvise(memory, bytes, MADV_HUGEPAGE);
+#else
+  (void)memory;
+  (void)bytes;
+#endif
 }
 
 FILE* zyn_platform_open(const char* path, const char* mode) {

@@ -50,6 +50,9 @@ bool zyn_platform_tick_frequency(int64_t* ticks_per_second) {
   return true;
 }
 
+// They need a right that few accounts have.
+void zyn_platform_use_large_pages(void*, size_t) {}
+
 FILE* zyn_platform_open(const char* path, const char* mode) {
   wchar_t wide[kWidePath];
   if (!widen(path, wide)) return nullptr;

@@ -19,9 +19,11 @@ struct zyn_face_session {
   zyn_face_options options;
   zyn_face_detector detector;
   zyn_face_landmarker landmarker;
+  zyn_face_viewer viewer;
   zyn_face_tracks tracks;
   zyn_face_finding* findings;  // of a frame
-  float* landmarks;            // of one face
+  float* landmarks;            // of each finding
+  float* again;                // of one of them, looked for once more
   zyn_face* faces;             // what was handed out, max_faces
   int32_t face_count;
   int32_t next_id;
@@ -68,6 +70,9 @@ int32_t check_options(const zyn_face_options& o) {
     return wrong("smooth_beta", static_cast<double>(o.smooth_beta), "0 or more");
   if (!(o.smooth_derivative > 0 && isfinite(o.smooth_derivative)))
     return wrong("smooth_derivative", static_cast<double>(o.smooth_derivative), "above 0");
+  if (o.remember < 0) return wrong("remember", o.remember, "0 or more");
+  if (!at_least_0(o.second_look))
+    return wrong("second_look", static_cast<double>(o.second_look), "0 or more");
   if (!at_least_0(o.focal_length))
     return wrong("focal_length", static_cast<double>(o.focal_length), "0 or more");
   return ZYN_RET_OK;
@@ -119,7 +124,8 @@ int32_t detect(zyn_face_session* s, const zyn_face_frame& frame, stopwatch* watc
   const auto y = [&](float part) { return static_cast<float>(region.y + part * region.height); };
   for (int32_t i = 0; i < *count; i++) {
     const zyn_detection& box = d->kept[i];
-    s->findings[i] = {{x(box.x1), y(box.y1), x(box.x2), y(box.y2), box.score}, -1, -1};
+    s->findings[i] = {
+        {x(box.x1), y(box.y1), x(box.x2), y(box.y2), box.score}, -1, -1, 0, false, {}};
   }
   watch->add_to(&s->times.boxes);
   return ZYN_RET_OK;
@@ -127,25 +133,74 @@ int32_t detect(zyn_face_session* s, const zyn_face_frame& frame, stopwatch* watc
 
 // The landmarks in the square around a box; *found: they are numbers.
 int32_t find_landmarks(zyn_face_session* s, const zyn_face_frame& frame, const float* box,
-                       stopwatch* watch, zyn_face_region* crop, bool* found) {
+                       stopwatch* watch, zyn_face_region* crop, float* landmarks, bool* found) {
   const float* points = nullptr;
   if (const int32_t code = zyn_sample_face(&s->landmarker, frame, box, crop)) return code;
   watch->add_to(&s->times.landmark_input);
   if (const int32_t code = zyn_run_face_landmarker(&s->landmarker, &points)) return code;
-  *found = zyn_place_landmarks(s->landmarker, points, *crop, s->landmarks);
+  *found = zyn_place_landmarks(s->landmarker, points, *crop, landmarks);
   watch->add_to(&s->times.landmarks);
   return ZYN_RET_OK;
 }
 
-void take_landmarks(zyn_face_session* s, double time, bool restart, zyn_face_slot* slot,
-                    stopwatch* watch) {
+float focal_of(const zyn_face_session* s) {
+  return s->options.focal_length > 0 ? s->options.focal_length : static_cast<float>(s->width);
+}
+
+void take_landmarks(zyn_face_session* s, const float* landmarks, double time, bool restart,
+                    zyn_face_slot* slot, stopwatch* watch) {
   const zyn_face_landmarker& l = s->landmarker;
-  zyn_take_landmarks(s->options, l.points, s->landmarks, time, restart, slot);
+  zyn_take_landmarks(s->options, l.points, landmarks, time, restart, slot);
   l.five_points(slot->smoothed, slot->points);
-  const float focal =
-      s->options.focal_length > 0 ? s->options.focal_length : static_cast<float>(s->width);
-  l.pose(slot->smoothed, s->width, s->height, focal, &slot->pose);
+  l.pose(slot->smoothed, s->width, s->height, focal_of(s), &slot->pose);
   watch->add_to(&s->times.pose);
+}
+
+float* landmarks_of(const zyn_face_session* s, int64_t finding) {
+  return s->landmarks + finding * 2 * s->landmarker.points;
+}
+
+// How far the landmarks of a detection move when they are looked for once more in a slightly other
+// crop: in what is no face they go astray.
+int32_t look_again(zyn_face_session* s, const zyn_face_frame& frame, const float* landmarks,
+                   stopwatch* watch, zyn_face_finding* finding) {
+  constexpr float kScale = 0.9f, kShift = -0.05f;  // of the crop's side
+  constexpr float kUsual = 0.12f;                  // so much they move in faces
+  const zyn_detection& box = finding->box;
+  const float side = kScale * fmaxf(box.x2 - box.x1, box.y2 - box.y1);
+  const float shift = kShift * s->landmarker.crop * side;
+  const float x = 0.5f * (box.x1 + box.x2) + shift, y = 0.5f * (box.y1 + box.y2) + shift;
+  const float other[4] = {x - 0.5f * side, y - 0.5f * side, x + 0.5f * side, y + 0.5f * side};
+  zyn_face_region crop;
+  bool found = false;
+  if (const int32_t code = find_landmarks(s, frame, other, watch, &crop, s->again, &found))
+    return code;
+  const float moved = found ? zyn_landmarks_moved(s->landmarker.points, landmarks, s->again) : 1;
+  finding->doubt = s->options.second_look * fmaxf(moved - kUsual, 0);
+  return ZYN_RET_OK;
+}
+
+// The landmarks and looks of the detections that continue a face or may begin one.
+int32_t examine(zyn_face_session* s, const zyn_face_frame& frame, int32_t count, stopwatch* watch) {
+  for (int32_t i = 0; i < count; i++) {
+    zyn_face_finding& finding = s->findings[i];
+    if (finding.predicted < 0 && !(finding.box.score > s->options.score_threshold)) continue;
+    const float* box = &finding.box.x1;
+    zyn_face_region crop;
+    if (const int32_t code =
+            find_landmarks(s, frame, box, watch, &crop, landmarks_of(s, i), &finding.has_landmarks))
+      return code;
+    if (finding.predicted < 0 && s->options.second_look > 0 && finding.has_landmarks)
+      if (const int32_t code = look_again(s, frame, landmarks_of(s, i), watch, &finding))
+        return code;
+    if (!finding.has_landmarks || s->options.remember == 0) continue;
+    zyn_face_pose pose;
+    s->landmarker.pose(landmarks_of(s, i), s->width, s->height, focal_of(s), &pose);
+    if (const int32_t code = s->viewer.look(frame, box, pose, focal_of(s), &finding.look))
+      return code;
+    watch->add_to(&s->times.tracking);
+  }
+  return ZYN_RET_OK;
 }
 
 // A frame with detection: tracks first, then the landmarks of what was detected.
@@ -154,16 +209,18 @@ int32_t run_detection(zyn_face_session* s, const zyn_face_frame& frame, double t
   int32_t count = 0;
   if (const int32_t code = detect(s, frame, watch, &count)) return code;
   if (const int32_t code = s->tracks.associate(s->findings, count)) return code;
-  if (const int32_t code = s->tracks.update(s->findings, count, ZYN_FACE_DETECTED)) return code;
   watch->add_to(&s->times.tracking);
-  for (int32_t i = 0; s->landmarker && i < count; i++) {
-    if (s->findings[i].slot < 0) continue;
+  if (s->landmarker) {
+    if (const int32_t code = examine(s, frame, count, watch)) return code;
+    s->tracks.reconsider(s->findings, count);
+  }
+  if (const int32_t code = s->tracks.update(s->findings, count, ZYN_FACE_DETECTED)) return code;
+  s->tracks.learn(s->findings, count);
+  watch->add_to(&s->times.tracking);
+  for (int32_t i = 0; i < count; i++) {
+    if (s->findings[i].slot < 0 || !s->findings[i].has_landmarks) continue;
     zyn_face_slot& slot = s->tracks.slot(s->findings[i].slot);
-    zyn_face_region crop;
-    bool found = false;
-    if (const int32_t code = find_landmarks(s, frame, slot.box, watch, &crop, &found)) return code;
-    if (!found) continue;
-    take_landmarks(s, time, restart, &slot, watch);
+    take_landmarks(s, landmarks_of(s, i), time, restart, &slot, watch);
     zyn_link_box(s->landmarker.points, &slot);
   }
   return ZYN_RET_OK;
@@ -178,11 +235,16 @@ int32_t run_following(zyn_face_session* s, const zyn_face_frame& frame, double t
     zyn_face_region crop;
     bool found = false;
     if (slot.unseen > 1 || !slot.has_landmarks || !(slot.link[2] > 0)) continue;
-    if (const int32_t code = find_landmarks(s, frame, slot.box, watch, &crop, &found)) return code;
+    if (const int32_t code = find_landmarks(s, frame, slot.box, watch, &crop, s->landmarks, &found))
+      return code;
     if (!found || !zyn_can_follow(s->landmarker, slot, crop, s->landmarks)) continue;
-    s->findings[count++] = {zyn_box_of_landmarks(s->landmarker.points, slot, s->landmarks), i,
-                            slot.predicted};
-    take_landmarks(s, time, false, &slot, watch);
+    s->findings[count++] = {zyn_box_of_landmarks(s->landmarker.points, slot, s->landmarks),
+                            i,
+                            slot.predicted,
+                            0,
+                            true,
+                            {}};
+    take_landmarks(s, s->landmarks, time, false, &slot, watch);
   }
   const int32_t code = s->tracks.update(s->findings, count, ZYN_FACE_FOLLOWED);
   watch->add_to(&s->times.tracking);
@@ -194,11 +256,7 @@ void hand_out(zyn_face_session* s) {
   s->face_count = 0;
   for (int32_t i = 0; i < s->tracks.count(); i++) {
     zyn_face_slot& slot = s->tracks.slot(i);
-    if (slot.hits < s->options.min_hits) continue;
-    if (slot.id < 0) {
-      slot.id = s->next_id;
-      s->next_id = s->next_id < INT32_MAX ? s->next_id + 1 : 0;
-    }
+    if (slot.id < 0) continue;
     zyn_face face = {};
     face.id = slot.id;
     face.state = slot.state;
@@ -225,9 +283,11 @@ int32_t warm_up_crops(zyn_face_session* s, const zyn_face_frame& frame) {
   for (int32_t side = 1; s->landmarker && side <= kLargestSide; side *= 2) {
     const double x = 0.5 * (frame.width - side), y = 0.5 * (frame.height - side);
     const auto length = static_cast<double>(side);
-    if (const int32_t code = zyn_face_sample(s->landmarker.pixels, s->landmarker.input, frame,
-                                             {x, y, length, length}))
+    const zyn_face_region crop = {x, y, length, length};
+    if (const int32_t code =
+            zyn_face_sample(s->landmarker.pixels, s->landmarker.input, frame, crop))
       return code;
+    if (const int32_t code = s->viewer.sample(frame, crop)) return code;
     if (side > frame.width && side > frame.height) break;
   }
   return ZYN_RET_OK;
@@ -258,6 +318,7 @@ int32_t run_frame(zyn_face_session* s, const zyn_face_frame& frame, double time)
       detects ? run_detection(s, frame, time, jump, &watch) : run_following(s, frame, time, &watch);
   if (code != ZYN_RET_OK) return code;
   s->tracks.drop_lost(frame.width, frame.height);
+  s->tracks.identify(&s->next_id);
   hand_out(s);
   watch.add_to(&s->times.tracking);
   s->times.total = watch.total();
@@ -295,7 +356,7 @@ int32_t warm_up(zyn_face_session* s) {
   for (int32_t n = 0; n <= most; n = next_number(n, most)) {
     for (int32_t i = 0; i < n; i++) {
       const auto x = static_cast<float>(100 * i);
-      s->findings[i] = {{x, 0, x + 10, 10, 1}, -1, -1};
+      s->findings[i] = {{x, 0, x + 10, 10, 1}, -1, -1, 0, false, {}};
     }
     if (const int32_t code = s->tracks.warm_up(s->findings, n)) return code;
   }
@@ -311,9 +372,13 @@ int32_t open(zyn_face_session* s) {
   s->findings = static_cast<zyn_face_finding*>(
       zyn_calloc(kFindings * faces, int64_t{sizeof(zyn_face_finding)}));
   s->faces = static_cast<zyn_face*>(zyn_calloc(faces, int64_t{sizeof(zyn_face)}));
-  s->landmarks = static_cast<float*>(zyn_malloc(int64_t{sizeof(float)} * (values + 1)));
+  s->landmarks = static_cast<float*>(
+      zyn_malloc(int64_t{sizeof(float)} * ((kFindings * faces + 1) * values + 1)));
   if (!s->findings || !s->faces || !s->landmarks) return no_memory();
+  s->again = s->landmarks + kFindings * faces * values;
   if (const int32_t code = s->tracks.open(s->options, values)) return code;
+  if (s->landmarker)
+    if (const int32_t code = s->viewer.open()) return code;
   const zyn_recycling recycling(&s->memory);
   return warm_up(s);
 }

@@ -38,6 +38,7 @@ zyn_face_tracks::~zyn_face_tracks() {
   if (tracker_) zyn_release_sort_handle(&tracker_);
   zyn_free(slots_);
   zyn_free(landmarks_);
+  zyn_free(lost_);
 }
 
 int32_t zyn_face_tracks::open(const zyn_face_options& options, int32_t values) {
@@ -47,7 +48,8 @@ int32_t zyn_face_tracks::open(const zyn_face_options& options, int32_t values) {
   slots_ = static_cast<zyn_face_slot*>(zyn_calloc(faces, sizeof(zyn_face_slot)));
   if (values > 0)
     landmarks_ = static_cast<float*>(zyn_calloc(faces * kBlocks * values, int64_t{sizeof(float)}));
-  if (!slots_ || (values > 0 && !landmarks_)) return no_memory();
+  lost_ = static_cast<zyn_known_face*>(zyn_calloc(faces, sizeof(zyn_known_face)));
+  if (!slots_ || !lost_ || (values > 0 && !landmarks_)) return no_memory();
   for (int64_t i = 0; landmarks_ && i < faces; i++) {
     slots_[i].landmarks = landmarks_ + i * kBlocks * values_;
     slots_[i].smoothed = slots_[i].landmarks + values_;
@@ -57,7 +59,7 @@ int32_t zyn_face_tracks::open(const zyn_face_options& options, int32_t values) {
 }
 
 int32_t zyn_face_tracks::clear() {
-  count_ = 0;
+  count_ = lost_count_ = 0;
   zyn_release_track_info(&predicted_);
   if (tracker_) zyn_release_sort_handle(&tracker_);
   const zyn_sort_param param = {options_.max_age, 1, options_.track_overlap, 0};
@@ -91,6 +93,7 @@ int32_t zyn_face_tracks::add(uint32_t track) {
 // The faces keep their order; the slot's memory goes behind the last one.
 void zyn_face_tracks::remove(int32_t slot) {
   const zyn_face_slot removed = slots_[slot];
+  remember(removed);
   count_--;
   for (int32_t i = slot; i < count_; i++) slots_[i] = slots_[i + 1];
   slots_[count_] = removed;
@@ -100,6 +103,7 @@ int32_t zyn_face_tracks::predict() {
   zyn_release_track_info(&predicted_);
   predicted_ = zyn_create_sort_predict(tracker_);
   if (!predicted_) return no_memory();
+  forget();
   for (int32_t i = 0; i < count_; i++) slots_[i].predicted = -1;
   for (int32_t k = 0; k < predicted_->count; k++) {
     float* box = predicted_->boxes + int64_t{k} * kBoxFloats;
@@ -152,6 +156,7 @@ void zyn_face_tracks::give(zyn_face_finding* finding, uint32_t track, int32_t st
   slot.unseen = 0;
   slot.state = state;
   put_box(finding->box, slot.box);
+  memcpy(slot.seen_box, slot.box, sizeof(slot.box));
   if (state != ZYN_FACE_DETECTED) return;
   slot.score = finding->box.score;
   slot.hits++;
@@ -171,7 +176,7 @@ int32_t zyn_face_tracks::correct(const zyn_face_finding* findings, int32_t count
     const zyn_face_finding& finding = findings[d];
     boxes[d] = finding.box;
     const bool known = finding.predicted >= 0;
-    mask[d] = known || (finding.box.score > options_.score_threshold && room > 0);
+    mask[d] = known || (finding.box.score - finding.doubt > options_.score_threshold && room > 0);
     if (!known) {
       matches->unmatched[single++] = d;
       room -= mask[d];

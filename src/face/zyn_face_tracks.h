@@ -4,15 +4,23 @@
 #include <stdint.h>
 
 #include "base/zyn_memory.h"
+#include "face/zyn_face_look.h"
 #include "zyncore_face.h"
 
+// What a face is known by: also one that was lost.
+struct zyn_known_face {
+  int32_t id;         // -1 until it is reported
+  int32_t unseen;     // frames
+  float seen_box[4];  // where it was last seen
+  zyn_face_look look;
+};
+
 // A face as the session keeps it.
-struct zyn_face_slot {
+struct zyn_face_slot : zyn_known_face {
   uint32_t track;     // the tracker's id
   int32_t predicted;  // number in the tracker's prediction of this frame
-  int32_t id;         // of the face, -1 until it is reported
   int32_t hits;       // detections so far
-  int32_t state, age, unseen;
+  int32_t state, age;
   float score;
   float box[4];
   // Landmarks of x, y each: as found, smoothed, their speeds in pixels a second.
@@ -31,6 +39,9 @@ struct zyn_face_finding {
   zyn_detection box;
   int32_t slot;       // of the face that it continues or becomes, -1: none
   int32_t predicted;  // number of the track that it continues, -1: none
+  float doubt;        // what its score has to exceed the threshold by to begin a face
+  bool has_landmarks;
+  zyn_face_look look;  // without landmarks not known
 };
 
 class zyn_face_tracks {
@@ -56,6 +67,15 @@ class zyn_face_tracks {
   // Corrects the tracks of paired findings; of the others those become faces that exceed the
   // score for it, as long as there is room. Faces take box and state. 0 or a code.
   int32_t update(zyn_face_finding* findings, int32_t count, int32_t state);
+  // Who is who, by looks; nothing of it happens where nothing is remembered.
+  // Changes pairs of findings and tracks that are near each other where others fit better, and
+  // parts those that rather are a lost face.
+  void reconsider(zyn_face_finding* findings, int32_t count) const;
+  // Learns the looks of faces that no other one covers.
+  void learn(const zyn_face_finding* findings, int32_t count);
+  // Faces with enough detections get the id of a lost face that looks like them, else *next_id.
+  void identify(int32_t* next_id);
+
   // A frame in which every finding is or becomes a track, none of them a face. 0 or a code.
   int32_t warm_up(zyn_face_finding* findings, int32_t count);
   // Drops faces that went unseen for too long, or whose middle left the frame unseen.
@@ -66,6 +86,12 @@ class zyn_face_tracks {
   int32_t add(uint32_t track);
   void remove(int32_t slot);
   int32_t correct(const zyn_face_finding* findings, int32_t count, int32_t room, int32_t* ids);
+  void remember(const zyn_known_face& face);
+  void forget();
+  float gain(const zyn_face_finding* findings, int32_t count, int32_t finding, int32_t from,
+             int32_t to) const;
+  bool rather_lost(const zyn_face_finding& finding, float difference) const;
+  bool recall();
   void give(zyn_face_finding* finding, uint32_t track, int32_t state);
 
   zyn_face_options options_ = {};
@@ -75,4 +101,6 @@ class zyn_face_tracks {
   zyn_face_slot* slots_ = nullptr;
   float* landmarks_ = nullptr;
   int32_t count_ = 0;
+  zyn_known_face* lost_ = nullptr;  // up to max_faces
+  int32_t lost_count_ = 0;
 };

@@ -41,6 +41,7 @@ void release(zyn_net* net) {
   void* blocks[] = {net->tensors,  net->outputs, net->texts, net->ports, net->nodes,
                     net->metadata, net->methods, net->bytes, net->block};
   for (void* block : blocks) zyn_free(block);
+  zyn_close_store(&net->store);
   zyn_free(net);
 }
 
@@ -103,6 +104,7 @@ int32_t build(zyn_net* net) {
   if (const int32_t code = check_graph(net, &checker)) return code;
   if (!zyn_net_choose_methods(net, checker)) return no_memory();
   release_graph(net);
+  net->store.chunk_bytes = zyn_block_bytes(net->bytes);  // what was made so far is gone
   return zyn_net_build(net);
 }
 
@@ -132,6 +134,7 @@ zyn_net* load(void* bytes, int64_t size, const zyn_net_options& options) {
   if (check_options(options) != ZYN_RET_OK || net->file.open(bytes, size) != ZYN_RET_OK ||
       prepare(net.get()) != ZYN_RET_OK)
     return nullptr;
+  zyn_close_store(&net->store);
   net->bytes_kept = static_cast<int64_t>(zyn_get_current_memory_size_occupation() - before);
   return net.take();
 }

@@ -31,6 +31,7 @@ int32_t make_graph(zyn_net* net) {
   net->graph = zyn_create_computation_graph_handle(&settings);
   if (!net->graph) return no_memory();
   net->graph->any_order = true;
+  net->graph->store = zyn_net_store(net, net->store.chunk_bytes);
   for (int32_t id = 0; id < settings.max_nodes; id++) {
     if (net->nodes[id].name[0] &&
         zyn_cg_set_node_name(net->graph, id, net->nodes[id].name) != ZYN_RET_OK)
@@ -77,6 +78,7 @@ int32_t make_tensor(zyn_net* net, int32_t id, const zyn_file_node& node) {
     zyn_tensor* tensor =
         zyn_create_tensor_header(static_cast<int32_t>(input.dim_count), input.dims, type);
     net->tensors[id] = tensor;
+    const zyn_storing storing(zyn_net_store(net, net->store.chunk_bytes));
     if (tensor) tensor->data = zyn_calloc(tensor->byte_size, 1);  // owned, as headers claim
     return tensor && tensor->data ? ZYN_RET_OK : no_memory();
   }

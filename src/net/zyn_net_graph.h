@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include "base/zyn_list.h"
+#include "base/zyn_memory.h"
 #include "net/zyn_net_file.h"
 #include "zyncore_net.h"
 
@@ -18,6 +19,7 @@ struct zyn_net {
   zyn_tensor** tensors;   // by node: inputs and constants, else null
   zyn_tensor** outputs;   // by output: a planar copy where the node's is blocked, or null
   void* block;            // all outputs of the graph share it
+  zyn_store store;        // of what loading makes to keep
   int64_t bytes_kept;     // that loading allocated
   char* texts;            // every text of the file with a zero behind it
   zyn_net_port* ports;    // inputs, then outputs
@@ -27,6 +29,11 @@ struct zyn_net {
   zyn_net_options options;
   zyn_net_description description;
 };
+
+// Where so many bytes that the network keeps are to lie: small ones gain nothing by large pages.
+inline zyn_store* zyn_net_store(zyn_net* net, int64_t bytes) {
+  return bytes >= kZynLargePage ? &net->store : nullptr;
+}
 
 // Chooses net->methods by the options and the file, or by what each would take. The graph is
 // built and has been examined without errors. False without memory.

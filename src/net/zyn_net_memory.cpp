@@ -39,7 +39,10 @@ class planner {
     const int64_t bytes = place();
     if (bytes < 0) return no_memory();
     if (bytes == 0) return ZYN_RET_OK;
-    net_->block = zyn_malloc(bytes + kAlignment);
+    {
+      const zyn_storing storing(zyn_net_store(net_, bytes));
+      net_->block = zyn_malloc(bytes + kAlignment);
+    }
     if (!net_->block) return no_memory();
     auto* base = static_cast<uint8_t*>(net_->block);
     base += (kAlignment - reinterpret_cast<uintptr_t>(base) % kAlignment) % kAlignment;
@@ -174,6 +177,7 @@ bool keep_constant(zyn_tensor* constant) {
 }  // namespace
 
 int32_t zyn_net_drop_file(zyn_net* net) {
+  const zyn_storing storing(zyn_net_store(net, net->store.chunk_bytes));
   const int32_t count = net->description.node_count;
   zyn_scratch<uint8_t> read = zyn_scratch<uint8_t>::zeroed(count);
   if (!read) return no_memory();

@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include "base/zyn_darray.h"
+#include "base/zyn_memory.h"
 #include "zyncore.h"
 
 inline constexpr int32_t kZynOperatorTypes = 41;
@@ -97,6 +98,7 @@ struct zyn_cg_handle {
   char** names;              // by id, name_count entries: null where a node has none
   int32_t name_count;
   zyn_cg_shared_scratch scratch;
+  zyn_store* store;  // of the network's loader: packed weights, or null
   bool any_order;  // nobody expects outputs in planar order: where channel blocks come in, they may
                    // go out
 };

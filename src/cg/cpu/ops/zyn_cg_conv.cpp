@@ -117,8 +117,9 @@ void release_workspace(zyn_cg_conv_state* state) {
   zyn_cg_drop(&state->quantized);
 }
 
-// Makes the layer of methods 3 to 6; it stays null without memory.
-void make_inner(zyn_cg_conv_state* state) {
+// Makes the layer of methods 3 to 6; it stays null without memory. The floats of scratch that its
+// runs need.
+int64_t make_inner(zyn_cg_conv_state* state) {
   int64_t scratch = 0;
   const float* weights = zyn_cg_floats(state->weights);
   const int32_t *in = state->input->dims, *out = state->output->dims;
@@ -128,20 +129,27 @@ void make_inner(zyn_cg_conv_state* state) {
   else
     state->general = zyn_conv_general_prepare(weights, &state->param, in, out,
                                               state->method == ZYN_METHOD_GENERAL_PLANAR, &scratch);
-  if (zyn_cg_reserve_scratch(state->scratch, scratch)) return;
-  zyn_conv_general_release(&state->general);
-  zyn_conv_winograd_release(&state->winograd);
+  return scratch;
 }
 
-// Makes the workspace of the node's method; 2 when it cannot be made.
-int32_t make_workspace(zyn_cg_conv_state* state) {
+// What the node's method packs; the floats of scratch that its runs need.
+int64_t pack(zyn_cg_conv_state* state) {
+  const zyn_storing storing(state->store);
   if (state->method == 1)
     state->blocked = zyn_cg_conv_prepare_direct(state->weights, &state->param,
                                                 static_cast<int32_t>(state->thread_count));
   if (state->method == 2)
     state->plan = zyn_cg_conv_prepare_planned(state->input, state->weights, &state->param,
                                               &state->thread_count);
-  if (is_inner(state->method)) make_inner(state);
+  return is_inner(state->method) ? make_inner(state) : 0;
+}
+
+// Makes the workspace of the node's method; 2 when it cannot be made.
+int32_t make_workspace(zyn_cg_conv_state* state) {
+  if (!zyn_cg_reserve_scratch(state->scratch, pack(state))) {
+    zyn_conv_general_release(&state->general);
+    zyn_conv_winograd_release(&state->winograd);
+  }
   const bool made =
       state->method == 0 || state->blocked || state->plan || state->general || state->winograd;
   return made ? ZYN_RET_OK : ZYN_RET_ERR_MEMORY;
@@ -203,6 +211,7 @@ int32_t zyn_cg_bind_conv_state(zyn_cg_handle* graph, int32_t node, const void* p
   state->param = *static_cast<const zyn_conv_param*>(param);
   state->method = graph->conv_method;
   state->scratch = &graph->scratch;
+  state->store = graph->store;
   state->thread_count = graph->thread_count;
   state->fixed_point = graph->fixed_point;
   state->device_type = graph->device_type;

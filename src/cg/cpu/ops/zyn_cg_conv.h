@@ -27,6 +27,7 @@ struct zyn_cg_conv_state : zyn_cg_io_state {
   zyn_conv_general* general;          // methods 3 and 4
   zyn_conv_winograd* winograd;        // methods 5 and 6
   zyn_cg_shared_scratch* scratch;     // the graph's
+  zyn_store* store;                   // of packed weights, or null
   zyn_tensor* quantized;              // fixed point: weights and biases with weight_q fraction bits
   zyn_fpi_plan fixed;                 // fixed point: the kernel, whatever the method
 };

@@ -43,12 +43,21 @@ inline void add_inputs(typename zyn_block_lanes<OB>::type (&sum)[Blocks][Pixels]
   }
 }
 
+// The weights that come next, asked for while others are in use: a network's do not fit into the
+// second cache level, and a layer of few pixels would wait for them as long as it computes.
+struct weights_ahead {
+  const char* at;
+  int64_t left;  // bytes
+};
+constexpr int64_t kLine = 64;  // bytes
+
 // Blocks vectors of OB output channels from oc on.
 template <int OB, int Blocks>
 struct tiles {
   const zyn_blocked_layer& l;
   int32_t oc;
   zyn_tile_epilogue epilogue;
+  weights_ahead* ahead;
 
   // Values are copied to locals first: vector stores may alias anything in memory. A function
   // of its own for every size: gcc shares the registers out badly among several loops.
@@ -64,6 +73,9 @@ struct tiles {
     const typename lanes::type floor = epilogue.floor<OB>();
     float* out = l.out + oc * pixels + pixel * kBlock;
     for (; count > 0; count--, pixel += Pixels, out += Pixels * kBlock) {
+      // Two lines in every turn of the loop; where none are left, the same ones again.
+      const char* line = ahead->at;
+      const int64_t step = ahead->left > 0 ? 2 * kLine : 0;
       typename lanes::type sum[Blocks][Pixels];
       const float* w[Blocks];
       ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
@@ -74,8 +86,12 @@ struct tiles {
       // Unrolled, the same sums of 256-bit vectors let this processor's clock stay 5 % higher.
       const float* eight = in + pixel * 8;
       ZYN_UNROLL_BY(kBlocksAtOnce)
-      for (int32_t n = in_channels / 8; n > 0; n--, eight += pixels * 8)
+      for (int32_t n = in_channels / 8; n > 0; n--, eight += pixels * 8, line += step) {
+        _mm_prefetch(line, _MM_HINT_T1);
         add_inputs<OB, 8>(sum, eight, w);
+      }
+      ahead->left -= line - ahead->at;
+      ahead->at = line;
       int32_t ic = in_channels / 8 * 8;
       if (in_channels - ic >= 4) {
         add_inputs<OB, 4>(sum, in + ic * pixels + pixel * 4, w);
@@ -143,6 +159,7 @@ struct tiles<1, 1> {
   const zyn_blocked_layer& l;
   int32_t oc;
   zyn_tile_epilogue epilogue;
+  weights_ahead* ahead;
 
   template <int Pixels>
   [[gnu::noinline]] void run(int64_t pixel, int64_t count) const {
@@ -270,7 +287,11 @@ constexpr int most_pixels(int ob, int blocks) {
 template <int OB, int Blocks>
 void strip(const zyn_blocked_layer& l, int32_t oc, int64_t first, int64_t end) {
   constexpr int kBlock = OB < 8 ? OB : 8;
-  const tiles<OB, Blocks> body{l, oc, zyn_tile_epilogue(l.epilogue, oc, OB * Blocks)};
+  const float* next = l.packed + static_cast<int64_t>(oc + OB * Blocks) * l.in_channels;
+  const bool more = first == 0 && oc + OB * Blocks < l.out_channels;
+  weights_ahead ahead = {reinterpret_cast<const char*>(next),
+                         more ? OB * Blocks * 4 * int64_t{l.in_channels} : 0};
+  const tiles<OB, Blocks> body{l, oc, zyn_tile_epilogue(l.epilogue, oc, OB * Blocks), &ahead};
   zyn_balanced_tiles<most_pixels(OB, Blocks)>(first, end, body);
   body.epilogue.finish(l.out + oc * l.out_plane() + first * kBlock, (end - first) * kBlock,
                        OB * Blocks / kBlock, l.out_plane() * kBlock);
