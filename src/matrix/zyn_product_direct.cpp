@@ -53,6 +53,16 @@ void rows_plain(const zyn_product<T>& p, int64_t i) {
   if (j < p.n) tile_plain<T, Rows, 1>(p, i, j, zyn_lanes<T>::mask(p.n - j));
 }
 
+// Of a cache line; rows that pass by at the speed of the outer cache levels: those of the next
+// tile are asked for.
+template <typename T>
+constexpr int64_t kLine = 64 / sizeof(T);
+template <typename T>
+bool streams(const zyn_product<T>& p) {
+  constexpr int64_t kCachedBytes = 512 * 1024;
+  return p.n * p.k * static_cast<int64_t>(sizeof(T)) > kCachedBytes;
+}
+
 // c[i ... i + Rows)[j ... j + Cols) as dot products of rows of a and b.
 template <typename T, int Rows, int Cols>
 void tile_transposed(const zyn_product<T>& p, int64_t i, int64_t j) {
@@ -75,6 +85,13 @@ void tile_transposed(const zyn_product<T>& p, int64_t i, int64_t j) {
     }
   };
   int64_t l = 0;
+  if (Rows == 1 && streams(p))
+    for (; l + kLine<T> <= p.k; l += kLine<T>) {
+      ZYN_UNROLL for (int q = 0; q < Cols; q++)
+          _mm_prefetch(reinterpret_cast<const char*>(b[q] + Cols * p.b_pitch + l), _MM_HINT_T0);
+      step([l](const T* x) { return L::load(x + l); });
+      step([l](const T* x) { return L::load(x + l + L::count); });
+    }
   for (; l + L::count <= p.k; l += L::count) step([l](const T* x) { return L::load(x + l); });
   if (l < p.k) {
     const __m256i mask = L::mask(p.k - l);

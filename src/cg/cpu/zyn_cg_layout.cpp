@@ -1,7 +1,7 @@
 // Blocked and interleaved channel order to planar: both are groups of g channels whose
 // values lie together pixel by pixel, so one transposition per group does it. Eight
-// pixels of eight channels turn in registers; other group sizes and row ends go value
-// by value.
+// pixels of eight channels, or four of four, turn in registers, the last ones beside some that
+// have; other group sizes and short rows go value by value.
 #include "cg/cpu/zyn_cg_layout.h"
 
 #include <string.h>
@@ -23,14 +23,26 @@ void transpose_8x8(float* out, int64_t plane_pitch, const float* in, int64_t pit
   ZYN_UNROLL for (int i = 0; i < 8; i++) _mm256_storeu_ps(out + i * plane_pitch, rows[i]);
 }
 
+void transpose_4x4(float* out, int64_t plane_pitch, const float* in, int64_t pitch) {
+  __m128 row[4];
+  ZYN_UNROLL for (int i = 0; i < 4; i++) row[i] = _mm_loadu_ps(in + i * pitch);
+  _MM_TRANSPOSE4_PS(row[0], row[1], row[2], row[3]);
+  ZYN_UNROLL for (int i = 0; i < 4; i++) _mm_storeu_ps(out + i * plane_pitch, row[i]);
+}
+
 // One row of group channels that lie pitch elements apart from pixel to pixel.
 void spread_row(float* out, int64_t plane_pitch, const float* in, int64_t group, int64_t pitch,
                 int64_t width) {
-  int64_t x = 0;
-  if (group == 8)
-    for (; x + 8 <= width; x += 8) transpose_8x8(out + x, plane_pitch, in + x * pitch, pitch);
+  if ((group == 8 || group == 4) && width >= group) {
+    const auto transpose = group == 8 ? transpose_8x8 : transpose_4x4;
+    for (int64_t x = 0; x < width; x += group) {
+      const int64_t at = x + group <= width ? x : width - group;
+      transpose(out + at, plane_pitch, in + at * pitch, pitch);
+    }
+    return;
+  }
   for (int64_t c = 0; c < group; c++)
-    for (int64_t i = x; i < width; i++) out[c * plane_pitch + i] = in[i * pitch + c];
+    for (int64_t x = 0; x < width; x++) out[c * plane_pitch + x] = in[x * pitch + c];
 }
 
 // Channels that lie together from first on: interleaved images take them eight at a
@@ -43,8 +55,11 @@ int64_t group_size(int64_t left, bool interleaved) {
 
 void spread_image(float* out, int64_t row_pitch, int64_t plane_pitch, const float* in,
                   const zyn_tensor* shape) {
-  const int64_t width = zyn_cg_width(shape);
-  const int64_t height = zyn_cg_height(shape);
+  int64_t width = zyn_cg_width(shape), height = zyn_cg_height(shape);
+  if (row_pitch == width) {  // rows that follow each other are one
+    width *= height;
+    height = 1;
+  }
   const int64_t channels = zyn_cg_channels(shape);
   const bool interleaved = shape->layout == ZYN_LAYOUT_INTERLEAVED;
   for (int64_t c = 0, group; c < channels; c += group) {

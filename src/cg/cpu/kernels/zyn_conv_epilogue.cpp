@@ -25,6 +25,22 @@ struct finish_rows {
   }
 };
 
+// Rows of one value: their biases lie side by side, too.
+struct finish_pixel {
+  float* data;
+  int64_t rows;
+  const float* bias;
+  template <int kActivation>
+  void run() const {
+    for (int64_t r = 0; r < rows; r += 8) {
+      const __m256i lanes = zyn_first_lanes(rows - r);
+      __m256 y = _mm256_maskload_ps(data + r, lanes);
+      if (bias) y = _mm256_add_ps(y, _mm256_maskload_ps(bias + r, lanes));
+      _mm256_maskstore_ps(data + r, lanes, zyn_activate<kActivation>(y));
+    }
+  }
+};
+
 float* copy_values(zyn_tensor* output, const zyn_tensor* source) {
   auto* values = static_cast<float*>(output->data);
   if (output->data != source->data)
@@ -37,6 +53,8 @@ float* copy_values(zyn_tensor* output, const zyn_tensor* source) {
 void zyn_conv_finish_rows(float* data, int64_t rows, int64_t count,
                           const zyn_conv_epilogue& epilogue) {
   if (!epilogue.bias && epilogue.activation == ZYN_EPILOGUE_NONE) return;
+  if (count == 1)
+    return zyn_with_activation(epilogue.activation, finish_pixel{data, rows, epilogue.bias});
   zyn_with_activation(epilogue.activation, finish_rows{data, rows, count, epilogue.bias});
 }
 

@@ -21,7 +21,7 @@ constexpr int kMostPixels = 12;
 constexpr int32_t kMostInputsOfFour = 128;
 constexpr int kBlocksAtOnce = kWide == 8 ? 4 : 1;  // input blocks in a round of the loop
 constexpr int64_t kSmallStrip = 96;                // pixels
-constexpr int kDotPixels = 6;
+constexpr int kDotPixels = 8;  // of a single output channel: a vector of results
 
 // Adds IB input channels to a tile of Blocks vectors of OB output channels. w is at the first
 // weight of every vector and moves on to the next input block.
@@ -121,6 +121,39 @@ inline void add_dots(float (&total)[Pixels], const float* in, int64_t step, cons
   ZYN_UNROLL for (int i = 0; i < Pixels; i++) total[i] += lanes::sum(sum[i]);
 }
 
+// The lanes of each half of 4 vectors joined as lanes::sum of 4 does: halves 0 and 4, 1 and 5, ...
+// are pixels 0 to 7.
+inline __m256 join_halves(const __m256 (&v)[4]) {
+  __m256 pair[2];
+  ZYN_UNROLL for (int i = 0; i < 2; i++) pair[i] =
+      _mm256_add_ps(_mm256_shuffle_ps(v[2 * i], v[2 * i + 1], 0x44),
+                    _mm256_shuffle_ps(v[2 * i], v[2 * i + 1], 0xEE));
+  return _mm256_add_ps(_mm256_shuffle_ps(pair[0], pair[1], 0x88),
+                       _mm256_shuffle_ps(pair[0], pair[1], 0xDD));
+}
+
+// The same for 8 pixels, whose results are a vector.
+template <int Width>
+inline __m256 dots_of_8(const float* in, int64_t step, const float* w, int32_t blocks) {
+  using lanes = zyn_block_lanes<Width>;
+  typename lanes::type sum[8];
+  ZYN_UNROLL for (int i = 0; i < 8; i++) sum[i] = lanes::zero();
+  for (int32_t b = 0; b < blocks; b++) {
+    const typename lanes::type weight = lanes::load(w + b * Width);
+    ZYN_UNROLL for (int i = 0; i < 8; i++) sum[i] =
+        lanes::fma(lanes::load(in + b * step + i * Width), weight, sum[i]);
+  }
+  __m256 joined[4];
+  ZYN_UNROLL for (int i = 0; i < 4; i++) {
+    if constexpr (Width == 8)
+      joined[i] = _mm256_add_ps(_mm256_permute2f128_ps(sum[i], sum[i + 4], 0x20),
+                                _mm256_permute2f128_ps(sum[i], sum[i + 4], 0x31));
+    else
+      joined[i] = _mm256_insertf128_ps(_mm256_castps128_ps256(sum[i]), sum[i + 4], 1);
+  }
+  return join_halves(joined);
+}
+
 template <>
 struct tiles<1, 1> {
   const zyn_blocked_layer& l;
@@ -132,21 +165,119 @@ struct tiles<1, 1> {
   [[gnu::noinline]] void run(int64_t pixel, int64_t count) const {
     const int64_t pixels = l.in_plane();
     const float* w = l.packed + static_cast<int64_t>(oc) * l.in_channels;
-    const int32_t eights = l.in_channels / 8;
+    const int32_t eights = l.in_channels / 8, fours = l.in_channels % 8 / 4;
+    const int32_t four = eights * 8, one = four + fours * 4, ones = l.in_channels - one;
     for (; count > 0; count--, pixel += Pixels) {
-      float total[Pixels] = {};
-      add_dots<8>(total, l.in + pixel * 8, pixels * 8, w, eights);
-      int32_t ic = eights * 8;
-      if (l.in_channels - ic >= 4) {
-        add_dots<4>(total, l.in + ic * pixels + pixel * 4, pixels * 4, w + ic, 1);
-        ic += 4;
+      const float *in8 = l.in + pixel * 8, *in4 = l.in + four * pixels + pixel * 4;
+      const float* in1 = l.in + one * pixels + pixel;
+      float* out = l.out + oc * pixels + pixel;
+      if constexpr (Pixels == 8) {
+        using lanes = zyn_block_lanes<8>;
+        __m256 total = lanes::add(lanes::zero(), dots_of_8<8>(in8, pixels * 8, w, eights));
+        if (fours) total = lanes::add(total, dots_of_8<4>(in4, pixels * 4, w + four, 1));
+        __m256 sum = lanes::zero();
+        for (int32_t i = 0; i < ones; i++)
+          lanes::add_product(sum, lanes::load(in1 + i * pixels), lanes::spread(w + one + i));
+        const __m256 bias = lanes::spread(epilogue.bias<1>(0));
+        const __m256 floor = lanes::spread(epilogue.floor<1>());
+        lanes::store(out, lanes::max(floor, lanes::add(lanes::add(total, sum), bias)));
+      } else {
+        float total[Pixels] = {};
+        add_dots<8>(total, in8, pixels * 8, w, eights);
+        if (fours) add_dots<4>(total, in4, pixels * 4, w + four, 1);
+        add_dots<1>(total, in1, pixels, w + one, ones);
+        ZYN_UNROLL for (int i = 0; i < Pixels; i++) out[i] = epilogue.apply<1>(total[i], 0);
       }
-      add_dots<1>(total, l.in + ic * pixels + pixel, pixels, w + ic, l.in_channels - ic);
-      ZYN_UNROLL for (int i = 0; i < Pixels; i++) l.out[oc * pixels + pixel + i] =
-          epilogue.apply<1>(total[i], 0);
     }
   }
 };
+
+// Channels c to c + 3 of 8 pixels that lie pitch floats apart, as vectors of pixels.
+inline void load_four(const float* in, int64_t pitch, __m256 (&channel)[4]) {
+  __m256 row[4], pair[4];
+  ZYN_UNROLL for (int i = 0; i < 4; i++) row[i] = _mm256_insertf128_ps(
+      _mm256_castps128_ps256(_mm_loadu_ps(in + i * pitch)), _mm_loadu_ps(in + (i + 4) * pitch), 1);
+  ZYN_UNROLL for (int i = 0; i < 4; i += 2) {
+    pair[i] = _mm256_unpacklo_ps(row[i], row[i + 1]);
+    pair[i + 1] = _mm256_unpackhi_ps(row[i], row[i + 1]);
+  }
+  ZYN_UNROLL for (int i = 0; i < 2; i++) {
+    channel[2 * i] = _mm256_shuffle_ps(pair[i], pair[i + 2], 0x44);
+    channel[2 * i + 1] = _mm256_shuffle_ps(pair[i], pair[i + 2], 0xEE);
+  }
+}
+
+// 4 output channels by Groups times 8 pixels, which lie in the lanes: 4 channels would leave
+// half of them idle. Every sum takes its terms in the order of the tiles above.
+template <int Groups>
+[[gnu::noinline]] void four_by_pixels(const zyn_blocked_layer& l, int32_t oc,
+                                      const zyn_tile_epilogue& epilogue, int64_t pixel) {
+  using lanes = zyn_block_lanes<8>;
+  const int64_t pixels = l.in_plane();
+  const float* w = l.packed + static_cast<int64_t>(oc) * l.in_channels;
+  const int32_t in_channels = l.in_channels;
+  __m256 sum[Groups][4];
+  alignas(16) float bias[4];
+  _mm_store_ps(bias, epilogue.bias<4>(0));
+  ZYN_UNROLL for (int g = 0; g < Groups; g++) {
+    ZYN_UNROLL for (int o = 0; o < 4; o++) sum[g][o] = lanes::spread(bias + o);
+  }
+  const auto add = [&](const __m256& value, int g, int k) __attribute__((always_inline)) {
+    ZYN_UNROLL for (int o = 0; o < 4; o++)
+        lanes::add_product(sum[g][o], value, lanes::spread(w + k * 4 + o));
+  };
+  const auto add_four = [&](const float* in, int64_t pitch) __attribute__((always_inline)) {
+    ZYN_UNROLL for (int g = 0; g < Groups; g++) {
+      __m256 value[4];
+      load_four(in + g * 8 * pitch, pitch, value);
+      ZYN_UNROLL for (int k = 0; k < 4; k++) add(value[k], g, k);
+    }
+    w += 16;
+  };
+  const float* in = l.in + pixel * 8;
+  int32_t ic = 0;
+  for (; ic + 8 <= in_channels; ic += 8, in += pixels * 8) {
+    add_four(in, 8);
+    add_four(in + 4, 8);
+  }
+  if (in_channels - ic >= 4) {
+    add_four(l.in + ic * pixels + pixel * 4, 4);
+    ic += 4;
+  }
+  for (; ic < in_channels; ic++, w += 4)
+    ZYN_UNROLL for (int g = 0; g < Groups; g++)
+        add(lanes::load(l.in + ic * pixels + pixel + g * 8), g, 0);
+  const __m256 floor = epilogue.floor<8>();
+  float* out = l.out + oc * pixels + pixel * 4;
+  ZYN_UNROLL for (int g = 0; g < Groups; g++, out += 32) {
+    __m256 y[4], pair[4];
+    ZYN_UNROLL for (int o = 0; o < 4; o++) y[o] = lanes::max(floor, sum[g][o]);
+    ZYN_UNROLL for (int i = 0; i < 2; i++) {
+      pair[2 * i] = _mm256_unpacklo_ps(y[2 * i], y[2 * i + 1]);
+      pair[2 * i + 1] = _mm256_unpackhi_ps(y[2 * i], y[2 * i + 1]);
+    }
+    ZYN_UNROLL for (int i = 0; i < 4; i++) {
+      const __m256 two = _mm256_shuffle_ps(pair[i / 2], pair[2 + i / 2], i % 2 ? 0xEE : 0x44);
+      _mm_storeu_ps(out + i * 4, _mm256_castps256_ps128(two));
+      _mm_storeu_ps(out + 16 + i * 4, _mm256_extractf128_ps(two, 1));
+    }
+  }
+}
+
+// The same for pixels first to end - 1, at least 8: those that the last group shares with the one
+// before are computed twice.
+void strip_of_four(const zyn_blocked_layer& l, int32_t oc, int64_t first, int64_t end) {
+  const zyn_tile_epilogue epilogue(l.epilogue, oc, 4);
+  int64_t pixel = first;
+  for (; pixel + 16 <= end; pixel += 16) four_by_pixels<2>(l, oc, epilogue, pixel);
+  if (pixel + 8 < end && end - first >= 16)
+    four_by_pixels<2>(l, oc, epilogue, end - 16);
+  else if (pixel + 8 < end)
+    four_by_pixels<1>(l, oc, epilogue, pixel), four_by_pixels<1>(l, oc, epilogue, end - 8);
+  else if (pixel < end)
+    four_by_pixels<1>(l, oc, epilogue, end - 8);
+  epilogue.finish(l.out + oc * l.out_plane() + first * 4, (end - first) * 4);
+}
 
 // Pixels of the largest tile.
 constexpr int most_pixels(int ob, int blocks) {
@@ -195,6 +326,8 @@ void run(const zyn_blocked_layer& l) {
         strip<kWide, 1>(l, oc, first, end);
       else if (channels == 8)
         strip<8, 1>(l, oc, first, end);
+      else if (channels == 4 && here >= 8)
+        strip_of_four(l, oc, first, end);
       else if (channels == 4)
         strip<4, 1>(l, oc, first, end);
       else

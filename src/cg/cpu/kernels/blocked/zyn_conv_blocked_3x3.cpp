@@ -3,11 +3,11 @@
 // One micro-kernel family: a tile of Pixels output pixels by Blocks vectors of OB output
 // channels accumulates one input block of IB channels in registers and adds to the output
 // once. Two vectors by 6 pixels are 12 accumulators: with two FMA ports and a latency of 4
-// cycles, 8 would do; the rest hides the loads. 512-bit vectors bring registers for 12 pixels.
-// Single output channels put the input channels into the lanes instead and sum the
-// lanes at the end. The first input blocks' sums start at zero, the later ones' at the
-// output. Taps outside the image are left out: the first and last row take fewer kernel
-// rows, the first and last column are run through downwards.
+// cycles, 8 would do; the rest hides the loads; one vector of 8 takes these 8, for smaller code.
+// 512-bit vectors bring registers for 12 pixels. Single output channels put the input channels into
+// the lanes instead and sum the lanes at the end. The first input blocks' sums start at zero, the
+// later ones' at the output. Taps outside the image are left out: the first and last row take fewer
+// kernel rows, the first and last column are run through downwards.
 #include <string.h>
 
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
@@ -17,7 +17,9 @@ namespace {
 
 constexpr int kTaps = 9;
 constexpr int kWide = kZynVectorFloats;
-constexpr int tile_pixels(int ob) { return ob > 8 ? 12 : 6; }
+constexpr int tile_pixels(int ob, int blocks) {
+  return ob > 8 || ob == 4 ? 12 : ob == 8 && blocks == 1 ? 8 : 6;
+}
 constexpr int kEdgePixels = 4;       // of an edge column: few pixels, so less code
 constexpr int32_t kGroupBlocks = 4;  // input blocks added per load and store of an output value
 constexpr int64_t kStripBytes = 64 * 1024;  // output rows of one block pair kept in L1
@@ -121,9 +123,9 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
         ZYN_UNROLL for (int b = 0; b < Blocks; b++) lanes::add_product(sum[b][i], value, weight[b]);
       }
     };
-    // Few pixels: small code rather than the last cycles. Two vectors of 16 by 12 pixels are a
-    // loop long enough.
-    if constexpr (Down || OB > 8) {
+    // Small code rather than the last cycles: of few pixels, of one vector. Two vectors of 16 by 12
+    // pixels are a loop long enough.
+    if constexpr (Down || OB > 8 || Blocks == 1) {
 #pragma GCC unroll 1
       for (int ic = 0; ic < IB; ic++) add_input(ic);
     } else {
@@ -193,8 +195,8 @@ void equal_rows(const planes& p, int32_t y0, int32_t y1, kernel_rows ky) {
   if (end > 1) {
     const tap_list taps = taps_of<OB, IB>(p, ky, 0, 3);
     for (int32_t y = y0; y < y1; y++)
-      zyn_balanced_tiles<tile_pixels(OB)>(1, end,
-                                          line<OB, IB, Blocks, Stride, false>{p, y, 0, taps});
+      zyn_balanced_tiles<tile_pixels(OB, Blocks)>(
+          1, end, line<OB, IB, Blocks, Stride, false>{p, y, 0, taps});
   }
   edge_column<OB, IB, Blocks, Stride>(p, 0, y0, y1, taps_of<OB, IB>(p, ky, 1, p.width > 1 ? 3 : 2));
   if (end < p.out_width)
@@ -264,7 +266,9 @@ template <int OB, int Blocks, int Stride>
 void output_blocks(const zyn_blocked_layer& l, int32_t oc) {
   const int64_t row_bytes = static_cast<int64_t>(l.out_width) * OB * Blocks * sizeof(float);
   const int64_t fitting = kStripBytes / row_bytes;
-  const int32_t strip = fitting < 4 ? 4 : static_cast<int32_t>(fitting);
+  // Few single inputs are one group: outputs are written once, and wait in no cache.
+  const bool once = l.in_channels < 4;
+  const int32_t strip = once ? l.out_height : fitting < 4 ? 4 : static_cast<int32_t>(fitting);
   for (int32_t y = 0; y < l.out_height; y += strip) {
     const int32_t end = y + strip < l.out_height ? y + strip : l.out_height;
     for (int32_t ic = 0, step = 0; ic < l.in_channels; ic += step) {

@@ -1,7 +1,8 @@
 // Depthwise 3x3 convolution, stride 1 and 2, padding 1, on channel-blocked tensors. Two
 // output rows are made at a time, two pixels of each: every input value of the two rows
 // is loaded once for all the sums it belongs to, and four sums beside nine filter vectors
-// are what the registers hold. Taps outside the image are left out.
+// are what the registers hold. Taps outside the image are left out. Single channels are planes:
+// 8 pixels of a row are a vector of them.
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked_tile.h"
 
@@ -29,6 +30,12 @@ struct filter {
       : bias(p.epilogue.bias<Width>(0)), floor(p.epilogue.floor<Width>()) {
     ZYN_UNROLL for (int t = 0; t < kTaps; t++) tap[t] =
         zyn_block_lanes<Width>::load(p.weights + t * Width);
+  }
+  // Of a single channel, in all lanes.
+  explicit filter(const filter<1>& one)
+      : bias(zyn_block_lanes<Width>::spread(one.bias)),
+        floor(zyn_block_lanes<Width>::spread(one.floor)) {
+    ZYN_UNROLL for (int t = 0; t < kTaps; t++) tap[t] = zyn_block_lanes<Width>::spread(one.tap[t]);
   }
 };
 
@@ -58,15 +65,15 @@ struct strip {
   }
 
   // Adds the input value of row y and column x to every sum that it belongs to.
-  template <int Pixels>
-  [[gnu::always_inline]] static void add(typename zyn_block_lanes<Width>::type (&sum)[Rows][Pixels],
-                                         const typename zyn_block_lanes<Width>::type& value,
-                                         const filter<Width>& f, int y, int x) {
+  template <int Lanes, int Pixels>
+  [[gnu::always_inline]] static void add(typename zyn_block_lanes<Lanes>::type (&sum)[Rows][Pixels],
+                                         const typename zyn_block_lanes<Lanes>::type& value,
+                                         const filter<Lanes>& f, int y, int x) {
     ZYN_UNROLL for (int r = 0; r < Rows; r++) {
       ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
         const int ky = y - r * Stride, kx = x - i * Stride;
         if (ky >= 0 && ky < 3 && kx >= 0 && kx < 3)
-          sum[r][i] = zyn_block_lanes<Width>::fma(value, f.tap[ky * 3 + kx], sum[r][i]);
+          sum[r][i] = zyn_block_lanes<Lanes>::fma(value, f.tap[ky * 3 + kx], sum[r][i]);
       }
     }
   }
@@ -82,13 +89,40 @@ struct strip {
     }
     ZYN_UNROLL for (int y = Ky0; y < kInputs; y++) {
       ZYN_UNROLL for (int x = Kx0; x < (Pixels - 1) * Stride + Kx1; x++)
-          add(sum, lanes::load(in[y] + (x - 1) * Width), f, y, x);
+          add<Width>(sum, lanes::load(in[y] + (x - 1) * Width), f, y, x);
     }
     ZYN_UNROLL for (int r = 0; r < Rows; r++) {
       ZYN_UNROLL for (int i = 0; i < Pixels; i++) lanes::store(
           out + r * out_pitch + i * Width, lanes::max(f.floor, lanes::add(sum[r][i], f.bias)));
     }
     advance(Pixels);
+  }
+
+  // 8 pixels of a single channel, all of whose columns lie inside.
+  void eight(const filter<8>& f) {
+    using lanes = zyn_block_lanes<8>;
+    __m256 sum[Rows][1];
+    ZYN_UNROLL for (int r = 0; r < Rows; r++) sum[r][0] = lanes::zero();
+    ZYN_UNROLL for (int y = Ky0; y < kInputs; y++) {
+      __m256 column[3];
+      if (Stride == 1) {
+        ZYN_UNROLL for (int x = 0; x < 3; x++) column[x] = lanes::load(in[y] + x - 1);
+      } else {
+        column[0] = every_other<0xDD>(in[y] - 2);
+        column[1] = every_other<0x88>(in[y]);
+        column[2] = every_other<0xDD>(in[y]);
+      }
+      ZYN_UNROLL for (int x = 0; x < 3; x++) add<8>(sum, column[x], f, y, x);
+    }
+    ZYN_UNROLL for (int r = 0; r < Rows; r++)
+        lanes::store(out + r * out_pitch, lanes::max(f.floor, lanes::add(sum[r][0], f.bias)));
+    advance(8);
+  }
+  // The even (Order 0x88) or odd (0xDD) ones of 16 values.
+  template <int Order>
+  static __m256 every_other(const float* from) {
+    const __m256 pairs = _mm256_shuffle_ps(_mm256_loadu_ps(from), _mm256_loadu_ps(from + 8), Order);
+    return _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(pairs), 0xD8));
   }
 };
 
@@ -103,6 +137,10 @@ void rows(const planes& p, int32_t y) {
   s.template tile<1, 1, 3>(f);
   int32_t inside = (p.width - 2) / Stride;  // pixels with all columns
   const bool edge = 1 + inside < p.out_width;
+  if constexpr (Width == 1) {
+    const filter<8> wide(f);
+    for (; inside >= 8; inside -= 8) s.eight(wide);
+  }
   for (; inside >= kTilePixels; inside -= kTilePixels) s.template tile<kTilePixels, 0, 3>(f);
   for (; inside > 0; inside--) s.template tile<1, 0, 3>(f);
   if (edge) s.template tile<1, 0, 2>(f);

@@ -9,6 +9,7 @@
 #include "base/zyn_memory.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi_lanes.h"
+#include "simd/zyn_vectors.h"
 
 namespace {
 
@@ -180,27 +181,34 @@ void filter_stride2(const column& c, const channel& of, const limits& ends) {
   }
 }
 
-// Any kernel, the two groups those of a row.
-template <int kStride, bool kSmallShift>
+// Any kernel, the two groups those of a row. kPairs: in a row of the kernel, 0 for any number.
+template <int kStride, bool kSmallShift, int kPairs>
 void filter_any(const column& c, const channel& of, const limits& given) {
   constexpr int64_t kSecond = kStride == 1 ? 1 : kZynFpiLanes;
   const zyn_fpi_layer l = *of.layer;
   const limits ends = given;
   const __m256i start = _mm256_set1_epi32(of.start), bias = _mm256_set1_epi16(of.bias);
-  const int64_t step = zyn_fpi_pair_step(l);
+  const int64_t step = zyn_fpi_pair_step(l), apart = step * l.dilation_x;
+  const int64_t pairs = kPairs ? kPairs : (l.kernel_x + step - 1) / step;
+  const int64_t next_row = l.dilation_y * c.pitch;
   const int16_t* in = c.in;
   int16_t* out = c.out;
   for (int64_t rows = c.rows; rows > 0; rows--, in += kStride * c.pitch, out += c.out_pitch) {
     __m256i even = start, odd = start;
     const int32_t* pair = of.pairs;
     const int16_t* row = in;
-    for (int64_t y = 0; y < l.kernel_y; y++, row += l.dilation_y * c.pitch)
-      for (int64_t x = 0; x < l.kernel_x; x += step, pair++) {
-        const int16_t* at = row + x * l.dilation_x;
-        const __m256i w = _mm256_set1_epi32(*pair);
-        even = _mm256_add_epi32(even, _mm256_madd_epi16(zyn_fpi_load(at), w));
-        odd = _mm256_add_epi32(odd, _mm256_madd_epi16(zyn_fpi_load(at + kSecond), w));
+    const auto add = [&](const int16_t* at) __attribute__((always_inline)) {
+      const __m256i w = _mm256_set1_epi32(*pair++);
+      even = _mm256_add_epi32(even, _mm256_madd_epi16(zyn_fpi_load(at), w));
+      odd = _mm256_add_epi32(odd, _mm256_madd_epi16(zyn_fpi_load(at + kSecond), w));
+    };
+    for (int64_t y = l.kernel_y; y > 0; y--, row += next_row) {
+      if constexpr (kPairs > 0) {
+        ZYN_UNROLL for (int x = 0; x < kPairs; x++) add(row + x * apart);
+      } else {
+        for (int64_t x = 0; x < pairs; x++) add(row + x * apart);
       }
+    }
     const __m256i v = narrow<kSmallShift>(even, odd, bias, ends);
     zyn_fpi_store(out, kStride == 1 ? v : zyn_fpi_part(v));
   }
@@ -213,9 +221,15 @@ filter_function* choose_filter(const zyn_fpi_layer& l, int64_t width, bool is_sm
       {filter_stride1<false, false>, filter_stride1<false, true>},
       {filter_stride2<kHalves, false>, filter_stride2<kHalves, true>},
       {filter_stride2<kTwoRows, false>, filter_stride2<kTwoRows, true>}};
-  static constexpr filter_function* kAny[][2] = {{filter_any<1, false>, filter_any<1, true>},
-                                                 {filter_any<2, false>, filter_any<2, true>}};
-  if (!is_3x3(l)) return kAny[l.stride_x - 1][is_small];
+  static constexpr filter_function* kAny[][3][2] = {
+      {{filter_any<1, false, 0>, filter_any<1, true, 0>},
+       {filter_any<1, false, 3>, filter_any<1, true, 3>},
+       {filter_any<1, false, 4>, filter_any<1, true, 4>}},
+      {{filter_any<2, false, 0>, filter_any<2, true, 0>},
+       {filter_any<2, false, 3>, filter_any<2, true, 3>},
+       {filter_any<2, false, 4>, filter_any<2, true, 4>}}};
+  const int64_t pairs = zyn_fpi_pair_count(l) / l.kernel_y;  // 3: 5 columns, 4: 7
+  if (!is_3x3(l)) return kAny[l.stride_x - 1][pairs == 3 || pairs == 4 ? pairs - 2 : 0][is_small];
   return k3x3[l.stride_x == 1             ? kEvenOdd
               : 2 * width <= kZynFpiLanes ? kTwoRows
                                           : kHalves][is_small];

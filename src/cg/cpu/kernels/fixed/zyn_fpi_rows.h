@@ -1,7 +1,8 @@
 // Padded input rows for the fixed-point kernels: a ring of rows of each of several planes.
-// The padding around a row is written once. A ring that holds more rows than are read at a
-// time is filled as a whole, so that nobody reads words that have only just been written
-// at another offset.
+// The padding around a row is written once. Rows may be kept by phases: every n-th column, then
+// every n-th from the next one on, so that the taps of a dilated kernel are neighbours. A ring that
+// holds more rows than are read at a time is filled as a whole, so that nobody reads words that
+// have only just been written at another offset.
 #pragma once
 
 #include "base/zyn_memory.h"
@@ -9,15 +10,16 @@
 
 // How much a kernel reads for its outputs.
 struct zyn_fpi_reach {
-  int64_t rows;       // at a time, for one output row
-  int64_t columns;    // for all outputs of a row
-  int64_t most_rows;  // that the ring may hold of a plane: a power of two, at least rows
+  int64_t rows;        // at a time, for one output row
+  int64_t columns;     // for all outputs of a row
+  int64_t most_rows;   // that the ring may hold of a plane: a power of two, at least rows
+  int64_t phases = 1;  // of a row; columns are a multiple
 };
 
 struct zyn_fpi_rows {
   zyn_scratch<int16_t> words;
   const int16_t* planes;
-  int64_t channels, width, height, pad_x, pad_y, rows, pitch, inside;
+  int64_t channels, width, height, pad_x, pad_y, rows, pitch, phases, inside;
   int64_t total;     // rows that the outputs read, counted from -pad_y
   int64_t capacity;  // rows of the ring, a power of two
   int64_t next = 0;  // first row not yet there
@@ -34,6 +36,7 @@ struct zyn_fpi_rows {
         pad_y(l.pad_y),
         rows(reach.rows),
         pitch(reach.columns),
+        phases(reach.phases),
         inside(pad_x >= pitch          ? 0
                : width < pitch - pad_x ? width
                                        : pitch - pad_x),
@@ -70,6 +73,7 @@ struct zyn_fpi_rows {
     const bool exists = y >= 0 && y < height;
     // Without one, rows of a ring that holds all of them stay as they were made.
     if (!exists && total <= capacity) return;
+    if (phases > 1) return fill_by_phases(exists ? planes + y * width : nullptr, row);
     int16_t* to = slot(0, row) + pad_x;
     if (exists)
       return zyn_fpi_copy_rows(to, capacity * pitch, planes + y * width, width * height, inside,
@@ -77,6 +81,19 @@ struct zyn_fpi_rows {
     for (int64_t c = 0; c < channels; c++, to += capacity * pitch)
       memset(to, 0, static_cast<size_t>(inside) * sizeof(int16_t));
   }
+  // from null: a row outside.
+  void fill_by_phases(const int16_t* from, int64_t row) const {
+    for (int64_t c = 0; c < channels; c++) {
+      int16_t* const to = slot(c, row);
+      for (int64_t phase = 0; phase < phases && phase < inside; phase++) {
+        int16_t* part = to + column(pad_x + phase);
+        for (int64_t x = phase; x < inside; x += phases)
+          *part++ = from ? from[c * width * height + x] : int16_t{0};
+      }
+    }
+  }
+  // Where column x of a row, counted from -pad_x, lies.
+  int64_t column(int64_t x) const { return x % phases * (pitch / phases) + x / phases; }
   int16_t* slot(int64_t c, int64_t row) const {
     return words.get() + (c * capacity + (row & (capacity - 1))) * pitch;
   }

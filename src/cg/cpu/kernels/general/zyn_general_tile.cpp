@@ -64,7 +64,7 @@ struct sums {
   void start(const zyn_general_lines& l, const float* out) {
     ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
       ZYN_UNROLL for (int i = 0; i < Pixels; i++) value[v][i] =
-          l.first ? lanes::zero()
+          l.first ? lanes::load(l.bias + v * kWidth)
                   : zyn_load_blocks<kWidth>(out + v * apart(l) + i * l.out_step, l.out_block);
     }
   }
@@ -89,38 +89,43 @@ struct sums {
   void finish(const zyn_general_lines& l, float* out) const {
     const vector floor = lanes::spread(&l.floor);
     ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
-      const vector bias = lanes::load(l.bias + v * kWidth);
-      ZYN_UNROLL for (int i = 0; i < Pixels; i++) zyn_store_blocks<kWidth>(
-          out + v * apart(l) + i * l.out_step, l.out_block,
-          lanes::max(floor, lanes::add(value[v][i], bias)));  // NaN stays NaN
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++)
+          zyn_store_blocks<kWidth>(out + v * apart(l) + i * l.out_step, l.out_block,
+                                   lanes::max(floor, value[v][i]));  // NaN stays NaN
     }
   }
 };
 
 template <int Blocks, int Pixels>
 struct dense_tile {
-  static void run(const zyn_general_lines& l, const float* in, float* out) {
-    sums<Blocks, Pixels> s;
-    s.start(l, out);
-    const float* weights = l.weights;
-    const int64_t step = l.in_step;
-    if (l.inputs == 1) {
-      for (int32_t t = 0; t < l.tap_count; t++, weights += Blocks * kLanes)
-        s.add({in + l.taps[t], step}, weights);
-    } else {
-      for (int32_t t = 0; t < l.tap_count; t++, weights += kLanes * Blocks * kLanes) {
-        pixel_places<Pixels> from(in + l.taps[t], step);
-        ZYN_UNROLL for (int i = 0; i < kLanes; i++) {
-          s.add(from, weights + i * Blocks * kLanes);
-          from.next();
+  // count tiles side by side: one call for all, so that a tile starts while the last one ends.
+  static void run(const zyn_general_lines& l, const float* in, float* out, int64_t count) {
+    // In registers: vector stores may alias what is not.
+    const int64_t step = l.in_step, next_in = Pixels * step, next_out = Pixels * l.out_step;
+    const int64_t *const taps = l.taps, *const end = taps + l.tap_count;
+    const bool single = l.inputs == 1;
+    for (; count > 0; count--, in += next_in, out += next_out) {
+      sums<Blocks, Pixels> s;
+      s.start(l, out);
+      const float* weights = l.weights;
+      if (single) {
+        for (const int64_t* tap = taps; tap < end; tap++, weights += Blocks * kLanes)
+          s.add({in + *tap, step}, weights);
+      } else {
+        for (const int64_t* tap = taps; tap < end; tap++, weights += kLanes * Blocks * kLanes) {
+          pixel_places<Pixels> from(in + *tap, step);
+          ZYN_UNROLL for (int i = 0; i < kLanes; i++) {
+            s.add(from, weights + i * Blocks * kLanes);
+            from.next();
+          }
         }
       }
+      s.finish(l, out);
     }
-    s.finish(l, out);
   }
 };
 
-using tile = void (*)(const zyn_general_lines&, const float*, float*);
+using tile = void (*)(const zyn_general_lines&, const float*, float*, int64_t);
 
 template <int Blocks>
 tile dense_tile_of(int64_t pixels) {
@@ -160,16 +165,9 @@ void cover(const zyn_general_lines& l, int64_t count, int64_t most, Of tile_of) 
   for (int64_t y = 0; y < l.lines; y++) {
     const float* in = l.in + y * l.in_line;
     float* out = l.out + y * l.out_line;
-    for (int64_t i = 0; i < larger; i++) {
-      run_larger(l, in, out);
-      in += (small + 1) * l.in_step;
-      out += (small + 1) * l.out_step;
-    }
-    for (int64_t i = larger; i < tiles; i++) {
-      run_small(l, in, out);
-      in += small * l.in_step;
-      out += small * l.out_step;
-    }
+    if (larger > 0) run_larger(l, in, out, larger);
+    const int64_t behind = larger * (small + 1);
+    run_small(l, in + behind * l.in_step, out + behind * l.out_step, tiles - larger);
   }
 }
 

@@ -17,7 +17,7 @@ struct zyn_general_lines {
   float* out;
   int64_t out_step;                  // from pixel to pixel
   int64_t out_block;                 // from 8 lanes to the next 8
-  bool first;                        // sums start at zero, not at the output
+  bool first;                        // sums start at the bias, not at the output
   const float* bias;                 // one per lane
   float floor;                       // lower bound of every value
   int64_t lines, in_line, out_line;  // how many, and how far apart
