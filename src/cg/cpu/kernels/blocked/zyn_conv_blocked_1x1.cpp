@@ -73,9 +73,10 @@ struct tiles {
     const typename lanes::type floor = epilogue.floor<OB>();
     float* out = l.out + oc * pixels + pixel * kBlock;
     for (; count > 0; count--, pixel += Pixels, out += Pixels * kBlock) {
-      // Two lines in every turn of the loop; where none are left, the same ones again.
-      const char* line = ahead->at;
-      const int64_t step = ahead->left > 0 ? 2 * kLine : 0;
+      // Two lines in every turn of the loop; where none are left, two that are in use.
+      const bool more = ahead->left > 0;
+      const char* line = more ? ahead->at : reinterpret_cast<const char*>(in + pixel * 8);
+      const int64_t step = more ? 2 * kLine : 0;
       typename lanes::type sum[Blocks][Pixels];
       const float* w[Blocks];
       ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
@@ -88,10 +89,13 @@ struct tiles {
       ZYN_UNROLL_BY(kBlocksAtOnce)
       for (int32_t n = in_channels / 8; n > 0; n--, eight += pixels * 8, line += step) {
         _mm_prefetch(line, _MM_HINT_T1);
+        _mm_prefetch(line + kLine, _MM_HINT_T1);
         add_inputs<OB, 8>(sum, eight, w);
       }
-      ahead->left -= line - ahead->at;
-      ahead->at = line;
+      if (more) {
+        ahead->left -= line - ahead->at;
+        ahead->at = line;
+      }
       int32_t ic = in_channels / 8 * 8;
       if (in_channels - ic >= 4) {
         add_inputs<OB, 4>(sum, in + ic * pixels + pixel * 4, w);
