@@ -261,7 +261,9 @@ template <int Groups>
       pair[2 * i + 1] = _mm256_unpackhi_ps(y[2 * i], y[2 * i + 1]);
     }
     ZYN_UNROLL for (int i = 0; i < 4; i++) {
-      const __m256 two = _mm256_shuffle_ps(pair[i / 2], pair[2 + i / 2], i % 2 ? 0xEE : 0x44);
+      const __m256 low = pair[i / 2], high = pair[2 + i / 2];
+      const __m256 two =
+          i % 2 ? _mm256_shuffle_ps(low, high, 0xEE) : _mm256_shuffle_ps(low, high, 0x44);
       _mm_storeu_ps(out + i * 4, _mm256_castps256_ps128(two));
       _mm_storeu_ps(out + 16 + i * 4, _mm256_extractf128_ps(two, 1));
     }
