@@ -103,11 +103,13 @@ int32_t zyn_face_viewer::look(const zyn_face_frame& frame, const float* box,
   if (const int32_t code = sample(frame, v.region)) return code;
   for (int32_t i = 0; i < kZynLookCells; i++) {
     float sum[kZynLookChannels] = {}, weight = 0;
+    const int32_t column = i % kColumns, row = i / kColumns;
     for (int32_t k = 0; k < kTaps * kTaps; k++) {
-      const float across = (static_cast<float>(k % kTaps) + 0.5f) / kTaps;
-      const float down = (static_cast<float>(k / kTaps) + 0.5f) / kTaps;
-      const float x = kLeft + kCellWidth * (static_cast<float>(i % kColumns) + across);
-      const float y = kTop + kCellHeight * (static_cast<float>(i / kColumns) + down);
+      const int32_t tap_x = k % kTaps, tap_y = k / kTaps;
+      const float across = (static_cast<float>(tap_x) + 0.5f) / kTaps;
+      const float down = (static_cast<float>(tap_y) + 0.5f) / kTaps;
+      const float x = kLeft + kCellWidth * (static_cast<float>(column) + across);
+      const float y = kTop + kCellHeight * (static_cast<float>(row) + down);
       add_tap(v, pose, surface(x, y), sum, &weight);
     }
     if (weight == 0) continue;
