@@ -136,16 +136,22 @@ void zyn_empty_recycler(zyn_recycler* kept) {
     }
 }
 
-zyn_recycling::zyn_recycling(zyn_recycler* kept) : before_(recycler) { recycler = kept; }
-zyn_recycling::~zyn_recycling() { recycler = before_; }
+zyn_recycler* zyn_use(zyn_recycler* now) {
+  zyn_recycler* const before = recycler;
+  recycler = now;
+  return before;
+}
+
+zyn_store* zyn_use(zyn_store* now) {
+  zyn_store* const before = store;
+  store = now;
+  return before;
+}
 
 void zyn_close_store(zyn_store* closed) {
   if (closed->chunk) leave(static_cast<chunk*>(closed->chunk));
   closed->chunk = nullptr;
 }
-
-zyn_storing::zyn_storing(zyn_store* now) : before_(store) { store = now; }
-zyn_storing::~zyn_storing() { store = before_; }
 
 zyn_system_allocator zyn_set_system_allocator(const zyn_system_allocator* replacement) {
   const zyn_system_allocator before = allocator;

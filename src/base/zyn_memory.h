@@ -39,16 +39,23 @@ struct zyn_recycler {
 // Gives all kept blocks back to the system.
 void zyn_empty_recycler(zyn_recycler* recycler);
 
-class zyn_recycling {
+// This thread's allocations use it (null: none) until the next call. What they used before.
+zyn_recycler* zyn_use(zyn_recycler* now);
+struct zyn_store;
+zyn_store* zyn_use(zyn_store* now);
+
+template <typename T>
+class zyn_using {
  public:
-  explicit zyn_recycling(zyn_recycler* recycler);
-  ~zyn_recycling();
-  zyn_recycling(const zyn_recycling&) = delete;
-  zyn_recycling& operator=(const zyn_recycling&) = delete;
+  explicit zyn_using(T* now) : before_(zyn_use(now)) {}
+  ~zyn_using() { zyn_use(before_); }
+  zyn_using(const zyn_using&) = delete;
+  zyn_using& operator=(const zyn_using&) = delete;
 
  private:
-  zyn_recycler* before_;
+  T* before_;
 };
+using zyn_recycling = zyn_using<zyn_recycler>;
 
 // Blocks that one owner makes to keep them, in common chunks on large pages where the system
 // has such: on pages of 4 KB the weights of a network are more pages than a processor knows the
@@ -62,16 +69,7 @@ struct zyn_store {
 // No more blocks come from what the store holds.
 void zyn_close_store(zyn_store* store);
 
-class zyn_storing {
- public:
-  explicit zyn_storing(zyn_store* store);
-  ~zyn_storing();
-  zyn_storing(const zyn_storing&) = delete;
-  zyn_storing& operator=(const zyn_storing&) = delete;
-
- private:
-  zyn_store* before_;
-};
+using zyn_storing = zyn_using<zyn_store>;
 
 // *product = a * b; false when either is negative or the product does not fit.
 inline bool zyn_multiply(int64_t a, int64_t b, int64_t* product) {

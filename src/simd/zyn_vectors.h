@@ -71,6 +71,26 @@ inline void zyn_transpose_8x8(__m256 (&row)[8]) {
   ZYN_UNROLL for (int i = 0; i < 8; i++) row[i] = pair[i];
 }
 
+// The same for 16-bit words.
+[[gnu::always_inline]] inline void zyn_transpose_8x8(__m128i (&row)[8]) {
+  __m128i pair[8];
+  ZYN_UNROLL for (int i = 0; i < 8; i += 2) {
+    pair[i] = _mm_unpacklo_epi16(row[i], row[i + 1]);
+    pair[i + 1] = _mm_unpackhi_epi16(row[i], row[i + 1]);
+  }
+  ZYN_UNROLL for (int i = 0; i < 8; i += 4) {
+    row[i] = _mm_unpacklo_epi32(pair[i], pair[i + 2]);
+    row[i + 1] = _mm_unpackhi_epi32(pair[i], pair[i + 2]);
+    row[i + 2] = _mm_unpacklo_epi32(pair[i + 1], pair[i + 3]);
+    row[i + 3] = _mm_unpackhi_epi32(pair[i + 1], pair[i + 3]);
+  }
+  ZYN_UNROLL for (int i = 0; i < 4; i++) {
+    pair[2 * i] = _mm_unpacklo_epi64(row[i], row[i + 4]);
+    pair[2 * i + 1] = _mm_unpackhi_epi64(row[i], row[i + 4]);
+  }
+  ZYN_UNROLL for (int i = 0; i < 8; i++) row[i] = pair[i];
+}
+
 // The same for rows in memory, pitch floats apart: halves of rows are joined by the loads,
 // which leaves the shuffling unit a third less to do.
 [[gnu::always_inline]] inline void zyn_transpose_8x8(const float* rows, int64_t pitch,

@@ -51,25 +51,12 @@ void transpose_square(float* out, int64_t out_pitch, const float* in, int64_t in
 }
 
 void transpose_words(int16_t* out, int64_t out_pitch, const int16_t* in, int64_t in_pitch) {
-  __m128i t[8], u[8];
+  __m128i t[8];
   ZYN_UNROLL for (int a = 0; a < 8; a++) t[a] =
       _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + a * in_pitch));
-  ZYN_UNROLL for (int a = 0; a < 8; a += 2) {
-    u[a] = _mm_unpacklo_epi16(t[a], t[a + 1]);
-    u[a + 1] = _mm_unpackhi_epi16(t[a], t[a + 1]);
-  }
-  ZYN_UNROLL for (int a = 0; a < 8; a += 4) {
-    t[a] = _mm_unpacklo_epi32(u[a], u[a + 2]);
-    t[a + 1] = _mm_unpackhi_epi32(u[a], u[a + 2]);
-    t[a + 2] = _mm_unpacklo_epi32(u[a + 1], u[a + 3]);
-    t[a + 3] = _mm_unpackhi_epi32(u[a + 1], u[a + 3]);
-  }
-  ZYN_UNROLL for (int a = 0; a < 4; a++) {
-    auto* even = reinterpret_cast<__m128i*>(out + 2 * a * out_pitch);
-    auto* odd = reinterpret_cast<__m128i*>(out + (2 * a + 1) * out_pitch);
-    _mm_storeu_si128(even, _mm_unpacklo_epi64(t[a], t[a + 4]));
-    _mm_storeu_si128(odd, _mm_unpackhi_epi64(t[a], t[a + 4]));
-  }
+  zyn_transpose_8x8(t);
+  ZYN_UNROLL for (int b = 0; b < 8; b++)
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + b * out_pitch), t[b]);
 }
 
 template <typename T>

@@ -40,25 +40,6 @@ struct extents {
   }
 };
 
-// 8 words of each of 8 planes, transposed.
-void transpose(__m128i (&v)[8]) {
-  __m128i a[8], b[8];
-  ZYN_UNROLL for (int i = 0; i < 4; i++) {
-    a[2 * i] = _mm_unpacklo_epi16(v[2 * i], v[2 * i + 1]);
-    a[2 * i + 1] = _mm_unpackhi_epi16(v[2 * i], v[2 * i + 1]);
-  }
-  ZYN_UNROLL for (int i = 0; i < 8; i += 4) {
-    b[i] = _mm_unpacklo_epi32(a[i], a[i + 2]);
-    b[i + 1] = _mm_unpackhi_epi32(a[i], a[i + 2]);
-    b[i + 2] = _mm_unpacklo_epi32(a[i + 1], a[i + 3]);
-    b[i + 3] = _mm_unpackhi_epi32(a[i + 1], a[i + 3]);
-  }
-  ZYN_UNROLL for (int i = 0; i < 4; i++) {
-    v[2 * i] = _mm_unpacklo_epi64(b[i], b[i + 4]);
-    v[2 * i + 1] = _mm_unpackhi_epi64(b[i], b[i + 4]);
-  }
-}
-
 __m128i load8(const int16_t* from) {
   return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
 }
@@ -104,7 +85,7 @@ struct work {
       }
       __m128i v[8];
       ZYN_UNROLL for (int k = 0; k < 8; k++) v[k] = load8(plane(k) + at);
-      transpose(v);
+      zyn_transpose_8x8(v);
       ZYN_UNROLL for (int k = 0; k < 8; k++) store8(pixels + places[at + k], v[k]);
     }
     int16_t* to = pairs;
@@ -130,7 +111,7 @@ struct work {
       }
       __m128i v[8];
       ZYN_UNROLL for (int k = 0; k < 8; k++) v[k] = load8(results + (at + k) * kBlock);
-      transpose(v);
+      zyn_transpose_8x8(v);
       for (int64_t k = 0; k < valid; k++) store8(planes + k * e.outputs + at, v[k]);
     }
   }
