@@ -308,7 +308,7 @@ TEST(GraphBinding, DataNodesKeepACopyWithoutTheExtraField) {
     EXPECT_EQ(zyn_bind_operator_onto_computation_graph(graph.handle, type, &desc, &tensor), 0);
     const auto* record = static_cast<zyn_cg_data_record*>(zyn_cg_record(graph.handle, type));
     desc.extra = nullptr;
-    EXPECT_EQ(memcmp(record, &desc, sizeof(desc)), 0);
+    EXPECT_TRUE(same_bytes(record, &desc, sizeof(desc)));
     EXPECT_EQ(zyn_cg_producer_tensor(graph.handle, type), type == 1 ? nullptr : &tensor);
     EXPECT_SAYS(graph.output(type), nullptr, "");
   }
