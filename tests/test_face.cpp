@@ -46,7 +46,7 @@ double sampled(Frame& frame, const zyn_face_region& r, const zyn_tensor& t, int 
 }
 
 void check_sampling(Random& random, uint32_t format, int order, bool words) {
-  const int even = format == ZYN_FRAME_BGR || format <= ZYN_FRAME_GREY ? 1 : 2;
+  const int even = format <= ZYN_FRAME_GREY ? 1 : 2;
   const int width = even * random.integer(1, 40), height = even * random.integer(1, 30);
   Frame frame(format, width, height, random.integer(0, 5));
   frame.noise(random.next());
@@ -419,7 +419,7 @@ TEST(FaceSession, FacesOfKnownNetworks) {
         EXPECT_NEAR(f.landmarks[2 * k], x + 1.2f - 9 + 18 * (marks[2 * k] + moved), 1e-3);
         EXPECT_NEAR(f.landmarks[2 * k + 1], y - 9 + 18 * marks[2 * k + 1], 1e-3);
       }
-      EXPECT_EQ(memcmp(f.landmarks, f.smoothed, 136 * sizeof(float)), 0);
+      EXPECT_TRUE(same_bytes(f.landmarks, f.smoothed, sizeof(f.landmarks)));
       for (int k = 0; k < 2; k++) {
         EXPECT_EQ(f.points[4 + k], f.smoothed[60 + k]);
         EXPECT_EQ(f.points[6 + k], f.smoothed[96 + k]);
@@ -427,7 +427,7 @@ TEST(FaceSession, FacesOfKnownNetworks) {
       EXPECT_LT(f.points[0], f.points[2]);
       zyn_face_pose pose;
       ASSERT_EQ(zyn_face_solve_pose(f.smoothed, 64, 48, 0, &pose), 0);
-      EXPECT_EQ(memcmp(&pose, &f.pose, sizeof(pose)), 0);
+      EXPECT_TRUE(same_bytes(&pose, &f.pose, sizeof(pose)));
     }
     zyn_face_times times;
     EXPECT_EQ(zyn_face_get_times(session.get(), &times), 0);

@@ -3,6 +3,10 @@
 // return 0, 1 for a missing argument or channel counts that differ from the record,
 // or the code that their description names. Weights are floats
 // [out][in][kernel row][kernel column], 4-byte aligned, biases directly behind them.
+//
+// For a host's own use alone, nothing in the library calls them: zyn_cg_conv_add_bias,
+// zyn_cg_conv_relu, zyn_cg_conv_add_bias_blocked, zyn_cg_conv_run_planned, zyn_cg_sgemm,
+// zyn_gemm_macro, zyn_cg_block_channels.
 #pragma once
 
 #include <stdint.h>

@@ -68,17 +68,14 @@ template <int kPixels>
 inline void add_tile(int32_t* sums, const int16_t* in, const int64_t* places,
                      const int32_t* weights, const pixel_job& job) {
   __m256i taps[kPixels];
-#pragma GCC unroll 4
-  for (int p = 0; p < kPixels; p++) taps[p] = job.round;
+  ZYN_UNROLL for (int p = 0; p < kPixels; p++) taps[p] = job.round;
   for (int64_t t = 0; t < job.pairs; t++) {
     const __m256i w = zyn_fpi_load(weights + t * kBlock);
     const int16_t* at = in + job.offsets[t];
-#pragma GCC unroll 4
-    for (int p = 0; p < kPixels; p++)
-      taps[p] = _mm256_add_epi32(taps[p], _mm256_madd_epi16(zyn_fpi_broadcast(at + places[p]), w));
+    ZYN_UNROLL for (int p = 0; p < kPixels; p++) taps[p] =
+        _mm256_add_epi32(taps[p], _mm256_madd_epi16(zyn_fpi_broadcast(at + places[p]), w));
   }
-#pragma GCC unroll 4
-  for (int p = 0; p < kPixels; p++) add_rounded(sums + p * kBlock, taps[p], job.shift);
+  ZYN_UNROLL for (int p = 0; p < kPixels; p++) add_rounded(sums + p * kBlock, taps[p], job.shift);
 }
 
 void add_many(int32_t* sums, const int16_t* in, const int32_t* weights, const pixel_job& job) {
