@@ -193,7 +193,7 @@ ZYN_API int32_t zyn_face_reset(zyn_face_session* session);
 typedef struct zyn_face_times {
   double detector_input; /* from the frame to the detector's input */
   double detector;       /* its run */
-  double boxes;          /* scores, decoding, suppression */
+  double boxes;          /* scores, decoding, suppression, second look */
   double tracking;       /* prediction, association, update */
   double landmark_input; /* crops of all faces */
   double landmarks;      /* runs for all faces */
