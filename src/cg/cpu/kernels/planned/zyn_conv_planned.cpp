@@ -1,6 +1,7 @@
 // Method 2, planned kernels: the run, which checks its arguments and decides by the plan's
 // kind (zyn_conv_plan.cpp, which picks the kind):
-//   generic                      here: column matrix and general multiply
+//   generic                      here: column matrix and general multiply; those of at most
+//                                512 terms, strides 1 and 2, as dense 3x3
 //   pointwise                    here: the input's planes are the columns
 //   dense 3x3, 5x5               zyn_conv_planned_dense.cpp
 //   depthwise 3x3 by 8 channels  zyn_conv_planned_dw_lanes.cpp, for small planes
@@ -129,7 +130,7 @@ uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_
     else
       fill_columns(columns.get(), input, plan, run);
     if (zyn_conv_is_by_vector(plan))
-      zyn_gemm_by_vector(rows, k, plan->weights + zyn_conv_vector_weights(plan), columns.get(),
+      zyn_gemm_by_vector(rows, k, plan->weights + zyn_conv_second_weights(plan), columns.get(),
                          output);
     else
       zyn_gemm_general({rows, run.count, k, 1.0f, 0.0f, plan->weights, k, columns.get(), run.count,
@@ -196,7 +197,8 @@ uint32_t zyn_cg_conv_run_planned_fused(zyn_tensor* output, const zyn_tensor* inp
   const float* from = static_cast<const float*>(input->data);
   switch (plan->kind) {
     case ZYN_PLAN_GENERIC:
-      return zyn_conv_run_generic(to, from, plan, e);
+      return zyn_conv_in_strips(plan) ? zyn_conv_run_dense(to, from, plan, e)
+                                      : zyn_conv_run_generic(to, from, plan, e);
     case ZYN_PLAN_POINTWISE:
       return zyn_conv_run_pointwise(to, from, plan, e);
     case ZYN_PLAN_DENSE_3X3:

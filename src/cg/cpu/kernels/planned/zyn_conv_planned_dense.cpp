@@ -1,8 +1,8 @@
-// Dense 3 x 3 and 5 x 5 convolutions of method 2 (padding half the kernel, stride 1 or
-// 2): strips of input rows are copied with their zero border into the plan's scratch,
-// and the product reads its columns from there, tap by tap. Wide outputs are computed
-// row by row; in narrow ones, where whole vectors would waste lanes at every row's end,
-// a strip is one run of columns whose border products are dropped afterwards.
+// Dense convolutions of method 2 with strides 1 and 2, 3 x 3 and 5 x 5 with padding half the
+// kernel and smaller ones of any: strips of input rows are copied with their zero border into the
+// plan's scratch, and the product reads its columns from there, tap by tap. Wide outputs are
+// computed row by row; in narrow ones, where whole vectors would waste lanes at every row's end, a
+// strip is one run of columns whose border products are dropped afterwards.
 #include <immintrin.h>
 #include <string.h>
 
@@ -15,7 +15,7 @@ constexpr int64_t kLargeStripFloats = 128 * 1024;  // fits the second-level cach
 constexpr int64_t kLargeStripRows = 12;  // enough to make the rows that two strips copy few
 constexpr int64_t kRowUnit = 6;          // rows that make whole tiles of 2 or 3 vectors
 constexpr int64_t kVector = 8;
-constexpr int64_t kMostTaps = 25;
+constexpr int64_t kMostTaps = ZYN_CONV_STRIP_KERNEL * ZYN_CONV_STRIP_KERNEL;
 constexpr int64_t kVectorsAtOnce = 96;  // whole tiles of 2 and of 3 vectors
 
 // Columns of a flat strip of rows output rows.
@@ -54,8 +54,11 @@ void copy_row(const zyn_conv_plan* p, const float* row, float* to) {
       if (p->stride == 2) _mm256_storeu_ps(odd + q, _mm256_setzero_ps());
     }
   } else if (p->stride == 1) {
-    for (int64_t q = 0; q < pitch; q += kVector)
-      _mm256_storeu_ps(to + q, load(row, q - pad, width));
+    int64_t q = 0;
+    for (; q < pad; q += kVector) _mm256_storeu_ps(to + q, load(row, q - pad, width));
+    for (; q < pitch && q - pad + kVector <= width; q += kVector)
+      _mm256_storeu_ps(to + q, _mm256_loadu_ps(row + q - pad));
+    for (; q < pitch; q += kVector) _mm256_storeu_ps(to + q, load(row, q - pad, width));
   } else {
     for (int64_t q = 0; q < pitch; q += kVector) {
       const int64_t x = 2 * q - pad;
@@ -96,8 +99,8 @@ void multiply_flat(const zyn_conv_plan* p, const zyn_gemm_rows& b, int64_t y, in
                    float* products, float* output, const zyn_conv_epilogue& epilogue) {
   const int64_t w = p->output_w, h = p->output_h, channels = p->output_channels;
   const int64_t pitch = zyn_round_up(flat_columns(p, p->strip.rows), kVector);
-  zyn_gemm_in_place(b, zyn_round_up(flat_columns(p, rows), kVector), p->weights, p->channel_block,
-                    {products, pitch, channels, epilogue});
+  zyn_gemm_in_place(b, zyn_round_up(flat_columns(p, rows), kVector), zyn_conv_strip_weights(p),
+                    p->channel_block, {products, pitch, channels, epilogue});
   for (int64_t c = 0; c < channels; c++)
     for (int64_t r = 0; r < rows; r++)
       memcpy(output + c * w * h + (y + r) * w, products + c * pitch + r * p->strip.pitch,
@@ -117,7 +120,8 @@ void multiply_rows(const zyn_conv_plan* p, const zyn_gemm_rows& b, int64_t y, in
       const int64_t x = zyn_smaller(column, w - lanes);
       vectors[count++] = {r * p->strip.pitch + x, r * w + x};
       if (count < kVectorsAtOnce && (r < rows - 1 || column + lanes < w)) continue;
-      zyn_gemm_scattered(b, vectors, count, lanes, p->weights, p->channel_block, out);
+      zyn_gemm_scattered(b, vectors, count, lanes, zyn_conv_strip_weights(p), p->channel_block,
+                         out);
       count = 0;
     }
 }
