@@ -318,7 +318,7 @@ void run(const zyn_blocked_layer& l) {
     for (int32_t oc = 0, channels = 0; oc < l.out_channels; oc += channels) {
       const int32_t left = l.out_channels - oc;
       const bool four = kWide > 8 && left >= 4 * kWide && l.in_channels <= kMostInputsOfFour;
-      channels = by_four && left >= 24 ? 24
+      channels = (by_four && left >= 24) || (kWide == 8 && left == 24) ? 24
                  : four                ? 4 * kWide
                  : left >= 2 * kWide   ? 2 * kWide
                                        : zyn_vector_channels(left);

@@ -77,12 +77,13 @@ inline bool zyn_conv_is_by_vector(const zyn_conv_plan* plan) {
   return plan->kind == ZYN_PLAN_GENERIC && plan->output_pixels == 1;
 }
 // Whether the product reads its columns from strips: kinds 1 to 4, and of kind 0 layers whose
-// sums the general multiply makes in one run: strips give the same bits.
+// sums the general multiply makes in one run: strips give the same bits. Rows of less than a vector
+// would waste lanes at their ends.
 enum { ZYN_CONV_STRIP_KERNEL = 7 };  // the largest kernel, for kind 0
 inline bool zyn_conv_in_strips(const zyn_conv_plan* plan) {
   if (plan->kind != ZYN_PLAN_GENERIC)
     return plan->kind >= ZYN_PLAN_DENSE_3X3 && plan->kind <= ZYN_PLAN_DENSE_5X5_S2;
-  return plan->output_pixels > 1 && plan->kernel > 1 && plan->kernel <= ZYN_CONV_STRIP_KERNEL &&
+  return plan->output_w >= 8 && plan->kernel > 1 && plan->kernel <= ZYN_CONV_STRIP_KERNEL &&
          plan->stride <= 2 && plan->k <= ZYN_GEMM_RUN;
 }
 // Where the weights that kind 0 packs begin, by vector or by strips.
