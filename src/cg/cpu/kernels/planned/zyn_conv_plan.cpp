@@ -54,9 +54,13 @@ void fill_weights(const zyn_conv_plan* plan, const float* weights) {
     memcpy(plan->weights, weights, static_cast<size_t>(plan->padded_rows * k) * sizeof(float));
   else
     zyn_gemm_pack_weights(plan->output_channels, k, plan->channel_block, weights, k, plan->weights);
-  if (const int64_t block = second_block(plan))
-    zyn_gemm_pack_weights(plan->output_channels, k, block, weights, k,
-                          plan->weights + zyn_conv_second_weights(plan));
+  const int64_t block = second_block(plan),
+                run = zyn_conv_is_by_vector(plan) ? k : int64_t{ZYN_GEMM_RUN};
+  float* second = plan->weights + zyn_conv_second_weights(plan);
+  for (int64_t first = 0; block > 0 && first < k; first += run)
+    zyn_gemm_pack_weights(plan->output_channels, zyn_smaller(run, k - first), block,
+                          weights + first, k,
+                          second + first * zyn_round_up(plan->output_channels, block));
 }
 
 int64_t weight_floats(const zyn_conv_plan* plan) {

@@ -42,7 +42,8 @@ struct zyn_conv_scratch {
   float* strip;     // by strips: copied input rows with their border, at most those of
                     // 128 K floats or, if that is more, those under one output row
   float* panel;     // by strips: an aligned copy of ZYN_GEMM_PANEL of the product's columns
-  float* products;  // flat strips: the products with their border, less than 4 outputs
+  float* products;  // flat strips: the products with their border, less than 4 outputs; in runs:
+                    // those of one run, less than the output
   float* zeros;     // depthwise: a row of zeros, for rows outside of the image
   float* lanes;     // depthwise by 8 channels: 8 channels' weights, planes and sums
 };
@@ -76,17 +77,23 @@ struct zyn_conv_plan {
 inline bool zyn_conv_is_by_vector(const zyn_conv_plan* plan) {
   return plan->kind == ZYN_PLAN_GENERIC && plan->output_pixels == 1;
 }
-// Whether the product reads its columns from strips: kinds 1 to 4, and of kind 0 layers whose
-// sums the general multiply makes in one run: strips give the same bits. Rows of less than a vector
-// would waste lanes at their ends.
+// Whether the product reads its columns from strips: kinds 1 to 4, and kind 0, in runs of terms as
+// the general multiply's.
 enum { ZYN_CONV_STRIP_KERNEL = 7 };  // the largest kernel, for kind 0
+inline bool zyn_conv_in_runs(const zyn_conv_plan* plan) {
+  return plan->kind == ZYN_PLAN_GENERIC && plan->k > ZYN_GEMM_RUN;
+}
 inline bool zyn_conv_in_strips(const zyn_conv_plan* plan) {
   if (plan->kind != ZYN_PLAN_GENERIC)
     return plan->kind >= ZYN_PLAN_DENSE_3X3 && plan->kind <= ZYN_PLAN_DENSE_5X5_S2;
-  return plan->output_w >= 8 && plan->kernel > 1 && plan->kernel <= ZYN_CONV_STRIP_KERNEL &&
-         plan->stride <= 2 && plan->k <= ZYN_GEMM_RUN;
+  if (plan->output_w < 8 || plan->kernel == 1 || plan->kernel > ZYN_CONV_STRIP_KERNEL ||
+      plan->stride > 2)
+    return false;
+  // Many outputs earn a column matrix back sooner than lanes that are idle at the ends of rows.
+  const int64_t w = plan->output_w, idle = zyn_round_up(w, 8) - w;
+  return !zyn_conv_in_runs(plan) || idle * plan->output_channels < 16 * w;
 }
-// Where the weights that kind 0 packs begin, by vector or by strips.
+// Where the weights that kind 0 packs begin, by vector or, run by run, by strips.
 inline int64_t zyn_conv_second_weights(const zyn_conv_plan* plan) {
   return zyn_round_up(static_cast<int64_t>(plan->padded_rows) * plan->weights_per_row, 16);
 }

@@ -1,7 +1,7 @@
 // Method 2, planned kernels: the run, which checks its arguments and decides by the plan's
 // kind (zyn_conv_plan.cpp, which picks the kind):
-//   generic                      here: column matrix and general multiply; those of at most
-//                                512 terms, strides 1 and 2, as dense 3x3
+//   generic                      here: column matrix and general multiply; most of strides 1
+//                                and 2 as dense 3x3
 //   pointwise                    here: the input's planes are the columns
 //   dense 3x3, 5x5               zyn_conv_planned_dense.cpp
 //   depthwise 3x3 by 8 channels  zyn_conv_planned_dw_lanes.cpp, for small planes
