@@ -18,6 +18,8 @@ constexpr int64_t kMostChannelsAhead = 160;
 constexpr int64_t kCopyBlocks = 3;
 constexpr int64_t kVectorsAtOnce = 48;  // of slim rows: whole tiles of 8, 6 and 4 vectors
 constexpr int64_t kMostSlimRows = 3;
+// Terms of a column that is multiplied by itself, rows at a time, and how many earn that.
+constexpr int64_t kMostColumn = 2048, kMostColumnRows = 8 * 6, kLastColumnRows = 16;
 constexpr int64_t kGroupUnit = 96;  // columns: whole tiles of 3, 6 and 4 vectors
 
 // Everything that a walk over an output needs to call a tile.
@@ -283,10 +285,34 @@ void slim_columns(const zyn_gemm_rows& b, int64_t columns, const float* packed, 
   if (columns % lanes != 0) slim_rows(b, vectors, 1, lanes, packed, block, output);
 }
 
+// Whether a last column is left that would cost a vector of columns: planes of 5 x 5, 7 x 7, 13 x
+// 13 and other odd sides.
+bool has_last_column(const zyn_gemm_rows& b, int64_t columns, int64_t rows) {
+  return b.taps == 1 && b.channels <= kMostColumn && columns > 8 && columns % 8 == 1 &&
+         rows >= kLastColumnRows;
+}
+
+// Column number column by itself: a product by a vector, the same sums.
+void last_column(const zyn_gemm_rows& b, int64_t column, const float* packed, int64_t block,
+                 const zyn_gemm_output& output) {
+  float x[kMostColumn], y[kMostColumnRows];
+  for (int64_t i = 0; i < b.channels; i++) x[i] = b.base[i * b.channel_stride + column];
+  const int64_t at_once = 8 * block;
+  const zyn_conv_epilogue& e = output.epilogue;
+  for (int64_t row = 0; row < output.rows; row += at_once) {
+    const int64_t count = zyn_smaller(at_once, output.rows - row);
+    zyn_gemm_blocks_by_vector(count, b.channels, packed + row * b.channels, block, x, y);
+    zyn_conv_finish_rows(y, count, 1, {e.bias ? e.bias + row : nullptr, e.activation});
+    float* to = output.data + row * output.pitch + column;
+    for (int64_t r = 0; r < count; r++) to[r * output.pitch] = y[r];
+  }
+}
+
 }  // namespace
 
 void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
                        const zyn_gemm_output& output) {
+  if (has_last_column(b, columns, output.rows)) last_column(b, --columns, packed, block, output);
   if (columns < 8 || !has_slim_rows(output, block))
     return in_blocks(b, columns, packed, block, output);
   const zyn_gemm_output whole = whole_blocks(output, block);
