@@ -30,6 +30,7 @@ struct zyn_cg_conv_state : zyn_cg_io_state {
   zyn_store* store;                   // of packed weights, or null
   zyn_tensor* quantized;              // fixed point: weights and biases with weight_q fraction bits
   zyn_fpi_plan fixed;                 // fixed point: the kernel, whatever the method
+  bool far_input, far_output;         // whose place the caches do not hold when the node runs
 };
 
 // bind of every type: copies the record and the graph's settings.
@@ -58,8 +59,8 @@ int32_t zyn_cg_conv_open(zyn_cg_handle* graph, int32_t node, zyn_cg_conv_state* 
 int32_t zyn_cg_conv_finish_prepare(zyn_cg_handle* graph, zyn_cg_conv_state* state, int32_t width,
                                    int32_t height, const zyn_site* site);
 
-// Runs the node's kernel, then what epilogue says. keep_standard: 3x3 kernels serve 1x1
-// layers under method 1 as well, that is, refuse them.
+// Runs the node's kernel, then what epilogue says. keep_standard: of method 1 the 3x3 kernels are
+// asked for 1x1 layers too, and refuse them with 4.
 int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue,
                         bool keep_standard);
 
@@ -75,6 +76,10 @@ bool zyn_cg_conv_drop_weights(zyn_cg_handle* graph, int32_t node);
 // Bytes of what a prepared convolution holds: weights beside its constant, and scratch. False
 // for other types.
 bool zyn_cg_conv_memory(zyn_cg_handle* graph, int32_t node, int64_t* weights, int64_t* scratch);
+
+// Tells a convolution whether the places of its input and output have left the caches since a node
+// touched them last; no effect on other types.
+void zyn_cg_conv_expect_far(zyn_cg_handle* graph, int32_t node, bool input, bool output);
 
 // The biases behind the weights, where the record has some; null otherwise.
 const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state);
