@@ -73,14 +73,20 @@ struct tap_list {
   int32_t weight[kTaps * kGroupBlocks];
 };
 
-// Taps of kernel columns kx0 to kx1 - 1 in the given kernel rows.
+// Taps that follow each other in memory and are one entry of the list: a kernel row of a single
+// input channel, whose tile has little else to do.
+constexpr int joined_taps(int ob, int ib, bool down) {
+  return ob > 1 && ob <= 8 && ib == 1 && !down ? 3 : 1;
+}
+
+// Taps of kernel columns kx0 to kx1 - 1 in the given kernel rows, step of them an entry.
 template <int OB, int IB>
-tap_list taps_of(const planes& p, kernel_rows ky, int kx0, int kx1) {
+tap_list taps_of(const planes& p, kernel_rows ky, int kx0, int kx1, int step = 1) {
   tap_list taps;
   taps.count = 0;
   for (int32_t n = 0; n < p.in_blocks; n++)
     for (int k = ky.begin; k < ky.end; k++)
-      for (int kx = kx0; kx < kx1; kx++, taps.count++) {
+      for (int kx = kx0; kx < kx1; kx += step, taps.count++) {
         taps.in[taps.count] = n * p.in_block + (static_cast<int64_t>(k) * p.width + kx) * IB;
         taps.weight[taps.count] = (n * kTaps + k * 3 + kx) * (IB * OB);
       }
@@ -152,7 +158,17 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
     };
     // Small code rather than the last cycles: of few pixels, of one vector. Two vectors of 16 by 12
     // pixels are a loop long enough.
-    if constexpr (Down || OB > 8 || Blocks == 1) {
+    if constexpr (joined_taps(OB, IB, Down) > 1) {
+      ZYN_UNROLL for (int kx = 0; kx < 3; kx++) {
+        add_input(0);
+        in++;
+        zyn_own_pointer(in);
+        ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
+          w[b] += OB;
+          zyn_own_pointer(w[b]);
+        }
+      }
+    } else if constexpr (Down || OB > 8 || Blocks == 1) {
       ZYN_UNROLL_BY(1) for (int ic = 0; ic < IB; ic++) add_input(ic);
     } else {
       ZYN_UNROLL for (int ic = 0; ic < IB; ic++) add_input(ic);
@@ -219,7 +235,7 @@ void equal_rows(const planes& p, int32_t y0, int32_t y1, kernel_rows ky) {
   // One past the last column with all taps; column 0 never has them.
   const int32_t end = p.width < 2 ? 1 : (p.width - 2) / Stride + 1;
   if (end > 1) {
-    const tap_list taps = taps_of<OB, IB>(p, ky, 0, 3);
+    const tap_list taps = taps_of<OB, IB>(p, ky, 0, 3, joined_taps(OB, IB, false));
     for (int32_t y = y0; y < y1; y++)
       zyn_balanced_tiles<tile_pixels(OB, IB, Blocks)>(
           1, end, line<OB, IB, Blocks, Stride, false>{p, y, 0, taps});

@@ -334,7 +334,7 @@ void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* pac
 void zyn_gemm_scattered(const zyn_gemm_rows& b, const zyn_gemm_vector* vectors, int64_t count,
                         int64_t lanes, const float* packed, int64_t block,
                         const zyn_gemm_output& output) {
-  const bool slim = has_slim_rows(output, block);
+  const bool slim = b.taps > 1 && has_slim_rows(output, block);  // see zyn_gemm_slim_tiles
   const zyn_gemm_output whole = slim ? whole_blocks(output, block) : output;
   if (whole.rows > 0) scattered_in_blocks(b, vectors, count, lanes, packed, block, whole);
   for (int64_t i = 0; slim && i < count; i += kVectorsAtOnce)

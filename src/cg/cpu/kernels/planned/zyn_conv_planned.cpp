@@ -90,7 +90,7 @@ void fill_columns(float* columns, const float* input, const zyn_conv_plan* p,
 // that.
 constexpr int64_t kShortRow = 16;
 constexpr int64_t kMostPlaces = 4096;
-constexpr int32_t kPlacesChannels = 4;  // fewer do not earn the list back
+constexpr int32_t kPlacesChannels = 2;  // fewer do not earn the list back
 
 int64_t places_of(const zyn_conv_plan* p, int64_t pixels) {
   const int64_t places = int64_t{p->kernel} * p->kernel * pixels;
