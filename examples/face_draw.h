@@ -40,9 +40,11 @@ inline void number(zyn_image* picture, int32_t value, double x, double y, int32_
   constexpr uint16_t kDigits[] = {0x7B6F, 0x2C97, 0x73E7, 0x73CF, 0x5BC9,
                                   0x79CF, 0x79EF, 0x7249, 0x7BEF, 0x7BCF};
   for (const char digit : std::to_string(value)) {
-    for (int32_t bit = 0; digit >= '0' && bit < 15; bit++)
+    for (int32_t bit = 0; digit >= '0' && bit < 15; bit++) {
+      const int32_t column = bit % 3, row = bit / 3;
       if (kDigits[digit - '0'] >> (14 - bit) & 1)
-        dot(picture, x + bit % 3 * size, y + bit / 3 * size, size, c);
+        dot(picture, x + column * size, y + row * size, size, c);
+    }
     x += 4 * size;
   }
 }

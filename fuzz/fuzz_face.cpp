@@ -16,7 +16,7 @@ using zyn_fuzz::Input;
 using namespace zyn_test;
 
 // Pictures of 16 x 12 pixels; outputs are biases and few weights, some of them no numbers.
-Bytes network(Input& in, bool detector, const char* (&keys)[5][2], int planes) {
+Bytes network(Input& in, bool detector, const char* (&keys)[6][2], int planes) {
   Writer writer(zyn_net_writer_create());
   zyn_net_port image = port("image", {16, 12, planes});
   image.channel_order = in.one_in(32) ? in.integer(0, 3) : planes == 1 ? 3 : 1 + planes % 2;
@@ -47,6 +47,10 @@ Bytes network(Input& in, bool detector, const char* (&keys)[5][2], int planes) {
     output("offsets", 48, 4, ZYN_NET_MEANING_OFFSETS);
   } else {
     output("points", 136, 2, ZYN_NET_MEANING_LANDMARKS);
+    if (in.one_in(2)) {  // it judges what the detector finds
+      output("scores", 2, 2, in.integer(1, 2));
+      output("offsets", 4, 4, ZYN_NET_MEANING_OFFSETS);
+    }
   }
   for (const auto& [key, value] : keys) {
     char text[] = "................";
@@ -128,16 +132,18 @@ void look(const zyn_face* faces, int32_t count, const zyn_face_options& o) {
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const zyn_fuzz::Memory memory;
   Input in(data, size);
-  const char* detector_keys[5][2] = {{"face.strides", "8"},
+  const char* detector_keys[6][2] = {{"face.strides", "8"},
                                      {"face.min-sizes", "4,8,12"},
                                      {"face.variances", "0.1,0.2"},
                                      {"face.role", "detector"},
+                                     {nullptr, nullptr},
                                      {nullptr, nullptr}};
-  const char* landmark_keys[5][2] = {{"face.points", "68"},
+  const char* landmark_keys[6][2] = {{"face.points", "68"},
                                      {"face.crop", "1.25"},
                                      {"face.left-eye", "36-41"},
                                      {"face.mouth", "48,54"},
-                                     {"face.role", "landmarks"}};
+                                     {"face.role", "landmarks"},
+                                     {"face.variances", "0.1,0.2"}};
   const int planes = in.one_in(2) ? 1 : 3;
   const Bytes detector = network(in, true, detector_keys, planes);
   const Bytes landmarks = network(in, false, landmark_keys, 1);

@@ -255,7 +255,8 @@ void Attack::add_conv(Node& node, const Shape& in) {
   p.kernel_w = field(p.kernel_h);
   p.stride_h = small(1, 2);
   p.stride_w = field(p.stride_h);
-  p.pad_h = field(p.kernel_h / 2);
+  const int32_t centred = p.kernel_h / 2;
+  p.pad_h = field(centred);
   p.pad_w = field(p.pad_h);
   p.dilation_h = field(1);
   p.dilation_w = field(p.dilation_h);
@@ -274,7 +275,7 @@ void Attack::add_conv(Node& node, const Shape& in) {
     s.d[2] = p.out_channels;
   });
   const double out = p.out_channels, taps = static_cast<double>(p.kernel_h) * p.kernel_w;
-  const double group_in = p.groups > 0 ? p.in_channels / p.groups : p.in_channels;
+  const int32_t group_in = p.groups > 0 ? p.in_channels / p.groups : p.in_channels;
   constant(node, taps * out * group_in + (p.bias == 1 ? out : 0) +
                      (node.type == ZYN_OP_CONV_BN ? 4 * out : 0));
 }
@@ -286,7 +287,8 @@ void Attack::add_window(Node& node, int32_t mode) {
   p.stride_x = small(1, 3), p.stride_y = field(p.stride_x);
   const bool gaps = mode == ZYN_RESAMPLE_MAX_WINDOW && in_.one_in(4);
   p.dilation_x = gaps ? small(1, 3) : field(1), p.dilation_y = field(p.dilation_x);
-  p.pad_left = field(p.kernel_x / 2), p.pad_top = field(p.kernel_y / 2);
+  const int32_t left = p.kernel_x / 2, top = p.kernel_y / 2;
+  p.pad_left = field(left), p.pad_top = field(top);
   p.pad_right = field(p.pad_left), p.pad_bottom = field(p.pad_top);
   p.ceil_mode = small(0, 1), p.count_pad = small(0, 1);
   record(node, p, [p](Shape& s) {

@@ -17,8 +17,8 @@ using Boxes = std::vector<zyn_detection>;
 zyn_detection box(Input& in) {
   if (in.one_in(24)) return {in.real(), in.real(), in.real(), in.real(), in.real()};
   const auto x = static_cast<float>(in.byte()), y = static_cast<float>(in.byte());
-  const uint32_t size = in.byte();
-  return {x, y, x + static_cast<float>(size % 16 + 1), y + static_cast<float>(size / 16 + 1), 1};
+  const uint32_t size = in.byte(), width = size % 16 + 1, height = size / 16 + 1;
+  return {x, y, x + static_cast<float>(width), y + static_cast<float>(height), 1};
 }
 Boxes some_boxes(Input& in, uint32_t count) {
   Boxes boxes(count);

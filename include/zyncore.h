@@ -344,9 +344,9 @@ ZYN_API zyn_cg_handle* zyn_create_computation_graph_handle(const zyn_cg_create_p
  * Q list; tensors of data nodes stay yours. 2 (silent): graph or *graph is null. */
 ZYN_API int32_t zyn_release_computation_graph_handle(zyn_cg_handle** graph);
 
-/* Chooses how convolution nodes that are bound afterwards compute: 0 planar direct,
- * 1 blocked direct, 2 planned (the default). 1 (silent): null graph or another
- * value; the method then stays as it was. */
+/* Chooses how convolution nodes that are bound afterwards compute: 0 planar,
+ * 1 blocked, 2 planned (the default). 1 (silent): null graph or another value; the
+ * method then stays as it was. */
 ZYN_API int32_t zyn_cg_set_conv_method(zyn_cg_handle* graph, uint32_t method);
 
 /* The graph's device type: always 0 in this library, also for a null graph. */

@@ -118,15 +118,16 @@ typedef struct zyn_face_options {
   int32_t remember;  /* 0 or more: frames for which a face that was dropped is remembered by its
                         look. Found again where it may have come to, it has its id again; faces that
                         cross are told apart by their looks. 0: neither */
-  float second_look; /* 0 or more: the landmarks of what would begin a face are looked for in a
-                        slightly other crop too. By so much times what they move by, beyond 0.12 of
-                        their spread, its score has to exceed the threshold. 0: no second look */
+  float second_look; /* 0 to 1: the weight of the landmark network's own judgement of a detection,
+                        if it has one (docs/faces.md): the score's odds are the detector's to the
+                        power of 1 - second_look times the landmark network's to that of
+                        second_look, and the box is the landmark network's. 0: no second look */
   int32_t reserved;  /* 0 */
 } zyn_face_options;
 #define ZYN_FACE_DEFAULTS                                                                        \
   {                                                                                              \
     0, 0, 0, 0, 0, 0, 0, 0, ZYN_NET_AUTOMATIC, 0, 1, 32, 0.7f, 0.5f, 0.3f, 0, 10, 1, 0.5f, 0.4f, \
-        8.0f, 0.5f, 0.0f, 100, 1.0f, 0                                                           \
+        8.0f, 0.5f, 0.0f, 100, 0.5f, 0                                                           \
   }
 
 /* Where a face's values come from in this frame. */
@@ -192,7 +193,7 @@ ZYN_API int32_t zyn_face_reset(zyn_face_session* session);
 typedef struct zyn_face_times {
   double detector_input; /* from the frame to the detector's input */
   double detector;       /* its run */
-  double boxes;          /* scores, decoding, suppression */
+  double boxes;          /* scores, decoding, suppression, second look */
   double tracking;       /* prediction, association, update */
   double landmark_input; /* crops of all faces */
   double landmarks;      /* runs for all faces */

@@ -24,7 +24,7 @@ TEST(FirstUse, CpuTablesAreFilledOnce) {
     ASSERT_TRUE(!zyn_cpu_feature_flags[i] && !zyn_cpu_feature_names[i]) << i;
   zyn_init_cpu_features();
 // The compiler's own detection.
-#define HAS(id, name) (__builtin_cpu_supports(name) ? 1u << id : 0)
+#define HAS(id, name) (__builtin_cpu_supports(name) ? 1u << (id) : 0)
   const uint32_t expected =
       HAS(1, "mmx") | HAS(2, "sse") | HAS(3, "sse2") | HAS(4, "sse3") | HAS(5, "ssse3") |
       HAS(6, "sse4.1") | HAS(7, "sse4.2") | HAS(8, "popcnt") | HAS(10, "avx") | HAS(11, "avx2") |

@@ -197,10 +197,10 @@ TEST(Image, PixelsThatTwoImagesShareAreRefusedByEveryOperation) {
   for (size_t i = 0; i < before.size(); i++)
     before[i] = static_cast<uint8_t>(i * 2654435761u >> 13);
   const auto same_rows = [](const zyn_image& a, const zyn_image& b) {
-    int other = 0;
+    bool same = true;
     for (int y = 0; y < a.rows; y++)
-      other |= memcmp(&plane_of(a, 0).at(0, y), &plane_of(b, 0).at(0, y), a.cols * a.channels);
-    return other == 0;
+      same &= same_bytes(&plane_of(a, 0).at(0, y), &plane_of(b, 0).at(0, y), a.cols * a.channels);
+    return same;
   };
   const auto right = [&](const auto& c, int row, int column) {
     bool shared = false;

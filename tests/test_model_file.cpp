@@ -84,7 +84,7 @@ TEST(ModelFile, DamageIsFoundSilentlyAndTheWordsAreThereAllTheSame) {
     const File file(damaged);
     char buffer[81] = {};
     expect_load(file.path, 20, buffer, 1);
-    EXPECT_EQ(memcmp(buffer, damaged.data(), 80) | buffer[80], 0);
+    EXPECT_TRUE(same_bytes(buffer, damaged.data(), 80) && !buffer[80]);
   }
 }
 

@@ -16,6 +16,7 @@
 #include "net/zyn_net_file.h"
 #include "support/capture.h"
 #include "support/ledger.h"
+#include "support/net.h"
 #include "support/network_files.h"
 #include "zyncore_net.h"
 
@@ -100,7 +101,7 @@ TEST(Network, WhatIsWrittenComesBack) {
   const zyn_tensor* y = zyn_net_output(net.get(), nullptr);
   const zyn_tensor* joined = zyn_net_output(net.get(), "joined");
   EXPECT_EQ(memcmp(joined->data, y->data, 4 * 120), 0);
-  EXPECT_EQ(memcmp(static_cast<float*>(joined->data) + 120, pixels, 4 * 60), 0);
+  EXPECT_TRUE(same_bytes(static_cast<float*>(joined->data) + 120, pixels, 4 * 60));
   EXPECT_EQ(zyn_net_output(net.get(), "z"), nullptr);
   EXPECT_STREQ(zyn_error_detail(), "the network has no output 'z'");
 }
@@ -134,22 +135,12 @@ TEST(Network, ComputesTheBitsOfTheGraphMadeByHandInLittleMemory) {
       const int head = i % 2 ? ssd320::kLocationHeads[i / 2] : ssd320::kScoreHeads[i / 2];
       const zyn_tensor* expected = detector.output(head);
       const zyn_tensor* got = zyn_net_output(net.get(), out.name);
+      const Array shape({expected->dims[0], expected->dims[1], expected->dims[2]});
+      const auto* from = static_cast<const float*>(expected->data);
       std::vector<float> planar(static_cast<size_t>(expected->count));
-      if (expected->layout == ZYN_LAYOUT_BLOCKED) {
-        // Blocks of 8 and 4 channels, then single ones.
-        const int64_t pixels = int64_t{expected->dims[0]} * expected->dims[1];
-        const auto* from = static_cast<const float*>(expected->data);
-        for (int first = 0, left = expected->dims[2]; left > 0;) {
-          const int group = left >= 8 ? 8 : left >= 4 ? 4 : 1;
-          for (int64_t p = 0; p < pixels; p++)
-            for (int c = 0; c < group; c++)
-              planar[static_cast<size_t>((first + c) * pixels + p)] = *from++;
-          first += group;
-          left -= group;
-        }
-      } else {
-        memcpy(planar.data(), expected->data, static_cast<size_t>(expected->byte_size));
-      }
+      for_each_element(shape, [&](int x, int y, int z) {
+        planar[shape.index(x, y, z)] = from[place(shape, x, y, z, expected->layout)];
+      });
       ASSERT_EQ(got->count, expected->count);
       EXPECT_EQ(got->layout, static_cast<uint32_t>(ZYN_LAYOUT_PLANAR));
       EXPECT_EQ(memcmp(got->data, planar.data(), static_cast<size_t>(got->byte_size)), 0)

@@ -52,7 +52,7 @@ void expect_as_defined(const Boxes& boxes, float threshold, const std::string& w
   ASSERT_EQ(zyn_ssd_nms(out.data(), in.data(), count, threshold),
             static_cast<int32_t>(expected.size()));
   for (size_t i = 0; i < expected.size(); i++)
-    ASSERT_EQ(memcmp(&out[i], &expected[i], sizeof(zyn_detection)), 0) << "record " << i;
+    ASSERT_TRUE(same_bytes(&out[i], &expected[i], sizeof(zyn_detection))) << "record " << i;
   ASSERT_EQ(memcmp(in.data(), boxes.data(), boxes.size() * sizeof(zyn_detection)), 0);
   // In place gives the same.
   zyn_ssd_nms(in.data(), in.data(), count, threshold);

@@ -123,10 +123,9 @@ TEST(Pose, PointsOnAGrid) {
   for (int code = 0; code < 27 * 27 * 27; code++)
     for (int shift = 0; shift < 27; shift++) {
       View view;
-      const int distances[3] = {4, 5, 8};
-      const Pose truth = {
-          {{{1, 0, 0}}, {{0, 1, 0}}, {{0, 0, 1}}},
-          {{real(shift % 3 - 1), real(shift / 3 % 3 - 1), real(distances[shift / 9])}}};
+      constexpr int kDistances[] = {4, 5, 8};
+      const int x = shift % 3 - 1, y = shift / 3 % 3 - 1, z = kDistances[shift / 9];
+      const Pose truth = {{{{1, 0, 0}}, {{0, 1, 0}}, {{0, 0, 1}}}, {{real(x), real(y), real(z)}}};
       for (int i = 0, rest = code; i < 9; i++, rest /= 3)
         view.world[i] = static_cast<float>(rest % 3 - 1);
       bool exact = true;

@@ -38,8 +38,8 @@ void check_priors(uint32_t width, uint32_t height, const uint32_t (&map)[2], uin
     for (int i = 0; i < rows * columns; i++)
       for (int size : sizes[level]) {
         ASSERT_LT(prior, end);
-        for (double v : {(i % columns + 0.5) * shrink_x / w, (i / columns + 0.5) * shrink_y / h,
-                         size / w, size / h})
+        const int x = i % columns, y = i / columns;
+        for (double v : {(x + 0.5) * shrink_x / w, (y + 0.5) * shrink_y / h, size / w, size / h})
           ASSERT_NEAR(*prior++, std::min(1.0, v), 4e-7) << "level " << level << " cell " << i;
       }
   }

@@ -3,6 +3,7 @@
 
 #include "matrix/zyn_matrix.h"
 #include "matrix/zyn_tensor.h"
+#include "support/buffers.h"
 #include "support/capture.h"
 #include "support/ledger.h"
 
@@ -75,7 +76,7 @@ TEST(Tensor, BadArgumentsAreReportedByTheirSites) {
                 tensor_report(kPara, c.create_line));
     EXPECT_SAYS(zyn_set_tensor_header(&own, c.count, c.dims, c.type), 1,
                 tensor_report(kPara, c.set_line));
-    EXPECT_EQ(memcmp(&own, &same, sizeof(own)), 0);
+    EXPECT_TRUE(same_bytes(&own, &same, sizeof(own)));
   }
   EXPECT_SAYS(zyn_set_tensor_header(nullptr, 3, good, 6), 1, tensor_report(kPara, 152));
   for (zyn_tensor** bad : {static_cast<zyn_tensor**>(nullptr), &none})

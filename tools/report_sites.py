@@ -3,10 +3,10 @@
 
 usage: report_sites.py [--write | --check]
 
-Reads the declarations "constexpr zyn_site kName{path, line, message};" in src/ and where
-they are used, and the lines that callers hand to helpers around zyn_report. --write puts the table into the page, --check compares it with the page;
-without either it is printed. A site that no function uses, or that is declared in a form
-this cannot read, is an error.
+Reads the declarations "constexpr zyn_site kName{path, line, message};" in src/ and where they are
+used, and the lines that callers hand to helpers around zyn_report. --write puts the table into the
+page, --check compares it with the page; without either it is printed. A site that no function
+uses, or that is declared in a form this cannot read, is an error.
 """
 import pathlib
 import re

@@ -35,16 +35,26 @@ EACH = {
         "shape": (1, 3, data.CROP, data.CROP), "outputs": ["landmarks"],
         "resize": "stretch", "meanings": {"landmarks": "landmarks"},
         "metadata": {
-            "face.role": "landmarks", "face.points": str(data.POINTS), "face.crop": "1.25",
+            "face.role": "landmarks", "face.points": str(data.POINTS),
+            "face.crop": str(models.CROP_SCALE),
             "face.left-eye": "36-41", "face.right-eye": "42-47", "face.nose": "30",
             "face.mouth": "48,54", "face.chin": "8"}},
 }
 
 
+def judging(what):
+    """The landmark network with its judge."""
+    more = ["scores", "offsets"]
+    return {**what, "outputs": what["outputs"] + more,
+            "meanings": {**what["meanings"], **{name: name for name in more}},
+            "metadata": {**what["metadata"],
+                         "face.variances": EACH["detector"]["metadata"]["face.variances"]}}
+
+
 def load(folder, name):
     """The network as it is used, and the samples it has seen."""
     saved = torch.load(os.path.join(folder, name + ".pt"), map_location="cpu")
-    model = NETWORKS[name]()
+    model = {"judge": models.Judge, **NETWORKS}[name]()
     model.load_state_dict(saved["mean"])
     return models.fold(model), saved["seen"]
 
@@ -68,6 +78,9 @@ def calibrate(zyn, name, store, quantiser):
 def export(folder, name, target):
     what = EACH[name]
     model, seen = load(folder, name)
+    if name == "landmarks" and os.path.exists(os.path.join(folder, "judge.pt")):
+        model = models.JudgingLandmarks(model, load(folder, "judge")[0])
+        what = judging(what)
     onnx = os.path.join(folder, name + ".onnx")
     torch.onnx.export(model, torch.zeros(what["shape"]), onnx, opset_version=11,
                       input_names=["picture"], output_names=what["outputs"])

@@ -79,6 +79,18 @@ def detector_loss(scores, offsets, labels, targets):
     return score_loss, offset_loss, (1 - general).sum() / count
 
 
+def judge_loss(scores, offsets, overlap, needed, targets):
+    """As the detector's, for crops of findings: their overlap with the nearest face, whether that
+    one must be found, and its offsets."""
+    near, needed = overlap[:, 0] > POOR, needed[:, 0] > 0.5
+    common, general = agreement(offsets, targets)
+    likely = torch.where(near, ((common.detach() - POOR) / (GOOD - POOR)).clamp(0, 1), 0.0)
+    logs = F.log_softmax(scores, 1)
+    each = -(likely * logs[:, 1] + (1 - likely) * logs[:, 0])
+    return (each[needed | ~near].mean(), F.smooth_l1_loss(offsets[near], targets[near]),
+            (1 - general[near]).mean())
+
+
 def landmark_loss(found, points, width=4.0, bend=1.0):
     """Wing loss in pixels of the crop: steep for small errors. Hidden points count half."""
     error = (found.reshape(points.shape[0], -1, 2) - points[..., :2]).abs() * data.CROP

@@ -11,6 +11,7 @@ STRIDES = (8, 16, 32, 64)
 MIN_SIZES = ((10, 16, 24), (32, 48), (64, 96), (128, 192, 256))
 VARIANCES = (0.1, 0.2)
 MEAN, SCALE = 127.0, 1.0 / 128.0
+CROP_SCALE = 1.25  # of the landmark network's crop: times the larger side of the box
 
 
 def priors(width=data.WIDTH, height=data.HEIGHT):
@@ -111,11 +112,46 @@ class Landmarks(nn.Module):
         found = self.layers(x).flatten(1)
         return found if self.folded else found * self.UNIT + 0.5
 
+    def trunk(self):
+        """What the judge looks at."""
+        return self.layers[:10]
+
     def fold_unit(self):
         with torch.no_grad():
             self.layers[-1].weight.mul_(self.UNIT)
             self.layers[-1].bias.mul_(self.UNIT).add_(0.5)
         self.folded = True
+
+
+class Judge(nn.Module):
+    """From the landmark network's trunk whether the crop's middle is a face: scores (batch, 2:
+    none, face; before softmax), and the offsets (batch, 4) of the face's box from the square that
+    the crop was made for."""
+
+    def __init__(self):
+        super().__init__()
+        self.layers = nn.Sequential(
+            nn.Conv2d(64, 32, 1), nn.ReLU(), nn.Dropout2d(0.15),
+            nn.Conv2d(32, 48, 3, 2), nn.ReLU(), nn.Dropout2d(0.15),
+            nn.Conv2d(48, 64, 3), nn.ReLU(), nn.Dropout(0.3))
+        self.scores, self.offsets = nn.Conv2d(64, 2, 1), nn.Conv2d(64, 4, 1)
+
+    def forward(self, features):
+        x = self.layers(features)
+        return self.scores(x).flatten(1), self.offsets(x).flatten(1)
+
+
+class JudgingLandmarks(nn.Module):
+    """Both as they are used: landmarks, scores, offsets."""
+
+    def __init__(self, landmarks, judge):
+        super().__init__()
+        self.trunk, self.rest = landmarks.trunk(), landmarks.layers[len(landmarks.trunk()):]
+        self.judge = judge
+
+    def forward(self, x):
+        x = self.trunk(x)
+        return (self.rest(x).flatten(1), *self.judge(x))
 
 
 def normalize(pictures):

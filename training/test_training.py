@@ -99,6 +99,34 @@ class Rendered(unittest.TestCase):
             self.assertTrue((general <= common + 1e-6).all() and (general > -1).all())
         self.assertGreater(faces, 8)
 
+    def test_judge_sees_what_sessions_see(self):
+        """Crops and boxes as the session cuts and decodes them."""
+        try:
+            import judge
+        except ImportError:
+            self.skipTest("without torch")
+        picture = np.random.default_rng(1).integers(0, 256, (60, 80, 3)).astype(np.uint8)
+        for box in ([20, 10, 44, 50], [-20, 30, 30, 70], [1, 1, 9, 8]):
+            square = judge.square_around(box)
+            self.assertAlmostEqual(square[2], 1.25 * max(box[2] - box[0], box[3] - box[1]))
+            found = judge.crop(picture, square)
+            step = square[2] / 112
+            for i, j in ((5, 7), (56, 60), (100, 30)):  # pixel (j, i): the mean over its area
+                x, y = square[0] + (j + 0.5) * step, square[1] + (i + 0.5) * step
+                if not (0 <= x < 80 and 0 <= y < 60):
+                    self.assertEqual(found[i, j].max(), 0)
+                    continue
+                half = max(step, 1) / 2
+                xs = np.clip(np.linspace(x - half, x + half, 801), 0, 80)[:-1] + half / 801
+                ys = np.clip(np.linspace(y - half, y + half, 801), 0, 60)[:-1] + half / 801
+                xs, ys = (v[(v > 0) & (v < n)].astype(int) for v, n in ((xs, 80), (ys, 60)))
+                np.testing.assert_allclose(found[i, j], picture[ys][:, xs].mean((0, 1)), atol=3)
+            dx, dy, w, h = judge.offsets_from(square, box)
+            prior, middle = square[2] / 1.25, np.array(square[:2]) + square[2] / 2
+            center = middle + 0.1 * prior * np.array([dx, dy])
+            half = prior * np.exp(0.2 * np.array([w, h])) / 2
+            np.testing.assert_allclose([*(center - half), *(center + half)], box, atol=1e-6)
+
     def test_clip(self):
         clips = []
         for name in "ab":

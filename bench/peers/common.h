@@ -54,8 +54,8 @@ struct Box {
 inline std::vector<Box> test_boxes(int n) {
   std::vector<Box> v(n);
   for (int i = 0; i < n; i++) {
-    const int face = i % 24;
-    const float cx = 80.0f + 160.0f * (face % 6), cy = 90.0f + 180.0f * (face / 6);
+    const int face = i % 24, column = face % 6, row = face / 6;
+    const float cx = 80.0f + 160.0f * column, cy = 90.0f + 180.0f * row;
     const float size = 60.0f + 4.0f * face;
     const float dx = test_value(4 * i, kPixels) * size, dy = test_value(4 * i + 1, kPixels) * size;
     const float s = size * (1.0f + 0.6f * test_value(4 * i + 2, kPixels));

@@ -126,7 +126,7 @@ double difference(const std::vector<cv::Mat>& theirs, const zyn_face* faces, int
     for (const cv::Mat& points : theirs) {
       double mean = 0;
       for (int k = 0; k < 68; k++) {
-        const cv::Vec2f at = points.at<cv::Vec2f>(k);
+        const cv::Vec2f& at = points.at<cv::Vec2f>(k);
         mean +=
             std::hypot(at[0] - faces[i].landmarks[2 * k], at[1] - faces[i].landmarks[2 * k + 1]) /
             68;

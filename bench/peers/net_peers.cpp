@@ -86,7 +86,7 @@ int main(int argc, char** argv) {
   set_inputs();
   net.forward(res, outs);
   double flop = 0;
-  const std::string lf = line["layers"];
+  const std::string& lf = line["layers"];
   if (!lf.empty())
     for (const Layer& l : read_layers(lf)) flop += l.flop() * l.count;
 
@@ -100,7 +100,7 @@ int main(int argc, char** argv) {
     explicit Ours(const std::string& command) : process(command) {}
   };
   std::vector<std::unique_ptr<Ours>> ours;
-  const std::string command = line["subject"];
+  const std::string& command = line["subject"];
   std::istringstream methods(line["methods"]);
   for (std::string m; !command.empty() && std::getline(methods, m, ',');) {
     ours.emplace_back(new Ours(command));

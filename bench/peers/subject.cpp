@@ -39,7 +39,7 @@ std::shared_ptr<FileNetwork> file_network(const std::vector<Layer>& layers, int 
         zyn_net_writer_constant(net->writer(), "", node.constant)};
     ids.push_back(zyn_net_writer_node(net->writer(), "", node.type, &node.param, reads, 2));
     if (method != kAutomatic)
-      zyn_net_writer_method(net->writer(), ids.back(), method == kAnyShape ? 3 : 5);
+      zyn_net_writer_method(net->writer(), ids.back(), method == kWinograd ? 5 : 3);
   }
   for (size_t i = layers.size(); i-- > 0;)
     if (!read[i]) net->output(ids[i]);

@@ -106,7 +106,7 @@ FaceOptions.DEFAULTS = {
     "detect_every": 1, "max_faces": 32, "score_threshold": 0.7, "keep_threshold": 0.5,
     "overlap_threshold": 0.3, "resize": 0, "max_age": 10, "min_hits": 1, "track_overlap": 0.5,
     "smooth_cutoff": 0.4, "smooth_beta": 8, "smooth_derivative": 0.5, "focal_length": 0,
-    "remember": 100, "second_look": 1}
+    "remember": 100, "second_look": 0.5}
 FacePose = _record("FacePose", ("valid", c_int32), ("rotation", c_float * 9),
                    ("translation", c_float * 3), ("yaw", c_float), ("pitch", c_float),
                    ("roll", c_float), ("error", c_float))

@@ -26,7 +26,8 @@ inline constexpr const char* ZYN_MSG_LOCK = "Faled to lock thread";
 inline constexpr const char* ZYN_MSG_PARAMETERS = "parameters error!";
 inline constexpr const char* ZYN_MSG_OPERATOR_MEMORY = "Allocating memory error!\n";
 
-// A place that can fail.
+// A place that can fail. Files begin with the table of theirs: such tables look alike from file to
+// file, and say what is printed where, so that they are not worth a common form.
 struct zyn_site {
   const char* path;     // source path, as reports name it
   int32_t line;         // the site's own number

@@ -75,7 +75,8 @@ void warp(const zyn_image* out, pixels* from, const zyn_similarity& place, int32
     for (int32_t x = 0; x < out->cols; x++) {
       double sum[kChannels] = {};
       for (int32_t s = 0; s < samples * samples; s++) {
-        const double u = x + (s % samples + 0.5) / samples, v = y + (s / samples + 0.5) / samples;
+        const int32_t column = s % samples, row = s / samples;
+        const double u = x + (column + 0.5) / samples, v = y + (row + 0.5) / samples;
         from->add(place.a * u - place.b * v + place.x0, place.b * u + place.a * v + place.y0,
                   weight, sum);
       }

@@ -69,15 +69,6 @@ bool zyn_can_follow(const zyn_face_landmarker& l, const zyn_face_slot& slot,
   return ex * my - ey * mx > 0 && sqrt(mx * mx + my * my) > 0.5 * then.spread;
 }
 
-float zyn_landmarks_moved(int32_t points, const float* before, const float* then) {
-  const cloud c = measure(before, points);
-  double sum = 0;
-  for (int32_t i = 0; i < points; i++)
-    sum += hypot(static_cast<double>(then[2 * i]) - before[2 * i],
-                 static_cast<double>(then[2 * i + 1]) - before[2 * i + 1]);
-  return c.spread > 0 ? static_cast<float>(sum / points / c.spread) : 1;
-}
-
 void zyn_link_box(int32_t points, zyn_face_slot* slot) {
   const cloud c = measure(slot->landmarks, points);
   const float* box = slot->box;

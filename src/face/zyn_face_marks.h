@@ -20,9 +20,6 @@ bool zyn_place_landmarks(const zyn_face_landmarker& landmarker, const float* poi
 bool zyn_can_follow(const zyn_face_landmarker& landmarker, const zyn_face_slot& slot,
                     const zyn_face_region& crop, const float* landmarks);
 
-// The mean distance between two sets of landmarks by the spread of the first; 1 where it has none.
-float zyn_landmarks_moved(int32_t points, const float* before, const float* then);
-
 // Remembers how the slot's box lies to its landmarks, and the box that other landmarks tell.
 void zyn_link_box(int32_t points, zyn_face_slot* slot);
 zyn_detection zyn_box_of_landmarks(int32_t points, const zyn_face_slot& slot,

@@ -152,11 +152,24 @@ void fill_priors(const prior_levels& levels, const zyn_face_detector& d) {
         }
 }
 
+const zyn_net_port* find_scores(const zyn_net* net, bool* probabilities) {
+  const zyn_net_port* scores = find_output(net, ZYN_NET_MEANING_SCORES);
+  *probabilities = !scores;
+  return scores ? scores : find_output(net, ZYN_NET_MEANING_PROBABILITIES);
+}
+
+int32_t read_variances(const zyn_net* net, float* variances) {
+  zyn_number_groups read;
+  if (const int32_t code = zyn_read_numbers(net, "face.variances", &read)) return code;
+  if (read.groups != 1 || read.counts[0] != 2)
+    return zyn_refuse(ZYN_RET_ERR_PARA, "metadata face.variances: two numbers are expected");
+  for (int32_t i = 0; i < 2; i++) variances[i] = read.numbers[0][i];
+  return ZYN_RET_OK;
+}
+
 // Scores and offsets for each of the priors.
 int32_t check_outputs(zyn_face_detector* d, int64_t priors) {
-  const zyn_net_port* scores = find_output(d->net, ZYN_NET_MEANING_SCORES);
-  d->probabilities = !scores;
-  if (!scores) scores = find_output(d->net, ZYN_NET_MEANING_PROBABILITIES);
+  const zyn_net_port* scores = find_scores(d->net, &d->probabilities);
   const zyn_net_port* offsets = find_output(d->net, ZYN_NET_MEANING_OFFSETS);
   if (!scores || !offsets)
     return zyn_refuse(ZYN_RET_ERR_PARA, "the network has no output that means %s",
@@ -191,14 +204,10 @@ int32_t make_buffers(zyn_face_detector* d) {
 
 int32_t check_detector(zyn_face_detector* d) {
   prior_levels levels;
-  zyn_number_groups variances;
   int64_t priors = 0;
   if (const int32_t code = check_input("detector", d)) return code;
   if (const int32_t code = read_levels(*d, &levels, &priors)) return code;
-  if (const int32_t code = zyn_read_numbers(d->net, "face.variances", &variances)) return code;
-  if (variances.groups != 1 || variances.counts[0] != 2)
-    return zyn_refuse(ZYN_RET_ERR_PARA, "metadata face.variances: two numbers are expected");
-  for (int32_t i = 0; i < 2; i++) d->variances[i] = variances.numbers[0][i];
+  if (const int32_t code = read_variances(d->net, d->variances)) return code;
   if (const int32_t code = check_outputs(d, priors)) return code;
   if (const int32_t code = make_buffers(d)) return code;
   fill_priors(levels, *d);
@@ -264,6 +273,24 @@ void fill_model(zyn_face_landmarker* l) {
   for (int32_t g = 0; g < 6; g++) mean_of(usual[g], zyn_face_model(), 3, l->model + 3 * g);
 }
 
+// What judges a crop; networks without it are fine.
+int32_t check_judgement(zyn_face_landmarker* l) {
+  const zyn_net_port* scores = find_scores(l->net, &l->probabilities);
+  const zyn_net_port* offsets = find_output(l->net, ZYN_NET_MEANING_OFFSETS);
+  if (!scores && !offsets) return ZYN_RET_OK;
+  if (!scores || !offsets || count_of(*scores) != 2 || count_of(*offsets) != kBoxFloats)
+    return zyn_refuse(ZYN_RET_ERR_PARA,
+                      "outputs that mean scores and offsets hold %lld and %lld values: 2 and 4 or "
+                      "neither of them are expected",
+                      static_cast<long long>(scores ? count_of(*scores) : 0),
+                      static_cast<long long>(offsets ? count_of(*offsets) : 0));
+  if (const int32_t code = read_variances(l->net, l->variances)) return code;
+  if (const int32_t code = open_output(l->net, *scores, &l->scores)) return code;
+  if (const int32_t code = open_output(l->net, *offsets, &l->offsets)) return code;
+  l->judges = true;
+  return ZYN_RET_OK;
+}
+
 int32_t check_landmarker(zyn_face_landmarker* l) {
   if (const int32_t code = check_input("landmarks", l)) return code;
   const zyn_net_port* landmarks = find_output(l->net, ZYN_NET_MEANING_LANDMARKS);
@@ -285,6 +312,7 @@ int32_t check_landmarker(zyn_face_landmarker* l) {
                       static_cast<double>(asked), landmarks->name,
                       static_cast<long long>(count_of(*landmarks)), kMostLandmarks);
   if (const int32_t code = open_output(l->net, *landmarks, &l->landmarks)) return code;
+  if (const int32_t code = check_judgement(l)) return code;
   if (const int32_t code = read_groups(l)) return code;
   fill_model(l);
   return ZYN_RET_OK;
@@ -363,6 +391,17 @@ int32_t zyn_collect_faces(zyn_face_detector* d, float threshold, int32_t* count)
 int32_t zyn_run_face_landmarker(zyn_face_landmarker* l, const float** points) {
   if (const int32_t code = zyn_net_run(l->net)) return code;
   return read_output(l->net, l->landmarks, points);
+}
+
+int32_t zyn_face_landmarker::judge(float* odds, float* box) const {
+  const float *likely = nullptr, *from = nullptr;
+  if (const int32_t code = read_output(net, scores, &likely)) return code;
+  if (const int32_t code = read_output(net, offsets, &from)) return code;
+  *odds = probabilities ? logf(likely[1]) - logf(likely[0]) : likely[1] - likely[0];
+  const float prior[kBoxFloats] = {0.5f, 0.5f, 1 / crop, 1 / crop};
+  zyn_convert_locations_to_boxes(box, from, prior, 1, variances[0], variances[1]);
+  zyn_center_form_to_corner_form(box, 1);
+  return ZYN_RET_OK;
 }
 
 void zyn_face_landmarker::five_points(const float* marks, float* five) const {

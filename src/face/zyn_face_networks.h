@@ -50,11 +50,19 @@ struct zyn_face_group {
 
 struct zyn_face_landmarker : zyn_face_network {
   zyn_face_output landmarks;
+  bool judges;              // has these two outputs, which tell what a crop shows
+  zyn_face_output scores;   // no face, face
+  zyn_face_output offsets;  // of the face's box from the square that the crop was made for
+  bool probabilities;       // else scores before softmax
+  float variances[2];       // of centre and of size
   int32_t points;
   float crop;  // side of the square crop as a multiple of the box's larger side
   zyn_face_group left_eye, right_eye, nose, left_mouth, right_mouth, chin;  // chin may be empty
   float model[3 * 6];  // of these groups, in this order
 
+  // After a run, where it judges: the logarithm of the odds that the crop's middle is a face, and
+  // the face's box, x1, y1, x2, y2 as fractions of the crop. 0 or a code.
+  int32_t judge(float* odds, float* box) const;
   // Left eye, right eye, nose, corners of the mouth.
   void five_points(const float* landmarks, float* points) const;
   // The pose of a face in a frame of this size.

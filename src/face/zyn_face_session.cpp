@@ -23,7 +23,6 @@ struct zyn_face_session {
   zyn_face_tracks tracks;
   zyn_face_finding* findings;  // of a frame
   float* landmarks;            // of each finding
-  float* again;                // of one of them, looked for once more
   zyn_face* faces;             // what was handed out, max_faces
   int32_t face_count;
   int32_t next_id;
@@ -71,8 +70,8 @@ int32_t check_options(const zyn_face_options& o) {
   if (!(o.smooth_derivative > 0 && isfinite(o.smooth_derivative)))
     return wrong("smooth_derivative", static_cast<double>(o.smooth_derivative), "above 0");
   if (o.remember < 0) return wrong("remember", o.remember, "0 or more");
-  if (!at_least_0(o.second_look))
-    return wrong("second_look", static_cast<double>(o.second_look), "0 or more");
+  if (!from_0_to_1(o.second_look))
+    return wrong("second_look", static_cast<double>(o.second_look), "0 to 1");
   if (!at_least_0(o.focal_length))
     return wrong("focal_length", static_cast<double>(o.focal_length), "0 or more");
   return ZYN_RET_OK;
@@ -124,8 +123,7 @@ int32_t detect(zyn_face_session* s, const zyn_face_frame& frame, stopwatch* watc
   const auto y = [&](float part) { return static_cast<float>(region.y + part * region.height); };
   for (int32_t i = 0; i < *count; i++) {
     const zyn_detection& box = d->kept[i];
-    s->findings[i] = {
-        {x(box.x1), y(box.y1), x(box.x2), y(box.y2), box.score}, -1, -1, 0, false, {}};
+    s->findings[i] = {{x(box.x1), y(box.y1), x(box.x2), y(box.y2), box.score}, -1, -1, false, {}};
   }
   watch->add_to(&s->times.boxes);
   return ZYN_RET_OK;
@@ -160,23 +158,28 @@ float* landmarks_of(const zyn_face_session* s, int64_t finding) {
   return s->landmarks + finding * 2 * s->landmarker.points;
 }
 
-// How far the landmarks of a detection move when they are looked for once more in a slightly other
-// crop: in what is no face they go astray.
-int32_t look_again(zyn_face_session* s, const zyn_face_frame& frame, const float* landmarks,
-                   stopwatch* watch, zyn_face_finding* finding) {
-  constexpr float kScale = 0.9f, kShift = -0.05f;  // of the crop's side
-  constexpr float kUsual = 0.12f;                  // so much they move in faces
-  const zyn_detection& box = finding->box;
-  const float side = kScale * fmaxf(box.x2 - box.x1, box.y2 - box.y1);
-  const float shift = kShift * s->landmarker.crop * side;
-  const float x = 0.5f * (box.x1 + box.x2) + shift, y = 0.5f * (box.y1 + box.y2) + shift;
-  const float other[4] = {x - 0.5f * side, y - 0.5f * side, x + 0.5f * side, y + 0.5f * side};
-  zyn_face_region crop;
-  bool found = false;
-  if (const int32_t code = find_landmarks(s, frame, other, watch, &crop, s->again, &found))
-    return code;
-  const float moved = found ? zyn_landmarks_moved(s->landmarker.points, landmarks, s->again) : 1;
-  finding->doubt = s->options.second_look * fmaxf(moved - kUsual, 0);
+bool judges(const zyn_face_session* s) {
+  return s->landmarker.judges && s->options.second_look > 0;
+}
+
+// The second look, by the landmark network: the detection's odds become a weighted geometric mean
+// of those of both networks, its box the one that the landmark network tells.
+int32_t judge(const zyn_face_session* s, const zyn_face_region& crop, zyn_detection* box) {
+  constexpr float kMost = 15;  // a logarithm of odds: scores of 0 and 1 have infinite ones
+  constexpr float kFar = 2;    // crops
+  float odds = 0, part[4];
+  if (const int32_t code = s->landmarker.judge(&odds, part)) return code;
+  const float weight = s->options.second_look;
+  const float before = logf(box->score) - log1pf(-box->score);
+  const auto limited = [](float value) { return fminf(fmaxf(value, -kMost), kMost); };
+  const float both = (1 - weight) * limited(before) + weight * limited(odds);
+  box->score = 1 / (1 + expf(-both));
+  for (int32_t i = 0; i < 4; i++)
+    if (!(fabsf(part[i]) < kFar)) return ZYN_RET_OK;
+  if (!(part[0] < part[2] && part[1] < part[3])) return ZYN_RET_OK;
+  const auto x = [&](float value) { return static_cast<float>(crop.x + value * crop.width); };
+  const auto y = [&](float value) { return static_cast<float>(crop.y + value * crop.height); };
+  *box = {x(part[0]), y(part[1]), x(part[2]), y(part[3]), box->score};
   return ZYN_RET_OK;
 }
 
@@ -184,19 +187,22 @@ int32_t look_again(zyn_face_session* s, const zyn_face_frame& frame, const float
 int32_t examine(zyn_face_session* s, const zyn_face_frame& frame, int32_t count, stopwatch* watch) {
   for (int32_t i = 0; i < count; i++) {
     zyn_face_finding& finding = s->findings[i];
-    if (finding.predicted < 0 && !(finding.box.score > s->options.score_threshold)) continue;
-    const float* box = &finding.box.x1;
+    if (finding.predicted < 0 && !judges(s) && !(finding.box.score > s->options.score_threshold))
+      continue;
     zyn_face_region crop;
-    if (const int32_t code =
-            find_landmarks(s, frame, box, watch, &crop, landmarks_of(s, i), &finding.has_landmarks))
+    if (const int32_t code = find_landmarks(s, frame, &finding.box.x1, watch, &crop,
+                                            landmarks_of(s, i), &finding.has_landmarks))
       return code;
-    if (finding.predicted < 0 && s->options.second_look > 0 && finding.has_landmarks)
-      if (const int32_t code = look_again(s, frame, landmarks_of(s, i), watch, &finding))
-        return code;
+    if (judges(s) && finding.has_landmarks) {
+      if (const int32_t code = judge(s, crop, &finding.box)) return code;
+      if (!(finding.box.score > s->options.keep_threshold)) finding.predicted = -1;
+      watch->add_to(&s->times.boxes);
+    }
     if (!finding.has_landmarks || s->options.remember == 0) continue;
     zyn_face_pose pose;
     s->landmarker.pose(landmarks_of(s, i), s->width, s->height, focal_of(s), &pose);
-    if (const int32_t code = s->viewer.look(frame, box, pose, focal_of(s), &finding.look))
+    if (const int32_t code =
+            s->viewer.look(frame, &finding.box.x1, pose, focal_of(s), &finding.look))
       return code;
     watch->add_to(&s->times.tracking);
   }
@@ -226,7 +232,8 @@ int32_t run_detection(zyn_face_session* s, const zyn_face_frame& frame, double t
   return ZYN_RET_OK;
 }
 
-// A frame without: faces seen in the frame before are looked for where they should be by now.
+// A frame without: faces seen in the frame before are looked for where they should be by now. What
+// the landmark network takes for something else is none.
 int32_t run_following(zyn_face_session* s, const zyn_face_frame& frame, double time,
                       stopwatch* watch) {
   int32_t count = 0;
@@ -238,10 +245,13 @@ int32_t run_following(zyn_face_session* s, const zyn_face_frame& frame, double t
     if (const int32_t code = find_landmarks(s, frame, slot.box, watch, &crop, s->landmarks, &found))
       return code;
     if (!found || !zyn_can_follow(s->landmarker, slot, crop, s->landmarks)) continue;
+    float odds = 0, box[4];
+    if (judges(s))
+      if (const int32_t code = s->landmarker.judge(&odds, box)) return code;
+    if (odds < 0) continue;
     s->findings[count++] = {zyn_box_of_landmarks(s->landmarker.points, slot, s->landmarks),
                             i,
                             slot.predicted,
-                            0,
                             true,
                             {}};
     take_landmarks(s, s->landmarks, time, false, &slot, watch);
@@ -356,7 +366,7 @@ int32_t warm_up(zyn_face_session* s) {
   for (int32_t n = 0; n <= most; n = next_number(n, most)) {
     for (int32_t i = 0; i < n; i++) {
       const auto x = static_cast<float>(100 * i);
-      s->findings[i] = {{x, 0, x + 10, 10, 1}, -1, -1, 0, false, {}};
+      s->findings[i] = {{x, 0, x + 10, 10, 1}, -1, -1, false, {}};
     }
     if (const int32_t code = s->tracks.warm_up(s->findings, n)) return code;
   }
@@ -372,10 +382,9 @@ int32_t open(zyn_face_session* s) {
   s->findings = static_cast<zyn_face_finding*>(
       zyn_calloc(kFindings * faces, int64_t{sizeof(zyn_face_finding)}));
   s->faces = static_cast<zyn_face*>(zyn_calloc(faces, int64_t{sizeof(zyn_face)}));
-  s->landmarks = static_cast<float*>(
-      zyn_malloc(int64_t{sizeof(float)} * ((kFindings * faces + 1) * values + 1)));
+  s->landmarks =
+      static_cast<float*>(zyn_malloc(int64_t{sizeof(float)} * (kFindings * faces * values + 1)));
   if (!s->findings || !s->faces || !s->landmarks) return no_memory();
-  s->again = s->landmarks + kFindings * faces * values;
   if (const int32_t code = s->tracks.open(s->options, values)) return code;
   if (s->landmarker)
     if (const int32_t code = s->viewer.open()) return code;

@@ -176,7 +176,7 @@ int32_t zyn_face_tracks::correct(const zyn_face_finding* findings, int32_t count
     const zyn_face_finding& finding = findings[d];
     boxes[d] = finding.box;
     const bool known = finding.predicted >= 0;
-    mask[d] = known || (finding.box.score - finding.doubt > options_.score_threshold && room > 0);
+    mask[d] = known || (finding.box.score > options_.score_threshold && room > 0);
     if (!known) {
       matches->unmatched[single++] = d;
       room -= mask[d];

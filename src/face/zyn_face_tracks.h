@@ -39,7 +39,6 @@ struct zyn_face_finding {
   zyn_detection box;
   int32_t slot;       // of the face that it continues or becomes, -1: none
   int32_t predicted;  // number of the track that it continues, -1: none
-  float doubt;        // what its score has to exceed the threshold by to begin a face
   bool has_landmarks;
   zyn_face_look look;  // without landmarks not known
 };

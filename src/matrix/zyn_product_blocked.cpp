@@ -101,8 +101,7 @@ void tile_6x2(const T* a, const T* b, int64_t depth, T alpha, T beta, T* c, int6
     if (Whole) __builtin_prefetch(c + r * pitch + kTileCols<T> - 1);
     sum[r][0] = sum[r][1] = L::zero();
   }
-#pragma GCC unroll 4
-  for (int64_t l = 0; l < depth; l++) {
+  ZYN_UNROLL_BY(4) for (int64_t l = 0; l < depth; l++) {
     const typename L::vector left = L::load(b), right = L::load(b + L::count);
     ZYN_UNROLL for (int r = 0; r < kTileRows; r++) {
       const typename L::vector x = L::broadcast(a[r]);

@@ -109,7 +109,7 @@ class zyn_net_file {
     return record<zyn_file_metadata>(ZYN_FILE_METADATA, i);
   }
   uint32_t word(int64_t i) const { return record<uint32_t>(ZYN_FILE_WORDS, i); }
-  // Of a node; 0 and ZYN_FILE_NONE where the file does not say.
+  // Of a node; 0 and kZynFileNone where the file does not say.
   int32_t q(int64_t node) const {
     return count(ZYN_FILE_Q) ? record<int32_t>(ZYN_FILE_Q, node) : 0;
   }

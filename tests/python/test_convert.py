@@ -344,21 +344,23 @@ class ConvertTest(Folder):
         for label, shapes, build, opsets in CASES:
             for opset in opsets:
                 with self.subTest(label, opset=opset):
-                    proto = model(shapes, build, opset)
-                    self.save(proto)
-                    inputs = {v.name: w(*(d.dim_value for d in v.type.tensor_type.shape.dim))
-                              for v in proto.graph.input}
-                    values = evaluate(proto, inputs)
-                    wanted = {v.name: values[v.name] for v in proto.graph.output}
-                    for options in (["--no-fold"], []):
-                        said = self.convert(*options)
-                        for method in ("automatic", 0, 1, 2):
-                            net = zyncore.Net(self.target, method=method)
-                            self.close(net.run({name: inputs[name] for name in net.inputs}), wanted)
-                    if label in FOLDED:
-                        self.assertIn(f"operators: {FOLDED[label]}\n", said)
-                    report = compare(self.source, self.target, inputs)
-                    self.assertTrue(report.ok, "\n".join(report.lines()))
+                    self.check_operator(label, model(shapes, build, opset))
+
+    def check_operator(self, label, proto):
+        self.save(proto)
+        inputs = {v.name: w(*(d.dim_value for d in v.type.tensor_type.shape.dim))
+                  for v in proto.graph.input}
+        values = evaluate(proto, inputs)
+        wanted = {v.name: values[v.name] for v in proto.graph.output}
+        for options in (["--no-fold"], []):
+            said = self.convert(*options)
+            for method in ("automatic", 0, 1, 2):
+                net = zyncore.Net(self.target, method=method)
+                self.close(net.run({name: inputs[name] for name in net.inputs}), wanted)
+        if label in FOLDED:
+            self.assertIn(f"operators: {FOLDED[label]}\n", said)
+        report = compare(self.source, self.target, inputs)
+        self.assertTrue(report.ok, "\n".join(report.lines()))
 
     def test_what_is_said_about_ports(self):
         self.save(with_input(TensorProto.FLOAT, "batch", 3, "h", "w", channels=3))

@@ -25,6 +25,11 @@
 
 namespace zyn_test {
 
+// Whether two blocks hold the same bytes: of floats, -0 is not 0 here, and NaN is itself.
+inline bool same_bytes(const void* a, const void* b, size_t bytes) {
+  return memcmp(a, b, bytes) == 0;
+}
+
 // Pages before an inaccessible one. Those that are given back serve again: systems take long to
 // protect a page.
 class GuardedPages {

@@ -1,4 +1,4 @@
-// Channel order at run time. Blocked direct convolutions leave blocked outputs
+// Channel order at run time. Blocked convolutions leave blocked outputs
 // (ZYN_LAYOUT_BLOCKED); operators that index channels or pixels read them through
 // these functions, which bring the data to planar order. 4-byte elements; tensors of
 // other element sizes, and codes without a meaning here, count as planar.

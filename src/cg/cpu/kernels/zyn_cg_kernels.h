@@ -66,6 +66,7 @@ uint32_t zyn_cg_conv_add_bias_blocked(zyn_tensor* output, const zyn_tensor* sour
 struct zyn_conv_plan;  // kernel kind, sizes, packed weights and scratch
 zyn_conv_plan* zyn_cg_conv_prepare_planned(const zyn_tensor* input, const zyn_tensor* weights,
                                            const zyn_conv_param* param, const uint32_t* threads);
+// Without epilogue, for a host's own: nothing in the library calls it.
 uint32_t zyn_cg_conv_run_planned(zyn_tensor* output, const zyn_tensor* input,
                                  const zyn_tensor* weights, const zyn_conv_param* param,
                                  const zyn_conv_plan* workspace);
@@ -84,7 +85,8 @@ uint32_t zyn_cg_conv_plan(int32_t input_channels, int32_t output_channels, int32
 
 // C = alpha * A x B + beta * C, row-major, m x k by k x n; lda, ldb and ldc are row
 // lengths in floats. With beta 0, C is not read. Terms are summed in runs of 512. 1: bad
-// argument; 2: no memory for the packed blocks; C is then untouched.
+// argument; 2: no memory for the packed blocks; C is then untouched. Nothing in the
+// library calls it either.
 uint32_t zyn_cg_sgemm(int32_t m, int32_t n, int32_t k, float alpha, float beta, const float* a,
                       int64_t lda, const float* b, int64_t ldb, float* c, int64_t ldc);
 

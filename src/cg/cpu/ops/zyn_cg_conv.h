@@ -59,8 +59,8 @@ int32_t zyn_cg_conv_open(zyn_cg_handle* graph, int32_t node, zyn_cg_conv_state* 
 int32_t zyn_cg_conv_finish_prepare(zyn_cg_handle* graph, zyn_cg_conv_state* state, int32_t width,
                                    int32_t height, const zyn_site* site);
 
-// Runs the node's kernel, then what epilogue says. keep_standard: 3x3 kernels serve 1x1
-// layers under method 1 as well, that is, refuse them.
+// Runs the node's kernel, then what epilogue says. keep_standard: of method 1 the 3x3 kernels are
+// asked for 1x1 layers too, and refuse them with 4.
 int32_t zyn_cg_conv_run(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue,
                         bool keep_standard);
 

@@ -49,6 +49,28 @@ int32_t zyn_cg_bind_varied(zyn_cg_handle* graph, int32_t node, const void* param
   return ZYN_RET_OK;
 }
 
+// Calls move with a value of a type as wide as a tensor's elements; 1: there is none.
+template <typename Move>
+int32_t zyn_cg_move_by_width(const zyn_tensor* tensor, Move move) {
+  switch (tensor->element_size) {
+    case 1:
+      move(int8_t());
+      break;
+    case 2:
+      move(int16_t());
+      break;
+    case 4:
+      move(float());
+      break;
+    case 8:
+      move(int64_t());
+      break;
+    default:
+      return ZYN_RET_ERR_PARA;
+  }
+  return ZYN_RET_OK;
+}
+
 // Prepares a node by the routine that it was bound with.
 int32_t zyn_cg_prepare_varied(zyn_cg_handle* graph, int32_t node);
 

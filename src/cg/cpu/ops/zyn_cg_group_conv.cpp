@@ -14,6 +14,7 @@
 #include "cg/cpu/ops/zyn_cg_operators.h"
 #include "cg/cpu/zyn_cg_support.h"
 #include "simd/zyn_flush.h"
+#include "simd/zyn_vectors.h"
 
 namespace {
 
@@ -64,9 +65,8 @@ bool is_transposed(const group_conv_state* state) { return state->type == ZYN_OP
 template <int Outputs>
 void sum_tile(float* out, int64_t pitch, const row_sum& row, int64_t x) {
   __m256 low[Outputs], high[Outputs];
-#pragma GCC unroll 4
-  for (int oc = 0; oc < Outputs; oc++)
-    low[oc] = high[oc] = row.bias ? _mm256_set1_ps(zyn_flushed(row.bias[oc])) : _mm256_setzero_ps();
+  ZYN_UNROLL for (int oc = 0; oc < Outputs; oc++) low[oc] = high[oc] =
+      row.bias ? _mm256_set1_ps(zyn_flushed(row.bias[oc])) : _mm256_setzero_ps();
   for (int64_t ic = 0; ic < row.inputs; ic++) {
     const float* plane = row.planes + ic * row.plane_pitch + x;
     const float* weights = row.weights + ic * row.input_step;
@@ -75,16 +75,14 @@ void sum_tile(float* out, int64_t pitch, const row_sum& row, int64_t x) {
       const float* w = weights + row.taps[t].weight;
       const __m256 first = _mm256_loadu_ps(in);
       const __m256 second = _mm256_loadu_ps(in + 8);
-#pragma GCC unroll 4
-      for (int oc = 0; oc < Outputs; oc++) {
+      ZYN_UNROLL for (int oc = 0; oc < Outputs; oc++) {
         const __m256 weight = _mm256_broadcast_ss(w + oc * row.output_step);
         low[oc] = _mm256_fmadd_ps(first, weight, low[oc]);
         high[oc] = _mm256_fmadd_ps(second, weight, high[oc]);
       }
     }
   }
-#pragma GCC unroll 4
-  for (int oc = 0; oc < Outputs; oc++) {
+  ZYN_UNROLL for (int oc = 0; oc < Outputs; oc++) {
     _mm256_storeu_ps(out + oc * pitch, low[oc]);
     _mm256_storeu_ps(out + oc * pitch + 8, high[oc]);
   }

@@ -230,21 +230,9 @@ int32_t run_part(void* record) {
   int32_t code = ZYN_RET_OK;
   const zyn_tensor* input = planar_input(state, &code);
   if (!input) return code;
-  void* out = state->output->data;
-  switch (input->element_size) {
-    case 1:
-      take_part<int8_t>(out, input->data, state);
-      break;
-    case 2:
-      take_part<int16_t>(out, input->data, state);
-      break;
-    case 4:
-      take_part<float>(out, input->data, state);
-      break;
-    default:
-      take_part<int64_t>(out, input->data, state);
-  }
-  return ZYN_RET_OK;
+  return zyn_cg_move_by_width(input, [&](auto element) {
+    take_part<decltype(element)>(state->output->data, input->data, state);
+  });
 }
 
 }  // namespace

@@ -129,29 +129,14 @@ bool copy_ordered(const permute_state* state) {
 int32_t run_permute(void* record) {
   auto* state = static_cast<permute_state*>(record);
   if (!zyn_cg_same_input(state)) return ZYN_RET_ERR_PARA;
-  void* out = state->output->data;
   state->output->layout = ZYN_LAYOUT_PLANAR;
   if (copy_ordered(state)) return ZYN_RET_OK;
   const zyn_tensor* input = zyn_cg_planar(state->input, &state->planar);
   if (!input) return ZYN_RET_ERR_MEMORY;
   const arrangement a = arrange(state->shape, state->param.order);
-  switch (input->element_size) {
-    case 1:
-      permute<int8_t>(out, input->data, a);
-      break;
-    case 2:
-      permute<int16_t>(out, input->data, a);
-      break;
-    case 4:
-      permute<float>(out, input->data, a);
-      break;
-    case 8:
-      permute<int64_t>(out, input->data, a);
-      break;
-    default:
-      return ZYN_RET_ERR_PARA;
-  }
-  return ZYN_RET_OK;
+  return zyn_cg_move_by_width(input, [&](auto element) {
+    permute<decltype(element)>(state->output->data, input->data, a);
+  });
 }
 
 }  // namespace

@@ -153,8 +153,7 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
     // Small code rather than the last cycles: of few pixels, of one vector. Two vectors of 16 by 12
     // pixels are a loop long enough.
     if constexpr (Down || OB > 8 || Blocks == 1) {
-#pragma GCC unroll 1
-      for (int ic = 0; ic < IB; ic++) add_input(ic);
+      ZYN_UNROLL_BY(1) for (int ic = 0; ic < IB; ic++) add_input(ic);
     } else {
       ZYN_UNROLL for (int ic = 0; ic < IB; ic++) add_input(ic);
     }

@@ -64,7 +64,7 @@ uint32_t zyn_fpi_run_plan(const zyn_fpi_plan* plan, zyn_tensor* output, int32_t 
                           const zyn_tensor* input, int32_t q_weights,
                           const zyn_fpi_epilogue* epilogue);
 
-// The whole layer from plain weights: plan, kernel, epilogue.
+// The whole layer from plain weights: plan, kernel, epilogue. Nothing in the library calls it.
 uint32_t zyn_cg_fpi_conv2d(zyn_tensor* output, int32_t q_out, const zyn_tensor* input, int32_t q_in,
                            const int16_t* weights, int32_t q_weights, const zyn_conv_param* param,
                            const zyn_fpi_epilogue* epilogue);

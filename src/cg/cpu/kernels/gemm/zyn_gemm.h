@@ -17,7 +17,7 @@ enum {
 
 // tile = alpha * A x B + beta * tile for a whole tile of rows x columns: weights holds
 // rows x K floats, k-major; panel columns x K floats, k-major; pitch is the distance of
-// the tile's rows in floats. With beta 0 the tile is not read.
+// the tile's rows in floats. With beta 0 the tile is not read. For zyn_gemm_macro.
 using zyn_gemm_micro = void (*)(int64_t k, float alpha, float beta, const float* weights,
                                 const float* panel, float* tile, int64_t pitch);
 void zyn_gemm_micro_6x16(int64_t k, float alpha, float beta, const float* weights,

@@ -3,6 +3,8 @@
 // that none has few sums.
 #include "cg/cpu/kernels/general/zyn_general_tile.h"
 
+#include <utility>
+
 #include "simd/zyn_block_lanes.h"
 
 namespace {
@@ -86,6 +88,14 @@ struct sums {
       }
     }
   }
+  // A tap's 8 inputs.
+  [[gnu::always_inline]] void add_block(const float* first, int64_t step, const float* weights) {
+    pixel_places<Pixels> in(first, step);
+    ZYN_UNROLL for (int i = 0; i < kLanes; i++) {
+      add(in, weights + i * Blocks * kLanes);
+      in.next();
+    }
+  }
   void finish(const zyn_general_lines& l, float* out) const {
     const vector floor = lanes::spread(&l.floor);
     ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
@@ -112,13 +122,8 @@ struct dense_tile {
         for (const int64_t* tap = taps; tap < end; tap++, weights += Blocks * kLanes)
           s.add({in + *tap, step}, weights);
       } else {
-        for (const int64_t* tap = taps; tap < end; tap++, weights += kLanes * Blocks * kLanes) {
-          pixel_places<Pixels> from(in + *tap, step);
-          ZYN_UNROLL for (int i = 0; i < kLanes; i++) {
-            s.add(from, weights + i * Blocks * kLanes);
-            from.next();
-          }
-        }
+        for (const int64_t* tap = taps; tap < end; tap++, weights += kLanes * Blocks * kLanes)
+          s.add_block(in + *tap, step, weights);
       }
       s.finish(l, out);
     }
@@ -127,32 +132,15 @@ struct dense_tile {
 
 using tile = void (*)(const zyn_general_lines&, const float*, float*, int64_t);
 
+template <int Blocks, int... Less>
+tile one_of(int64_t pixels, std::integer_sequence<int, Less...>) {
+  static constexpr tile kTiles[] = {dense_tile<Blocks, Less + 1>::run...};
+  return kTiles[pixels - 1];
+}
 template <int Blocks>
 tile dense_tile_of(int64_t pixels) {
-  static constexpr tile kTiles[12] = {dense_tile<Blocks, 1>::run,
-                                      dense_tile < Blocks,
-                                      zyn_general_most_pixels(Blocks) >= 2 ? 2 : 1 > ::run,
-                                      dense_tile < Blocks,
-                                      zyn_general_most_pixels(Blocks) >= 3 ? 3 : 1 > ::run,
-                                      dense_tile < Blocks,
-                                      zyn_general_most_pixels(Blocks) >= 4 ? 4 : 1 > ::run,
-                                      dense_tile < Blocks,
-                                      zyn_general_most_pixels(Blocks) >= 5 ? 5 : 1 > ::run,
-                                      dense_tile < Blocks,
-                                      zyn_general_most_pixels(Blocks) >= 6 ? 6 : 1 > ::run,
-                                      dense_tile < Blocks,
-                                      zyn_general_most_pixels(Blocks) >= 7 ? 7 : 1 > ::run,
-                                      dense_tile < Blocks,
-                                      zyn_general_most_pixels(Blocks) >= 8 ? 8 : 1 > ::run,
-                                      dense_tile < Blocks,
-                                      zyn_general_most_pixels(Blocks) >= 9 ? 9 : 1 > ::run,
-                                      dense_tile < Blocks,
-                                      zyn_general_most_pixels(Blocks) >= 10 ? 10 : 1 > ::run,
-                                      dense_tile < Blocks,
-                                      zyn_general_most_pixels(Blocks) >= 11 ? 11 : 1 > ::run,
-                                      dense_tile < Blocks,
-                                      zyn_general_most_pixels(Blocks) >= 12 ? 12 : 1 > ::run};
-  return kTiles[pixels - 1];
+  constexpr int kMost = zyn_general_most_pixels(Blocks);
+  return one_of<Blocks>(pixels, std::make_integer_sequence<int, kMost>());
 }
 
 // Every line's count pixels in tiles of at most most, all within one of each other.

@@ -43,6 +43,17 @@ class row_ring {
   zyn_scratch<float> rows_;
 };
 
+// Adds copied row r under a column of taps to the output rows that it lies under.
+template <int Rows>
+[[gnu::always_inline]] inline void add_column(__m256 (&sum)[Rows], __m256 in, int r,
+                                              const __m256* column) {
+  ZYN_UNROLL for (int ky = 0; ky < 3; ky++) {
+    const int out_row = r - ky;
+    if (out_row < 0 || out_row >= Rows) continue;
+    sum[out_row] = _mm256_fmadd_ps(column[ky * 3], in, sum[out_row]);
+  }
+}
+
 // Adds one input channel to Rows output rows from the Rows + 2 copied rows around them.
 // Column x - 1 of the image lies at position x of a copied row. epilogue: null before the
 // last input channel.
@@ -59,11 +70,7 @@ void add_rows(float* out, int64_t width, const float* const* rows, const float* 
     ZYN_UNROLL for (int r = 0; r < Rows + 2; r++) {
       ZYN_UNROLL for (int kx = 0; kx < 3; kx++) {
         const __m256 in = _mm256_loadu_ps(rows[r] + x + kx);
-        ZYN_UNROLL for (int ky = 0; ky < 3; ky++) {
-          const int out_row = r - ky;
-          if (out_row < 0 || out_row >= Rows) continue;
-          sum[out_row] = _mm256_fmadd_ps(taps[ky * 3 + kx], in, sum[out_row]);
-        }
+        add_column(sum, in, r, taps + kx);
       }
     }
     ZYN_UNROLL for (int r = 0; r < Rows; r++)
