@@ -15,6 +15,9 @@ constexpr int kTilePixels = 2;
 constexpr bool kPairs = kZynVectorFloats == 16;
 constexpr int32_t kFewPixels = 16;  // of a row: pairs gain nothing
 
+constexpr int64_t kNearBytes = 2 * 1024 * 1024;  // of the input, as a whole and in a strip
+constexpr int64_t kStripBytes = 256 * 1024;
+
 // One channel block.
 struct planes {
   const float* in;
@@ -205,8 +208,9 @@ void some_rows(const planes& p, int32_t y) {
     rows<Width, Stride, Rows, 1, 2>(p, y);
 }
 
+// Output rows first to end - 1.
 template <int Width, int Stride>
-void channel_block(const zyn_blocked_layer& l, int32_t c) {
+void channel_block(const zyn_blocked_layer& l, int32_t c, int32_t first, int32_t end) {
   const planes p = {l.in + c * l.in_plane(),
                     l.width,
                     l.height,
@@ -215,22 +219,40 @@ void channel_block(const zyn_blocked_layer& l, int32_t c) {
                     l.out_height,
                     l.packed + static_cast<int64_t>(c) * kTaps,
                     zyn_tile_epilogue(l.epilogue, c, Width)};
-  int32_t y = 0;
-  for (; y + kTileRows <= p.out_height; y += kTileRows) some_rows<Width, Stride, kTileRows>(p, y);
-  for (; y < p.out_height; y++) some_rows<Width, Stride, 1>(p, y);
-  p.epilogue.finish(p.out, l.out_plane() * Width);
+  int32_t y = first;
+  for (; y + kTileRows <= end; y += kTileRows) some_rows<Width, Stride, kTileRows>(p, y);
+  for (; y < end; y++) some_rows<Width, Stride, 1>(p, y);
+  const int64_t row = int64_t{p.out_width} * Width;
+  p.epilogue.finish(p.out + first * row, (end - first) * row);
 }
 
 template <int Stride>
-void run(const zyn_blocked_layer& l) {
+void all_channels(const zyn_blocked_layer& l, int32_t first, int32_t end) {
   for (int32_t c = 0, block = 0; c < l.out_channels; c += block) {
     block = zyn_block_width(l.out_channels - c);
     if (block == 8)
-      channel_block<8, Stride>(l, c);
+      channel_block<8, Stride>(l, c, first, end);
     else if (block == 4)
-      channel_block<4, Stride>(l, c);
+      channel_block<4, Stride>(l, c, first, end);
     else
-      channel_block<1, Stride>(l, c);
+      channel_block<1, Stride>(l, c, first, end);
+  }
+}
+
+// An input that the second cache level does not hold is gone through from below in strips of rows:
+// the pointwise layer before went from above, and what it did last is still there.
+template <int Stride>
+void run(const zyn_blocked_layer& l) {
+  const int64_t channel_bytes = int64_t{l.in_channels} * static_cast<int64_t>(sizeof(float));
+  const int64_t fitting = kStripBytes / (channel_bytes * l.width * Stride) / kTileRows * kTileRows;
+  const int32_t most = fitting < kTileRows
+                           ? kTileRows
+                           : static_cast<int32_t>(fitting < l.out_height ? fitting : l.out_height);
+  const bool near = l.in_plane() * channel_bytes <= kNearBytes;
+  const int32_t rows = near ? l.out_height : most;
+  for (int32_t end = l.out_height, first = 0; end > 0; end = first) {
+    first = (end - 1) / rows * rows;
+    all_channels<Stride>(l, first, end);
   }
 }
 
