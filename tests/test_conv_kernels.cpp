@@ -448,23 +448,45 @@ TEST(Gemm, GeneralMultiplyInBlocksOf512) {
     }
 }
 
-// A layer with one output pixel has a path of its own: the sums of the general multiply, bit
-// by bit, with one block of terms and with several.
-TEST(Gemm, OnePixelSumsAsTheGeneralMultiplyDoes) {
+// Method 2 sums layers of no shape of its own as the general multiply would, bit by bit: those of
+// one pixel, by strips and by lists of places, with one block of terms and with several.
+TEST(Gemm, OtherLayersSumAsTheGeneralMultiplyDoes) {
+  struct Shape {
+    int w, h, channels, rows, kernel, stride, pad;
+  };
+  std::vector<Shape> shapes = {
+      {12, 9, 57, 20, 3, 1, 0}, {30, 20, 19, 5, 6, 2, 2}, {20, 9, 29, 3, 6, 1, 3},
+      {10, 9, 513, 5, 2, 1, 0}, {33, 7, 128, 9, 2, 1, 1}, {15, 15, 12, 10, 4, 1, 2},
+      {28, 9, 57, 70, 3, 1, 0}, {7, 6, 60, 5, 3, 1, 0},   {17, 5, 4, 3, 3, 3, 1},
+      {34, 40, 70, 1, 4, 1, 2}, {34, 40, 7, 2, 7, 2, 3},  {19, 30, 23, 11, 5, 1, 0},
+      {17, 20, 11, 1, 7, 1, 3}};
   for (int channels : {1, 5, 56, 57, 120})
-    for (int rows : {1, 7, 8, 9, 17, 33, 70}) {
-      Product p({rows, 1, channels * 9, 0}, 1, 0);
-      Net net;
-      Array in({3, 3, channels}), weights({rows * p.k});
-      std::copy(p.b.begin(), p.b.end(), in.v.begin());
-      std::copy(p.a.begin(), p.a.end(), weights.v.begin());
-      const zyn_conv_param param = conv_param(channels, rows, 3, 1, 0);
-      const int node = net.op(ZYN_OP_CONV, param, {net.input(in), net.constant(weights)});
-      ASSERT_EQ(net.go(), 0);
-      const Array out = net.output(node);
-      for (int r = 0; r < rows; r++) p.after[r * p.ldc] = static_cast<float>(out.v[r]);
-      p.expect(512);
+    for (int rows : {1, 7, 8, 9, 17, 33, 70}) shapes.push_back({3, 3, channels, rows, 3, 1, 0});
+  for (const Shape& s : shapes) {
+    const int out_w = (s.w + 2 * s.pad - s.kernel) / s.stride + 1;
+    const int pixels = out_w * ((s.h + 2 * s.pad - s.kernel) / s.stride + 1);
+    const int taps = s.kernel * s.kernel;
+    Product p({s.rows, pixels, s.channels * taps, 0}, 1, 0);
+    Array in({s.w, s.h, s.channels}), weights({s.rows * p.k});
+    Random random(2);
+    for (double& v : in.v) v = static_cast<float>(random.real(-1, 1));
+    std::copy(p.a.begin(), p.a.end(), weights.v.begin());
+    for (int i = 0; i < p.k * pixels; i++) {
+      const int t = i / pixels, at = i % pixels;
+      const int x = at % out_w * s.stride + t % s.kernel - s.pad;
+      const int y = at / out_w * s.stride + t % taps / s.kernel - s.pad;
+      const bool inside = x >= 0 && x < s.w && y >= 0 && y < s.h;
+      p.b[i] = inside ? static_cast<float>(in.v[(t / taps * s.h + y) * s.w + x]) : 0.0f;
     }
+    Net net;
+    const zyn_conv_param param = conv_param(s.channels, s.rows, s.kernel, s.stride, s.pad);
+    const int node = net.op(ZYN_OP_CONV, param, {net.input(in), net.constant(weights)});
+    ASSERT_EQ(net.go(), 0);
+    const Array out = net.output(node);
+    for (int i = 0; i < s.rows * pixels; i++)
+      p.after[i / pixels * p.ldc + i % pixels] = static_cast<float>(out.v[i]);
+    p.expect(512);
+  }
 }
 
 TEST(Gemm, GeneralMultiplyRefusalsAndMemory) {

@@ -69,7 +69,7 @@ def look(store, detector, trunk, pictures):
     """Of every finding in so many pictures: the trunk's features (half precision), overlap with
     the nearest face, 1 if that one must be found, and its offsets."""
     session = zyncore.Faces(detector, keep_threshold=LEAST_SCORE, score_threshold=LEAST_SCORE,
-                            max_faces=200)
+                            max_faces=data.MOST_FACES)
     features, facts, crops = [], [], []
     for i in range(pictures):
         picture, truth = store.scene(PICTURE_SEED + i)

@@ -158,6 +158,8 @@ class Trainer:
                 self.save()
                 saved = now
         self.save()
+        if self.seen < options.samples:  # what follows in ./dev train is not for half a network
+            raise SystemExit(f"{options.network}: stopped; --resume goes on")
 
 
 def main():

@@ -88,13 +88,14 @@ class zyn_scratch {
  public:
   explicit zyn_scratch(int64_t count) {
     int64_t bytes = 0;
-    if (zyn_multiply(count, static_cast<int64_t>(sizeof(T)), &bytes))
+    if (count != 0 && zyn_multiply(count, static_cast<int64_t>(sizeof(T)), &bytes))
       block_ = static_cast<T*>(zyn_malloc(bytes));
   }
   // Takes a block over.
   explicit zyn_scratch(T* block) : block_(block) {}
   // Zeroed memory.
   static zyn_scratch zeroed(int64_t count) {
+    if (count == 0) return zyn_scratch(static_cast<T*>(nullptr));
     return zyn_scratch(static_cast<T*>(zyn_calloc(count, static_cast<int64_t>(sizeof(T)))));
   }
   zyn_scratch(zyn_scratch&& other) : block_(other.take()) {}

@@ -158,6 +158,10 @@ float* landmarks_of(const zyn_face_session* s, int64_t finding) {
   return s->landmarks + finding * 2 * s->landmarker.points;
 }
 
+bool judges(const zyn_face_session* s) {
+  return s->landmarker.judges && s->options.second_look > 0;
+}
+
 // The second look, by the landmark network: the detection's odds become a weighted geometric mean
 // of those of both networks, its box the one that the landmark network tells.
 int32_t judge(const zyn_face_session* s, const zyn_face_region& crop, zyn_detection* box) {
@@ -181,16 +185,15 @@ int32_t judge(const zyn_face_session* s, const zyn_face_region& crop, zyn_detect
 
 // The landmarks and looks of the detections that continue a face or may begin one.
 int32_t examine(zyn_face_session* s, const zyn_face_frame& frame, int32_t count, stopwatch* watch) {
-  const bool judges = s->landmarker.judges && s->options.second_look > 0;
   for (int32_t i = 0; i < count; i++) {
     zyn_face_finding& finding = s->findings[i];
-    if (finding.predicted < 0 && !judges && !(finding.box.score > s->options.score_threshold))
+    if (finding.predicted < 0 && !judges(s) && !(finding.box.score > s->options.score_threshold))
       continue;
     zyn_face_region crop;
     if (const int32_t code = find_landmarks(s, frame, &finding.box.x1, watch, &crop,
                                             landmarks_of(s, i), &finding.has_landmarks))
       return code;
-    if (judges && finding.has_landmarks) {
+    if (judges(s) && finding.has_landmarks) {
       if (const int32_t code = judge(s, crop, &finding.box)) return code;
       if (!(finding.box.score > s->options.keep_threshold)) finding.predicted = -1;
       watch->add_to(&s->times.boxes);
@@ -229,7 +232,8 @@ int32_t run_detection(zyn_face_session* s, const zyn_face_frame& frame, double t
   return ZYN_RET_OK;
 }
 
-// A frame without: faces seen in the frame before are looked for where they should be by now.
+// A frame without: faces seen in the frame before are looked for where they should be by now. What
+// the landmark network takes for something else is none.
 int32_t run_following(zyn_face_session* s, const zyn_face_frame& frame, double time,
                       stopwatch* watch) {
   int32_t count = 0;
@@ -241,6 +245,10 @@ int32_t run_following(zyn_face_session* s, const zyn_face_frame& frame, double t
     if (const int32_t code = find_landmarks(s, frame, slot.box, watch, &crop, s->landmarks, &found))
       return code;
     if (!found || !zyn_can_follow(s->landmarker, slot, crop, s->landmarks)) continue;
+    float odds = 0, box[4];
+    if (judges(s))
+      if (const int32_t code = s->landmarker.judge(&odds, box)) return code;
+    if (odds < 0) continue;
     s->findings[count++] = {zyn_box_of_landmarks(s->landmarker.points, slot, s->landmarks),
                             i,
                             slot.predicted,

@@ -151,7 +151,7 @@ double winograd_cost(const layer& l, bool blocked_output) {
   const double frequencies = (l.tile + 2) * (l.tile + 2), afar = pairs - 65536;
   return 6.5e-4 * l.pixels_in * l.in_channels + 2.15e-5 * l.products * pairs +
          2e-4 * l.products * outputs + (blocked_output ? 0 : 1.9e-4) * l.pixels_out * outputs +
-         frequencies * (1e-5 * pairs + 8e-5 * (afar > 0 ? afar : 0) + 0.02) + 0.3;
+         frequencies * (3e-5 * pairs + 6e-5 * (afar > 0 ? afar : 0) + 0.02) + 0.3;
 }
 
 // Bringing a tensor from one order of channels to the other.

@@ -13,6 +13,10 @@
 namespace {
 
 constexpr int64_t kAlignment = 64;  // a cache line, and the widest vector
+// After so many bytes of other tensors the second cache level does not hold one any more; as many
+// nodes are looked at.
+constexpr int64_t kFarBytes = int64_t{2} << 20;
+constexpr int32_t kMostBetween = 256;
 
 struct buffer {
   zyn_tensor* tensor;
@@ -27,6 +31,12 @@ int64_t round_up(int64_t bytes) { return (bytes + kAlignment - 1) / kAlignment *
 
 bool overlap_in_time(const buffer& a, const buffer& b) {
   return a.first <= b.last && b.first <= a.last;
+}
+
+bool overlap_in_place(const zyn_tensor& a, const zyn_tensor& b) {
+  const auto *first = static_cast<const uint8_t*>(a.data),
+             *second = static_cast<const uint8_t*>(b.data);
+  return first < second + b.byte_size && second < first + a.byte_size;
 }
 
 class planner {
@@ -52,6 +62,7 @@ class planner {
       if (const int32_t code = zyn_set_tensor_data(b.tensor, base + b.offset, b.tensor->byte_size))
         return code;
     }
+    find_far();
     return ZYN_RET_OK;
   }
 
@@ -62,6 +73,36 @@ class planner {
       if (!positions_.push(k)) return false;
     for (int32_t k = 0; k < count; k++) positions_[graph_->order[k]] = k;
     return true;
+  }
+
+  // Tells the convolutions what they touch that no node has touched for kFarBytes.
+  void find_far() const {
+    for (int32_t k = 0; k < net_->description.node_count; k++) {
+      const int32_t id = graph_->order[k];
+      if (net_->methods[id] >= 0)
+        zyn_cg_conv_expect_far(graph_, id, is_far(k, zyn_cg_find_sources(graph_, id).input),
+                               is_far(k, zyn_cg_producer_tensor(graph_, id)));
+    }
+  }
+  // Whether a tensor's place is, for the node at position k; the nodes behind it ran in the
+  // inference before.
+  bool is_far(int32_t k, const zyn_tensor* tensor) const {
+    const int32_t count = net_->description.node_count;
+    int64_t bytes = 0;
+    for (int32_t i = 1; i < count && i < kMostBetween && bytes <= kFarBytes; i++) {
+      const int32_t id = graph_->order[(k + count - i) % count];
+      const uint32_t type = net_->nodes[id].type;
+      if (type == ZYN_OP_INPUT || type == ZYN_OP_CONSTANT) continue;
+      const zyn_darray* inputs = zyn_cg_inputs(graph_, id);
+      for (int64_t n = -1; n < (inputs ? inputs->count : 0); n++) {
+        const zyn_tensor* touched =
+            zyn_cg_producer_tensor(graph_, n < 0 ? id : zyn_darray_ids(inputs)[n]);
+        if (!touched) continue;
+        if (overlap_in_place(*touched, *tensor)) return false;
+        bytes += touched->byte_size;
+      }
+    }
+    return bytes > kFarBytes;
   }
 
   // The tensors that nodes write, one row each; in-place operators share their input's.

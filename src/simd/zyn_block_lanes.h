@@ -83,6 +83,7 @@ struct zyn_block_lanes<16> {
   static void add_product(type& sum, type a, type b) {
     __asm__("vfmadd231ps %2, %1, %0" : "+v"(sum) : "v"(a), "v"(b));
   }
+  static type fma(type a, type b, type c) { return _mm512_fmadd_ps(a, b, c); }
 };
 #endif
 

@@ -96,10 +96,26 @@ uint32_t run_inner(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) 
   return ZYN_RET_OK;
 }
 
+// Outputs of fewer bytes come as fast while they are written.
+constexpr int64_t kFewBytes = 256 * 1024;
+
+// Loads a line after the other: the processor's read-ahead then brings them three times as fast as
+// a kernel that takes some columns of every plane gets them, or as prefetches would.
+void fetch(const zyn_tensor* tensor) {
+  constexpr int64_t kLine = 16, kMostFloats = 512 * 1024;  // more does not stay
+  const float* values = zyn_cg_floats(tensor);
+  const int64_t count = tensor->count < kMostFloats ? tensor->count : kMostFloats;
+  for (int64_t i = 0; i < count; i += kLine) __asm__ volatile("" : : "x"(values[i]));
+}
+
 uint32_t run_method2(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) {
   const zyn_tensor* input = zyn_cg_planar(state->input, &state->planar);
   if (!input) return ZYN_RET_ERR_MEMORY;
   zyn_tensor* output = state->output;
+  if (is_1x1(state->param)) {
+    if (state->far_input && input == state->input) fetch(input);
+    if (state->far_output && output->byte_size > kFewBytes) fetch(output);
+  }
   const uint32_t code = zyn_cg_conv_run_planned_fused(output, input, state->weights, &state->param,
                                                       state->plan, &epilogue);
   if (code == ZYN_RET_OK) output->layout = ZYN_LAYOUT_PLANAR;
@@ -315,6 +331,13 @@ bool zyn_cg_conv_drop_weights(zyn_cg_handle* graph, int32_t node) {
   zyn_cg_drop(&state->folded);
   state->weights = state->biases = biases.take();
   return true;
+}
+
+void zyn_cg_conv_expect_far(zyn_cg_handle* graph, int32_t node, bool input, bool output) {
+  zyn_cg_conv_state* state = find_state(graph, node);
+  if (!state) return;
+  state->far_input = input;
+  state->far_output = output;
 }
 
 const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state) {

@@ -30,6 +30,7 @@ struct zyn_cg_conv_state : zyn_cg_io_state {
   zyn_store* store;                   // of packed weights, or null
   zyn_tensor* quantized;              // fixed point: weights and biases with weight_q fraction bits
   zyn_fpi_plan fixed;                 // fixed point: the kernel, whatever the method
+  bool far_input, far_output;         // whose place the caches do not hold when the node runs
 };
 
 // bind of every type: copies the record and the graph's settings.
@@ -75,6 +76,10 @@ bool zyn_cg_conv_drop_weights(zyn_cg_handle* graph, int32_t node);
 // Bytes of what a prepared convolution holds: weights beside its constant, and scratch. False
 // for other types.
 bool zyn_cg_conv_memory(zyn_cg_handle* graph, int32_t node, int64_t* weights, int64_t* scratch);
+
+// Tells a convolution whether the places of its input and output have left the caches since a node
+// touched them last; no effect on other types.
+void zyn_cg_conv_expect_far(zyn_cg_handle* graph, int32_t node, bool input, bool output);
 
 // The biases behind the weights, where the record has some; null otherwise.
 const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state);

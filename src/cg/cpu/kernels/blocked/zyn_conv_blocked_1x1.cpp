@@ -10,6 +10,9 @@ namespace {
 // Input strip of all channels. Strips that fit into the first level were 1 % slower: every
 // strip takes all weights from the second level again.
 constexpr int64_t kStripBytes = 160 * 1024;
+// Single outputs read a strip once more each: it stays in the first level where others are few.
+constexpr int32_t kFewOutputs = 8;
+constexpr int64_t kFewStripBytes = 24 * 1024;
 // Sums of a tile: with two FMA ports and a latency of 4 cycles, 8 would do; the rest hides the
 // loads. Tiles are 2 vectors of output channels by 6 pixels; 3 by 4 leave gcc no register to spare,
 // but are faster where a small plane has no whole sixes. 512-bit vectors bring twice the registers:
@@ -226,15 +229,19 @@ template <int Groups>
   ZYN_UNROLL for (int g = 0; g < Groups; g++) {
     ZYN_UNROLL for (int o = 0; o < 4; o++) sum[g][o] = lanes::spread(bias + o);
   }
-  const auto add = [&](const __m256& value, int g, int k) __attribute__((always_inline)) {
+  const auto add = [&](const __m256& value, int g, const float* weights)
+      __attribute__((always_inline)) {
     ZYN_UNROLL for (int o = 0; o < 4; o++)
-        lanes::add_product(sum[g][o], value, lanes::spread(w + k * 4 + o));
+        lanes::add_product(sum[g][o], value, lanes::spread(weights + o));
   };
   const auto add_four = [&](const float* in, int64_t pitch) __attribute__((always_inline)) {
     ZYN_UNROLL for (int g = 0; g < Groups; g++) {
+      // Loaded again for every group: else the compiler keeps 16 of them, and the sums in memory.
+      const float* weights = w;
+      __asm__ volatile("" : "+r"(weights));
       __m256 value[4];
       load_four(in + g * 8 * pitch, pitch, value);
-      ZYN_UNROLL for (int k = 0; k < 4; k++) add(value[k], g, k);
+      ZYN_UNROLL for (int k = 0; k < 4; k++) add(value[k], g, weights + k * 4);
     }
     w += 16;
   };
@@ -250,7 +257,7 @@ template <int Groups>
   }
   for (; ic < in_channels; ic++, w += 4)
     ZYN_UNROLL for (int g = 0; g < Groups; g++)
-        add(lanes::load(l.in + ic * pixels + pixel + g * 8), g, 0);
+        add(lanes::load(l.in + ic * pixels + pixel + g * 8), g, w);
   const __m256 floor = epilogue.floor<8>();
   float* out = l.out + oc * pixels + pixel * 4;
   ZYN_UNROLL for (int g = 0; g < Groups; g++, out += 32) {
@@ -306,7 +313,10 @@ void strip(const zyn_blocked_layer& l, int32_t oc, int64_t first, int64_t end) {
 // Strips of nearly equal size, a multiple of every tile's pixels.
 void run(const zyn_blocked_layer& l) {
   const int64_t pixels = l.in_plane();
-  const int64_t fitting = kStripBytes / (static_cast<int64_t>(sizeof(float)) * l.in_channels);
+  const bool few = l.out_channels < kFewOutputs && l.out_channels % 4 > 0 && l.out_channels > 1 &&
+                   l.in_channels >= 4 * kFewOutputs;
+  const int64_t bytes = few ? kFewStripBytes : kStripBytes;
+  const int64_t fitting = bytes / (static_cast<int64_t>(sizeof(float)) * l.in_channels);
   const int64_t most = (fitting / kTileSums + 1) * kTileSums;
   const int64_t strips = (pixels + most - 1) / most;
   const int64_t tiles = (pixels + strips * kTileSums - 1) / (strips * kTileSums);
@@ -318,10 +328,10 @@ void run(const zyn_blocked_layer& l) {
     for (int32_t oc = 0, channels = 0; oc < l.out_channels; oc += channels) {
       const int32_t left = l.out_channels - oc;
       const bool four = kWide > 8 && left >= 4 * kWide && l.in_channels <= kMostInputsOfFour;
-      channels = by_four && left >= 24 ? 24
-                 : four                ? 4 * kWide
-                 : left >= 2 * kWide   ? 2 * kWide
-                                       : zyn_vector_channels(left);
+      channels = (by_four && left >= 24) || (kWide == 8 && left == 24) ? 24
+                 : four                                                ? 4 * kWide
+                 : left >= 2 * kWide                                   ? 2 * kWide
+                                                                       : zyn_vector_channels(left);
       if (kWide == 8 && channels == 24)
         strip<8, 3>(l, oc, first, end);
       else if (kWide > 8 && channels == 4 * kWide)

@@ -17,8 +17,11 @@ namespace {
 
 constexpr int kTaps = 9;
 constexpr int kWide = kZynVectorFloats;
-constexpr int tile_pixels(int ob, int blocks) {
-  return ob > 8 || ob == 4 ? 12 : ob == 8 && blocks == 1 ? 8 : 6;
+constexpr int tile_pixels(int ob, int ib, int blocks) {
+  return ob > 8 && ib == 1 && blocks == 1 ? 24
+         : ob > 8 || ob == 4              ? 12
+         : ob == 8 && blocks == 1         ? 8
+                                          : 6;
 }
 constexpr int kEdgePixels = 4;       // of an edge column: few pixels, so less code
 constexpr int32_t kGroupBlocks = 4;  // input blocks added per load and store of an output value
@@ -90,6 +93,25 @@ int64_t corner(const planes& p, int32_t y, int32_t x) {
   return (static_cast<int64_t>(y * Stride - 1) * p.width + x * Stride - 1) * IB;
 }
 
+// A kernel row of one input channel to one vector of outputs. Every value is spread once for all
+// the pixels that see it: 512-bit vectors have as many multiply-adds a cycle as loads.
+template <int OB, int Pixels, int Stride>
+[[gnu::always_inline]] inline void add_row(typename zyn_block_lanes<OB>::type (&sum)[Pixels],
+                                           const float* in, const float* weights) {
+  using lanes = zyn_block_lanes<OB>;
+  typename lanes::type weight[3];
+  ZYN_UNROLL for (int k = 0; k < 3; k++) weight[k] = lanes::load(weights + k * OB);
+  ZYN_UNROLL_BY(64)
+  for (int x = 0; x < (Pixels - 1) * Stride + 3; x++) {
+    const typename lanes::type value = lanes::spread(in + x);
+    ZYN_UNROLL for (int k = 2; k >= 0; k--) {
+      const int pixel = (x - k) / Stride;
+      if (x >= k && (x - k) % Stride == 0 && pixel < Pixels)
+        lanes::add_product(sum[pixel], value, weight[k]);
+    }
+  }
+}
+
 // Pixels output pixels from (x, y) on, rightwards or downwards.
 template <int OB, int IB, int Blocks, int Pixels, int Stride, bool Down = false>
 inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
@@ -105,10 +127,15 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
   const int64_t from_vector = p.first ? 0 : out_vector;
   ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
     ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[b][i] =
-        zyn_load_blocks<OB>(from + b * from_vector + i * from_step, from_block);
+        OB > 8 && p.first ? lanes::zero()
+                          : zyn_load_blocks<OB>(from + b * from_vector + i * from_step, from_block);
   }
   const int64_t first = corner<IB, Stride>(p, y, x);
-  for (int32_t t = 0; t < taps.count; t++) {
+  constexpr bool kRows = OB > 8 && IB == 1 && Blocks == 1 && !Down;
+  if constexpr (kRows)
+    for (int32_t t = 0; t < taps.count; t += 3)
+      add_row<OB, Pixels, Stride>(sum[0], p.in + (first + taps.in[t]), p.weights + taps.weight[t]);
+  for (int32_t t = kRows ? taps.count : 0; t < taps.count; t++) {
     const float* in = p.in + (first + taps.in[t]);
     const float* w[Blocks];
     ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
@@ -194,7 +221,7 @@ void equal_rows(const planes& p, int32_t y0, int32_t y1, kernel_rows ky) {
   if (end > 1) {
     const tap_list taps = taps_of<OB, IB>(p, ky, 0, 3);
     for (int32_t y = y0; y < y1; y++)
-      zyn_balanced_tiles<tile_pixels(OB, Blocks)>(
+      zyn_balanced_tiles<tile_pixels(OB, IB, Blocks)>(
           1, end, line<OB, IB, Blocks, Stride, false>{p, y, 0, taps});
   }
   edge_column<OB, IB, Blocks, Stride>(p, 0, y0, y1, taps_of<OB, IB>(p, ky, 1, p.width > 1 ? 3 : 2));

@@ -2,7 +2,8 @@
 // output rows are made at a time, two pixels of each: every input value of the two rows
 // is loaded once for all the sums it belongs to, and four sums beside nine filter vectors
 // are what the registers hold. Taps outside the image are left out. Single channels are planes:
-// 8 pixels of a row are a vector of them.
+// 8 pixels of a row are a vector of them. Where vectors have 16 lanes, they hold two pixels of a
+// block of 8 channels.
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked_tile.h"
 
@@ -11,6 +12,8 @@ namespace {
 constexpr int kTaps = 9;
 constexpr int kTileRows = 2;
 constexpr int kTilePixels = 2;
+constexpr bool kPairs = kZynVectorFloats == 16;
+constexpr int32_t kFewPixels = 16;  // of a row: pairs gain nothing
 
 // One channel block.
 struct planes {
@@ -39,6 +42,17 @@ struct filter {
   }
 };
 
+#if ZYN_VECTOR_BITS == 512
+// Of a block of 8, for two pixels.
+template <>
+filter<16>::filter(const planes& p) : floor(p.epilogue.floor<16>()) {
+  alignas(32) float one[8];
+  _mm256_store_ps(one, p.epilogue.bias<8>(0));
+  bias = zyn_load_blocks<16>(one, 0);
+  for (int t = 0; t < kTaps; t++) tap[t] = zyn_load_blocks<16>(p.weights + t * 8, 0);
+}
+#endif
+
 // What a strip of Rows output rows takes: kernel rows from Ky0 on in the first of them and
 // up to Ky1 - 1 in the last. Input row 0 belongs to the first row's kernel row 0.
 template <int Width, int Stride, int Rows, int Ky0, int Ky1>
@@ -64,14 +78,15 @@ struct strip {
     out += pixels * Width;
   }
 
-  // Adds the input value of row y and column x to every sum that it belongs to.
-  template <int Lanes, int Pixels>
+  // Adds the input value of row y and column x to every sum that it belongs to; sums are Apart
+  // pixels from each other.
+  template <int Lanes, int Apart = 1, int Pixels>
   [[gnu::always_inline]] static void add(typename zyn_block_lanes<Lanes>::type (&sum)[Rows][Pixels],
                                          const typename zyn_block_lanes<Lanes>::type& value,
                                          const filter<Lanes>& f, int y, int x) {
     ZYN_UNROLL for (int r = 0; r < Rows; r++) {
       ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
-        const int ky = y - r * Stride, kx = x - i * Stride;
+        const int ky = y - r * Stride, kx = x - i * Apart * Stride;
         if (ky >= 0 && ky < 3 && kx >= 0 && kx < 3)
           sum[r][i] = zyn_block_lanes<Lanes>::fma(value, f.tap[ky * 3 + kx], sum[r][i]);
       }
@@ -118,6 +133,32 @@ struct strip {
         lanes::store(out + r * out_pitch, lanes::max(f.floor, lanes::add(sum[r][0], f.bias)));
     advance(8);
   }
+
+  // Pairs pairs of pixels of a block of 8, all of whose columns lie inside.
+  template <int Pairs>
+  void pairs(const filter<2 * Width>& f) {
+    using lanes = zyn_block_lanes<2 * Width>;
+    typename lanes::type sum[Rows][Pairs];
+    ZYN_UNROLL for (int r = 0; r < Rows; r++) {
+      ZYN_UNROLL for (int i = 0; i < Pairs; i++) sum[r][i] = lanes::zero();
+    }
+    ZYN_UNROLL for (int y = Ky0; y < kInputs; y++) {
+      ZYN_UNROLL for (int x = 0; x < 2 * Pairs + 1; x++)
+          add<2 * Width, 2>(sum, lanes::load(in[y] + (x - 1) * Width), f, y, x);
+    }
+    ZYN_UNROLL for (int r = 0; r < Rows; r++) {
+      ZYN_UNROLL for (int i = 0; i < Pairs; i++) lanes::store(
+          out + r * out_pitch + i * 2 * Width, lanes::max(f.floor, lanes::add(sum[r][i], f.bias)));
+    }
+    advance(2 * Pairs);
+  }
+  // count pixels by pairs; how many are left.
+  int32_t in_pairs(const filter<2 * Width>& f, int32_t count) {
+    for (; count >= 8; count -= 8) pairs<4>(f);
+    if (count >= 4) pairs<2>(f), count -= 4;
+    if (count >= 2) pairs<1>(f), count -= 2;
+    return count;
+  }
   // The even (Order 0x88) or odd (0xDD) ones of 16 values.
   template <int Order>
   static __m256 every_other(const float* from) {
@@ -140,6 +181,9 @@ void rows(const planes& p, int32_t y) {
   if constexpr (Width == 1) {
     const filter<8> wide(f);
     for (; inside >= 8; inside -= 8) s.eight(wide);
+  }
+  if constexpr (kPairs && Width == 8 && Stride == 1) {
+    if (inside >= kFewPixels) inside = s.in_pairs(filter<16>(p), inside);
   }
   for (; inside >= kTilePixels; inside -= kTilePixels) s.template tile<kTilePixels, 0, 3>(f);
   for (; inside > 0; inside--) s.template tile<1, 0, 3>(f);

@@ -9,7 +9,8 @@
 
 namespace {
 
-constexpr int64_t kRows = 4;                    // output channels of a tile
+constexpr int64_t kRows = 4;  // output channels of a tile
+constexpr int64_t kVector = kZynFpiLanes;
 constexpr int64_t kPixels = kZynFpiTilePixels;  // two vectors
 
 // Packed: per block of 4 output channels, for every input channel the 4 weights, each
@@ -51,20 +52,28 @@ int64_t tile_words(const zyn_fpi_plan& plan) {
 
 inline __m256i broadcast(const int32_t* word) { return _mm256_set1_epi32(*word); }
 
-// 4 rows of 16 or 32 pixels; the planes of in lie in_pitch elements apart.
+// 4 rows of one or two times 16 pixels, which lie apart elements from each other; the planes of in
+// lie in_pitch elements apart.
 template <zyn_fpi_1x1_mode kMode, int kVectors>
-void tile(__m256i (&sum)[kRows][kVectors], const int16_t* in, int64_t in_pitch, int64_t channels,
-          const int32_t* weights, const int32_t* list, int32_t d) {
+void tile(__m256i (&sum)[kRows][kVectors], const int16_t* in, int64_t in_pitch, int64_t apart,
+          int64_t channels, const int32_t* weights, const int32_t* list, int32_t d) {
   const zyn_fpi_product<kMode> product(d);
   __m256i s[kRows][kVectors] = {};
   const int16_t* at = in;
   for (int64_t i = 0; i < channels; i++, at += in_pitch, weights += kRows) {
+    // The compiler does not see through the empty statements: else it loads vectors again for every
+    // weight, and moves sums from register to register.
     __m256i x[kVectors];
-    ZYN_UNROLL for (int v = 0; v < kVectors; v++) x[v] = zyn_fpi_load(at + v * kZynFpiLanes);
+    ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
+      x[v] = zyn_fpi_load(at + v * apart);
+      __asm__("" : "+x"(x[v]));
+    }
     ZYN_UNROLL for (int k = 0; k < kRows; k++) {
       const __m256i w = broadcast(weights + k);
-      ZYN_UNROLL for (int v = 0; v < kVectors; v++) s[k][v] =
-          _mm256_add_epi16(s[k][v], product(x[v], w));
+      ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
+        s[k][v] = _mm256_add_epi16(s[k][v], product(x[v], w));
+        __asm__("" : "+x"(s[k][v]));
+      }
     }
   }
   const int32_t* entry = list + 1;
@@ -73,29 +82,29 @@ void tile(__m256i (&sum)[kRows][kVectors], const int16_t* in, int64_t in_pitch, 
     ZYN_UNROLL for (int k = 0; k < kRows; k++) {
       const __m256i w = broadcast(entry + 1 + k);
       ZYN_UNROLL for (int v = 0; v < kVectors; v++) s[k][v] =
-          _mm256_add_epi16(s[k][v], _mm256_mullo_epi16(zyn_fpi_load(at + v * kZynFpiLanes), w));
+          _mm256_add_epi16(s[k][v], _mm256_mullo_epi16(zyn_fpi_load(at + v * apart), w));
     }
   }
   ZYN_UNROLL for (int k = 0; k < kRows; k++) ZYN_UNROLL for (int v = 0; v < kVectors; v++)
       sum[k][v] = s[k][v];
 }
 
-// All output channels of up to 16 or 32 pixels.
+// All output channels of up to 16 pixels, or of two times 16.
 template <zyn_fpi_1x1_mode kMode, int kVectors>
 [[gnu::noinline]] void run_pixels(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
                                   int16_t* out, int64_t out_pitch, const int16_t* in,
-                                  int64_t in_pitch, int64_t count) {
+                                  int64_t in_pitch, int64_t apart, int64_t count) {
   const zyn_fpi_layer& l = plan->layer;
   const int32_t* list = plan->packed + blocks_of(l) * l.in_channels * kRows;
   for (int64_t block = 0; block < blocks_of(l); block++, list += 1 + list[0] * kEntry) {
     __m256i sum[kRows][kVectors];
-    tile<kMode>(sum, in, in_pitch, l.in_channels, plan->packed + block * l.in_channels * kRows,
-                list, plan->shift);
+    tile<kMode>(sum, in, in_pitch, apart, l.in_channels,
+                plan->packed + block * l.in_channels * kRows, list, plan->shift);
     for (int64_t k = 0; k < kRows && block * kRows + k < l.out_channels; k++) {
       int16_t* row = out + (block * kRows + k) * out_pitch;
       const zyn_fpi_channel_epilogue finish(epilogue, block * kRows + k);
       for (int v = 0; v < kVectors; v++)
-        zyn_fpi_store_part(row + v * kZynFpiLanes, finish(sum[k][v]), count - v * kZynFpiLanes);
+        zyn_fpi_store_part(row + v * apart, finish(sum[k][v]), count);
     }
   }
 }
@@ -109,24 +118,31 @@ const int32_t* behind_tiles(const zyn_fpi_plan& plan) {
   return list;
 }
 
-// in: planes of as many pixels as the output's, zeros behind the last ones in rest.
+// in: planes of as many pixels as the output's; those of less than a vector lie in small as well,
+// zeros behind them.
 struct run_planes {
   const zyn_fpi_plan* plan;
   const zyn_fpi_tile_epilogue& epilogue;
   int16_t* out;
-  const int16_t *in, *rest;
+  const int16_t *in, *small;
 
   template <zyn_fpi_1x1_mode kMode>
   void run() const {
     const int64_t pixels = plan->pixels;
+    const auto vectors = [this, pixels](int64_t first, int64_t second) {
+      run_pixels<kMode, 2>(plan, epilogue, out + first, pixels, in + first, pixels, second - first,
+                           kVector);
+    };
     int64_t x = 0;
-    for (; x + kPixels <= pixels; x += kPixels)
-      run_pixels<kMode, 2>(plan, epilogue, out + x, pixels, in + x, pixels, kPixels);
-    const int64_t left = pixels - x;
+    for (; x + kPixels <= pixels; x += kPixels) vectors(x, x + kVector);
+    const int64_t left = pixels - x, last = pixels - kVector;
     if (left == 0) return;
-    if (rest && left <= kZynFpiLanes)
-      return run_pixels<kMode, 1>(plan, epilogue, out + x, pixels, rest, kPixels, left);
-    if (rest) return run_pixels<kMode, 2>(plan, epilogue, out + x, pixels, rest, kPixels, left);
+    if (small) return run_pixels<kMode, 1>(plan, epilogue, out, pixels, small, kVector, 0, pixels);
+    if (!zyn_fpi_rest_by_outputs(*plan)) {  // pixels of the last vector are computed twice
+      if (left > kVector) return vectors(x, last);
+      return run_pixels<kMode, 1>(plan, epilogue, out + last, pixels, in + last, pixels, 0,
+                                  kVector);
+    }
     zyn_fpi_run_outputs(*plan, behind_tiles(*plan), epilogue, out + x, in + x, pixels - x);
   }
 };
@@ -189,17 +205,16 @@ uint32_t zyn_fpi_run_1x1(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& 
     return ZYN_RET_ERR_PARA;
   const bool strided = l.stride_x > 1 || l.stride_y > 1;
   zyn_scratch<int16_t> copy(strided ? l.in_channels * pixels : 0);
-  // The last pixels of tiles go through a copy: nothing is read behind a plane. It is made before
-  // anything is written.
-  const int64_t rest = zyn_fpi_rest_by_outputs(*plan) ? 0 : pixels % kPixels;
-  auto tail = zyn_scratch<int16_t>::zeroed(rest == 0 ? 0 : l.in_channels * kPixels);
-  if ((strided && !copy) || (rest != 0 && !tail)) return ZYN_RET_ERR_MEMORY;
+  // Planes of less than a vector go through a copy: nothing is read behind a plane. It is made
+  // before anything is written.
+  const bool small = pixels < kVector && !zyn_fpi_rest_by_outputs(*plan);
+  auto planes = zyn_scratch<int16_t>::zeroed(small ? l.in_channels * kVector : 0);
+  if ((strided && !copy) || (small && !planes)) return ZYN_RET_ERR_MEMORY;
   if (strided) subsample(copy.get(), l, output, input);
   const int16_t* in = strided ? copy.get() : zyn_fpi_words(input);
-  for (int64_t i = 0; rest != 0 && i < l.in_channels; i++)
-    memcpy(tail.get() + i * kPixels, in + (i + 1) * pixels - rest,
-           static_cast<size_t>(rest) * sizeof(int16_t));
-  zyn_fpi_with_mode(plan->shift, run_planes{plan, epilogue, zyn_fpi_words(output), in,
-                                            rest == 0 ? nullptr : tail.get()});
+  for (int64_t i = 0; small && i < l.in_channels; i++)
+    zyn_fpi_copy(planes.get() + i * kVector, in + i * pixels, pixels);
+  zyn_fpi_with_mode(plan->shift,
+                    run_planes{plan, epilogue, zyn_fpi_words(output), in, planes.get()});
   return ZYN_RET_OK;
 }

@@ -56,14 +56,15 @@ inline constexpr int64_t kZynFpiTilePixels = 32;
 
 // Whether those have the output channels in the lanes (zyn_fpi_1x1_outputs.cpp): 16 in a vector,
 // where 4 by 16 or 32 pixels would have many lanes idle. Counted in vector operations: those of an
-// input channel, and what storing takes, copying.
+// input channel, and what storing takes, copying of planes of less than a vector.
 inline bool zyn_fpi_rest_by_outputs(const zyn_fpi_plan& plan) {
   const int64_t rest = plan.pixels % kZynFpiTilePixels, channels = plan.layer.in_channels;
   const int64_t vectors = (rest + kZynFpiLanes - 1) / kZynFpiLanes;
   const int64_t blocks = (plan.layer.out_channels + int64_t{15}) / 16;
   const int64_t rows = (plan.layer.out_channels + int64_t{3}) / 4 * 4;
+  const int64_t copying = plan.pixels < kZynFpiLanes ? 20 * channels : 0;
   return rest > 0 &&
-         rest * blocks * (4 * channels + 80) < rows * (3 * vectors * channels + 24) + 20 * channels;
+         rest * blocks * (4 * channels + 80) < rows * (3 * vectors * channels + 24) + copying;
 }
 
 // Packed words for count pixels by outputs, packing, and the run; the planes of in and of out lie

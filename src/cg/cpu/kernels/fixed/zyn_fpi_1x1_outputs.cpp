@@ -1,6 +1,8 @@
 // Fixed-point 1 x 1 convolution with 16 output channels in the lanes: small planes, and the
 // pixels that are left behind whole tiles of larger ones.
+#include "base/zyn_integers.h"
 #include "cg/cpu/kernels/fixed/zyn_fpi_1x1.h"
+#include "cg/cpu/kernels/fixed/zyn_fpi_ops.h"
 #include "simd/zyn_vectors.h"
 
 namespace {
@@ -63,8 +65,10 @@ struct job {
 [[gnu::noinline]] __m256i biases_of(const job& j, int64_t block) {
   int16_t lanes[kBlock] = {};
   const zyn_fpi_tile_epilogue& e = j.epilogue;
-  for (int64_t k = 0; e.bias && k < kBlock && block * kBlock + k < j.plan.layer.out_channels; k++)
-    lanes[k] = zyn_fpi_rescale1(e.bias[block * kBlock + k], e.q_weights, e.q_out);
+  const int64_t first = block * kBlock, left = int64_t{e.q_out} - e.q_weights;
+  if (e.bias && left >= -16 && left <= 15)  // as zyn_fpi_rescale1: q that are far apart leave 0
+    zyn_fpi_rescale(lanes, e.q_out, e.bias + first, e.q_weights,
+                    zyn_smaller(kBlock, j.plan.layer.out_channels - first));
   return zyn_fpi_load(lanes);
 }
 

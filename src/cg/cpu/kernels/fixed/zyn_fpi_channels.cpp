@@ -68,21 +68,28 @@ template <int kPixels>
 inline void add_tile(int32_t* sums, const int16_t* in, const int64_t* places,
                      const int32_t* weights, const pixel_job& job) {
   __m256i taps[kPixels];
-  ZYN_UNROLL for (int p = 0; p < kPixels; p++) taps[p] = job.round;
-  for (int64_t t = 0; t < job.pairs; t++) {
-    const __m256i w = zyn_fpi_load(weights + t * kBlock);
-    const int16_t* at = in + job.offsets[t];
+  const int16_t* first[kPixels];
+  ZYN_UNROLL for (int p = 0; p < kPixels; p++) {
+    taps[p] = job.round;
+    first[p] = in + places[p];
+  }
+  const int64_t *offset = job.offsets, *const end = offset + job.pairs;
+  for (; offset < end; offset++, weights += kBlock) {
+    const __m256i w = zyn_fpi_load(weights);
+    const int64_t at = *offset;
     ZYN_UNROLL for (int p = 0; p < kPixels; p++) taps[p] =
-        _mm256_add_epi32(taps[p], _mm256_madd_epi16(zyn_fpi_broadcast(at + places[p]), w));
+        _mm256_add_epi32(taps[p], _mm256_madd_epi16(zyn_fpi_broadcast(first[p] + at), w));
   }
   ZYN_UNROLL for (int p = 0; p < kPixels; p++) add_rounded(sums + p * kBlock, taps[p], job.shift);
 }
 
 void add_many(int32_t* sums, const int16_t* in, const int32_t* weights, const pixel_job& job) {
-  constexpr int kTile = 4;
+  constexpr int kTile = 8, kHalf = 4;
   int64_t x = 0;
   for (; x + kTile <= job.pixels; x += kTile)
     add_tile<kTile>(sums + x * kBlock, in, job.places + x, weights, job);
+  for (; x + kHalf <= job.pixels; x += kHalf)
+    add_tile<kHalf>(sums + x * kBlock, in, job.places + x, weights, job);
   for (; x < job.pixels; x++) add_tile<1>(sums + x * kBlock, in, job.places + x, weights, job);
 }
 

@@ -4,6 +4,7 @@
 
 #include <immintrin.h>
 
+#include "base/zyn_integers.h"
 #include "cg/cpu/kernels/gemm/zyn_gemm_sums.h"
 
 namespace {
@@ -11,7 +12,7 @@ namespace {
 // Where a tile stands in the output, in registers: vector stores may alias what is not.
 struct tile_place {
   float* out;
-  int64_t pitch, rows, columns, to[3];
+  int64_t pitch, rows, columns, to[8];
 };
 
 template <int kLanes, int kRows, int kVectors>
@@ -197,6 +198,81 @@ void tiles(const zyn_gemm_tile_job& job) {
   }
 }
 
+constexpr int kSlimBlock = 4;
+constexpr int slim_vectors(int rows) { return rows == 1 ? 8 : rows == 2 ? 6 : 4; }
+
+// kRows rows of a block of 4 by kVectors vectors, which lie side by side where there are no taps.
+template <int kLanes, int kRows, int kVectors, bool kTaps>
+void slim_tile(const zyn_gemm_slim_job& job, const zyn_gemm_vector* vectors, float* so_far) {
+  using lanes = zyn_block_lanes<kLanes>;
+  tile_place place = {job.out, job.pitch, kRows, kLanes, {}};
+  int64_t at[kVectors];
+  ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
+    at[v] = kTaps ? vectors[v].from : v * kLanes;
+    place.to[v] = kTaps ? vectors[v].to : v * kLanes;
+  }
+  const int64_t channel_stride = job.b.channel_stride;
+  const float *x = job.b.base + (kTaps ? 0 : vectors->from), *weights = job.weights;
+  if (!kTaps) place.out += vectors->to;
+  typename lanes::type sums[kRows][kVectors];
+  zyn_gemm_clear<kLanes>(sums);
+  const auto at_sum = [so_far](int r, int v) { return so_far + (v * kRows + r) * kLanes; };
+  if (job.resume) {
+    ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
+      ZYN_UNROLL for (int r = 0; r < kRows; r++) sums[r][v] = lanes::load(at_sum(r, v));
+    }
+  }
+  const auto step = [&](const float* from) __attribute__((always_inline)) {
+    __asm__("" : "+r"(from));  // else every vector's address is a sum of its own
+    typename lanes::type w[kRows];
+    ZYN_UNROLL for (int r = 0; r < kRows; r++) w[r] = lanes::spread(weights + r);
+    ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
+      const typename lanes::type column = lanes::load(from + at[v]);
+      ZYN_UNROLL for (int r = 0; r < kRows; r++) lanes::add_product(sums[r][v], w[r], column);
+    }
+    weights += kSlimBlock;
+  };
+  for (int64_t c = job.b.channels; c > 0; c--, x += channel_stride) {
+    if (kTaps) {
+      const int64_t* const end = job.b.offsets + job.b.taps;
+      for (const int64_t* offset = job.b.offsets; offset < end; offset++) step(x + *offset);
+    } else {
+      step(x);
+    }
+  }
+  if (!job.last) {
+    ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
+      ZYN_UNROLL for (int r = 0; r < kRows; r++) lanes::store(at_sum(r, v), sums[r][v]);
+    }
+    return;
+  }
+  constexpr no_half_vectors kNone;
+  zyn_with_activation(job.activation, finish_tile<kLanes, kRows, kVectors, no_half_vectors>{
+                                          sums, kNone, place, job.bias});
+}
+
+template <int kLanes, int kRows, bool kTaps>
+void slim_tiles(const zyn_gemm_slim_job& job, const zyn_gemm_vector* vectors, int64_t count) {
+  constexpr int64_t kMost = slim_vectors(kRows), kHalf = kMost / 2;
+  for (int64_t i = 0, here = 0; i < count; i += here) {
+    here = count - i >= kMost ? kMost : count - i >= kHalf ? kHalf : 1;
+    const auto tile = here == kMost   ? slim_tile<kLanes, kRows, kMost, kTaps>
+                      : here == kHalf ? slim_tile<kLanes, kRows, kHalf, kTaps>
+                                      : slim_tile<kLanes, kRows, 1, kTaps>;
+    tile(job, vectors + i, job.sums + i * kRows * kLanes);
+  }
+}
+
+template <int kLanes>
+void slim(const zyn_gemm_slim_job& job, int64_t rows, const zyn_gemm_vector* vectors,
+          int64_t count) {
+  using function = void (*)(const zyn_gemm_slim_job&, const zyn_gemm_vector*, int64_t);
+  constexpr function kByRows[3][2] = {{slim_tiles<kLanes, 1, false>, slim_tiles<kLanes, 1, true>},
+                                      {slim_tiles<kLanes, 2, false>, slim_tiles<kLanes, 2, true>},
+                                      {slim_tiles<kLanes, 3, false>, slim_tiles<kLanes, 3, true>}};
+  kByRows[rows - 1][job.b.taps > 1](job, vectors, count);
+}
+
 template <int kLanes, int kBlock, int kBlocks, int kVectors, bool kCopy = false>
 constexpr zyn_gemm_tile_function pair[2] = {tiles<kLanes, kBlock, kBlocks, kVectors, false, kCopy>,
                                             tiles<kLanes, kBlock, kBlocks, kVectors, true, kCopy>};
@@ -235,3 +311,8 @@ const zyn_gemm_tile_set zyn_gemm_tiles_6 = set_of_6<8>();
 const zyn_gemm_tile_set zyn_gemm_wide_tiles_4 = set_of_4<16>(nullptr, nullptr);
 const zyn_gemm_tile_set zyn_gemm_wide_tiles_6 = set_of_6<16>();
 #endif
+
+void zyn_gemm_slim_tiles(const zyn_gemm_slim_job& job, int64_t rows, int64_t lanes,
+                         const zyn_gemm_vector* vectors, int64_t count) {
+  (lanes == 8 ? slim<8> : slim<kZynVectorFloats>)(job, rows, vectors, count);
+}

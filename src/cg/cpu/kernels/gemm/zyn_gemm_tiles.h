@@ -47,6 +47,22 @@ extern const zyn_gemm_tile_set zyn_gemm_tiles_4, zyn_gemm_tiles_6;
 extern const zyn_gemm_tile_set zyn_gemm_wide_tiles_4, zyn_gemm_wide_tiles_6;
 enum { ZYN_GEMM_HALF = 20 };  // columns of a tile of two vectors and a half
 
+// The last rows of an output, 1 to 3 of a weight block of 4: in tiles of more vectors than
+// whole blocks have, so that no sums are made for rows that do not exist. count vectors of lanes
+// columns, anywhere, or side by side where B has no taps.
+struct zyn_gemm_slim_job {
+  const zyn_gemm_rows& b;
+  const float* weights;  // of the block
+  float* out;            // the first of the rows
+  int64_t pitch;
+  const float* bias;
+  int32_t activation;
+  float* sums;        // vector by vector, of the channels that came before and of those so far
+  bool resume, last;  // whether channels came before, whether others follow
+};
+void zyn_gemm_slim_tiles(const zyn_gemm_slim_job& job, int64_t rows, int64_t lanes,
+                         const zyn_gemm_vector* vectors, int64_t count);
+
 // tile = alpha * A x panel + beta * tile for rows of A as they lie, lda floats apart, and a
 // panel of width 8, 16, 24 or ZYN_GEMM_PANEL columns, whose terms lie panel_pitch floats apart and
 // of which columns are written.

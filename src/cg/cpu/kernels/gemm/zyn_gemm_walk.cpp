@@ -16,6 +16,11 @@ constexpr int64_t kMostWidePartBytes = 30 * 1024;
 constexpr int64_t kMostChannelsAhead = 160;
 // Fewer row blocks than this do not earn the copy of the columns back.
 constexpr int64_t kCopyBlocks = 3;
+constexpr int64_t kVectorsAtOnce = 48;  // of slim rows: whole tiles of 8, 6 and 4 vectors
+constexpr int64_t kMostSlimRows = 3;
+// Terms of a column that is multiplied by itself, rows at a time, and how many earn that.
+constexpr int64_t kMostColumn = 2048, kMostColumnRows = 8 * 6, kLastColumnRows = 16;
+constexpr int64_t kGroupUnit = 96;  // columns: whole tiles of 3, 6 and 4 vectors
 
 // Everything that a walk over an output needs to call a tile.
 struct walk {
@@ -203,10 +208,9 @@ void by_eights(const zyn_gemm_rows& b, int64_t columns, const float* packed, int
   }
 }
 
-}  // namespace
-
-void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
-                       const zyn_gemm_output& output) {
+// All rows in whole blocks, the last of which may have rows that do not exist.
+void in_blocks(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
+               const zyn_gemm_output& output) {
   zyn_gemm_rows rest = b;
   zyn_gemm_output rest_output = output;
   if (kZynVectorFloats > 8) {
@@ -224,12 +228,115 @@ void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* pac
   by_eights(rest, columns, packed, block, rest_output);
 }
 
-void zyn_gemm_scattered(const zyn_gemm_rows& b, const zyn_gemm_vector* vectors, int64_t count,
-                        int64_t lanes, const float* packed, int64_t block,
-                        const zyn_gemm_output& output) {
+void scattered_in_blocks(const zyn_gemm_rows& b, const zyn_gemm_vector* vectors, int64_t count,
+                         int64_t lanes, const float* packed, int64_t block,
+                         const zyn_gemm_output& output) {
   const walk w = make_walk(b, lanes, packed, block, output);
   const int64_t wide = w.set.wide_columns / lanes;
   int64_t i = 0;
   for (; i + wide <= count; i += wide) w.scattered(vectors + i);
   for (; i < count; i++) w.narrow(vectors[i].from, vectors[i].to, lanes);
+}
+
+// Whether the last block's rows that exist get tiles of their own: where so few blocks go before
+// that those that do not would show.
+bool has_slim_rows(const zyn_gemm_output& output, int64_t block) {
+  return block == 4 && output.rows % block != 0 && output.rows / block < kCopyBlocks;
+}
+
+zyn_gemm_output whole_blocks(const zyn_gemm_output& output, int64_t block) {
+  return {output.data, output.pitch, output.rows / block * block, output.epilogue};
+}
+
+// Of strips, whose values several taps read, as many channels at a time as stay in the first
+// cache level.
+void slim_rows(const zyn_gemm_rows& b, const zyn_gemm_vector* vectors, int64_t count, int64_t lanes,
+               const float* packed, int64_t block, const zyn_gemm_output& output) {
+  const int64_t row = output.rows / block * block;
+  const int64_t in_cache = zyn_larger(kGroupBytes / (zyn_larger(b.channel_stride, 1) * 4), 1);
+  const int64_t part = b.taps > 1 ? in_cache : b.channels;
+  alignas(64) float sums[kVectorsAtOnce * kMostSlimRows * kZynVectorFloats];
+  for (int64_t first = 0; first < b.channels; first += part) {
+    const walk w = {b, set_of(block, 8), packed, output, 0, 0};
+    const zyn_gemm_tile_job j = w.job(row / block, first, zyn_smaller(first + part, b.channels));
+    zyn_gemm_rows some = b;
+    some.base = j.x;
+    some.channels = j.channels;
+    const bool last = first + part >= b.channels;
+    zyn_gemm_slim_tiles(
+        {some, j.weights, j.out, j.pitch, j.bias, j.activation, sums, j.resume, last}, j.rows,
+        lanes, vectors, count);
+  }
+}
+
+// Columns side by side, at least 8.
+void slim_columns(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
+                  const zyn_gemm_output& output) {
+  const int64_t lanes = columns < kZynVectorFloats ? 8 : kZynVectorFloats;
+  zyn_gemm_vector vectors[kVectorsAtOnce];
+  int64_t count = 0;
+  for (int64_t column = 0; column + lanes <= columns; column += lanes) {
+    vectors[count++] = {column, column};
+    if (count < kVectorsAtOnce && column + 2 * lanes <= columns) continue;
+    slim_rows(b, vectors, count, lanes, packed, block, output);
+    count = 0;
+  }
+  vectors[0] = {columns - lanes, columns - lanes};
+  if (columns % lanes != 0) slim_rows(b, vectors, 1, lanes, packed, block, output);
+}
+
+// Whether a last column is left that would cost a vector of columns: planes of 5 x 5, 7 x 7, 13 x
+// 13 and other odd sides.
+bool has_last_column(const zyn_gemm_rows& b, int64_t columns, int64_t rows) {
+  return b.taps == 1 && b.channels <= kMostColumn && columns > 8 && columns % 8 == 1 &&
+         rows >= kLastColumnRows;
+}
+
+// Column number column by itself: a product by a vector, the same sums.
+void last_column(const zyn_gemm_rows& b, int64_t column, const float* packed, int64_t block,
+                 const zyn_gemm_output& output) {
+  float x[kMostColumn], y[kMostColumnRows];
+  for (int64_t i = 0; i < b.channels; i++) x[i] = b.base[i * b.channel_stride + column];
+  const int64_t at_once = 8 * block;
+  const zyn_conv_epilogue& e = output.epilogue;
+  for (int64_t row = 0; row < output.rows; row += at_once) {
+    const int64_t count = zyn_smaller(at_once, output.rows - row);
+    zyn_gemm_blocks_by_vector(count, b.channels, packed + row * b.channels, block, x, y);
+    zyn_conv_finish_rows(y, count, 1, {e.bias ? e.bias + row : nullptr, e.activation});
+    float* to = output.data + row * output.pitch + column;
+    for (int64_t r = 0; r < count; r++) to[r * output.pitch] = y[r];
+  }
+}
+
+}  // namespace
+
+void zyn_gemm_in_place(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
+                       const zyn_gemm_output& output) {
+  if (has_last_column(b, columns, output.rows)) last_column(b, --columns, packed, block, output);
+  if (columns < 8 || !has_slim_rows(output, block))
+    return in_blocks(b, columns, packed, block, output);
+  const zyn_gemm_output whole = whole_blocks(output, block);
+  if (whole.rows == 0) return slim_columns(b, columns, packed, block, output);
+  // Groups of columns stay in the first cache level until the last rows read them.
+  const int64_t group = zyn_larger(kGroupBytes / (b.channels * 4) / kGroupUnit, 1) * kGroupUnit;
+  zyn_gemm_rows from = b;
+  zyn_gemm_output some = whole, last = output;
+  for (int64_t here = 0; columns > 0; columns -= here) {
+    here = columns < group + 8 ? columns : group;
+    in_blocks(from, here, packed, block, some);
+    slim_columns(from, here, packed, block, last);
+    from.base += here;
+    some.data += here;
+    last.data += here;
+  }
+}
+
+void zyn_gemm_scattered(const zyn_gemm_rows& b, const zyn_gemm_vector* vectors, int64_t count,
+                        int64_t lanes, const float* packed, int64_t block,
+                        const zyn_gemm_output& output) {
+  const bool slim = has_slim_rows(output, block);
+  const zyn_gemm_output whole = slim ? whole_blocks(output, block) : output;
+  if (whole.rows > 0) scattered_in_blocks(b, vectors, count, lanes, packed, block, whole);
+  for (int64_t i = 0; slim && i < count; i += kVectorsAtOnce)
+    slim_rows(b, vectors + i, zyn_smaller(count - i, kVectorsAtOnce), lanes, packed, block, output);
 }

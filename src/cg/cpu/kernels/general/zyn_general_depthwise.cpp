@@ -9,7 +9,8 @@
 namespace {
 
 constexpr int32_t kLanes = 8;
-constexpr int64_t kRowFloats = 6 * 1024;  // of gathered rows: half the first cache level
+constexpr int64_t kRowFloats = 6 * 1024;       // of gathered rows: half the first cache level
+constexpr int64_t kMostRowFloats = 32 * 1024;  // where few rows would be gathered again and again
 constexpr int64_t kMostRectangles = 4096;
 // The more rectangles there are, the less of their branches the processor foresees.
 constexpr double kRectangleCycles = 2, kMostRectangleCycles = 70;
@@ -89,7 +90,12 @@ bool find_spans(const axis& a, zyn_list<span>* spans) {
 int32_t strip_rows(const plan& p) {
   const axis y = axis_y(p);
   const int64_t row = int64_t{kLanes} * p.pitch;
-  int64_t rows = (kRowFloats / row - y.reach() - 1) / y.stride + 1;
+  const auto fitting = [&](int64_t floats) {
+    return (floats / row - y.reach() - 1) / y.stride + 1;
+  };
+  // Rows that two strips read are at most half as many as others.
+  int64_t rows = zyn_larger(fitting(kRowFloats), zyn_smaller(fitting(kMostRowFloats),
+                                                             zyn_units(2 * y.reach(), y.stride)));
   if (rows < 1) rows = 1;
   if (rows >= y.out) return y.out;
   const int64_t strips = zyn_units(y.out, rows);  // of nearly equal size

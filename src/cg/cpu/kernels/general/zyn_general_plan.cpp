@@ -30,10 +30,12 @@ double line_cycles(int32_t blocks, int64_t pixels) {
 }
 
 int32_t choose_blocks(const layer& l, int64_t pixels) {
-  constexpr int32_t kCandidates[] = {2, 3, 1, 4, 8};
+  // What comes first wins among equals. Three blocks load least; what is left over would lose that.
+  const bool threes = zyn_general_block_count(l) % 3 == 0;
+  const int32_t candidates[] = {threes ? 3 : 2, threes ? 2 : 3, 1, 4, 8};
   int32_t best = 1;
   double best_cycles = 0;
-  for (const int32_t candidate : kCandidates) {
+  for (const int32_t candidate : candidates) {
     double cycles = 0;
     for (int32_t left = zyn_general_block_count(l), taken = 0; left > 0; left -= taken) {
       taken = zyn_general_blocks_within(left < candidate ? left : candidate);

@@ -41,24 +41,32 @@ void set_block(zyn_conv_plan* plan, uint32_t channels) {
       plan->kind == ZYN_PLAN_GENERIC ? channels : (channels + block - 1) / block * block;
 }
 
-// Packs (kinds 1 to 5) or copies the weights.
+// Rows of a block of the second copy of the weights; 0 where there is none.
+int64_t second_block(const zyn_conv_plan* plan) {
+  if (zyn_conv_is_by_vector(plan)) return ZYN_GEMM_VECTOR_ROWS;
+  return plan->kind == ZYN_PLAN_GENERIC && zyn_conv_in_strips(plan) ? plan->channel_block : 0;
+}
+
+// Packs (kinds 1 to 5) or copies the weights, of kind 0 both where its run reads them packed.
 void fill_weights(const zyn_conv_plan* plan, const float* weights) {
   const int64_t k = plan->k;
   if (plan->kind == ZYN_PLAN_GENERIC || !is_dense(plan))
     memcpy(plan->weights, weights, static_cast<size_t>(plan->padded_rows * k) * sizeof(float));
   else
     zyn_gemm_pack_weights(plan->output_channels, k, plan->channel_block, weights, k, plan->weights);
-  if (zyn_conv_is_by_vector(plan))
-    zyn_gemm_pack_weights(plan->output_channels, k, ZYN_GEMM_VECTOR_ROWS, weights, k,
-                          plan->weights + zyn_conv_vector_weights(plan));
+  const int64_t block = second_block(plan),
+                run = zyn_conv_is_by_vector(plan) ? k : int64_t{ZYN_GEMM_RUN};
+  float* second = plan->weights + zyn_conv_second_weights(plan);
+  for (int64_t first = 0; block > 0 && first < k; first += run)
+    zyn_gemm_pack_weights(plan->output_channels, zyn_smaller(run, k - first), block,
+                          weights + first, k,
+                          second + first * zyn_round_up(plan->output_channels, block));
 }
 
 int64_t weight_floats(const zyn_conv_plan* plan) {
-  const int64_t by_vector =
-      zyn_conv_is_by_vector(plan)
-          ? zyn_round_up(plan->output_channels, ZYN_GEMM_VECTOR_ROWS) * plan->k
-          : 0;
-  return zyn_conv_vector_weights(plan) + by_vector;
+  const int64_t block = second_block(plan);
+  return zyn_conv_second_weights(plan) +
+         (block ? zyn_round_up(plan->output_channels, block) * plan->k : 0);
 }
 
 int64_t in_lines(int64_t floats) { return zyn_round_up(floats, 16); }
@@ -72,8 +80,7 @@ float* take_region(float* block, int64_t* at, int64_t floats) {
 
 zyn_conv_scratch_sizes scratch_sizes(zyn_conv_plan* plan) {
   if (!is_dense(plan)) return zyn_conv_depthwise_sizes(plan);
-  const bool strips = plan->kind >= ZYN_PLAN_DENSE_3X3 && plan->kind <= ZYN_PLAN_DENSE_5X5_S2;
-  return strips ? zyn_conv_plan_dense(plan) : zyn_conv_scratch_sizes{};
+  return zyn_conv_in_strips(plan) ? zyn_conv_plan_dense(plan) : zyn_conv_scratch_sizes{};
 }
 
 // False when memory is short.

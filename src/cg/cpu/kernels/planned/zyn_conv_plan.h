@@ -22,9 +22,9 @@ enum {
   ZYN_PLAN_DEPTHWISE_5X5_S2 = 9
 };
 
-// Kinds 1 to 4 copy a strip of input rows with their zero border, channel by channel,
-// and read the columns of the product from there. Stride 2 splits a strip by the parity
-// of padded row and column into 4 phases, so that neighbouring output columns read
+// Kinds 1 to 4, and many layers of kind 0, copy a strip of input rows with their zero border,
+// channel by channel, and read the columns of the product from there. Stride 2 splits a strip by
+// the parity of padded row and column into 4 phases, so that neighbouring output columns read
 // neighbouring floats in every phase.
 struct zyn_conv_strip {
   int64_t rows;            // output rows per strip
@@ -39,10 +39,11 @@ struct zyn_conv_strip {
 // each a whole number of cache lines, null where a kind does not use it.
 struct zyn_conv_scratch {
   float* block;     // all of them
-  float* strip;     // kinds 1 to 4: copied input rows with their border, at most those of
+  float* strip;     // by strips: copied input rows with their border, at most those of
                     // 128 K floats or, if that is more, those under one output row
-  float* panel;     // kinds 1 to 4: an aligned copy of ZYN_GEMM_PANEL of the product's columns
-  float* products;  // flat strips: the products with their border, less than 4 outputs
+  float* panel;     // by strips: an aligned copy of ZYN_GEMM_PANEL of the product's columns
+  float* products;  // flat strips: the products with their border, less than 4 outputs; in runs:
+                    // those of one run, less than the output
   float* zeros;     // depthwise: a row of zeros, for rows outside of the image
   float* lanes;     // depthwise by 8 channels: 8 channels' weights, planes and sums
 };
@@ -60,14 +61,14 @@ struct zyn_conv_plan {
   uint32_t weights_per_row;  // k
   uint32_t padded_rows;      // rows of the packed weights: a multiple of the channel block
                              // (kinds 1 to 5), all channels (0), 1 (depthwise)
-  float* weights;            // padded_rows * k floats, behind them those in blocks for a vector
+  float* weights;            // padded_rows * k floats, behind them what kind 0 packs
   int32_t kind;              // ZYN_PLAN_*
   uint32_t threads;
 
   // The layer, for the run functions. Kernel, stride and padding are the same along both axes.
   int32_t input_channels, input_w, input_h;
   int32_t kernel, stride, pad;
-  zyn_conv_strip strip;  // kinds 1 to 4
+  zyn_conv_strip strip;  // where zyn_conv_in_strips
   zyn_conv_scratch scratch;
 };
 
@@ -76,8 +77,28 @@ struct zyn_conv_plan {
 inline bool zyn_conv_is_by_vector(const zyn_conv_plan* plan) {
   return plan->kind == ZYN_PLAN_GENERIC && plan->output_pixels == 1;
 }
-inline int64_t zyn_conv_vector_weights(const zyn_conv_plan* plan) {
+// Whether the product reads its columns from strips: kinds 1 to 4, and kind 0, in runs of terms as
+// the general multiply's.
+enum { ZYN_CONV_STRIP_KERNEL = 7 };  // the largest kernel, for kind 0
+inline bool zyn_conv_in_runs(const zyn_conv_plan* plan) {
+  return plan->kind == ZYN_PLAN_GENERIC && plan->k > ZYN_GEMM_RUN;
+}
+inline bool zyn_conv_in_strips(const zyn_conv_plan* plan) {
+  if (plan->kind != ZYN_PLAN_GENERIC)
+    return plan->kind >= ZYN_PLAN_DENSE_3X3 && plan->kind <= ZYN_PLAN_DENSE_5X5_S2;
+  if (plan->output_w < 8 || plan->kernel == 1 || plan->kernel > ZYN_CONV_STRIP_KERNEL ||
+      plan->stride > 2)
+    return false;
+  // Many outputs earn a column matrix back sooner than lanes that are idle at the ends of rows.
+  const int64_t w = plan->output_w, idle = zyn_round_up(w, 8) - w;
+  return !zyn_conv_in_runs(plan) || idle * plan->output_channels < 16 * w;
+}
+// Where the weights that kind 0 packs begin, by vector or, run by run, by strips.
+inline int64_t zyn_conv_second_weights(const zyn_conv_plan* plan) {
   return zyn_round_up(static_cast<int64_t>(plan->padded_rows) * plan->weights_per_row, 16);
+}
+inline const float* zyn_conv_strip_weights(const zyn_conv_plan* plan) {
+  return plan->weights + (plan->kind == ZYN_PLAN_GENERIC ? zyn_conv_second_weights(plan) : 0);
 }
 
 // How many floats the regions hold.
@@ -85,7 +106,7 @@ struct zyn_conv_scratch_sizes {
   int64_t strip, panel, products, zeros, lanes;
 };
 
-// The strip of a plan of kinds 1 to 4 and the sizes of its scratch.
+// The strip of a plan by strips and the sizes of its scratch.
 zyn_conv_scratch_sizes zyn_conv_plan_dense(zyn_conv_plan* plan);
 // The sizes of the scratch of a depthwise plan.
 zyn_conv_scratch_sizes zyn_conv_depthwise_sizes(const zyn_conv_plan* plan);

@@ -1,10 +1,12 @@
 // Method 2, planned kernels: the run, which checks its arguments and decides by the plan's
 // kind (zyn_conv_plan.cpp, which picks the kind):
-//   generic                      here: column matrix and general multiply
+//   generic                      here: column matrix and general multiply; most of strides 1
+//                                and 2 as dense 3x3
 //   pointwise                    here: the input's planes are the columns
 //   dense 3x3, 5x5               zyn_conv_planned_dense.cpp
 //   depthwise 3x3 by 8 channels  zyn_conv_planned_dw_lanes.cpp, for small planes
 //   other depthwise              zyn_conv_planned_dw.cpp, stride 1 and 2
+#include <immintrin.h>
 #include <string.h>
 
 #include "base/zyn_memory.h"
@@ -83,6 +85,42 @@ void fill_columns(float* columns, const float* input, const zyn_conv_plan* p,
         fill_row(columns, input + c * plane, p, ky, kx, run);
 }
 
+// The same for rows of few pixels, where runs are so short that calls would cost more than copies:
+// where in a plane each value of a channel's columns lies (-1: outside), then every channel by
+// that.
+constexpr int64_t kShortRow = 16;
+constexpr int64_t kMostPlaces = 4096;
+constexpr int32_t kPlacesChannels = 4;  // fewer do not earn the list back
+
+int64_t places_of(const zyn_conv_plan* p, int64_t pixels) {
+  const int64_t places = int64_t{p->kernel} * p->kernel * pixels;
+  const bool pays = p->output_w < kShortRow && p->input_channels >= kPlacesChannels;
+  return pays && pixels > 1 && places <= kMostPlaces ? places : 0;
+}
+
+void fill_by_places(float* columns, const float* input, const zyn_conv_plan* p,
+                    const pixel_run& run, int32_t* places) {
+  const int64_t w = p->input_w, h = p->input_h;
+  int64_t count = 0;
+  for (int64_t ky = 0; ky < p->kernel; ky++)
+    for (int64_t kx = 0; kx < p->kernel; kx++)
+      for (int64_t i = 0, x = run.x, y = run.y; i < run.count; i++) {
+        const int64_t ix = x * p->stride + kx - p->pad, iy = y * p->stride + ky - p->pad;
+        const bool inside = ix >= 0 && ix < w && iy >= 0 && iy < h;
+        places[count++] = inside ? static_cast<int32_t>(iy * w + ix) : -1;
+        if (++x == p->output_w) x = 0, y++;
+      }
+  for (int64_t c = 0; c < p->input_channels; c++, input += w * h, columns += count)
+    for (int64_t i = 0; i < count; i += kVector) {
+      const __m256i lanes = zyn_first_lanes(count - i);
+      const __m256i at = _mm256_maskload_epi32(places + i, lanes);
+      const __m256i inside = _mm256_and_si256(lanes, _mm256_cmpgt_epi32(at, _mm256_set1_epi32(-1)));
+      const __m256 values = _mm256_mask_i32gather_ps(_mm256_setzero_ps(), input, at,
+                                                     _mm256_castsi256_ps(inside), sizeof(float));
+      _mm256_maskstore_ps(columns + i, lanes, values);
+    }
+}
+
 // The column of an output of one pixel: a row of taps sees neighbours in the image.
 void fill_column(float* column, const float* input, const zyn_conv_plan* p) {
   const int64_t w = p->input_w, h = p->input_h, kernel = p->kernel, pad = p->pad;
@@ -119,17 +157,21 @@ uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_
   // Parts are whole tiles, so that they cost no more work than one piece.
   const int64_t tiles = zyn_larger(kMostColumnFloats / k / ZYN_GEMM_WIDE, 1);
   const int64_t part = zyn_smaller(pixels, tiles * ZYN_GEMM_WIDE);
+  const int64_t place_count = places_of(plan, part);
   zyn_scratch<float> columns(k * part), panel(zyn_gemm_panel_floats(k));
-  if (!columns || !panel) return 2;
+  zyn_scratch<int32_t> places(place_count);
+  if (!columns || !panel || (place_count > 0 && !places)) return 2;
   for (int64_t first = 0; first < pixels; first += part) {
     const pixel_run run = {first % plan->output_w, first / plan->output_w,
                            zyn_smaller(part, pixels - first)};
     if (pixels == 1)
       fill_column(columns.get(), input, plan);
+    else if (places)
+      fill_by_places(columns.get(), input, plan, run, places.get());
     else
       fill_columns(columns.get(), input, plan, run);
     if (zyn_conv_is_by_vector(plan))
-      zyn_gemm_by_vector(rows, k, plan->weights + zyn_conv_vector_weights(plan), columns.get(),
+      zyn_gemm_by_vector(rows, k, plan->weights + zyn_conv_second_weights(plan), columns.get(),
                          output);
     else
       zyn_gemm_general({rows, run.count, k, 1.0f, 0.0f, plan->weights, k, columns.get(), run.count,
@@ -196,7 +238,8 @@ uint32_t zyn_cg_conv_run_planned_fused(zyn_tensor* output, const zyn_tensor* inp
   const float* from = static_cast<const float*>(input->data);
   switch (plan->kind) {
     case ZYN_PLAN_GENERIC:
-      return zyn_conv_run_generic(to, from, plan, e);
+      return zyn_conv_in_strips(plan) ? zyn_conv_run_dense(to, from, plan, e)
+                                      : zyn_conv_run_generic(to, from, plan, e);
     case ZYN_PLAN_POINTWISE:
       return zyn_conv_run_pointwise(to, from, plan, e);
     case ZYN_PLAN_DENSE_3X3:

@@ -1,8 +1,8 @@
-// Dense 3 x 3 and 5 x 5 convolutions of method 2 (padding half the kernel, stride 1 or
-// 2): strips of input rows are copied with their zero border into the plan's scratch,
-// and the product reads its columns from there, tap by tap. Wide outputs are computed
-// row by row; in narrow ones, where whole vectors would waste lanes at every row's end,
-// a strip is one run of columns whose border products are dropped afterwards.
+// Dense convolutions of method 2 with strides 1 and 2, 3 x 3 and 5 x 5 with padding half the
+// kernel and smaller ones of any: strips of input rows are copied with their zero border into the
+// plan's scratch, and the product reads its columns from there, tap by tap. Wide outputs are
+// computed row by row; in narrow ones, where whole vectors would waste lanes at every row's end, a
+// strip is one run of columns whose border products are dropped afterwards.
 #include <immintrin.h>
 #include <string.h>
 
@@ -15,7 +15,7 @@ constexpr int64_t kLargeStripFloats = 128 * 1024;  // fits the second-level cach
 constexpr int64_t kLargeStripRows = 12;  // enough to make the rows that two strips copy few
 constexpr int64_t kRowUnit = 6;          // rows that make whole tiles of 2 or 3 vectors
 constexpr int64_t kVector = 8;
-constexpr int64_t kMostTaps = 25;
+constexpr int64_t kMostTaps = ZYN_CONV_STRIP_KERNEL * ZYN_CONV_STRIP_KERNEL;
 constexpr int64_t kVectorsAtOnce = 96;  // whole tiles of 2 and of 3 vectors
 
 // Columns of a flat strip of rows output rows.
@@ -54,8 +54,11 @@ void copy_row(const zyn_conv_plan* p, const float* row, float* to) {
       if (p->stride == 2) _mm256_storeu_ps(odd + q, _mm256_setzero_ps());
     }
   } else if (p->stride == 1) {
-    for (int64_t q = 0; q < pitch; q += kVector)
-      _mm256_storeu_ps(to + q, load(row, q - pad, width));
+    int64_t q = 0;
+    for (; q < pad; q += kVector) _mm256_storeu_ps(to + q, load(row, q - pad, width));
+    for (; q < pitch && q - pad + kVector <= width; q += kVector)
+      _mm256_storeu_ps(to + q, _mm256_loadu_ps(row + q - pad));
+    for (; q < pitch; q += kVector) _mm256_storeu_ps(to + q, load(row, q - pad, width));
   } else {
     for (int64_t q = 0; q < pitch; q += kVector) {
       const int64_t x = 2 * q - pad;
@@ -96,8 +99,8 @@ void multiply_flat(const zyn_conv_plan* p, const zyn_gemm_rows& b, int64_t y, in
                    float* products, float* output, const zyn_conv_epilogue& epilogue) {
   const int64_t w = p->output_w, h = p->output_h, channels = p->output_channels;
   const int64_t pitch = zyn_round_up(flat_columns(p, p->strip.rows), kVector);
-  zyn_gemm_in_place(b, zyn_round_up(flat_columns(p, rows), kVector), p->weights, p->channel_block,
-                    {products, pitch, channels, epilogue});
+  zyn_gemm_in_place(b, zyn_round_up(flat_columns(p, rows), kVector), zyn_conv_strip_weights(p),
+                    p->channel_block, {products, pitch, channels, epilogue});
   for (int64_t c = 0; c < channels; c++)
     for (int64_t r = 0; r < rows; r++)
       memcpy(output + c * w * h + (y + r) * w, products + c * pitch + r * p->strip.pitch,
@@ -106,10 +109,9 @@ void multiply_flat(const zyn_conv_plan* p, const zyn_gemm_rows& b, int64_t y, in
 
 // The product of a strip row by row, in vectors of which the last ends with the row. Tiles
 // take the vectors that come next, be they of one row or of two.
-void multiply_rows(const zyn_conv_plan* p, const zyn_gemm_rows& b, int64_t y, int64_t rows,
-                   float* output, const zyn_conv_epilogue& epilogue) {
+void multiply_rows(const zyn_conv_plan* p, const zyn_gemm_rows& b, const float* weights,
+                   int64_t rows, const zyn_gemm_output& out) {
   const int64_t w = p->output_w, lanes = w < kZynVectorFloats ? kVector : kZynVectorFloats;
-  const zyn_gemm_output out = {output + y * w, w * p->output_h, p->output_channels, epilogue};
   zyn_gemm_vector vectors[kVectorsAtOnce];
   int64_t count = 0;
   for (int64_t r = 0; r < rows; r++)
@@ -117,9 +119,29 @@ void multiply_rows(const zyn_conv_plan* p, const zyn_gemm_rows& b, int64_t y, in
       const int64_t x = zyn_smaller(column, w - lanes);
       vectors[count++] = {r * p->strip.pitch + x, r * w + x};
       if (count < kVectorsAtOnce && (r < rows - 1 || column + lanes < w)) continue;
-      zyn_gemm_scattered(b, vectors, count, lanes, p->weights, p->channel_block, out);
+      zyn_gemm_scattered(b, vectors, count, lanes, weights, p->channel_block, out);
       count = 0;
     }
+}
+
+// The same in runs of terms, whose sums are added to the output one after the other.
+void multiply_runs(const zyn_conv_plan* p, const int64_t* offsets, int64_t rows, float* output) {
+  const int64_t k = p->k, taps = int64_t{p->kernel} * p->kernel, channels = p->output_channels;
+  const int64_t pixels = p->output_pixels, some = rows * p->output_w;
+  const float* weights = zyn_conv_strip_weights(p);
+  for (int64_t first = 0, count = 0; first < k; first += count) {
+    count = zyn_smaller(ZYN_GEMM_RUN, k - first);
+    int64_t at[ZYN_GEMM_RUN];
+    for (int64_t i = 0; i < count; i++)
+      at[i] = (first + i) / taps * p->strip.channel_floats + offsets[(first + i) % taps];
+    const float* base = p->scratch.strip + (count == 1 ? at[0] : 0);
+    float* products = first == 0 ? output : p->scratch.products;
+    multiply_rows(p, {base, 0, 1, count, at, p->scratch.panel}, weights, rows,
+                  {products, first == 0 ? pixels : some, channels, {}});
+    weights += count * zyn_round_up(channels, p->channel_block);
+    for (int64_t c = 0; first > 0 && c < channels; c++)
+      for (int64_t i = 0; i < some; i++) output[c * pixels + i] += products[c * some + i];
+  }
 }
 
 }  // namespace
@@ -130,7 +152,8 @@ zyn_conv_scratch_sizes zyn_conv_plan_dense(zyn_conv_plan* p) {
   const int64_t phases = static_cast<int64_t>(p->stride) * p->stride;
   const int64_t output_w = p->output_w;
   s->pitch = output_w + overlap;
-  s->flat = output_w < kVector || s->pitch * 15 < zyn_round_up(output_w, kVector) * 14;
+  s->flat = output_w < kVector ||
+            (!zyn_conv_in_runs(p) && s->pitch * 15 < zyn_round_up(output_w, kVector) * 14);
   // Rows that begin on a vector are written without straddling cache lines.
   if (!s->flat) s->pitch = zyn_round_up(s->pitch, kVector);
   const int64_t row = phases * p->input_channels * s->pitch;
@@ -145,9 +168,11 @@ zyn_conv_scratch_sizes zyn_conv_plan_dense(zyn_conv_plan* p) {
   // An odd number of cache lines: channels spread over all sets of the cache.
   s->channel_floats = (phases * s->phase_floats + 31) / 32 * 32 + 16;
   const int64_t products =
-      s->flat ? p->output_channels * zyn_round_up(flat_columns(p, s->rows), kVector) : 0;
-  return {s->channel_floats * p->input_channels, ZYN_GEMM_PANEL * static_cast<int64_t>(p->k),
-          products, 0, 0};
+      s->flat               ? p->output_channels * zyn_round_up(flat_columns(p, s->rows), kVector)
+      : zyn_conv_in_runs(p) ? p->output_channels * s->rows * output_w
+                            : 0;
+  const int64_t terms = zyn_conv_in_runs(p) ? int64_t{ZYN_GEMM_RUN} : int64_t{p->k};
+  return {s->channel_floats * p->input_channels, ZYN_GEMM_PANEL * terms, products, 0, 0};
 }
 
 uint32_t zyn_conv_run_dense(float* output, const float* input, const zyn_conv_plan* p,
@@ -162,10 +187,15 @@ uint32_t zyn_conv_run_dense(float* output, const float* input, const zyn_conv_pl
   for (int64_t y = 0; y < p->output_h; y += s.rows) {
     const int64_t rows = zyn_smaller(s.rows, p->output_h - y);
     copy_strip(p, input, y, rows, scratch.strip);
-    if (s.flat)
+    if (zyn_conv_in_runs(p))
+      multiply_runs(p, offsets, rows, output + y * p->output_w);
+    else if (s.flat)
       multiply_flat(p, b, y, rows, scratch.products, output, epilogue);
     else
-      multiply_rows(p, b, y, rows, output, epilogue);
+      multiply_rows(p, b, zyn_conv_strip_weights(p), rows,
+                    {output + y * p->output_w, p->output_pixels, p->output_channels, epilogue});
   }
+  if (zyn_conv_in_runs(p))
+    zyn_conv_finish_rows(output, p->output_channels, p->output_pixels, epilogue);
   return 0;
 }
