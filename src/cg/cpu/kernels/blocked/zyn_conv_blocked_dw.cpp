@@ -183,7 +183,7 @@ void rows(const planes& p, int32_t y) {
     for (; inside >= 8; inside -= 8) s.eight(wide);
   }
   if constexpr (kPairs && Width == 8 && Stride == 1) {
-    if (inside >= kFewPixels) inside = s.in_pairs(filter<16>(p), inside);
+    if (inside >= kFewPixels) inside = s.in_pairs(filter<2 * Width>(p), inside);
   }
   for (; inside >= kTilePixels; inside -= kTilePixels) s.template tile<kTilePixels, 0, 3>(f);
   for (; inside > 0; inside--) s.template tile<1, 0, 3>(f);
