@@ -115,6 +115,20 @@ TEST(Ops, ReshapeCopiesWhateverTheCountsAndClearsTheRest) {
   }
 }
 
+TEST(Ops, ChannelsAreTakenFromEveryImage) {
+  const Array in = ramp({2, 3, 4, 2});
+  const int32_t last = 3;
+  Net net;
+  const int x = net.input(in);
+  const int slice = net.op(ZYN_OP_CHANNEL_SLICE, zyn_slice_param{0, 4, last, 1, 0}, {x});
+  const int gather = net.op(ZYN_OP_CHANNEL_GATHER, zyn_gather_param{1, &last}, {x});
+  ASSERT_EQ(net.go(), 0);
+  for (const Array& out : {net.output(slice), net.output(gather)}) {
+    ASSERT_EQ(out.dims, (std::vector<int>{2, 3, 1, 2}));
+    for (size_t i = 0; i < 12; i++) EXPECT_EQ(out.v[i], in.v[18 + i % 6 + i / 6 * 24]) << i;
+  }
+}
+
 TEST(Ops, ActivationsAtTheirEnds) {
   const double inf = HUGE_VAL;
   Array in = list({-inf, -1e30, -100, -20, -3, -1, -0.0, 0, 1, 3, 7, 19, 21, 88, 1e30, inf, NAN});

@@ -314,5 +314,8 @@ const zyn_gemm_tile_set zyn_gemm_wide_tiles_6 = set_of_6<16>();
 
 void zyn_gemm_slim_tiles(const zyn_gemm_slim_job& job, int64_t rows, int64_t lanes,
                          const zyn_gemm_vector* vectors, int64_t count) {
-  (lanes == 8 ? slim<8> : slim<kZynVectorFloats>)(job, rows, vectors, count);
+  if (kZynVectorFloats > 8 && lanes > 8)
+    slim<kZynVectorFloats>(job, rows, vectors, count);
+  else
+    slim<8>(job, rows, vectors, count);
 }
