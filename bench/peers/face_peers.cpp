@@ -1,4 +1,5 @@
 // A whole frame with faces against OpenCV dnn, one thread (see kHelp).
+#include <algorithm>
 #include <opencv2/imgproc.hpp>
 
 #include "opencv_layer.h"
@@ -97,7 +98,10 @@ class Peer {
                          inside.x - crop.x, crop.br().x - inside.br().x, cv::BORDER_CONSTANT);
     cv::dnn::blobFromImage(square, blob_, 1 / 128.0, {kCrop, kCrop}, cv::Scalar::all(127), true);
     landmarks_.setInput(blob_);
-    cv::Mat points = landmarks_.forward().reshape(2, 68).clone();
+    landmarks_.forward(outputs_, landmarks_.getUnconnectedOutLayersNames());  // a judge's too
+    const auto marks = std::find_if(outputs_.begin(), outputs_.end(),
+                                    [](const cv::Mat& output) { return output.total() == 2 * 68; });
+    cv::Mat points = marks->reshape(2, 68).clone();
     points = points * side;
     return points + cv::Scalar(crop.x, crop.y);
   }
