@@ -156,17 +156,16 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
         ZYN_UNROLL for (int b = 0; b < Blocks; b++) lanes::add_product(sum[b][i], value, weight[b]);
       }
     };
+    const auto next_tap = [&]() __attribute__((always_inline)) {
+      zyn_own_pointer(++in);
+      ZYN_UNROLL for (int b = 0; b < Blocks; b++) zyn_own_pointer(w[b] += OB);
+    };
     // Small code rather than the last cycles: of few pixels, of one vector. Two vectors of 16 by 12
     // pixels are a loop long enough.
     if constexpr (joined_taps(OB, IB, Down) > 1) {
       ZYN_UNROLL for (int kx = 0; kx < 3; kx++) {
         add_input(0);
-        in++;
-        zyn_own_pointer(in);
-        ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
-          w[b] += OB;
-          zyn_own_pointer(w[b]);
-        }
+        next_tap();
       }
     } else if constexpr (Down || OB > 8 || Blocks == 1) {
       ZYN_UNROLL_BY(1) for (int ic = 0; ic < IB; ic++) add_input(ic);
