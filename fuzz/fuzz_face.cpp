@@ -132,18 +132,12 @@ void look(const zyn_face* faces, int32_t count, const zyn_face_options& o) {
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const zyn_fuzz::Memory memory;
   Input in(data, size);
-  const char* detector_keys[6][2] = {{"face.strides", "8"},
-                                     {"face.min-sizes", "4,8,12"},
-                                     {"face.variances", "0.1,0.2"},
-                                     {"face.role", "detector"},
-                                     {nullptr, nullptr},
-                                     {nullptr, nullptr}};
-  const char* landmark_keys[6][2] = {{"face.points", "68"},
-                                     {"face.crop", "1.25"},
-                                     {"face.left-eye", "36-41"},
-                                     {"face.mouth", "48,54"},
-                                     {"face.role", "landmarks"},
-                                     {"face.variances", "0.1,0.2"}};
+  const char* detector_keys[6][2] = {
+      {"face.strides", "8"},     {"face.min-sizes", "4,8,12"}, {"face.variances", "0.1,0.2"},
+      {"face.role", "detector"}, {nullptr, nullptr},           {nullptr, nullptr}};
+  const char* landmark_keys[6][2] = {{"face.points", "68"},      {"face.crop", "1.25"},
+                                     {"face.left-eye", "36-41"}, {"face.mouth", "48,54"},
+                                     {"face.role", "landmarks"}, {"face.variances", "0.1,0.2"}};
   const int planes = in.one_in(2) ? 1 : 3;
   const Bytes detector = network(in, true, detector_keys, planes);
   const Bytes landmarks = network(in, false, landmark_keys, 1);

@@ -8,7 +8,6 @@ namespace render {
 namespace {
 
 constexpr int kTruthFloats = 228;  // head_truth in order, then who, then 1 for a face
-constexpr int kMostFaces = 16;
 constexpr int kPicturesPerPerson = 3;
 
 struct stored {
@@ -191,7 +190,7 @@ void render_store_head(uint64_t seed, uint32_t index, int size, uint8_t* rgba, f
   pack(found, static_cast<int>(index / kPicturesPerPerson), face, truth);
 }
 
-// A picture for the detector: rgb width * height * 3; boxes kMostFaces * 5: x1, y1, x2, y2 in
+// A picture for the detector: rgb width * height * 3; boxes 16 * 5: x1, y1, x2, y2 in
 // pixels, 1 for a face that must be found or 0 for one too hidden or small to count.
 int render_scene(uint64_t seed, const uint8_t* heads, const float* truths, int first, int count,
                  int size, int width, int height, uint8_t* rgb, float* boxes) {

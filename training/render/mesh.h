@@ -54,6 +54,7 @@ class shadow_map {
 
  private:
   static constexpr int kSize = 192;
+  static constexpr float kMiddle = kSize / 2.0f;
   vec3 right_, down_, ahead_, origin_;
   float scale_;
   std::vector<float> depth_;

@@ -106,7 +106,7 @@ shadow_map::shadow_map(const std::vector<mesh>& meshes, vec3 towards_light)
     std::vector<vec3> places(m.vertices.size());
     for (size_t i = 0; i < places.size(); i++) {
       const vec3 p = m.vertices[i].seen - origin_;
-      places[i] = {dot(p, right_) * scale_ + kSize / 2, dot(p, down_) * scale_ + kSize / 2,
+      places[i] = {dot(p, right_) * scale_ + kMiddle, dot(p, down_) * scale_ + kMiddle,
                    dot(p, ahead_)};
     }
     each_triangle(m, [&](int ia, int ib, int ic) {
@@ -127,7 +127,7 @@ shadow_map::shadow_map(const std::vector<mesh>& meshes, vec3 towards_light)
 
 float shadow_map::at(vec3 seen) const {
   const vec3 p = seen - origin_;
-  const float x = dot(p, right_) * scale_ + kSize / 2, y = dot(p, down_) * scale_ + kSize / 2;
+  const float x = dot(p, right_) * scale_ + kMiddle, y = dot(p, down_) * scale_ + kMiddle;
   const float z = dot(p, ahead_) - 0.55f;  // so that a surface does not shade itself
   const int column = static_cast<int>(x), row = static_cast<int>(y);
   if (column < 2 || row < 2 || column > kSize - 3 || row > kSize - 3) return 0.0f;
