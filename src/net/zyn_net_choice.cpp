@@ -27,6 +27,7 @@ struct layer {
                // have kernels for these
   bool direct;  // kernel 3 or 5 with any padding below it, stride 1 or 2, no dilation: method 0 has
                 // kernels for depthwise ones
+  bool strips;  // of few input channels: method 2 reads columns from strips, usual or not
   int32_t kernel, stride;
   double taps, seen;  // of the kernel; those inside the input, a mean over the rows of outputs
   double in_channels, out_channels, pixels_in, pixels_out, rows_out;
@@ -67,6 +68,13 @@ double taps_inside(int64_t kernel, int64_t stride, int64_t pad, int64_t dilation
     sum += seen > 0 ? seen : 0;
   }
   return static_cast<double>(sum) / static_cast<double>(out);
+}
+
+bool in_strips(const zyn_conv_param& p, int32_t out_width) {
+  constexpr int32_t kFewInputs = 8, kMostKernel = 7, kLeastWidth = 8;
+  return p.kernel_h == p.kernel_w && p.kernel_h > 1 && p.kernel_h <= kMostKernel &&
+         p.stride_h == p.stride_w && p.stride_h <= 2 && p.dilation_h == 1 && p.dilation_w == 1 &&
+         out_width >= kLeastWidth && p.in_channels < kFewInputs;
 }
 
 double planar_depthwise(const layer& l) {
@@ -125,6 +133,10 @@ double planned_cost(const layer& l) {  // method 2
     return 2.1e-5 * work + 3.2e-5 * l.taps * l.pixels_in * l.in_channels +
            5e-5 * l.pixels_out * l.out_channels + 6.8e-5 * l.weights() + 0.016 * l.in_channels +
            0.4;
+  if (l.strips)
+    return 1.9e-5 * work + 3.2e-5 * l.taps * l.pixels_out * l.in_channels +
+           1e-4 * l.pixels_in * l.in_channels + 5e-5 * l.pixels_out * l.out_channels +
+           6.8e-5 * l.weights() + 0.4;
   return 2.05e-5 * work + 1.2e-4 * l.taps * l.pixels_out * l.in_channels +
          2e-4 * l.pixels_out * l.out_channels + 7e-3 * l.taps * l.in_channels * l.rows_out + 0.25;
 }
@@ -272,6 +284,7 @@ class chooser {
     const layer l = {p.groups != 1,
                      direct && p.pad_h == p.kernel_h / 2 && p.pad_w == p.pad_h,
                      direct,
+                     in_strips(p, width),
                      p.kernel_h > p.kernel_w ? p.kernel_h : p.kernel_w,
                      p.stride_h > p.stride_w ? p.stride_h : p.stride_w,
                      static_cast<double>(p.kernel_h) * p.kernel_w,
