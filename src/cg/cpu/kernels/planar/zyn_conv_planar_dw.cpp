@@ -13,16 +13,19 @@ constexpr int32_t kPixels = 8;
 // What a tile has to look out for.
 enum edge { kInside, kRowEdge, kColumnEdge };
 
-// One plane and its kernel.
-template <int Kernel>
+// One plane and its kernel; Half: padding is half the kernel, as it mostly is.
+template <int Kernel, bool Half>
 struct plane {
   const float* in;
   int32_t width, height;
   float* out;
   int32_t out_width, out_height;
-  int32_t pad_x, pad_y;
+  int32_t any_pad_x, any_pad_y;
   __m256 weights[Kernel * Kernel];
   zyn_planar_epilogue epilogue;
+
+  int32_t pad_x() const { return Half ? Kernel / 2 : any_pad_x; }
+  int32_t pad_y() const { return Half ? Kernel / 2 : any_pad_y; }
 };
 
 // The values that the taps of one kernel row see under 8 output pixels; row points at
@@ -61,12 +64,13 @@ struct window {
   }
 };
 
-template <int Kernel, int Stride, int Rows, edge Edge>
-void tile(const plane<Kernel>& p, const window<Kernel, Stride>& columns, int32_t y, int32_t x) {
+template <int Kernel, int Stride, int Rows, edge Edge, bool Half>
+void tile(const plane<Kernel, Half>& p, const window<Kernel, Stride>& columns, int32_t y,
+          int32_t x) {
   constexpr int kInRows = (Rows - 1) * Stride + Kernel;
-  const int32_t top = y * Stride - p.pad_y;
+  const int32_t top = y * Stride - p.pad_y();
   const int64_t width = p.width;
-  const float* row = p.in + top * width + x * Stride - p.pad_x;
+  const float* row = p.in + top * width + x * Stride - p.pad_x();
   __m256 sum[Rows];
   ZYN_UNROLL for (int j = 0; j < Rows; j++) sum[j] = _mm256_setzero_ps();
   ZYN_UNROLL for (int r = 0; r < kInRows; r++) {
@@ -98,25 +102,26 @@ void for_row_groups(int32_t height, const Action& action) {
   for (int32_t y = 0; y < height; y += Rows) action(y + Rows <= height ? y : height - Rows);
 }
 
-template <int Kernel, int Stride, int Rows>
-void convolve(const plane<Kernel>& p) {
+template <int Kernel, int Stride, int Rows, bool Half>
+void convolve(const plane<Kernel, Half>& p) {
   // Tiles [first, end) read inside the rows: the last column that one reads is
   // x * Stride - pad_x + kReach - 1.
   constexpr int32_t kReach = Stride == 1 ? kPixels + Kernel - 1 : 2 * kPixels + Kernel - 1;
-  const int32_t first = p.pad_x > 0 ? kPixels : 0;
+  const int32_t first = p.pad_x() > 0 ? kPixels : 0;
   int32_t end = first;
-  while (end + kPixels <= p.out_width && end * Stride - p.pad_x + kReach <= p.width) end += kPixels;
+  while (end + kPixels <= p.out_width && end * Stride - p.pad_x() + kReach <= p.width)
+    end += kPixels;
   for (int32_t x = 0; x < p.out_width; x += kPixels) {
     if (x == first) x = end;
     if (x >= p.out_width) break;
-    const window<Kernel, Stride> columns(x * Stride - p.pad_x, p.width);
+    const window<Kernel, Stride> columns(x * Stride - p.pad_x(), p.width);
     for_row_groups<Rows>(p.out_height, [&](int32_t y) {
       tile<Kernel, Stride, Rows, kColumnEdge>(p, columns, y, x);
     });
   }
   const window<Kernel, Stride> unmasked(0, 0);
   for_row_groups<Rows>(p.out_height, [&](int32_t y) {
-    const int32_t top = y * Stride - p.pad_y;
+    const int32_t top = y * Stride - p.pad_y();
     const bool inside = top >= 0 && top + (Rows - 1) * Stride + Kernel <= p.height;
     for (int32_t x = first; x < end; x += kPixels)
       if (inside)
@@ -126,19 +131,19 @@ void convolve(const plane<Kernel>& p) {
   });
 }
 
-template <int Kernel, int Stride>
-void convolve_all(const zyn_planar_layer& l) {
+template <int Kernel, int Stride, bool Half>
+void convolve_planes(const zyn_planar_layer& l) {
   for (int32_t c = 0; c < l.out_channels; c++) {
-    plane<Kernel> p = {l.in_plane(c),
-                       l.in_w,
-                       l.in_h,
-                       l.out_plane(c),
-                       l.out_w,
-                       l.out_h,
-                       l.shape.pad_x,
-                       l.shape.pad_y,
-                       {},
-                       zyn_planar_epilogue(l.epilogue, c)};
+    plane<Kernel, Half> p = {l.in_plane(c),
+                             l.in_w,
+                             l.in_h,
+                             l.out_plane(c),
+                             l.out_w,
+                             l.out_h,
+                             l.shape.pad_x,
+                             l.shape.pad_y,
+                             {},
+                             zyn_planar_epilogue(l.epilogue, c)};
     for (int i = 0; i < Kernel * Kernel; i++)
       p.weights[i] = _mm256_broadcast_ss(l.weights + static_cast<int64_t>(c) * Kernel * Kernel + i);
     if (l.out_h >= kRows)
@@ -146,6 +151,14 @@ void convolve_all(const zyn_planar_layer& l) {
     else
       convolve<Kernel, Stride, 1>(p);
   }
+}
+
+template <int Kernel, int Stride>
+void convolve_all(const zyn_planar_layer& l) {
+  if (l.shape.pad_x == Kernel / 2 && l.shape.pad_y == Kernel / 2)
+    convolve_planes<Kernel, Stride, true>(l);
+  else
+    convolve_planes<Kernel, Stride, false>(l);
 }
 
 }  // namespace
