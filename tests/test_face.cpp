@@ -419,7 +419,7 @@ TEST(FaceSession, FacesOfKnownNetworks) {
         EXPECT_NEAR(f.landmarks[2 * k], x + 1.2f - 9 + 18 * (marks[2 * k] + moved), 1e-3);
         EXPECT_NEAR(f.landmarks[2 * k + 1], y - 9 + 18 * marks[2 * k + 1], 1e-3);
       }
-      EXPECT_TRUE(same_bytes(f.landmarks, f.smoothed, sizeof(f.landmarks)));
+      EXPECT_TRUE(same_bytes(f.landmarks, f.smoothed, 136 * sizeof(float)));
       for (int k = 0; k < 2; k++) {
         EXPECT_EQ(f.points[4 + k], f.smoothed[60 + k]);
         EXPECT_EQ(f.points[6 + k], f.smoothed[96 + k]);

@@ -27,7 +27,7 @@ struct layer {
                // have kernels for these
   bool direct;  // kernel 3 or 5 with any padding below it, stride 1 or 2, no dilation: method 0 has
                 // kernels for depthwise ones
-  bool strips;  // of few input channels: method 2 reads columns from strips, usual or not
+  bool strips;  // in_strips
   int32_t kernel, stride;
   double taps, seen;  // of the kernel; those inside the input, a mean over the rows of outputs
   double in_channels, out_channels, pixels_in, pixels_out, rows_out;
@@ -70,6 +70,7 @@ double taps_inside(int64_t kernel, int64_t stride, int64_t pad, int64_t dilation
   return static_cast<double>(sum) / static_cast<double>(out);
 }
 
+// Where method 2 reads columns from strips and earns by it against the general kernels.
 bool in_strips(const zyn_conv_param& p, int32_t out_width) {
   constexpr int32_t kFewInputs = 8, kMostKernel = 7, kLeastWidth = 8;
   return p.kernel_h == p.kernel_w && p.kernel_h > 1 && p.kernel_h <= kMostKernel &&
