@@ -27,11 +27,12 @@ for layers in "$here"/layers/*.layers; do
 done
 for net in $nets shapes; do  # methods: see README.md
   layers=$here/layers/$net.layers
-  run "conv-$net" "$build/conv_peers" "$layers" --rounds "$rounds" --ms 2 --methods 2,1,4,5,0,3,-1
+  run "conv-$net" "$build/conv_peers" "$layers" --rounds "$rounds" --again 3 --ms 2 \
+    --methods 2,1,4,5,0,3,-1
   [ $net = shapes ] || run "net-$net" "$build/net_peers" "$layers" --runs $((30 * rounds)) \
     --layers "$layers" --net "$layers" --methods 2,1,0,3,-1
 done
-run op "$build/op_peers" --rounds "$rounds" --ms 3
+run op "$build/op_peers" --rounds "$rounds" --again 3 --ms 3
 run sgemm "$build/sgemm_peers" --rounds "$rounds" --ms 3
 run image "$build/image_peers" --rounds "$rounds" --ms 5
 run misc "$build/misc_peers" --rounds "$rounds" --ms 5

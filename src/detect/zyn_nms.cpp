@@ -3,12 +3,14 @@
 // the survivors behind it, eight overlaps at a time. Where many candidates outlast the first
 // passes they are spread over the cells of grids (see struct grid), and a pass visits the cells
 // near the pivot.
-// A column ends where the next one begins, so the last block of a pass is masked.
+// The run of a grid's cell ends where the next one begins, so the last block of a pass over it is
+// masked; columns as a whole have room for one more block.
 #include <immintrin.h>
 #include <math.h>
 #include <string.h>
 
 #include "base/zyn_explain.h"
+#include "base/zyn_integers.h"
 #include "base/zyn_memory.h"
 #include "simd/zyn_vectors.h"
 #include "zyncore.h"
@@ -73,6 +75,19 @@ struct columns {
   float *x1, *y1, *x2, *y2, *area;
   int32_t* index;
 };
+
+// Floats of a column: room for one more block, and beginnings that lie far from each other in the
+// lowest 12 bits of their addresses, by which processors take loads for those of recent stores.
+int64_t column_pitch(int64_t count) {
+  constexpr int64_t kPage = 4096 / sizeof(float);
+  constexpr int64_t kShift =
+      kPage / 7 & ~int64_t{15};  // of six columns no two meet at 1 to 6 of it
+  const int64_t needed = count + kLanes;
+  const int64_t pages = needed / kPage;
+  const int64_t shifts = zyn_units(needed % kPage, kShift);
+  return shifts > 6 ? (pages + 1) * kPage + kShift
+                    : pages * kPage + (shifts > 0 ? shifts : 1) * kShift;
+}
 
 // max(0, b - a) where a comparison with NaN is false.
 float extent(float a, float b) { return 0.0f < b - a ? b - a : 0.0f; }
@@ -188,14 +203,17 @@ int32_t pack_block(const columns& c, const box8& p, __m256 threshold, int32_t re
 }
 
 // One pass: drops what overlaps the pivot too much from the records first to end and
-// returns their new end.
-int32_t suppress(const columns& c, int32_t pivot, int32_t first, int32_t end, __m256 threshold) {
+// returns their new end. kPadded: a block behind them may be written. Columns by value and
+// inlined: 1.3 times as fast.
+template <bool kPadded>
+[[gnu::always_inline]] inline int32_t suppress(columns c, int32_t pivot, int32_t first, int32_t end,
+                                               __m256 threshold) {
   const box8 p = broadcast(c, pivot);
   int32_t write = first;
   int32_t read = first;
   for (; end - read >= kLanes; read += kLanes)
     write = pack_block<true>(c, p, threshold, read, write, kLanes);
-  if (read < end) write = pack_block<false>(c, p, threshold, read, write, end - read);
+  if (read < end) write = pack_block<kPadded>(c, p, threshold, read, write, end - read);
   return write;
 }
 
@@ -406,7 +424,8 @@ bool take_turn(const grid& g, const columns& c, int32_t b, size_class* own, __m2
   const int32_t pivot = home.kept++;
   move_record(c, pivot, at);
   const auto pass = [&](bucket* over) {
-    if (over->next < over->end) over->end = suppress(c, pivot, over->next, over->end, threshold);
+    if (over->next < over->end)
+      over->end = suppress<false>(c, pivot, over->next, over->end, threshold);
     return false;
   };
   pass(&anywhere);
@@ -469,7 +488,7 @@ int32_t survivors(const columns& c, const zyn_detection* boxes, sort_entry* orde
       may_use_grids = false;
     }
     tests += left;
-    n = suppress(c, pivot, pivot + 1, n, threshold);
+    n = suppress<true>(c, pivot, pivot + 1, n, threshold);
   }
   return n;
 }
@@ -480,10 +499,10 @@ int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int32_t coun
                     float iou_threshold) {
   if (!out || !boxes) zyn_refuse_null("the boxes or the place for them");
   if (count < 1 || !out || !boxes) return 0;
-  zyn_scratch<float> sorted(5 * static_cast<int64_t>(count));
+  const int64_t pitch = column_pitch(count);
+  zyn_scratch<float> sorted(6 * pitch);
   zyn_scratch<zyn_detection> compaction(count);
-  zyn_scratch<int32_t> index(count);
-  if (!sorted || !compaction || !index) return 0;
+  if (!sorted || !compaction) return 0;
 
   // The sort's two arrays of 8 bytes a record fit into the 20 of the other buffer.
   static_assert(sizeof(zyn_detection) >= 2 * sizeof(sort_entry), "room for the sort");
@@ -496,14 +515,17 @@ int32_t zyn_ssd_nms(zyn_detection* out, const zyn_detection* boxes, int32_t coun
   else
     order = radix_sort(entries, entries + count, count);
 
-  float* base = sorted.get();
-  const int64_t pitch = count;
-  const columns c{base,       base + pitch, base + 2 * pitch, base + 3 * pitch, base + 4 * pitch,
-                  index.get()};
+  float* const base = sorted.get();
+  const columns c{base,
+                  base + pitch,
+                  base + 2 * pitch,
+                  base + 3 * pitch,
+                  base + 4 * pitch,
+                  reinterpret_cast<int32_t*>(base + 5 * pitch)};
   const int32_t n = survivors(c, boxes, order, count, iou_threshold);
 
   // Through the buffer, so that out may be the array of boxes itself.
-  for (int32_t i = 0; i < n; i++) compaction[i] = boxes[index[i]];
+  for (int32_t i = 0; i < n; i++) compaction[i] = boxes[c.index[i]];
   memcpy(out, compaction.get(), static_cast<size_t>(n) * sizeof(zyn_detection));
   return n;
 }

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "base/zyn_explain.h"
+#include "base/zyn_integers.h"
 #include "base/zyn_memory.h"
 #include "tracking/zyn_tracking_report.h"
 
@@ -115,19 +116,35 @@ void drop_stale_tracks(zyn_sort_handle* handle) {
   handle->count = kept;
 }
 
-// Track info with room for every track.
+// Zeroed track info with room for every track: one block, the arrays behind the record.
 zyn_track_info* create_track_info(const zyn_sort_handle* handle) {
-  info_guard info(static_cast<zyn_track_info*>(zyn_calloc(1, sizeof(zyn_track_info))));
-  if (!info) return nullptr;
-  const int32_t count = handle->count;
-  if (count == 0) return info.take();
-  info->boxes = static_cast<float*>(zyn_calloc(count, kBoxFloats * sizeof(float)));
-  info->ids = static_cast<uint32_t*>(zyn_calloc(count, sizeof(uint32_t)));
-  info->time_since_update = static_cast<int32_t*>(zyn_calloc(count, sizeof(int32_t)));
-  if (handle->payload) info->payload = zyn_calloc(count, handle->payload_size);
-  if (!info->boxes || !info->ids || !info->time_since_update || (handle->payload && !info->payload))
+  constexpr int64_t kUnit = 32;  // what arrays are aligned to
+  const int64_t count = handle->count;
+  int64_t bytes = zyn_round_up(sizeof(zyn_track_info), kUnit);
+  const auto place = [&](int64_t entry_bytes) {
+    const int64_t at = bytes;
+    bytes += zyn_round_up(count * entry_bytes, kUnit);
+    return at;
+  };
+  const int64_t boxes = place(kBoxFloats * sizeof(float));
+  const int64_t ids = place(sizeof(uint32_t));
+  const int64_t times = place(sizeof(int32_t));
+  const int64_t payload = bytes;
+  int64_t payload_bytes = 0;
+  if (!zyn_multiply(count, handle->payload ? handle->payload_size : 0, &payload_bytes) ||
+      __builtin_add_overflow(payload, payload_bytes, &bytes)) {
+    zyn_explain("no memory for the payloads of %lld tracks", static_cast<long long>(count));
     return nullptr;
-  return info.take();
+  }
+  auto* const block = static_cast<uint8_t*>(zyn_calloc(1, bytes));
+  if (!block) return nullptr;
+  auto* const info = reinterpret_cast<zyn_track_info*>(block);
+  if (count == 0) return info;
+  info->boxes = reinterpret_cast<float*>(block + boxes);
+  info->ids = reinterpret_cast<uint32_t*>(block + ids);
+  info->time_since_update = reinterpret_cast<int32_t*>(block + times);
+  if (payload_bytes > 0) info->payload = block + payload;
+  return info;
 }
 
 // Writes id and payload of track k to an entry.
@@ -402,10 +419,6 @@ uint64_t zyn_sort_get_frame_count(const zyn_sort_handle* handle) {
 
 void zyn_release_track_info(zyn_track_info** info) {
   if (!info || !*info) return;
-  zyn_free((*info)->boxes);
-  zyn_free((*info)->ids);
-  zyn_free((*info)->time_since_update);
-  zyn_free((*info)->payload);
   zyn_free(*info);
   *info = nullptr;
 }

@@ -49,10 +49,9 @@ inline void add_inputs(typename zyn_block_lanes<OB>::type (&sum)[Blocks][Pixels]
 // The weights that come next, asked for while others are in use: a network's do not fit into the
 // second cache level, and a layer of few pixels would wait for them as long as it computes.
 struct weights_ahead {
-  const char* at;
-  int64_t left;  // bytes
+  const char *at, *end;
 };
-constexpr int64_t kLine = 64;  // bytes
+constexpr int64_t kLine = 64;  // bytes; two in every turn of the loop
 
 // Blocks vectors of OB output channels from oc on.
 template <int OB, int Blocks>
@@ -75,11 +74,9 @@ struct tiles {
     const float* const packed = l.packed + static_cast<int64_t>(oc) * in_channels;
     const typename lanes::type floor = epilogue.floor<OB>();
     float* out = l.out + oc * pixels + pixel * kBlock;
+    const char *line = ahead->at, *const last_line = ahead->end;
     for (; count > 0; count--, pixel += Pixels, out += Pixels * kBlock) {
-      // Two lines in every turn of the loop; where none are left, two that are in use.
-      const bool more = ahead->left > 0;
-      const char* line = more ? ahead->at : reinterpret_cast<const char*>(in + pixel * 8);
-      const int64_t step = more ? 2 * kLine : 0;
+      const bool more = line < last_line;
       typename lanes::type sum[Blocks][Pixels];
       const float* w[Blocks];
       ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
@@ -90,14 +87,13 @@ struct tiles {
       // Unrolled, the same sums of 256-bit vectors let this processor's clock stay 5 % higher.
       const float* eight = in + pixel * 8;
       ZYN_UNROLL_BY(kBlocksAtOnce)
-      for (int32_t n = in_channels / 8; n > 0; n--, eight += pixels * 8, line += step) {
-        _mm_prefetch(line, _MM_HINT_T1);
-        _mm_prefetch(line + kLine, _MM_HINT_T1);
+      for (int32_t n = in_channels / 8; n > 0; n--, eight += pixels * 8) {
+        if (more) {
+          _mm_prefetch(line, _MM_HINT_T1);
+          _mm_prefetch(line + kLine, _MM_HINT_T1);
+          line += 2 * kLine;
+        }
         add_inputs<OB, 8>(sum, eight, w);
-      }
-      if (more) {
-        ahead->left -= line - ahead->at;
-        ahead->at = line;
       }
       int32_t ic = in_channels / 8 * 8;
       if (in_channels - ic >= 4) {
@@ -110,6 +106,7 @@ struct tiles {
             out + b * pixels * OB + i * kBlock, pixels * kBlock, lanes::max(floor, sum[b][i]));
       }
     }
+    ahead->at = line;
   }
 };
 
@@ -302,8 +299,8 @@ void strip(const zyn_blocked_layer& l, int32_t oc, int64_t first, int64_t end) {
   constexpr int kBlock = OB < 8 ? OB : 8;
   const float* next = l.packed + static_cast<int64_t>(oc + OB * Blocks) * l.in_channels;
   const bool more = first == 0 && oc + OB * Blocks < l.out_channels;
-  weights_ahead ahead = {reinterpret_cast<const char*>(next),
-                         more ? OB * Blocks * 4 * int64_t{l.in_channels} : 0};
+  const float* last = more ? next + OB * Blocks * int64_t{l.in_channels} : next;
+  weights_ahead ahead = {reinterpret_cast<const char*>(next), reinterpret_cast<const char*>(last)};
   const tiles<OB, Blocks> body{l, oc, zyn_tile_epilogue(l.epilogue, oc, OB * Blocks), &ahead};
   zyn_balanced_tiles<most_pixels(OB, Blocks)>(first, end, body);
   body.epilogue.finish(l.out + oc * l.out_plane() + first * kBlock, (end - first) * kBlock,

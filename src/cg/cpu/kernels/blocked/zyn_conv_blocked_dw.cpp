@@ -244,12 +244,11 @@ void all_channels(const zyn_blocked_layer& l, int32_t first, int32_t end) {
 template <int Stride>
 void run(const zyn_blocked_layer& l) {
   const int64_t channel_bytes = int64_t{l.in_channels} * static_cast<int64_t>(sizeof(float));
+  if (l.in_plane() * channel_bytes <= kNearBytes) return all_channels<Stride>(l, 0, l.out_height);
   const int64_t fitting = kStripBytes / (channel_bytes * l.width * Stride) / kTileRows * kTileRows;
-  const int32_t most = fitting < kTileRows
+  const int32_t rows = fitting < kTileRows
                            ? kTileRows
                            : static_cast<int32_t>(fitting < l.out_height ? fitting : l.out_height);
-  const bool near = l.in_plane() * channel_bytes <= kNearBytes;
-  const int32_t rows = near ? l.out_height : most;
   for (int32_t end = l.out_height, first = 0; end > 0; end = first) {
     first = (end - 1) / rows * rows;
     all_channels<Stride>(l, first, end);

@@ -69,12 +69,44 @@ uint32_t zyn_cg_fpi_conv2d(zyn_tensor* output, int32_t q_out, const zyn_tensor* 
                            const int16_t* weights, int32_t q_weights, const zyn_conv_param* param,
                            const zyn_fpi_epilogue* epilogue);
 
+// r of a shift: 2^d / 2 without its fraction.
+inline uint32_t zyn_fpi_round_term(int32_t shift) { return shift > 0 ? 1u << (shift - 1) : 0; }
+
+// low16((sum + r) >> d) of one element.
+inline int16_t zyn_fpi_narrow1(uint32_t sum, int32_t shift) {
+  return static_cast<int16_t>(static_cast<int32_t>(sum + zyn_fpi_round_term(shift)) >> shift);
+}
+
+// Brings 16-bit values with from fraction bits to to, low 16 bits: rounded to nearest
+// (halves up) where bits go. Any from and to: far apart they leave 0.
+class zyn_fpi_rescaler {
+ public:
+  zyn_fpi_rescaler(int32_t from, int32_t to) {
+    const int64_t up = int64_t{to} - from;
+    const bool far = up < -16 || up > 15;
+    left_ = far ? 16 : up > 0 ? static_cast<int32_t>(up) : 0;
+    right_ = !far && up < 0 ? static_cast<int32_t>(-up) : 0;
+  }
+  int16_t operator()(int32_t v) const {
+    return zyn_fpi_narrow1(static_cast<uint32_t>(v) << left_, right_);
+  }
+
+ private:
+  int32_t left_, right_;
+};
+inline int16_t zyn_fpi_rescale1(int32_t v, int32_t from, int32_t to) {
+  return zyn_fpi_rescaler(from, to)(v);
+}
+
 // What a kernel does with finished sums: adds the bias, then keeps them within low and
 // high. Everything of an epilogue but hard-swish, which is a pass of its own.
 struct zyn_fpi_tile_epilogue {
   const int16_t* bias;  // or null
   int32_t q_weights, q_out;
   int16_t low, high;
+  zyn_fpi_rescaler to_output{q_weights, q_out};
+
+  int16_t bias_of(int64_t channel) const { return bias ? to_output(bias[channel]) : int16_t{0}; }
 };
 
 // A kernel, called by zyn_fpi_run_plan with checked arguments.

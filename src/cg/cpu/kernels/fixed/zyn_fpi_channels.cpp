@@ -13,6 +13,7 @@ namespace {
 
 constexpr int64_t kBlock = 8;         // output channels of a vector
 constexpr int64_t kSmallPlane = 128;  // pixels
+constexpr int64_t kFewPairs = 7;      // whose weights registers hold
 
 // The layer as its rows are kept: no dilation along them.
 zyn_fpi_layer kept(zyn_fpi_layer l) {
@@ -96,9 +97,9 @@ void add_many(int32_t* sums, const int16_t* in, const int32_t* weights, const pi
 using adder = void (*)(int32_t*, const int16_t*, const int32_t*, const pixel_job&);
 
 adder adder_of(int64_t pairs) {
-  constexpr adder kFew[] = {add_few<1>, add_few<2>, add_few<3>, add_few<4>,
-                            add_few<5>, add_few<6>, add_few<7>};
-  return pairs <= 7 ? kFew[pairs - 1] : add_many;
+  constexpr adder kFew[kFewPairs] = {add_few<1>, add_few<2>, add_few<3>, add_few<4>,
+                                     add_few<5>, add_few<6>, add_few<7>};
+  return pairs <= kFewPairs ? kFew[pairs - 1] : add_many;
 }
 
 int64_t pixels_of(const zyn_tensor* output) {
@@ -117,9 +118,34 @@ zyn_fpi_reach reach_of(const zyn_fpi_layer& l, const zyn_tensor* output, int64_t
   return reach;
 }
 
+// The sums of a single pixel, which need no memory. kPairs: 0 for any number.
+template <int kPairs>
+__m256i sum_channels(const zyn_fpi_rows& ring, const int32_t* weights, const pixel_job& job) {
+  const int64_t pairs = kPairs > 0 ? kPairs : job.pairs;
+  const int64_t next_in = ring.capacity * ring.pitch;
+  const __m256i shift = job.shift;
+  const int16_t* in = ring.slot(0, 0) + job.places[0];
+  __m256i sum = _mm256_setzero_si256();
+  for (int64_t i = 0; i < ring.channels; i++, in += next_in, weights += pairs * kBlock) {
+    __m256i even = job.round, odd = _mm256_setzero_si256();  // two chains of sums
+    const auto add = [&](__m256i* chain, int64_t t) {
+      const __m256i value = zyn_fpi_broadcast(in + job.offsets[t]);
+      *chain =
+          _mm256_add_epi32(*chain, _mm256_madd_epi16(value, zyn_fpi_load(weights + t * kBlock)));
+    };
+    ZYN_UNROLL_BY(4) for (int64_t t = 0; t + 2 <= pairs; t += 2) add(&even, t), add(&odd, t + 1);
+    if (pairs % 2) add(&even, pairs - 1);
+    sum = _mm256_add_epi32(sum, _mm256_srav_epi32(_mm256_add_epi32(even, odd), shift));
+  }
+  return sum;
+}
+
 // The sums of all pixels for one block of output channels.
 void add_channels(int32_t* sums, const zyn_fpi_rows& ring, const int32_t* weights,
                   const pixel_job& job) {
+  if (job.pixels == 1)
+    return zyn_fpi_store(sums, job.pairs == 6 ? sum_channels<6>(ring, weights, job)
+                                              : sum_channels<0>(ring, weights, job));
   memset(sums, 0, static_cast<size_t>(kBlock * job.pixels) * sizeof(int32_t));
   const int16_t* in = ring.slot(0, 0);
   const int64_t next_in = ring.capacity * ring.pitch, next_weights = job.pairs * kBlock;
@@ -134,9 +160,7 @@ void store_sums(const int32_t* sums, int64_t pixels, const zyn_fpi_tile_epilogue
                 int64_t first, int64_t count, int16_t* out, int64_t plane) {
   const __m128i low = _mm_set1_epi16(epilogue.low), high = _mm_set1_epi16(epilogue.high);
   __m128i bias[kBlock] = {};
-  for (int64_t o = 0; epilogue.bias && o < count; o++)
-    bias[o] = _mm_set1_epi16(
-        zyn_fpi_rescale1(epilogue.bias[first + o], epilogue.q_weights, epilogue.q_out));
+  for (int64_t o = 0; o < count; o++) bias[o] = _mm_set1_epi16(epilogue.bias_of(first + o));
   for (int64_t x = 0; x < pixels; x += kBlock) {
     __m256 rows[kBlock];
     zyn_transpose_8x8(reinterpret_cast<const float*>(sums + x * kBlock), kBlock, rows);

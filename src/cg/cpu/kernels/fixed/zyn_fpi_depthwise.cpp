@@ -43,9 +43,7 @@ void pack_pairs(int32_t* to, const int16_t* weights, const zyn_fpi_layer& l) {
 channel make_channel(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue, int64_t c,
                      int32_t* pairs) {
   const zyn_fpi_layer& l = plan->layer;
-  const int16_t bias = epilogue.bias
-                           ? zyn_fpi_rescale1(epilogue.bias[c], epilogue.q_weights, epilogue.q_out)
-                           : int16_t{0};
+  const int16_t bias = epilogue.bias_of(c);
   const uint32_t round = zyn_fpi_round_term(plan->shift);
   const int16_t* weights = plan->weights + c * l.kernel_x * l.kernel_y;
   if (!is_3x3(l)) pack_pairs(pairs, weights, l);

@@ -127,8 +127,7 @@ struct finish {
         low(_mm256_set1_epi16(o.low)),
         high(_mm256_set1_epi16(o.high)) {
     int16_t lanes[kBlock] = {};
-    for (int64_t k = 0; o.bias && k < valid; k++)
-      lanes[k] = zyn_fpi_rescale1(o.bias[channel + k], o.q_weights, o.q_out);
+    for (int64_t k = 0; k < valid; k++) lanes[k] = o.bias_of(channel + k);
     bias = _mm256_broadcastsi128_si256(load8(lanes));
   }
   __m256i operator()(__m256i first, __m256i second) const {

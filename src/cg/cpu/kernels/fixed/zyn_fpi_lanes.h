@@ -9,26 +9,9 @@
 
 inline constexpr int64_t kZynFpiLanes = 16;
 
-// r of a shift: 2^d / 2 without its fraction.
-inline uint32_t zyn_fpi_round_term(int32_t shift) { return shift > 0 ? 1u << (shift - 1) : 0; }
-
-// low16((sum + r) >> d) of one element.
-inline int16_t zyn_fpi_narrow1(uint32_t sum, int32_t shift) {
-  return static_cast<int16_t>(static_cast<int32_t>(sum + zyn_fpi_round_term(shift)) >> shift);
-}
-
 // a + b, the low 16 bits.
 inline int16_t zyn_fpi_add1(int32_t a, int32_t b) {
   return static_cast<int16_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
-}
-
-// The 16-bit v with from fraction bits brought to to, low 16 bits: rounded to nearest
-// (halves up) where bits go. Any from and to: far apart they leave 0.
-inline int16_t zyn_fpi_rescale1(int32_t v, int32_t from, int32_t to) {
-  const int64_t left = int64_t{to} - from;
-  if (left < -16 || left > 15) return 0;
-  if (left < 0) return zyn_fpi_narrow1(static_cast<uint32_t>(v), static_cast<int32_t>(-left));
-  return static_cast<int16_t>(static_cast<uint32_t>(v) << left);
 }
 
 inline __m256i zyn_fpi_load(const void* l) {
@@ -79,8 +62,7 @@ inline __m256i zyn_fpi_part(__m256i v) {
 struct zyn_fpi_channel_epilogue {
   __m256i bias, low, high;
   zyn_fpi_channel_epilogue(const zyn_fpi_tile_epilogue& o, int64_t channel)
-      : bias(_mm256_set1_epi16(o.bias ? zyn_fpi_rescale1(o.bias[channel], o.q_weights, o.q_out)
-                                      : int16_t{0})),
+      : bias(_mm256_set1_epi16(o.bias_of(channel))),
         low(_mm256_set1_epi16(o.low)),
         high(_mm256_set1_epi16(o.high)) {}
   __m256i operator()(__m256i sum) const {
