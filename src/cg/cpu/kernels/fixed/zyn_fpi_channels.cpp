@@ -31,6 +31,7 @@ struct pixel_job {
   const int64_t* offsets;  // of the pairs of a window
   const int64_t* places;   // of the windows of all pixels
   int64_t pairs, pixels;
+  int64_t channels, next_channel;  // of the input, words from each to the next
   __m256i round, shift;
 };
 
@@ -38,29 +39,33 @@ inline void add_rounded(int32_t* sum, __m256i taps, __m256i shift) {
   zyn_fpi_store(sum, _mm256_add_epi32(zyn_fpi_load(sum), _mm256_srav_epi32(taps, shift)));
 }
 
-// Adds one input channel to the sums, few pairs of taps: the weights stay in registers, and the
-// compiler is not to see where the pairs' places come from, else it keeps less of them there.
+// Adds all input channels to the sums, few pairs of taps: a channel's weights stay in registers,
+// and the compiler is not to see where the pairs' places come from, else it keeps less of them
+// there.
 template <int kPairs>
 [[gnu::noinline]] void add_few(int32_t* sums, const int16_t* in, const int32_t* weights,
                                const pixel_job& job) {
-  __m256i w[kPairs];
-  const int16_t* at[kPairs];
-  ZYN_UNROLL for (int t = 0; t < kPairs; t++) {
-    w[t] = zyn_fpi_load(weights + t * kBlock);
-    at[t] = in + job.offsets[t];
-    __asm__("" : "+r"(at[t]));
-  }
   const __m256i round = job.round, shift = job.shift;
-  const int64_t* places = job.places;
-  for (int64_t x = 0; x < job.pixels; x++, sums += kBlock) {
-    const int64_t place = places[x];
-    __m256i even = round, odd = _mm256_setzero_si256();  // two chains of sums
+  for (int64_t i = 0; i < job.channels; i++, in += job.next_channel, weights += kPairs * kBlock) {
+    __m256i w[kPairs];
+    const int16_t* at[kPairs];
     ZYN_UNROLL for (int t = 0; t < kPairs; t++) {
-      __m256i& chain = t % 2 ? odd : even;
-      const __m256i product = _mm256_madd_epi16(zyn_fpi_broadcast(at[t] + place), w[t]);
-      chain = t == 1 ? product : _mm256_add_epi32(chain, product);
+      w[t] = zyn_fpi_load(weights + t * kBlock);
+      at[t] = in + job.offsets[t];
+      __asm__("" : "+r"(at[t]));
     }
-    add_rounded(sums, kPairs > 1 ? _mm256_add_epi32(even, odd) : even, shift);
+    const int64_t* places = job.places;
+    int32_t* sum = sums;
+    for (int64_t x = 0; x < job.pixels; x++, sum += kBlock) {
+      const int64_t place = places[x];
+      __m256i even = round, odd = _mm256_setzero_si256();  // two chains of sums
+      ZYN_UNROLL for (int t = 0; t < kPairs; t++) {
+        __m256i& chain = t % 2 ? odd : even;
+        const __m256i product = _mm256_madd_epi16(zyn_fpi_broadcast(at[t] + place), w[t]);
+        chain = t == 1 ? product : _mm256_add_epi32(chain, product);
+      }
+      add_rounded(sum, kPairs > 1 ? _mm256_add_epi32(even, odd) : even, shift);
+    }
   }
 }
 
@@ -86,12 +91,37 @@ inline void add_tile(int32_t* sums, const int16_t* in, const int64_t* places,
 
 void add_many(int32_t* sums, const int16_t* in, const int32_t* weights, const pixel_job& job) {
   constexpr int kTile = 8, kHalf = 4;
-  int64_t x = 0;
-  for (; x + kTile <= job.pixels; x += kTile)
-    add_tile<kTile>(sums + x * kBlock, in, job.places + x, weights, job);
-  for (; x + kHalf <= job.pixels; x += kHalf)
-    add_tile<kHalf>(sums + x * kBlock, in, job.places + x, weights, job);
-  for (; x < job.pixels; x++) add_tile<1>(sums + x * kBlock, in, job.places + x, weights, job);
+  for (int64_t i = 0; i < job.channels; i++) {
+    int64_t x = 0;
+    for (; x + kTile <= job.pixels; x += kTile)
+      add_tile<kTile>(sums + x * kBlock, in, job.places + x, weights, job);
+    for (; x + kHalf <= job.pixels; x += kHalf)
+      add_tile<kHalf>(sums + x * kBlock, in, job.places + x, weights, job);
+    for (; x < job.pixels; x++) add_tile<1>(sums + x * kBlock, in, job.places + x, weights, job);
+    in += job.next_channel;
+    weights += job.pairs * kBlock;
+  }
+}
+
+// The sums of a single pixel, which need no memory. kPairs: 0 for any number.
+template <int kPairs>
+void sum_one(int32_t* sums, const int16_t* in, const int32_t* weights, const pixel_job& job) {
+  const int64_t pairs = kPairs > 0 ? kPairs : job.pairs;
+  const __m256i shift = job.shift;
+  in += job.places[0];
+  __m256i sum = _mm256_setzero_si256();
+  for (int64_t i = 0; i < job.channels; i++, in += job.next_channel, weights += pairs * kBlock) {
+    __m256i even = job.round, odd = _mm256_setzero_si256();  // two chains of sums
+    const auto add = [&](__m256i* chain, int64_t t) {
+      const __m256i value = zyn_fpi_broadcast(in + job.offsets[t]);
+      *chain =
+          _mm256_add_epi32(*chain, _mm256_madd_epi16(value, zyn_fpi_load(weights + t * kBlock)));
+    };
+    ZYN_UNROLL_BY(4) for (int64_t t = 0; t + 2 <= pairs; t += 2) add(&even, t), add(&odd, t + 1);
+    if (pairs % 2) add(&even, pairs - 1);
+    sum = _mm256_add_epi32(sum, _mm256_srav_epi32(_mm256_add_epi32(even, odd), shift));
+  }
+  zyn_fpi_store(sums, sum);
 }
 
 using adder = void (*)(int32_t*, const int16_t*, const int32_t*, const pixel_job&);
@@ -118,40 +148,12 @@ zyn_fpi_reach reach_of(const zyn_fpi_layer& l, const zyn_tensor* output, int64_t
   return reach;
 }
 
-// The sums of a single pixel, which need no memory. kPairs: 0 for any number.
-template <int kPairs>
-__m256i sum_channels(const zyn_fpi_rows& ring, const int32_t* weights, const pixel_job& job) {
-  const int64_t pairs = kPairs > 0 ? kPairs : job.pairs;
-  const int64_t next_in = ring.capacity * ring.pitch;
-  const __m256i shift = job.shift;
-  const int16_t* in = ring.slot(0, 0) + job.places[0];
-  __m256i sum = _mm256_setzero_si256();
-  for (int64_t i = 0; i < ring.channels; i++, in += next_in, weights += pairs * kBlock) {
-    __m256i even = job.round, odd = _mm256_setzero_si256();  // two chains of sums
-    const auto add = [&](__m256i* chain, int64_t t) {
-      const __m256i value = zyn_fpi_broadcast(in + job.offsets[t]);
-      *chain =
-          _mm256_add_epi32(*chain, _mm256_madd_epi16(value, zyn_fpi_load(weights + t * kBlock)));
-    };
-    ZYN_UNROLL_BY(4) for (int64_t t = 0; t + 2 <= pairs; t += 2) add(&even, t), add(&odd, t + 1);
-    if (pairs % 2) add(&even, pairs - 1);
-    sum = _mm256_add_epi32(sum, _mm256_srav_epi32(_mm256_add_epi32(even, odd), shift));
-  }
-  return sum;
-}
-
 // The sums of all pixels for one block of output channels.
-void add_channels(int32_t* sums, const zyn_fpi_rows& ring, const int32_t* weights,
-                  const pixel_job& job) {
+void add_channels(int32_t* sums, const int16_t* in, const int32_t* weights, const pixel_job& job) {
   if (job.pixels == 1)
-    return zyn_fpi_store(sums, job.pairs == 6 ? sum_channels<6>(ring, weights, job)
-                                              : sum_channels<0>(ring, weights, job));
+    return job.pairs == 6 ? sum_one<6>(sums, in, weights, job) : sum_one<0>(sums, in, weights, job);
   memset(sums, 0, static_cast<size_t>(kBlock * job.pixels) * sizeof(int32_t));
-  const int16_t* in = ring.slot(0, 0);
-  const int64_t next_in = ring.capacity * ring.pitch, next_weights = job.pairs * kBlock;
-  const adder add = adder_of(job.pairs);
-  for (int64_t i = 0; i < ring.channels; i++, in += next_in, weights += next_weights)
-    add(sums, in, weights, job);
+  adder_of(job.pairs)(sums, in, weights, job);
 }
 
 // The low halves of the sums, epilogue applied, to count planes: 8 pixels at a time, the last ones
@@ -227,6 +229,8 @@ uint32_t zyn_fpi_run_channels(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilo
                          places.get(),
                          pairs,
                          pixels,
+                         ring.channels,
+                         ring.capacity * ring.pitch,
                          _mm256_set1_epi32(static_cast<int32_t>(zyn_fpi_round_term(plan->shift))),
                          _mm256_set1_epi32(plan->shift)};
   for (int64_t y = 0, at = 0; at < plane; y++, at += pixels) {
@@ -238,7 +242,7 @@ uint32_t zyn_fpi_run_channels(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilo
         *to++ = ring.slot(0, row + ky * l.dilation_y) + kx - ring.slot(0, 0);
     const int32_t* weights = plan->packed;
     for (int64_t first = 0; first < l.out_channels; first += kBlock) {
-      add_channels(sums.get(), ring, weights, job);
+      add_channels(sums.get(), ring.slot(0, 0), weights, job);
       weights += l.in_channels * pairs * kBlock;
       const int64_t left = l.out_channels - first;
       store_sums(sums.get(), pixels, epilogue, first, left < kBlock ? left : kBlock,
