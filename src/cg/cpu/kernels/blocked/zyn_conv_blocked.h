@@ -63,6 +63,10 @@ uint32_t zyn_blocked_drive(zyn_tensor* output, const zyn_tensor* input, const zy
                            const zyn_conv_param* param, const zyn_conv_epilogue* epilogue,
                            int32_t stride, void (*run)(const zyn_blocked_layer&));
 
+// The whole blocks of outputs of a 3x3 layer of few input channels and wide rows, where vectors have
+// 8 lanes; how many channels they are, 0 for other layers.
+int32_t zyn_blocked_first_layer(const zyn_blocked_layer& layer, int32_t stride);
+
 // Planar to blocked: channels planes of count pixels. Scratch of the family is one such
 // copy of the input, whatever the record says.
 void zyn_block_planes(float* blocked, const float* planar, int32_t channels, int64_t count);

@@ -330,7 +330,8 @@ void output_blocks(const zyn_blocked_layer& l, int32_t oc) {
 
 template <int Stride>
 void run(const zyn_blocked_layer& l) {
-  for (int32_t oc = 0, blocks = 0; oc < l.out_channels; oc += blocks) {
+  const int32_t done = kWide == 8 ? zyn_blocked_first_layer(l, Stride) : 0;
+  for (int32_t oc = done, blocks = 0; oc < l.out_channels; oc += blocks) {
     const int32_t left = l.out_channels - oc;
     blocks = left >= 2 * kWide ? 2 * kWide : zyn_vector_channels(left);
     if (blocks == 2 * kWide)
