@@ -5,6 +5,7 @@
 #include "cg/cpu/kernels/fixed/zyn_cg_fpi_convert.h"
 #include "cg/cpu/kernels/planned/zyn_conv_plan.h"
 #include "cg/cpu/ops/zyn_cg_operators.h"
+#include "simd/zyn_fetch.h"
 
 namespace {
 
@@ -99,13 +100,9 @@ uint32_t run_inner(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) 
 // Outputs of fewer bytes come as fast while they are written.
 constexpr int64_t kFewBytes = 256 * 1024;
 
-// Loads a line after the other: the processor's read-ahead then brings them three times as fast as
-// a kernel that takes some columns of every plane gets them, or as prefetches would.
 void fetch(const zyn_tensor* tensor) {
-  constexpr int64_t kLine = 16, kMostFloats = 512 * 1024;  // more does not stay
-  const float* values = zyn_cg_floats(tensor);
-  const int64_t count = tensor->count < kMostFloats ? tensor->count : kMostFloats;
-  for (int64_t i = 0; i < count; i += kLine) __asm__ volatile("" : : "x"(values[i]));
+  constexpr int64_t kMostFloats = 512 * 1024;  // more does not stay
+  zyn_fetch(zyn_cg_floats(tensor), tensor->count < kMostFloats ? tensor->count : kMostFloats);
 }
 
 uint32_t run_method2(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue) {
@@ -114,7 +111,7 @@ uint32_t run_method2(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue
   zyn_tensor* output = state->output;
   if (is_1x1(state->param)) {
     if (state->far_input && input == state->input) fetch(input);
-    if (state->far_output && output->byte_size > kFewBytes) fetch(output);
+    if (state->far_output) fetch(output);
   }
   const uint32_t code = zyn_cg_conv_run_planned_fused(output, input, state->weights, &state->param,
                                                       state->plan, &epilogue);
@@ -337,7 +334,8 @@ void zyn_cg_conv_expect_far(zyn_cg_handle* graph, int32_t node, bool input, bool
   zyn_cg_conv_state* state = find_state(graph, node);
   if (!state) return;
   state->far_input = input;
-  state->far_output = output;
+  state->far_output = output && state->output && state->output->byte_size > kFewBytes;
+  if (state->plan) state->plan->far_output = state->far_output;
 }
 
 const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state) {

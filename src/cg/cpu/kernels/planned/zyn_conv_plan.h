@@ -69,6 +69,7 @@ struct zyn_conv_plan {
   int32_t input_channels, input_w, input_h;
   int32_t kernel, stride, pad;
   zyn_conv_strip strip;  // where zyn_conv_in_strips
+  bool far_output;       // the owner's to set: no cache holds the output when a run begins
   zyn_conv_scratch scratch;
 };
 

@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include "cg/cpu/kernels/planned/zyn_conv_plan.h"
+#include "simd/zyn_fetch.h"
 
 namespace {
 
@@ -16,6 +17,7 @@ constexpr int64_t kLargeStripRows = 12;  // enough to make the rows that two str
 constexpr int64_t kRowUnit = 6;          // rows that make whole tiles of 2 or 3 vectors
 constexpr int64_t kVector = 8;
 constexpr int64_t kMostTaps = ZYN_CONV_STRIP_KERNEL * ZYN_CONV_STRIP_KERNEL;
+constexpr uint32_t kFewTerms = 64;      // sums that end before a far output's line is there
 constexpr int64_t kVectorsAtOnce = 96;  // whole tiles of 2 and of 3 vectors
 
 // Columns of a flat strip of rows output rows.
@@ -187,6 +189,9 @@ uint32_t zyn_conv_run_dense(float* output, const float* input, const zyn_conv_pl
   for (int64_t y = 0; y < p->output_h; y += s.rows) {
     const int64_t rows = zyn_smaller(s.rows, p->output_h - y);
     copy_strip(p, input, y, rows, scratch.strip);
+    if (p->far_output && p->k <= kFewTerms)
+      for (int64_t c = 0; c < p->output_channels; c++)
+        zyn_fetch(output + c * p->output_pixels + y * p->output_w, rows * p->output_w);
     if (zyn_conv_in_runs(p))
       multiply_runs(p, offsets, rows, output + y * p->output_w);
     else if (s.flat)
