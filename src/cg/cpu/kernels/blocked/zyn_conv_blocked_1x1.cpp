@@ -14,16 +14,14 @@ constexpr int64_t kStripBytes = 160 * 1024;
 constexpr int32_t kFewOutputs = 8;
 constexpr int64_t kFewStripBytes = 24 * 1024;
 // Sums of a tile: with two FMA ports and a latency of 4 cycles, 8 would do; the rest hides the
-// loads. Tiles are 2 vectors of output channels by 6 pixels; 3 by 4 leave gcc no register to spare,
-// but are faster where a small plane has no whole sixes. 512-bit vectors bring twice the registers:
-// 4 by 6, which reach 99 % of the multiply-adds, or where their weights overflow the first level
-// 2 by 12 (93 %).
+// loads. Tiles are 2 vectors of output channels by 6 pixels; 3 by 4, for the last 24 channels,
+// leave gcc no register to spare. 512-bit vectors bring twice the registers: 4 by 6, which reach 99
+// % of the multiply-adds, or where their weights overflow the first level 2 by 12 (93 %).
 constexpr int kWide = kZynVectorFloats;
 constexpr int kTileSums = kWide == 8 ? 12 : 24;
 constexpr int kMostPixels = 12;
 constexpr int32_t kMostInputsOfFour = 128;
 constexpr int kBlocksAtOnce = kWide == 8 ? 4 : 1;  // input blocks in a round of the loop
-constexpr int64_t kSmallStrip = 96;                // pixels
 constexpr int kDotPixels = 8;  // of a single output channel: a vector of results
 
 // Adds IB input channels to a tile of Blocks vectors of OB output channels. w is at the first
@@ -321,14 +319,13 @@ void run(const zyn_blocked_layer& l) {
   for (int64_t first = 0; first < pixels; first += step) {
     const int64_t end = first + step < pixels ? first + step : pixels;
     const int64_t here = end - first;
-    const bool by_four = kWide == 8 && here < kSmallStrip && here % 4 == 0 && here % 6 != 0;
     for (int32_t oc = 0, channels = 0; oc < l.out_channels; oc += channels) {
       const int32_t left = l.out_channels - oc;
       const bool four = kWide > 8 && left >= 4 * kWide && l.in_channels <= kMostInputsOfFour;
-      channels = (by_four && left >= 24) || (kWide == 8 && left == 24) ? 24
-                 : four                                                ? 4 * kWide
-                 : left >= 2 * kWide                                   ? 2 * kWide
-                                                                       : zyn_vector_channels(left);
+      channels = kWide == 8 && left == 24 ? 24
+                 : four                   ? 4 * kWide
+                 : left >= 2 * kWide      ? 2 * kWide
+                                          : zyn_vector_channels(left);
       if (kWide == 8 && channels == 24)
         strip<8, 3>(l, oc, first, end);
       else if (kWide > 8 && channels == 4 * kWide)
