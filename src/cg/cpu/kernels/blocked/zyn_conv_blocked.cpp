@@ -36,6 +36,24 @@ bool needs_copy(const zyn_tensor* input) {
   return input->layout != ZYN_LAYOUT_BLOCKED && !zyn_block_is_planar(input->dims[2]);
 }
 
+// Single outputs of single inputs, whose planes and packed weights lie as the planar kernels
+// take them: the outputs from first on.
+uint32_t run_planes(const zyn_tensor* output, const zyn_tensor* input, const float* packed,
+                    const zyn_conv_param* param, const zyn_conv_epilogue* epilogue, int32_t first) {
+  zyn_tensor planes = *output;
+  zyn_conv_param rest = *param;
+  zyn_conv_epilogue end = epilogue ? *epilogue : zyn_conv_epilogue{};
+  planes.data =
+      static_cast<float*>(output->data) + int64_t{first} * output->dims[0] * output->dims[1];
+  planes.dims[2] = rest.out_channels = output->dims[2] - first;
+  if (end.bias) end.bias += first;
+  if (zyn_conv_is_depthwise(param))
+    return zyn_cg_dwconv_planar(&planes, input, packed, &rest, &end);
+  packed += int64_t{first} * param->in_channels * param->kernel_h * param->kernel_w;
+  return param->kernel_h == 1 ? zyn_cg_conv1x1_planar(&planes, input, packed, &rest, &end)
+                              : zyn_cg_conv_planar(&planes, input, packed, &rest, &end);
+}
+
 template <int Width>
 void add_to_block(float* values, int64_t pixels, const zyn_tile_epilogue& epilogue) {
   using lanes = zyn_block_lanes<Width>;
@@ -65,17 +83,23 @@ uint32_t zyn_blocked_drive(zyn_tensor* output, const zyn_tensor* input, const zy
   if (param->dilation_h > 1 || param->dilation_w > 1) return ZYN_RET_ERR_NOT_SUPPORT;
   if (output->dims[0] != layer.out_width || output->dims[1] != layer.out_height)
     return ZYN_RET_ERR_NOT_SUPPORT;
+  uint32_t code = ZYN_RET_OK;
   if (needs_copy(input)) {
     const zyn_scratch<float> copy(input->count);
     if (!copy) return ZYN_RET_ERR_MEMORY;
     zyn_block_planes(copy.get(), layer.in, layer.in_channels, layer.in_plane());
     layer.in = copy.get();
     run(layer);
+  } else if (zyn_block_is_planar(layer.in_channels)) {
+    layer.out_channels -= layer.out_channels % 4;
+    if (layer.out_channels > 0) run(layer);
+    if (layer.out_channels < output->dims[2])
+      code = run_planes(output, input, layer.packed, param, epilogue, layer.out_channels);
   } else {
     run(layer);
   }
-  output->layout = ZYN_LAYOUT_BLOCKED;
-  return ZYN_RET_OK;
+  if (code == ZYN_RET_OK) output->layout = ZYN_LAYOUT_BLOCKED;
+  return code;
 }
 
 uint32_t zyn_cg_conv3x3(zyn_tensor* output, const zyn_tensor* input,

@@ -9,11 +9,13 @@
 // Packed dense weights: output blocks in the same order; inside one, input blocks
 // in the same order; a pair (output block ob, input block ib) is ob * ib * taps
 // floats at (first output channel * inputs + first input channel * ob) * taps:
-//   ob 8 or 4, ib 8 or 4: [tap][input][output]
+//   ob 8, ib 8 or 4:      [tap][input][output]
+//   ob 4, ib 8 or 4:      [tap][output][input]
 //   ob 8 or 4, ib 1:      [output][tap]
 //   ob 1:                 [tap][input]
-// Weights of 1x1 layers: where vectors have 16 lanes, two blocks of 8 outputs count as one of 16.
-// Packed depthwise weights: channel blocks, each [tap][channel].
+// Weights of 1x1 layers: ob 4, ib 8 or 4 is [input pair][output][input]; where vectors have 16
+// lanes, two blocks of 8 outputs count as one of 16. Packed depthwise weights: channel blocks, each
+// [tap][channel].
 #pragma once
 
 #include <stdint.h>
@@ -56,20 +58,26 @@ struct zyn_blocked_layer {
 };
 
 // The frame of every driver: checks the arguments, makes a blocked copy of a planar
-// input, runs and marks the output as blocked. 1: missing tensors, data or weights, or
+// input, runs and marks the output as blocked. Single outputs of single inputs are left to the
+// planar kernels. 1: missing tensors, data or weights, or
 // channel counts that differ from the record; 4: the output is not as large as the
 // stride makes it, or the record asks for dilation; 2: no memory for the copy.
 uint32_t zyn_blocked_drive(zyn_tensor* output, const zyn_tensor* input, const zyn_tensor* packed,
                            const zyn_conv_param* param, const zyn_conv_epilogue* epilogue,
                            int32_t stride, void (*run)(const zyn_blocked_layer&));
 
-// The whole blocks of outputs of a 3x3 layer of few input channels and wide rows, where vectors have
-// 8 lanes; how many channels they are, 0 for other layers.
+// The whole blocks of outputs of a 3x3 layer of few input channels and wide rows, where vectors
+// have 8 lanes; how many channels they are, 0 for other layers.
 int32_t zyn_blocked_first_layer(const zyn_blocked_layer& layer, int32_t stride);
 
 // Planar to blocked: channels planes of count pixels. Scratch of the family is one such
 // copy of the input, whatever the record says.
 void zyn_block_planes(float* blocked, const float* planar, int32_t channels, int64_t count);
+
+// Pointwise, pixels first to end - 1: at most 8 outputs, from channel oc on. Returns how many of
+// them it took.
+int32_t zyn_conv1x1_few_outputs(const zyn_blocked_layer& layer, int32_t oc, int64_t first,
+                                int64_t end);
 
 // Drivers of one stride; the dispatchers zyn_cg_conv3x3 and zyn_cg_dwconv3x3 choose.
 // The epilogue (null: none) is applied where an output value receives its last sum.

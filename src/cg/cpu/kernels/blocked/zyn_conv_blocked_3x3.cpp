@@ -4,33 +4,36 @@
 // channels accumulates one input block of IB channels in registers and adds to the output
 // once. Two vectors by 6 pixels are 12 accumulators: with two FMA ports and a latency of 4
 // cycles, 8 would do; the rest hides the loads; one vector of 8 takes these 8, for smaller code.
-// 512-bit vectors bring registers for 12 pixels. Single output channels put the input channels into
-// the lanes instead and sum the lanes at the end. The first input blocks' sums start at zero, the
-// later ones' at the output. Taps outside the image are left out: the first and last row take fewer
-// kernel rows, the first and last column are run through downwards.
+// 512-bit vectors bring registers for 12 pixels. Blocks of 4 outputs and single ones put the input
+// channels into the lanes instead and sum the lanes at the end. The first input blocks' sums start
+// at zero, the later ones' at the output. Taps outside the image are left out: the first and last
+// row take fewer kernel rows, the first and last column are run through downwards.
 #include <string.h>
 
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked.h"
+#include "cg/cpu/kernels/blocked/zyn_conv_blocked_dots.h"
 #include "cg/cpu/kernels/blocked/zyn_conv_blocked_tile.h"
 
 namespace {
 
 constexpr int kTaps = 9;
 constexpr int kWide = kZynVectorFloats;
+// Whether the lanes of a tile are input channels: of outputs less than a block of 8.
+constexpr bool is_dots(int ob, int ib) { return ob < 8 && ib > 1; }
+
 constexpr int tile_pixels(int ob, int ib, int blocks) {
-  return ob > 8 && ib == 1 && blocks == 1 ? 24
-         : ob > 8 || ob == 4              ? 12
-         : ob == 8 && blocks == 1         ? 8
-                                          : 6;
+  if (is_dots(ob, ib)) return ob == 4 ? 3 : blocks == 1 ? 8 : 4;
+  if (ob > 8) return ib == 1 && blocks == 1 ? 24 : 12;
+  return blocks == 1 ? 8 : 6;
 }
-constexpr int kEdgePixels = 4;       // of an edge column: few pixels, so less code
+constexpr int edge_pixels(int ob) { return ob == 4 ? 3 : 4; }  // few pixels, so less code
 constexpr int32_t kGroupBlocks = 4;  // input blocks added per load and store of an output value
 constexpr int64_t kStripBytes = 64 * 1024;  // output rows of one block pair kept in L1
 
-// Vectors of 16 outputs take half as many blocks of 8, so that their weights are as many. Single
-// outputs round their sums where a group ends: theirs is the same for all vectors.
+// Vectors of 16 outputs take half as many blocks of 8, so that their weights are as many. Lanes of
+// inputs are joined where a group ends: it is long, and the same for all vectors.
 constexpr int32_t group_blocks(int ob, int ib) {
-  return ob > 8 && ib == 8 ? kGroupBlocks / 2 : kGroupBlocks;
+  return is_dots(ob, ib) ? 4 * kGroupBlocks : ob > 8 && ib == 8 ? kGroupBlocks / 2 : kGroupBlocks;
 }
 
 // Channels of one block among the OB of a vector.
@@ -39,13 +42,14 @@ constexpr int block_of(int ob) { return ob < 8 ? ob : 8; }
 // One call's planes: a group of input blocks and up to two vectors of output channels.
 struct planes {
   const float* in;
+  int32_t in_width;       // channels of an input block
   int32_t in_blocks;      // input blocks of the group
   int64_t in_block;       // floats from one input block to the next
   int32_t width, height;  // input
   float* out;             // first output block
   int64_t out_block;      // floats from one output block to the next
   int32_t out_width;
-  const float* weights;        // sub-blocks of the first vector, local
+  const float* weights;        // sub-blocks of the first vector
   int64_t weight_block;        // floats from one vector's sub-blocks to the next
   bool first;                  // whether sums start at zero, not at the output
   zyn_tile_epilogue epilogue;  // active on the last input block only
@@ -65,8 +69,8 @@ kernel_rows rows_inside(const planes& p, int32_t y) {
   return {top < 0 ? -top : 0, p.height - top < 3 ? p.height - top : 3};
 }
 
-// The taps that a run of pixels takes, over every input block of the group: offsets in
-// floats from the pixel's top left tap and from the first weight.
+// The taps that a run of pixels takes, over every input block of the group, or in one block if
+// the lanes are inputs: offsets in floats from the pixel's top left tap and from the first weight.
 struct tap_list {
   int32_t count;
   int64_t in[kTaps * kGroupBlocks];
@@ -84,19 +88,20 @@ template <int OB, int IB>
 tap_list taps_of(const planes& p, kernel_rows ky, int kx0, int kx1, int step = 1) {
   tap_list taps;
   taps.count = 0;
-  for (int32_t n = 0; n < p.in_blocks; n++)
+  for (int32_t n = 0; n < (is_dots(OB, IB) ? 1 : p.in_blocks); n++)
     for (int k = ky.begin; k < ky.end; k++)
       for (int kx = kx0; kx < kx1; kx += step, taps.count++) {
-        taps.in[taps.count] = n * p.in_block + (static_cast<int64_t>(k) * p.width + kx) * IB;
-        taps.weight[taps.count] = (n * kTaps + k * 3 + kx) * (IB * OB);
+        taps.in[taps.count] =
+            n * p.in_block + (static_cast<int64_t>(k) * p.width + kx) * p.in_width;
+        taps.weight[taps.count] = (n * kTaps + k * 3 + kx) * (p.in_width * OB);
       }
   return taps;
 }
 
 // Floats from the input block's start to the top left tap of pixel (x, y).
-template <int IB, int Stride>
+template <int Stride>
 int64_t corner(const planes& p, int32_t y, int32_t x) {
-  return (static_cast<int64_t>(y * Stride - 1) * p.width + x * Stride - 1) * IB;
+  return (static_cast<int64_t>(y * Stride - 1) * p.width + x * Stride - 1) * p.in_width;
 }
 
 // A kernel row of one input channel to one vector of outputs. Every value is spread once for all
@@ -136,7 +141,7 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
         OB > 8 && p.first ? lanes::zero()
                           : zyn_load_blocks<OB>(from + b * from_vector + i * from_step, from_block);
   }
-  const int64_t first = corner<IB, Stride>(p, y, x);
+  const int64_t first = corner<Stride>(p, y, x);
   constexpr bool kRows = OB > 8 && IB == 1 && Blocks == 1 && !Down;
   if constexpr (kRows)
     for (int32_t t = 0; t < taps.count; t += 3)
@@ -179,25 +184,58 @@ inline void tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
   }
 }
 
-// Single output channel: the lanes are the input channels.
-template <int IB, int Pixels, int Stride, bool Down>
-inline void dot_tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
-  using lanes = zyn_block_lanes<IB>;
-  const int64_t in_step = Down ? static_cast<int64_t>(Stride) * p.width * IB : Stride * IB;
-  const int64_t out_step = Down ? p.out_width : 1;
-  typename lanes::type sum[Pixels];
-  ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[i] = lanes::zero();
-  const int64_t first = corner<IB, Stride>(p, y, x);
+// Single inputs of a single output, stride 1: the lanes are pixels of a row.
+template <int Pixels>
+inline void row_tile(const planes& p, int32_t y, int32_t x, const tap_list& taps) {
+  using lanes = zyn_block_lanes<8>;
+  const __m256i mask = zyn_first_lanes(Pixels);
+  const auto load = [&](const float* from) {
+    return Pixels == 8 ? lanes::load(from) : _mm256_maskload_ps(from, mask);
+  };
+  float* out = p.out + (static_cast<int64_t>(y) * p.out_width + x);
+  __m256 sum = p.first ? lanes::zero() : load(out);
+  const int64_t first = corner<1>(p, y, x);
+  for (int32_t t = 0; t < taps.count; t++)
+    lanes::add_product(sum, load(p.in + (first + taps.in[t])),
+                       lanes::spread(p.weights + taps.weight[t]));
+  sum = lanes::add(sum, lanes::spread(p.epilogue.biases()));
+  _mm256_maskstore_ps(out, mask, lanes::max(p.epilogue.floor<8>(), sum));
+}
+
+// A block of 4 outputs or Blocks single ones: the lanes are the input channels. The first pixel's
+// top left tap is first floats from p.in; pixels are in_step floats apart there, out_step in out.
+template <int OB, int Blocks, int Pixels>
+[[gnu::noinline]] void dot_tile(const planes& p, int64_t first, int64_t in_step, float* out,
+                                int64_t out_step, const tap_list& taps) {
+  using lanes = zyn_block_lanes<OB>;
+  const int32_t width = p.in_width;
+  const int64_t in_block = p.in_block, apart = OB == 1 ? p.weight_block : width;
+  __m256 sum[OB * Blocks][Pixels];
+  ZYN_UNROLL for (int o = 0; o < OB * Blocks; o++) ZYN_UNROLL for (int i = 0; i < Pixels; i++)
+      sum[o][i] = _mm256_setzero_ps();
   for (int32_t t = 0; t < taps.count; t++) {
     const float* in = p.in + (first + taps.in[t]);
-    const typename lanes::type weight = lanes::load(p.weights + taps.weight[t]);
-    ZYN_UNROLL for (int i = 0; i < Pixels; i++) sum[i] =
-        lanes::fma(lanes::load(in + i * in_step), weight, sum[i]);
+    const float* weights = p.weights + taps.weight[t];
+    if (width == 8)
+      for (int32_t n = p.in_blocks; n > 0; n--, in += in_block, weights += OB * 8 * kTaps)
+        zyn_add_dots<8>(sum, in, in_step, weights, apart);
+    else  // the only one
+      zyn_add_dots<4>(sum, in, in_step, weights, apart);
   }
-  float* out = p.out + static_cast<int64_t>(y) * p.out_width + x;
-  ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
-    const float before = p.first ? 0.0f : out[i * out_step];
-    out[i * out_step] = p.epilogue.apply<1>(before + lanes::sum(sum[i]), 0);
+  alignas(16) float joined[(Pixels + 3) * OB];
+  ZYN_UNROLL for (int b = 0; b < Blocks; b++, out += p.out_block) {
+    // Lanes of 4 outputs or of 4 pixels are joined at once.
+    const auto v = [&](int i, int k) __attribute__((always_inline)) {
+      return OB == 4 ? sum[k][i] : sum[b][i + k < Pixels ? i + k : Pixels - 1];
+    };
+    ZYN_UNROLL for (int i = 0; i < Pixels; i += 4 / OB)
+        _mm_store_ps(joined + i * OB, zyn_join_dots(v(i, 0), v(i, 1), v(i, 2), v(i, 3)));
+    ZYN_UNROLL_BY(1) for (int i = 0; i < Pixels; i++) {
+      float* to = out + i * out_step;
+      const auto value =
+          lanes::add(lanes::load(p.first ? kZeros : to), lanes::load(joined + i * OB));
+      lanes::store(to, p.epilogue.apply<OB>(value, b));
+    }
   }
 }
 
@@ -212,8 +250,14 @@ struct line {
     for (; count > 0; count--, first += Pixels) {
       const auto at = static_cast<int32_t>(first);
       const int32_t row = Down ? at : y, column = Down ? x : at;
-      if constexpr (OB == 1)
-        dot_tile<IB, Pixels, Stride, Down>(p, row, column, taps);
+      if constexpr (is_dots(OB, IB))
+        dot_tile<OB, Blocks, Pixels>(
+            p, corner<Stride>(p, row, column),
+            static_cast<int64_t>(Stride) * (Down ? p.width : 1) * p.in_width,
+            p.out + (static_cast<int64_t>(row) * p.out_width + column) * OB,
+            static_cast<int64_t>(Down ? p.out_width : 1) * OB, taps);
+      else if constexpr (OB == 1 && IB == 1 && Stride == 1 && !Down)
+        row_tile<Pixels>(p, row, column, taps);
       else
         tile<OB, IB, Blocks, Pixels, Stride, Down>(p, row, column, taps);
     }
@@ -224,7 +268,7 @@ struct line {
 template <int OB, int IB, int Blocks, int Stride>
 [[gnu::noinline]] void edge_column(const planes& p, int32_t x, int32_t y0, int32_t y1,
                                    const tap_list& taps) {
-  zyn_balanced_tiles<kEdgePixels>(y0, y1, line<OB, IB, Blocks, Stride, true>{p, 0, x, taps});
+  zyn_balanced_tiles<edge_pixels(OB)>(y0, y1, line<OB, IB, Blocks, Stride, true>{p, 0, x, taps});
 }
 
 // Rows y0 to y1 - 1, which take the same kernel rows: the columns whose taps all lie
@@ -260,7 +304,7 @@ void rows(const planes& p, int32_t y0, int32_t y1) {
 template <int OB, int IB>
 void load_weights(float* local, const float* packed, int64_t apart) {
   constexpr int kBlock = block_of(OB);
-  if (OB == kBlock && (IB > 1 || OB == 1)) {
+  if (OB == 8 && IB > 1) {
     memcpy(local, packed, sizeof(float) * OB * IB * kTaps);
     return;
   }
@@ -276,26 +320,28 @@ template <int OB, int IB, int Blocks, int Stride>
 void accumulate(const zyn_blocked_layer& l, int32_t oc, int32_t ic, int32_t group, int32_t y0,
                 int32_t y1) {
   constexpr int kSubBlock = OB * IB * kTaps, kBlock = block_of(OB);
-  alignas(64) float local[Blocks * group_blocks(OB, IB) * kSubBlock];
+  constexpr bool kDots = is_dots(OB, IB);  // whose packed weights are used where they are
+  const int32_t width = kDots ? zyn_block_width(l.in_channels - ic) : IB;
+  alignas(64) float local[kDots ? 1 : Blocks * group_blocks(OB, IB) * kSubBlock];
   const int64_t in_plane = l.in_plane(), out_plane = l.out_plane();
   const int64_t output = int64_t{l.in_channels} * kTaps;  // floats of one output's weights
-  for (int b = 0; b < Blocks; b++)
+  const float* packed = l.packed + oc * output + static_cast<int64_t>(ic) * kBlock * kTaps;
+  for (int b = 0; b < (kDots ? 0 : Blocks); b++)
     for (int n = 0; n < group; n++)
-      load_weights<OB, IB>(
-          local + (b * group + n) * kSubBlock,
-          l.packed + (oc + b * OB) * output + static_cast<int64_t>(ic + n * IB) * kBlock * kTaps,
-          kBlock * output);
-  const bool last = ic + group * IB == l.in_channels;
+      load_weights<OB, IB>(local + (b * group + n) * kSubBlock,
+                           packed + b * OB * output + n * kSubBlock / OB * kBlock, kBlock * output);
+  const bool last = ic + group * width == l.in_channels;
   const planes p = {l.in + ic * in_plane,
+                    width,
                     group,
-                    in_plane * IB,
+                    in_plane * width,
                     l.width,
                     l.height,
                     l.out + oc * out_plane,
                     out_plane * kBlock,
                     l.out_width,
-                    local,
-                    group * kSubBlock,
+                    kDots ? packed : local,
+                    kDots ? output : group * kSubBlock,
                     ic == 0,
                     zyn_tile_epilogue(last ? l.epilogue : nullptr, oc, OB * Blocks)};
   rows<OB, IB, Blocks, Stride>(p, y0, y1);
@@ -305,6 +351,7 @@ void accumulate(const zyn_blocked_layer& l, int32_t oc, int32_t ic, int32_t grou
 
 template <int OB, int Blocks, int Stride>
 void output_blocks(const zyn_blocked_layer& l, int32_t oc) {
+  constexpr int kSingles = OB == 1 ? 1 : Blocks;  // of single inputs: smaller code
   const int64_t row_bytes = static_cast<int64_t>(l.out_width) * OB * Blocks * sizeof(float);
   const int64_t fitting = kStripBytes / row_bytes;
   // Few single inputs are one group: outputs are written once, and wait in no cache.
@@ -318,12 +365,14 @@ void output_blocks(const zyn_blocked_layer& l, int32_t oc) {
       const int32_t whole = left / width;
       const int32_t most = group_blocks(OB, width), group = whole < most ? whole : most;
       step = group * width;
+      constexpr int kFour = is_dots(OB, 4) ? 8 : 4;  // lanes of inputs take both alike
       if (width == 8)
         accumulate<OB, 8, Blocks, Stride>(l, oc, ic, group, y, end);
       else if (width == 4)
-        accumulate<OB, 4, Blocks, Stride>(l, oc, ic, group, y, end);
+        accumulate<OB, kFour, Blocks, Stride>(l, oc, ic, group, y, end);
       else
-        accumulate<OB, 1, Blocks, Stride>(l, oc, ic, group, y, end);
+        for (int b = 0; b < Blocks; b += kSingles)
+          accumulate<OB, 1, kSingles, Stride>(l, oc + b, ic, group, y, end);
     }
   }
 }
@@ -333,7 +382,7 @@ void run(const zyn_blocked_layer& l) {
   const int32_t done = kWide == 8 ? zyn_blocked_first_layer(l, Stride) : 0;
   for (int32_t oc = done, blocks = 0; oc < l.out_channels; oc += blocks) {
     const int32_t left = l.out_channels - oc;
-    blocks = left >= 2 * kWide ? 2 * kWide : zyn_vector_channels(left);
+    blocks = left >= 2 * kWide ? 2 * kWide : left < 4 ? left : zyn_vector_channels(left);
     if (blocks == 2 * kWide)
       output_blocks<kWide, 2, Stride>(l, oc);
     else if (kWide > 8 && blocks == kWide)
@@ -342,6 +391,10 @@ void run(const zyn_blocked_layer& l) {
       output_blocks<8, 1, Stride>(l, oc);
     else if (blocks == 4)
       output_blocks<4, 1, Stride>(l, oc);
+    else if (blocks == 3)
+      output_blocks<1, 3, Stride>(l, oc);
+    else if (blocks == 2)
+      output_blocks<1, 2, Stride>(l, oc);
     else
       output_blocks<1, 1, Stride>(l, oc);
   }

@@ -18,6 +18,10 @@ void pack_pair(float* packed, const float* weights, int32_t outputs, int32_t inp
         const float weight = weights[(o * inputs + i) * taps + t];
         if (inputs_of_block == 1 && outputs > 1)
           packed[o * taps + t] = weight;
+        else if (outputs == 4 && taps == 1)
+          packed[i / 2 * 8 + o * 2 + i % 2] = weight;
+        else if (outputs == 4)
+          packed[(t * outputs + o) * inputs_of_block + i] = weight;
         else
           packed[(t * inputs_of_block + i) * outputs + o] = weight;
       }

@@ -28,6 +28,7 @@ class zyn_tile_epilogue {
   typename zyn_block_lanes<Width>::type bias(int block) const {
     return zyn_block_lanes<Width>::load(bias_ + block * Width);
   }
+  const float* biases() const { return bias_; }
   // The lower bound of every value.
   template <int Width>
   typename zyn_block_lanes<Width>::type floor() const {
