@@ -20,8 +20,8 @@
 // Which kernel serves a record; ZYN_FPI_NONE clears the output.
 enum zyn_fpi_kind : uint32_t {
   ZYN_FPI_NONE,
-  ZYN_FPI_POINTWISE,  // 1 x 1, no padding
-  ZYN_FPI_DENSE_3X3,  // stride 1 or 2, rows that fill vectors well enough
+  ZYN_FPI_POINTWISE,     // 1 x 1, no padding
+  ZYN_FPI_DENSE_PIXELS,  // stride 1 or 2, rows that fill vectors well enough
   ZYN_FPI_DENSE_CHANNELS,
   ZYN_FPI_DENSE_ANY,           // a plain loop: large extents and strides
   ZYN_FPI_DEPTHWISE,           // stride 1 or 2
@@ -112,16 +112,16 @@ struct zyn_fpi_tile_epilogue {
 // A kernel, called by zyn_fpi_run_plan with checked arguments.
 using zyn_fpi_kernel = uint32_t(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
                                 zyn_tensor* output, const zyn_tensor* input);
-zyn_fpi_kernel zyn_fpi_run_1x1, zyn_fpi_run_3x3, zyn_fpi_run_channels, zyn_fpi_run_depthwise,
+zyn_fpi_kernel zyn_fpi_run_1x1, zyn_fpi_run_pixels, zyn_fpi_run_channels, zyn_fpi_run_depthwise,
     zyn_fpi_run_depthwise_channels, zyn_fpi_run_any;
 
 // The order of weights of the kernels that have one: its size in elements, then packing.
 int64_t zyn_fpi_packed_1x1(const zyn_fpi_plan& plan);
-int64_t zyn_fpi_packed_3x3(const zyn_fpi_plan& plan);
+int64_t zyn_fpi_packed_pixels(const zyn_fpi_plan& plan);
 int64_t zyn_fpi_packed_channels(const zyn_fpi_plan& plan);
 int64_t zyn_fpi_packed_depthwise_channels(const zyn_fpi_plan& plan);
 void zyn_fpi_pack_1x1(zyn_fpi_plan* plan);
-void zyn_fpi_pack_3x3(zyn_fpi_plan* plan);
+void zyn_fpi_pack_pixels(zyn_fpi_plan* plan);
 void zyn_fpi_pack_channels(zyn_fpi_plan* plan);
 void zyn_fpi_pack_depthwise_channels(zyn_fpi_plan* plan);
 
@@ -129,7 +129,11 @@ void zyn_fpi_pack_depthwise_channels(zyn_fpi_plan* plan);
 bool zyn_fpi_suits_depthwise_channels(const zyn_fpi_layer& layer, const zyn_tensor* output,
                                       const zyn_tensor* input);
 
+// Vector operations of a dense layer's row of outputs under one input channel.
+double zyn_fpi_pixels_cost(const zyn_fpi_layer& layer, const zyn_tensor* output);
+double zyn_fpi_channels_cost(const zyn_fpi_layer& layer, const zyn_tensor* output);
+
 // At most so many words of scratch take the kernels that copy padded rows; -1: beyond all.
-int64_t zyn_fpi_scratch_3x3(const zyn_fpi_layer& layer, const zyn_tensor* output);
+int64_t zyn_fpi_scratch_pixels(const zyn_fpi_layer& layer, const zyn_tensor* output);
 int64_t zyn_fpi_scratch_channels(const zyn_fpi_layer& layer, const zyn_tensor* output);
 int64_t zyn_fpi_scratch_depthwise(const zyn_fpi_layer& layer, const zyn_tensor* output);

@@ -52,13 +52,13 @@ int64_t tile_words(const zyn_fpi_plan& plan) {
 
 inline __m256i broadcast(const int32_t* word) { return _mm256_set1_epi32(*word); }
 
-// 4 rows of one or two times 16 pixels, which lie apart elements from each other; the planes of in
-// lie in_pitch elements apart.
-template <zyn_fpi_1x1_mode kMode, int kVectors>
-void tile(__m256i (&sum)[kRows][kVectors], const int16_t* in, int64_t in_pitch, int64_t apart,
+// kUsed of 4 rows of one or two times 16 pixels, which lie apart elements from each other; the
+// planes of in lie in_pitch elements apart.
+template <zyn_fpi_1x1_mode kMode, int kUsed, int kVectors>
+void tile(__m256i (&sum)[kUsed][kVectors], const int16_t* in, int64_t in_pitch, int64_t apart,
           int64_t channels, const int32_t* weights, const int32_t* list, int32_t d) {
   const zyn_fpi_product<kMode> product(d);
-  __m256i s[kRows][kVectors] = {};
+  __m256i s[kUsed][kVectors] = {};
   const int16_t* at = in;
   for (int64_t i = 0; i < channels; i++, at += in_pitch, weights += kRows) {
     // The compiler does not see through the empty statements: else it loads vectors again for every
@@ -68,7 +68,7 @@ void tile(__m256i (&sum)[kRows][kVectors], const int16_t* in, int64_t in_pitch, 
       x[v] = zyn_fpi_load(at + v * apart);
       __asm__("" : "+x"(x[v]));
     }
-    ZYN_UNROLL for (int k = 0; k < kRows; k++) {
+    ZYN_UNROLL for (int k = 0; k < kUsed; k++) {
       const __m256i w = broadcast(weights + k);
       ZYN_UNROLL for (int v = 0; v < kVectors; v++) {
         s[k][v] = _mm256_add_epi16(s[k][v], product(x[v], w));
@@ -79,32 +79,59 @@ void tile(__m256i (&sum)[kRows][kVectors], const int16_t* in, int64_t in_pitch, 
   const int32_t* entry = list + 1;
   for (int32_t n = 0; n < list[0]; n++, entry += kEntry) {
     at = in + entry[0] * in_pitch;
-    ZYN_UNROLL for (int k = 0; k < kRows; k++) {
+    ZYN_UNROLL for (int k = 0; k < kUsed; k++) {
       const __m256i w = broadcast(entry + 1 + k);
       ZYN_UNROLL for (int v = 0; v < kVectors; v++) s[k][v] =
           _mm256_add_epi16(s[k][v], _mm256_mullo_epi16(zyn_fpi_load(at + v * apart), w));
     }
   }
-  ZYN_UNROLL for (int k = 0; k < kRows; k++) ZYN_UNROLL for (int v = 0; v < kVectors; v++)
+  ZYN_UNROLL for (int k = 0; k < kUsed; k++) ZYN_UNROLL for (int v = 0; v < kVectors; v++)
       sum[k][v] = s[k][v];
 }
 
-// All output channels of up to 16 pixels, or of two times 16.
-template <zyn_fpi_1x1_mode kMode, int kVectors>
-[[gnu::noinline]] void run_pixels(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& epilogue,
-                                  int16_t* out, int64_t out_pitch, const int16_t* in,
-                                  int64_t in_pitch, int64_t apart, int64_t count) {
+// What run_pixels works on: tiles of up to 16 pixels, or of two times 16 that lie apart elements
+// from each other, side by side.
+struct pixel_run {
+  int16_t* out;
+  const int16_t* in;
+  int64_t in_pitch;
+  int64_t apart, count, tiles;
+};
+
+// The first rows of a block, of kUsed that are computed.
+template <zyn_fpi_1x1_mode kMode, int kUsed, int kVectors>
+[[gnu::always_inline]] inline void run_block(const zyn_fpi_plan* plan,
+                                             const zyn_fpi_layer_epilogue& epilogue, int64_t block,
+                                             const int32_t* list, const pixel_run& run, int64_t at,
+                                             int64_t rows = kUsed) {
   const zyn_fpi_layer& l = plan->layer;
-  const int32_t* list = plan->packed + blocks_of(l) * l.in_channels * kRows;
-  for (int64_t block = 0; block < blocks_of(l); block++, list += 1 + list[0] * kEntry) {
-    __m256i sum[kRows][kVectors];
-    tile<kMode>(sum, in, in_pitch, apart, l.in_channels,
-                plan->packed + block * l.in_channels * kRows, list, plan->shift);
-    for (int64_t k = 0; k < kRows && block * kRows + k < l.out_channels; k++) {
-      int16_t* row = out + (block * kRows + k) * out_pitch;
-      const zyn_fpi_channel_epilogue finish(epilogue, block * kRows + k);
-      for (int v = 0; v < kVectors; v++)
-        zyn_fpi_store_part(row + v * apart, finish(sum[k][v]), count);
+  __m256i sum[kUsed][kVectors];
+  tile<kMode>(sum, run.in + at, run.in_pitch, run.apart, l.in_channels,
+              plan->packed + block * l.in_channels * kRows, list, plan->shift);
+  int16_t* row = run.out + at + block * kRows * plan->pixels;
+  ZYN_UNROLL for (int k = 0; k < kUsed; k++, row += plan->pixels) {
+    if (k >= rows) return;
+    ZYN_UNROLL for (int v = 0; v < kVectors; v++)
+        zyn_fpi_store_part(row + v * run.apart, epilogue(sum[k][v], block * kRows + k), run.count);
+  }
+}
+
+// All output channels.
+template <zyn_fpi_1x1_mode kMode, int kVectors>
+[[gnu::noinline]] void run_pixels(const zyn_fpi_plan* plan, const zyn_fpi_layer_epilogue& epilogue,
+                                  const pixel_run& run) {
+  const zyn_fpi_layer& l = plan->layer;
+  const int64_t whole = l.out_channels / kRows, rest = l.out_channels % kRows;
+  for (int64_t at = 0; at < run.tiles * kPixels; at += kPixels) {
+    const int32_t* list = plan->packed + blocks_of(l) * l.in_channels * kRows;
+    for (int64_t block = 0; block < whole; block++, list += 1 + list[0] * kEntry)
+      run_block<kMode, 4, kVectors>(plan, epilogue, block, list, run, at);
+    if constexpr (kVectors == 1) {
+      if (rest > 0) run_block<kMode, 4, 1>(plan, epilogue, whole, list, run, at, rest);
+    } else {
+      if (rest == 3) run_block<kMode, 3, kVectors>(plan, epilogue, whole, list, run, at);
+      if (rest == 2) run_block<kMode, 2, kVectors>(plan, epilogue, whole, list, run, at);
+      if (rest == 1) run_block<kMode, 1, kVectors>(plan, epilogue, whole, list, run, at);
     }
   }
 }
@@ -123,25 +150,25 @@ const int32_t* behind_tiles(const zyn_fpi_plan& plan) {
 struct run_planes {
   const zyn_fpi_plan* plan;
   const zyn_fpi_tile_epilogue& epilogue;
+  const zyn_fpi_layer_epilogue& of_layer;
   int16_t* out;
   const int16_t *in, *small;
 
   template <zyn_fpi_1x1_mode kMode>
   void run() const {
     const int64_t pixels = plan->pixels;
-    const auto vectors = [this, pixels](int64_t first, int64_t second) {
-      run_pixels<kMode, 2>(plan, epilogue, out + first, pixels, in + first, pixels, second - first,
-                           kVector);
+    const auto vectors = [this, pixels](int64_t first, int64_t second, int64_t tiles) {
+      run_pixels<kMode, 2>(plan, of_layer,
+                           {out + first, in + first, pixels, second - first, kVector, tiles});
     };
-    int64_t x = 0;
-    for (; x + kPixels <= pixels; x += kPixels) vectors(x, x + kVector);
+    const int64_t tiles = pixels / kPixels, x = tiles * kPixels;
+    if (tiles > 0) vectors(0, kVector, tiles);
     const int64_t left = pixels - x, last = pixels - kVector;
     if (left == 0) return;
-    if (small) return run_pixels<kMode, 1>(plan, epilogue, out, pixels, small, kVector, 0, pixels);
+    if (small) return run_pixels<kMode, 1>(plan, of_layer, {out, small, kVector, 0, pixels, 1});
     if (!zyn_fpi_rest_by_outputs(*plan)) {  // pixels of the last vector are computed twice
-      if (left > kVector) return vectors(x, last);
-      return run_pixels<kMode, 1>(plan, epilogue, out + last, pixels, in + last, pixels, 0,
-                                  kVector);
+      if (left > kVector) return vectors(x, last, 1);
+      return run_pixels<kMode, 1>(plan, of_layer, {out + last, in + last, pixels, 0, kVector, 1});
     }
     zyn_fpi_run_outputs(*plan, behind_tiles(*plan), epilogue, out + x, in + x, pixels - x);
   }
@@ -209,12 +236,14 @@ uint32_t zyn_fpi_run_1x1(const zyn_fpi_plan* plan, const zyn_fpi_tile_epilogue& 
   // before anything is written.
   const bool small = pixels < kVector && !zyn_fpi_rest_by_outputs(*plan);
   auto planes = zyn_scratch<int16_t>::zeroed(small ? l.in_channels * kVector : 0);
-  if ((strided && !copy) || (small && !planes)) return ZYN_RET_ERR_MEMORY;
+  zyn_scratch<int32_t> biases(l.out_channels);
+  if ((strided && !copy) || (small && !planes) || !biases) return ZYN_RET_ERR_MEMORY;
   if (strided) subsample(copy.get(), l, output, input);
   const int16_t* in = strided ? copy.get() : zyn_fpi_words(input);
   for (int64_t i = 0; small && i < l.in_channels; i++)
     zyn_fpi_copy(planes.get() + i * kVector, in + i * pixels, pixels);
+  const zyn_fpi_layer_epilogue of_layer(epilogue, l.out_channels, biases.get());
   zyn_fpi_with_mode(plan->shift,
-                    run_planes{plan, epilogue, zyn_fpi_words(output), in, planes.get()});
+                    run_planes{plan, epilogue, of_layer, zyn_fpi_words(output), in, planes.get()});
   return ZYN_RET_OK;
 }

@@ -186,6 +186,11 @@ void store_sums(const int32_t* sums, int64_t pixels, const zyn_fpi_tile_epilogue
 
 }  // namespace
 
+double zyn_fpi_channels_cost(const zyn_fpi_layer& l, const zyn_tensor* output) {
+  return static_cast<double>(output->dims[0] * blocks_of(l)) *
+         static_cast<double>(2 * pairs_of(l) + 4);
+}
+
 // Per block of 8 output channels, for every input channel the pairs of the kernel, each
 // for all channels of the block; absent taps and channels are 0.
 int64_t zyn_fpi_packed_channels(const zyn_fpi_plan& plan) {

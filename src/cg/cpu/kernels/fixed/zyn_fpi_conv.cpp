@@ -13,10 +13,6 @@ constexpr int32_t kRelu = 1, kHardSwish = 2, kRelu6 = 3;  // activation codes
 constexpr int64_t kMostReach = 32;  // extents and strides that are worth padded copies
 constexpr int64_t kScratchFactor = 32, kScratchWords = 65536;  // see zyn_fpi.h
 
-bool is_3x3(const zyn_fpi_layer& l) {
-  return l.kernel_x == 3 && l.kernel_y == 3 && l.dilation_x == 1 && l.dilation_y == 1;
-}
-
 bool has_stride(const zyn_fpi_layer& l, int32_t stride) {
   return l.stride_x == stride && l.stride_y == stride;
 }
@@ -27,21 +23,13 @@ bool is_narrow(const zyn_fpi_layer& l) {
          l.stride_y <= kMostReach;
 }
 
-// Whether rows of width outputs cost 16 pixels of one output channel at a time less than one
-// pixel of 8: idle lanes, and the vector operations for 16 sums.
-bool is_better_by_pixels(const zyn_fpi_layer& l, int64_t width) {
-  const int64_t pixels = (width + 15) / 16 * l.out_channels;
-  const int64_t channels = width * ((l.out_channels + int64_t{7}) / 8);
-  constexpr int64_t kPixelsCost = 22, kChannelsCost = 15;
-  return pixels * kPixelsCost <= channels * kChannelsCost;
-}
-
-zyn_fpi_kind choose_dense(const zyn_fpi_layer& l, int64_t width) {
+zyn_fpi_kind choose_dense(const zyn_fpi_layer& l, const zyn_tensor* output) {
   const bool unpadded = l.pad_x == 0 && l.pad_y == 0;
   if (l.kernel_x == 1 && l.kernel_y == 1 && unpadded) return ZYN_FPI_POINTWISE;
-  if (is_3x3(l) && (has_stride(l, 1) || has_stride(l, 2)) && is_better_by_pixels(l, width))
-    return ZYN_FPI_DENSE_3X3;
-  return is_narrow(l) ? ZYN_FPI_DENSE_CHANNELS : ZYN_FPI_DENSE_ANY;
+  if (!is_narrow(l)) return ZYN_FPI_DENSE_ANY;
+  const bool by_pixels = (has_stride(l, 1) || has_stride(l, 2)) &&
+                         zyn_fpi_pixels_cost(l, output) <= zyn_fpi_channels_cost(l, output);
+  return by_pixels ? ZYN_FPI_DENSE_PIXELS : ZYN_FPI_DENSE_CHANNELS;
 }
 
 zyn_fpi_kind choose_depthwise(const zyn_fpi_layer& l, const zyn_tensor* input,
@@ -71,8 +59,9 @@ kernel kernel_of(zyn_fpi_kind kind) {
   switch (kind) {
     case ZYN_FPI_POINTWISE:
       return {zyn_fpi_run_1x1, zyn_fpi_packed_1x1, zyn_fpi_pack_1x1, nullptr};
-    case ZYN_FPI_DENSE_3X3:
-      return {zyn_fpi_run_3x3, zyn_fpi_packed_3x3, zyn_fpi_pack_3x3, zyn_fpi_scratch_3x3};
+    case ZYN_FPI_DENSE_PIXELS:
+      return {zyn_fpi_run_pixels, zyn_fpi_packed_pixels, zyn_fpi_pack_pixels,
+              zyn_fpi_scratch_pixels};
     case ZYN_FPI_DENSE_CHANNELS:
       return {zyn_fpi_run_channels, zyn_fpi_packed_channels, zyn_fpi_pack_channels,
               zyn_fpi_scratch_channels};
@@ -104,11 +93,13 @@ bool is_bounded(zyn_fpi_kind kind, const zyn_fpi_layer& l, const zyn_tensor* inp
 
 zyn_fpi_kind choose(const zyn_conv_param* p, const zyn_fpi_layer& l, const zyn_tensor* input,
                     const zyn_tensor* output) {
-  const bool dense = p->groups == 1;
-  if (!dense && !zyn_conv_is_depthwise(p)) return ZYN_FPI_NONE;
-  const zyn_fpi_kind kind =
-      dense ? choose_dense(l, output->dims[0]) : choose_depthwise(l, input, output);
+  if (p->groups != 1 && !zyn_conv_is_depthwise(p)) return ZYN_FPI_NONE;
+  // One channel in and out is both.
+  const bool dense = p->groups == 1 && (l.in_channels > 1 || l.out_channels > 1);
+  const zyn_fpi_kind kind = dense ? choose_dense(l, output) : choose_depthwise(l, input, output);
   if (is_bounded(kind, l, input, output)) return kind;
+  if (kind == ZYN_FPI_DENSE_PIXELS && is_bounded(ZYN_FPI_DENSE_CHANNELS, l, input, output))
+    return ZYN_FPI_DENSE_CHANNELS;
   return dense ? ZYN_FPI_DENSE_ANY : ZYN_FPI_DEPTHWISE_ANY;
 }
 

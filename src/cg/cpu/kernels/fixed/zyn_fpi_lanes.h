@@ -70,6 +70,21 @@ struct zyn_fpi_channel_epilogue {
   }
 };
 
+// A layer's epilogue for kernels of many tiles: the biases brought to the output's q beforehand,
+// each twice in a word.
+struct zyn_fpi_layer_epilogue {
+  const int32_t* biases;
+  __m256i low, high;
+  zyn_fpi_layer_epilogue(const zyn_fpi_tile_epilogue& o, int64_t channels, int32_t* room)
+      : biases(room), low(_mm256_set1_epi16(o.low)), high(_mm256_set1_epi16(o.high)) {
+    for (int64_t c = 0; c < channels; c++) room[c] = zyn_fpi_pair(o.bias_of(c), o.bias_of(c));
+  }
+  __m256i operator()(__m256i sum, int64_t channel) const {
+    const __m256i v = _mm256_add_epi16(sum, _mm256_set1_epi32(biases[channel]));
+    return _mm256_min_epi16(_mm256_max_epi16(v, low), high);
+  }
+};
+
 // Copies the first and the last T's worth of count values, which may overlap.
 template <typename T>
 inline void zyn_fpi_copy_ends(int16_t* to, const int16_t* from, int64_t count) {

@@ -106,6 +106,7 @@ struct finish_tile {
 
 // Within a network a tile's output has left the caches since the last inference: it comes
 // back while the tile is summed.
+constexpr int64_t kFewTerms = 16;  // summed before that
 template <int kRows, int kColumns>
 [[gnu::always_inline]] inline void ask_for_output(const tile_place& place) {
   ZYN_UNROLL for (int r = 0; r < kRows; r++) {
@@ -174,10 +175,11 @@ void tiles(const zyn_gemm_tile_job& job) {
   const float* ahead = job.ahead;
   tile_place place = {job.out, job.pitch, job.rows, job.columns, {0, job.to[1], job.to[2]}};
   float* copy = job.copy;
+  const bool asks = !kNarrow && job.channels * job.taps > kFewTerms;
   for (int64_t n = job.count; n > 0; n--) {
     if (!kNarrow && ahead)
       ahead = ask_ahead(ahead, job.ahead_rows, job.ahead_stride, kLanes * kVectors);
-    if (!kNarrow) ask_for_output<kRows, kLanes * kVectors>(place);
+    if (asks) ask_for_output<kRows, kLanes * kVectors>(place);
     typename zyn_block_lanes<kLanes>::type sums[kRows][kVectors];
     Half half;
     zyn_gemm_clear<kLanes>(sums);
@@ -259,7 +261,7 @@ void slim_tiles(const zyn_gemm_slim_job& job, const zyn_gemm_vector* vectors, in
     const auto tile = here == kMost   ? slim_tile<kLanes, kRows, kMost, kTaps>
                       : here == kHalf ? slim_tile<kLanes, kRows, kHalf, kTaps>
                                       : slim_tile<kLanes, kRows, 1, kTaps>;
-    tile(job, vectors + i, job.sums + i * kRows * kLanes);
+    tile(job, vectors + i, kTaps ? job.sums + i * kRows * kLanes : nullptr);
   }
 }
 

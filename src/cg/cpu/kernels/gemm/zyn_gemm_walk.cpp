@@ -12,11 +12,15 @@ constexpr int64_t kGroupBytes = 24 * 1024;
 constexpr int64_t kMostPartBytes = 60 * 1024;
 // Vectors of 16 columns read them twice as fast: the second level would not keep up.
 constexpr int64_t kMostWidePartBytes = 30 * 1024;
-// More channels than this, for two tiles, leave no room in the first-level cache.
-constexpr int64_t kMostChannelsAhead = 160;
+// More channels than this, for two tiles, leave no room in the first-level cache; as many for a row
+// block's share ask for more than the next level gives.
+constexpr int64_t kMostChannelsAhead = 160, kMostShareAhead = 16;
 // Fewer row blocks than this do not earn the copy of the columns back.
 constexpr int64_t kCopyBlocks = 3;
-constexpr int64_t kVectorsAtOnce = 48;  // of slim rows: whole tiles of 8, 6 and 4 vectors
+// So few terms are summed sooner than a job for every tile is made.
+constexpr int64_t kFewTerms = 32;
+constexpr int64_t kVectorsAtOnce = 48;   // of slim rows: whole tiles of 8, 6 and 4 vectors
+constexpr int64_t kColumnsAtOnce = 192;  // the same without taps, whose sums need no memory
 constexpr int64_t kMostSlimRows = 3;
 // Terms of a column that is multiplied by itself, rows at a time, and how many earn that.
 constexpr int64_t kMostColumn = 2048, kMostColumnRows = 8 * 6, kLastColumnRows = 16;
@@ -119,7 +123,8 @@ struct walk {
       j.next_out = set.block * j.pitch;
       j.next_rows = set.block;
       j.count = copy ? 1 : blocks;
-      if (next > 0 && b.taps == 1 && b.channels <= kMostChannelsAhead) {
+      if (next > 0 && b.taps == 1 && b.channels <= kMostChannelsAhead &&
+          b.channels < kMostShareAhead * blocks) {
         j.ahead = b.base + next;
         j.ahead_stride = b.channel_stride;
         j.ahead_rows = (b.channels + blocks - 1) / blocks;
@@ -149,7 +154,7 @@ struct walk {
   // The columns from first on in whole tiles side by side, of which count hold.
   void side_by_side(int64_t first, int64_t last, int64_t columns) const {
     const int64_t width = set.wide_columns;
-    if (blocks < kCopyBlocks) {
+    if (blocks < kCopyBlocks || (!b.panel && b.channels * b.taps <= kFewTerms)) {
       const int64_t group = zyn_larger(kGroupBytes / (b.channels * b.taps * 4) / width, 1) * width;
       for (; first < last; first += group) wide(first, zyn_smaller(first + group, last));
       return;
@@ -273,11 +278,12 @@ void slim_rows(const zyn_gemm_rows& b, const zyn_gemm_vector* vectors, int64_t c
 void slim_columns(const zyn_gemm_rows& b, int64_t columns, const float* packed, int64_t block,
                   const zyn_gemm_output& output) {
   const int64_t lanes = columns < kZynVectorFloats ? 8 : kZynVectorFloats;
-  zyn_gemm_vector vectors[kVectorsAtOnce];
+  zyn_gemm_vector vectors[kColumnsAtOnce];
+  const int64_t at_once = b.taps > 1 ? kVectorsAtOnce : kColumnsAtOnce;
   int64_t count = 0;
   for (int64_t column = 0; column + lanes <= columns; column += lanes) {
     vectors[count++] = {column, column};
-    if (count < kVectorsAtOnce && column + 2 * lanes <= columns) continue;
+    if (count < at_once && column + 2 * lanes <= columns) continue;
     slim_rows(b, vectors, count, lanes, packed, block, output);
     count = 0;
   }

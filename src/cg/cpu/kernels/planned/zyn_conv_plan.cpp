@@ -80,6 +80,7 @@ float* take_region(float* block, int64_t* at, int64_t floats) {
 
 zyn_conv_scratch_sizes scratch_sizes(zyn_conv_plan* plan) {
   if (!is_dense(plan)) return zyn_conv_depthwise_sizes(plan);
+  if (zyn_conv_by_planes(plan)) return zyn_conv_planes_sizes(plan);
   return zyn_conv_in_strips(plan) ? zyn_conv_plan_dense(plan) : zyn_conv_scratch_sizes{};
 }
 

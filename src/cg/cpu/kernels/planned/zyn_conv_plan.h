@@ -43,8 +43,8 @@ struct zyn_conv_scratch {
                     // 128 K floats or, if that is more, those under one output row
   float* panel;     // by strips: an aligned copy of ZYN_GEMM_PANEL of the product's columns
   float* products;  // flat strips: the products with their border, less than 4 outputs; in runs:
-                    // those of one run, less than the output
-  float* zeros;     // depthwise: a row of zeros, for rows outside of the image
+                    // those of one run, rows filled up to 8
+  float* zeros;     // depthwise and by planes: a row of zeros, for rows outside of the image
   float* lanes;     // depthwise by 8 channels: 8 channels' weights, planes and sums
 };
 
@@ -78,6 +78,13 @@ struct zyn_conv_plan {
 inline bool zyn_conv_is_by_vector(const zyn_conv_plan* plan) {
   return plan->kind == ZYN_PLAN_GENERIC && plan->output_pixels == 1;
 }
+// Whether a plan of kind 1 has so few output channels that it sums input planes as depthwise layers
+// do: copies of the input do not pay.
+enum { ZYN_CONV_FEW_OUTPUTS = 2 };
+inline bool zyn_conv_by_planes(const zyn_conv_plan* plan) {
+  return plan->kind == ZYN_PLAN_DENSE_3X3 && plan->output_channels <= ZYN_CONV_FEW_OUTPUTS &&
+         plan->output_w >= 8;
+}
 // Whether the product reads its columns from strips: kinds 1 to 4, and kind 0, in runs of terms as
 // the general multiply's.
 enum { ZYN_CONV_STRIP_KERNEL = 7 };  // the largest kernel, for kind 0
@@ -86,9 +93,10 @@ inline bool zyn_conv_in_runs(const zyn_conv_plan* plan) {
 }
 inline bool zyn_conv_in_strips(const zyn_conv_plan* plan) {
   if (plan->kind != ZYN_PLAN_GENERIC)
-    return plan->kind >= ZYN_PLAN_DENSE_3X3 && plan->kind <= ZYN_PLAN_DENSE_5X5_S2;
-  if (plan->output_w < 8 || plan->kernel == 1 || plan->kernel > ZYN_CONV_STRIP_KERNEL ||
-      plan->stride > 2)
+    return !zyn_conv_by_planes(plan) && plan->kind >= ZYN_PLAN_DENSE_3X3 &&
+           plan->kind <= ZYN_PLAN_DENSE_5X5_S2;
+  const bool narrow = plan->output_w < (zyn_conv_in_runs(plan) ? 4 : 8);
+  if (narrow || plan->kernel == 1 || plan->kernel > ZYN_CONV_STRIP_KERNEL || plan->stride > 2)
     return false;
   // Many outputs earn a column matrix back sooner than lanes that are idle at the ends of rows.
   const int64_t w = plan->output_w, idle = zyn_round_up(w, 8) - w;
@@ -109,13 +117,16 @@ struct zyn_conv_scratch_sizes {
 
 // The strip of a plan by strips and the sizes of its scratch.
 zyn_conv_scratch_sizes zyn_conv_plan_dense(zyn_conv_plan* plan);
-// The sizes of the scratch of a depthwise plan.
+// The sizes of the scratch of a depthwise plan, and of one by planes.
 zyn_conv_scratch_sizes zyn_conv_depthwise_sizes(const zyn_conv_plan* plan);
+zyn_conv_scratch_sizes zyn_conv_planes_sizes(const zyn_conv_plan* plan);
 
 // The kinds. Arguments have been checked against the plan. 0, or 2 when scratch memory
 // is short.
 uint32_t zyn_conv_run_dense(float* output, const float* input, const zyn_conv_plan* plan,
                             const zyn_conv_epilogue& epilogue);
+uint32_t zyn_conv_run_planes(float* output, const float* input, const zyn_conv_plan* plan,
+                             const zyn_conv_epilogue& epilogue);
 uint32_t zyn_conv_run_depthwise(float* output, const float* input, const zyn_conv_plan* plan,
                                 const zyn_conv_epilogue& epilogue);
 // Generic: by parts of the column matrix (K rows, one column per output pixel) that ask for

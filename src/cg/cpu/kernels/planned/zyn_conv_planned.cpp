@@ -3,7 +3,7 @@
 //   generic                      here: column matrix and general multiply; most of strides 1
 //                                and 2 as dense 3x3
 //   pointwise                    here: the input's planes are the columns
-//   dense 3x3, 5x5               zyn_conv_planned_dense.cpp
+//   dense 3x3, 5x5               zyn_conv_planned_dense.cpp; 3x3 of 1 or 2 outputs in the last
 //   depthwise 3x3 by 8 channels  zyn_conv_planned_dw_lanes.cpp, for small planes
 //   other depthwise              zyn_conv_planned_dw.cpp, stride 1 and 2
 #include <immintrin.h>
@@ -12,6 +12,7 @@
 #include "base/zyn_memory.h"
 #include "base/zyn_platform.h"
 #include "cg/cpu/kernels/gemm/zyn_gemm_pack.h"
+#include "cg/cpu/kernels/planar/zyn_conv_planar.h"
 #include "cg/cpu/kernels/planned/zyn_conv_plan.h"
 #include "cg/cpu/kernels/zyn_cg_kernels.h"
 #include "cg/cpu/kernels/zyn_conv_epilogue.h"
@@ -149,10 +150,42 @@ bool plan_is_of(const zyn_conv_plan* plan, const zyn_conv_param* param) {
          (plan->kind < ZYN_PLAN_DEPTHWISE_3X3 || param->in_channels == param->out_channels);
 }
 
+// Whether the column matrix costs more than its outputs gain by it over method 0, which copies rows
+// once for all taps, leaves out those outside of the image, and takes whole tiles of 16 pixels and
+// 4 outputs. In multiply-adds per value of a column.
+bool is_better_by_rows(const zyn_conv_plan* p) {
+  constexpr int64_t kTile = 16, kChannels = 4;
+  constexpr int64_t kShort = 21,
+                    kLong = 8;  // what a value costs in a row of under 8 pixels, of more
+  const int64_t w = p->output_w, outputs = p->output_channels;
+  if (zyn_conv_in_runs(p)) return false;
+  if (p->kernel == 1) return outputs < kChannels;
+  const int64_t tiles = zyn_round_up(w, kTile) * zyn_round_up(outputs, kChannels);
+  return p->kernel > p->stride && p->output_pixels > 1 &&
+         tiles * zyn_smaller(p->kernel, p->input_h) <=
+             w * (outputs + (w < kVector ? kShort : kLong)) * p->kernel;
+}
+
+uint32_t run_by_rows(float* output, const float* input, const zyn_conv_plan* p,
+                     const zyn_conv_epilogue& epilogue) {
+  return zyn_planar_generic({output,
+                             static_cast<int32_t>(p->output_w),
+                             static_cast<int32_t>(p->output_h),
+                             static_cast<int32_t>(p->output_channels),
+                             input,
+                             p->input_w,
+                             p->input_h,
+                             p->input_channels,
+                             p->weights,
+                             {p->kernel, p->kernel, p->stride, p->stride, p->pad, p->pad, 1, 1},
+                             epilogue});
+}
+
 }  // namespace
 
 uint32_t zyn_conv_run_generic(float* output, const float* input, const zyn_conv_plan* plan,
                               const zyn_conv_epilogue& epilogue) {
+  if (is_better_by_rows(plan)) return run_by_rows(output, input, plan, epilogue);
   const int64_t pixels = plan->output_pixels, k = plan->k, rows = plan->output_channels;
   // Parts are whole tiles, so that they cost no more work than one piece.
   const int64_t tiles = zyn_larger(kMostColumnFloats / k / ZYN_GEMM_WIDE, 1);
@@ -243,6 +276,8 @@ uint32_t zyn_cg_conv_run_planned_fused(zyn_tensor* output, const zyn_tensor* inp
     case ZYN_PLAN_POINTWISE:
       return zyn_conv_run_pointwise(to, from, plan, e);
     case ZYN_PLAN_DENSE_3X3:
+      return zyn_conv_by_planes(plan) ? zyn_conv_run_planes(to, from, plan, e)
+                                      : zyn_conv_run_dense(to, from, plan, e);
     case ZYN_PLAN_DENSE_3X3_S2:
     case ZYN_PLAN_DENSE_5X5:
     case ZYN_PLAN_DENSE_5X5_S2:

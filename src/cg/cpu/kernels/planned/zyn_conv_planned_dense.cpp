@@ -109,11 +109,13 @@ void multiply_flat(const zyn_conv_plan* p, const zyn_gemm_rows& b, int64_t y, in
              static_cast<size_t>(w) * sizeof(float));
 }
 
-// The product of a strip row by row, in vectors of which the last ends with the row. Tiles
-// take the vectors that come next, be they of one row or of two.
+// The product of a strip row by row, in vectors of which the last ends with the row; rows of less
+// than a vector are filled up to one. Tiles take the vectors that come next, be they of one row or
+// of two.
 void multiply_rows(const zyn_conv_plan* p, const zyn_gemm_rows& b, const float* weights,
                    int64_t rows, const zyn_gemm_output& out) {
-  const int64_t w = p->output_w, lanes = w < kZynVectorFloats ? kVector : kZynVectorFloats;
+  const int64_t w = zyn_larger(p->output_w, kVector);
+  const int64_t lanes = w < kZynVectorFloats ? kVector : kZynVectorFloats;
   zyn_gemm_vector vectors[kVectorsAtOnce];
   int64_t count = 0;
   for (int64_t r = 0; r < rows; r++)
@@ -129,20 +131,27 @@ void multiply_rows(const zyn_conv_plan* p, const zyn_gemm_rows& b, const float* 
 // The same in runs of terms, whose sums are added to the output one after the other.
 void multiply_runs(const zyn_conv_plan* p, const int64_t* offsets, int64_t rows, float* output) {
   const int64_t k = p->k, taps = int64_t{p->kernel} * p->kernel, channels = p->output_channels;
-  const int64_t pixels = p->output_pixels, some = rows * p->output_w;
+  const int64_t w = p->output_w, filled = zyn_larger(w, kVector), pixels = p->output_pixels;
   const float* weights = zyn_conv_strip_weights(p);
+  int64_t channel = 0, tap = 0;  // of the next term
   for (int64_t first = 0, count = 0; first < k; first += count) {
     count = zyn_smaller(ZYN_GEMM_RUN, k - first);
     int64_t at[ZYN_GEMM_RUN];
-    for (int64_t i = 0; i < count; i++)
-      at[i] = (first + i) / taps * p->strip.channel_floats + offsets[(first + i) % taps];
+    for (int64_t i = 0; i < count; i++) {
+      at[i] = channel + offsets[tap];
+      if (++tap == taps) tap = 0, channel += p->strip.channel_floats;
+    }
     const float* base = p->scratch.strip + (count == 1 ? at[0] : 0);
-    float* products = first == 0 ? output : p->scratch.products;
+    const bool direct = first == 0 && w == filled;
+    float* products = direct ? output : p->scratch.products;
     multiply_rows(p, {base, 0, 1, count, at, p->scratch.panel}, weights, rows,
-                  {products, first == 0 ? pixels : some, channels, {}});
+                  {products, direct ? pixels : rows * filled, channels, {}});
     weights += count * zyn_round_up(channels, p->channel_block);
-    for (int64_t c = 0; first > 0 && c < channels; c++)
-      for (int64_t i = 0; i < some; i++) output[c * pixels + i] += products[c * some + i];
+    for (int64_t c = 0; !direct && c < channels; c++)
+      for (int64_t r = 0; r < rows; r++, products += filled) {
+        float* to = output + c * pixels + r * w;
+        for (int64_t x = 0; x < w; x++) to[x] = first > 0 ? to[x] + products[x] : products[x];
+      }
   }
 }
 
@@ -154,8 +163,8 @@ zyn_conv_scratch_sizes zyn_conv_plan_dense(zyn_conv_plan* p) {
   const int64_t phases = static_cast<int64_t>(p->stride) * p->stride;
   const int64_t output_w = p->output_w;
   s->pitch = output_w + overlap;
-  s->flat = output_w < kVector ||
-            (!zyn_conv_in_runs(p) && s->pitch * 15 < zyn_round_up(output_w, kVector) * 14);
+  const bool idle = s->pitch * 15 < zyn_round_up(output_w, kVector) * 14;
+  s->flat = !zyn_conv_in_runs(p) && (output_w < kVector || idle);
   // Rows that begin on a vector are written without straddling cache lines.
   if (!s->flat) s->pitch = zyn_round_up(s->pitch, kVector);
   const int64_t row = phases * p->input_channels * s->pitch;
@@ -171,7 +180,7 @@ zyn_conv_scratch_sizes zyn_conv_plan_dense(zyn_conv_plan* p) {
   s->channel_floats = (phases * s->phase_floats + 31) / 32 * 32 + 16;
   const int64_t products =
       s->flat               ? p->output_channels * zyn_round_up(flat_columns(p, s->rows), kVector)
-      : zyn_conv_in_runs(p) ? p->output_channels * s->rows * output_w
+      : zyn_conv_in_runs(p) ? p->output_channels * s->rows * zyn_larger(output_w, kVector)
                             : 0;
   const int64_t terms = zyn_conv_in_runs(p) ? int64_t{ZYN_GEMM_RUN} : int64_t{p->k};
   return {s->channel_floats * p->input_channels, ZYN_GEMM_PANEL * terms, products, 0, 0};

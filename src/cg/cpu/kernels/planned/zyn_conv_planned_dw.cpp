@@ -5,6 +5,9 @@
 // taps row by row. Rows above and below the image are read from a row of zeros; vectors
 // that touch the left or right border load by mask; the last vector of a row overlaps the
 // one before it.
+//
+// A dense layer of 3 x 3 with one or two output channels is a sum of such layers, which waits in
+// the output.
 #include <immintrin.h>
 
 #include "cg/cpu/kernels/planar/zyn_conv_planar.h"
@@ -17,6 +20,8 @@ constexpr int64_t kVector = 8;
 constexpr int64_t kLine = 16;  // floats of a cache line
 // Input and output of more floats than this (2 MB) do not stay in the second cache level.
 constexpr int64_t kMostCachedFloats = 512 * 1024;
+constexpr int64_t kRowsFloats = 4096;  // of a plane, which stay in the first level
+constexpr int kTaps = 9;
 
 // Which borders of the image a vector touches.
 enum { kNone = 0, kLeft = 1, kRight = 2, kBoth = 3 };
@@ -84,6 +89,7 @@ struct run_planes {
   // The first and the last vector of a row.
   int64_t last_x = 0, stored = kVector;
   int first_edge = kNone, last_edge = kNone;
+  __m256i fresh = {};  // the lanes of the last vector that the one before has not
   __m256i first_masks[row_taps::kLoads] = {}, last_masks[row_taps::kLoads] = {};
 
   run_planes(const zyn_conv_plan* plan_, const float* input_, float* output_, const float* bias_,
@@ -94,6 +100,9 @@ struct run_planes {
     far = (in_plane + plan->output_pixels) * plan->input_channels > kMostCachedFloats;
     stored = zyn_smaller(width, kVector);
     last_x = width - stored;
+    fresh = zyn_lanes_within(static_cast<int32_t>(width % kVector - kVector),
+                             static_cast<int32_t>(kVector));
+    if (width % kVector == 0) fresh = zyn_first_lanes(kVector);
     first_edge = edge(0);
     last_edge = edge(last_x);
     ZYN_UNROLL for (int i = 0; i < row_taps::kLoads; i++) {
@@ -124,12 +133,18 @@ struct run_planes {
   };
 
   // One vector of a group.
-  template <int kRows, int kEdge, int kActivation>
+  template <int kRows, int kEdge, int kActivation, bool kAdd>
   [[gnu::always_inline]] void block(const group<kRows>& g,
                                     const __m256 (&weights)[kKernel * kKernel], int64_t x,
                                     const __m256i* masks) const {
     __m256 sums[kRows];
-    ZYN_UNROLL for (int r = 0; r < kRows; r++) sums[r] = _mm256_setzero_ps();
+    const bool partial = kEdge == kBoth && stored < kVector;
+    ZYN_UNROLL for (int r = 0; r < kRows; r++) {
+      const float* from = g.out + r * g.pitch + x;
+      sums[r] = !kAdd     ? _mm256_setzero_ps()
+                : partial ? _mm256_maskload_ps(from, zyn_first_lanes(stored))
+                          : _mm256_loadu_ps(from);
+    }
     ZYN_UNROLL for (int i = 0; i < group<kRows>::kInputRows; i++) {
       __m256 v[kKernel];
       load_row<kEdge>(g.rows[i] + x * kStride, masks, v);
@@ -144,8 +159,10 @@ struct run_planes {
     ZYN_UNROLL for (int r = 0; r < kRows; r++) {
       const __m256 sum = _mm256_add_ps(row_taps::in_order(sums[r]), g.bias);
       const __m256 y = zyn_activate<kActivation>(sum);
-      if (kEdge == kBoth && stored < kVector)
+      if (partial)
         _mm256_maskstore_ps(to, zyn_first_lanes(stored), y);
+      else if (kAdd && x == last_x)
+        _mm256_maskstore_ps(to, fresh, y);
       else
         _mm256_storeu_ps(to, y);
       to += g.pitch;
@@ -164,19 +181,19 @@ struct run_planes {
         x);
   }
 
-  template <int kRows, int kActivation>
+  template <int kRows, int kActivation, bool kAdd>
   [[gnu::always_inline]] void edge_block(const group<kRows>& g,
                                          const __m256 (&weights)[kKernel * kKernel], int64_t x,
                                          const __m256i* masks, int edges) const {
     switch (edges) {
       case kNone:
-        return block<kRows, kNone, kActivation>(g, weights, x, masks);
+        return block<kRows, kNone, kActivation, kAdd>(g, weights, x, masks);
       case kLeft:
-        return block<kRows, kLeft, kActivation>(g, weights, x, masks);
+        return block<kRows, kLeft, kActivation, kAdd>(g, weights, x, masks);
       case kRight:
-        return block<kRows, kRight, kActivation>(g, weights, x, masks);
+        return block<kRows, kRight, kActivation, kAdd>(g, weights, x, masks);
       default:
-        return block<kRows, kBoth, kActivation>(g, weights, x, masks);
+        return block<kRows, kBoth, kActivation, kAdd>(g, weights, x, masks);
     }
   }
 
@@ -188,14 +205,21 @@ struct run_planes {
         _mm_prefetch(reinterpret_cast<const char*>(*at), _MM_HINT_T0);
   }
 
-  // kRows output rows of channel c from y on.
-  template <int kRows, int kActivation>
-  void row_group(int64_t c, int64_t y, const __m256 (&weights)[kKernel * kKernel]) const {
+  // Where a group's rows come from and go to.
+  struct planes {
+    const float* in;
+    float* out;
+    __m256 bias;
+  };
+
+  // kRows output rows from y on; kAdd: added to what stands there.
+  template <int kRows, int kActivation, bool kAdd = false>
+  void row_group(const planes& p, int64_t y, const __m256 (&weights)[kKernel * kKernel]) const {
     constexpr int kInputRows = group<kRows>::kInputRows;
     const int64_t w = plan->input_w, h = plan->input_h, out_w = plan->output_w;
     const int64_t first = y * kStride - kPad;
     group<kRows> g;
-    const float* row = input + (c * h + first) * w - kPad;
+    const float* row = p.in + first * w - kPad;
     ZYN_UNROLL for (int i = 0; i < kInputRows; i++, row += w) g.rows[i] = row;
     if (first < 0 || first + kInputRows > h) {
       const float* zeros = plan->scratch.zeros - kPad;
@@ -203,18 +227,24 @@ struct run_planes {
         if (first + i < 0 || first + i >= h) g.rows[i] = zeros;
       }
     }
-    g.out = output + (c * plan->output_h + y) * out_w;
+    g.out = p.out + y * out_w;
     g.pitch = out_w;
-    g.bias = bias ? _mm256_broadcast_ss(bias + c) : _mm256_set1_ps(-0.0f);
-    edge_block<kRows, kActivation>(g, weights, 0, first_masks, first_edge);
-    const float* next_in = input + (c * h + first + kInputRows) * w;
+    g.bias = p.bias;
+    edge_block<kRows, kActivation, kAdd>(g, weights, 0, first_masks, first_edge);
+    const float* next_in = p.in + (first + kInputRows) * w;
     const float* next_out = g.out + kRows * out_w;
     for (int64_t x = kVector; x < last_x; x += kVector) {
       if (far) ask_ahead<kRows * kStride * kStride>(&next_in);
       ask_ahead<kRows>(&next_out);
-      block<kRows, kNone, kActivation>(g, weights, x, nullptr);
+      block<kRows, kNone, kActivation, kAdd>(g, weights, x, nullptr);
     }
-    if (last_x > 0) edge_block<kRows, kActivation>(g, weights, last_x, last_masks, last_edge);
+    if (last_x > 0) edge_block<kRows, kActivation, kAdd>(g, weights, last_x, last_masks, last_edge);
+  }
+
+  planes planes_of(int64_t in_channel, int64_t out_channel, const float* biases) const {
+    return {input + in_channel * plan->input_w * plan->input_h,
+            output + out_channel * plan->output_pixels,
+            biases ? _mm256_broadcast_ss(biases + out_channel) : _mm256_set1_ps(-0.0f)};
   }
 
   template <int kActivation>
@@ -224,16 +254,63 @@ struct run_planes {
       __m256 weights[kKernel * kKernel];
       ZYN_UNROLL for (int i = 0; i < kKernel * kKernel; i++) weights[i] =
           _mm256_broadcast_ss(plan->weights + c * kKernel * kKernel + i);
+      const planes p = planes_of(c, c, bias);
       int64_t y = 0;
       for (; y + kRowGroup <= rows; y += kRowGroup)
-        row_group<kRowGroup, kActivation>(c, y, weights);
+        row_group<kRowGroup, kActivation>(p, y, weights);
       // One row less than a group: a group that overlaps the one before.
       if (rows > kRowGroup && rows - y == kRowGroup - 1 && kRowGroup > 2) {
-        row_group<kRowGroup, kActivation>(c, rows - kRowGroup, weights);
+        row_group<kRowGroup, kActivation>(p, rows - kRowGroup, weights);
         continue;
       }
-      for (; y + 2 <= rows; y += 2) row_group<2, kActivation>(c, y, weights);
-      if (y < rows) row_group<1, kActivation>(c, y, weights);
+      for (; y + 2 <= rows; y += 2) row_group<2, kActivation>(p, y, weights);
+      if (y < rows) row_group<1, kActivation>(p, y, weights);
+    }
+  }
+
+  // Rows y to end - 1.
+  template <int kActivation, bool kAdd>
+  void rows_between(const planes& p, int64_t y, int64_t end,
+                    const __m256 (&weights)[kKernel * kKernel]) const {
+    for (; y + kRowGroup <= end; y += kRowGroup)
+      row_group<kRowGroup, kActivation, kAdd>(p, y, weights);
+    for (; y < end; y++) row_group<1, kActivation, kAdd>(p, y, weights);
+  }
+};
+
+// A dense layer of few output channels as sums of depthwise ones.
+struct sum_planes {
+  const zyn_conv_plan* plan;
+  const zyn_conv_epilogue& epilogue;
+  run_planes<3, 1> of;
+
+  // Rows y to end - 1 of what input channel c adds to output channel o.
+  template <int kActivation, bool kAdd>
+  void add(int64_t c, int64_t o, int64_t y, int64_t end, const float* bias) const {
+    __m256 weights[kTaps];
+    ZYN_UNROLL for (int t = 0; t < kTaps; t++) weights[t] =
+        _mm256_broadcast_ss(plan->weights + (c * kTaps + t) * plan->channel_block + o);
+    of.rows_between<kActivation, kAdd>(of.planes_of(c, o, bias), y, end, weights);
+  }
+
+  // One input channel: nothing waits for others.
+  template <int kActivation>
+  void run() const {
+    for (int64_t o = 0; o < plan->output_channels; o++)
+      add<kActivation, false>(0, o, 0, plan->output_h, epilogue.bias);
+  }
+
+  void run_all() const {
+    const int64_t width = plan->output_w, height = plan->output_h, outputs = plan->output_channels;
+    const int64_t some = zyn_larger(kRowsFloats / width / of.kRowGroup, 1) * of.kRowGroup;
+    for (int64_t y = 0; y < height; y += some) {
+      const int64_t end = zyn_smaller(y + some, height);
+      for (int64_t o = 0; o < outputs; o++) add<ZYN_EPILOGUE_NONE, false>(0, o, y, end, nullptr);
+      for (int64_t c = 1; c < plan->input_channels; c++)
+        for (int64_t o = 0; o < outputs; o++) add<ZYN_EPILOGUE_NONE, true>(c, o, y, end, nullptr);
+      for (int64_t o = 0; o < outputs; o++)
+        zyn_conv_finish_rows(of.output + o * plan->output_pixels + y * width, 1, (end - y) * width,
+                             {epilogue.bias ? epilogue.bias + o : nullptr, epilogue.activation});
     }
   }
 };
@@ -243,6 +320,20 @@ struct run_planes {
 // The zeros reach a vector past the longest row.
 zyn_conv_scratch_sizes zyn_conv_depthwise_sizes(const zyn_conv_plan* plan) {
   return {0, 0, 0, int64_t{plan->input_w} + 2 * kVector, zyn_conv_lanes_floats(plan)};
+}
+
+zyn_conv_scratch_sizes zyn_conv_planes_sizes(const zyn_conv_plan* plan) {
+  return {0, 0, 0, int64_t{plan->input_w} + 2 * kVector, 0};
+}
+
+uint32_t zyn_conv_run_planes(float* output, const float* input, const zyn_conv_plan* plan,
+                             const zyn_conv_epilogue& epilogue) {
+  const sum_planes sums = {plan, epilogue, {plan, input, output, nullptr}};
+  if (plan->input_channels == 1)
+    zyn_with_activation(epilogue.activation, sums);
+  else
+    sums.run_all();
+  return 0;
 }
 
 uint32_t zyn_conv_run_depthwise(float* output, const float* input, const zyn_conv_plan* plan,
