@@ -170,8 +170,9 @@ struct strip {
   }
 };
 
+// A function of its own: as part of all others gcc keeps its pointers in memory.
 template <int Width, int Stride, int Rows, int Ky0, int Ky1>
-void rows(const planes& p, int32_t y) {
+[[gnu::noinline]] void rows(const planes& p, int32_t y) {
   const filter<Width> f(p);
   strip<Width, Stride, Rows, Ky0, Ky1> s(p, y);
   if (p.width == 1) {
