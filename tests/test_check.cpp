@@ -169,6 +169,9 @@ TEST(Check, TextsOfMistakesInEdgesAndBindings) {
   EXPECT_EQ(make({{0, 1}, {1, 4}}, true),
             Texts({"error an edge names node 4, but the graph was created for ids 0 to 3: create "
                    "it with max_nodes of at least 5"}));
+  EXPECT_EQ(make({{0, 1}, {1, INT32_MAX}}, true),
+            Texts({"error an edge names node 2147483647, but the graph was created for ids 0 to 3: "
+                   "create it with max_nodes of at least 2147483648"}));
   EXPECT_EQ(make({{0, 1}, {1, 2}, {2, 3}, {3, 1}}, true),
             Texts({"error the edges lead in a circle: 3 > 1 > 2 > 3"}));
   EXPECT_EQ(make({{0, 1}}, true), Texts({"error node 0: has not been bound: call "

@@ -107,8 +107,8 @@ bool zyn_checker::check_edges() {
     if (ids[i] >= graph_->max_nodes) {
       error(ZYN_CHECK_NODE_RANGE, -1,
             "an edge names node %d, but the graph was created for ids 0 to %d: create it with "
-            "max_nodes of at least %d",
-            ids[i], graph_->max_nodes - 1, ids[i] + 1);
+            "max_nodes of at least %lld",
+            ids[i], graph_->max_nodes - 1, static_cast<long long>(ids[i]) + 1);
       usable = false;
     }
     if (ids[i] < count) seen[ids[i]] = 1;
