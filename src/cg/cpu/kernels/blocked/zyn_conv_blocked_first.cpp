@@ -19,6 +19,22 @@ constexpr int tile_pixels(int blocks) { return 12 / blocks; }
 // Which kernel column a tile's first or last pixel does without.
 enum edge { kNoEdge, kLeft, kRight };
 
+// A kernel column of an input row, which begins at at, to the sums.
+template <int Stride, edge Edge, int Blocks, int Pixels>
+[[gnu::always_inline]] inline void add_column(__m256 (&sum)[Blocks][Pixels], const float* at,
+                                              const float* weights, int kx) {
+  using lanes = zyn_block_lanes<kBlock>;
+  __m256 weight[Blocks];
+  ZYN_UNROLL for (int b = 0; b < Blocks; b++) weight[b] = lanes::load(weights + b * kBlock);
+  ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
+    if ((Edge == kLeft && i == 0 && kx == 0) ||
+        (Edge == kRight && i == Pixels - 1 && kx == kKernel - 1))
+      continue;
+    const __m256 value = lanes::spread(at + i * Stride);
+    ZYN_UNROLL for (int b = 0; b < Blocks; b++) lanes::add_product(sum[b][i], value, weight[b]);
+  }
+}
+
 // An output row of Blocks blocks: the rows of input planes under it that exist.
 template <int Blocks, int Stride>
 struct row {
@@ -48,17 +64,7 @@ struct row {
         const float* at = origin + from[t];
         const float* const w = weights[t];
         ZYN_UNROLL for (int kx = 0; kx < kKernel; kx++) {
-          __m256 weight[Blocks];
-          ZYN_UNROLL for (int b = 0; b < Blocks; b++) weight[b] =
-              lanes::load(w + (kx * Blocks + b) * kBlock);
-          ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
-            if ((Edge == kLeft && i == 0 && kx == 0) ||
-                (Edge == kRight && i == Pixels - 1 && kx == kKernel - 1))
-              continue;
-            const __m256 value = lanes::spread(at + i * Stride);
-            ZYN_UNROLL for (int b = 0; b < Blocks; b++)
-                lanes::add_product(sum[b][i], value, weight[b]);
-          }
+          add_column<Stride, Edge>(sum, at, w + kx * Blocks * kBlock, kx);
           zyn_own_pointer(++at);  // else values are kept for the next column, and sums in memory
         }
       }

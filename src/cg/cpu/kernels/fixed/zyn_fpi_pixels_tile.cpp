@@ -78,6 +78,13 @@ struct gathered_pairs {
   }
 };
 
+// The products of pairs, added to a sum but for the first ones.
+[[gnu::always_inline]] inline __m256i add_product(__m256i sum, __m256i values, __m256i weights,
+                                                  bool first) {
+  const __m256i product = _mm256_madd_epi16(values, weights);
+  return first ? product : _mm256_add_epi32(sum, product);
+}
+
 // The sums of kOutputs output channels over all input channels.
 template <bool kScaled, int kOutputs, typename Pairs>
 [[gnu::always_inline]] inline void sum_channels(__m256i (&all)[kOutputs][2],
@@ -93,11 +100,8 @@ template <bool kScaled, int kOutputs, typename Pairs>
       __asm__("" : "+x"(a), "+x"(b));
       ZYN_UNROLL for (int o = 0; o < kOutputs; o++) {
         const __m256i w = _mm256_set1_epi32(weights[o]);
-        __m256i of_a = _mm256_madd_epi16(a, w), of_b = _mm256_madd_epi16(b, w);
-        if (!first) {
-          of_a = _mm256_add_epi32(sums[o][0], of_a);
-          of_b = _mm256_add_epi32(sums[o][1], of_b);
-        }
+        __m256i of_a = add_product(sums[o][0], a, w, first);
+        __m256i of_b = add_product(sums[o][1], b, w, first);
         __asm__("" : "+x"(of_a), "+x"(of_b));
         sums[o][0] = of_a;
         sums[o][1] = of_b;
