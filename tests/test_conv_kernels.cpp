@@ -263,11 +263,22 @@ TEST(ConvKernels, WinogradStaysWithinItsErrorInEveryShapeAndOrder) {
   for (const std::array<int, 4>& s : {std::array<int, 4>{256, 8, 90, 9}, {8, 40, 37, 150}})
     check_inner<Winograd>(conv_param(s[0], s[1], 3, 1, 1), skewed(random, {s[2], s[3], s[0]}, 0),
                           skewed(random, {9 * s[0] * s[1]}, 0), random, 1e-4);
+  // Pointwise: halves of odd numbers of pixels, of blocks of inputs, of outputs; several strips.
+  constexpr int kPointwise[] = {32, 40, 56, 64, 136, 264}, kOutputs[] = {32, 33, 40, 52, 72, 129};
+  for (int i = 0; i < soak(40, 2000); i++) {
+    const int in = kPointwise[random.integer(0, 5)], out = kOutputs[random.integer(0, 5)];
+    const int w = random.integer(4, i % 5 ? 12 : 40), h = random.integer(8, i % 4 ? 11 : 40);
+    check_inner<Winograd>(conv_param(in, out, 1, 1, 0),
+                          skewed(random, {w, h, in}, random.integer(0, 4)),
+                          skewed(random, {in * out}, i % 4), random, 1e-4);
+    if (HasFatalFailure()) return;
+  }
   // What others serve.
-  std::vector<zyn_conv_param> others = {conv_param(12, 8, 3, 1, 1), conv_param(8, 7, 3, 1, 1),
-                                        conv_param(8, 8, 3, 2, 1),  conv_param(8, 8, 3, 1, 3),
-                                        conv_param(8, 8, 5, 1, 2),  conv_param(8, 8, 3, 1, 1, 8),
-                                        conv_param(8, 8, 3, 1, 1)};
+  std::vector<zyn_conv_param> others = {
+      conv_param(12, 8, 3, 1, 1),  conv_param(8, 7, 3, 1, 1),   conv_param(8, 8, 3, 2, 1),
+      conv_param(8, 8, 3, 1, 3),   conv_param(8, 8, 5, 1, 2),   conv_param(8, 8, 3, 1, 1, 8),
+      conv_param(36, 32, 1, 1, 0), conv_param(32, 31, 1, 1, 0), conv_param(32, 32, 1, 2, 0),
+      conv_param(32, 32, 1, 1, 1), conv_param(8, 8, 3, 1, 1)};
   others.back().dilation_w = 2;
   for (const zyn_conv_param& p : others) EXPECT_FALSE(zyn_conv_winograd_serves(&p, 9, 9));
   others[0] = conv_param(8, 8, 3, 1, 0);

@@ -79,7 +79,9 @@ uint32_t zyn_blocked_drive(zyn_tensor* output, const zyn_tensor* input, const zy
                              (input->dims[0] - 1) / stride + 1,
                              (input->dims[1] - 1) / stride + 1,
                              zyn_vector_aligned(static_cast<const float*>(packed->data)),
-                             epilogue};
+                             epilogue,
+                             {},
+                             0};
   if (param->dilation_h > 1 || param->dilation_w > 1) return ZYN_RET_ERR_NOT_SUPPORT;
   if (output->dims[0] != layer.out_width || output->dims[1] != layer.out_height)
     return ZYN_RET_ERR_NOT_SUPPORT;

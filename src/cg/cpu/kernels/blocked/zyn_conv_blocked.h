@@ -44,6 +44,13 @@ inline int32_t zyn_vector_channels(int32_t remaining) {
 // Whether planar and blocked order are the same.
 inline bool zyn_block_is_planar(int32_t channels) { return channels < 4; }
 
+// Where the packed weight of an output and an input lies in a 1x1 layer of inputs inputs, whole
+// blocks of 8, and whole vectors of outputs.
+inline int64_t zyn_blocked_1x1_place(int64_t output, int64_t input, int64_t inputs) {
+  const int64_t lane = output % kZynVectorFloats;
+  return (output - lane) * inputs + input * kZynVectorFloats + lane;
+}
+
 // A convolution with padding 1 (3x3) or 0 (1x1) whose tensors have been checked.
 struct zyn_blocked_layer {
   const float* in;  // in blocked order
@@ -52,6 +59,10 @@ struct zyn_blocked_layer {
   int32_t out_channels, out_width, out_height;
   const float* packed;
   const zyn_conv_epilogue* epilogue;  // null: none
+  // 1x1 of whole vectors of outputs, at least 16: outputs alike that are added, and the pixels of
+  // one of their planes. Null: none.
+  const float* sums[2];
+  int64_t sums_plane;
 
   int64_t in_plane() const { return static_cast<int64_t>(width) * height; }
   int64_t out_plane() const { return static_cast<int64_t>(out_width) * out_height; }
@@ -73,6 +84,9 @@ int32_t zyn_blocked_first_layer(const zyn_blocked_layer& layer, int32_t stride);
 // Planar to blocked: channels planes of count pixels. Scratch of the family is one such
 // copy of the input, whatever the record says.
 void zyn_block_planes(float* blocked, const float* planar, int32_t channels, int64_t count);
+
+// Pointwise, the first count pixels of each plane.
+void zyn_blocked_1x1(const zyn_blocked_layer& layer, int64_t count);
 
 // Pointwise, pixels first to end - 1: at most 8 outputs, from channel oc on. Returns how many of
 // them it took.

@@ -60,18 +60,33 @@ struct tiles {
   zyn_tile_epilogue epilogue;
   weights_ahead* ahead;
 
+  // What a layer adds at a pixel.
+  template <int Pixels>
+  void add_sums(typename zyn_block_lanes<OB>::type (&sum)[Blocks][Pixels], const float* sums,
+                int64_t pixel) const {
+    using lanes = zyn_block_lanes<OB>;
+    const int64_t block = l.sums_plane * kBlock;
+    const float* from = sums + oc * l.sums_plane + pixel * kBlock;
+    ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
+        const float* place = from + b * block * (OB / kBlock) + i * kBlock;
+        sum[b][i] = lanes::add(sum[b][i], zyn_load_blocks<OB>(place, block));
+      }
+    }
+  }
+
   // Values are copied to locals first: vector stores may alias anything in memory. A function
   // of its own for every size: gcc shares the registers out badly among several loops.
   template <int Pixels>
   [[gnu::noinline]] void run(int64_t pixel, int64_t count) const {
     using lanes = zyn_block_lanes<OB>;
-    const int64_t pixels = l.in_plane();
+    const int64_t in_plane = l.in_plane(), out_block = l.out_plane() * kBlock;
     const int32_t in_channels = l.in_channels;
     const int64_t weight_block = static_cast<int64_t>(OB) * in_channels;
     const float* const in = l.in;
     const float* const packed = l.packed + static_cast<int64_t>(oc) * in_channels;
     const typename lanes::type floor = epilogue.floor<OB>();
-    float* out = l.out + oc * pixels + pixel * kBlock;
+    float* out = l.out + oc * l.out_plane() + pixel * kBlock;
     const char *line = ahead->at, *const last_line = ahead->end;
     for (; count > 0; count--, pixel += Pixels, out += Pixels * kBlock) {
       const bool more = line < last_line;
@@ -85,7 +100,7 @@ struct tiles {
       // Unrolled, the same sums of 256-bit vectors let this processor's clock stay 5 % higher.
       const float* eight = in + pixel * 8;
       ZYN_UNROLL_BY(kBlocksAtOnce)
-      for (int32_t n = in_channels / 8; n > 0; n--, eight += pixels * 8) {
+      for (int32_t n = in_channels / 8; n > 0; n--, eight += in_plane * 8) {
         if (more) {
           _mm_prefetch(line, _MM_HINT_T1);
           _mm_prefetch(line + kLine, _MM_HINT_T1);
@@ -95,13 +110,16 @@ struct tiles {
       }
       int32_t ic = in_channels / 8 * 8;
       if (in_channels - ic >= 4) {
-        add_inputs<OB, 4>(sum, in + ic * pixels + pixel * 4, w);
+        add_inputs<OB, 4>(sum, in + ic * in_plane + pixel * 4, w);
         ic += 4;
       }
-      for (; ic < in_channels; ic++) add_inputs<OB, 1>(sum, in + ic * pixels + pixel, w);
+      for (; ic < in_channels; ic++) add_inputs<OB, 1>(sum, in + ic * in_plane + pixel, w);
+      for (const float* sums : l.sums)
+        if (sums) add_sums(sum, sums, pixel);
       ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
-        ZYN_UNROLL for (int i = 0; i < Pixels; i++) zyn_store_blocks<OB>(
-            out + b * pixels * OB + i * kBlock, pixels * kBlock, lanes::max(floor, sum[b][i]));
+        ZYN_UNROLL for (int i = 0; i < Pixels; i++)
+            zyn_store_blocks<OB>(out + b * out_block * (OB / kBlock) + i * kBlock, out_block,
+                                 lanes::max(floor, sum[b][i]));
       }
     }
     ahead->at = line;
@@ -125,9 +143,10 @@ void strip(const zyn_blocked_layer& l, int32_t oc, int64_t first, int64_t end) {
                        OB * Blocks / kBlock, l.out_plane() * kBlock);
 }
 
+}  // namespace
+
 // Strips of nearly equal size, a multiple of every tile's pixels.
-void run(const zyn_blocked_layer& l) {
-  const int64_t pixels = l.in_plane();
+void zyn_blocked_1x1(const zyn_blocked_layer& l, int64_t pixels) {
   const bool few =
       l.out_channels < kFewOutputs && l.out_channels > 4 && l.in_channels >= 4 * kFewOutputs;
   const int64_t bytes = few ? kFewStripBytes : kStripBytes;
@@ -159,6 +178,8 @@ void run(const zyn_blocked_layer& l) {
   }
 }
 
+namespace {
+void run(const zyn_blocked_layer& l) { zyn_blocked_1x1(l, l.in_plane()); }
 }  // namespace
 
 uint32_t zyn_cg_conv1x1(zyn_tensor* output, const zyn_tensor* input, const zyn_tensor* packed,

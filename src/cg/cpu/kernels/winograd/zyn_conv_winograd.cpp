@@ -9,10 +9,12 @@
 #include "base/zyn_memory.h"
 #include "cg/cpu/kernels/general/zyn_general_strip.h"
 #include "cg/cpu/kernels/general/zyn_general_tile.h"
+#include "cg/cpu/kernels/winograd/zyn_conv_quarters.h"
 #include "cg/cpu/kernels/winograd/zyn_winograd_tiles.h"
 #include "cg/cpu/kernels/zyn_conv_shape.h"
 
 struct zyn_conv_winograd {
+  zyn_conv_quarters* quarters;  // of a pointwise layer, which has nothing else
   bool planar_output;
   int32_t in_channels, out_channels;
   int32_t width, height, out_width, out_height, pad_x, pad_y;
@@ -280,11 +282,19 @@ void run_strip(const call& c, const strip& s) {
   }
 }
 
+layer* prepare_pointwise(const float* weights, const zyn_conv_param* param, const int32_t* input,
+                         bool planar_output, int64_t* scratch) {
+  auto made = zyn_scratch<layer>::zeroed(1);
+  if (!made) return nullptr;
+  made->quarters = zyn_conv_quarters_prepare(weights, param, input, planar_output, scratch);
+  return made->quarters ? made.take() : nullptr;
+}
+
 }  // namespace
 
 bool zyn_conv_winograd_serves(const zyn_conv_param* param, int32_t width, int32_t height) {
   layer l = {};
-  return open(&l, *param, width, height);
+  return open(&l, *param, width, height) || zyn_conv_quarters_serves(param, width, height);
 }
 
 int32_t zyn_conv_winograd_tile(const zyn_conv_param* param, int32_t out_width, int32_t out_height) {
@@ -303,6 +313,9 @@ zyn_conv_winograd* zyn_conv_winograd_prepare(const float* weights, const zyn_con
                                              const int32_t* input, const int32_t* output,
                                              bool planar_output, int64_t* scratch) {
   layer l = {};
+  if (input[0] == output[0] && input[1] == output[1] &&
+      zyn_conv_quarters_serves(param, input[0], input[1]))
+    return prepare_pointwise(weights, param, input, planar_output, scratch);
   if (!open(&l, *param, input[0], input[1]) || l.out_width != output[0] ||
       l.out_height != output[1])
     return nullptr;
@@ -324,6 +337,7 @@ zyn_conv_winograd* zyn_conv_winograd_prepare(const float* weights, const zyn_con
 
 void zyn_conv_winograd_release(zyn_conv_winograd** layer) {
   if (!*layer) return;
+  zyn_conv_quarters_release(&(*layer)->quarters);
   zyn_free((*layer)->weights);
   zyn_free((*layer)->taps);
   zyn_free(*layer);
@@ -331,8 +345,8 @@ void zyn_conv_winograd_release(zyn_conv_winograd** layer) {
 }
 
 int64_t zyn_conv_winograd_bytes(const zyn_conv_winograd* layer) {
-  return layer ? zyn_block_bytes(layer->weights) + zyn_block_bytes(layer->taps) +
-                     zyn_block_bytes(layer)
+  return layer ? zyn_conv_quarters_bytes(layer->quarters) + zyn_block_bytes(layer->weights) +
+                     zyn_block_bytes(layer->taps) + zyn_block_bytes(layer)
                : 0;
 }
 
@@ -340,6 +354,7 @@ void zyn_conv_winograd_run(const zyn_conv_winograd* layer, zyn_tensor* output,
                            const zyn_tensor* input, const zyn_conv_epilogue& epilogue,
                            float* scratch) {
   const zyn_conv_winograd& l = *layer;
+  if (l.quarters) return zyn_conv_quarters_run(l.quarters, output, input, epilogue, scratch);
   const layout parts(l);
   const bool one_pixel = l.width == 1 && l.height == 1;  // both orders are one
   const bool blocked = input->layout == ZYN_LAYOUT_BLOCKED || one_pixel;
