@@ -162,9 +162,9 @@ double general_cost(const layer& l, bool blocked_input, bool blocked_output) {
 double quarters_cost(const layer& l, bool blocked_input, bool blocked_output) {
   const double outputs = rounded_up(l.out_channels, 8), afar = l.weights() - 65536;
   return 0.92 * 1.75e-5 * l.pixels_out * l.in_channels * outputs +
-         (blocked_input ? 1.9e-4 : 3.9e-4) * l.pixels_in * l.in_channels +
-         (blocked_output ? 9e-5 : 2.8e-4) * l.pixels_out * outputs +
-         9e-5 * (l.weights() + (afar > 0 ? afar : 0)) + 0.5;
+         (blocked_input ? 1.9e-4 : 5e-4) * l.pixels_in * l.in_channels +
+         (blocked_output ? 9e-5 : 3.5e-4) * l.pixels_out * outputs +
+         9e-5 * (l.weights() + (afar > 0 ? afar : 0)) + 8e-3 * (l.in_channels + outputs) + 0.5;
 }
 
 // Methods 5 and 6: the input's transform, products, the output's transform, and weights, which
