@@ -276,8 +276,9 @@ typedef struct zyn_net_options {
   int32_t fixed_point;  /* 1: 16-bit fixed point, by the file's fraction bits */
   int32_t keep_all;     /* 1: every node's output stays readable after a run; else only
                            those of named outputs, and the others share their memory */
-  int32_t exact;        /* 1: no convolution by Winograd's method, whose sums are others than
-                           those of methods 0 to 2, within 1e-4 of an output's range */
+  int32_t exact;        /* 1: no convolution by Winograd's methods (3 x 3, large pointwise ones),
+                           whose sums are others than those of methods 0 to 2, within 1e-4 of
+                           an output's range */
   int64_t memory_limit; /* most bytes that the outputs of all nodes may take together before
                            they share memory; 0: 2^31 */
 } zyn_net_options;
