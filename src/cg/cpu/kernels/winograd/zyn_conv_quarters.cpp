@@ -94,14 +94,14 @@ void pack(const layer& l, const float* weights) {
   const int64_t inputs = int64_t{l.in_blocks} * kLanes, outputs = int64_t{l.out_blocks} * kLanes;
   for (int64_t out = 0; out < outputs; out++)
     for (int64_t in = 0; in < inputs; in++) {
-      double factors[ZYN_WINOGRAD_QUARTERS];
+      double factors[kZynWinogradProducts];
       zyn_winograd_quarter_weights(
           {weight_at(l, weights, out, in, false, false),
            weight_at(l, weights, out, in, false, true), weight_at(l, weights, out, in, true, false),
            weight_at(l, weights, out, in, true, true)},
           factors);
       const int64_t place = zyn_blocked_1x1_place(out, in, inputs);
-      for (int64_t f = 0; f < ZYN_WINOGRAD_QUARTERS; f++)
+      for (int64_t f = 0; f < kZynWinogradProducts; f++)
         packed[f * product_weights(l) + place] = static_cast<float>(factors[f]);
     }
 }
@@ -155,9 +155,10 @@ void scatter(const call& c, bool lower, bool right) {
                         c.count, c.held + int64_t{block} * c.count * kLanes);
 }
 
-// Product number n (1 to 7) plus what is given of sums, to out.
-void multiply(const call& c, int32_t n, const place& in, const place& out, const float* first_sums,
-              const float* second_sums = nullptr, const zyn_conv_epilogue* epilogue = nullptr) {
+// A product plus what is given of sums, to out.
+void multiply(const call& c, zyn_winograd_product product, const place& in, const place& out,
+              const float* first_sums, const float* second_sums = nullptr,
+              const zyn_conv_epilogue* epilogue = nullptr) {
   const layer& l = c.l;
   zyn_blocked_1x1({in.first,
                    l.in_blocks * kLanes,
@@ -167,7 +168,7 @@ void multiply(const call& c, int32_t n, const place& in, const place& out, const
                    l.out_blocks * kLanes,
                    static_cast<int32_t>(out.plane),
                    1,
-                   zyn_vector_aligned(l.weights) + (n - 1) * product_weights(l),
+                   zyn_vector_aligned(l.weights) + product * product_weights(l),
                    epilogue,
                    {first_sums, second_sums},
                    c.count},
@@ -191,15 +192,15 @@ void run_strip(const call& c) {
   const auto t = [&](int32_t n) { return place{c.t[n - 1], c.count}; };
   const place c11 = output_quarter(c, false, false), c12 = output_quarter(c, false, true);
   const place c21 = output_quarter(c, true, false), c22 = output_quarter(c, true, true);
-  multiply(c, 1, b11, {u, c.count}, nullptr);
-  multiply(c, 2, b21, c11, u, nullptr, &upper);
+  multiply(c, kP1, b11, {u, c.count}, nullptr);
+  multiply(c, kP2, b21, c11, u, nullptr, &upper);
   scatter(c, false, false);
-  multiply(c, 6, t(2), {u, c.count}, u);
-  multiply(c, 5, t(1), {p5, c.count}, nullptr);
-  multiply(c, 3, b22, c12, u, p5, &upper);
+  multiply(c, kP6, t(2), {u, c.count}, u);
+  multiply(c, kP5, t(1), {p5, c.count}, nullptr);
+  multiply(c, kP3, b22, c12, u, p5, &upper);
   scatter(c, false, true);
-  multiply(c, 7, t(3), {u, c.count}, u);
-  multiply(c, 4, t(4), c21, u, nullptr, &lower);
+  multiply(c, kP7, t(3), {u, c.count}, u);
+  multiply(c, kP4, t(4), c21, u, nullptr, &lower);
   scatter(c, true, false);
   for (int64_t block = 0; block < l.out_blocks; block++)
     zyn_winograd_last_quarter(c22.first + block * c22.plane * kLanes, u + block * floats,
@@ -221,7 +222,7 @@ zyn_conv_quarters* zyn_conv_quarters_prepare(const float* weights, const zyn_con
   layer l = {};
   if (!open(&l, *param, input[0], input[1])) return nullptr;
   l.planar_output = planar_output;
-  zyn_scratch<float> packed(ZYN_WINOGRAD_QUARTERS * product_weights(l) + kZynAlignmentFloats);
+  zyn_scratch<float> packed(kZynWinogradProducts * product_weights(l) + kZynAlignmentFloats);
   zyn_scratch<layer> made(1);
   if (!packed || !made) return nullptr;
   *scratch = layout(l).total();

@@ -25,10 +25,15 @@ struct last_quarter {
 
 }  // namespace
 
-void zyn_winograd_quarter_weights(const double (&a)[4], double (&factors)[ZYN_WINOGRAD_QUARTERS]) {
+void zyn_winograd_quarter_weights(const double (&a)[4], double (&factors)[kZynWinogradProducts]) {
   const double s1 = a[2] + a[3], s2 = s1 - a[0];
-  const double all[] = {a[0], a[1], a[1] - s2, a[3], s1, s2, a[0] - a[2]};
-  for (int i = 0; i < ZYN_WINOGRAD_QUARTERS; i++) factors[i] = all[i];
+  factors[kP1] = a[0];
+  factors[kP2] = a[1];
+  factors[kP3] = a[1] - s2;
+  factors[kP4] = a[3];
+  factors[kP5] = s1;
+  factors[kP6] = s2;
+  factors[kP7] = a[0] - a[2];
 }
 
 void zyn_winograd_quarter_inputs(const float* const (&b)[4], int64_t count, float* const (&t)[4]) {

@@ -12,10 +12,11 @@
 
 #include <stdint.h>
 
-enum { ZYN_WINOGRAD_QUARTERS = 7 };  // products
+// The products in the order in which they are computed.
+enum zyn_winograd_product { kP1, kP2, kP6, kP5, kP3, kP7, kP4, kZynWinogradProducts };
 
-// The first factors of P1 to P7 of one place in A11, A12, A21 and A22.
-void zyn_winograd_quarter_weights(const double (&a)[4], double (&factors)[ZYN_WINOGRAD_QUARTERS]);
+// The first factors of the products, of one place in A11, A12, A21 and A22.
+void zyn_winograd_quarter_weights(const double (&a)[4], double (&factors)[kZynWinogradProducts]);
 
 // T1 to T4 of count values in each of B11, B12, B21 and B22, a multiple of 8. T4 with the other
 // sign: C21 is then U3 + A22 T4.
