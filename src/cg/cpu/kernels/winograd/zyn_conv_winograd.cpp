@@ -336,6 +336,8 @@ int64_t zyn_conv_winograd_bytes(const zyn_conv_winograd* layer) {
                : 0;
 }
 
+const float* zyn_conv_winograd_weights(const zyn_conv_winograd* layer) { return layer->weights; }
+
 void zyn_conv_winograd_run(const zyn_conv_winograd* layer, zyn_tensor* output,
                            const zyn_tensor* input, const zyn_conv_epilogue& epilogue,
                            float* scratch) {
