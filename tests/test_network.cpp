@@ -13,6 +13,7 @@
 
 #include "../examples/ssd320.h"
 #include "base/zyn_md5.h"
+#include "cg/cpu/ops/zyn_cg_conv.h"
 #include "net/zyn_net_file.h"
 #include "support/capture.h"
 #include "support/ledger.h"
@@ -439,6 +440,45 @@ TEST(Network, LargeWeightsGiveTheSameSums) {
     }
     EXPECT_EQ(zyn_get_current_memory_size_occupation(), before);
   }
+}
+
+// A pointwise layer in channel blocks knows how far the weights reach that run behind it: to the
+// first ones of the next such layer, or as many as the cache may take.
+TEST(Network, WeightsLieInTheOrderThatTheyAreAskedForIn) {
+  Writer writer(zyn_net_writer_create());
+  const zyn_net_port in = port("x", {6, 5, 96});
+  int node = zyn_net_writer_input(writer.get(), &in), convs[5];
+  const struct {
+    int in, out, kernel, method;
+  } layers[5] = {
+      {96, 640, 1, 1}, {640, 640, 5, 3}, {640, 64, 1, 4}, {64, 800, 1, 1}, {800, 740, 1, 4}};
+  for (int i = 0; i < 5; i++) {
+    const auto& [inputs, outputs, kernel, method] = layers[i];
+    const int groups = kernel > 1 ? inputs : 1, pad = kernel / 2;
+    const zyn_conv_param p = {inputs, outputs, kernel, kernel, 1, 1,   pad, pad,
+                              {0, 0}, 1,       1,      groups, 0, {0}, 0};
+    const size_t count = static_cast<size_t>(inputs / groups * outputs * kernel * kernel);
+    const int reads[] = {node, add_constant(writer.get(), std::vector<float>(count, 0.01f))};
+    node = convs[i] = zyn_net_writer_node(writer.get(), "", ZYN_OP_CONV_ACT, &p, reads, 2);
+    EXPECT_EQ(zyn_net_writer_method(writer.get(), node, method), 0);
+  }
+  const zyn_net_port out = port("y", {}, node);
+  EXPECT_EQ(zyn_net_writer_output(writer.get(), &out), 0);
+  const Network net = load(bytes_of(writer.get()));
+  ASSERT_TRUE(net) << zyn_error_detail();
+  zyn_cg_handle* graph = zyn_net_graph(net.get());
+  const auto behind = [&](int i) {
+    return zyn_cg_state<zyn_cg_conv_state>(graph, convs[i])->behind;
+  };
+  zyn_cg_packed packed[5];
+  for (int i = 0; i < 5; i++) packed[i] = zyn_cg_conv_find_packed(graph, convs[i]);
+  EXPECT_EQ(packed[0].first + packed[0].bytes + behind(0), packed[3].first + 16 * 1024);
+  for (int i = 1; i < 4; i++) EXPECT_GE(packed[i].first, packed[i - 1].first + packed[i - 1].bytes);
+  EXPECT_EQ(behind(3), 512 * 1024);
+  for (int i : {1, 2, 4}) EXPECT_EQ(behind(i), 0);
+  EXPECT_EQ(zyn_net_run(net.get()), 0);
+  printed([&] { EXPECT_NE(zyn_prepare_inference_computation(graph), 0); });
+  EXPECT_EQ(behind(0), 0);  // its weights are gone
 }
 
 TEST(Network, NothingIsLostWithoutMemory) {

@@ -17,6 +17,11 @@ constexpr int64_t kAlignment = 64;  // a cache line, and the widest vector
 // nodes are looked at.
 constexpr int64_t kFarBytes = int64_t{2} << 20;
 constexpr int32_t kMostBetween = 256;
+// Of the weights behind a layer's own: so many at most, the next asking layer's first ones, and
+// what may lie between two layers' weights.
+constexpr int64_t kMostBehind = 512 * 1024;
+constexpr int64_t kFirstWeights = 16 * 1024;
+constexpr int64_t kMostGap = 64 * 1024;
 
 struct buffer {
   zyn_tensor* tensor;
@@ -63,6 +68,7 @@ class planner {
         return code;
     }
     find_far();
+    find_behind();
     return ZYN_RET_OK;
   }
 
@@ -83,6 +89,28 @@ class planner {
         zyn_cg_conv_expect_far(graph_, id, is_far(k, zyn_cg_find_sources(graph_, id).input),
                                is_far(k, zyn_cg_producer_tensor(graph_, id)));
     }
+  }
+  // Tells the convolutions that ask ahead which bytes behind their weights the nodes after them
+  // read: a store holds all weights in the order of execution.
+  void find_behind() const {
+    for (int32_t k = 0; k < net_->description.node_count; k++) {
+      const zyn_cg_packed own = zyn_cg_conv_find_packed(graph_, graph_->order[k]);
+      if (own.asks_ahead) zyn_cg_conv_expect_behind(graph_, graph_->order[k], behind(k, own));
+    }
+  }
+  // As far as the next layer that asks by itself, whose first weights are included.
+  int64_t behind(int32_t k, const zyn_cg_packed& own) const {
+    const uintptr_t start = own.first + own.bytes;
+    uintptr_t end = start;
+    for (k++; k < net_->description.node_count && end - start < kMostBehind; k++) {
+      const zyn_cg_packed next = zyn_cg_conv_find_packed(graph_, graph_->order[k]);
+      if (next.bytes == 0) continue;
+      if (next.first < end || next.first - end > kMostGap) break;
+      end = next.first + next.bytes;
+      if (next.asks_ahead && next.bytes > kFirstWeights) end = next.first + kFirstWeights;
+      if (next.asks_ahead) break;
+    }
+    return end - start < kMostBehind ? end - start : kMostBehind;
   }
   // Whether a tensor's place is, for the node at position k; the nodes behind it ran in the
   // inference before.

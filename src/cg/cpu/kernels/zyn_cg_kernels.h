@@ -57,8 +57,10 @@ uint32_t zyn_cg_conv3x3(zyn_tensor* output, const zyn_tensor* input,
 uint32_t zyn_cg_dwconv3x3(zyn_tensor* output, const zyn_tensor* input,
                           const zyn_conv_blocked_weights* workspace, const zyn_conv_param* param,
                           const zyn_conv_epilogue* epilogue = nullptr);
+// behind: bytes behind the packed weights that come next, which are asked for while this runs.
 uint32_t zyn_cg_conv1x1(zyn_tensor* output, const zyn_tensor* input, const zyn_tensor* packed,
-                        const zyn_conv_param* param, const zyn_conv_epilogue* epilogue = nullptr);
+                        const zyn_conv_param* param, const zyn_conv_epilogue* epilogue = nullptr,
+                        int64_t behind = 0);
 uint32_t zyn_cg_conv_add_bias_blocked(zyn_tensor* output, const zyn_tensor* source,
                                       const float* weights, const zyn_conv_param* param);
 

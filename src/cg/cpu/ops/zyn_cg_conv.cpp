@@ -75,7 +75,7 @@ uint32_t run_method1(zyn_cg_conv_state* state, const zyn_conv_epilogue& epilogue
     if (!input) return ZYN_RET_ERR_MEMORY;
   }
   if (is_dense(p) && is_1x1(p) && !keep_standard)
-    return zyn_cg_conv1x1(output, input, state->blocked->packed, &p, &epilogue);
+    return zyn_cg_conv1x1(output, input, state->blocked->packed, &p, &epilogue, state->behind);
   return is_dense(p) ? zyn_cg_conv3x3(output, input, state->blocked, &p, &epilogue)
                      : zyn_cg_dwconv3x3(output, input, state->blocked, &p, &epilogue);
 }
@@ -128,6 +128,7 @@ void release_workspace(zyn_cg_conv_state* state) {
   zyn_cg_drop(&state->biases);
   zyn_fpi_drop_plan(&state->fixed);
   zyn_cg_drop(&state->quantized);
+  state->behind = 0;
 }
 
 // Makes the layer of methods 3 to 6; it stays null without memory. The floats of scratch that its
@@ -336,6 +337,26 @@ void zyn_cg_conv_expect_far(zyn_cg_handle* graph, int32_t node, bool input, bool
   state->far_input = input;
   state->far_output = output && state->output && state->output->byte_size > kFewBytes;
   if (state->plan) state->plan->far_output = state->far_output;
+}
+
+zyn_cg_packed zyn_cg_conv_find_packed(zyn_cg_handle* graph, int32_t node) {
+  const zyn_cg_conv_state* state = find_state(graph, node);
+  const void* block = nullptr;
+  if (state && state->blocked) block = state->blocked->packed->data;
+  if (state && state->plan) block = state->plan->weights;
+  if (state && state->general) block = zyn_conv_general_weights(state->general);
+  if (state && state->winograd) block = zyn_conv_winograd_weights(state->winograd);
+  const bool asks =
+      state && (state->winograd ? zyn_conv_winograd_asks_ahead(state->winograd)
+                                : state->blocked && is_dense(state->param) && is_1x1(state->param));
+  return {reinterpret_cast<uintptr_t>(block), zyn_block_bytes(block), asks};
+}
+
+void zyn_cg_conv_expect_behind(zyn_cg_handle* graph, int32_t node, int64_t bytes) {
+  zyn_cg_conv_state* state = find_state(graph, node);
+  if (!state) return;
+  state->behind = bytes;
+  if (state->winograd) zyn_conv_winograd_expect_behind(state->winograd, bytes);
 }
 
 const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state) {

@@ -31,6 +31,7 @@ struct zyn_cg_conv_state : zyn_cg_io_state {
   zyn_tensor* quantized;              // fixed point: weights and biases with weight_q fraction bits
   zyn_fpi_plan fixed;                 // fixed point: the kernel, whatever the method
   bool far_input, far_output;         // whose place the caches do not hold when the node runs
+  int64_t behind;                     // bytes behind the packed weights that later nodes read
 };
 
 // bind of every type: copies the record and the graph's settings.
@@ -80,6 +81,17 @@ bool zyn_cg_conv_memory(zyn_cg_handle* graph, int32_t node, int64_t* weights, in
 // Tells a convolution whether the places of its input and output have left the caches since a node
 // touched them last; no effect on other types.
 void zyn_cg_conv_expect_far(zyn_cg_handle* graph, int32_t node, bool input, bool output);
+
+// Packed weights of a prepared convolution; 0 bytes where it has none.
+struct zyn_cg_packed {
+  uintptr_t first;
+  int64_t bytes;
+  bool asks_ahead;  // its runs ask for what lies behind
+};
+zyn_cg_packed zyn_cg_conv_find_packed(zyn_cg_handle* graph, int32_t node);
+
+// Tells such a convolution how many of the bytes behind its packed weights later nodes read.
+void zyn_cg_conv_expect_behind(zyn_cg_handle* graph, int32_t node, int64_t bytes);
 
 // The biases behind the weights, where the record has some; null otherwise.
 const float* zyn_cg_conv_bias(const zyn_cg_conv_state* state);

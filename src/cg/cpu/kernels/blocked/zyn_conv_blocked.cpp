@@ -65,7 +65,7 @@ void add_to_block(float* values, int64_t pixels, const zyn_tile_epilogue& epilog
 
 uint32_t zyn_blocked_drive(zyn_tensor* output, const zyn_tensor* input, const zyn_tensor* packed,
                            const zyn_conv_param* param, const zyn_conv_epilogue* epilogue,
-                           int32_t stride, void (*run)(const zyn_blocked_layer&)) {
+                           int32_t stride, void (*run)(const zyn_blocked_layer&), int64_t behind) {
   if (!output || !input || !packed || !param || !output->data || !input->data || !packed->data)
     return ZYN_RET_ERR_PARA;
   if (output->dims[2] != param->out_channels || input->dims[2] != param->in_channels)
@@ -80,6 +80,7 @@ uint32_t zyn_blocked_drive(zyn_tensor* output, const zyn_tensor* input, const zy
                              (input->dims[1] - 1) / stride + 1,
                              zyn_vector_aligned(static_cast<const float*>(packed->data)),
                              epilogue,
+                             behind,
                              {},
                              0};
   if (param->dilation_h > 1 || param->dilation_w > 1) return ZYN_RET_ERR_NOT_SUPPORT;

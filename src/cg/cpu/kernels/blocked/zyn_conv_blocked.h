@@ -59,6 +59,7 @@ struct zyn_blocked_layer {
   int32_t out_channels, out_width, out_height;
   const float* packed;
   const zyn_conv_epilogue* epilogue;  // null: none
+  int64_t behind;                     // bytes behind the weights that later layers read
   // 1x1 of whole vectors of outputs, at least 16: outputs alike that are added, and the pixels of
   // one of their planes. Null: none.
   const float* sums[2];
@@ -75,7 +76,8 @@ struct zyn_blocked_layer {
 // stride makes it, or the record asks for dilation; 2: no memory for the copy.
 uint32_t zyn_blocked_drive(zyn_tensor* output, const zyn_tensor* input, const zyn_tensor* packed,
                            const zyn_conv_param* param, const zyn_conv_epilogue* epilogue,
-                           int32_t stride, void (*run)(const zyn_blocked_layer&));
+                           int32_t stride, void (*run)(const zyn_blocked_layer&),
+                           int64_t behind = 0);
 
 // The whole blocks of outputs of a 3x3 layer of few input channels and wide rows, where vectors
 // have 8 lanes; how many channels they are, 0 for other layers.

@@ -46,11 +46,27 @@ inline void add_inputs(typename zyn_block_lanes<OB>::type (&sum)[Blocks][Pixels]
 }
 
 // The weights that come next, asked for while others are in use: a network's do not fit into the
-// second cache level, and a layer of few pixels would wait for them as long as it computes.
+// second cache level, and a layer of few pixels would wait for them as long as it computes. Behind
+// the layer's own lie those of the layers after it. They are asked for evenly over the first strip,
+// not as soon as there is time: 2 MB of weights that lay idle early cost a layer 3 % and more.
 struct weights_ahead {
   const char *at, *end;
+  bool hurried;  // four lines in a turn, so that the turns suffice
+
+  // For the outputs that end before done: asks for the weights of the next ones, and for a share
+  // of the later layers' as large as that of done among the outputs.
+  void move_on(const zyn_blocked_layer& l, int64_t done, int64_t next, bool first_strip) {
+    const auto* packed = reinterpret_cast<const char*>(l.packed);
+    const int64_t output = l.in_channels * int64_t{sizeof(float)}, all = l.out_channels;
+    if (at < packed + done * output) at = packed + done * output;
+    if (!first_strip || done + next > all) {
+      done = all;
+      next = 0;
+    }
+    end = packed + (done + next) * output + l.behind * done / all;
+  }
 };
-constexpr int64_t kLine = 64;  // bytes; two in every turn of the loop
+constexpr int64_t kLine = 64;  // bytes; two in every turn of the loop, or four
 
 // Blocks vectors of OB output channels from oc on.
 template <int OB, int Blocks>
@@ -88,6 +104,7 @@ struct tiles {
     const typename lanes::type floor = epilogue.floor<OB>();
     float* out = l.out + oc * l.out_plane() + pixel * kBlock;
     const char *line = ahead->at, *const last_line = ahead->end;
+    const bool hurried = ahead->hurried;
     for (; count > 0; count--, pixel += Pixels, out += Pixels * kBlock) {
       const bool more = line < last_line;
       typename lanes::type sum[Blocks][Pixels];
@@ -104,6 +121,11 @@ struct tiles {
         if (more) {
           _mm_prefetch(line, _MM_HINT_T1);
           _mm_prefetch(line + kLine, _MM_HINT_T1);
+          if (hurried) {
+            _mm_prefetch(line + 2 * kLine, _MM_HINT_T1);
+            _mm_prefetch(line + 3 * kLine, _MM_HINT_T1);
+            line += 2 * kLine;
+          }
           line += 2 * kLine;
         }
         add_inputs<OB, 8>(sum, eight, w);
@@ -132,12 +154,10 @@ constexpr int most_pixels(int blocks) {
 }
 
 template <int OB, int Blocks>
-void strip(const zyn_blocked_layer& l, int32_t oc, int64_t first, int64_t end) {
-  const float* next = l.packed + static_cast<int64_t>(oc + OB * Blocks) * l.in_channels;
-  const bool more = first == 0 && oc + OB * Blocks < l.out_channels;
-  const float* last = more ? next + OB * Blocks * int64_t{l.in_channels} : next;
-  weights_ahead ahead = {reinterpret_cast<const char*>(next), reinterpret_cast<const char*>(last)};
-  const tiles<OB, Blocks> body{l, oc, zyn_tile_epilogue(l.epilogue, oc, OB * Blocks), &ahead};
+void strip(const zyn_blocked_layer& l, int32_t oc, int64_t first, int64_t end,
+           weights_ahead* ahead) {
+  ahead->move_on(l, oc + OB * Blocks, OB * Blocks, first == 0);
+  const tiles<OB, Blocks> body{l, oc, zyn_tile_epilogue(l.epilogue, oc, OB * Blocks), ahead};
   zyn_balanced_tiles<most_pixels(Blocks)>(first, end, body);
   body.epilogue.finish(l.out + oc * l.out_plane() + first * kBlock, (end - first) * kBlock,
                        OB * Blocks / kBlock, l.out_plane() * kBlock);
@@ -155,6 +175,11 @@ void zyn_blocked_1x1(const zyn_blocked_layer& l, int64_t pixels) {
   const int64_t strips = (pixels + most - 1) / most;
   const int64_t tiles = (pixels + strips * kTileSums - 1) / (strips * kTileSums);
   const int64_t step = tiles * kTileSums;
+  // Bytes that the loop's turns leave over for the weights of later layers.
+  const int64_t weights = int64_t{l.in_channels} * l.out_channels;
+  const int64_t turns = pixels * weights / (int64_t{kBlock} * kWide * kTileSums);
+  const int64_t room = turns * 2 * kLine - weights * int64_t{sizeof(float)};
+  weights_ahead ahead = {nullptr, nullptr, room > 0 && room < l.behind};
   for (int64_t first = 0; first < pixels; first += step) {
     const int64_t end = first + step < pixels ? first + step : pixels;
     for (int32_t oc = 0, channels = 0; oc < l.out_channels; oc += channels) {
@@ -165,13 +190,13 @@ void zyn_blocked_1x1(const zyn_blocked_layer& l, int64_t pixels) {
                  : left >= 2 * kWide      ? 2 * kWide
                                           : zyn_vector_channels(left);
       if (kWide == 8 && channels == 24)
-        strip<8, 3>(l, oc, first, end);
+        strip<8, 3>(l, oc, first, end, &ahead);
       else if (kWide > 8 && channels == 4 * kWide)
-        strip<kWide, kWide == 8 ? 1 : 4>(l, oc, first, end);
+        strip<kWide, kWide == 8 ? 1 : 4>(l, oc, first, end, &ahead);
       else if (channels == 2 * kWide)
-        strip<kWide, 2>(l, oc, first, end);
+        strip<kWide, 2>(l, oc, first, end, &ahead);
       else if (kWide > 8 && channels == kWide)
-        strip<kWide, 1>(l, oc, first, end);
+        strip<kWide, 1>(l, oc, first, end, &ahead);
       else
         channels = zyn_conv1x1_few_outputs(l, oc, first, end);
     }
@@ -183,6 +208,7 @@ void run(const zyn_blocked_layer& l) { zyn_blocked_1x1(l, l.in_plane()); }
 }  // namespace
 
 uint32_t zyn_cg_conv1x1(zyn_tensor* output, const zyn_tensor* input, const zyn_tensor* packed,
-                        const zyn_conv_param* param, const zyn_conv_epilogue* epilogue) {
-  return zyn_blocked_drive(output, input, packed, param, epilogue, 1, run);
+                        const zyn_conv_param* param, const zyn_conv_epilogue* epilogue,
+                        int64_t behind) {
+  return zyn_blocked_drive(output, input, packed, param, epilogue, 1, run, behind);
 }

@@ -121,6 +121,8 @@ int64_t zyn_conv_general_bytes(const zyn_conv_general* layer) {
                : 0;
 }
 
+const float* zyn_conv_general_weights(const zyn_conv_general* layer) { return layer->weights; }
+
 void zyn_conv_general_run(const zyn_conv_general* layer, zyn_tensor* output,
                           const zyn_tensor* input, const zyn_conv_epilogue& epilogue,
                           float* scratch) {

@@ -31,6 +31,8 @@ void zyn_conv_general_release(zyn_conv_general** layer);
 
 // Bytes of packed weights and tables.
 int64_t zyn_conv_general_bytes(const zyn_conv_general* layer);
+// The packed weights: a block of their own.
+const float* zyn_conv_general_weights(const zyn_conv_general* layer);
 
 // The convolution of input, planar or blocked, with the epilogue. The output's extents are those
 // of the record; its layout is set. scratch: as many floats as preparation said, aligned to 32

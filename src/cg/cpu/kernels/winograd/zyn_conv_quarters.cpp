@@ -18,6 +18,7 @@ struct zyn_conv_quarters {
   int32_t in_blocks, out_blocks, pairs;  // of a half: blocks of 8 channels, pixels
   int32_t strip;                         // pairs at a time
   float* weights;                        // by product, as the blocked kernels pack them
+  int64_t behind;                        // bytes behind them that later layers read
 };
 
 namespace {
@@ -28,7 +29,8 @@ constexpr int32_t kLanes = 8;
 constexpr int32_t kLeast = 32;               // channels and pixels
 constexpr int64_t kStripBytes = 768 * 1024;  // of all quarters of a strip
 constexpr int32_t kLeastStrip = 48;
-constexpr int64_t kLine = 16;  // floats of a cache line
+constexpr int64_t kLine = 16;          // floats of a cache line
+constexpr int32_t kFirstOutputs = 16;  // whose weights the product before asks for
 
 int32_t half_of(int64_t count) { return static_cast<int32_t>((count + 1) / 2); }
 int32_t blocks_of(int32_t channels) { return static_cast<int32_t>(zyn_units(channels, kLanes)); }
@@ -69,7 +71,7 @@ bool open(layer* l, const zyn_conv_param& p, int32_t width, int32_t height) {
                       p.in_channels % kLanes == 0 && p.out_channels >= kLeast && width > 0 &&
                       height > 0 && plane >= kLeast && plane <= INT32_MAX / kLanes;
   if (!served) return false;
-  *l = {false, p.in_channels, p.out_channels, width, height, 0, 0, half_of(plane), 0, nullptr};
+  *l = {false, p.in_channels, p.out_channels, width, height, 0, 0, half_of(plane), 0, nullptr, 0};
   l->in_blocks = half_of(blocks_of(p.in_channels));
   l->out_blocks = static_cast<int32_t>(
       zyn_round_up(half_of(blocks_of(p.out_channels)), kZynVectorFloats / kLanes));
@@ -160,6 +162,8 @@ void multiply(const call& c, zyn_winograd_product product, const place& in, cons
               const float* first_sums, const float* second_sums = nullptr,
               const zyn_conv_epilogue* epilogue = nullptr) {
   const layer& l = c.l;
+  const bool last = product == kZynWinogradProducts - 1, last_strip = c.first + c.count == l.pairs;
+  const int64_t first_weights = int64_t{l.in_blocks} * kLanes * kFirstOutputs * 4;
   zyn_blocked_1x1({in.first,
                    l.in_blocks * kLanes,
                    static_cast<int32_t>(in.plane),
@@ -170,6 +174,9 @@ void multiply(const call& c, zyn_winograd_product product, const place& in, cons
                    1,
                    zyn_vector_aligned(l.weights) + product * product_weights(l),
                    epilogue,
+                   !last        ? first_weights
+                   : last_strip ? l.behind
+                                : 0,
                    {first_sums, second_sums},
                    c.count},
                   c.count);
@@ -238,6 +245,12 @@ void zyn_conv_quarters_release(zyn_conv_quarters** layer) {
   zyn_free(*layer);
   *layer = nullptr;
 }
+
+void zyn_conv_quarters_expect_behind(zyn_conv_quarters* layer, int64_t bytes) {
+  layer->behind = bytes;
+}
+
+const float* zyn_conv_quarters_weights(const zyn_conv_quarters* layer) { return layer->weights; }
 
 int64_t zyn_conv_quarters_bytes(const zyn_conv_quarters* layer) {
   return layer ? zyn_block_bytes(layer->weights) + zyn_block_bytes(layer) : 0;

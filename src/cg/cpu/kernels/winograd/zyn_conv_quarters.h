@@ -21,6 +21,9 @@ zyn_conv_quarters* zyn_conv_quarters_prepare(const float* weights, const zyn_con
                                              int64_t* scratch);
 void zyn_conv_quarters_release(zyn_conv_quarters** layer);
 int64_t zyn_conv_quarters_bytes(const zyn_conv_quarters* layer);
+const float* zyn_conv_quarters_weights(const zyn_conv_quarters* layer);
+// How many of the bytes behind these later layers read: runs ask for them.
+void zyn_conv_quarters_expect_behind(zyn_conv_quarters* layer, int64_t bytes);
 void zyn_conv_quarters_run(const zyn_conv_quarters* layer, zyn_tensor* output,
                            const zyn_tensor* input, const zyn_conv_epilogue& epilogue,
                            float* scratch);

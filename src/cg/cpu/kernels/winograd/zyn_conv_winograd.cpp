@@ -350,6 +350,14 @@ int64_t zyn_conv_winograd_bytes(const zyn_conv_winograd* layer) {
                : 0;
 }
 
+const float* zyn_conv_winograd_weights(const zyn_conv_winograd* layer) {
+  return layer->quarters ? zyn_conv_quarters_weights(layer->quarters) : layer->weights;
+}
+bool zyn_conv_winograd_asks_ahead(const zyn_conv_winograd* layer) { return layer->quarters; }
+void zyn_conv_winograd_expect_behind(zyn_conv_winograd* layer, int64_t bytes) {
+  if (layer->quarters) zyn_conv_quarters_expect_behind(layer->quarters, bytes);
+}
+
 void zyn_conv_winograd_run(const zyn_conv_winograd* layer, zyn_tensor* output,
                            const zyn_tensor* input, const zyn_conv_epilogue& epilogue,
                            float* scratch) {

@@ -37,6 +37,10 @@ zyn_conv_winograd* zyn_conv_winograd_prepare(const float* weights, const zyn_con
                                              bool planar_output, int64_t* scratch);
 void zyn_conv_winograd_release(zyn_conv_winograd** layer);
 int64_t zyn_conv_winograd_bytes(const zyn_conv_winograd* layer);
+const float* zyn_conv_winograd_weights(const zyn_conv_winograd* layer);
+// Whether a layer's runs ask for bytes behind its weights, and how many of them later layers read.
+bool zyn_conv_winograd_asks_ahead(const zyn_conv_winograd* layer);
+void zyn_conv_winograd_expect_behind(zyn_conv_winograd* layer, int64_t bytes);
 void zyn_conv_winograd_run(const zyn_conv_winograd* layer, zyn_tensor* output,
                            const zyn_tensor* input, const zyn_conv_epilogue& epilogue,
                            float* scratch);
