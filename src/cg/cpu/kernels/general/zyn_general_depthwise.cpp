@@ -228,6 +228,20 @@ void run_block(const plan& p, const zyn_general_depthwise_run& run, int32_t chan
   }
 }
 
+// The whole blocks of a layer in channel blocks whose output is one pixel. The channels done, 0
+// of other layers.
+int32_t run_pixel(const plan& p, const zyn_general_depthwise_run& run) {
+  const way& w = p.ways[1];
+  const int32_t channels = run.in.channels / kLanes * kLanes;
+  if (!p.reads_in_place || !run.in.blocked || !run.out.blocked || run.out.plane() != 1) return 0;
+  zyn_general_depthwise_pixel(w.rectangles[0],
+                              {run.in.data, run.weights, run.out.data, run.bias, run.floor},
+                              channels / kLanes, run.in.plane() * kLanes,
+                              int64_t{p.shape.kernel_x} * p.shape.kernel_y * kLanes);
+  zyn_conv_finish_rows(run.out.data, 1, channels, {nullptr, run.activation});
+  return channels;
+}
+
 }  // namespace
 
 zyn_general_depthwise_plan* zyn_general_depthwise_make(const zyn_conv_shape& shape,
@@ -273,7 +287,7 @@ void zyn_general_depthwise_planes(const zyn_general_depthwise_plan* plan,
                                   const zyn_general_depthwise_run& run) {
   if (plan->ways[0].strip_count == 1)
     memset(run.scratch, 0, static_cast<size_t>(plan->in_floats) * sizeof(float));
-  for (int32_t channel = 0; channel < run.in.channels; channel += kLanes) {
+  for (int32_t channel = run_pixel(*plan, run); channel < run.in.channels; channel += kLanes) {
     const bool whole = run.in.blocked && channel + kLanes <= run.in.channels;
     run_block(*plan, run, channel, whole && plan->reads_in_place);
   }

@@ -158,6 +158,20 @@ void cover(rectangle* r, int32_t lines, int32_t most) {
   r->tiles[1] = tiles - larger;
 }
 
+// One call for all blocks: what stands around a tile takes as long as its few sums.
+template <int Columns>
+void one_pixel(const rectangle& r, zyn_general_depthwise_block block, int64_t count,
+               int64_t in_step, int64_t weights_step) {
+  for (; count > 0; count--) {
+    tile<Columns, 1, 1, kLanes>::one(r, block, block.weights + r.weights, block.in + r.in,
+                                     block.out);
+    block.in += in_step;
+    block.weights += weights_step;
+    block.out += kLanes;
+    block.bias += kLanes;
+  }
+}
+
 }  // namespace
 
 bool zyn_general_choose_tiles(zyn_general_rectangle* rectangle, zyn_general_rectangle* last) {
@@ -178,4 +192,12 @@ bool zyn_general_choose_tiles(zyn_general_rectangle* rectangle, zyn_general_rect
   last->out += pairs * r.out_line;
   cover(last, 1, kMostPixels);
   return false;
+}
+
+void zyn_general_depthwise_pixel(const rectangle& r, zyn_general_depthwise_block block,
+                                 int64_t count, int64_t in_step, int64_t weights_step) {
+  (r.columns == 3   ? one_pixel<3>
+   : r.columns == 5 ? one_pixel<5>
+   : r.columns == 7 ? one_pixel<7>
+                    : one_pixel<0>)(r, block, count, in_step, weights_step);
 }

@@ -37,3 +37,8 @@ inline void zyn_general_depthwise(const zyn_general_rectangle& r,
   if (r.tiles[0] > 0) r.run[0](r, block, r.first[0], r.tiles[0]);
   r.run[1](r, block, r.first[1], r.tiles[1]);
 }
+
+// count blocks of channels whose output is one pixel, r that pixel: the first one as given, the
+// others in_step floats of input and weights_step weights further each.
+void zyn_general_depthwise_pixel(const zyn_general_rectangle& r, zyn_general_depthwise_block block,
+                                 int64_t count, int64_t in_step, int64_t weights_step);
