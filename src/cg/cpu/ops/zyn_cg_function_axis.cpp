@@ -105,8 +105,16 @@ void norm_line(float* out, const float* in, int64_t n, __m256 least) {
   const auto larger = [](__m256 x, __m256 y) { return _mm256_max_ps(x, y); };
   const auto add = [](__m256 x, __m256 y) { return _mm256_add_ps(x, y); };
   __m256 shift = idle, total = _mm256_setzero_ps();
-  for (int64_t i = 0; Norm::kShifts && i < n; i += 8) shift = larger(shift, load(i));
-  shift = joined(shift, larger);
+  if (Norm::kShifts) {
+    __m256 largest[kWide] = {idle, idle, idle, idle};
+    int64_t i = 0;
+    for (; i + 8 * kWide <= n; i += 8 * kWide)
+      ZYN_UNROLL for (int32_t v = 0; v < kWide; v++) largest[v] =
+          larger(largest[v], _mm256_loadu_ps(in + i + 8 * v));
+    shift = larger(larger(largest[0], largest[1]), larger(largest[2], largest[3]));
+    for (; i < n; i += 8) shift = larger(shift, load(i));
+    shift = joined(shift, larger);
+  }
   for (int64_t first = 0; first < n; first += 8 * kPart) {
     __m256 sum = _mm256_setzero_ps();
     for (int64_t i = first; i < zyn_smaller(first + 8 * kPart, n); i += 8) {
