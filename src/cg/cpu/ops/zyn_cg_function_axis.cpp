@@ -17,10 +17,10 @@ constexpr int32_t kWide = 4;        // vectors side by side
 
 // keep: what is left of an element until the sum of all terms is known; finish: the result. The
 // largest element of a line is its shift where the function uses one, which leaves no exponential
-// above 1.
+// above 1; inference flushes what is below the normal range.
 struct softmax {
   static constexpr bool kShifts = true;
-  static __m256 keep(__m256 x, __m256 shift) { return zyn_exp8(_mm256_sub_ps(x, shift)); }
+  static __m256 keep(__m256 x, __m256 shift) { return zyn_exp_flushed8(_mm256_sub_ps(x, shift)); }
   static __m256 term(__m256 kept) { return kept; }
   static __m256 total(__m256 sum, __m256) { return sum; }
   static __m256 finish(__m256 kept, __m256 total) { return _mm256_div_ps(kept, total); }
@@ -29,7 +29,7 @@ struct softmax {
 struct log_softmax {
   static constexpr bool kShifts = true;
   static __m256 keep(__m256 x, __m256 shift) { return _mm256_sub_ps(x, shift); }
-  static __m256 term(__m256 kept) { return zyn_exp8(kept); }
+  static __m256 term(__m256 kept) { return zyn_exp_flushed8(kept); }
   static __m256 total(__m256 sum, __m256) { return zyn_log8(sum); }
   static __m256 finish(__m256 kept, __m256 total) { return _mm256_sub_ps(kept, total); }
 };
