@@ -86,10 +86,16 @@ bool find_spans(const axis& a, zyn_list<span>* spans) {
   return true;
 }
 
+// Columns of an input row with its border.
+int32_t columns_seen(const plan& p) {
+  const axis x = axis_x(p);
+  return (x.out - 1) * x.stride + x.reach() + 1;
+}
+
 // Rows of a strip: as many as the first cache level holds while they are copied or scattered.
 int32_t strip_rows(const plan& p) {
   const axis y = axis_y(p);
-  const int64_t row = int64_t{kLanes} * p.pitch;
+  const int64_t row = int64_t{kLanes} * columns_seen(p);
   const auto fitting = [&](int64_t floats) {
     return (floats / row - y.reach() - 1) / y.stride + 1;
   };
@@ -127,14 +133,24 @@ zyn_general_rectangle make_rectangle(const plan& p, const span& x, const span& y
   return r;
 }
 
+// Whether tiles know the border of whole rows, which are then read, or gathered, without one.
+bool knows_border(const plan& p) {
+  const axis x = axis_x(p);
+  return x.stride == 1 && x.dilation == 1 && x.pad == x.kernel / 2 && x.out == x.in &&
+         zyn_general_knows_border(x.kernel, x.out);
+}
+
 int32_t within(int64_t value, int32_t last) {
   return static_cast<int32_t>(value < 0 ? 0 : value > last ? last : value);
 }
 
-// Strips of rows output rows. spans_x: one over all columns where rows are copied.
+// Strips of rows output rows. spans_x: one over all columns where rows are copied, or tiles know
+// their border.
 bool make_way(const plan& p, const zyn_list<span>& spans_x, const zyn_list<span>& spans_y,
               int32_t rows, bool copies, way* made) {
   const axis y = axis_y(p);
+  const bool border = spans_x.count() == 1 && knows_border(p);
+  const int32_t left = copies || border ? -p.shape.pad_x : 0;
   zyn_list<strip> strips;
   zyn_list<zyn_general_rectangle> rectangles;
   for (int32_t first = 0; first < y.out; first += rows) {
@@ -150,7 +166,8 @@ bool make_way(const plan& p, const zyn_list<span>& spans_x, const zyn_list<span>
       for (int64_t n = 0; here.count > 0 && n < spans_x.count(); n++) {
         zyn_general_rectangle last,
             r = make_rectangle(p, spans_x[n], here, s, copies ? p.pitch : p.planes.width,
-                               copies ? top : 0, copies ? -p.shape.pad_x : 0);
+                               copies ? top : 0, left);
+        r.whole_rows = border;
         const bool whole = zyn_general_choose_tiles(&r, &last);
         if (!rectangles.push(r) || (!whole && !rectangles.push(last))) return false;
       }
@@ -179,6 +196,12 @@ double cycles_of(const way& w) {
   return cycles;
 }
 
+void free_way(way* w) {
+  zyn_free(w->strips);
+  zyn_free(w->rectangles);
+  *w = {};
+}
+
 // Both ways, and whether the input in channel blocks is better read in place.
 bool make_ways(plan* p, bool planar_output) {
   zyn_list<span> spans_x, spans_y, row;
@@ -191,16 +214,17 @@ bool make_ways(plan* p, bool planar_output) {
   if (!make_way(*p, spans_x, spans_y, planar_output ? rows : p->planes.out_height, false,
                 &p->ways[1]))
     return false;
-  const double copied = static_cast<double>(p->pitch) * p->planes.height * kCopyCycles;
+  const double copied = static_cast<double>(columns_seen(*p)) * p->planes.height * kCopyCycles;
   p->reads_in_place = cycles_of(p->ways[1]) < cycles_of(p->ways[0]) + copied;
-  return true;
+  if (p->reads_in_place || !knows_border(*p)) return true;
+  // The sums of gathered rows, which need not be gathered.
+  p->reads_in_place = true;
+  free_way(&p->ways[1]);
+  return make_way(*p, row, spans_y, rows, false, &p->ways[1]);
 }
 
-void free_ways(const plan& p) {
-  for (const way& w : p.ways) {
-    zyn_free(w.strips);
-    zyn_free(w.rectangles);
-  }
+void free_ways(plan* p) {
+  for (way& w : p->ways) free_way(&w);
 }
 
 void run_block(const plan& p, const zyn_general_depthwise_run& run, int32_t channel,
@@ -214,7 +238,8 @@ void run_block(const plan& p, const zyn_general_depthwise_run& run, int32_t chan
     const strip& s = w.strips[n];
     if (!in_place)  // a single strip's zeros were made before
       zyn_general_gather(run.scratch, run.in, channel, kLanes,
-                         {s.in_first, s.in_rows, -p.shape.pad_x, p.pitch}, w.strip_count > 1);
+                         {s.in_first, s.in_rows, knows_border(p) ? 0 : -p.shape.pad_x, p.pitch},
+                         w.strip_count > 1);
     const int64_t first = int64_t{s.y} * planes.out_width;
     float* to = direct ? run.out.data + channel * run.out.plane() + first * kLanes
                        : run.scratch + p.in_floats;
@@ -250,11 +275,10 @@ zyn_general_depthwise_plan* zyn_general_depthwise_make(const zyn_conv_shape& sha
   plan p = {};
   p.shape = shape;
   p.planes = planes;
-  const axis x = axis_x(p);
-  p.pitch = (x.out - 1) * x.stride + x.reach() + 1;
+  p.pitch = knows_border(p) ? planes.width : columns_seen(p);
   zyn_scratch<plan> made(1);
   if (!made || !make_ways(&p, planar_output)) {
-    free_ways(p);
+    free_ways(&p);
     return nullptr;
   }
   int64_t in_rows = 0, rows = 0;
@@ -270,7 +294,7 @@ zyn_general_depthwise_plan* zyn_general_depthwise_make(const zyn_conv_shape& sha
 
 void zyn_general_depthwise_release(zyn_general_depthwise_plan** plan) {
   if (!*plan) return;
-  free_ways(**plan);
+  free_ways(*plan);
   zyn_free(*plan);
   *plan = nullptr;
 }

@@ -5,6 +5,8 @@
 
 #include <immintrin.h>
 
+#include <utility>
+
 #include "simd/zyn_vectors.h"
 
 namespace {
@@ -26,7 +28,8 @@ constexpr int32_t kFewPixels = 4;        // lines shorter than this run along th
 
 // Columns: of the kernel's part, 0 for any number. Step: floats from pixel to pixel, 0 for any.
 // Few pixels take their taps in turn into several sums, which would else wait for each other.
-template <int Columns, int Lines, int Pixels, int Step>
+// WholeRow: a row of pixels side by side with a border of half a kernel, whose taps are left out.
+template <int Columns, int Lines, int Pixels, int Step, bool WholeRow = false>
 struct tile {
   static constexpr int kSums = Lines * Pixels;
   static constexpr int kParts = Columns == 0 || kSums > 6 ? 1 : kSums > 2 ? 2 : Columns;
@@ -44,6 +47,19 @@ struct tile {
     }
   }
 
+  // The tap of column kx, from being at the input row.
+  [[gnu::always_inline]] static void add_inside(__m256 (&sum)[Lines][Pixels],
+                                                const float* const (&from)[Lines], int kx,
+                                                const float* weights) {
+    const __m256 weight = _mm256_loadu_ps(weights + kx * kLanes);
+    ZYN_UNROLL for (int n = 0; n < Lines; n++) {
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
+        const int x = i + kx - Columns / 2;
+        if (x >= 0 && x < Pixels) add_product(sum[n][i], weight, from[n] + x * kLanes);
+      }
+    }
+  }
+
   [[gnu::always_inline]] static void one(const rectangle& r, const zyn_general_depthwise_block& b,
                                          const float* weights, const float* in, float* out) {
     const int64_t step = Step ? Step : r.in_step;
@@ -58,7 +74,10 @@ struct tile {
     for (int32_t ky = 0; ky < r.rows; ky++, in += r.row, weights += r.weights_row) {
       const float* from[Lines];
       ZYN_UNROLL for (int n = 0; n < Lines; n++) from[n] = in + n * r.in_line;
-      if constexpr (Columns > 0) {
+      if constexpr (WholeRow) {
+        ZYN_UNROLL for (int kx = 0; kx < Columns; kx++)
+            add_inside(sum[kx % kParts], from, kx, weights);
+      } else if constexpr (Columns > 0) {
         ZYN_UNROLL for (int kx = 0; kx < Columns; kx++)
             add(sum[kx % kParts], from, step, r.column, weights + kx * kLanes);
       } else {
@@ -125,7 +144,24 @@ tile_run tile_of(int64_t step, int32_t lines, int32_t pixels) {
                     : of_one_line<Columns, 2 * kLanes>(pixels);
 }
 
+constexpr int32_t kBorderColumns = 5;  // of the kernel whose border tiles know
+
+// The tiles of whole rows of kFewPixels pixels and more.
+template <int Lines, int... More>
+tile_run border_tile(int32_t pixels, std::integer_sequence<int, More...>) {
+  static constexpr tile_run kRuns[] = {
+      tile<kBorderColumns, Lines, kFewPixels + More, kLanes, true>::run...};
+  return kRuns[pixels - kFewPixels];
+}
+tile_run border_tile_of(int32_t lines, int32_t pixels) {
+  if (lines == 2)
+    return border_tile<2>(pixels,
+                          std::make_integer_sequence<int, kMostPixelsOfTwo - kFewPixels + 1>());
+  return border_tile<1>(pixels, std::make_integer_sequence<int, kMostPixels - kFewPixels + 1>());
+}
+
 tile_run tile_for(const rectangle& r, int32_t lines, int32_t pixels) {
+  if (r.whole_rows) return border_tile_of(lines, pixels);
   // A turned rectangle of a plane two pixels wide has a usual step in the input, not in the output.
   const bool usual = r.in_step == kLanes || r.in_step == 2 * kLanes;
   if (!usual || r.out_step != kLanes) return of_one_line<0, 0>(pixels);
@@ -173,6 +209,10 @@ void one_pixel(const rectangle& r, zyn_general_depthwise_block block, int64_t co
 }
 
 }  // namespace
+
+bool zyn_general_knows_border(int32_t kernel, int32_t pixels) {
+  return kernel == kBorderColumns && pixels >= kFewPixels && pixels <= kMostPixels;
+}
 
 bool zyn_general_choose_tiles(zyn_general_rectangle* rectangle, zyn_general_rectangle* last) {
   zyn_general_rectangle& r = *rectangle;
