@@ -32,9 +32,12 @@ double line_cycles(int32_t blocks, int64_t pixels) {
 // Of one pixel: as few groups as there can be, nearly equal, so that none has so few sums that
 // these wait for each other.
 int32_t choose_blocks_of_pixel(int32_t count) {
-  const int32_t groups = (count + kZynGeneralMostBlocks - 1) / kZynGeneralMostBlocks;
-  const int32_t blocks = (count + groups - 1) / groups;
-  return blocks > 1 && kZynVectorFloats > 8 ? (blocks + 1) / 2 * 2 : blocks;
+  constexpr int32_t kInVector = kZynVectorFloats / kLanes;
+  constexpr int32_t kMost = kZynGeneralMostBlocks / kInVector;
+  const int32_t vectors = count / kInVector;
+  if (vectors == 0) return 1;
+  const int32_t groups = (vectors + kMost - 1) / kMost;
+  return (vectors + groups - 1) / groups * kInVector;
 }
 
 int32_t choose_blocks(const layer& l, int64_t pixels) {
