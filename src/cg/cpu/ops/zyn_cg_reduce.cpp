@@ -8,7 +8,8 @@
 
 namespace {
 
-constexpr int64_t kJoined = 64;  // elements of a lane between two steps in double precision
+constexpr int64_t kJoined = 64;       // elements of a lane between two steps in double precision
+constexpr int64_t kFewElements = 32;  // of a row whose additions leave the processor loads to spare
 
 struct reduce_state : zyn_cg_varied_state {
   zyn_reduce_param param;
@@ -155,13 +156,14 @@ inline __m256d finish(int16_t, __m256d total, int32_t operation, __m256d count) 
   return _mm256_floor_pd(_mm256_add_pd(_mm256_div_pd(total, count), _mm256_set1_pd(0.5)));
 }
 
-// The lanes of each of four vectors joined.
-template <typename Kind, typename T>
+// The lanes of each of four vectors joined. ByMemory: see zyn_eight.
+template <typename Kind, typename T, bool ByMemory>
 __m256d join_lanes(const __m256* v) {
+  using eight = zyn_eight<T>;
   __m256d row[4];
   ZYN_UNROLL for (int k = 0; k < 4; k++) {
-    __m256d half[2];
-    zyn_eight<T>::to_doubles(v[k], half);
+    __m256d half[2] = {eight::to_double(v[k], false), eight::to_double(v[k], true)};
+    if (ByMemory) eight::to_doubles(v[k], half);
     row[k] = Kind::join(half[0], half[1]);
   }
   const __m256d even =
@@ -179,6 +181,7 @@ template <typename Kind, typename T>
                                      int64_t count, int32_t operation) {
   using eight = zyn_eight<T>;
   const int64_t rest = count % 8;
+  const bool few = count < kFewElements;
   const __m256d divisor = _mm256_set1_pd(static_cast<double>(count));
   for (; groups > 0; groups--, in += 8 * apart, out += 8) {
     const T *upper = in, *lower = in + 4 * apart;
@@ -191,8 +194,11 @@ template <typename Kind, typename T>
     if (rest > 0)
       ZYN_UNROLL for (int k = 0; k < 8; k++) v[k] =
           Kind::join(v[k], Kind::part(eight::load(at(k), rest), rest));
-    ZYN_UNROLL for (int k = 0; k < 8; k += 4)
-        eight::store(out + k, finish(T{}, join_lanes<Kind, T>(v + k), operation, divisor));
+    ZYN_UNROLL for (int k = 0; k < 8; k += 4) {
+      const __m256d total =
+          few ? join_lanes<Kind, T, true>(v + k) : join_lanes<Kind, T, false>(v + k);
+      eight::store(out + k, finish(T{}, total, operation, divisor));
+    }
   }
 }
 
