@@ -136,9 +136,11 @@ zyn_general_rectangle make_rectangle(const plan& p, const span& x, const span& y
 // Whether tiles know the border of whole rows, which are then read, or gathered, without one.
 bool knows_border(const plan& p) {
   const axis x = axis_x(p);
-  return x.stride == 1 && x.dilation == 1 && x.pad == x.kernel / 2 && x.out == x.in &&
-         zyn_general_knows_border(x.kernel, x.out);
+  return x.dilation == 1 && x.pad == x.kernel / 2 &&
+         zyn_general_knows_border(x.kernel, x.stride, x.out, x.in);
 }
+// Gathered rows with stride 2 are not faster so.
+bool gathers_border(const plan& p) { return !knows_border(p) || p.shape.stride_x > 1; }
 
 int32_t within(int64_t value, int32_t last) {
   return static_cast<int32_t>(value < 0 ? 0 : value > last ? last : value);
@@ -149,7 +151,7 @@ int32_t within(int64_t value, int32_t last) {
 bool make_way(const plan& p, const zyn_list<span>& spans_x, const zyn_list<span>& spans_y,
               int32_t rows, bool copies, way* made) {
   const axis y = axis_y(p);
-  const bool border = spans_x.count() == 1 && knows_border(p);
+  const bool border = spans_x.count() == 1 && (copies ? !gathers_border(p) : knows_border(p));
   const int32_t left = copies || border ? -p.shape.pad_x : 0;
   zyn_list<strip> strips;
   zyn_list<zyn_general_rectangle> rectangles;
@@ -167,7 +169,7 @@ bool make_way(const plan& p, const zyn_list<span>& spans_x, const zyn_list<span>
         zyn_general_rectangle last,
             r = make_rectangle(p, spans_x[n], here, s, copies ? p.pitch : p.planes.width,
                                copies ? top : 0, left);
-        r.whole_rows = border;
+        r.inside = border ? p.planes.width : 0;
         const bool whole = zyn_general_choose_tiles(&r, &last);
         if (!rectangles.push(r) || (!whole && !rectangles.push(last))) return false;
       }
@@ -216,7 +218,8 @@ bool make_ways(plan* p, bool planar_output) {
     return false;
   const double copied = static_cast<double>(columns_seen(*p)) * p->planes.height * kCopyCycles;
   p->reads_in_place = cycles_of(p->ways[1]) < cycles_of(p->ways[0]) + copied;
-  if (p->reads_in_place || !knows_border(*p)) return true;
+  const bool strided = p->shape.stride_x > 1;
+  if (!knows_border(*p) || (p->reads_in_place && !strided)) return true;
   // The sums of gathered rows, which need not be gathered.
   p->reads_in_place = true;
   free_way(&p->ways[1]);
@@ -238,7 +241,7 @@ void run_block(const plan& p, const zyn_general_depthwise_run& run, int32_t chan
     const strip& s = w.strips[n];
     if (!in_place)  // a single strip's zeros were made before
       zyn_general_gather(run.scratch, run.in, channel, kLanes,
-                         {s.in_first, s.in_rows, knows_border(p) ? 0 : -p.shape.pad_x, p.pitch},
+                         {s.in_first, s.in_rows, gathers_border(p) ? -p.shape.pad_x : 0, p.pitch},
                          w.strip_count > 1);
     const int64_t first = int64_t{s.y} * planes.out_width;
     float* to = direct ? run.out.data + channel * run.out.plane() + first * kLanes
@@ -275,7 +278,7 @@ zyn_general_depthwise_plan* zyn_general_depthwise_make(const zyn_conv_shape& sha
   plan p = {};
   p.shape = shape;
   p.planes = planes;
-  p.pitch = knows_border(p) ? planes.width : columns_seen(p);
+  p.pitch = gathers_border(p) ? columns_seen(p) : planes.width;
   zyn_scratch<plan> made(1);
   if (!made || !make_ways(&p, planar_output)) {
     free_ways(&p);

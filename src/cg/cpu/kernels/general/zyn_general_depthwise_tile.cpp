@@ -28,8 +28,9 @@ constexpr int32_t kFewPixels = 4;        // lines shorter than this run along th
 
 // Columns: of the kernel's part, 0 for any number. Step: floats from pixel to pixel, 0 for any.
 // Few pixels take their taps in turn into several sums, which would else wait for each other.
-// WholeRow: a row of pixels side by side with a border of half a kernel, whose taps are left out.
-template <int Columns, int Lines, int Pixels, int Step, bool WholeRow = false>
+// Inside: input columns of a whole row of pixels with a border of half a kernel, whose taps are
+// left out; else 0.
+template <int Columns, int Lines, int Pixels, int Step, int Inside = 0>
 struct tile {
   static constexpr int kSums = Lines * Pixels;
   static constexpr int kParts = Columns == 0 || kSums > 6 ? 1 : kSums > 2 ? 2 : Columns;
@@ -54,8 +55,8 @@ struct tile {
     const __m256 weight = _mm256_loadu_ps(weights + kx * kLanes);
     ZYN_UNROLL for (int n = 0; n < Lines; n++) {
       ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
-        const int x = i + kx - Columns / 2;
-        if (x >= 0 && x < Pixels) add_product(sum[n][i], weight, from[n] + x * kLanes);
+        const int x = i * Step / kLanes + kx - Columns / 2;
+        if (x >= 0 && x < Inside) add_product(sum[n][i], weight, from[n] + x * kLanes);
       }
     }
   }
@@ -74,7 +75,7 @@ struct tile {
     for (int32_t ky = 0; ky < r.rows; ky++, in += r.row, weights += r.weights_row) {
       const float* from[Lines];
       ZYN_UNROLL for (int n = 0; n < Lines; n++) from[n] = in + n * r.in_line;
-      if constexpr (WholeRow) {
+      if constexpr (Inside > 0) {
         ZYN_UNROLL for (int kx = 0; kx < Columns; kx++)
             add_inside(sum[kx % kParts], from, kx, weights);
       } else if constexpr (Columns > 0) {
@@ -146,22 +147,28 @@ tile_run tile_of(int64_t step, int32_t lines, int32_t pixels) {
 
 constexpr int32_t kBorderColumns = 5;  // of the kernel whose border tiles know
 
-// The tiles of whole rows of kFewPixels pixels and more.
-template <int Lines, int... More>
+// The tiles of whole rows of kFewPixels pixels and more; Odd: of an input column less.
+template <int Lines, int Stride, int Odd, int... More>
 tile_run border_tile(int32_t pixels, std::integer_sequence<int, More...>) {
   static constexpr tile_run kRuns[] = {
-      tile<kBorderColumns, Lines, kFewPixels + More, kLanes, true>::run...};
+      tile<kBorderColumns, Lines, kFewPixels + More, Stride * kLanes,
+           Stride*(kFewPixels + More) - Odd>::run...};
   return kRuns[pixels - kFewPixels];
 }
-tile_run border_tile_of(int32_t lines, int32_t pixels) {
-  if (lines == 2)
-    return border_tile<2>(pixels,
-                          std::make_integer_sequence<int, kMostPixelsOfTwo - kFewPixels + 1>());
-  return border_tile<1>(pixels, std::make_integer_sequence<int, kMostPixels - kFewPixels + 1>());
+tile_run border_tile_of(const rectangle& r, int32_t lines, int32_t pixels) {
+  constexpr auto kUpToSeven = std::make_integer_sequence<int, kMostPixelsOfTwo - kFewPixels + 1>();
+  constexpr auto kUpToMost = std::make_integer_sequence<int, kMostPixels - kFewPixels + 1>();
+  const bool two = lines == 2;
+  if (r.in_step == kLanes)
+    return two ? border_tile<2, 1, 0>(pixels, kUpToSeven) : border_tile<1, 1, 0>(pixels, kUpToMost);
+  if (r.inside == 2 * pixels)
+    return two ? border_tile<2, 2, 0>(pixels, kUpToSeven)
+               : border_tile<1, 2, 0>(pixels, kUpToSeven);
+  return two ? border_tile<2, 2, 1>(pixels, kUpToSeven) : border_tile<1, 2, 1>(pixels, kUpToSeven);
 }
 
 tile_run tile_for(const rectangle& r, int32_t lines, int32_t pixels) {
-  if (r.whole_rows) return border_tile_of(lines, pixels);
+  if (r.inside > 0) return border_tile_of(r, lines, pixels);
   // A turned rectangle of a plane two pixels wide has a usual step in the input, not in the output.
   const bool usual = r.in_step == kLanes || r.in_step == 2 * kLanes;
   if (!usual || r.out_step != kLanes) return of_one_line<0, 0>(pixels);
@@ -210,8 +217,10 @@ void one_pixel(const rectangle& r, zyn_general_depthwise_block block, int64_t co
 
 }  // namespace
 
-bool zyn_general_knows_border(int32_t kernel, int32_t pixels) {
-  return kernel == kBorderColumns && pixels >= kFewPixels && pixels <= kMostPixels;
+bool zyn_general_knows_border(int32_t kernel, int32_t stride, int32_t pixels, int32_t inside) {
+  const int32_t most = stride == 1 ? kMostPixels : stride == 2 ? kMostPixelsOfTwo : 0;
+  return kernel == kBorderColumns && pixels >= kFewPixels && pixels <= most &&
+         (inside + stride - 1) / stride == pixels;
 }
 
 bool zyn_general_choose_tiles(zyn_general_rectangle* rectangle, zyn_general_rectangle* last) {

@@ -21,7 +21,8 @@ struct zyn_general_rectangle {
   int32_t rows, columns;  // of the kernel's part
   int64_t row, column;    // from tap to tap in the input
   int64_t weights_row;    // taps of a row lie 8 floats apart
-  bool whole_rows;        // lines begin with the input row; tiles know the border beside it
+  int32_t inside;         // columns of the input rows that lines begin with, whose border tiles
+                          // know; else 0
 
   // Tiles of one size: larger ones first, then those of a pixel less.
   void (*run[2])(const zyn_general_rectangle& r, const zyn_general_depthwise_block& block,
@@ -30,7 +31,7 @@ struct zyn_general_rectangle {
 };
 
 // Whether there are tiles that know the border of whole rows, half a kernel on either side.
-bool zyn_general_knows_border(int32_t kernel, int32_t pixels);
+bool zyn_general_knows_border(int32_t kernel, int32_t stride, int32_t pixels, int32_t inside);
 
 // Splits lines of pixels into tiles. Where lines come in pairs, the last one of an odd number is
 // left over: false, and it is in last.
