@@ -215,6 +215,9 @@ TEST(ConvKernels, GeneralOnesServeEveryShapeInBothOrders) {
   check_general(conv_param(300, 20, 3, 1, 1), 40, 30, random);
   check_general(conv_param(64, 64, 5, 1, 2, 64), 70, 60, random);
   check_general(conv_param(700, 530, 1, 1, 0), 1, 1, random);
+  // Rows of so few pixels that a tile knows their border.
+  for (int w = 3; w < 17; w++)
+    for (int stride : {1, 2}) check_general(conv_param(9, 9, 5, stride, 2, 9), w, 7 + w, random);
   // Planes two pixels wide: lines run downwards, in steps that elsewhere are those of a row.
   check_general(conv_param(9, 9, 1, 1, 0, 9), 2, 11, random);
   check_general(conv_param(16, 16, 3, 1, 1, 16), 2, 11, random);

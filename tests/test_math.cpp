@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "matrix/zyn_math.h"
+#include "simd/zyn_flush.h"
 
 namespace {
 
@@ -89,6 +90,16 @@ TEST(Math, WholeRangeAndSeamsStayClose) {
           check_eight(f, (bits_of(seam) | sign) - 20000 + k, 1);
   }
   EXPECT_EQ(bits_of(zyn_exp1(-3.7f)), bits_of(first_of(kFunctions[0], -3.7f)));
+}
+
+// Every 263rd number below 0, and NaN.
+TEST(Math, FlushedExponentialHasTheBitsOfTheOther) {
+  const zyn_flush_denormals flush;
+  for (uint64_t bits = 0x80000000u; bits < 0x100000000u; bits += 263) {
+    const __m256 x = _mm256_set1_ps(of_bits(static_cast<uint32_t>(bits)));
+    const float y = _mm256_cvtss_f32(zyn_exp_flushed8(x)), other = _mm256_cvtss_f32(zyn_exp8(x));
+    ASSERT_EQ(bits_of(y), bits_of(other)) << of_bits(static_cast<uint32_t>(bits));
+  }
 }
 
 }  // namespace

@@ -135,6 +135,16 @@ inline __m256 zyn_exp_below8(__m256 x) {
   return _mm256_fmadd_ps(scale, zyn_exp_tail8(r), scale);
 }
 
+// The bits of zyn_exp8 for x not above 0 while results below the normal range are flushed to 0: one
+// factor reaches them all.
+inline __m256 zyn_exp_flushed8(__m256 x) {
+  __m256 r;  // from -88 on the exponent's bits are 0; a NaN passes
+  const __m256 n = zyn_exp_reduce8(_mm256_max_ps(_mm256_set1_ps(-88.0f), x), &r);
+  const __m256 p = _mm256_add_ps(zyn_exp_tail8(r), _mm256_set1_ps(1.0f));
+  const __m256i exponent = _mm256_add_epi32(_mm256_cvtps_epi32(n), _mm256_set1_epi32(127));
+  return _mm256_mul_ps(p, _mm256_castsi256_ps(_mm256_slli_epi32(exponent, 23)));
+}
+
 // 1 / (1 + e^-x), within 3 units in the last place; results below the normal range may be 0.
 inline __m256 zyn_sigmoid8(__m256 x) {
   // With e^-|x| nothing overflows, and small results keep their precision.

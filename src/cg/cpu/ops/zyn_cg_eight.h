@@ -34,6 +34,15 @@ struct zyn_eight<float> {
   static __m256d to_double(__m256 v, bool upper) {
     return _mm256_cvtps_pd(upper ? _mm256_extractf128_ps(v, 1) : _mm256_castps256_ps128(v));
   }
+  // Both halves, by way of memory: in registers the unit that moves lanes has most of the work,
+  // which additions share with it. Faster where there are few loads beside.
+  static void to_doubles(__m256 v, __m256d (&half)[2]) {
+    alignas(32) float lanes[8];
+    _mm256_store_ps(lanes, v);
+    __asm__("" : "+m"(lanes));  // else the compiler sees through it
+    half[0] = _mm256_cvtps_pd(_mm_load_ps(lanes));
+    half[1] = _mm256_cvtps_pd(_mm_load_ps(lanes + 4));
+  }
 };
 
 template <>
@@ -88,5 +97,8 @@ struct zyn_eight<int16_t> {
   static __m256d to_double(__m256 v, bool upper) {
     return _mm256_cvtepi32_pd(upper ? _mm256_extracti128_si256(bits(v), 1)
                                     : _mm256_castsi256_si128(bits(v)));
+  }
+  static void to_doubles(__m256 v, __m256d (&half)[2]) {
+    for (int i = 0; i < 2; i++) half[i] = to_double(v, i == 1);
   }
 };

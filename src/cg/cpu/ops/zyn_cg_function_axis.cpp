@@ -17,10 +17,10 @@ constexpr int32_t kWide = 4;        // vectors side by side
 
 // keep: what is left of an element until the sum of all terms is known; finish: the result. The
 // largest element of a line is its shift where the function uses one, which leaves no exponential
-// above 1.
+// above 1; inference flushes what is below the normal range.
 struct softmax {
   static constexpr bool kShifts = true;
-  static __m256 keep(__m256 x, __m256 shift) { return zyn_exp8(_mm256_sub_ps(x, shift)); }
+  static __m256 keep(__m256 x, __m256 shift) { return zyn_exp_flushed8(_mm256_sub_ps(x, shift)); }
   static __m256 term(__m256 kept) { return kept; }
   static __m256 total(__m256 sum, __m256) { return sum; }
   static __m256 finish(__m256 kept, __m256 total) { return _mm256_div_ps(kept, total); }
@@ -29,7 +29,7 @@ struct softmax {
 struct log_softmax {
   static constexpr bool kShifts = true;
   static __m256 keep(__m256 x, __m256 shift) { return _mm256_sub_ps(x, shift); }
-  static __m256 term(__m256 kept) { return zyn_exp8(kept); }
+  static __m256 term(__m256 kept) { return zyn_exp_flushed8(kept); }
   static __m256 total(__m256 sum, __m256) { return zyn_log8(sum); }
   static __m256 finish(__m256 kept, __m256 total) { return _mm256_sub_ps(kept, total); }
 };
@@ -105,8 +105,16 @@ void norm_line(float* out, const float* in, int64_t n, __m256 least) {
   const auto larger = [](__m256 x, __m256 y) { return _mm256_max_ps(x, y); };
   const auto add = [](__m256 x, __m256 y) { return _mm256_add_ps(x, y); };
   __m256 shift = idle, total = _mm256_setzero_ps();
-  for (int64_t i = 0; Norm::kShifts && i < n; i += 8) shift = larger(shift, load(i));
-  shift = joined(shift, larger);
+  if (Norm::kShifts) {
+    __m256 largest[kWide] = {idle, idle, idle, idle};
+    int64_t i = 0;
+    for (; i + 8 * kWide <= n; i += 8 * kWide)
+      ZYN_UNROLL for (int32_t v = 0; v < kWide; v++) largest[v] =
+          larger(largest[v], _mm256_loadu_ps(in + i + 8 * v));
+    shift = larger(larger(largest[0], largest[1]), larger(largest[2], largest[3]));
+    for (; i < n; i += 8) shift = larger(shift, load(i));
+    shift = joined(shift, larger);
+  }
   for (int64_t first = 0; first < n; first += 8 * kPart) {
     __m256 sum = _mm256_setzero_ps();
     for (int64_t i = first; i < zyn_smaller(first + 8 * kPart, n); i += 8) {

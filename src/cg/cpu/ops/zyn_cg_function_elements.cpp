@@ -20,6 +20,11 @@ struct float_map {
   void operator()(Function f) const {
     zyn_map(out, in, count, f);
   }
+  // Functions of tens of operations.
+  template <typename Function>
+  void with_long(Function f) const {
+    zyn_map<1>(out, in, count, f);
+  }
 };
 
 // The same over 16-bit values.
@@ -93,19 +98,19 @@ void apply_later(const float_map& map, const zyn_func_param& param) {
   const __m256 a = _mm256_set1_ps(param.a);
   switch (param.function) {
     case ZYN_FUNC_ELU:
-      return map(
+      return map.with_long(
           [=](__m256 x) { return _mm256_blendv_ps(x, _mm256_mul_ps(a, zyn_expm1_8(x)), x); });
     case ZYN_FUNC_SILU:
-      return map([=](__m256 x) { return gated(x, zyn_sigmoid8(_mm256_mul_ps(a, x))); });
+      return map.with_long([=](__m256 x) { return gated(x, zyn_sigmoid8(_mm256_mul_ps(a, x))); });
     case ZYN_FUNC_MISH:
-      return map([](__m256 x) { return zyn_mish8(x); });
+      return map.with_long([](__m256 x) { return zyn_mish8(x); });
     case ZYN_FUNC_GELU:
-      return param.a == 0.0f ? map([](__m256 x) { return gelu(x); })
-                             : map([](__m256 x) { return gelu_by_tanh(x); });
+      return param.a == 0.0f ? map.with_long([](__m256 x) { return gelu(x); })
+                             : map.with_long([](__m256 x) { return gelu_by_tanh(x); });
     case ZYN_FUNC_SOFTPLUS:
-      return map([](__m256 x) { return zyn_softplus8(x); });
+      return map.with_long([](__m256 x) { return zyn_softplus8(x); });
     case ZYN_FUNC_ERF:
-      return map([](__m256 x) { return zyn_erf8(x); });
+      return map.with_long([](__m256 x) { return zyn_erf8(x); });
     default:
       return apply_both(map, param);
   }
@@ -168,13 +173,13 @@ void zyn_cg_apply_function(zyn_tensor* output, const zyn_tensor* input,
     case ZYN_FUNC_RECIPROCAL:
       return map([](__m256 x) { return _mm256_div_ps(_mm256_set1_ps(1.0f), x); });
     case ZYN_FUNC_EXP:
-      return map([](__m256 x) { return zyn_exp8(x); });
+      return map.with_long([](__m256 x) { return zyn_exp8(x); });
     case ZYN_FUNC_LOG:
-      return map([](__m256 x) { return zyn_log8(x); });
+      return map.with_long([](__m256 x) { return zyn_log8(x); });
     case ZYN_FUNC_TANH:
-      return map([](__m256 x) { return zyn_tanh8(x); });
+      return map.with_long([](__m256 x) { return zyn_tanh8(x); });
     case ZYN_FUNC_POWER:
-      return map([a = param.a](__m256 x) { return zyn_power8(x, a); });
+      return map.with_long([a = param.a](__m256 x) { return zyn_power8(x, a); });
     default:
       return apply_later(map, param);
   }

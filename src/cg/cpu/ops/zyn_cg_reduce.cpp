@@ -8,7 +8,8 @@
 
 namespace {
 
-constexpr int64_t kJoined = 64;  // elements of a lane between two steps in double precision
+constexpr int64_t kJoined = 64;       // elements of a lane between two steps in double precision
+constexpr int64_t kFewElements = 32;  // of a row whose additions leave the processor loads to spare
 
 struct reduce_state : zyn_cg_varied_state {
   zyn_reduce_param param;
@@ -155,12 +156,16 @@ inline __m256d finish(int16_t, __m256d total, int32_t operation, __m256d count) 
   return _mm256_floor_pd(_mm256_add_pd(_mm256_div_pd(total, count), _mm256_set1_pd(0.5)));
 }
 
-// The lanes of each of four vectors joined.
-template <typename Kind, typename T>
+// The lanes of each of four vectors joined. ByMemory: see zyn_eight.
+template <typename Kind, typename T, bool ByMemory>
 __m256d join_lanes(const __m256* v) {
+  using eight = zyn_eight<T>;
   __m256d row[4];
-  ZYN_UNROLL for (int k = 0; k < 4; k++) row[k] =
-      Kind::join(zyn_eight<T>::to_double(v[k], false), zyn_eight<T>::to_double(v[k], true));
+  ZYN_UNROLL for (int k = 0; k < 4; k++) {
+    __m256d half[2] = {eight::to_double(v[k], false), eight::to_double(v[k], true)};
+    if (ByMemory) eight::to_doubles(v[k], half);
+    row[k] = Kind::join(half[0], half[1]);
+  }
   const __m256d even =
       Kind::join(_mm256_unpacklo_pd(row[0], row[1]), _mm256_unpackhi_pd(row[0], row[1]));
   const __m256d odd =
@@ -169,37 +174,42 @@ __m256d join_lanes(const __m256* v) {
                     _mm256_permute2f128_pd(even, odd, 0x31));
 }
 
-// Totals of eight short rows step elements apart: together, none of them waits for its own sums.
+// Totals of groups of eight short rows, apart elements from row to row: together, none of them
+// waits for its own sums.
 template <typename Kind, typename T>
-[[gnu::noinline]] void reduce_eight_rows(T* out, const T* in, int64_t step, int64_t count,
-                                         int32_t operation) {
+[[gnu::noinline]] void reduce_eights(T* out, const T* in, int64_t groups, int64_t apart,
+                                     int64_t count, int32_t operation) {
   using eight = zyn_eight<T>;
-  const T *upper = in, *lower = in + 4 * step;
-  const auto at = [&](int k) { return k < 4 ? upper + k * step : lower + (k - 4) * step; };
-  __m256 v[8];
-  ZYN_UNROLL for (int k = 0; k < 8; k++) v[k] = Kind::start();
-  int64_t i = 0;
-  for (; i + 8 <= count; i += 8, upper += 8, lower += 8)
-    ZYN_UNROLL for (int k = 0; k < 8; k++) v[k] =
-        Kind::join(v[k], Kind::part(eight::load(at(k)), 8));
-  const int64_t rest = count - i;
-  if (rest > 0)
-    ZYN_UNROLL for (int k = 0; k < 8; k++) v[k] =
-        Kind::join(v[k], Kind::part(eight::load(at(k), rest), rest));
+  const int64_t rest = count % 8;
+  const bool few = count < kFewElements;
   const __m256d divisor = _mm256_set1_pd(static_cast<double>(count));
-  ZYN_UNROLL for (int k = 0; k < 8; k += 4)
-      eight::store(out + k, finish(T{}, join_lanes<Kind, T>(v + k), operation, divisor));
+  for (; groups > 0; groups--, in += 8 * apart, out += 8) {
+    const T *upper = in, *lower = in + 4 * apart;
+    const auto at = [&](int k) { return k < 4 ? upper + k * apart : lower + (k - 4) * apart; };
+    __m256 v[8];
+    ZYN_UNROLL for (int k = 0; k < 8; k++) v[k] = Kind::start();
+    for (int64_t i = 0; i + 8 <= count; i += 8, upper += 8, lower += 8)
+      ZYN_UNROLL for (int k = 0; k < 8; k++) v[k] =
+          Kind::join(v[k], Kind::part(eight::load(at(k)), 8));
+    if (rest > 0)
+      ZYN_UNROLL for (int k = 0; k < 8; k++) v[k] =
+          Kind::join(v[k], Kind::part(eight::load(at(k), rest), rest));
+    ZYN_UNROLL for (int k = 0; k < 8; k += 4) {
+      const __m256d total =
+          few ? join_lanes<Kind, T, true>(v + k) : join_lanes<Kind, T, false>(v + k);
+      eight::store(out + k, finish(T{}, total, operation, divisor));
+    }
+  }
 }
 
 // Rows that follow each other, one total for each.
 template <typename Kind, typename T>
 void reduce_short_rows(T* out, const T* in, int64_t count, int64_t rows, int32_t operation) {
-  int64_t y = 0;
-  for (; y + 8 <= rows; y += 8, in += 8 * count)
-    reduce_eight_rows<Kind>(out + y, in, count, count, operation);
-  for (; y < rows; y++, in += count) {
+  const int64_t groups = rows / 8;
+  reduce_eights<Kind>(out, in, groups, count, count, operation);
+  for (int64_t y = 8 * groups; y < rows; y++) {
     T same[8];
-    reduce_eight_rows<Kind>(same, in, 0, count, operation);
+    reduce_eights<Kind>(same, in + y * count, 1, 0, count, operation);
     out[y] = same[0];
   }
 }

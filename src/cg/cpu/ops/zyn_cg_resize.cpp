@@ -102,7 +102,7 @@ void plane_linear(const zyn_cg_resizer& r, float* out, const float* in) {
       held[i] = wanted[i];
     }
     const __m256 weight = _mm256_set1_ps(r.rows.weight[y]);
-    zyn_map2(out, lines[0], lines[1], width, [weight](__m256 upper, __m256 lower) {
+    zyn_map2<1>(out, lines[0], lines[1], width, [weight](__m256 upper, __m256 lower) {
       return _mm256_fmadd_ps(weight, _mm256_sub_ps(lower, upper), upper);
     });
   }

@@ -156,7 +156,10 @@ const float* dense_group(const call& c, const strip_input& in, const float* weig
     step_walk walk(in, k, zyn_general_tap_lines_of(l));
     const int64_t steps = walk.count();
     const int64_t step_floats = int64_t{walk.inputs()} * blocks * kLanes;
-    int64_t most = kChunkBytes / static_cast<int64_t>(sizeof(float)) / step_floats;
+    // One tile reads weights once.
+    const bool once = int64_t{rows} * l.out_width == 1;
+    int64_t most =
+        once ? kMostTaps : kChunkBytes / static_cast<int64_t>(sizeof(float)) / step_floats;
     most = most < 1 ? 1 : most > kMostTaps ? kMostTaps : most;
     const int64_t chunks = (steps + most - 1) / most;
     for (int64_t done = 0, n_done = 0; done < steps; n_done++) {

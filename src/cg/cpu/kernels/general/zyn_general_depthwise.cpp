@@ -86,10 +86,16 @@ bool find_spans(const axis& a, zyn_list<span>* spans) {
   return true;
 }
 
+// Columns of an input row with its border.
+int32_t columns_seen(const plan& p) {
+  const axis x = axis_x(p);
+  return (x.out - 1) * x.stride + x.reach() + 1;
+}
+
 // Rows of a strip: as many as the first cache level holds while they are copied or scattered.
 int32_t strip_rows(const plan& p) {
   const axis y = axis_y(p);
-  const int64_t row = int64_t{kLanes} * p.pitch;
+  const int64_t row = int64_t{kLanes} * columns_seen(p);
   const auto fitting = [&](int64_t floats) {
     return (floats / row - y.reach() - 1) / y.stride + 1;
   };
@@ -127,14 +133,26 @@ zyn_general_rectangle make_rectangle(const plan& p, const span& x, const span& y
   return r;
 }
 
+// Whether tiles know the border of whole rows, which are then read, or gathered, without one.
+bool knows_border(const plan& p) {
+  const axis x = axis_x(p);
+  return x.dilation == 1 && x.pad == x.kernel / 2 &&
+         zyn_general_knows_border(x.kernel, x.stride, x.out, x.in);
+}
+// Gathered rows with stride 2 are not faster so.
+bool gathers_border(const plan& p) { return !knows_border(p) || p.shape.stride_x > 1; }
+
 int32_t within(int64_t value, int32_t last) {
   return static_cast<int32_t>(value < 0 ? 0 : value > last ? last : value);
 }
 
-// Strips of rows output rows. spans_x: one over all columns where rows are copied.
+// Strips of rows output rows. spans_x: one over all columns where rows are copied, or tiles know
+// their border.
 bool make_way(const plan& p, const zyn_list<span>& spans_x, const zyn_list<span>& spans_y,
               int32_t rows, bool copies, way* made) {
   const axis y = axis_y(p);
+  const bool border = spans_x.count() == 1 && (copies ? !gathers_border(p) : knows_border(p));
+  const int32_t left = copies || border ? -p.shape.pad_x : 0;
   zyn_list<strip> strips;
   zyn_list<zyn_general_rectangle> rectangles;
   for (int32_t first = 0; first < y.out; first += rows) {
@@ -150,7 +168,8 @@ bool make_way(const plan& p, const zyn_list<span>& spans_x, const zyn_list<span>
       for (int64_t n = 0; here.count > 0 && n < spans_x.count(); n++) {
         zyn_general_rectangle last,
             r = make_rectangle(p, spans_x[n], here, s, copies ? p.pitch : p.planes.width,
-                               copies ? top : 0, copies ? -p.shape.pad_x : 0);
+                               copies ? top : 0, left);
+        r.inside = border ? p.planes.width : 0;
         const bool whole = zyn_general_choose_tiles(&r, &last);
         if (!rectangles.push(r) || (!whole && !rectangles.push(last))) return false;
       }
@@ -179,6 +198,12 @@ double cycles_of(const way& w) {
   return cycles;
 }
 
+void free_way(way* w) {
+  zyn_free(w->strips);
+  zyn_free(w->rectangles);
+  *w = {};
+}
+
 // Both ways, and whether the input in channel blocks is better read in place.
 bool make_ways(plan* p, bool planar_output) {
   zyn_list<span> spans_x, spans_y, row;
@@ -191,16 +216,18 @@ bool make_ways(plan* p, bool planar_output) {
   if (!make_way(*p, spans_x, spans_y, planar_output ? rows : p->planes.out_height, false,
                 &p->ways[1]))
     return false;
-  const double copied = static_cast<double>(p->pitch) * p->planes.height * kCopyCycles;
+  const double copied = static_cast<double>(columns_seen(*p)) * p->planes.height * kCopyCycles;
   p->reads_in_place = cycles_of(p->ways[1]) < cycles_of(p->ways[0]) + copied;
-  return true;
+  const bool strided = p->shape.stride_x > 1;
+  if (!knows_border(*p) || (p->reads_in_place && !strided)) return true;
+  // The sums of gathered rows, which need not be gathered.
+  p->reads_in_place = true;
+  free_way(&p->ways[1]);
+  return make_way(*p, row, spans_y, rows, false, &p->ways[1]);
 }
 
-void free_ways(const plan& p) {
-  for (const way& w : p.ways) {
-    zyn_free(w.strips);
-    zyn_free(w.rectangles);
-  }
+void free_ways(plan* p) {
+  for (way& w : p->ways) free_way(&w);
 }
 
 void run_block(const plan& p, const zyn_general_depthwise_run& run, int32_t channel,
@@ -214,7 +241,8 @@ void run_block(const plan& p, const zyn_general_depthwise_run& run, int32_t chan
     const strip& s = w.strips[n];
     if (!in_place)  // a single strip's zeros were made before
       zyn_general_gather(run.scratch, run.in, channel, kLanes,
-                         {s.in_first, s.in_rows, -p.shape.pad_x, p.pitch}, w.strip_count > 1);
+                         {s.in_first, s.in_rows, gathers_border(p) ? -p.shape.pad_x : 0, p.pitch},
+                         w.strip_count > 1);
     const int64_t first = int64_t{s.y} * planes.out_width;
     float* to = direct ? run.out.data + channel * run.out.plane() + first * kLanes
                        : run.scratch + p.in_floats;
@@ -228,6 +256,20 @@ void run_block(const plan& p, const zyn_general_depthwise_run& run, int32_t chan
   }
 }
 
+// The whole blocks of a layer in channel blocks whose output is one pixel. The channels done, 0
+// of other layers.
+int32_t run_pixel(const plan& p, const zyn_general_depthwise_run& run) {
+  const way& w = p.ways[1];
+  const int32_t channels = run.in.channels / kLanes * kLanes;
+  if (!p.reads_in_place || !run.in.blocked || !run.out.blocked || run.out.plane() != 1) return 0;
+  zyn_general_depthwise_pixel(w.rectangles[0],
+                              {run.in.data, run.weights, run.out.data, run.bias, run.floor},
+                              channels / kLanes, run.in.plane() * kLanes,
+                              int64_t{p.shape.kernel_x} * p.shape.kernel_y * kLanes);
+  zyn_conv_finish_rows(run.out.data, 1, channels, {nullptr, run.activation});
+  return channels;
+}
+
 }  // namespace
 
 zyn_general_depthwise_plan* zyn_general_depthwise_make(const zyn_conv_shape& shape,
@@ -236,11 +278,10 @@ zyn_general_depthwise_plan* zyn_general_depthwise_make(const zyn_conv_shape& sha
   plan p = {};
   p.shape = shape;
   p.planes = planes;
-  const axis x = axis_x(p);
-  p.pitch = (x.out - 1) * x.stride + x.reach() + 1;
+  p.pitch = gathers_border(p) ? columns_seen(p) : planes.width;
   zyn_scratch<plan> made(1);
   if (!made || !make_ways(&p, planar_output)) {
-    free_ways(p);
+    free_ways(&p);
     return nullptr;
   }
   int64_t in_rows = 0, rows = 0;
@@ -256,7 +297,7 @@ zyn_general_depthwise_plan* zyn_general_depthwise_make(const zyn_conv_shape& sha
 
 void zyn_general_depthwise_release(zyn_general_depthwise_plan** plan) {
   if (!*plan) return;
-  free_ways(**plan);
+  free_ways(*plan);
   zyn_free(*plan);
   *plan = nullptr;
 }
@@ -273,7 +314,7 @@ void zyn_general_depthwise_planes(const zyn_general_depthwise_plan* plan,
                                   const zyn_general_depthwise_run& run) {
   if (plan->ways[0].strip_count == 1)
     memset(run.scratch, 0, static_cast<size_t>(plan->in_floats) * sizeof(float));
-  for (int32_t channel = 0; channel < run.in.channels; channel += kLanes) {
+  for (int32_t channel = run_pixel(*plan, run); channel < run.in.channels; channel += kLanes) {
     const bool whole = run.in.blocked && channel + kLanes <= run.in.channels;
     run_block(*plan, run, channel, whole && plan->reads_in_place);
   }

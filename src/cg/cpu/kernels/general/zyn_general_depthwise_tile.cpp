@@ -5,6 +5,8 @@
 
 #include <immintrin.h>
 
+#include <utility>
+
 #include "simd/zyn_vectors.h"
 
 namespace {
@@ -26,7 +28,9 @@ constexpr int32_t kFewPixels = 4;        // lines shorter than this run along th
 
 // Columns: of the kernel's part, 0 for any number. Step: floats from pixel to pixel, 0 for any.
 // Few pixels take their taps in turn into several sums, which would else wait for each other.
-template <int Columns, int Lines, int Pixels, int Step>
+// Inside: input columns of a whole row of pixels with a border of half a kernel, whose taps are
+// left out; else 0.
+template <int Columns, int Lines, int Pixels, int Step, int Inside = 0>
 struct tile {
   static constexpr int kSums = Lines * Pixels;
   static constexpr int kParts = Columns == 0 || kSums > 6 ? 1 : kSums > 2 ? 2 : Columns;
@@ -44,6 +48,19 @@ struct tile {
     }
   }
 
+  // The tap of column kx, from being at the input row.
+  [[gnu::always_inline]] static void add_inside(__m256 (&sum)[Lines][Pixels],
+                                                const float* const (&from)[Lines], int kx,
+                                                const float* weights) {
+    const __m256 weight = _mm256_loadu_ps(weights + kx * kLanes);
+    ZYN_UNROLL for (int n = 0; n < Lines; n++) {
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++) {
+        const int x = i * Step / kLanes + kx - Columns / 2;
+        if (x >= 0 && x < Inside) add_product(sum[n][i], weight, from[n] + x * kLanes);
+      }
+    }
+  }
+
   [[gnu::always_inline]] static void one(const rectangle& r, const zyn_general_depthwise_block& b,
                                          const float* weights, const float* in, float* out) {
     const int64_t step = Step ? Step : r.in_step;
@@ -58,7 +75,10 @@ struct tile {
     for (int32_t ky = 0; ky < r.rows; ky++, in += r.row, weights += r.weights_row) {
       const float* from[Lines];
       ZYN_UNROLL for (int n = 0; n < Lines; n++) from[n] = in + n * r.in_line;
-      if constexpr (Columns > 0) {
+      if constexpr (Inside > 0) {
+        ZYN_UNROLL for (int kx = 0; kx < Columns; kx++)
+            add_inside(sum[kx % kParts], from, kx, weights);
+      } else if constexpr (Columns > 0) {
         ZYN_UNROLL for (int kx = 0; kx < Columns; kx++)
             add(sum[kx % kParts], from, step, r.column, weights + kx * kLanes);
       } else {
@@ -125,7 +145,30 @@ tile_run tile_of(int64_t step, int32_t lines, int32_t pixels) {
                     : of_one_line<Columns, 2 * kLanes>(pixels);
 }
 
+constexpr int32_t kBorderColumns = 5;  // of the kernel whose border tiles know
+
+// The tiles of whole rows of kFewPixels pixels and more; Odd: of an input column less.
+template <int Lines, int Stride, int Odd, int... More>
+tile_run border_tile(int32_t pixels, std::integer_sequence<int, More...>) {
+  static constexpr tile_run kRuns[] = {
+      tile<kBorderColumns, Lines, kFewPixels + More, Stride * kLanes,
+           Stride*(kFewPixels + More) - Odd>::run...};
+  return kRuns[pixels - kFewPixels];
+}
+tile_run border_tile_of(const rectangle& r, int32_t lines, int32_t pixels) {
+  constexpr auto kUpToSeven = std::make_integer_sequence<int, kMostPixelsOfTwo - kFewPixels + 1>();
+  constexpr auto kUpToMost = std::make_integer_sequence<int, kMostPixels - kFewPixels + 1>();
+  const bool two = lines == 2;
+  if (r.in_step == kLanes)
+    return two ? border_tile<2, 1, 0>(pixels, kUpToSeven) : border_tile<1, 1, 0>(pixels, kUpToMost);
+  if (r.inside == 2 * pixels)
+    return two ? border_tile<2, 2, 0>(pixels, kUpToSeven)
+               : border_tile<1, 2, 0>(pixels, kUpToSeven);
+  return two ? border_tile<2, 2, 1>(pixels, kUpToSeven) : border_tile<1, 2, 1>(pixels, kUpToSeven);
+}
+
 tile_run tile_for(const rectangle& r, int32_t lines, int32_t pixels) {
+  if (r.inside > 0) return border_tile_of(r, lines, pixels);
   // A turned rectangle of a plane two pixels wide has a usual step in the input, not in the output.
   const bool usual = r.in_step == kLanes || r.in_step == 2 * kLanes;
   if (!usual || r.out_step != kLanes) return of_one_line<0, 0>(pixels);
@@ -158,7 +201,27 @@ void cover(rectangle* r, int32_t lines, int32_t most) {
   r->tiles[1] = tiles - larger;
 }
 
+// One call for all blocks: what stands around a tile takes as long as its few sums.
+template <int Columns>
+void one_pixel(const rectangle& r, zyn_general_depthwise_block block, int64_t count,
+               int64_t in_step, int64_t weights_step) {
+  for (; count > 0; count--) {
+    tile<Columns, 1, 1, kLanes>::one(r, block, block.weights + r.weights, block.in + r.in,
+                                     block.out);
+    block.in += in_step;
+    block.weights += weights_step;
+    block.out += kLanes;
+    block.bias += kLanes;
+  }
+}
+
 }  // namespace
+
+bool zyn_general_knows_border(int32_t kernel, int32_t stride, int32_t pixels, int32_t inside) {
+  const int32_t most = stride == 1 ? kMostPixels : stride == 2 ? kMostPixelsOfTwo : 0;
+  return kernel == kBorderColumns && pixels >= kFewPixels && pixels <= most &&
+         (inside + stride - 1) / stride == pixels;
+}
 
 bool zyn_general_choose_tiles(zyn_general_rectangle* rectangle, zyn_general_rectangle* last) {
   zyn_general_rectangle& r = *rectangle;
@@ -178,4 +241,12 @@ bool zyn_general_choose_tiles(zyn_general_rectangle* rectangle, zyn_general_rect
   last->out += pairs * r.out_line;
   cover(last, 1, kMostPixels);
   return false;
+}
+
+void zyn_general_depthwise_pixel(const rectangle& r, zyn_general_depthwise_block block,
+                                 int64_t count, int64_t in_step, int64_t weights_step) {
+  (r.columns == 3   ? one_pixel<3>
+   : r.columns == 5 ? one_pixel<5>
+   : r.columns == 7 ? one_pixel<7>
+                    : one_pixel<0>)(r, block, count, in_step, weights_step);
 }

@@ -29,7 +29,19 @@ double line_cycles(int32_t blocks, int64_t pixels) {
   return static_cast<double>(tiles) * ((cycles < loads ? loads : cycles) + 0.15);
 }
 
+// Of one pixel: as few groups as there can be, nearly equal, so that none has so few sums that
+// these wait for each other.
+int32_t choose_blocks_of_pixel(int32_t count) {
+  constexpr int32_t kInVector = kZynVectorFloats / kLanes;
+  constexpr int32_t kMost = kZynGeneralMostBlocks / kInVector;
+  const int32_t vectors = count / kInVector;
+  if (vectors == 0) return 1;
+  const int32_t groups = (vectors + kMost - 1) / kMost;
+  return (vectors + groups - 1) / groups * kInVector;
+}
+
 int32_t choose_blocks(const layer& l, int64_t pixels) {
+  if (pixels == 1) return choose_blocks_of_pixel(zyn_general_block_count(l));
   // What comes first wins among equals. Three blocks load least; what is left over would lose that.
   const bool threes = zyn_general_block_count(l) % 3 == 0;
   const int32_t candidates[] = {threes ? 3 : 2, threes ? 2 : 3, 1, 4, 8};

@@ -162,10 +162,14 @@ void cover(const zyn_general_lines& l, int64_t count, int64_t most, Of tile_of) 
 }  // namespace
 
 void zyn_general_dense_lines(const zyn_general_lines& lines, int32_t blocks, int64_t count) {
-  const auto tile_of = blocks == 1   ? dense_tile_of<1>
-                       : blocks == 2 ? dense_tile_of<2>
-                       : blocks == 3 ? dense_tile_of < kZynVectorFloats == 8 ? 3 : 1 >
-                       : blocks == 4 ? dense_tile_of<4>
-                                     : dense_tile_of<8>;
-  cover(lines, count, zyn_general_most_pixels(blocks), tile_of);
+  constexpr bool kOdd = kZynVectorFloats == 8;  // else there are no odd numbers but 1
+  static constexpr decltype(&dense_tile_of<1>) kTilesOf[] = {dense_tile_of<1>,
+                                                             dense_tile_of<2>,
+                                                             dense_tile_of<(kOdd ? 3 : 1)>,
+                                                             dense_tile_of<4>,
+                                                             dense_tile_of<(kOdd ? 5 : 1)>,
+                                                             dense_tile_of<6>,
+                                                             dense_tile_of<(kOdd ? 7 : 1)>,
+                                                             dense_tile_of<8>};
+  cover(lines, count, zyn_general_most_pixels(blocks), kTilesOf[blocks - 1]);
 }

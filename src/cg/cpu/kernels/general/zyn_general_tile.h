@@ -35,9 +35,10 @@ constexpr int32_t zyn_general_most_pixels(int32_t blocks) {
   return vectors > 4 ? 1 : sums / vectors < 12 ? sums / vectors : 12;
 }
 constexpr int32_t kZynGeneralMostBlocks = 8;
-// Blocks that tiles have: 1, 2, 4 and 8, and 3 where these are whole vectors.
+// Blocks that tiles have: 1 to 8 that are whole vectors, or a single one.
 constexpr int32_t zyn_general_blocks_within(int32_t blocks) {
-  return blocks >= 8 ? 8 : blocks > 4 ? 4 : blocks == 3 && kZynVectorFloats > 8 ? 2 : blocks;
+  const int32_t most = blocks < kZynGeneralMostBlocks ? blocks : kZynGeneralMostBlocks;
+  return most > 1 && kZynVectorFloats > 8 ? most / 2 * 2 : most;
 }
 
 // Lines of count pixels of a dense layer's blocks of 8 output channels, in tiles of nearly equal
