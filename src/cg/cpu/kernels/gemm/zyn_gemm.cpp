@@ -18,6 +18,7 @@ namespace {
 constexpr int64_t kMostTileFloats = 6 * 16;
 // Products of so few rows read whole panels where they lie: they do not earn a copy back.
 constexpr int64_t kRowsInPlace = 8;
+constexpr int64_t kPageFloats = 1024;
 
 // A product of at most 512 rows and terms.
 void multiply_block(const zyn_gemm_operands& p, float* panel) {
@@ -28,7 +29,8 @@ void multiply_block(const zyn_gemm_operands& p, float* panel) {
     const bool copies = p.m > kRowsInPlace || here < width;
     if (copies) zyn_gemm_pack_panels(p.k, here, width, p.b + column, p.ldb, panel);
     zyn_gemm_rows_by_panel(p.m, p.k, p.alpha, p.beta, p.a, p.lda, copies ? panel : p.b + column,
-                           copies ? width : p.ldb, width, here, p.c + column, p.ldc);
+                           copies ? width : p.ldb, width, here, p.c + column, p.ldc,
+                           left > here ? p.b + column + here : nullptr, p.ldb);
   }
 }
 
@@ -52,13 +54,14 @@ void zyn_gemm_macro(int64_t rows, int64_t columns, int64_t k, float alpha, float
 }
 
 void zyn_gemm_general(const zyn_gemm_operands& p, float* panel) {
-  for (int64_t row = 0; row < p.m; row += ZYN_GEMM_RUN)
+  // Parts of rows that lie whole pages apart share half of the second cache level's sets.
+  const int64_t rows = p.lda % kPageFloats == 0 ? ZYN_GEMM_RUN / 2 : ZYN_GEMM_RUN;
+  for (int64_t row = 0; row < p.m; row += rows)
     for (int64_t term = 0; term < p.k; term += ZYN_GEMM_RUN)
-      multiply_block(
-          {zyn_smaller(ZYN_GEMM_RUN, p.m - row), p.n, zyn_smaller(ZYN_GEMM_RUN, p.k - term),
-           p.alpha, term == 0 ? p.beta : 1.0f, p.a + row * p.lda + term, p.lda, p.b + term * p.ldb,
-           p.ldb, p.c + row * p.ldc, p.ldc},
-          panel);
+      multiply_block({zyn_smaller(rows, p.m - row), p.n, zyn_smaller(ZYN_GEMM_RUN, p.k - term),
+                      p.alpha, term == 0 ? p.beta : 1.0f, p.a + row * p.lda + term, p.lda,
+                      p.b + term * p.ldb, p.ldb, p.c + row * p.ldc, p.ldc},
+                     panel);
 }
 
 uint32_t zyn_cg_sgemm(int32_t m, int32_t n, int32_t k, float alpha, float beta, const float* a,

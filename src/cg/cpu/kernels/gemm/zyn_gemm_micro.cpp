@@ -54,7 +54,31 @@ struct scaled_tile {
   int64_t panel_pitch;  // from term to term
   float* tile;
   int64_t pitch, columns;
+  const float* next;  // the panel that comes next as it lies in B, or null
+  int64_t next_pitch;
 };
+
+constexpr int64_t kLongSum = 128;  // terms from which on a tile hides what it asks for
+
+// What comes next, asked for while sums are long enough: the places that a tile of rows writes, and
+// the tile's share of the next panel, whose rows of B lie too far apart to be foreseen.
+[[gnu::always_inline]] inline void ask_ahead(const scaled_tile& t, int64_t row, int64_t tile_rows,
+                                             int64_t rows) {
+  if (t.k < kLongSum) return;
+  const int64_t last = t.columns - 1;
+  for (int64_t r = row; r < row + tile_rows; r++) {
+    const float* first = t.tile + r * t.pitch;
+    _mm_prefetch(reinterpret_cast<const char*>(first), _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char*>(first + last), _MM_HINT_T0);
+  }
+  if (!t.next) return;
+  const int64_t end = t.k * (row + tile_rows) / rows;
+  for (int64_t i = t.k * row / rows; i < end; i++) {
+    const float* first = t.next + i * t.next_pitch;
+    _mm_prefetch(reinterpret_cast<const char*>(first), _MM_HINT_T1);
+    _mm_prefetch(reinterpret_cast<const char*>(first + last), _MM_HINT_T1);
+  }
+}
 
 template <int kRows, int kVectors, int kLanes = 8>
 void rows_tile(const scaled_tile& t, int64_t row) {
@@ -80,7 +104,10 @@ void rows_tile(const scaled_tile& t, int64_t row) {
 
 template <int kRows, int kVectors, int kLanes = 8>
 int64_t panel_rows(const scaled_tile& t, int64_t row, int64_t rows) {
-  for (; row + kRows <= rows; row += kRows) rows_tile<kRows, kVectors, kLanes>(t, row);
+  for (; row + kRows <= rows; row += kRows) {
+    ask_ahead(t, row, kRows, rows);
+    rows_tile<kRows, kVectors, kLanes>(t, row);
+  }
   return row;
 }
 
@@ -190,8 +217,10 @@ void zyn_gemm_micro_8x8(int64_t k, float alpha, float beta, const float* weights
 
 void zyn_gemm_rows_by_panel(int64_t rows, int64_t k, float alpha, float beta, const float* a,
                             int64_t lda, const float* panel, int64_t panel_pitch, int64_t width,
-                            int64_t columns, float* tile, int64_t pitch) {
-  const scaled_tile t = {k, alpha, beta, a, lda, panel, panel_pitch, tile, pitch, columns};
+                            int64_t columns, float* tile, int64_t pitch, const float* next,
+                            int64_t next_pitch) {
+  const scaled_tile t = {k,           alpha, beta,  a,       lda,  panel,
+                         panel_pitch, tile,  pitch, columns, next, next_pitch};
   int64_t row = 0;
 #if ZYN_VECTOR_BITS == 512
   if (width == ZYN_GEMM_PANEL) {

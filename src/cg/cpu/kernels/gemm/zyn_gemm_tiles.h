@@ -65,10 +65,12 @@ void zyn_gemm_slim_tiles(const zyn_gemm_slim_job& job, int64_t rows, int64_t lan
 
 // tile = alpha * A x panel + beta * tile for rows of A as they lie, lda floats apart, and a
 // panel of width 8, 16, 24 or ZYN_GEMM_PANEL columns, whose terms lie panel_pitch floats apart and
-// of which columns are written.
+// of which columns are written. next: the panel that comes after it as it lies in B, its terms
+// next_pitch floats apart, which is asked for on the way; or null.
 void zyn_gemm_rows_by_panel(int64_t rows, int64_t k, float alpha, float beta, const float* a,
                             int64_t lda, const float* panel, int64_t panel_pitch, int64_t width,
-                            int64_t columns, float* tile, int64_t pitch);
+                            int64_t columns, float* tile, int64_t pitch, const float* next,
+                            int64_t next_pitch);
 
 // Adds the valid part of a finished tile to the output, as a micro-kernel would.
 void zyn_gemm_merge(const float* tile, int64_t tile_pitch, int64_t rows, int64_t columns,
