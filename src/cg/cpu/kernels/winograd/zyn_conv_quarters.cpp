@@ -29,7 +29,9 @@ constexpr int32_t kLanes = 8;
 constexpr int32_t kLeast = 32;               // channels and pixels
 constexpr int64_t kStripBytes = 768 * 1024;  // of all quarters of a strip
 constexpr int32_t kLeastStrip = 48;
-constexpr int64_t kLine = 16;          // floats of a cache line
+constexpr int64_t kLine = 16;  // floats of a cache line
+constexpr int32_t kBlocksTogether =
+    2;  // of outputs: whole vectors of any width, alike in all builds
 constexpr int32_t kFirstOutputs = 16;  // whose weights the product before asks for
 
 int32_t half_of(int64_t count) { return static_cast<int32_t>((count + 1) / 2); }
@@ -73,8 +75,8 @@ bool open(layer* l, const zyn_conv_param& p, int32_t width, int32_t height) {
   if (!served) return false;
   *l = {false, p.in_channels, p.out_channels, width, height, 0, 0, half_of(plane), 0, nullptr, 0};
   l->in_blocks = half_of(blocks_of(p.in_channels));
-  l->out_blocks = static_cast<int32_t>(
-      zyn_round_up(half_of(blocks_of(p.out_channels)), kZynVectorFloats / kLanes));
+  l->out_blocks =
+      static_cast<int32_t>(zyn_round_up(half_of(blocks_of(p.out_channels)), kBlocksTogether));
   const int64_t pair = int64_t{kLanes} * (8 * l->in_blocks + 6 * l->out_blocks);
   const int64_t most =
       zyn_larger(kStripBytes / static_cast<int64_t>(sizeof(float)) / pair, kLeastStrip);
