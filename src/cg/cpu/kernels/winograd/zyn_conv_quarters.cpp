@@ -30,8 +30,7 @@ constexpr int32_t kLeast = 32;               // channels and pixels
 constexpr int64_t kStripBytes = 768 * 1024;  // of all quarters of a strip
 constexpr int32_t kLeastStrip = 48;
 constexpr int64_t kLine = 16;  // floats of a cache line
-constexpr int32_t kBlocksTogether =
-    2;  // of outputs: whole vectors of any width, alike in all builds
+constexpr int32_t kBlocksTogether = 2;  // of outputs: whole vectors of any width
 constexpr int32_t kFirstOutputs = 16;  // whose weights the product before asks for
 
 int32_t half_of(int64_t count) { return static_cast<int32_t>((count + 1) / 2); }
