@@ -68,6 +68,17 @@ struct weights_ahead {
 };
 constexpr int64_t kLine = 64;  // bytes; two in every turn of the loop, or four
 
+// Asks for a turn's lines. Where the next turn's begin.
+[[gnu::always_inline]] inline const char* ask(const char* line, bool hurried) {
+  _mm_prefetch(line, _MM_HINT_T1);
+  _mm_prefetch(line + kLine, _MM_HINT_T1);
+  line += 2 * kLine;
+  if (!hurried) return line;
+  _mm_prefetch(line, _MM_HINT_T1);
+  _mm_prefetch(line + kLine, _MM_HINT_T1);
+  return line + 2 * kLine;
+}
+
 // Blocks vectors of OB output channels from oc on.
 template <int OB, int Blocks>
 struct tiles {
@@ -88,6 +99,21 @@ struct tiles {
         const float* place = from + b * block * (OB / kBlock) + i * kBlock;
         sum[b][i] = lanes::add(sum[b][i], zyn_load_blocks<OB>(place, block));
       }
+    }
+  }
+
+  // A tile's sums to their places.
+  template <int Pixels>
+  [[gnu::always_inline]] void finish(typename zyn_block_lanes<OB>::type (&sum)[Blocks][Pixels],
+                                     typename zyn_block_lanes<OB>::type floor, float* out,
+                                     int64_t out_block, int64_t pixel) const {
+    using lanes = zyn_block_lanes<OB>;
+    for (const float* sums : l.sums)
+      if (sums) add_sums(sum, sums, pixel);
+    ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
+      ZYN_UNROLL for (int i = 0; i < Pixels; i++)
+          zyn_store_blocks<OB>(out + b * out_block * (OB / kBlock) + i * kBlock, out_block,
+                               lanes::max(floor, sum[b][i]));
     }
   }
 
@@ -118,16 +144,7 @@ struct tiles {
       const float* eight = in + pixel * 8;
       ZYN_UNROLL_BY(kBlocksAtOnce)
       for (int32_t n = in_channels / 8; n > 0; n--, eight += in_plane * 8) {
-        if (more) {
-          _mm_prefetch(line, _MM_HINT_T1);
-          _mm_prefetch(line + kLine, _MM_HINT_T1);
-          if (hurried) {
-            _mm_prefetch(line + 2 * kLine, _MM_HINT_T1);
-            _mm_prefetch(line + 3 * kLine, _MM_HINT_T1);
-            line += 2 * kLine;
-          }
-          line += 2 * kLine;
-        }
+        if (more) line = ask(line, hurried);
         add_inputs<OB, 8>(sum, eight, w);
       }
       int32_t ic = in_channels / 8 * 8;
@@ -136,13 +153,7 @@ struct tiles {
         ic += 4;
       }
       for (; ic < in_channels; ic++) add_inputs<OB, 1>(sum, in + ic * in_plane + pixel, w);
-      for (const float* sums : l.sums)
-        if (sums) add_sums(sum, sums, pixel);
-      ZYN_UNROLL for (int b = 0; b < Blocks; b++) {
-        ZYN_UNROLL for (int i = 0; i < Pixels; i++)
-            zyn_store_blocks<OB>(out + b * out_block * (OB / kBlock) + i * kBlock, out_block,
-                                 lanes::max(floor, sum[b][i]));
-      }
+      finish(sum, floor, out, out_block, pixel);
     }
     ahead->at = line;
   }
